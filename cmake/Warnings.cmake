@@ -1,0 +1,5 @@
+# The project's own code compiles without a warning, with g++ and with clang++.
+add_library(zarip_warnings INTERFACE)
+target_compile_options(zarip_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <type_traits>
+
+namespace zarip::core {
+
+/// Callable interfaces: an `IDelegate0<R>` returns an R, an `IDelegate1<R, A>` takes an A as well, the `IVoid...` forms
+/// return nothing. A delegate is as thread-safe as what it calls.
+template <class R>
+class IDelegate0 {
+public:
+    virtual ~IDelegate0() = default;
+    virtual R Call() = 0;
+
+    /// Whether the delegate is bound to this object; events remove by it.
+    virtual bool Matches(const void* /*object*/) const { return false; }
+};
+
+template <class R, class A>
+class IDelegate1 {
+public:
+    virtual ~IDelegate1() = default;
+    virtual R Call(const A& argument) = 0;
+    virtual bool Matches(const void* /*object*/) const { return false; }
+};
+
+class IVoidDelegate0 {
+public:
+    virtual ~IVoidDelegate0() = default;
+    virtual void Call() = 0;
+    virtual bool Matches(const void* /*object*/) const { return false; }
+};
+
+template <class A>
+class IVoidDelegate1 {
+public:
+    virtual ~IVoidDelegate1() = default;
+    virtual void Call(const A& argument) = 0;
+    virtual bool Matches(const void* /*object*/) const { return false; }
+};
+
+/// Bind an object (*not owned*, must outlive the delegate) and a member function of it. `MakeDelegate` finds the types.
+template <class R, class T, class Method>
+class ObjectMethodDelegate0 final : public IDelegate0<R> {
+public:
+    ObjectMethodDelegate0(T* object, Method method) : _object(object), _method(method) {}
+    R Call() override { return (_object->*_method)(); }
+    bool Matches(const void* object) const override { return object == _object; }
+
+private:
+    T* _object;
+    Method _method;
+};
+
+template <class R, class A, class T, class Method>
+class ObjectMethodDelegate1 final : public IDelegate1<R, A> {
+public:
+    ObjectMethodDelegate1(T* object, Method method) : _object(object), _method(method) {}
+    R Call(const A& argument) override { return (_object->*_method)(argument); }
+    bool Matches(const void* object) const override { return object == _object; }
+
+private:
+    T* _object;
+    Method _method;
+};
+
+template <class T, class Method>
+class VoidObjectMethodDelegate0 final : public IVoidDelegate0 {
+public:
+    VoidObjectMethodDelegate0(T* object, Method method) : _object(object), _method(method) {}
+    void Call() override { (_object->*_method)(); }
+    bool Matches(const void* object) const override { return object == _object; }
+
+private:
+    T* _object;
+    Method _method;
+};
+
+template <class A, class T, class Method>
+class VoidObjectMethodDelegate1 final : public IVoidDelegate1<A> {
+public:
+    VoidObjectMethodDelegate1(T* object, Method method) : _object(object), _method(method) {}
+    void Call(const A& argument) override { (_object->*_method)(argument); }
+    bool Matches(const void* object) const override { return object == _object; }
+
+private:
+    T* _object;
+    Method _method;
+};
+
+namespace internal {
+
+template <class R, class T, class Method>
+auto* NewDelegate0(T* object, Method method) {
+    if constexpr (std::is_void_v<R>) {
+        return new VoidObjectMethodDelegate0<T, Method>(object, method);
+    } else {
+        return new ObjectMethodDelegate0<std::decay_t<R>, T, Method>(object, method);
+    }
+}
+
+template <class R, class A, class T, class Method>
+auto* NewDelegate1(T* object, Method method) {
+    static_assert(!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>,
+                  "a delegate hands its argument on by value or const reference");
+    if constexpr (std::is_void_v<R>) {
+        return new VoidObjectMethodDelegate1<std::decay_t<A>, T, Method>(object, method);
+    } else {
+        return new ObjectMethodDelegate1<std::decay_t<R>, std::decay_t<A>, T, Method>(object, method);
+    }
+}
+
+}  // namespace internal
+
+/// Makes the fitting delegate on the heap (*caller owns*) for a member function, const or not, that takes nothing, an A
+/// or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
+template <class T, class C, class R>
+auto* MakeDelegate(T* object, R (C::*method)()) {
+    return internal::NewDelegate0<R>(object, method);
+}
+
+template <class T, class C, class R>
+auto* MakeDelegate(T* object, R (C::*method)() const) {
+    return internal::NewDelegate0<R>(object, method);
+}
+
+template <class T, class C, class R, class A>
+auto* MakeDelegate(T* object, R (C::*method)(A)) {
+    return internal::NewDelegate1<R, A>(object, method);
+}
+
+template <class T, class C, class R, class A>
+auto* MakeDelegate(T* object, R (C::*method)(A) const) {
+    return internal::NewDelegate1<R, A>(object, method);
+}
+
+}  // namespace zarip::core

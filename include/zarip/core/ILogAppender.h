@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdarg>
+
+#include <zarip/core/Logger.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::core {
+
+/// Where log records go.
+class ZARIP_EXPORT ILogAppender {
+public:
+    /// Writes one record. `args` belongs to this call alone. What it throws is dropped by whoever delivers the record.
+    virtual void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
+                         const char* format, va_list args) const ZARIP_PRINTF(5, 0) = 0;
+
+    virtual ~ILogAppender() = default;
+};
+
+}  // namespace zarip::core

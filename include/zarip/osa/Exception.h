@@ -1,0 +1,46 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+
+/// The root of the library's exceptions: a message and, where somebody set it, a source location.
+///
+/// Constructors never throw: when memory runs out while the message is built, "ERROR: Exception::Exception" goes to
+/// standard output and the object holds what was built so far. One thread at a time.
+class ZARIP_EXPORT Exception : public std::exception {
+public:
+    /// The message of operations that an interface declares and an implementation does not serve: "unimplemented".
+    static const std::string kUnimplemented;
+
+    explicit Exception(const std::string& message);
+
+    /// Builds the message as printf does. Text from outside belongs in the arguments, never in the format.
+    explicit Exception(const char* format, ...) ZARIP_PRINTF(2, 3);
+
+    /// Deliberate: copies the message only, so an exception that was thrown and copied carries no location. Callers that
+    /// log `GetFile()` rely on seeing a location only where they caught the original.
+    Exception(const Exception& other);
+
+    /// Copies message, file and line.
+    Exception& operator=(const Exception& other);
+
+    ~Exception() override;
+
+    const char* what() const noexcept override;
+
+    void SetLocation(const char* file, unsigned int line);
+    const std::string& GetFile() const { return _file; }
+    unsigned int GetLine() const { return _line; }
+    const std::string& ToString() const { return _message; }
+
+private:
+    unsigned int _line = 0;
+    std::string _file;
+    std::string _message;
+};
+
+}  // namespace zarip::osa

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <zarip/osa/Export.h>
+#include <zarip/osa/Mutex.h>
+
+namespace zarip::osa {
+
+/// Counters shared between threads, guarded by a mutex of this object's own. *Thread-safe*.
+class ZARIP_EXPORT InterlockedObj {
+public:
+    InterlockedObj();
+
+    int Increment(int& value) const;
+    int Decrement(int& value) const;
+
+    /// Holds the object's mutex over several operations.
+    void Lock() const ZARIP_ACQUIRE(_mutex);
+    void Unlock() const ZARIP_RELEASE(_mutex);
+
+private:
+    mutable Mutex _mutex;
+};
+
+}  // namespace zarip::osa
