@@ -10,7 +10,9 @@ const std::string Exception::kUnimplemented = "unimplemented";
 
 namespace {
 
-void ReportFailedConstruction() { std::fputs("ERROR: Exception::Exception", stdout); }
+void ReportFailedConstruction() {
+    std::fputs("ERROR: Exception::Exception", stdout);
+}
 
 }  // namespace
 
@@ -56,7 +58,9 @@ Exception& Exception::operator=(const Exception& other) = default;
 
 Exception::~Exception() = default;
 
-const char* Exception::what() const noexcept { return _message.c_str(); }
+const char* Exception::what() const noexcept {
+    return _message.c_str();
+}
 
 void Exception::SetLocation(const char* file, unsigned int line) {
     _file = file != nullptr ? file : "";

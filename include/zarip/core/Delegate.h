@@ -4,8 +4,8 @@
 
 namespace zarip::core {
 
-/// Callable interfaces: an `IDelegate0<R>` returns an R, an `IDelegate1<R, A>` takes an A as well, the `IVoid...` forms
-/// return nothing. A delegate is as thread-safe as what it calls.
+/// Callable interfaces: an `IDelegate0<R>` returns an R, an `IDelegate1<R, A>` takes an A as well, the
+/// `IVoid...` forms return nothing. A delegate is as thread-safe as what it calls.
 template <class R>
 class IDelegate0 {
 public:
@@ -39,7 +39,8 @@ public:
     virtual bool Matches(const void* /*object*/) const { return false; }
 };
 
-/// Bind an object (*not owned*, must outlive the delegate) and a member function of it. `MakeDelegate` finds the types.
+/// Bind an object (*not owned*, must outlive the delegate) and a member function of it. `MakeDelegate` finds
+/// the types.
 template <class R, class T, class Method>
 class ObjectMethodDelegate0 final : public IDelegate0<R> {
 public:
@@ -112,8 +113,8 @@ auto* NewDelegate1(T* object, Method method) {
 
 }  // namespace internal
 
-/// Makes the fitting delegate on the heap (*caller owns*) for a member function, const or not, that takes nothing, an A
-/// or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
+/// Makes the fitting delegate on the heap (*caller owns*) for a member function, const or not, that takes
+/// nothing, an A or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
 template <class T, class C, class R>
 auto* MakeDelegate(T* object, R (C::*method)()) {
     return internal::NewDelegate0<R>(object, method);

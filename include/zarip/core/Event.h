@@ -15,8 +15,8 @@ namespace zarip::core {
 
 namespace internal {
 
-/// What `Event0` and `Event1` share. The list and the depth of nested firings are guarded by the event's mutex, which is
-/// held while delegates run.
+/// What `Event0` and `Event1` share. The list and the depth of nested firings are guarded by the event's
+/// mutex, which is held while delegates run.
 template <class Delegate>
 class EventList {
 public:
@@ -33,8 +33,8 @@ public:
         }
     }
 
-    /// Deletes the delegates that are bound to `object`. Once it has returned none of them runs or will run, unless the
-    /// caller is one of them: then it is deleted when the firing has ended.
+    /// Deletes the delegates that are bound to `object`. Once it has returned none of them runs or will run,
+    /// unless the caller is one of them: then it is deleted when the firing has ended.
     void RemoveDelegate(const void* object) {
         osa::MutexAutoLock lock(&_mutex);
         for (auto& delegate : _delegates) {
@@ -51,7 +51,8 @@ protected:
         osa::MutexAutoLock lock(&_mutex);
         std::exception_ptr failure;
         ++_depth;
-        // Delegates may add to the list (so no iterators) and remove from it (which leaves null until the end).
+        // Delegates may add to the list (so no iterators) and remove from it (which leaves null until the
+        // end).
         for (std::size_t i = 0, end = _delegates.size(); i < end; ++i) {
             if (Delegate* delegate = _delegates[i].get()) {
                 try {
@@ -87,8 +88,9 @@ private:
 
 }  // namespace internal
 
-/// A list of subscribers. *Thread-safe*. The event's own mutex is held while delegates run, so firings of one event take
-/// turns and a delegate that waits for another thread must not wait for one that uses the same event.
+/// A list of subscribers. *Thread-safe*. The event's own mutex is held while delegates run, so firings of one
+/// event take turns and a delegate that waits for another thread must not wait for one that uses the same
+/// event.
 ///
 /// Every delegate is called, also after one has thrown; the first exception then leaves `FireEvent`.
 class Event0 : public internal::EventList<IVoidDelegate0> {

@@ -10,7 +10,8 @@ namespace zarip::core {
 /// Where log records go.
 class ZARIP_EXPORT ILogAppender {
 public:
-    /// Writes one record. `args` belongs to this call alone. What it throws is dropped by whoever delivers the record.
+    /// Writes one record. `args` belongs to this call alone. What it throws is dropped by whoever delivers
+    /// the record.
     virtual void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                          const char* format, va_list args) const ZARIP_PRINTF(5, 0) = 0;
 

@@ -4,7 +4,8 @@
 
 namespace zarip::osa {
 
-/// Counters shared between threads. *Thread-safe*: all of a process take turns on one mutex, "InterlockedMutex".
+/// Counters shared between threads. *Thread-safe*: all of a process take turns on one mutex,
+/// "InterlockedMutex".
 class ZARIP_EXPORT Interlocked {
 public:
     /// Adds one and returns the new value.

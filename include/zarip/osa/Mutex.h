@@ -9,15 +9,16 @@ namespace zarip::osa {
 
 /// A named recursive mutex: its owner may lock it again and releases it as often. *Thread-safe*.
 ///
-/// Time-outs are in milliseconds; 0xFFFFFFFF (-1) waits without limit and 0 does not wait. Deadlines are taken on the
-/// real-time clock; a clock set back does not stretch a wait, since it also ends once the same duration has passed on
-/// the monotonic clock (noticed within a second).
+/// Time-outs are in milliseconds; 0xFFFFFFFF (-1) waits without limit and 0 does not wait. Deadlines are
+/// taken on the real-time clock; a clock set back does not stretch a wait, since it also ends once the same
+/// duration has passed on the monotonic clock (noticed within a second).
 ///
-/// All operations throw `LockException`: "Max recursions reached", "Thread already owns lock" and "UNKNOWN ERROR" with
-/// `LockFailed`, "Lock Error" with `LockInvalid`, "Timeout" with `LockTimeout`.
+/// All operations throw `LockException`: "Max recursions reached", "Thread already owns lock" and "UNKNOWN
+/// ERROR" with `LockFailed`, "Lock Error" with `LockInvalid`, "Timeout" with `LockTimeout`.
 class ZARIP_EXPORT ZARIP_CAPABILITY("mutex") Mutex {
 public:
-    /// @param name  *not owned*: shown in diagnosis, never copied, must outlive the mutex; null means "(unknown)".
+    /// @param name  *not owned*: shown in diagnosis, never copied, must outlive the mutex; null means
+    /// "(unknown)".
     explicit Mutex(const char* name);
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;

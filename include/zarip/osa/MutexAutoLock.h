@@ -9,8 +9,10 @@ class ZARIP_EXPORT ZARIP_SCOPED_CAPABILITY MutexAutoLock {
 public:
     /// @param mutex  *not owned*.
     /// @param timeoutMs  as in `Mutex`.
-    /// @param throwOnTimeout  when false, a wait that ran out builds an object that holds, and later releases, nothing;
-    ///     nothing tells the two cases apart, so this form suits only callers that can go on without the lock.
+    /// @param throwOnTimeout  when false, a wait that ran out builds an object that holds, and later
+    /// releases, nothing;
+    ///     nothing tells the two cases apart, so this form suits only callers that can go on without the
+    ///     lock.
     /// Throws `LockException` "Timeout", `LockTimeout`.
     explicit MutexAutoLock(Mutex* mutex, unsigned int timeoutMs = 0xFFFFFFFFU, bool throwOnTimeout = true)
         ZARIP_ACQUIRE(mutex);

@@ -8,10 +8,11 @@ namespace zarip::osa {
 
 /// Many readers or one writer; a waiting writer keeps new readers out. *Thread-safe*.
 ///
-/// Not recursive: a thread that holds it for reading and asks again while a writer waits blocks for ever. Time-outs are
-/// in milliseconds as in `Mutex`; failures throw `LockException`.
+/// Not recursive: a thread that holds it for reading and asks again while a writer waits blocks for ever.
+/// Time-outs are in milliseconds as in `Mutex`; failures throw `LockException`.
 ///
-/// Internal order: a reader takes `_writeLock`, the mutex, `_readLock`; a writer `_writeLock`, `_readLock`, the mutex.
+/// Internal order: a reader takes `_writeLock`, the mutex, `_readLock`; a writer `_writeLock`, `_readLock`,
+/// the mutex.
 class ZARIP_EXPORT ReadWriteLock {
 public:
     /// @param name  *not owned*: never copied, must outlive the lock.
@@ -25,8 +26,9 @@ public:
     /// Waits for other writers and then for readers, up to `timeoutMs` each.
     void WriteLock(unsigned int timeoutMs = 0xFFFFFFFFU);
 
-    /// Releases either kind. Deliberate: the kind is that of the last lock taken by anybody, not what the calling thread
-    /// holds, so whoever locks must be the one who releases. Throws "No locks" (`LockFailed`) when nothing is held.
+    /// Releases either kind. Deliberate: the kind is that of the last lock taken by anybody, not what the
+    /// calling thread holds, so whoever locks must be the one who releases. Throws "No locks" (`LockFailed`)
+    /// when nothing is held.
     void Release();
 
 private:

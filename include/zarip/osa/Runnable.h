@@ -11,8 +11,8 @@ class ZARIP_EXPORT Runnable {
 public:
     Runnable() = default;
 
-    /// Deliberate: a copy belongs to no thread, while assignment takes over the thread of the source. A body that is
-    /// copied into a container may so be handed to a thread of its own.
+    /// Deliberate: a copy belongs to no thread, while assignment takes over the thread of the source. A body
+    /// that is copied into a container may so be handed to a thread of its own.
     Runnable(const Runnable&) : _thread(nullptr) {}
     Runnable& operator=(const Runnable&) = default;
 

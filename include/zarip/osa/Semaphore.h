@@ -6,8 +6,8 @@
 
 namespace zarip::osa {
 
-/// A named counting semaphore. *Thread-safe*. It may be destroyed as soon as the last waiter has returned, even while the
-/// `Release` that woke it is still on its way out.
+/// A named counting semaphore. *Thread-safe*. It may be destroyed as soon as the last waiter has returned,
+/// even while the `Release` that woke it is still on its way out.
 ///
 /// Time-outs are in milliseconds as in `Mutex`. Failures throw `LockException`.
 class ZARIP_EXPORT Semaphore {
@@ -23,7 +23,8 @@ public:
     /// Takes one unit; false when none became free in time.
     bool TryLock(unsigned int timeoutMs);
 
-    /// Takes one unit; throws "Semaphore::Lock timeout after <timeoutMs>ms" (`LockTimeout`) when none became free.
+    /// Takes one unit; throws "Semaphore::Lock timeout after <timeoutMs>ms" (`LockTimeout`) when none became
+    /// free.
     void Lock(unsigned int timeoutMs = 0xFFFFFFFFU);
 
     /// Gives one unit back; throws "maxCount was reached" (`LockInvalid`) when all units are there already.

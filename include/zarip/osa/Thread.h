@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,14 +20,15 @@ class Runnable;
 
 /// A named POSIX thread that is created suspended and runs a `Runnable` from `Run()` on.
 ///
-/// Priorities stand on one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to -119
-/// (highest) the real-time round-robin class. Values below -119 are passed on unchecked.
+/// Priorities stand on one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to
+/// -119 (highest) the real-time round-robin class. Values below -119 are passed on unchecked.
 ///
-/// The owner stops the runnable and calls `Join()` before it destroys the object: the destructor does neither. A thread
-/// that was never run ends with its object; one that is still running goes on, and its resources are freed when it ends.
+/// The owner stops the runnable and calls `Join()` before it destroys the object: the destructor does
+/// neither. A thread that was never run ends with its object; one that is still running goes on, and its
+/// resources are freed when it ends.
 ///
-/// *Thread-safe*, but for `Join()` and destruction, which belong to the owner. The thread that loads the library is
-/// wrapped in an object named "ZARIP". Failures throw `Exception`.
+/// *Thread-safe*, but for `Join()` and destruction, which belong to the owner. The thread that loads the
+/// library is wrapped in an object named "ZARIP". Failures throw `Exception`.
 class ZARIP_EXPORT Thread {
 public:
     /// Static operations on the calling thread.
@@ -44,8 +46,8 @@ public:
         static signed char GetPriority();
         static void SetPriority(signed char priority);
 
-        /// The object of the calling thread, *not owned*, or null. Deliberate: a foreign thread that asks is entered
-        /// with a null object, so the registry shows which threads have come by.
+        /// The object of the calling thread, *not owned*, or null. Deliberate: a foreign thread that asks is
+        /// entered with a null object, so the registry shows which threads have come by.
         static Thread* ThreadPtr();
     };
 
@@ -56,8 +58,8 @@ public:
     /// @param name  copied; the kernel shows its first 15 characters.
     /// @param runnable  *not owned*, must outlive the thread.
     /// @param stackSize  bytes; at least 65,536, rounded up to a multiple of 4,096; 131,072 are added to it.
-    /// Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard Size failed", "Set Inherit Sched failed",
-    /// "Set Sched Policy failed".
+    /// Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard Size failed", "Set Inherit
+    /// Sched failed", "Set Sched Policy failed".
     Thread(const char* name, Runnable* runnable, unsigned int stackSize, signed char priority);
 
     /// Wraps the calling thread.
@@ -70,18 +72,19 @@ public:
     /// Releases the suspended thread; a second call throws "Invalid Thread Context".
     void Run();
 
-    /// Waits for the end of the thread; returns the result of `pthread_join` (EINVAL when it was joined before).
+    /// Waits for the end of the thread; returns the result of `pthread_join` (EINVAL when it was joined
+    /// before).
     int Join();
 
     /// Sends a signal to the thread; throws "invalid pid" when it has ended and "invalid signal".
     int Signal(int signal);
 
-    /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with an id they
-    /// kept to learn whether they are on their own thread.
+    /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with an
+    /// id they kept to learn whether they are on their own thread.
     pthread_t GetID() const;
 
-    /// Throws "Can't get priority from a different (SCHED_OTHER) thread" for a time-sharing thread that is not the
-    /// caller, "Priority Error" when the system does not tell.
+    /// Throws "Can't get priority from a different (SCHED_OTHER) thread" for a time-sharing thread that is
+    /// not the caller, "Priority Error" when the system does not tell.
     signed char GetPriority() const;
 
     /// Sets class and priority; the nice value only when this object is the calling thread.
@@ -107,7 +110,7 @@ private:
 
     core::Logger* _logger;
     pthread_t _id;
-    bool _started;
+    std::atomic<bool> _started;
     std::shared_ptr<StartRecord> _context;
     unsigned int _stackSize;
     std::string _name;

@@ -1,0 +1,421 @@
+#include "zarip/osa/Thread.h"
+
+#include <cxxabi.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <exception>
+
+#include "zarip/core/Logger.h"
+#include "zarip/osa/Exception.h"
+#include "zarip/osa/MutexAutoLock.h"
+#include "zarip/osa/Runnable.h"
+#include "zarip/osa/Semaphore.h"
+#include "zarip/osa/Signal.h"
+
+namespace zarip::osa {
+
+/// What the object and its thread share; it lives as long as either of them. Everything but the atomics is
+/// set before the thread is released.
+struct Thread::StartRecord {
+    core::Logger* logger = nullptr;
+    /// Taken by the new thread before anything else, given by `Run()` or by the destructor of a thread never
+    /// run.
+    Semaphore start{"Thread::start", 1, 0};
+    Runnable* runnable = nullptr;
+    int priority = 0;
+    std::string name;
+    /// The object, for the thread that asks which one it is; null once the object is gone.
+    std::atomic<Thread*> owner{nullptr};
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> joined{false};
+};
+
+namespace {
+
+constexpr unsigned int kMinStackSize = 65'536;
+constexpr unsigned int kPageSize = 4'096;
+constexpr unsigned int kGuardSize = 131'072;
+constexpr signed char kLowestNicePriority = -20;
+
+// Read once from the system; threads that come first at the same time store the same values.
+std::atomic<int> s_roundRobinMin{-1};
+std::atomic<int> s_roundRobinMax{-1};
+
+int RoundRobinMin() {
+    if (s_roundRobinMin < 0) {
+        s_roundRobinMin = ::sched_get_priority_min(SCHED_RR);
+        s_roundRobinMax = ::sched_get_priority_max(SCHED_RR);
+    }
+    return s_roundRobinMin;
+}
+
+int RoundRobinRange() {
+    const int min = RoundRobinMin();
+    return s_roundRobinMax - min;
+}
+
+bool IsRealTime(int priority) {
+    return priority < kLowestNicePriority;
+}
+
+// Deliberate: a priority below -119 maps beyond the system's range and is handed on, so that a caller gets
+// the strongest that the system accepts, and an unprivileged one keeps running with what it has.
+int ToSystemPriority(int priority) {
+    return RoundRobinMin() - RoundRobinRange() * (priority + 21) / 98;
+}
+
+signed char FromSystemPriority(int priority) {
+    return static_cast<signed char>((RoundRobinMin() - priority) * 98 / RoundRobinRange() - 21);
+}
+
+void SetNiceValue(int priority) {
+    ::setpriority(PRIO_PROCESS, 0, priority);
+}
+
+void SetSchedulingClass(pthread_t thread, int priority) {
+    sched_param parameter{};
+    if (IsRealTime(priority)) {
+        parameter.sched_priority = ToSystemPriority(priority);
+        ::pthread_setschedparam(thread, SCHED_RR, &parameter);
+    } else {
+        ::pthread_setschedparam(thread, SCHED_OTHER, &parameter);
+    }
+}
+
+/// The priority of a thread; `isCaller` says whether its nice value can be asked for.
+signed char PriorityOf(pthread_t thread, bool isCaller) {
+    int policy = 0;
+    sched_param parameter{};
+    if (::pthread_getschedparam(thread, &policy, &parameter) != 0) {
+        throw Exception("Priority Error");
+    }
+    if (policy != SCHED_OTHER) {
+        return FromSystemPriority(parameter.sched_priority);
+    }
+    if (!isCaller) {
+        throw Exception("Can't get priority from a different (SCHED_OTHER) thread");
+    }
+    return static_cast<signed char>(::getpriority(PRIO_PROCESS, 0));
+}
+
+unsigned int RoundStackSize(unsigned int size) {
+    if (size < kMinStackSize) {
+        return kMinStackSize;
+    }
+    return (size + kPageSize - 1) / kPageSize * kPageSize;
+}
+
+void Check(int result, const char* text) {
+    if (result != 0) {
+        throw Exception("%s", text);
+    }
+}
+
+/// Thread attributes for the length of a scope.
+class Attributes {
+public:
+    Attributes(unsigned int stackSize, int priority) {
+        Check(::pthread_attr_init(&_attributes), "Create Thread Error");
+        try {
+            Set(stackSize, priority);
+        } catch (...) {
+            ::pthread_attr_destroy(&_attributes);
+            throw;
+        }
+    }
+    Attributes(const Attributes&) = delete;
+    Attributes& operator=(const Attributes&) = delete;
+    ~Attributes() { ::pthread_attr_destroy(&_attributes); }
+
+    const pthread_attr_t* Get() const { return &_attributes; }
+
+private:
+    void Set(unsigned int stackSize, int priority) {
+        Check(::pthread_attr_setstacksize(&_attributes, std::size_t{stackSize} + kGuardSize),
+              "Set Stack Size failed");
+        Check(::pthread_attr_setguardsize(&_attributes, kGuardSize), "Set Stack Guard Size failed");
+        Check(::pthread_attr_setinheritsched(&_attributes, PTHREAD_EXPLICIT_SCHED),
+              "Set Inherit Sched failed");
+        Check(::pthread_attr_setschedpolicy(&_attributes, IsRealTime(priority) ? SCHED_RR : SCHED_OTHER),
+              "Set Sched Policy failed");
+        sched_param parameter{};
+        parameter.sched_priority = IsRealTime(priority) ? ToSystemPriority(priority) : 0;
+        ::pthread_attr_setschedparam(&_attributes, &parameter);
+    }
+
+    pthread_attr_t _attributes;
+};
+
+/// The record of the calling thread, for threads of this class and the loading thread: finds the object
+/// without a lock.
+thread_local std::atomic<Thread*>* t_owner __attribute__((tls_model("initial-exec"))) = nullptr;
+
+}  // namespace
+
+const char* const Thread::kMainThreadName = "ZARIP";
+
+// Neither of these is ever destroyed: threads that are alive at exit still look here.
+std::map<pthread_t, Thread*>& Thread::s_threads() {
+    static auto* const threads = new std::map<pthread_t, Thread*>;
+    return *threads;
+}
+
+Mutex& Thread::s_threadsLock() {
+    static auto* const lock = new Mutex("Thread::s_threadsLock");
+    return *lock;
+}
+
+Thread* Thread::s_main = [] {
+    auto* const main = new Thread;
+    t_owner = &main->_context->owner;
+    return main;
+}();
+
+Thread::Thread(const char* name, Runnable* runnable, unsigned int stackSize, signed char priority)
+    : _logger(core::Logger::GetLogger(kMainThreadName)),
+      _id(),
+      _started(false),
+      _context(std::make_shared<StartRecord>()),
+      _stackSize(RoundStackSize(stackSize)),
+      _name(name != nullptr ? name : ""),
+      _runnable(runnable) {
+    _context->logger = _logger;
+    _context->runnable = runnable;
+    _context->priority = priority;
+    _context->name = _name;
+    _context->owner = this;
+
+    const MutexAutoLock lock(&s_threadsLock());
+    auto argument = std::make_unique<std::shared_ptr<StartRecord>>(_context);
+    const Attributes attributes(_stackSize, priority);
+    Check(::pthread_create(&_id, attributes.Get(), &Thread::Entry, argument.get()), "Create Thread Error");
+    argument.release();
+    try {
+        s_threads()[_id] = this;
+    } catch (...) {
+        _context->cancelled = true;
+        _context->start.Release();
+        ::pthread_detach(_id);
+        throw;
+    }
+    if (_runnable != nullptr) {
+        _runnable->_thread = this;
+    }
+}
+
+Thread::Thread()
+    : _logger(core::Logger::GetLogger(kMainThreadName)),
+      _id(::pthread_self()),
+      _started(true),
+      _context(std::make_shared<StartRecord>()),
+      _stackSize(0),
+      _name(kMainThreadName),
+      _runnable(nullptr) {
+    _context->logger = _logger;
+    _context->name = _name;
+    _context->owner = this;
+    const MutexAutoLock lock(&s_threadsLock());
+    s_threads()[_id] = this;
+}
+
+Thread::~Thread() {
+    _context->owner = nullptr;
+    try {
+        const MutexAutoLock lock(&s_threadsLock());
+        // The system may have given the id to a younger thread by now; then the entry is that thread's.
+        const auto entry = s_threads().find(_id);
+        if (entry != s_threads().end() && entry->second == this) {
+            s_threads().erase(entry);
+        }
+    } catch (const std::exception& e) {
+        _logger->Warning("~Thread caught exception: %s", e.what());
+    } catch (...) {
+        _logger->Warning("~Thread caught exception: %s", "unknown");
+    }
+    if (_runnable != nullptr && _runnable->_thread == this) {
+        _runnable->_thread = nullptr;
+    }
+    if (!_started) {
+        _context->cancelled = true;
+        try {
+            _context->start.Release();
+        } catch (...) {
+            // Given already: the thread is on its way.
+        }
+        ::pthread_join(_id, nullptr);
+    } else if (_stackSize != 0 && !_context->joined) {
+        ::pthread_detach(_id);
+    }
+}
+
+void* Thread::Entry(void* argument) {
+    std::shared_ptr<StartRecord> record;
+    {
+        const std::unique_ptr<std::shared_ptr<StartRecord>> handed(
+            static_cast<std::shared_ptr<StartRecord>*>(argument));
+        record = *handed;
+    }
+    record->start.Lock();
+    if (record->cancelled) {
+        return nullptr;
+    }
+    t_owner = &record->owner;
+    if (!IsRealTime(record->priority)) {
+        SetNiceValue(record->priority);
+    }
+    ::prctl(PR_SET_NAME, record->name.c_str());
+    try {
+        record->runnable->Run();
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit: the body ends in its own way
+    } catch (const std::exception& e) {
+        record->logger->Error("Unhandled exception from thread entry point: %s", e.what());
+        record->logger->Error("Application will terminate");
+        throw;
+    } catch (...) {
+        record->logger->Error("Unhandled exception from thread entry point: %s", "unknown");
+        record->logger->Error("Application will terminate");
+        throw;
+    }
+    t_owner = nullptr;
+    return nullptr;
+}
+
+const Thread::StartRecord& Thread::Context() const {
+    if (!_context) {
+        throw Exception("Invalid Thread Context");
+    }
+    return *_context;
+}
+
+void Thread::Run() {
+    if (!_context || _started.exchange(true)) {
+        throw Exception("Invalid Thread Context");
+    }
+    _context->start.Release();
+}
+
+int Thread::Join() {
+    Context();
+    if (_context->joined.exchange(true)) {
+        return EINVAL;
+    }
+    int result;
+    do {
+        result = ::pthread_join(_id, nullptr);
+    } while (result == EINTR);
+    if (result != 0) {
+        _context->joined = false;
+    }
+    return result;
+}
+
+int Thread::Signal(int signal) {
+    const int result = Context().joined ? ESRCH : ::pthread_kill(_id, signal);
+    if (result == ESRCH) {
+        throw Exception("invalid pid");
+    }
+    if (result == EINVAL) {
+        throw Exception("invalid signal");
+    }
+    return result;
+}
+
+pthread_t Thread::GetID() const {
+    Context();
+    return ::pthread_self();
+}
+
+signed char Thread::GetPriority() const {
+    if (Context().joined) {
+        throw Exception("Priority Error");
+    }
+    return PriorityOf(_id, ::pthread_equal(_id, ::pthread_self()) != 0);
+}
+
+void Thread::SetPriority(signed char priority) {
+    if (Context().joined) {
+        return;
+    }
+    SetSchedulingClass(_id, priority);
+    if (IsRealTime(priority)) {
+        return;
+    }
+    if (::pthread_equal(_id, ::pthread_self()) != 0) {
+        SetNiceValue(priority);
+    } else {
+        _logger->Debug("Can't set priority from a different (SCHED_OTHER) thread");
+    }
+}
+
+unsigned int Thread::GetStackSize() const {
+    Context();
+    return _stackSize;
+}
+
+unsigned int Thread::GetMinStackSize() const {
+    return kMinStackSize;
+}
+
+const std::string& Thread::GetName() const {
+    Context();
+    return _name;
+}
+
+void Thread::CurrentThread::MicroSleep(unsigned int microseconds) {
+    timespec duration{};
+    duration.tv_sec = static_cast<time_t>(microseconds / 1'000'000);
+    duration.tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1'000;
+    if (::nanosleep(&duration, nullptr) == 0) {
+        return;
+    }
+    switch (errno) {
+        case EFAULT:
+            throw Exception("big deal");
+        case EINVAL:
+            throw Exception("invalid input");
+        case EINTR:
+            // Deliberate: the number is always 2, whatever signal came. Callers take it as "interrupted", no
+            // more.
+            throw osa::Signal(2);
+        default:
+            throw Exception("unknown error");
+    }
+}
+
+void Thread::CurrentThread::Sleep(unsigned int milliseconds) {
+    MicroSleep(milliseconds * 1000U);
+}
+
+void Thread::CurrentThread::Yield() {
+    ::sched_yield();
+}
+
+signed char Thread::CurrentThread::GetPriority() {
+    return PriorityOf(::pthread_self(), true);
+}
+
+void Thread::CurrentThread::SetPriority(signed char priority) {
+    SetSchedulingClass(::pthread_self(), priority);
+    if (!IsRealTime(priority)) {
+        SetNiceValue(priority);
+    }
+}
+
+Thread* Thread::CurrentThread::ThreadPtr() {
+    if (t_owner != nullptr) {
+        if (Thread* const owner = *t_owner) {
+            return owner;
+        }
+    }
+    const MutexAutoLock lock(&s_threadsLock());
+    return s_threads()[::pthread_self()];
+}
+
+}  // namespace zarip::osa
