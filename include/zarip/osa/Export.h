@@ -3,7 +3,7 @@
 /// Marks what the library exports; everything else stays hidden inside it.
 #define ZARIP_EXPORT __attribute__((visibility("default")))
 
-/// Has the compiler check a printf-style format (parameter number `text`) against the arguments from `first` on;
-/// `first` is 0 where the arguments come as a va_list. Both count from 1, and a member function's `this` is
-/// number 1.
+/// Has the compiler check a printf-style format (parameter number `text`) against the arguments from `first`
+/// on; `first` is 0 where the arguments come as a va_list. Both count from 1, and a member function's `this`
+/// is number 1.
 #define ZARIP_PRINTF(text, first) __attribute__((format(printf, text, first)))

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <memory>
+
+#include <zarip/core/Delegate.h>
+#include <zarip/msgbus/IMessageHandler.h>
+#include <zarip/msgbus/IMsgBus.h>
+#include <zarip/msgbus/MsgBusMsg.h>
+#include <zarip/msgbus/MsgBusMsgArgumentReader.h>
+
+namespace zarip::msgbus {
+
+/// Handlers that read no or one argument, call a delegate and, where it returns something, send that in a
+/// reply. An argument or result may be a record: a type with `operator>>` on a reader and `operator<<` on a
+/// message.
+///
+/// They *take ownership* of the delegate, which is *called on MsgBusListenThread*. Arguments beyond those
+/// read are ignored; missing or wrong ones throw the reader's exception, which becomes the error reply.
+
+namespace internal {
+
+template <class R>
+void Reply(const MsgBusMsg& call, IMsgBus& bus, const R& result) {
+    if (call.IsExpectingResponse()) {
+        const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
+        *reply << result;
+        bus.SendReply(*reply);
+    }
+}
+
+template <class A>
+A ReadArgument(const MsgBusMsg& message) {
+    A argument{};
+    MsgBusMsgArgumentReader reader(message);
+    reader >> argument;
+    return argument;
+}
+
+}  // namespace internal
+
+template <class R>
+class MessageHandler0 final : public IMessageHandler {
+public:
+    explicit MessageHandler0(core::IDelegate0<R>* delegate) : _delegate(delegate) {}
+    void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) override {
+        internal::Reply<R>(message, bus, _delegate->Call());
+    }
+    Kind GetKind() const override { return kMethodCalls; }
+
+private:
+    std::unique_ptr<core::IDelegate0<R>> _delegate;
+};
+
+template <class R, class A>
+class MessageHandler1 final : public IMessageHandler {
+public:
+    explicit MessageHandler1(core::IDelegate1<R, A>* delegate) : _delegate(delegate) {}
+    void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) override {
+        internal::Reply<R>(message, bus, _delegate->Call(internal::ReadArgument<A>(message)));
+    }
+    Kind GetKind() const override { return kMethodCalls; }
+
+private:
+    std::unique_ptr<core::IDelegate1<R, A>> _delegate;
+};
+
+/// Sends no reply, also where the caller expects one: what returns nothing is one-way.
+class VoidMessageHandler0 final : public IMessageHandler {
+public:
+    explicit VoidMessageHandler0(core::IVoidDelegate0* delegate, Kind kind = kBoth)
+        : _delegate(delegate), _kind(kind) {}
+    void HandleMessage(const MsgBusMsg& /*message*/, IMsgBus& /*bus*/) override { _delegate->Call(); }
+    Kind GetKind() const override { return _kind; }
+
+private:
+    std::unique_ptr<core::IVoidDelegate0> _delegate;
+    Kind _kind;
+};
+
+template <class A>
+class VoidMessageHandler1 final : public IMessageHandler {
+public:
+    explicit VoidMessageHandler1(core::IVoidDelegate1<A>* delegate, Kind kind = kBoth)
+        : _delegate(delegate), _kind(kind) {}
+    void HandleMessage(const MsgBusMsg& message, IMsgBus& /*bus*/) override {
+        _delegate->Call(internal::ReadArgument<A>(message));
+    }
+    Kind GetKind() const override { return _kind; }
+
+private:
+    std::unique_ptr<core::IVoidDelegate1<A>> _delegate;
+    Kind _kind;
+};
+
+}  // namespace zarip::msgbus

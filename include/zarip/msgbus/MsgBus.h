@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <zarip/msgbus/IMsgBus.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::msgbus {
+
+/// The process's connection to the system bus, private to this object. *Thread-safe*.
+///
+/// Threads: "DBusWatcher" waits for the bus and reads; "MsgBusListenThread" (from `StartServer` on) runs the
+/// handlers.
+/// `_busMutex` guards the connection and is held while handlers run.
+///
+/// The environment variable DBUS_SYSTEM_BUS_ADDRESS overrides the address; it is read once in a process. The
+/// bus library ignores SIGPIPE for the whole process.
+class ZARIP_EXPORT MsgBus final : public IMsgBus {
+public:
+    /// Throws "dbus_bus_get_private failed: <reason>", "dbus_bus_get_private returned NULL", "pipe failed".
+    MsgBus();
+    MsgBus(const MsgBus&) = delete;
+    MsgBus& operator=(const MsgBus&) = delete;
+
+    /// Stops the threads, hands the last one-way messages to the bus (for a second at the most), gives up its
+    /// names and closes the connection. Not to be called by a handler of this connection.
+    ~MsgBus() override;
+
+    void SendMsg(const MsgBusMsg& message) override;
+    void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) override;
+    void SendReply(const MsgBusMsg& message) override;
+    void StartServer() override;
+    void StartServer(unsigned int stackSize, signed char priority) override;
+    void StopServer() override;
+    void StopServer(bool wait) override;
+    void RegisterDestinationName(const std::string& name) override;
+    void UnregisterDestinationName(const std::string& name) override;
+    bool IsRunning() const override;
+    void RegisterMessageHandler(const std::string& member, const std::string& interface,
+                                IMessageHandler* handler) override;
+    void UnregisterMessageHandler(IMessageHandler* handler) override;
+
+private:
+    class MsgBusImpl;
+    std::unique_ptr<MsgBusImpl> _impl;
+};
+
+}  // namespace zarip::msgbus

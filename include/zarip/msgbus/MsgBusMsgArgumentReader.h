@@ -1,0 +1,55 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::msgbus {
+
+class MsgBusMsg;
+
+/// Reads the arguments of a message, from the first on. *One thread at a time.*
+///
+/// The reader keeps what it reads alive and may outlive the `MsgBusMsg`. Each read throws `osa::Exception`
+/// "MsgBusMsg argument missing (expected type 'x')" or "MsgBusMsg argument mismatch (expected type 'x' but
+/// found type 'y')" with the bus's type codes, and then leaves target and position as they were.
+class ZARIP_EXPORT MsgBusMsgArgumentReader {
+public:
+    explicit MsgBusMsgArgumentReader(const MsgBusMsg& message);
+
+    /// The copy goes on from the same position, independently.
+    MsgBusMsgArgumentReader(const MsgBusMsgArgumentReader& other);
+    MsgBusMsgArgumentReader& operator=(const MsgBusMsgArgumentReader&) = delete;
+    ~MsgBusMsgArgumentReader();
+
+    MsgBusMsgArgumentReader& operator>>(bool& value);
+    MsgBusMsgArgumentReader& operator>>(unsigned char& value);
+    MsgBusMsgArgumentReader& operator>>(short& value);
+    MsgBusMsgArgumentReader& operator>>(unsigned short& value);
+    MsgBusMsgArgumentReader& operator>>(int& value);
+    MsgBusMsgArgumentReader& operator>>(unsigned int& value);
+    MsgBusMsgArgumentReader& operator>>(long long& value);
+    MsgBusMsgArgumentReader& operator>>(unsigned long long& value);
+    MsgBusMsgArgumentReader& operator>>(double& value);
+    MsgBusMsgArgumentReader& operator>>(std::string& value);
+
+    /// These replace the content of the target.
+    MsgBusMsgArgumentReader& operator>>(std::deque<bool>& value);
+    MsgBusMsgArgumentReader& operator>>(std::vector<unsigned char>& value);
+    MsgBusMsgArgumentReader& operator>>(std::vector<int>& value);
+    MsgBusMsgArgumentReader& operator>>(std::vector<unsigned int>& value);
+    MsgBusMsgArgumentReader& operator>>(std::vector<double>& value);
+
+    /// Deliberate: the strings are put behind those already there, so that callers can gather several lists
+    /// in one.
+    MsgBusMsgArgumentReader& operator>>(std::vector<std::string>& value);
+
+private:
+    struct State;
+    std::unique_ptr<State> _state;
+};
+
+}  // namespace zarip::msgbus
