@@ -20,7 +20,7 @@ public:
     MessageHandlerCollection(const MessageHandlerCollection&) = delete;
     MessageHandlerCollection& operator=(const MessageHandlerCollection&) = delete;
 
-    /// Once it has returned no handler runs any more, unless the caller is one of them.
+    /// Once it has returned no handler runs any more. Not to be called by one of the handlers.
     ~MessageHandlerCollection();
 
     /// Registers the handler; *takes ownership*, also when this throws.

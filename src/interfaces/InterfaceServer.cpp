@@ -1,0 +1,24 @@
+#include "zarip/interfaces/InterfaceServer.h"
+
+#include "zarip/msgbus/IMsgBus.h"
+
+namespace zarip::interfaces {
+
+InterfaceServer::InterfaceServer(msgbus::IMsgBus* bus, const char* busName)
+    : InterfaceServer(bus, std::string(busName)) {}
+
+InterfaceServer::InterfaceServer(msgbus::IMsgBus* bus, const std::string& busName)
+    : _bus(bus), _busName(busName) {
+    _bus->RegisterDestinationName(_busName);
+}
+
+InterfaceServer::~InterfaceServer() {
+    try {
+        _bus->UnregisterDestinationName(_busName);
+    } catch (...) {
+        // The name goes with the connection at the latest.
+    }
+    _bus = nullptr;
+}
+
+}  // namespace zarip::interfaces

@@ -1,0 +1,89 @@
+#include "msgbus/DBusText.h"
+
+#include <dbus/dbus.h>
+
+#include <cstdint>
+#include <cstring>
+
+namespace zarip::msgbus {
+
+namespace {
+
+/// ASCII, which nearly all text on this bus is, needs no decoding: eight bytes at a time.
+bool IsAscii(const char* text, std::size_t length) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+    std::uint64_t seen = 0;
+    std::size_t i = 0;
+    for (; i + sizeof(std::uint64_t) <= length; i += sizeof(std::uint64_t)) {
+        std::uint64_t block = 0;
+        std::memcpy(&block, text + i, sizeof(block));
+        seen |= block;
+    }
+    for (; i < length; ++i) {
+        seen |= static_cast<unsigned char>(text[i]);
+    }
+    return (seen & kHighBits) == 0;
+}
+
+/// The length of the UTF-8 sequence at `text`, 0 when there is none; `end` is where the text ends.
+std::size_t SequenceLength(const char* text, const char* end) {
+    const auto lead = static_cast<unsigned char>(*text);
+    std::size_t length = 1;
+    if (lead >= 0xF0) {
+        length = 4;
+    } else if (lead >= 0xE0) {
+        length = 3;
+    } else if (lead >= 0x80) {
+        length = 2;
+    }
+    if (length > static_cast<std::size_t>(end - text)) {
+        return 0;
+    }
+    const std::string sequence(text, length);
+    return dbus_validate_utf8(sequence.c_str(), nullptr) != FALSE ? length : 0;
+}
+
+}  // namespace
+
+bool IsValidText(const char* text) {
+    return text != nullptr &&
+           (IsAscii(text, std::strlen(text)) || dbus_validate_utf8(text, nullptr) != FALSE);
+}
+
+std::string ToValidText(const std::string& text) {
+    const std::string cut(text.c_str());
+    if (IsValidText(cut.c_str())) {
+        return cut;
+    }
+    std::string valid;
+    const char* const end = cut.c_str() + cut.size();
+    for (const char* at = cut.c_str(); at != end;) {
+        const std::size_t length = SequenceLength(at, end);
+        if (length == 0) {
+            valid += '?';
+            ++at;
+        } else {
+            valid.append(at, length);
+            at += length;
+        }
+    }
+    return valid;
+}
+
+bool IsValidBusName(const char* name) {
+    return IsValidText(name) && dbus_validate_bus_name(name, nullptr) != FALSE;
+}
+
+bool IsValidPath(const char* path) {
+    return IsValidText(path) && dbus_validate_path(path, nullptr) != FALSE;
+}
+
+bool IsValidInterface(const char* name) {
+    return IsValidText(name) && dbus_validate_interface(name, nullptr) != FALSE;
+}
+
+bool IsValidMember(const char* name) {
+    return IsValidText(name) && dbus_validate_member(name, nullptr) != FALSE;
+}
+
+}  // namespace zarip::msgbus

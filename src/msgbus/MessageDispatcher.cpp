@@ -1,0 +1,87 @@
+#include "msgbus/MessageDispatcher.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "zarip/core/Logger.h"
+#include "zarip/msgbus/IMsgBus.h"
+#include "zarip/msgbus/MsgBusMsg.h"
+#include "zarip/osa/MutexAutoLock.h"
+
+namespace zarip::msgbus {
+
+MessageDispatcher::MessageDispatcher(core::Logger* logger) : _logger(logger) {}
+
+void MessageDispatcher::Add(const std::string& interface, const std::string& member,
+                            IMessageHandler* handler) {
+    auto entry = std::make_shared<Entry>();
+    entry->handler = handler;
+    const osa::MutexAutoLock lock(&_handlerMapMutex);
+    _handlers[Key(interface, member)].push_back(std::move(entry));
+}
+
+std::vector<MessageDispatcher::Key> MessageDispatcher::Remove(const IMessageHandler* handler) {
+    std::vector<Key> removed;
+    const osa::MutexAutoLock lock(&_handlerMapMutex);
+    for (auto place = _handlers.begin(); place != _handlers.end();) {
+        Entries& entries = place->second;
+        const auto first =
+            std::stable_partition(entries.begin(), entries.end(),
+                                  [handler](const auto& entry) { return entry->handler != handler; });
+        for (auto entry = first; entry != entries.end(); ++entry) {
+            (*entry)->removed = true;
+            removed.push_back(place->first);
+        }
+        entries.erase(first, entries.end());
+        place = entries.empty() ? _handlers.erase(place) : std::next(place);
+    }
+    return removed;
+}
+
+bool MessageDispatcher::Dispatch(const MsgBusMsg& message, std::string_view interface,
+                                 std::string_view member, bool isSignal, IMsgBus& bus) {
+    const auto kind = isSignal ? IMessageHandler::kSignals : IMessageHandler::kMethodCalls;
+    Entries takers;
+    {
+        const osa::MutexAutoLock lock(&_handlerMapMutex);
+        const auto place = _handlers.find(std::pair(interface, member));
+        if (place == _handlers.end()) {
+            return false;
+        }
+        for (const auto& entry : place->second) {
+            if ((entry->handler->GetKind() & kind) != 0) {
+                takers.push_back(entry);
+                if (!isSignal) {
+                    break;
+                }
+            }
+        }
+    }
+    bool taken = false;
+    for (const auto& entry : takers) {
+        // A handler that ran before this one may have removed it.
+        taken = (!entry->removed && Run(*entry, message, isSignal, bus)) || taken;
+    }
+    return taken;
+}
+
+bool MessageDispatcher::Run(const Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const {
+    try {
+        entry.handler->HandleMessage(message, bus);
+    } catch (const std::exception& e) {
+        Fail(message, isSignal, bus, e.what());
+    } catch (...) {
+        Fail(message, isSignal, bus, "unknown");
+    }
+    return true;
+}
+
+void MessageDispatcher::Fail(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const {
+    _logger->Error("MessageHandler threw exception: %s", text);
+    if (!isSignal && message.IsExpectingResponse()) {
+        const std::unique_ptr<MsgBusMsg> error(message.MakeErrorMsg(text));
+        bus.SendReply(*error);
+    }
+}
+
+}  // namespace zarip::msgbus

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "zarip/msgbus/IMessageHandler.h"
+#include "zarip/osa/Mutex.h"
+
+namespace zarip::core {
+class Logger;
+}
+
+namespace zarip::msgbus {
+
+/// Maps interface and member to handlers. *Thread-safe*: its own mutex guards the map and is never held while
+/// a handler runs. The connection dispatches one message at a time with its `_busMutex` held, so whoever has
+/// removed a handler and then taken that mutex knows that the handler does not run any more.
+class MessageDispatcher {
+public:
+    /// Interface and member.
+    using Key = std::pair<std::string, std::string>;
+
+    explicit MessageDispatcher(core::Logger* logger);
+
+    /// @param handler  *not owned*.
+    void Add(const std::string& interface, const std::string& member, IMessageHandler* handler);
+
+    /// Removes the handler wherever it stands and returns where that was. A dispatching that has copied its
+    /// list of handlers already passes it by.
+    std::vector<Key> Remove(const IMessageHandler* handler);
+
+    /// Runs the handlers of a message: all that take signals for a signal, the first that takes calls for a
+    /// call. What a handler throws is logged and answers a call that expects a reply. False when nobody takes
+    /// the message.
+    bool Dispatch(const MsgBusMsg& message, std::string_view interface, std::string_view member,
+                  bool isSignal, IMsgBus& bus);
+
+private:
+    struct Entry {
+        IMessageHandler* handler;
+        std::atomic<bool> removed{false};
+    };
+    using Entries = std::vector<std::shared_ptr<Entry>>;
+    struct Less {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A& a, const B& b) const {
+            // Members differ more often than interfaces.
+            const int order = std::string_view(a.second).compare(b.second);
+            return order != 0 ? order < 0 : std::string_view(a.first) < std::string_view(b.first);
+        }
+    };
+
+    bool Run(const Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const;
+    void Fail(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const;
+
+    core::Logger* _logger;
+    osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};
+    std::map<Key, Entries, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
+};
+
+}  // namespace zarip::msgbus

@@ -1,0 +1,139 @@
+#include "msgbus/MsgBusMsgImpl.h"
+
+#include <climits>
+#include <cstring>
+
+#include "msgbus/DBusText.h"
+#include "zarip/osa/Exception.h"
+
+namespace zarip::msgbus {
+
+namespace {
+
+constexpr std::size_t kOverheadOfValue = 8;  // alignment, or a length and a terminating zero
+
+/// An array container that is open for appending; abandoned, so that the message stays whole, unless closed.
+class ArrayContainer {
+public:
+    ArrayContainer(DBusMessage* message, int elementType) {
+        dbus_message_iter_init_append(message, &_outer);
+        const char signature[] = {static_cast<char>(elementType), '\0'};
+        if (dbus_message_iter_open_container(&_outer, DBUS_TYPE_ARRAY, signature, &_inner) == FALSE) {
+            throw osa::Exception("dbus_message_iter_open_container failed");
+        }
+        _open = true;
+    }
+    ArrayContainer(const ArrayContainer&) = delete;
+    ArrayContainer& operator=(const ArrayContainer&) = delete;
+    ~ArrayContainer() {
+        if (_open) {
+            dbus_message_iter_abandon_container(&_outer, &_inner);
+        }
+    }
+
+    DBusMessageIter* Inner() { return &_inner; }
+
+    void Close() {
+        _open = false;
+        if (dbus_message_iter_close_container(&_outer, &_inner) == FALSE) {
+            throw osa::Exception("dbus_messge_iter_close_container failed");
+        }
+    }
+
+private:
+    DBusMessageIter _outer{};
+    DBusMessageIter _inner{};
+    bool _open = false;
+};
+
+[[noreturn]] void ThrowOutOfMemory() {
+    throw osa::Exception("MsgBusMsg: Out of Memory trying to append to msg!");
+}
+
+}  // namespace
+
+MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* message, bool owned) : _message(message), _owned(owned) {
+    if (_message == nullptr) {
+        throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");
+    }
+}
+
+MsgBusMsgImpl::~MsgBusMsgImpl() {
+    if (_owned) {
+        dbus_message_unref(_message);
+    }
+}
+
+void MsgBusMsgImpl::CheckAppend(std::size_t codes) const {
+    if (_message == nullptr) {
+        throw osa::Exception("MsgBusMsg: trying to append to null msg!");
+    }
+    if (_sent) {
+        throw osa::Exception("MsgBusMsg: trying to append to a sent msg!");
+    }
+    if (std::strlen(dbus_message_get_signature(_message)) + codes > DBUS_MAXIMUM_SIGNATURE_LENGTH) {
+        throw osa::Exception("MsgBusMsg: too many arguments!");
+    }
+}
+
+void MsgBusMsgImpl::AppendToMsg(int typeCode, const void* value) {
+    CheckAppend(1);
+    DBusMessageIter end;
+    dbus_message_iter_init_append(_message, &end);
+    if (dbus_message_iter_append_basic(&end, typeCode, value) == FALSE) {
+        ThrowOutOfMemory();
+    }
+    _size += kOverheadOfValue;
+}
+
+void MsgBusMsgImpl::AppendTextToMsg(const char* text) {
+    if (!IsValidText(text)) {
+        throw osa::Exception("MsgBusMsg: text is not valid UTF-8!");
+    }
+    const std::size_t length = std::strlen(text);
+    if (length > DBUS_MAXIMUM_MESSAGE_LENGTH) {
+        ThrowOutOfMemory();
+    }
+    AppendToMsg(DBUS_TYPE_STRING, &text);
+    _size += length;
+}
+
+void MsgBusMsgImpl::AppendArrayToMsg(int elementType, const void* data, std::size_t count,
+                                     std::size_t elementSize) {
+    CheckAppend(2);
+    if (count > DBUS_MAXIMUM_ARRAY_LENGTH / elementSize) {
+        ThrowOutOfMemory();
+    }
+    ArrayContainer array(_message, elementType);
+    if (dbus_message_iter_append_fixed_array(array.Inner(), elementType, &data, static_cast<int>(count)) ==
+        FALSE) {
+        ThrowOutOfMemory();
+    }
+    array.Close();
+    _size += count * elementSize + kOverheadOfValue;
+}
+
+void MsgBusMsgImpl::AppendStringArrayToMsg(const std::vector<std::string>& strings) {
+    CheckAppend(2);
+    std::size_t size = kOverheadOfValue;
+    for (const auto& string : strings) {
+        if (!IsValidText(string.c_str())) {
+            throw osa::Exception("MsgBusMsg: text is not valid UTF-8!");
+        }
+        size += string.size() + kOverheadOfValue;
+    }
+    if (size > DBUS_MAXIMUM_ARRAY_LENGTH) {
+        ThrowOutOfMemory();
+    }
+    ArrayContainer array(_message, DBUS_TYPE_STRING);
+    for (const auto& string : strings) {
+        const char* text = string.c_str();
+        if (dbus_message_iter_append_basic(array.Inner(), DBUS_TYPE_STRING, &text) == FALSE) {
+            ThrowOutOfMemory();
+        }
+    }
+    array.Close();
+    _size += size;
+}
+
+}  // namespace zarip::msgbus
