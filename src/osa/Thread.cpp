@@ -33,6 +33,9 @@ struct Thread::StartRecord {
     /// The object, for the thread that asks which one it is; null once the object is gone.
     std::atomic<Thread*> owner{nullptr};
     std::atomic<bool> cancelled{false};
+    /// Somebody waits in `Join()`, or it has succeeded.
+    std::atomic<bool> joining{false};
+    /// The system may have given the id to another thread.
     std::atomic<bool> joined{false};
 };
 
@@ -273,6 +276,7 @@ void* Thread::Entry(void* argument) {
     try {
         record->runnable->Run();
     } catch (const abi::__forced_unwind&) {
+        t_owner = nullptr;
         throw;  // pthread_exit: the body ends in its own way
     } catch (const std::exception& e) {
         record->logger->Error("Unhandled exception from thread entry point: %s", e.what());
@@ -303,15 +307,17 @@ void Thread::Run() {
 
 int Thread::Join() {
     Context();
-    if (_context->joined.exchange(true)) {
+    if (_context->joining.exchange(true)) {
         return EINVAL;
     }
     int result;
     do {
         result = ::pthread_join(_id, nullptr);
     } while (result == EINTR);
-    if (result != 0) {
-        _context->joined = false;
+    if (result == 0) {
+        _context->joined = true;
+    } else {
+        _context->joining = false;
     }
     return result;
 }
@@ -415,7 +421,9 @@ Thread* Thread::CurrentThread::ThreadPtr() {
         }
     }
     const MutexAutoLock lock(&s_threadsLock());
-    return s_threads()[::pthread_self()];
+    Thread* const entered = s_threads()[::pthread_self()];
+    // The entry of a thread that was joined is of no more use: this is another one that got its id.
+    return entered != nullptr && entered->_context->joined ? nullptr : entered;
 }
 
 }  // namespace zarip::osa

@@ -7,7 +7,8 @@
 
 namespace zarip::core {
 
-/// Where log records go.
+/// Where log records go. An implementation is *thread-safe*, or is reached through one `CompositeAppender`
+/// only, which hands it one record at a time.
 class ZARIP_EXPORT ILogAppender {
 public:
     /// Writes one record. `args` belongs to this call alone. What it throws is dropped by whoever delivers

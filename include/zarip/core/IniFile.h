@@ -1,0 +1,156 @@
+#pragma once
+
+#include <iosfwd>
+#include <map>
+#include <string>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::core {
+
+/// A table of named groups, each a table of text keys and values, read from and written to INI text. *One
+/// thread at a time*; several may read while none changes it.
+///
+/// The text: lines "key = value" below a "[group]" line; those before the first belong to "__GLOBAL__". Lines
+/// that begin with ';' or '#' are comments. A key begins with a letter, a digit, '.', '/' or '\\': a line
+/// with any other is passed over, so a key set under another name is written and not read back. White space
+/// around keys and values goes; quotes stay.
+///
+/// Numbers are written and read with a decimal point whatever the process's locale. Errors are
+/// `osa::Exception`; the texts stand at the functions. A getter that throws leaves everything as it was.
+class ZARIP_EXPORT IniFile {
+public:
+    /// Keys and values.
+    using Group = std::map<std::string, std::string>;
+
+    IniFile();
+
+    /// Loads the file.
+    explicit IniFile(const char* path);
+
+    IniFile(const IniFile& other);
+    IniFile& operator=(const IniFile& other);
+    ~IniFile();
+
+    /// Adds the file's content to what is here; a value that is already here is replaced.
+    /// Throws "Couldn't open file " + path + " for reading", also for what opens and cannot be read, such as
+    /// a folder; what was read before the failure stays.
+    void Load(const char* path);
+    void LoadFromStream(std::istream& stream);
+    void LoadFromString(const std::string& text);
+
+    /// Replaces the file in one step, so that a reader or a power cut meets the old or the new content,
+    /// whole; mode and, where permitted, owner stay. Where the folder cannot be written the file is truncated
+    /// and written in place. Throws "Couldn't open file " + path + " for writing" and, leaving the old file
+    /// unless it was written in place, "Couldn't write file " + path.
+    void Save(const char* path) const;
+
+    /// Each form that saves throws "IniFile: line feed in a group name", "... in a key" or "... in a value"
+    /// and writes nothing where a line feed would start a line of its own. A failed stream is left to the
+    /// caller.
+    void SaveToStream(std::ostream& stream) const;
+    std::string SaveToString() const;
+
+    /// Writes one group under its "[group]" line; a missing one writes nothing.
+    void SaveGroupToStream(std::ostream& stream, const std::string& group) const;
+
+    /// The group, created empty when missing.
+    Group& operator[](const std::string& group);
+
+    /// Throws "no group " + group + " exists in IniFile".
+    const Group& operator[](const std::string& group) const;
+
+    bool HasGroup(const std::string& group) const;
+    void RemoveGroup(const std::string& group);
+    void Clear();
+
+    /// The group becomes exactly `values`.
+    void OverwriteGroup(const std::string& group, const Group& values);
+
+    /// Sets every key of `values`, creating the group; its other keys stay.
+    void MergeGroup(const std::string& group, const Group& values);
+    static void MergeGroups(Group& destination, const Group& source);
+
+    /// Merges every group of `other`, or the one named; a group that `other` lacks changes nothing.
+    void MergeSettings(const IniFile& other);
+    void MergeSettings(const IniFile& other, const std::string& group);
+
+    /// Whether every group of `other` is here and holds each of its keys with an equal value.
+    bool ContainsSettings(const IniFile& other) const;
+
+    bool HasValue(const std::string& group, const std::string& key) const;
+
+    /// Looks in "__GLOBAL__".
+    bool HasValue(const std::string& key) const;
+    static bool GroupHasValue(const Group& group, const std::string& key);
+
+    /// Throws "no group " + group + " exists in IniFile" or "no value " + key + " exists in group " + group.
+    const std::string& GetValue(const std::string& group, const std::string& key) const;
+
+    /// `out` changes only when the value exists.
+    bool TryGetValue(std::string& out, const std::string& group, const std::string& key) const;
+    static bool TryGetValueFromGroup(std::string& out, const Group& group, const std::string& key);
+
+    /// The value, or an empty text that lives as long as this object.
+    const std::string& GetValueOrDefault(const std::string& group, const std::string& key) const;
+    std::string GetValueOrDefault(const std::string& group, const std::string& key,
+                                  const std::string& fallback) const;
+
+    /// Throws "no value " + key + " exists in group". Deliberate: nothing follows the last word, since a
+    /// group alone does not know its name; callers tell the two failures apart by it.
+    static const std::string& GetValueFromGroup(const Group& group, const std::string& key);
+
+    /// The typed getters fetch as `GetValue` and `GetValueFromGroup` do and throw "value " + key + " must be
+    /// a valid " + "integer", "double" or "boolean" for a value that is none. Those with a default return it
+    /// when the key or the group is missing, and throw like the others when the value is there and does not
+    /// convert. Integers are decimal; "true", "1", "false" and "0" are booleans, in upper or lower case;
+    /// white space around any of them is allowed.
+    int GetInt(const std::string& group, const std::string& key) const;
+    double GetDouble(const std::string& group, const std::string& key) const;
+    bool GetBool(const std::string& group, const std::string& key) const;
+    static int GetIntFromGroup(const Group& group, const std::string& key);
+    static double GetDoubleFromGroup(const Group& group, const std::string& key);
+    static bool GetBoolFromGroup(const Group& group, const std::string& key);
+
+    int GetIntOrDefault(const std::string& group, const std::string& key, int fallback) const;
+    double GetDoubleOrDefault(const std::string& group, const std::string& key, double fallback) const;
+    bool GetBoolOrDefault(const std::string& group, const std::string& key, bool fallback) const;
+    static int GetIntOrDefaultFromGroup(const Group& group, const std::string& key, int fallback);
+    static double GetDoubleOrDefaultFromGroup(const Group& group, const std::string& key, double fallback);
+    static bool GetBoolOrDefaultFromGroup(const Group& group, const std::string& key, bool fallback);
+
+    /// Setters create the group. Doubles are stored with six significant digits, booleans as "true" or
+    /// "false".
+    void SetValue(const std::string& group, const std::string& key, const std::string& value);
+    void SetInt(const std::string& group, const std::string& key, int value);
+    void SetDouble(const std::string& group, const std::string& key, double value);
+    void SetBool(const std::string& group, const std::string& key, bool value);
+    static void SetIntToGroup(Group& group, const std::string& key, int value);
+    static void SetDoubleToGroup(Group& group, const std::string& key, double value);
+    static void SetBoolToGroup(Group& group, const std::string& key, bool value);
+
+    /// A group as a list: stores the value under "0" in an empty group, else under the key that
+    /// `GetNextKeyName` puts behind the group's greatest one.
+    void ValueListAppend(const std::string& group, const std::string& value);
+    void ValueListAppendUnique(const std::string& group, const std::string& value);
+    bool ValueListContains(const std::string& group, const std::string& value) const;
+
+    /// The text behind the last '#' of a group's name; throws "Group name " + group + " does not contain a
+    /// '#' character".
+    static std::string GetGroupIndexStr(const std::string& group);
+
+    /// Throws that and "Group index " + text + " is not a valid integer".
+    static int GetGroupIndex(const std::string& group);
+
+    /// Advances the key like an odometer over 0-9, A-Z, a-z of constant length. Deliberate: a key that cannot
+    /// advance (empty, all 'z', or with another character behind which only 'z' stand) gets '0' appended,
+    /// (sqrt(8 * length + 1) + 1) / 2 of them: "" becomes "0", "z" "z00", "zzz" "zzz000". So generated keys
+    /// sort in the order in which they were made.
+    static void GetNextKeyName(std::string& key);
+
+private:
+    std::map<std::string, Group> _groups;
+    std::string _empty;
+};
+
+}  // namespace zarip::core

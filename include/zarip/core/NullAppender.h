@@ -1,0 +1,17 @@
+#pragma once
+
+#include <zarip/core/ILogAppender.h>
+
+namespace zarip::core {
+
+/// Discards everything. *Thread-safe*.
+class ZARIP_EXPORT NullAppender : public ILogAppender {
+public:
+    NullAppender();
+    ~NullAppender() override;
+
+    void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName, const char* format,
+                 va_list args) const override ZARIP_PRINTF(5, 0);
+};
+
+}  // namespace zarip::core

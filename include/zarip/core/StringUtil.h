@@ -1,0 +1,108 @@
+#pragma once
+
+#include <iosfwd>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::core {
+
+/// Operations on text, byte by byte. *Thread-safe*. White space is what `std::isspace` says. Numbers are read
+/// as in the classic locale, whatever the process's. A `TryParse` that returns false leaves its output alone.
+class ZARIP_EXPORT StringUtil {
+public:
+    /// The default of `maxParts`: no limit that text can reach.
+    static constexpr unsigned int kMaxParts = 178956970;
+
+    static bool StartsWith(const std::string& text, const std::string& prefix);
+    static bool EndsWith(const std::string& text, const std::string& suffix);
+
+    /// The part from `pos` of at most `length` bytes, ending early at a zero byte, without white space at
+    /// both ends. Throws `osa::Exception` "StringUtil::Strip: pos out of range" when `pos` is greater than
+    /// the text's length.
+    static std::string Strip(const std::string& text, unsigned int pos = 0,
+                             unsigned int length = 0xFFFFFFFFU);
+
+    /// The text behind the first `begin` and before the next `end`, without white space at both ends. An
+    /// empty marker stands for the text's own begin or end; one that is not found gives an empty text.
+    static std::string Strip(const std::string& text, const std::string& begin, const std::string& end);
+
+    static void ToLower(std::string& text);
+    static void ToUpper(std::string& text);
+
+    /// The characters of `text`. Deliberate: the second argument is never used, an empty text stays empty;
+    /// callers print the result as it is.
+    static const char* ToCStr(const std::string& text, const char* fallback);
+
+    /// Replaces every `from`, left to right, and goes on behind each inserted `to`. An empty `from` does
+    /// nothing.
+    static void Replace(std::string& text, const std::string& from, const std::string& to);
+
+    /// Replaces each character that has an entry by its text.
+    static void Escape(std::string& text, const std::map<char, std::string>& table);
+    static void Escape(std::string& text, char character, const std::string& replacement);
+
+    /// Quote, ampersand, apostrophe, less-than and greater-than become entities.
+    static void EscapeForXml(std::string& text);
+
+    /// Decodes percent escapes ("%41"); incomplete ones stay. Text behind a decoded zero byte is lost.
+    static void UrlDecode(std::string& text);
+
+    /// Shell wildcards: '*' and '?' match any character, '/' and a leading '.' included; "[a-z]" matches one
+    /// of a class.
+    static bool MatchesPattern(const std::string& pattern, const std::string& text);
+
+    /// Appends the pieces between any of the delimiter characters; empty ones are kept, and an empty text is
+    /// one empty piece. At most `maxParts` - 1 cuts are made, the rest is the last piece; `maxParts` 0
+    /// appends nothing.
+    static void Split(std::vector<std::string>& out, const std::string& text, const std::string& delimiters,
+                      unsigned int maxParts);
+    static std::vector<std::string> Split(const std::string& text, char delimiter);
+    static std::vector<std::string> Split(const std::string& text, const std::string& delimiters);
+    static std::vector<std::string> Split(const std::string& text, const std::string& delimiters,
+                                          unsigned int maxParts);
+
+    /// The same pieces as a set.
+    static void SetSplit(std::set<std::string>& out, const std::string& text, const std::string& delimiters,
+                         unsigned int maxParts);
+    static std::set<std::string> SetSplit(const std::string& text, char delimiter);
+    static std::set<std::string> SetSplit(const std::string& text, const std::string& delimiters);
+    static std::set<std::string> SetSplit(const std::string& text, const std::string& delimiters,
+                                          unsigned int maxParts);
+
+    /// The elements in their order, with the separator between them.
+    static std::string Join(const std::vector<std::string>& parts, char separator);
+    static std::string Join(const std::vector<std::string>& parts, const std::string& separator);
+    static std::string Join(const std::set<std::string>& parts, char separator);
+    static std::string Join(const std::set<std::string>& parts, const std::string& separator);
+
+    /// "true" or "1", "false" or "0", in any case. All of these allow white space around and nothing else
+    /// beside the value.
+    static bool TryParse(const std::string& text, bool& out);
+
+    /// Decimal, with an optional sign.
+    static bool TryParse(const std::string& text, int& out);
+
+    /// As `int`; -128 to 127.
+    static bool TryParse(const std::string& text, signed char& out);
+
+    /// Decimal, or hexadecimal behind "0x" or "0X"; without a sign.
+    static bool TryParse(const std::string& text, unsigned int& out);
+
+    /// As `unsigned int`; at most 255.
+    static bool TryParse(const std::string& text, unsigned char& out);
+
+    static bool TryParse(const std::string& text, double& out);
+
+    /// Appends everything that remains in the stream.
+    static void ReadToEnd(std::istream& stream, std::string& out);
+
+    /// The whole file. Throws `osa::Exception` "File '" + path + "' does not exist", also for what opens and
+    /// cannot be read, such as a folder.
+    static std::string ReadTextFile(const std::string& path);
+};
+
+}  // namespace zarip::core

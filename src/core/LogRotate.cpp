@@ -1,0 +1,128 @@
+#include "core/LogRotate.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace zarip::core {
+
+namespace {
+
+constexpr int kLineSize = 100;
+
+struct CloseFile {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+/// A second descriptor of a stream's open file, which keeps the file's lock after the stream has been closed.
+class KeptDescriptor {
+public:
+    explicit KeptDescriptor(FILE* file)
+        : _fd(file != nullptr ? ::fcntl(::fileno(file), F_DUPFD_CLOEXEC, 0) : -1) {}
+    KeptDescriptor(const KeptDescriptor&) = delete;
+    KeptDescriptor& operator=(const KeptDescriptor&) = delete;
+    ~KeptDescriptor() {
+        if (_fd >= 0) {
+            ::close(_fd);
+        }
+    }
+
+    void Truncate(off_t size) const {
+        const int result = ::ftruncate(_fd, size);
+        static_cast<void>(result);  // nothing else is left to try
+    }
+
+private:
+    int _fd;
+};
+
+bool IsStillAt(FILE* file, const char* path) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(::fileno(file), &opened) == 0 && ::stat(path, &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+/// Opens for reading and writing, not truncated, and waits until no other process edits the file. One that
+/// has just done so may have put a new file in its place: then that is opened.
+File OpenLocked(const char* path) {
+    for (;;) {
+        File file(std::fopen(path, "r+e"));
+        if (!file) {
+            return file;
+        }
+        while (::flock(::fileno(file.get()), LOCK_EX) != 0 && errno == EINTR) {
+        }
+        if (IsStillAt(file.get(), path)) {
+            return file;
+        }
+    }
+}
+
+bool Flush(FILE* file) {
+    return std::fflush(file) == 0 && ::fsync(::fileno(file)) == 0;
+}
+
+}  // namespace
+
+void EditLogRotateConf(const std::string& logFile, const std::string& owner, const std::string& configuration,
+                       const std::string& temporary) {
+    char marker[kLineSize];
+    char entry[kLineSize];
+    std::snprintf(marker, sizeof marker, "#created by zarip::core::Logger for %s\n", owner.c_str());
+    std::snprintf(entry, sizeof entry, "%s { }\n", logFile.c_str());
+
+    std::string command;
+    File input = OpenLocked(configuration.c_str());
+    const KeptDescriptor kept(input.get());
+    off_t cutAt = -1;
+    File output(std::fopen(temporary.c_str(), "w+e"));
+    if (input && output) {
+        const std::string remove = "rm -rf " + temporary;
+        bool found = false;
+        bool written = true;
+        char line[kLineSize];
+        // Deliberate: a last line without line feed is not copied, and a long one is looked at in pieces. The
+        // file is only ever written in whole lines, so half of one is what is left of a broken edit.
+        while (std::fgets(line, sizeof line, input.get()) != nullptr && std::feof(input.get()) == 0) {
+            written = std::fputs(line, output.get()) >= 0 && written;
+            if (!found && std::strstr(line, owner.c_str()) != nullptr && std::strchr(line, '#') != nullptr) {
+                found = true;
+                written = std::fputs(entry, output.get()) >= 0 && written;
+                if (std::fgets(line, sizeof line, input.get()) == nullptr) {
+                    break;
+                }
+            }
+        }
+        if (found) {
+            written = Flush(output.get()) && std::ferror(input.get()) == 0 && written;
+            // A configuration that was not written whole must not take the place of the one that is.
+            command = written ? "mv " + temporary + " " + configuration : remove;
+        } else {
+            const off_t end = ::fseeko(input.get(), 0, SEEK_END) == 0 ? ::ftello(input.get()) : -1;
+            written = std::fputs(marker, input.get()) >= 0;
+            written = std::fputs(entry, input.get()) >= 0 && written;
+            if (!Flush(input.get()) || !written) {
+                cutAt = end;
+            }
+            command = remove;
+        }
+    }
+    input.reset();
+    output.reset();
+    if (cutAt >= 0) {
+        kept.Truncate(cutAt);  // half an entry would make logrotate refuse the whole file
+    }
+    const int status = std::system(command.c_str());
+    static_cast<void>(status);  // deliberate: a configuration that cannot be edited is no reason to fail
+}
+
+}  // namespace zarip::core

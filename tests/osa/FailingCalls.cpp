@@ -1,0 +1,124 @@
+#include "osa/FailingCalls.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+thread_local FailingCall* t_failing = nullptr;
+thread_local bool t_clockIsAhead = false;
+
+/// The function behind the one that is defined here: the sanitizer's where there is one, else the C
+/// library's.
+template <class Function>
+Function* Behind(Function* sanitizers, const char* name) {
+    if (sanitizers != nullptr) {
+        return sanitizers;
+    }
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+FailingCall::FailingCall(const char* function, int result, std::function<void()> meanwhile)
+    : _function(function), _result(result), _meanwhile(std::move(meanwhile)), _outer(t_failing) {
+    t_failing = this;
+}
+
+FailingCall::~FailingCall() {
+    t_failing = _outer;
+}
+
+const FailingCall* FailingCall::Find(const char* function) {
+    const FailingCall* call = t_failing;
+    while (call != nullptr && std::strcmp(call->_function, function) != 0) {
+        call = call->_outer;
+    }
+    return call;
+}
+
+int FailingCall::Result() const {
+    if (_meanwhile) {
+        _meanwhile();
+    }
+    return _result;
+}
+
+ClockSetBack::ClockSetBack() {
+    t_clockIsAhead = true;
+}
+
+ClockSetBack::~ClockSetBack() {
+    t_clockIsAhead = false;
+}
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+#define CAN_FAIL(function, parameters, arguments)                                                \
+    __attribute__((weak)) int __interceptor_##function parameters;                               \
+    __attribute__((visibility("default"))) int function parameters noexcept {                    \
+        if (const FailingCall* call = FailingCall::Find(#function)) {                            \
+            return call->Result();                                                               \
+        }                                                                                        \
+        static const auto behind = Behind<int parameters>(&__interceptor_##function, #function); \
+        return behind arguments;                                                                 \
+    }
+
+extern "C" {
+
+CAN_FAIL(pthread_mutexattr_settype, (pthread_mutexattr_t * attributes, int kind), (attributes, kind))
+CAN_FAIL(pthread_mutex_init, (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes),
+         (mutex, attributes))
+CAN_FAIL(pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex))
+CAN_FAIL(pthread_cond_init, (pthread_cond_t * condition, const pthread_condattr_t* attributes),
+         (condition, attributes))
+CAN_FAIL(pthread_attr_setstacksize, (pthread_attr_t * attributes, std::size_t size), (attributes, size))
+CAN_FAIL(pthread_attr_setguardsize, (pthread_attr_t * attributes, std::size_t size), (attributes, size))
+CAN_FAIL(pthread_attr_setinheritsched, (pthread_attr_t * attributes, int inherit), (attributes, inherit))
+CAN_FAIL(pthread_attr_setschedpolicy, (pthread_attr_t * attributes, int policy), (attributes, policy))
+CAN_FAIL(pthread_create,
+         (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
+         (thread, attributes, entry, argument))
+CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
+         (thread, policy, parameter))
+
+__attribute__((weak)) int __interceptor_pthread_cond_timedwait(pthread_cond_t* condition,
+                                                               pthread_mutex_t* mutex, const timespec* end);
+__attribute__((visibility("default"))) int pthread_cond_timedwait(pthread_cond_t* condition,
+                                                                  pthread_mutex_t* mutex,
+                                                                  const timespec* end) {
+    if (const FailingCall* call = FailingCall::Find("pthread_cond_timedwait")) {
+        ::pthread_mutex_unlock(mutex);
+        const int result = call->Result();
+        ::pthread_mutex_lock(mutex);
+        return result;
+    }
+    static const auto behind = Behind<decltype(pthread_cond_timedwait)>(&__interceptor_pthread_cond_timedwait,
+                                                                        "pthread_cond_timedwait");
+    return behind(condition, mutex, end);
+}
+
+__attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    if (const FailingCall* call = FailingCall::Find("clock_gettime")) {
+        return call->Result();
+    }
+#ifdef SYS_clock_gettime64
+    constexpr long kClockGetTime = SYS_clock_gettime64;
+#else
+    constexpr long kClockGetTime = SYS_clock_gettime;
+#endif
+    const auto result = static_cast<int>(::syscall(kClockGetTime, clock, time));
+    if (clock == CLOCK_REALTIME && std::exchange(t_clockIsAhead, false)) {
+        time->tv_sec += 3600;
+    }
+    return result;
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)

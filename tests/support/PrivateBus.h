@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace zarip::test {
+
+/// A dbus-daemon of the test program's own, which every connection of the program uses: libdbus looks at the
+/// address once, so there is one for the program, started when it is first asked for and ended with it.
+class PrivateBus {
+public:
+    static PrivateBus& Get();
+
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+    ~PrivateBus();
+
+    const std::string& GetAddress() const { return _address; }
+
+    /// Ends the daemon at once, as a crash would, and waits for its end.
+    void Kill();
+
+    /// Starts it again at the same address; does nothing while it runs.
+    void Start();
+
+    /// Stops and continues the daemon's work.
+    void Freeze();
+    void Thaw();
+
+private:
+    PrivateBus();
+
+    std::string _folder;
+    std::string _address;
+    pid_t _pid = -1;
+};
+
+}  // namespace zarip::test
