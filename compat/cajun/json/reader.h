@@ -1,0 +1,422 @@
+#pragma once
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <istream>
+#include <limits>
+#include <new>
+#include <set>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "elements.h"
+
+namespace json::detail {
+
+[[noreturn]] inline void ThrowBrokenParser() {
+    throw Exception("JSON parser: broken invariant");
+}
+
+}  // namespace json::detail
+
+// A violated assumption of RapidJSON throws; it must not end the process.
+#ifndef RAPIDJSON_ASSERT
+#define RAPIDJSON_ASSERT(condition) ((condition) ? static_cast<void>(0) : ::json::detail::ThrowBrokenParser())
+#endif
+#if defined(__clang__)
+// RapidJSON's stack begins as a null pointer and adds to it, which is harmless but stops a sanitized program.
+#pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
+#endif
+#include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
+#if defined(__clang__)
+#pragma clang attribute pop
+#endif
+
+namespace json {
+
+/// Reads elements from text in UTF-8. The stream is read to its end and must hold one document, at most 200
+/// arrays and objects deep; numbers must fit a double. When reading fails, the element stays as it was.
+class Reader {
+public:
+    /// A place in the text; all three count from 0, columns and offsets in bytes.
+    struct Location {
+        unsigned int m_nLine = 0;
+        unsigned int m_nLineOffset = 0;
+        unsigned int m_nDocOffset = 0;
+    };
+
+    /// The text cannot be divided into tokens: a broken string, number or word, bytes that are not UTF-8.
+    class ScanException : public Exception {
+    public:
+        ScanException(const std::string& message, const Location& error)
+            : Exception(message), m_locError(error) {}
+
+        Location m_locError;
+    };
+
+    /// The tokens make no document, or not one of the kind asked for, or one that names a member twice or is
+    /// nested too deep. The locations are those of the offending token, both at the end of the text when a
+    /// token is missing.
+    class ParseException : public Exception {
+    public:
+        ParseException(const std::string& message, const Location& tokenBegin, const Location& tokenEnd)
+            : Exception(message), m_locTokenBegin(tokenBegin), m_locTokenEnd(tokenEnd) {}
+
+        Location m_locTokenBegin;
+        Location m_locTokenEnd;
+    };
+
+    static void Read(Array& array, std::istream& stream) { ReadAs(array, stream, "["); }
+    static void Read(Object& object, std::istream& stream) { ReadAs(object, stream, "{"); }
+    static void Read(Number& number, std::istream& stream) { ReadAs(number, stream, "-0123456789"); }
+    static void Read(String& string, std::istream& stream) { ReadAs(string, stream, "\""); }
+    static void Read(Boolean& boolean, std::istream& stream) { ReadAs(boolean, stream, "tf"); }
+    static void Read(Null& null, std::istream& stream) { ReadAs(null, stream, "n"); }
+    static void Read(UnknownElement& element, std::istream& stream) {
+        Source source(stream);
+        element = Parse(source);
+    }
+
+private:
+    static constexpr std::size_t kMaxDepth = 200;
+
+    // The whole text, in the form of a RapidJSON input stream: behind the end there are NULs only.
+    class Source {
+    public:
+        using Ch = char;
+
+        explicit Source(std::istream& stream)
+            : _text(ReadAll(stream)), _at(_text.data()), _end(_at + _text.size()) {}
+        Source(const Source&) = delete;
+        Source& operator=(const Source&) = delete;
+
+        Ch Peek() const { return *_at; }  // a string has a NUL at its end
+        Ch Take() { return _at != _end ? *_at++ : '\0'; }
+        std::size_t Tell() const { return static_cast<std::size_t>(_at - _text.data()); }
+
+        // RapidJSON compiles these, but calls them only when it parses in place.
+        Ch* PutBegin() { detail::ThrowBrokenParser(); }
+        void Put(Ch /*c*/) { detail::ThrowBrokenParser(); }
+        std::size_t PutEnd(Ch* /*begin*/) { detail::ThrowBrokenParser(); }
+
+        std::string_view Text() const { return _text; }
+
+        [[noreturn]] void ThrowScan(const std::string& message, std::size_t offset) const {
+            throw ScanException(message, Locate(offset));
+        }
+
+        [[noreturn]] void ThrowParse(const std::string& message, std::size_t begin, std::size_t end) const {
+            throw ParseException(message, Locate(begin), Locate(end));
+        }
+
+        // Whether a token begins with this character; nothing else than white space stands between tokens.
+        static bool StartsToken(char c) {
+            return c != '\0' && std::strchr("[]{},:\"-0123456789tfn", c) != nullptr;
+        }
+
+        std::size_t FindTokenEnd(std::size_t begin) const {
+            if (begin == _text.size()) {
+                return begin;
+            }
+            if (_text[begin] == '"') {
+                std::size_t end = begin + 1;
+                while (end < _text.size() && _text[end] != '"') {
+                    end += _text[end] == '\\' ? 2 : 1;
+                }
+                return std::min(end + 1, _text.size());
+            }
+            const std::size_t end = _text.find_first_of(" \t\r\n[]{},:\"", begin);
+            return std::max(begin + 1, std::min(end, _text.size()));
+        }
+
+        // Where the string begins whose closing quote is the last character taken.
+        std::size_t FindStringBegin() const {
+            std::size_t begin = Tell() - 1;
+            std::size_t backslashes = 0;
+            do {
+                begin = _text.rfind('"', begin - 1);
+                backslashes = begin - 1 - _text.find_last_not_of('\\', begin - 1);
+            } while (begin != 0 && backslashes % 2 != 0);
+            return begin;
+        }
+
+    private:
+        static std::string ReadAll(std::istream& stream) {
+            constexpr std::size_t kFirstRead = 4096;
+            std::string text;
+            std::istream::sentry ready(stream, true);
+            if (ready) {
+                std::size_t used = 0;
+                while (used == text.size()) {
+                    if (used > std::numeric_limits<unsigned int>::max() / 2) {
+                        throw ScanException("Document too long", Location());
+                    }
+                    text.resize(std::max(kFirstRead, 2 * used));
+                    used += static_cast<std::size_t>(
+                        stream.rdbuf()->sgetn(&text[used], static_cast<std::streamsize>(text.size() - used)));
+                }
+                text.resize(used);
+                stream.setstate(std::ios_base::eofbit);
+            }
+            return text;
+        }
+
+        Location Locate(std::size_t offset) const {
+            const std::string_view before = Text().substr(0, offset);
+            const std::size_t lastLineEnd = before.rfind('\n');
+            Location location;
+            location.m_nLine = static_cast<unsigned int>(std::count(before.begin(), before.end(), '\n'));
+            location.m_nLineOffset =
+                static_cast<unsigned int>(lastLineEnd == before.npos ? offset : offset - lastLineEnd - 1);
+            location.m_nDocOffset = static_cast<unsigned int>(offset);
+            return location;
+        }
+
+        const std::string _text;
+        const char* _at;
+        const char* const _end;
+    };
+
+    // Builds the elements in their final places from what RapidJSON reports.
+    class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
+    public:
+        explicit Builder(const Source& source)
+            : _source(source), _hasEscapes(source.Text().find("\\u") != std::string_view::npos) {
+            _levels.reserve(16);
+        }
+
+        UnknownElement TakeRoot() { return std::move(_root); }
+
+        bool Null() { return Add(json::Null()); }
+        bool Bool(bool value) { return Add(Boolean(value)); }
+        bool RawNumber(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+            return Add(Number(ToNumber(text, text + length)));
+        }
+        bool String(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+            CheckSurrogates(text, length);
+            return Add(json::String(std::string(text, length)));
+        }
+
+        bool StartArray() {
+            CheckDepth();
+            Array& array = AddSlot();
+            _levels.emplace_back().array = &array;
+            return true;
+        }
+        bool EndArray(rapidjson::SizeType /*count*/) { return EndLevel(); }
+
+        bool StartObject() {
+            CheckDepth();
+            Object& object = AddSlot();
+            _levels.emplace_back().object = &object;
+            return true;
+        }
+        bool Key(const char* text, rapidjson::SizeType length, bool /*copy*/) {
+            CheckSurrogates(text, length);
+            Level& level = _levels.back();
+            std::list<Object::Member>& members = level.object->_members;
+            const std::string& name = members.emplace_back(std::string(text, length)).name;
+            bool added = true;
+            if (members.size() <= kFewMembers) {
+                added = level.object->Find(name) == std::prev(members.end());
+            } else {
+                // A tree, because an outsider can choose names that all have one hash.
+                if (level.names.empty()) {
+                    for (const Object::Member& member : members) {
+                        added = level.names.insert(member.name).second;
+                    }
+                } else {
+                    added = level.names.insert(name).second;
+                }
+            }
+            if (!added) {
+                _source.ThrowParse("Object member already exists: " + name, _source.FindStringBegin(),
+                                   _source.Tell());
+            }
+            return true;
+        }
+        bool EndObject(rapidjson::SizeType /*count*/) { return EndLevel(); }
+
+    private:
+        static constexpr std::size_t kFewMembers = 16;
+
+        struct Level {
+            Array* array = nullptr;  // this or the object is set
+            Object* object = nullptr;
+            std::set<std::string_view> names;  // all of them, once there are more than a few
+        };
+
+        void CheckDepth() const {
+            if (_levels.size() == kMaxDepth) {
+                _source.ThrowParse("Nesting too deep", _source.Tell(), _source.Tell() + 1);
+            }
+        }
+
+        bool EndLevel() {
+            _levels.pop_back();
+            return true;
+        }
+
+        UnknownElement& AddSlot() {
+            if (_levels.empty()) {
+                return _root;
+            }
+            const Level& level = _levels.back();
+            return level.array != nullptr ? *level.array->Insert(UnknownElement())
+                                          : level.object->_members.back().element;
+        }
+
+        template <class T>
+        bool Add(T value) {
+            AddSlot() = UnknownElement(std::move(value));
+            return true;
+        }
+
+        // RapidJSON has validated the bytes and the first halves of escaped surrogate pairs, not a second
+        // half alone.
+        void CheckSurrogates(const char* text, std::size_t length) const {
+            const char* const end = text + length;
+            for (const char* at = text; _hasEscapes && at != end; ++at) {
+                at = static_cast<const char*>(std::memchr(at, 0xED, static_cast<std::size_t>(end - at)));
+                if (at == nullptr) {
+                    return;
+                }
+                if (static_cast<unsigned char>(at[1]) >= 0xA0) {
+                    _source.ThrowScan(
+                        rapidjson::GetParseError_En(rapidjson::kParseErrorStringUnicodeSurrogateInvalid),
+                        _source.FindStringBegin());
+                }
+            }
+        }
+
+        // RapidJSON has checked the form. Its own conversion is not used, since its sum of exponents can
+        // overflow.
+        double ToNumber(const char* begin, const char* end) const {
+            constexpr std::ptrdiff_t kFewDigits = 15;
+            if (*begin != '-' && end - begin <= kFewDigits &&
+                std::all_of(begin, end, [](char c) { return c >= '0' && c <= '9'; })) {
+                long long integer = 0;
+                std::from_chars(begin, end, integer);
+                return static_cast<double>(integer);
+            }
+            double value = 0.0;
+            if (std::from_chars(begin, end, value).ec == std::errc::result_out_of_range) {
+                if (Magnitude(begin, end) > 0) {
+                    _source.ThrowScan(rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig),
+                                      _source.Tell() - static_cast<std::size_t>(end - begin));
+                }
+                value = *begin == '-' ? -0.0 : 0.0;
+            }
+            return value;
+        }
+
+        // The power of ten of the first digit that is not 0, counted from the point: 2 for 12, -1 for 0.01.
+        static long long Magnitude(const char* begin, const char* end) {
+            const char* const exponentMark =
+                std::find_if(begin, end, [](char c) { return c == 'e' || c == 'E'; });
+            const char* const point = std::find(begin, exponentMark, '.');
+            const char* const first =
+                std::find_if(begin, exponentMark, [](char c) { return c >= '1' && c <= '9'; });
+            long long exponent = 0;
+            if (exponentMark != end) {
+                const char* const digits = exponentMark + (exponentMark[1] == '+' ? 2 : 1);
+                if (std::from_chars(digits, end, exponent).ec == std::errc::result_out_of_range) {
+                    exponent =
+                        *digits == '-' ? std::numeric_limits<int>::min() : std::numeric_limits<int>::max();
+                }
+            }
+            return exponent + (point - first) + (first > point ? 1 : 0);
+        }
+
+        const Source& _source;
+        const bool _hasEscapes;  // of the form \uXXXX
+        UnknownElement _root;
+        std::vector<Level> _levels;
+    };
+
+    // malloc() with the failures that RapidJSON does not look for.
+    class Allocator {
+    public:
+        static constexpr bool kNeedFree = true;
+
+        void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
+        void* Realloc(void* block, std::size_t /*oldSize*/, std::size_t size) {
+            void* const grown = std::realloc(block, size);
+            if (grown == nullptr && size != 0) {
+                throw std::bad_alloc();
+            }
+            return grown;
+        }
+        static void Free(void* block) { std::free(block); }
+    };
+
+    template <class T>
+    static void ReadAs(T& element, std::istream& stream, const char* firstCharacters) {
+        Source source(stream);
+        const std::size_t first = source.Text().find_first_not_of(" \t\r\n");
+        if (first != std::string_view::npos && Source::StartsToken(source.Text()[first]) &&
+            std::strchr(firstCharacters, source.Text()[first]) == nullptr) {
+            source.ThrowParse("The document is of another type", first, source.FindTokenEnd(first));
+        }
+        UnknownElement root = Parse(source);
+        element = std::move(static_cast<T&>(root));
+    }
+
+    static UnknownElement Parse(Source& source) {
+        // Iterative: the depth of the text costs no stack.
+        constexpr unsigned int kFlags = rapidjson::kParseIterativeFlag |
+                                        rapidjson::kParseValidateEncodingFlag |
+                                        rapidjson::kParseNumbersAsStringsFlag;
+        Builder builder(source);
+        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, Allocator> parser;
+        const rapidjson::ParseResult result = parser.Parse<kFlags>(source, builder);
+        if (result.IsError()) {
+            ThrowError(source, result.Code(), result.Offset());
+        }
+        if (source.Tell() != source.Text().size()) {
+            source.ThrowScan("Unexpected character",
+                             source.Tell());  // a NUL, which ends the text for RapidJSON
+        }
+        return builder.TakeRoot();
+    }
+
+    [[noreturn]] static void ThrowError(const Source& source, rapidjson::ParseErrorCode code,
+                                        std::size_t offset) {
+        const std::string_view text = source.Text();
+        const bool atEnd = offset == text.size();
+        switch (code) {
+            case rapidjson::kParseErrorDocumentEmpty:
+            case rapidjson::kParseErrorDocumentRootNotSingular:
+            case rapidjson::kParseErrorObjectMissName:
+            case rapidjson::kParseErrorObjectMissColon:
+            case rapidjson::kParseErrorObjectMissCommaOrCurlyBracket:
+            case rapidjson::kParseErrorArrayMissCommaOrSquareBracket:
+                break;
+            case rapidjson::kParseErrorValueInvalid:
+                // Either a token that is no value, or a word or number that breaks off behind a letter or a
+                // minus.
+                if (offset == 0 || std::strchr("-aeflnrstu", text[offset - 1]) == nullptr) {
+                    break;
+                }
+                [[fallthrough]];
+            default:
+                source.ThrowScan(rapidjson::GetParseError_En(code), offset);
+        }
+        if (atEnd) {
+            source.ThrowParse("Unexpected end of document", offset, offset);
+        }
+        if (!Source::StartsToken(text[offset])) {
+            source.ThrowScan("Unexpected character", offset);
+        }
+        source.ThrowParse(code == rapidjson::kParseErrorDocumentEmpty ? "Unexpected token"
+                                                                      : rapidjson::GetParseError_En(code),
+                          offset, source.FindTokenEnd(offset));
+    }
+};
+
+}  // namespace json
