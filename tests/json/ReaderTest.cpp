@@ -35,7 +35,8 @@ std::string Outcome(const std::string& text) {
         return "scan " + ShowLocation(exception.m_locError);
     } catch (const json::Reader::ParseException& exception) {
         EXPECT_STRNE(exception.what(), "");
-        return "parse " + ShowLocation(exception.m_locTokenBegin) + " " + ShowLocation(exception.m_locTokenEnd);
+        return "parse " + ShowLocation(exception.m_locTokenBegin) + " " +
+               ShowLocation(exception.m_locTokenEnd);
     }
 }
 
