@@ -1,8 +1,10 @@
 # zarip_forwarding_headers(<include dir> <output dir> <header>...)
 #
 # Writes zarip/<namespace>/<Class> for every class that stands at the left margin of a public header, and for the
-# header's own stem; each of them only includes the header.
+# header's own stem; each of them only includes the header. The global property ZARIP_NAMES_<header> holds the
+# names, as in ZARIP_NAMES_zarip/osa/Thread.h.
 function(zarip_forwarding_headers include_dir output_dir)
+  set(written)
   foreach(header IN LISTS ARGN)
     file(RELATIVE_PATH relative ${include_dir} ${header})
     get_filename_component(folder ${relative} DIRECTORY)
@@ -15,9 +17,11 @@ function(zarip_forwarding_headers include_dir output_dir)
       endif()
     endforeach()
     list(REMOVE_DUPLICATES names)
+    set_property(GLOBAL PROPERTY ZARIP_NAMES_${relative} ${names})
     foreach(name IN LISTS names)
       set(text "#include <${relative}>  // IWYU pragma: export\n")
       set(file ${output_dir}/${folder}/${name})
+      list(APPEND written ${file})
       if(EXISTS ${file})
         file(READ ${file} old)
       else()
@@ -29,4 +33,12 @@ function(zarip_forwarding_headers include_dir output_dir)
     endforeach()
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
   endforeach()
+  # Names of classes that are gone are not installed.
+  file(GLOB_RECURSE present ${output_dir}/*)
+  if(written AND present)
+    list(REMOVE_ITEM present ${written})
+  endif()
+  if(present)
+    file(REMOVE ${present})
+  endif()
 endfunction()

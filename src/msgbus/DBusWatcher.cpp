@@ -140,6 +140,10 @@ void DBusWatcher::OnRemove(DBusWatch* watch, void* watcher) {
     self->_watches.erase(std::remove(self->_watches.begin(), self->_watches.end(), watch),
                          self->_watches.end());
     self->UpdateWanted();
+    if (self->_wanted.fd < 0) {
+        // Not later: the bus library closes the descriptor now, and another thread may get its number.
+        self->Set(self->_wanted);
+    }
 }
 
 void DBusWatcher::OnToggle(DBusWatch* /*watch*/, void* watcher) {
@@ -179,7 +183,6 @@ void DBusWatcher::Set(const Interest& interest) {
         ::epoll_ctl(_epoll.Get(), EPOLL_CTL_MOD, interest.fd, &event);
     } else {
         if (_applied.fd >= 0) {
-            // Fails where the bus library has closed it already, which took it out of the set.
             ::epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, _applied.fd, &event);
         }
         if (interest.fd >= 0) {

@@ -244,7 +244,7 @@ TEST(MsgBusMsg, ACopyIsDeep) {
     copy << 2;
     EXPECT_EQ(Signature(message), "i");
     EXPECT_EQ(Signature(copy), "ii");
-    EXPECT_EQ(ErrorOf([] { MsgBusMsg message(static_cast<MsgBusMsgImpl*>(nullptr)); }),
+    EXPECT_EQ(ErrorOf([] { MsgBusMsg adopted(static_cast<MsgBusMsgImpl*>(nullptr)); }),
               "MsgBusMsg: Trying to create msg from null ptr!");
 }
 
@@ -298,10 +298,8 @@ TEST(MsgBusMsgArgumentDumper, TypesThatMessagesDoNotCarryAreUnknownAndNull) {
     dbus_message_iter_append_basic(&inner, DBUS_TYPE_OBJECT_PATH, &path);
     dbus_message_iter_close_container(&end, &inner);
     EXPECT_EQ(MsgBusMsgArgumentDumper(message).AsJson(true),
-              R"([{"type":"unknown(111)","value":null
-},{"type":"unknown(114)","value":null},)"
-              R"({"type":"unknown(111)","value":[null]
-}])");
+              R"j([{"type":"unknown(111)","value":null},{"type":"unknown(114)","value":null},)j"
+              R"j({"type":"unknown(111)","value":[null]}])j");
 }
 
 }  // namespace

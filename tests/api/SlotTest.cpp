@@ -1,0 +1,99 @@
+// The place of each virtual function is part of the library's binary interface: programs that were built with
+// an older version call by it. New functions go behind the last one.
+
+#include <zarip/core/ILogAppender.h>
+#include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/msgbus/IMsgBus.h>
+#include <zarip/osa/Exception.h>
+#include <zarip/osa/IOException.h>
+#include <zarip/osa/LockException.h>
+#include <zarip/osa/Runnable.h>
+#include <zarip/osa/Signal.h>
+#include <zarip/osa/SocketException.h>
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace zarip {
+namespace {
+
+#if defined(__x86_64__)
+
+/// A pointer to a virtual function holds 1 + 8 * slot here, and 0 or an address otherwise.
+template <class Member>
+std::size_t SlotOf(Member member) {
+    std::uintptr_t word = 0;
+    std::memcpy(&word, &member, sizeof word);
+    return word % 8 == 1 ? word / 8 : static_cast<std::size_t>(-1);
+}
+
+struct Interface {
+    const char* name;
+    std::size_t first;  ///< 2 where the destructor comes first: it takes two slots.
+    std::vector<std::size_t> slots;
+};
+
+template <class... Member>
+Interface Table(const char* name, std::size_t first, Member... member) {
+    return {name, first, {SlotOf(member)...}};
+}
+
+TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
+    using Appender = core::ILogAppender;
+    using Bus = msgbus::IMsgBus;
+    using Security = interfaces::ISecurityProvider;
+    const Interface interfaces[] = {
+        Table("Exception", 2, &osa::Exception::what),
+        Table("IOException", 2, &osa::IOException::what),
+        Table("LockException", 2, &osa::LockException::what),
+        Table("SocketException", 2, &osa::SocketException::what),
+        Table("Signal", 2, &osa::Signal::what),
+        Table("Runnable", 2, &osa::Runnable::Run, &osa::Runnable::Stop),
+        Table("ILogAppender", 0, &Appender::AppendV),
+        Table("IMsgBus", 2, &Bus::SendMsg, &Bus::SendMsgWaitForReply, &Bus::SendReply,
+              static_cast<void (Bus::*)()>(&Bus::StartServer),
+              static_cast<void (Bus::*)(unsigned int, signed char)>(&Bus::StartServer),
+              static_cast<void (Bus::*)()>(&Bus::StopServer),
+              static_cast<void (Bus::*)(bool)>(&Bus::StopServer), &Bus::RegisterDestinationName,
+              &Bus::UnregisterDestinationName, &Bus::IsRunning, &Bus::RegisterMessageHandler,
+              &Bus::UnregisterMessageHandler),
+        Table("ISecurityProvider", 2, &Security::Authenticate, &Security::AuthenticateHttp,
+              &Security::AuthenticateWsse, &Security::TestLdap, &Security::Invalidate,
+              &Security::IsAuthenticated, &Security::IsProtected, &Security::GetAllowedPaths,
+              &Security::GetAllowedPermissions, &Security::GetCredentials, &Security::GetExpiration,
+              &Security::Authorize, &Security::Logout, &Security::AllowHttpDigest, &Security::GetNonce,
+              &Security::GetUsers, &Security::AddUsers, &Security::ModifyUsers, &Security::DeleteUsers,
+              &Security::ValidatePassword, &Security::AddPassphrase, &Security::GetPassphrases,
+              &Security::GetPassphrase, &Security::DeletePassphrase),
+    };
+    for (const Interface& interface : interfaces) {
+        for (std::size_t i = 0; i < interface.slots.size(); ++i) {
+            EXPECT_EQ(interface.slots[i], interface.first + i) << interface.name << ", function " << i;
+        }
+    }
+}
+
+TEST(SlotTest, AnAppenderIsDestroyedThroughTheSlotsBehindItsFunction) {
+    // The one interface whose destructor comes last: slots 1 and 2 of the table.
+    struct Appender : core::ILogAppender {
+        void AppendV(core::Logger::LogLevel, const char*, const char*, const char*, va_list) const override {}
+        virtual void Next() {}
+    };
+    EXPECT_EQ(SlotOf(&Appender::Next), 3U);
+}
+
+#else
+
+TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
+    GTEST_SKIP() << "how a pointer to a virtual function looks is known for x86-64 only";
+}
+
+#endif
+
+}  // namespace
+}  // namespace zarip
