@@ -78,17 +78,16 @@ char* PutNumber(char* out, char* end, Number value, int base = 10) {
 /// to vsnprintf: other conversions, null texts, and text that does not fit.
 char* PutSimply(char* out, char* end, const char* format, va_list args) {
     for (;;) {
-        const char* const percent = ::strchrnul(format, '%');
-        const auto literal = static_cast<std::size_t>(percent - format);
-        if (literal > static_cast<std::size_t>(end - out)) {
-            return nullptr;
+        for (; *format != '%'; ++format) {
+            if (*format == '\0') {
+                return out;
+            }
+            if (out == end) {
+                return nullptr;
+            }
+            *out++ = *format;
         }
-        std::memcpy(out, format, literal);
-        out += literal;
-        if (*percent == '\0') {
-            return out;
-        }
-        format = percent + 1;
+        ++format;
         int longs = 0;
         for (; *format == 'l' && longs < 2; ++format) {
             ++longs;
