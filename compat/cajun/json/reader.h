@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <istream>
 #include <limits>
 #include <new>
@@ -99,8 +100,18 @@ private:
         Ch Take() { return _at != _end ? *_at++ : '\0'; }
         std::size_t Tell() const { return static_cast<std::size_t>(_at - _text.data()); }
 
+        // The characters up to the next that may need a look within a string, as taken.
+        std::string_view TakePlain() {
+            const char* const begin = _at;
+            while (*_at >= 0x20 && *_at < 0x7F && *_at != '"' && *_at != '\\') {
+                ++_at;
+            }
+            return {begin, static_cast<std::size_t>(_at - begin)};
+        }
+
         // RapidJSON compiles these, but calls them only when it parses in place.
         Ch* PutBegin() { detail::ThrowBrokenParser(); }
+        void* Push(rapidjson::SizeType /*count*/) { detail::ThrowBrokenParser(); }
         void Put(Ch /*c*/) { detail::ThrowBrokenParser(); }
         std::size_t PutEnd(Ch* /*begin*/) { detail::ThrowBrokenParser(); }
 
@@ -182,8 +193,22 @@ private:
         const char* const _end;
     };
 
+    // UTF-8 that is validated and copied by the run, where nothing speaks against it, instead of by the
+    // character.
+    struct Utf8 : rapidjson::UTF8<> {
+        template <class InputStream, class OutputStream>
+        static bool Validate(InputStream& in, OutputStream& out) {
+            const std::string_view plain = in.TakePlain();
+            if (plain.empty()) {
+                return rapidjson::UTF8<>::Validate(in, out);
+            }
+            std::memcpy(out.Push(static_cast<rapidjson::SizeType>(plain.size())), plain.data(), plain.size());
+            return true;
+        }
+    };
+
     // Builds the elements in their final places from what RapidJSON reports.
-    class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
+    class Builder : public rapidjson::BaseReaderHandler<Utf8, Builder> {
     public:
         explicit Builder(const Source& source)
             : _source(source), _hasEscapes(source.Text().find("\\u") != std::string_view::npos) {
@@ -213,7 +238,9 @@ private:
         bool StartObject() {
             CheckDepth();
             Object& object = AddSlot();
-            _levels.emplace_back().object = &object;
+            Level& level = _levels.emplace_back();
+            level.object = &object;
+            level.firstHash = _hashes.size();
             return true;
         }
         bool Key(const char* text, rapidjson::SizeType length, bool /*copy*/) {
@@ -223,15 +250,17 @@ private:
             const std::string& name = members.emplace_back(std::string(text, length)).name;
             bool added = true;
             if (members.size() <= kFewMembers) {
-                added = level.object->Find(name) == std::prev(members.end());
+                const std::size_t hash = std::hash<std::string>()(name);
+                const auto first = _hashes.begin() + static_cast<std::ptrdiff_t>(level.firstHash);
+                added = std::find(first, _hashes.end(), hash) == _hashes.end() ||
+                        level.object->Find(name) == std::prev(members.end());
+                _hashes.push_back(hash);
+            } else if (!level.names.empty()) {
+                added = level.names.insert(name).second;
             } else {
                 // A tree, because an outsider can choose names that all have one hash.
-                if (level.names.empty()) {
-                    for (const Object::Member& member : members) {
-                        added = level.names.insert(member.name).second;
-                    }
-                } else {
-                    added = level.names.insert(name).second;
+                for (const Object::Member& member : members) {
+                    added = level.names.insert(member.name).second;
                 }
             }
             if (!added) {
@@ -240,14 +269,18 @@ private:
             }
             return true;
         }
-        bool EndObject(rapidjson::SizeType /*count*/) { return EndLevel(); }
+        bool EndObject(rapidjson::SizeType /*count*/) {
+            _hashes.resize(_levels.back().firstHash);
+            return EndLevel();
+        }
 
     private:
-        static constexpr std::size_t kFewMembers = 16;
+        static constexpr std::size_t kFewMembers = 64;
 
         struct Level {
             Array* array = nullptr;  // this or the object is set
             Object* object = nullptr;
+            std::size_t firstHash = 0;         // of the first few names
             std::set<std::string_view> names;  // all of them, once there are more than a few
         };
 
@@ -337,6 +370,7 @@ private:
         const bool _hasEscapes;  // of the form \uXXXX
         UnknownElement _root;
         std::vector<Level> _levels;
+        std::vector<std::size_t> _hashes;  // of the names in all levels
     };
 
     // malloc() with the failures that RapidJSON does not look for.
@@ -373,7 +407,7 @@ private:
                                         rapidjson::kParseValidateEncodingFlag |
                                         rapidjson::kParseNumbersAsStringsFlag;
         Builder builder(source);
-        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, Allocator> parser;
+        rapidjson::GenericReader<Utf8, Utf8, Allocator> parser;
         const rapidjson::ParseResult result = parser.Parse<kFlags>(source, builder);
         if (result.IsError()) {
             ThrowError(source, result.Code(), result.Offset());

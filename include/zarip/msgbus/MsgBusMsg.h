@@ -23,7 +23,7 @@ class MsgBusMsgImpl;
 /// throws "MsgBusMsg: too many arguments!".
 class ZARIP_EXPORT MsgBusMsg {
 public:
-    enum MsgBusMsgType { kSignal = 1, kMethodCall = 2 };
+    enum MsgBusMsgType : int { kSignal = 1, kMethodCall = 2 };
 
     /// Throws "MsgBusMsg: Invalid msg type!", "MsgBusMsg: Creating msg failed!".
     explicit MsgBusMsg(MsgBusMsgType type);

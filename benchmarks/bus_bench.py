@@ -1,0 +1,222 @@
+#!/usr/bin/env python3
+"""Calls and signals through a private bus: this library against raw libdbus, GDBus and sdbus-c++.
+
+The bus, both ends and this driver share one CPU, because a hand-over between two CPUs would cost more than everything
+that is compared here. In each round every pair runs once; tables show medians over the rounds and, as ratios, the
+medians of what a pair took in a round divided by what raw libdbus took in it.
+"""
+
+import argparse
+import contextlib
+import os
+import select
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+# title, library of the client or subscriber, library of the server or sender
+PAIRS = [
+    ("raw libdbus", "raw", "raw"),
+    ("zarip, both ends", "zarip", "zarip"),
+    ("zarip client, raw server", "zarip", "raw"),
+    ("raw client, zarip server", "raw", "zarip"),
+    ("GDBus", "gdbus", "gdbus"),
+    ("sdbus-c++", "sdbus", "sdbus"),
+]
+PATIENCE = 300  # seconds for one answer
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+</busconfig>
+"""
+
+
+class Process:
+    """A program that answers with lines; killed when its block ends."""
+
+    def __init__(self, command, banner=None, errors=None):
+        self._name = " ".join(os.path.basename(word) for word in command)
+        self._child = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, bufsize=0
+        )
+        self.pid = self._child.pid
+        try:
+            first = self.read()
+            if banner is not None and first != banner:
+                raise RuntimeError(f"{self._name}: unexpected answer: {first}")
+        except BaseException:
+            self.__exit__()
+            raise
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._child.kill()
+        self._child.wait()
+        self._child.stdin.close()
+        self._child.stdout.close()
+
+    def read(self):
+        if not select.select([self._child.stdout], [], [], PATIENCE)[0]:
+            raise RuntimeError(f"{self._name}: no answer for {PATIENCE} s")
+        line = self._child.stdout.readline().decode().strip()
+        if not line:
+            raise RuntimeError(f"{self._name}: ended early")
+        return line
+
+    def ask(self, question):
+        self._child.stdin.write((question + "\n").encode())
+        return self.read()
+
+    def cpu(self):
+        """Seconds of CPU that all its threads have used."""
+        cpu_clock_of_process = (~self.pid << 3) | 2
+        return time.clock_gettime(cpu_clock_of_process)
+
+    def resident(self):
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+
+
+@contextlib.contextmanager
+def private_bus():
+    with tempfile.TemporaryDirectory(prefix="zarip-bench-") as folder:
+        config = os.path.join(folder, "bus.conf")
+        socket = os.path.join(folder, "bus")
+        log = os.path.join(folder, "log")
+        with open(config, "w", encoding="utf-8") as file:
+            file.write(BUS_CONFIG.format(socket=socket))
+        command = ["dbus-daemon", f"--config-file={config}", "--nofork", "--print-address"]
+        try:
+            # Its remarks, as that it cannot raise the limit of descriptors, matter only when something fails.
+            with open(log, "wb") as errors, Process(command, errors=errors):
+                os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={socket}"
+                yield
+        except BaseException:
+            with open(log, encoding="utf-8", errors="replace") as errors:
+                sys.stderr.write(errors.read())
+            raise
+
+
+def print_table(title, columns, rows):
+    print(title)
+    width = max(len(row[0]) for row in rows)
+    print("  " + " " * width + "".join(f" {column:>12}" for column in columns))
+    for name, *cells in rows:
+        print(f"  {name:<{width}}" + "".join(f" {cell:>12}" for cell in cells))
+    print(flush=True)
+
+
+def over_rounds(results, baseline):
+    """Pairs of median and median ratio for each kind of figure; results are one tuple of figures a round."""
+    cells = []
+    for figures, limits in zip(zip(*results), zip(*baseline)):
+        ratios = [figure / limit for figure, limit in zip(figures, limits) if limit > 0]
+        cells += [f"{statistics.median(figures):.2f}", f"{statistics.median(ratios):.2f}" if ratios else "-"]
+    return cells
+
+
+class Bench:
+    def __init__(self, programs, quick, rounds):
+        self._programs = programs
+        self._quick = quick
+        self._rounds = rounds or (3 if quick else 9)
+        self._pairs = []
+        for title, client, server in PAIRS:
+            missing = [name for name in {client, server} if not os.path.exists(self._program(name))]
+            if missing:
+                print(f"left out, not built: {title}")
+            else:
+                self._pairs.append((title, client, server))
+        if not self._pairs or self._pairs[0] != PAIRS[0]:
+            sys.exit(f"bus_bench.py: the programs are not in {programs}")
+
+    def _program(self, name):
+        return os.path.join(self._programs, f"zarip-bench-peer-{name}")
+
+    def _peer(self, name, *role):
+        return Process([self._program(name), *role], banner="ready")
+
+    def _in_rounds(self, title, columns, measure):
+        results = [[] for _ in self._pairs]
+        for _ in range(self._rounds):
+            for result, (_, client, server) in zip(results, self._pairs):
+                result.append(measure(client, server))
+        rows = [(pair[0], *over_rounds(result, results[0])) for pair, result in zip(self._pairs, results)]
+        print_table(title, columns, rows)
+
+    def calls(self, size):
+        count = 1000 if self._quick else 5000
+
+        def measure(client, server):
+            with self._peer(server, "serve") as serving, self._peer(client, "call") as calling:
+                calling.ask(f"call {count // 10} {size}")
+                before = serving.cpu()
+                median, client_cpu = map(float, calling.ask(f"call {count} {size}").split())
+                return median, client_cpu, (serving.cpu() - before) * 1e6 / count
+
+        columns = ["p50 us", "ratio", "client CPU", "ratio", "server CPU", "ratio"]
+        self._in_rounds(f"Bus call, string to string, {size} B (CPU in us a call)", columns, measure)
+
+    def signals(self):
+        count = 5000 if self._quick else 50000
+
+        def measure(subscriber, sender):
+            with self._peer(subscriber, "listen", str(count)) as listening, self._peer(sender, "emit") as sending:
+                first = int(sending.ask(f"emit {count}"))
+                return ((int(listening.read()) - first) / 1000 / count,)
+
+        self._in_rounds(f"Bus signals, {count} in a row", ["us a signal", "ratio"], measure)
+
+    def memory(self):
+        early, total = (1000, 20000) if self._quick else (10000, 1000000)
+        rows = []
+        for title, client, server in self._pairs:
+            if "zarip" in (client, server):
+                with self._peer(server, "serve") as serving, self._peer(client, "call") as calling:
+                    calling.ask(f"call {early} 64")
+                    cells = [calling.resident(), serving.resident()]
+                    calling.ask(f"call {total - early} 64")
+                    cells += [calling.resident(), serving.resident()]
+                    rows.append((title, *cells))
+        columns = ["client early", "server early", "client end", "server end"]
+        print_table(f"Memory in KiB after {early} and after {total} calls", columns, rows)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("programs", help="the folder of the zarip-bench-peer-* programs")
+    parser.add_argument("--quick", action="store_true", help="measure less")
+    parser.add_argument("--rounds", type=int, default=0, help="how many, 9 unless given")
+    parser.add_argument("--only", choices=["calls", "signals", "memory"], help="one kind of measurement")
+    options = parser.parse_args()
+
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    bench = Bench(options.programs, options.quick, options.rounds)
+    with private_bus():
+        if options.only in (None, "calls"):
+            bench.calls(64)
+            bench.calls(4096)
+        if options.only in (None, "signals"):
+            bench.signals()
+        if options.only in (None, "memory"):
+            bench.memory()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,121 @@
+// GDBus, the way its manual does it: the client's calls block, the server and the subscriber run a main loop.
+
+#include <gio/gio.h>
+
+#include "Peer.h"
+
+namespace peer {
+namespace {
+
+void Check(const GError* error) {
+    if (error != nullptr) {
+        Fail(error->message);
+    }
+}
+
+GDBusConnection* Connect() {
+    GError* error = nullptr;
+    GDBusConnection* const connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    Check(error);
+    return connection;
+}
+
+// A call of the bus itself, waiting for the answer.
+void CallBus(GDBusConnection* connection, const char* method, GVariant* arguments) {
+    GError* error = nullptr;
+    GVariant* const reply = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+        arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    Check(error);
+    g_variant_unref(reply);
+}
+
+void OwnName(GDBusConnection* connection) {
+    constexpr guint32 kDoNotQueue = 4;
+    CallBus(connection, "RequestName", g_variant_new("(su)", kService, kDoNotQueue));
+}
+
+[[noreturn]] void RunMainLoop() {
+    g_main_loop_run(g_main_loop_new(nullptr, FALSE));
+    Fail("the main loop ended");
+}
+
+void ReplyWithArgument(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                       const gchar* /*interface*/, const gchar* /*method*/, GVariant* arguments,
+                       GDBusMethodInvocation* invocation, gpointer /*data*/) {
+    const gchar* text = nullptr;
+    g_variant_get(arguments, "(&s)", &text);
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
+}
+
+void ReceiveSignal(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                   const gchar* /*interface*/, const gchar* /*signal*/, GVariant* arguments, gpointer data) {
+    gboolean value = FALSE;
+    g_variant_get(arguments, "(b)", &value);
+    (*static_cast<const std::function<void(bool)>*>(data))(value != FALSE);
+}
+
+}  // namespace
+
+void Serve(const std::function<void()>& ready) {
+    GDBusConnection* const connection = Connect();
+    GError* error = nullptr;
+    GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(
+        "<node><interface name='com.brelk.system.security'><method name='GetCredentials'>"
+        "<arg type='s' direction='in'/><arg type='s' direction='out'/></method></interface></node>",
+        &error);
+    Check(error);
+    GDBusInterfaceVTable table{};
+    table.method_call = ReplyWithArgument;
+    g_dbus_connection_register_object(connection, kPath, node->interfaces[0], &table, nullptr, nullptr,
+                                      &error);
+    Check(error);
+    OwnName(connection);
+    ready();
+    RunMainLoop();
+}
+
+std::function<std::string(const std::string&)> MakeCaller() {
+    GDBusConnection* const connection = Connect();
+    return [connection](const std::string& text) {
+        GError* error = nullptr;
+        GVariant* const reply = g_dbus_connection_call_sync(
+            connection, kService, kPath, kService, kMethod, g_variant_new("(s)", text.c_str()),
+            G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+        Check(error);
+        const gchar* answer = nullptr;
+        g_variant_get(reply, "(&s)", &answer);
+        std::string result = answer;
+        g_variant_unref(reply);
+        return result;
+    };
+}
+
+Emitter MakeEmitter() {
+    GDBusConnection* const connection = Connect();
+    OwnName(connection);
+    return {[connection](bool value) {
+                GError* error = nullptr;
+                g_dbus_connection_emit_signal(connection, nullptr, kPath, kService, kSignal,
+                                              g_variant_new("(b)", value ? TRUE : FALSE), &error);
+                Check(error);
+            },
+            [connection] {
+                GError* error = nullptr;
+                g_dbus_connection_flush_sync(connection, nullptr, &error);
+                Check(error);
+            }};
+}
+
+void Listen(const std::function<void()>& ready, const std::function<void(bool)>& receive) {
+    GDBusConnection* const connection = Connect();
+    g_dbus_connection_signal_subscribe(connection, nullptr, kService, kSignal, kPath, nullptr,
+                                       G_DBUS_SIGNAL_FLAGS_NONE, ReceiveSignal,
+                                       const_cast<std::function<void(bool)>*>(&receive), nullptr);
+    // The rule is asked for without waiting; an answered call comes after it.
+    CallBus(connection, "GetId", nullptr);
+    ready();
+    RunMainLoop();
+}
+
+}  // namespace peer

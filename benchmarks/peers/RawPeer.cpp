@@ -1,0 +1,137 @@
+// libdbus as it is, on one thread: what nobody who uses libdbus can undercut.
+
+#include <memory>
+
+#include <dbus/dbus.h>
+
+#include "Peer.h"
+
+namespace peer {
+namespace {
+
+struct Unref {
+    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+};
+using Message = std::unique_ptr<DBusMessage, Unref>;
+
+class Error {
+public:
+    Error() { dbus_error_init(&_error); }
+    Error(const Error&) = delete;
+    Error& operator=(const Error&) = delete;
+    ~Error() { dbus_error_free(&_error); }
+
+    DBusError* Get() { return &_error; }
+    void Check() const {
+        if (dbus_error_is_set(&_error) != 0) {
+            Fail(_error.message);
+        }
+    }
+
+private:
+    DBusError _error;
+};
+
+DBusConnection* Connect() {
+    Error error;
+    DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
+    error.Check();
+    return connection;
+}
+
+const char* ReadText(DBusMessage* message) {
+    Error error;
+    const char* text = nullptr;
+    dbus_message_get_args(message, error.Get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    error.Check();
+    return text;
+}
+
+DBusHandlerResult ReplyWithArgument(DBusConnection* connection, DBusMessage* call, void* /*data*/) {
+    if (dbus_message_is_method_call(call, kService, kMethod) == 0) {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    const char* const text = ReadText(call);
+    const Message reply(dbus_message_new_method_return(call));
+    dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    dbus_connection_send(connection, reply.get(), nullptr);
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+DBusHandlerResult ReceiveSignal(DBusConnection* /*connection*/, DBusMessage* signal, void* data) {
+    if (dbus_message_is_signal(signal, kService, kSignal) == 0) {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    dbus_bool_t value = 0;
+    Error error;
+    dbus_message_get_args(signal, error.Get(), DBUS_TYPE_BOOLEAN, &value, DBUS_TYPE_INVALID);
+    error.Check();
+    (*static_cast<const std::function<void(bool)>*>(data))(value != 0);
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+void OwnName(DBusConnection* connection) {
+    Error error;
+    dbus_bus_request_name(connection, kService, DBUS_NAME_FLAG_DO_NOT_QUEUE, error.Get());
+    error.Check();
+}
+
+[[noreturn]] void Dispatch(DBusConnection* connection) {
+    while (dbus_connection_read_write_dispatch(connection, -1) != 0) {
+    }
+    Fail("the bus is gone");
+}
+
+}  // namespace
+
+void Serve(const std::function<void()>& ready) {
+    DBusConnection* const connection = Connect();
+    DBusObjectPathVTable table{};
+    table.message_function = ReplyWithArgument;
+    dbus_connection_register_object_path(connection, kPath, &table, nullptr);
+    OwnName(connection);
+    ready();
+    Dispatch(connection);
+}
+
+std::function<std::string(const std::string&)> MakeCaller() {
+    DBusConnection* const connection = Connect();
+    return [connection](const std::string& text) -> std::string {
+        const Message call(dbus_message_new_method_call(kService, kPath, kService, kMethod));
+        const char* const argument = text.c_str();
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID);
+        Error error;
+        const Message reply(
+            dbus_connection_send_with_reply_and_block(connection, call.get(), 5000, error.Get()));
+        error.Check();
+        return ReadText(reply.get());
+    };
+}
+
+Emitter MakeEmitter() {
+    DBusConnection* const connection = Connect();
+    OwnName(connection);
+    return {[connection](bool value) {
+                const Message signal(dbus_message_new_signal(kPath, kService, kSignal));
+                const dbus_bool_t argument = value ? 1 : 0;
+                dbus_message_append_args(signal.get(), DBUS_TYPE_BOOLEAN, &argument, DBUS_TYPE_INVALID);
+                dbus_connection_send(connection, signal.get(), nullptr);
+                if (dbus_connection_has_messages_to_send(connection) != 0) {
+                    dbus_connection_flush(connection);
+                }
+            },
+            [connection] { dbus_connection_flush(connection); }};
+}
+
+void Listen(const std::function<void()>& ready, const std::function<void(bool)>& receive) {
+    DBusConnection* const connection = Connect();
+    dbus_connection_add_filter(connection, ReceiveSignal, const_cast<std::function<void(bool)>*>(&receive),
+                               nullptr);
+    Error error;
+    dbus_bus_add_match(connection, kRule, error.Get());
+    error.Check();
+    ready();
+    Dispatch(connection);
+}
+
+}  // namespace peer

@@ -1,0 +1,83 @@
+// This library, as services and their clients use it.
+
+#include <memory>
+
+#include <unistd.h>
+
+#include <zarip/core/Delegate.h>
+#include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/interfaces/InterfaceServer.h>
+#include <zarip/msgbus/MsgBus.h>
+
+#include "Peer.h"
+
+namespace peer {
+namespace {
+
+using zarip::interfaces::InterfaceServer;
+using zarip::interfaces::ISecurityProvider;
+using zarip::msgbus::MsgBus;
+
+class EchoProvider final : public ISecurityProvider {
+public:
+    std::string GetCredentials(const std::string& session) const override { return session; }
+};
+
+struct Service {
+    MsgBus bus;
+    EchoProvider implementation;
+    std::unique_ptr<InterfaceServer> server{ISecurityProvider::CreateServer(&bus, &implementation)};
+};
+
+struct Client {
+    MsgBus bus;
+    std::unique_ptr<ISecurityProvider> provider{ISecurityProvider::CreateClient(&bus)};
+};
+
+class Receiver {
+public:
+    explicit Receiver(const std::function<void(bool)>& receive) : _receive(receive) {}
+    void Receive(const bool& value) { _receive(value); }
+
+private:
+    const std::function<void(bool)>& _receive;
+};
+
+[[noreturn]] void SleepForEver() {
+    for (;;) {
+        pause();
+    }
+}
+
+}  // namespace
+
+void Serve(const std::function<void()>& ready) {
+    Service service;
+    service.bus.StartServer();
+    ready();
+    SleepForEver();
+}
+
+std::function<std::string(const std::string&)> MakeCaller() {
+    const auto client = std::make_shared<Client>();
+    client->bus.StartServer();
+    return [client](const std::string& text) { return client->provider->GetCredentials(text); };
+}
+
+Emitter MakeEmitter() {
+    auto service = std::make_shared<Service>();
+    service->bus.StartServer();
+    return {[service](bool value) { service->implementation.UsersChanged.FireEvent(value); },
+            [] {}};  // what the bus has not taken yet, the connection's own thread sends
+}
+
+void Listen(const std::function<void()>& ready, const std::function<void(bool)>& receive) {
+    Client client;
+    Receiver receiver(receive);
+    client.provider->UsersChanged.AddDelegate(zarip::core::MakeDelegate(&receiver, &Receiver::Receive));
+    client.bus.StartServer();
+    ready();
+    SleepForEver();
+}
+
+}  // namespace peer
