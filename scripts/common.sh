@@ -65,3 +65,12 @@ configure() {
         return 1
     }
 }
+
+# quietly COMMAND...: shows what it prints only if it fails.
+quietly() {
+    local output
+    output=$("$@" 2>&1) || {
+        printf '%s\n' "$output"
+        return 1
+    }
+}
