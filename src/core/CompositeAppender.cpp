@@ -57,17 +57,21 @@ CompositeAppender::Body::Delivery::Delivery(Body* body) ZARIP_NO_THREAD_SAFETY_A
 CompositeAppender::Body::Delivery::~Delivery() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
     --_body->depth;
     std::vector<Entry> dead;
-    try {
-        dead = _body->TakeDead();
-    } catch (...) {
-        // No memory: they go after the next record.
+    if (__builtin_expect(_body->anyDead, false)) {
+        try {
+            dead = _body->TakeDead();
+        } catch (...) {
+            // No memory: they go after the next record.
+        }
     }
     try {
         _body->mutex->Release();
     } catch (...) {
         // Held by this thread, so there is nothing to fail.
     }
-    DeleteOwned(dead);
+    if (__builtin_expect(!dead.empty(), false)) {
+        DeleteOwned(dead);
+    }
 }
 
 void CompositeAppender::Body::LockForFork() ZARIP_NO_THREAD_SAFETY_ANALYSIS {

@@ -1,6 +1,10 @@
 #include "zarip/core/FileAppender.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -17,6 +21,7 @@ namespace {
 /// Enough for nearly every record; a longer one is built on the heap.
 constexpr std::size_t kBufferSize = 1024;
 
+/// A text, right-aligned in a minimum of characters.
 struct Field {
     Field(const char* content, std::size_t minimum)
         : text(content != nullptr ? content : "(null)"),
@@ -36,12 +41,6 @@ struct Field {
     std::size_t padding;
 };
 
-template <std::size_t N>
-char* PutLiteral(char* out, const char (&text)[N]) {
-    std::memcpy(out, text, N - 1);
-    return out + N - 1;
-}
-
 /// "(%5s) %20s [%5s] :: ", built by hand: printf takes three times as long.
 class Prefix {
 public:
@@ -50,21 +49,88 @@ public:
 
     std::size_t Width() const { return _thread.Width() + _logger.Width() + _level.Width() + 10; }
 
-    void Put(char* out) const {
+    char* Put(char* out) const {
         *out++ = '(';
         out = PutLiteral(_thread.Put(out), ") ");
         out = PutLiteral(_logger.Put(out), " [");
-        PutLiteral(_level.Put(out), "] :: ");
+        return PutLiteral(_level.Put(out), "] :: ");
     }
 
 private:
+    template <std::size_t N>
+    static char* PutLiteral(char* out, const char (&text)[N]) {
+        std::memcpy(out, text, N - 1);
+        return out + N - 1;
+    }
+
     Field _thread;
     Field _logger;
     Field _level;
 };
 
+template <class Number>
+char* PutNumber(char* out, char* end, Number value, int base = 10) {
+    const auto result = std::to_chars(out, end, value, base);
+    return result.ec == std::errc() ? result.ptr : nullptr;
+}
+
+/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in a
+/// quarter of its time. Returns the end of the text, which is not zero-terminated, or null for what is left
+/// to vsnprintf: other conversions, null texts, and text that does not fit.
+char* PutSimply(char* out, char* end, const char* format, va_list args) {
+    for (;;) {
+        const char* const percent = ::strchrnul(format, '%');
+        const auto literal = static_cast<std::size_t>(percent - format);
+        if (literal > static_cast<std::size_t>(end - out)) {
+            return nullptr;
+        }
+        std::memcpy(out, format, literal);
+        out += literal;
+        if (*percent == '\0') {
+            return out;
+        }
+        format = percent + 1;
+        int longs = 0;
+        for (; *format == 'l' && longs < 2; ++format) {
+            ++longs;
+        }
+        switch (*format) {
+            case 's': {
+                const char* const text = longs == 0 ? va_arg(args, const char*) : nullptr;
+                const std::size_t length = text != nullptr ? std::strlen(text) : 0;
+                if (text == nullptr || length > static_cast<std::size_t>(end - out)) {
+                    return nullptr;
+                }
+                std::memcpy(out, text, length);
+                out += length;
+                break;
+            }
+            case 'd':
+            case 'i':
+                out = longs == 0   ? PutNumber(out, end, va_arg(args, int))
+                      : longs == 1 ? PutNumber(out, end, va_arg(args, long))
+                                   : PutNumber(out, end, va_arg(args, long long));
+                break;
+            case 'u':
+            case 'x': {
+                const int base = *format == 'x' ? 16 : 10;
+                out = longs == 0   ? PutNumber(out, end, va_arg(args, unsigned int), base)
+                      : longs == 1 ? PutNumber(out, end, va_arg(args, unsigned long), base)
+                                   : PutNumber(out, end, va_arg(args, unsigned long long), base);
+                break;
+            }
+            default:
+                return nullptr;
+        }
+        if (out == nullptr) {
+            return nullptr;
+        }
+        ++format;
+    }
+}
+
 /// Writes and flushes in one piece, between what others print to the stream.
-void WriteRecord(FILE* file, const char* record, std::size_t length) {
+void WriteToStream(FILE* file, const char* record, std::size_t length) {
     struct StreamLock {
         explicit StreamLock(FILE* locked) : stream(locked) { ::flockfile(stream); }
         StreamLock(const StreamLock&) = delete;
@@ -77,8 +143,20 @@ void WriteRecord(FILE* file, const char* record, std::size_t length) {
     ::fflush_unlocked(file);
 }
 
+void WriteToDescriptor(int fd, const char* record, std::size_t length) {
+    while (length > 0) {
+        const ssize_t written = ::write(fd, record, length);
+        if (written > 0) {
+            record += written;
+            length -= static_cast<std::size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
 FILE* OpenForAppending(const char* path) {
-    // "a", and closed in other programs that the process starts
+    // "a", and not inherited by the programs that the process starts.
     FILE* const file = std::fopen(path != nullptr ? path : "", "ae");
     if (file == nullptr) {
         throw osa::Exception(std::string("Failed to open file ") + (path != nullptr ? path : "") +
@@ -89,9 +167,10 @@ FILE* OpenForAppending(const char* path) {
 
 }  // namespace
 
-FileAppender::FileAppender(const char* path) : _file(OpenForAppending(path)), _owned(true) {}
+FileAppender::FileAppender(const char* path)
+    : _file(OpenForAppending(path)), _owned(true), _descriptor(::fileno(_file)) {}
 
-FileAppender::FileAppender(FILE* file, bool owned) : _file(file), _owned(owned) {
+FileAppender::FileAppender(FILE* file, bool owned) : _file(file), _owned(owned), _descriptor(-1) {
     if (_file == nullptr) {
         throw osa::Exception(std::string("pFile") + " must not be NULL");
     }
@@ -108,34 +187,54 @@ void FileAppender::AppendV(Logger::LogLevel level, const char* threadName, const
     const Prefix prefix(threadName, loggerName, Logger::GetLevelString(level));
     const std::size_t prefixWidth = prefix.Width();
     char buffer[kBufferSize];
-    const std::size_t space = prefixWidth < kBufferSize ? kBufferSize - prefixWidth : 0;
-
-    va_list copy;
-    va_copy(copy, args);
-    const int result = std::vsnprintf(space > 0 ? buffer + prefixWidth : nullptr, space, format, copy);
-    va_end(copy);
-    const std::size_t length = result > 0 ? static_cast<std::size_t>(result) : 0;
-
-    if (length < space) {
-        prefix.Put(buffer);
-        buffer[prefixWidth + length] = '\n';
-        WriteRecord(_file, buffer, prefixWidth + length + 1);
-        return;
+    char* const last = buffer + kBufferSize - 1;
+    std::size_t length = 0;
+    if (prefixWidth < kBufferSize) {
+        char* const message = prefix.Put(buffer);
+        va_list copy;
+        va_copy(copy, args);
+        char* end = PutSimply(message, last, format, copy);
+        va_end(copy);
+        if (end == nullptr) {
+            va_copy(copy, args);
+            const auto space = static_cast<std::size_t>(last - message) + 1;
+            length = static_cast<std::size_t>(std::max(std::vsnprintf(message, space, format, copy), 0));
+            va_end(copy);
+            end = length < space ? message + length : nullptr;
+        }
+        if (end != nullptr) {
+            *end = '\n';
+            Write(buffer, static_cast<std::size_t>(end + 1 - buffer));
+            return;
+        }
+    } else {
+        va_list copy;
+        va_copy(copy, args);
+        length = static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, copy), 0));
+        va_end(copy);
     }
+
     const std::unique_ptr<char[]> record(new (std::nothrow) char[prefixWidth + length + 1]);
     if (!record) {
-        if (space > 0) {  // no memory: what fits is better than nothing
-            prefix.Put(buffer);
-            buffer[kBufferSize - 1] = '\n';
-            WriteRecord(_file, buffer, kBufferSize);
+        if (prefixWidth < kBufferSize) {  // no memory: what fits is better than nothing
+            *last = '\n';
+            Write(buffer, kBufferSize);
         }
         return;
     }
-    prefix.Put(record.get());
-    const int again = std::vsnprintf(record.get() + prefixWidth, length + 1, format, args);
-    const std::size_t written = again > 0 ? std::min(static_cast<std::size_t>(again), length) : 0;
-    record[prefixWidth + written] = '\n';
-    WriteRecord(_file, record.get(), prefixWidth + written + 1);
+    char* const message = prefix.Put(record.get());
+    const int again = std::vsnprintf(message, length + 1, format, args);
+    length = std::min(static_cast<std::size_t>(std::max(again, 0)), length);
+    message[length] = '\n';
+    Write(record.get(), prefixWidth + length + 1);
+}
+
+void FileAppender::Write(const char* record, std::size_t length) const {
+    if (_descriptor >= 0) {
+        WriteToDescriptor(_descriptor, record, length);
+    } else {
+        WriteToStream(_file, record, length);
+    }
 }
 
 StdoutAppender::StdoutAppender() : FileAppender(stdout, false) {}

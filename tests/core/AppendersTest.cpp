@@ -133,6 +133,37 @@ TEST(FileAppenderTest, LongRecordsAreNotCut) {
     EXPECT_EQ(folder.Read("log"), expected);
 }
 
+void ExpectAsPrintf(const char* format, ...) ZARIP_PRINTF(1, 2);
+void ExpectAsPrintf(const char* format, ...) {
+    const TempDir folder;
+    char expected[2048];
+    va_list args;
+    va_start(args, format);
+    va_list copy;
+    va_copy(copy, args);
+    std::vsnprintf(expected, sizeof expected, format, copy);
+    va_end(copy);
+    FileAppender(folder.File("log").c_str()).AppendV(Logger::kError, "t", "l", format, args);
+    va_end(args);
+    EXPECT_EQ(folder.Read("log"), std::string("(    t)                    l [ERROR] :: ") + expected + "\n");
+}
+
+// Simple conversions do not go through printf.
+TEST(FileAppenderTest, FormatsAsPrintfDoes) {
+    const char* const volatile none = nullptr;
+    ExpectAsPrintf("%d,%i,%u,%x", INT_MIN, INT_MAX, UINT_MAX, 0xABCDEFU);
+    ExpectAsPrintf("%ld %li %lu %lx", LONG_MIN, LONG_MAX, ULONG_MAX, ULONG_MAX);
+    ExpectAsPrintf("%lld %lli %llu %llx", LLONG_MIN, LLONG_MAX, ULLONG_MAX, 0ULL);
+    ExpectAsPrintf("%d%s%d", 0, "", -1);
+    ExpectAsPrintf("%s", none);
+    ExpectAsPrintf("%s and %ls", "narrow", L"wide");
+    ExpectAsPrintf("%d %s %5d|%-5s|%05u|%+d|%.2s|%#x|%X|%o", 1, "then", 2, "x", 3U, 4, "cut", 5U, 0xABU, 8U);
+    ExpectAsPrintf("%s %zu %hhd %c %p %f %g %%", "rest", sizeof(int), 300, 'x', "", 1.5, 1e9);
+    ExpectAsPrintf("%s%d", std::string(975, 'x').c_str(), 12345678);
+    ExpectAsPrintf("%s%d", std::string(975, 'x').c_str(), 123456789);
+    ExpectAsPrintf("%d%s", 1, std::string(984, 'x').c_str());
+}
+
 TEST(FileAppenderTest, OwnedStreamsAreClosedAndOthersStay) {
     const TempDir folder;
     EXPECT_EQ(MessageOf([&] { FileAppender(folder.File("no/log").c_str()); }),

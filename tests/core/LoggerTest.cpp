@@ -326,7 +326,7 @@ TEST(LoggerTest, ForkedChildCanLog) {
     });
     Logger::AddAppender(&forking, false);
     const pid_t self = ::getpid();
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20 && !HasFailure(); ++i) {
         const bool within = i % 2 == 0;
         const pid_t child = within ? 0 : ::fork();
         if (within) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 
 #include <zarip/core/ILogAppender.h>
@@ -28,8 +29,13 @@ public:
                  va_list args) const override ZARIP_PRINTF(5, 0);
 
 private:
+    void Write(const char* record, std::size_t length) const;
+
     FILE* _file;
     bool _owned;
+    /// Of a file opened here, whose stream nobody else can print to: records go past it. -1 for a given
+    /// stream.
+    int _descriptor;
 };
 
 }  // namespace zarip::core
