@@ -8,8 +8,10 @@ medians of what a pair took in a round divided by what raw libdbus took in it.
 
 import argparse
 import contextlib
+import ctypes
 import os
 import select
+import signal
 import statistics
 import subprocess
 import sys
@@ -45,13 +47,25 @@ BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 """
 
 
+_LIBC = ctypes.CDLL(None)
+
+
+def _die_with_the_driver():
+    _LIBC.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
 class Process:
-    """A program that answers with lines; killed when its block ends."""
+    """A program that answers with lines; killed when its block ends, or the driver."""
 
     def __init__(self, command, banner=None, errors=None):
         self._name = " ".join(os.path.basename(word) for word in command)
         self._child = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, bufsize=0
+            command,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=errors,
+            bufsize=0,
+            preexec_fn=_die_with_the_driver,
         )
         self.pid = self._child.pid
         try:

@@ -28,7 +28,7 @@ as_root() {
 install_missing() {
     local package missing=()
     for package in "$@"; do
-        if ! dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
+        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
             missing+=("$package")
         fi
     done
@@ -62,6 +62,15 @@ configure() {
     fi
     cmake --preset "$preset" -B "$folder" "$@" >"$folder.log" 2>&1 || {
         cat "$folder.log"
+        return 1
+    }
+}
+
+# quietly COMMAND...: shows what it prints only if it fails.
+quietly() {
+    local output
+    output=$("$@" 2>&1) || {
+        printf '%s\n' "$output"
         return 1
     }
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -56,56 +57,110 @@ unsigned int ToFlags(std::uint32_t events) {
     return flags;
 }
 
+bool AddTo(const osa::UniqueFd& set, const osa::UniqueFd& descriptor) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = descriptor.Get();
+    return ::epoll_ctl(set.Get(), EPOLL_CTL_ADD, descriptor.Get(), &event) == 0;
+}
+
 }  // namespace
 
 DBusWatcher::DBusWatcher(core::Logger* logger, ReadyHandler ready)
-    : _logger(logger), _ready(std::move(ready)), _epoll(::epoll_create1(EPOLL_CLOEXEC)) {
+    : _logger(logger),
+      _ready(std::move(ready)),
+      _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      _watcherSet(::epoll_create1(EPOLL_CLOEXEC)),
+      _listenerSet(::epoll_create1(EPOLL_CLOEXEC)) {
     int ends[2] = {-1, -1};
     const int result = ::pipe2(ends, O_CLOEXEC | O_NONBLOCK);
     _commandRead = osa::UniqueFd(ends[0]);
     _commandWrite = osa::UniqueFd(ends[1]);
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = _commandRead.Get();
-    if (result != 0 || ::epoll_ctl(_epoll.Get(), EPOLL_CTL_ADD, _commandRead.Get(), &event) != 0) {
+    if (result != 0 || !AddTo(_watcherSet, _commandRead) || !AddTo(_listenerSet, _wake)) {
         throw osa::Exception("pipe failed");
     }
 }
 
 void DBusWatcher::Run() {
     _logger->Debug("Run thread started");
-    while (!_stopped) {
-        epoll_event events[2];
-        const int count = ::epoll_wait(_epoll.Get(), events, 2, -1);
-        if (count < 0 && errno != EINTR) {
-            _logger->Error("select returned -1");
-            break;
-        }
-        for (int i = 0; i < count && !_stopped; ++i) {
-            if (events[i].data.fd == _commandRead.Get()) {
-                ReadCommands();
-            } else {
-                _ready(ToFlags(events[i].events));
+    try {
+        while (!_stopped) {
+            bool commanded = false;
+            const unsigned int flags = WaitIn(_watcherSet, _commandRead, commanded);
+            if (commanded) {
+                ReadCommand();
+            }
+            if (flags != 0 && !_stopped) {
+                _ready(flags);
             }
         }
+    } catch (const std::exception& e) {
+        _logger->Error("%s", e.what());
     }
     _logger->Debug("Run thread shutting down");
 }
 
 void DBusWatcher::Stop() {
-    // A full pipe wakes the thread as well, and the flag tells why.
+    // The pipe only wakes the thread: one that is full has woken it already.
     _stopped = true;
     while (::write(_commandWrite.Get(), &kQuit, 1) < 0 && errno == EINTR) {
     }
 }
 
-void DBusWatcher::ReadCommands() {
+void DBusWatcher::ReadCommand() {
     char command = '\0';
     if (::read(_commandRead.Get(), &command, 1) != 1) {
         _logger->Error("read pipe failed");
     } else if (command != kQuit) {
         _logger->Error("unknown command %c", command);
     }
+}
+
+unsigned int DBusWatcher::Wait() {
+    bool woken = false;
+    const unsigned int flags = WaitIn(_listenerSet, _wake, woken);
+    if (woken) {
+        eventfd_t ignored = 0;
+        ::eventfd_read(_wake.Get(), &ignored);
+    }
+    return flags;
+}
+
+void DBusWatcher::Wake() {
+    ::eventfd_write(_wake.Get(), 1);
+}
+
+unsigned int DBusWatcher::WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& interrupt,
+                                 bool& interrupted) {
+    epoll_event events[2];
+    const int count = ::epoll_wait(set.Get(), events, 2, -1);
+    if (count < 0 && errno != EINTR) {
+        throw osa::Exception("select returned -1");
+    }
+    unsigned int flags = 0;
+    for (int i = 0; i < count; ++i) {
+        if (events[i].data.fd == interrupt.Get()) {
+            interrupted = true;
+        } else {
+            flags |= ToFlags(events[i].events);
+        }
+    }
+    return flags;
+}
+
+void DBusWatcher::GiveAway() {
+    MoveTo(_listenerSet);
+}
+
+void DBusWatcher::TakeBack() {
+    MoveTo(_watcherSet);
+}
+
+void DBusWatcher::MoveTo(const osa::UniqueFd& set) {
+    const Interest interest = _applied;
+    Set({-1, 0});
+    _set = &set;
+    Set(interest);
 }
 
 void DBusWatcher::Attach(DBusConnection* connection) {
@@ -180,13 +235,13 @@ void DBusWatcher::Set(const Interest& interest) {
     event.events = interest.events;
     event.data.fd = interest.fd;
     if (interest.fd == _applied.fd) {
-        ::epoll_ctl(_epoll.Get(), EPOLL_CTL_MOD, interest.fd, &event);
+        ::epoll_ctl(_set->Get(), EPOLL_CTL_MOD, interest.fd, &event);
     } else {
         if (_applied.fd >= 0) {
-            ::epoll_ctl(_epoll.Get(), EPOLL_CTL_DEL, _applied.fd, &event);
+            ::epoll_ctl(_set->Get(), EPOLL_CTL_DEL, _applied.fd, &event);
         }
         if (interest.fd >= 0) {
-            ::epoll_ctl(_epoll.Get(), EPOLL_CTL_ADD, interest.fd, &event);
+            ::epoll_ctl(_set->Get(), EPOLL_CTL_ADD, interest.fd, &event);
         }
     }
     _applied = interest;

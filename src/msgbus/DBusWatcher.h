@@ -17,12 +17,14 @@ class Logger;
 
 namespace zarip::msgbus {
 
-/// Keeps the watches of a connection and waits for its descriptor on the thread "DBusWatcher".
+/// Keeps the watches of a connection and waits for its descriptor: on its own thread, "DBusWatcher", or on
+/// the listen thread in its stead, which saves a change of threads for each message that arrives.
 ///
 /// The bus library adds, removes and toggles watches with its own lock held, so `_watchMutex` guards the list
-/// alone and nothing is called under it. All functions but `Run` and `Stop` are called with the connection's
-/// `_busMutex` held. What changes in the list takes effect at `Apply`, which the holder calls before it lets
-/// go of the connection: a watch that is switched on and off again meanwhile costs no system call.
+/// alone and nothing is called under it. All functions but those of the first group are called with the
+/// connection's `_busMutex` held. What changes in the list takes effect at `Apply`, which the holder calls
+/// before it lets go of the connection: a watch that is switched on and off again meanwhile costs no system
+/// call.
 class DBusWatcher final : public osa::Runnable {
 public:
     /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags.
@@ -31,15 +33,28 @@ public:
     /// Throws "pipe failed".
     DBusWatcher(core::Logger* logger, ReadyHandler ready);
 
+    // Without any lock.
+
     void Run() override;
     void Stop() override;
+
+    /// The listen thread's wait: until the descriptor is ready, which returns DBUS_WATCH_... flags for
+    /// `Handle`, or until `Wake`, which returns 0.
+    unsigned int Wait();
+    void Wake();
+
+    // With `_busMutex`.
+
+    /// Has the listen thread wait from now on; `TakeBack` ends that.
+    void GiveAway();
+    void TakeBack();
 
     void Attach(DBusConnection* connection);
     void Detach(DBusConnection* connection);
 
     void Apply();
 
-    /// While paused the thread does not wait for the descriptor, because somebody else reads it. Pauses nest.
+    /// While paused nobody is woken by the descriptor, because a waiting call reads it. Pauses nest.
     void Pause();
     void Resume();
 
@@ -58,7 +73,9 @@ private:
     void UpdateWanted() ZARIP_REQUIRES(_watchMutex);
     bool Has(DBusWatch* watch);
     std::vector<DBusWatch*> GetWatches();
-    void ReadCommands();
+    void ReadCommand();
+    unsigned int WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& interrupt, bool& interrupted);
+    void MoveTo(const osa::UniqueFd& set);
 
     /// What the descriptor is watched for: a descriptor of -1 for nothing.
     struct Interest {
@@ -70,9 +87,13 @@ private:
 
     core::Logger* _logger;
     ReadyHandler _ready;
-    osa::UniqueFd _epoll;
     osa::UniqueFd _commandRead;
     osa::UniqueFd _commandWrite;
+    osa::UniqueFd _wake;
+    // The epoll sets of the two threads that may wait. The connection's descriptor is in one of them.
+    osa::UniqueFd _watcherSet;   ///< with `_commandRead`
+    osa::UniqueFd _listenerSet;  ///< with `_wake`
+    const osa::UniqueFd* _set = &_watcherSet;
     std::atomic<bool> _stopped{false};
     Interest _applied{-1, 0};
     int _pauses = 0;

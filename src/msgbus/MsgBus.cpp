@@ -132,9 +132,9 @@ bool IsSendable(DBusMessage* message, std::size_t size) {
 /// `_outgoing` (guarded by `_outgoingMutex`, a leaf) and leave; the holder sends them before and after it
 /// lets go.
 ///
-/// Reading is done by DBusWatcher, but for the time of a waiting call, which reads for itself.
-/// `_dispatchAvailable` tells the listen thread that whole messages are there. While nobody listens they are
-/// moved to `_backlog`.
+/// Reading is done by the listen thread while it is idle, by DBusWatcher where there is none, and by a
+/// waiting call for itself. `_dispatchAvailable` tells the listen thread that somebody else has read whole
+/// messages. While nobody listens they are moved to `_backlog`.
 ///
 /// `_serverMutex` guards starting and stopping; it is held while the listen thread is joined, so it is never
 /// taken on that thread. Order: `_serverMutex`, `_busMutex`, then `_watchMutex`, `_outgoingMutex` or the
@@ -447,10 +447,16 @@ DBusMessage* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
         const BusLock lock(*this);
         SendQueued();
         message.MarkSent();
-        _watcher.Pause();
+        // On the listen thread nobody else waits for the descriptor.
+        const bool others = !IsListenThread();
+        if (others) {
+            _watcher.Pause();
+        }
         reply = dbus_connection_send_with_reply_and_block(_connection, original, std::max(timeoutMs, -1),
                                                           error.Get());
-        _watcher.Resume();
+        if (others) {
+            _watcher.Resume();
+        }
         AfterReading();
     }
     if (error.IsSet()) {
@@ -500,6 +506,7 @@ void MsgBus::MsgBusImpl::WakeListenThread() {
     } catch (const osa::LockException&) {
         // Full: the thread was woken a hundred times and has not come to it yet.
     }
+    _watcher.Wake();
 }
 
 void MsgBus::MsgBusImpl::DispatchAvailable() {
@@ -690,17 +697,19 @@ void MsgBus::MsgBusImpl::Run() {
     try {
         {
             const BusLock lock(*this);
-            const Scope dispatching(_dispatching);
-            DispatchBacklog();
+            _watcher.GiveAway();
+            {
+                const Scope dispatching(_dispatching);
+                DispatchBacklog();
+            }
+            DispatchAvailable();
         }
         while (!_stopRequested) {
-            {
-                const BusLock lock(*this);
-                DispatchAvailable();
-            }
-            if (!_stopRequested) {
-                _dispatchAvailable.Lock();
-            }
+            // Who released the semaphore may have read for this thread; otherwise it reads for itself.
+            const unsigned int ready = _dispatchAvailable.TryLock(0) ? 0 : _watcher.Wait();
+            const BusLock lock(*this);
+            _watcher.Handle(ready);
+            DispatchAvailable();
         }
     } catch (const std::exception& e) {
         _logger->Error("Run caught exception: %s", e.what());
@@ -710,6 +719,7 @@ void MsgBus::MsgBusImpl::Run() {
     _logger->Debug("Listen loop exiting.");
     const BusLock lock(*this);
     _running = false;
+    _watcher.TakeBack();
     AfterReading();
 }
 

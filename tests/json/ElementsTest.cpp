@@ -164,7 +164,7 @@ TEST(Array, InsertsErasesAndResizes) {
 TEST(Object, KeepsMembersInOrderOfInsertion) {
     Object object;
     object["zebra"] = Number(1);
-    object.Insert(Object::Member("ant", Number(2)));
+    object.Insert({"ant", Number(2)});
     object.Insert(Object::Member("cow"), object.Begin());
     object["ant"] = Number(3);
     EXPECT_EQ(ToText(object), R"({"cow":null,"zebra":1,"ant":3})");

@@ -196,8 +196,7 @@ private:
 class Object {
 public:
     struct Member {
-        explicit Member(std::string memberName = std::string(),
-                        UnknownElement memberElement = UnknownElement())
+        Member(std::string memberName = std::string(), UnknownElement memberElement = UnknownElement())
             : name(std::move(memberName)), element(std::move(memberElement)) {}
 
         bool operator==(const Member& other) const { return name == other.name && element == other.element; }
