@@ -40,7 +40,7 @@ struct Field {
     std::size_t length;
 };
 
-/// "(%5s) %20s [%5s] :: ", built by hand: printf takes three times as long.
+/// "(%5s) %20s [%5s] :: ", built by hand, as printf takes much longer.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
@@ -73,8 +73,8 @@ char* PutNumber(char* out, char* end, Number value, int base = 10) {
     return result.ec == std::errc() ? result.ptr : nullptr;
 }
 
-/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in a
-/// quarter of its time. Returns the end of the text, which is not zero-terminated, or null for what is left
+/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in much
+/// less time. Returns the end of the text, which is not zero-terminated, or null for what is left
 /// to vsnprintf: other conversions, null texts, and text that does not fit.
 char* PutSimply(char* out, char* end, const char* format, va_list args) {
     for (;;) {
