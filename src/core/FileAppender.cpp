@@ -22,30 +22,29 @@ namespace {
 constexpr std::size_t kBufferSize = 1024;
 
 /// A text, right-aligned in a minimum of characters.
+template <std::size_t Minimum>
 struct Field {
-    Field(const char* content, std::size_t minimum)
-        : text(content != nullptr ? content : "(null)"),
-          length(std::strlen(text)),
-          padding(length < minimum ? minimum - length : 0) {}
+    explicit Field(const char* content)
+        : text(content != nullptr ? content : "(null)"), length(std::strlen(text)) {}
 
-    std::size_t Width() const { return padding + length; }
+    std::size_t Width() const { return std::max(length, Minimum); }
 
     char* Put(char* out) const {
-        std::memset(out, ' ', padding);
-        std::memcpy(out + padding, text, length);
-        return out + Width();
+        std::memset(out, ' ', Minimum);  // of a constant size, as that is not a call
+        char* const begin = out + Width() - length;
+        std::memcpy(begin, text, length);
+        return begin + length;
     }
 
     const char* text;
     std::size_t length;
-    std::size_t padding;
 };
 
 /// "(%5s) %20s [%5s] :: ", built by hand: printf takes three times as long.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
-        : _thread(threadName, 5), _logger(loggerName, 20), _level(levelName, 5) {}
+        : _thread(threadName), _logger(loggerName), _level(levelName) {}
 
     std::size_t Width() const { return _thread.Width() + _logger.Width() + _level.Width() + 10; }
 
@@ -63,9 +62,9 @@ private:
         return out + N - 1;
     }
 
-    Field _thread;
-    Field _logger;
-    Field _level;
+    Field<5> _thread;
+    Field<20> _logger;
+    Field<5> _level;
 };
 
 template <class Number>
