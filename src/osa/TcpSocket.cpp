@@ -21,6 +21,8 @@ namespace {
 constexpr unsigned int kPeekTimeoutSeconds = 2;
 constexpr MonotonicMs kLookForAbortMs = 200;
 constexpr int kRetryConnectMs = 10;
+constexpr MonotonicMs kFinishMs = 1'000;
+constexpr std::size_t kFinishBytes = 65'536;
 
 [[noreturn]] void Throw(const std::string& text,
                         SocketException::SocketError code = SocketException::SocketGeneralError) {
@@ -186,6 +188,25 @@ TcpSocket::~TcpSocket() {
 void TcpSocket::Close() {
     _impl->connected = false;
     _impl->fd = UniqueFd();
+}
+
+void TcpSocket::Finish() {
+    const MonotonicMs until = NowMs() + kFinishMs;
+    char dropped[4096];
+    std::size_t total = 0;
+    while (total < kFinishBytes) {
+        const ssize_t received = ::recv(_impl->fd.Get(), dropped, sizeof(dropped), MSG_DONTWAIT);
+        if (received > 0) {
+            if (total == 0) {
+                ShutdownSend();
+            }
+            total += static_cast<std::size_t>(received);
+        } else if (received == 0 || errno != EAGAIN || total == 0 ||
+                   WaitFor(_impl->fd.Get(), POLLIN, &_impl->cancel, until) != WaitResult::kReady) {
+            break;
+        }
+    }
+    Close();
 }
 
 void TcpSocket::Connect(const char* host, unsigned short port, unsigned int timeoutSeconds) {

@@ -74,6 +74,11 @@ public:
     /// Ends sending; the peer reads the end of the stream behind what was sent.
     void ShutdownSend();
 
+    /// Closes so that the peer gets all that was sent: what it still sends meanwhile is dropped, up to 64 KiB
+    /// or for a second. Closing with something left to receive would reset the connection and cost the peer
+    /// the end of the answer.
+    void Finish();
+
     /// May be called twice.
     void Close();
 
