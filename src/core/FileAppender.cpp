@@ -40,7 +40,7 @@ struct Field {
     std::size_t length;
 };
 
-/// "(%5s) %20s [%5s] :: ", built by hand: printf takes three times as long.
+/// "(%5s) %20s [%5s] :: ", built by hand, as printf takes much longer.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
@@ -73,22 +73,21 @@ char* PutNumber(char* out, char* end, Number value, int base = 10) {
     return result.ec == std::errc() ? result.ptr : nullptr;
 }
 
-/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in a
-/// quarter of its time. Returns the end of the text, which is not zero-terminated, or null for what is left
+/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in much
+/// less time. Returns the end of the text, which is not zero-terminated, or null for what is left
 /// to vsnprintf: other conversions, null texts, and text that does not fit.
 char* PutSimply(char* out, char* end, const char* format, va_list args) {
     for (;;) {
-        const char* const percent = ::strchrnul(format, '%');
-        const auto literal = static_cast<std::size_t>(percent - format);
-        if (literal > static_cast<std::size_t>(end - out)) {
-            return nullptr;
+        for (; *format != '%'; ++format) {
+            if (*format == '\0') {
+                return out;
+            }
+            if (out == end) {
+                return nullptr;
+            }
+            *out++ = *format;
         }
-        std::memcpy(out, format, literal);
-        out += literal;
-        if (*percent == '\0') {
-            return out;
-        }
-        format = percent + 1;
+        ++format;
         int longs = 0;
         for (; *format == 'l' && longs < 2; ++format) {
             ++longs;
