@@ -39,11 +39,11 @@ std::size_t LoadPlainly(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const bench::Options options = bench::ParseOptions(argc, argv);
     std::string folder = (std::filesystem::temp_directory_path() / "zarip-bench-XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr) {
         return EXIT_FAILURE;
     }
-    const long loads = argc > 1 ? std::atol(argv[1]) : 20;
     for (const bool sorted : {true, false}) {
         const std::string path = folder + (sorted ? "/sorted" : "/mixed");
         std::ofstream out(path);
@@ -56,37 +56,27 @@ int main(int argc, char** argv) {
             out << '\n';
         }
         out.close();
-        zarip::bench::RunRounds(sorted ? "load 10,000 keys, in order" : "load 10,000 keys, in no order",
-                                {
-                                    {"plain loop, same maps",
-                                     [&](long n) {
-                                         for (long i = 0; i < n; ++i) {
-                                             if (LoadPlainly(path) != 100) {
-                                                 std::abort();
-                                             }
-                                         }
-                                     }},
-                                    {"zarip",
-                                     [&](long n) {
-                                         for (long i = 0; i < n; ++i) {
-                                             if (!zarip::core::IniFile(path.c_str()).HasGroup("section-99")) {
-                                                 std::abort();
-                                             }
-                                         }
-                                     }},
-                                    {"GKeyFile",
-                                     [&](long n) {
-                                         for (long i = 0; i < n; ++i) {
-                                             GKeyFile* const file = ::g_key_file_new();
-                                             if (::g_key_file_load_from_file(
-                                                     file, path.c_str(), G_KEY_FILE_NONE, nullptr) == FALSE) {
-                                                 std::abort();
-                                             }
-                                             ::g_key_file_free(file);
-                                         }
-                                     }},
-                                },
-                                loads);
+
+        bench::Rounds rounds(sorted ? "10,000 keys in 100 groups, in order" : "the same, in no order",
+                             options);
+        rounds.Add("plain loop, same maps", [&] {
+            if (LoadPlainly(path) != 100) {
+                std::abort();
+            }
+        });
+        rounds.Add("GKeyFile", [&] {
+            GKeyFile* const file = ::g_key_file_new();
+            if (::g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr) == FALSE) {
+                std::abort();
+            }
+            ::g_key_file_free(file);
+        });
+        rounds.Add("zarip", [&] {
+            if (!zarip::core::IniFile(path.c_str()).HasGroup("section-99")) {
+                std::abort();
+            }
+        });
+        rounds.Run();
     }
     std::filesystem::remove_all(folder);
     return EXIT_SUCCESS;

@@ -15,21 +15,15 @@
 
 #include "Rounds.h"
 
-namespace {
-
-using zarip::bench::RunRounds;
 using zarip::core::Logger;
 
-constexpr const char* kClient = "192.168.1.10";
-
-}  // namespace
-
 int main(int argc, char** argv) {
+    const bench::Options options = bench::ParseOptions(argc, argv);
     std::string folder = (std::filesystem::temp_directory_path() / "zarip-bench-XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr) {
         return EXIT_FAILURE;
     }
-    const long records = argc > 1 ? std::atol(argv[1]) : 20'000;
+    const char* const client = "192.168.1.10";
     const std::string text = "(ZARIP)           HttpServer [ERROR] :: request 12345 from 192.168.1.10\n";
     const int fd = ::open((folder + "/write").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     FILE* const file = std::fopen((folder + "/fprintf").c_str(), "a");
@@ -41,67 +35,33 @@ int main(int argc, char** argv) {
     Logger::AddAppender(new zarip::core::FileAppender((folder + "/zarip").c_str()), true);
     const Logger* const logger = Logger::GetLogger("HttpServer");
 
-    RunRounds("log record, flushed",
-              {
-                  {"write(2) of the same text",
-                   [&](long n) {
-                       for (long i = 0; i < n; ++i) {
-                           if (::write(fd, text.data(), text.size()) < 0) {
-                               std::abort();
-                           }
-                       }
-                   }},
-                  {"zarip",
-                   [&](long n) {
-                       for (long i = 0; i < n; ++i) {
-                           logger->Error("request %d from %s", 12345, kClient);
-                       }
-                   }},
-                  {"fprintf and fflush",
-                   [&](long n) {
-                       for (long i = 0; i < n; ++i) {
-                           std::fprintf(file, "(%5s) %20s [%5s] :: request %d from %s\n", "ZARIP",
-                                        "HttpServer", "ERROR", 12345, kClient);
-                           std::fflush(file);
-                       }
-                   }},
-                  {"spdlog",
-                   [&](long n) {
-                       for (long i = 0; i < n; ++i) {
-                           spd->error("request {} from {}", 12345, kClient);
-                       }
-                   }},
-              },
-              records);
+    bench::Rounds record("log record, flushed", options);
+    record.Add("write(2), same text", [&] {
+        if (::write(fd, text.data(), text.size()) < 0) {
+            std::abort();
+        }
+    });
+    record.Add("fprintf and fflush", [&] {
+        std::fprintf(file, "(%5s) %20s [%5s] :: request %d from %s\n", "ZARIP", "HttpServer", "ERROR", 12345,
+                     client);
+        std::fflush(file);
+    });
+    record.Add("spdlog", [&] { spd->error("request {} from {}", 12345, client); });
+    record.Add("zarip", [&] { logger->Error("request %d from %s", 12345, client); });
+    record.Run();
 
-    // The loop hides both loggers from the compiler each time, or it would test the level once.
-    RunRounds("log record whose level is off",
-              {
-                  {"empty loop",
-                   [&](long n) {
-                       const Logger* hidden = logger;
-                       for (long i = 0; i < n; ++i) {
-                           asm volatile("" : "+r"(hidden) : : "memory");
-                       }
-                   }},
-                  {"zarip",
-                   [&](long n) {
-                       const Logger* hidden = logger;
-                       for (long i = 0; i < n; ++i) {
-                           asm volatile("" : "+r"(hidden) : : "memory");
-                           hidden->Debug("request %d from %s", 12345, kClient);
-                       }
-                   }},
-                  {"spdlog",
-                   [&](long n) {
-                       spdlog::logger* hidden = spd.get();
-                       for (long i = 0; i < n; ++i) {
-                           asm volatile("" : "+r"(hidden) : : "memory");
-                           hidden->debug("request {} from {}", 12345, kClient);
-                       }
-                   }},
-              },
-              records * 100);
+    // The loggers are hidden from the compiler each time, or it would test the level once.
+    bench::Rounds off("log record whose level is off", options);
+    off.Add("nothing", [hidden = logger]() mutable { asm volatile("" : "+r"(hidden) : : "memory"); });
+    off.Add("spdlog", [hidden = spd.get(), client]() mutable {
+        asm volatile("" : "+r"(hidden) : : "memory");
+        hidden->debug("request {} from {}", 12345, client);
+    });
+    off.Add("zarip", [hidden = logger, client]() mutable {
+        asm volatile("" : "+r"(hidden) : : "memory");
+        hidden->Debug("request %d from %s", 12345, client);
+    });
+    off.Run();
 
     Logger::Shutdown();
     spdlog::shutdown();

@@ -16,6 +16,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -221,12 +223,29 @@ void RunPassphrases(Demo& demo, ISecurityProvider& service) {
     demo.Returns("DeletePassphrase backup again", false, [&] { return service.DeletePassphrase("backup"); });
 }
 
+/// Freezes a process and waits until all of its threads have stopped: kill() does not.
+void Freeze(pid_t process) {
+    ::kill(process, SIGSTOP);
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (bool isFrozen = false; !isFrozen; zarip::osa::Thread::CurrentThread::Sleep(1)) {
+        isFrozen = true;
+        for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+            std::ifstream file(task.path() / "stat");
+            std::string line;
+            std::getline(file, line);
+            const std::size_t name = line.rfind(") ");  // the state is the letter behind it: stopped or ended
+            isFrozen = isFrozen && name != std::string::npos &&
+                       std::string("TZX").find(line[name + 2]) != std::string::npos;
+        }
+    }
+}
+
 /// Stops the service while somebody waits for it.
 void RunStop(Demo& demo, ISecurityProvider& service, pid_t process) {
     const std::string failed = "DBUS call com.brelk.system.security::GetUsers failed: ";
     const auto getUsers = [&] { service.GetUsers(); };
 
-    ::kill(process, SIGSTOP);
+    Freeze(process);
     service._timeout = 500;
     demo.Throws("GetUsers while the service is frozen, waiting half a second", failed, getUsers);
 

@@ -28,7 +28,7 @@ as_root() {
 install_missing() {
     local package missing=()
     for package in "$@"; do
-        if ! dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
+        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
             missing+=("$package")
         fi
     done

@@ -8,6 +8,7 @@
 #include <zarip/interfaces/ISecurityProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/MsgBusSignal.h>
 
 #include "Peer.h"
 
@@ -65,9 +66,14 @@ std::function<std::string(const std::string&)> MakeCaller() {
 }
 
 Emitter MakeEmitter() {
-    auto service = std::make_shared<Service>();
-    service->bus.StartServer();
-    return {[service](bool value) { service->implementation.UsersChanged.FireEvent(value); },
+    // As the other libraries do it: a connection that owns the name, and nothing that the daemon has to look at.
+    auto bus = std::make_shared<zarip::msgbus::MsgBus>();
+    bus->RegisterDestinationName(kService);
+    return {[bus](bool value) {
+                zarip::msgbus::MsgBusSignal signal(kPath, kService, kSignal);
+                signal << value;
+                bus->SendMsg(signal);
+            },
             [] {}};  // what the bus has not taken yet, the connection's own thread sends
 }
 

@@ -22,30 +22,29 @@ namespace {
 constexpr std::size_t kBufferSize = 1024;
 
 /// A text, right-aligned in a minimum of characters.
+template <std::size_t Minimum>
 struct Field {
-    Field(const char* content, std::size_t minimum)
-        : text(content != nullptr ? content : "(null)"),
-          length(std::strlen(text)),
-          padding(length < minimum ? minimum - length : 0) {}
+    explicit Field(const char* content)
+        : text(content != nullptr ? content : "(null)"), length(std::strlen(text)) {}
 
-    std::size_t Width() const { return padding + length; }
+    std::size_t Width() const { return std::max(length, Minimum); }
 
     char* Put(char* out) const {
-        std::memset(out, ' ', padding);
-        std::memcpy(out + padding, text, length);
-        return out + Width();
+        std::memset(out, ' ', Minimum);  // of a constant size, as that is not a call
+        char* const begin = out + Width() - length;
+        std::memcpy(begin, text, length);
+        return begin + length;
     }
 
     const char* text;
     std::size_t length;
-    std::size_t padding;
 };
 
-/// "(%5s) %20s [%5s] :: ", built by hand: printf takes three times as long.
+/// "(%5s) %20s [%5s] :: ", built by hand, as printf takes much longer.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
-        : _thread(threadName, 5), _logger(loggerName, 20), _level(levelName, 5) {}
+        : _thread(threadName), _logger(loggerName), _level(levelName) {}
 
     std::size_t Width() const { return _thread.Width() + _logger.Width() + _level.Width() + 10; }
 
@@ -63,9 +62,9 @@ private:
         return out + N - 1;
     }
 
-    Field _thread;
-    Field _logger;
-    Field _level;
+    Field<5> _thread;
+    Field<20> _logger;
+    Field<5> _level;
 };
 
 template <class Number>
@@ -74,22 +73,21 @@ char* PutNumber(char* out, char* end, Number value, int base = 10) {
     return result.ec == std::errc() ? result.ptr : nullptr;
 }
 
-/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in a
-/// quarter of its time. Returns the end of the text, which is not zero-terminated, or null for what is left
+/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in much
+/// less time. Returns the end of the text, which is not zero-terminated, or null for what is left
 /// to vsnprintf: other conversions, null texts, and text that does not fit.
 char* PutSimply(char* out, char* end, const char* format, va_list args) {
     for (;;) {
-        const char* const percent = ::strchrnul(format, '%');
-        const auto literal = static_cast<std::size_t>(percent - format);
-        if (literal > static_cast<std::size_t>(end - out)) {
-            return nullptr;
+        for (; *format != '%'; ++format) {
+            if (*format == '\0') {
+                return out;
+            }
+            if (out == end) {
+                return nullptr;
+            }
+            *out++ = *format;
         }
-        std::memcpy(out, format, literal);
-        out += literal;
-        if (*percent == '\0') {
-            return out;
-        }
-        format = percent + 1;
+        ++format;
         int longs = 0;
         for (; *format == 'l' && longs < 2; ++format) {
             ++longs;

@@ -11,14 +11,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <istream>
 #include <locale>
 #include <memory>
 #include <sstream>
 #include <string_view>
 
+#include "core/ReadBlocks.h"
 #include "core/Text.h"
+#include "osa/UniqueFd.h"
 #include "zarip/core/StringUtil.h"
 #include "zarip/osa/Exception.h"
 
@@ -132,25 +133,6 @@ void WriteGroup(std::ostream& stream, const std::string& name, const IniFile::Gr
     WriteKeys(stream, group);
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : _fd(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { Close(); }
-
-    bool IsOpen() const { return _fd >= 0; }
-    int Get() const { return _fd; }
-    bool Close() {
-        const int fd = _fd;
-        _fd = -1;
-        return fd < 0 || ::close(fd) == 0;
-    }
-
-private:
-    int _fd;
-};
-
 bool WriteAll(int fd, const std::string& text) {
     std::size_t done = 0;
     while (done < text.size()) {
@@ -201,21 +183,18 @@ public:
             _path.clear();
             return false;
         }
-        _file = std::make_unique<Descriptor>(fd);
+        _file = osa::UniqueFd(fd);
         if (old != nullptr) {
-            // Only root may give files away; then at least the group, if it is one of the process's.
-            if (::fchown(fd, old->st_uid, old->st_gid) != 0 &&
-                ::fchown(fd, static_cast<uid_t>(-1), old->st_gid) != 0) {
-                errno = 0;
-            }
+            // Only root may give files away; anybody else may still set a group of its own.
+            const bool given = ::fchown(fd, old->st_uid, old->st_gid) == 0 ||
+                               ::fchown(fd, static_cast<uid_t>(-1), old->st_gid) == 0;
+            static_cast<void>(given);
             return ::fchmod(fd, old->st_mode & 07777) == 0;
         }
         return true;
     }
 
-    bool Write(const std::string& text) {
-        return WriteAll(_file->Get(), text) && Synchronise(_file->Get()) && _file->Close();
-    }
+    bool Write(const std::string& text) { return WriteAll(_file.Get(), text) && Synchronise(_file.Get()); }
 
     /// False where the target cannot be replaced (another file system is mounted on it).
     bool Commit() {
@@ -225,8 +204,8 @@ public:
         _path.clear();
         const std::size_t slash = _target.rfind('/');
         const std::string folder = slash == std::string::npos ? "." : _target.substr(0, slash + 1);
-        const Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (opened.IsOpen()) {
+        const osa::UniqueFd opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (opened.IsValid()) {
             ::fsync(opened.Get());
         }
         return true;
@@ -235,7 +214,7 @@ public:
 private:
     const std::string _target;
     std::string _path;
-    std::unique_ptr<Descriptor> _file;
+    osa::UniqueFd _file;
 };
 
 [[noreturn]] void ThrowNotConverted(const std::string& key, const char* type) {
@@ -298,13 +277,11 @@ IniFile::~IniFile() = default;
 
 void IniFile::Load(const char* path) {
     const std::string name = path != nullptr ? path : "";
-    std::ifstream file(name, std::ios_base::binary);
-    if (file.is_open()) {
-        LoadFromStream(file);
-    }
-    if (!file.is_open() || file.bad()) {
+    Loader loader(_groups);
+    if (!ReadBlocks(name.c_str(), [&](std::string_view block) { loader.TakeBlock(block); })) {
         throw osa::Exception("Couldn't open file " + name + " for reading");
     }
+    loader.TakeRest();
 }
 
 void IniFile::LoadFromStream(std::istream& stream) {
@@ -352,8 +329,8 @@ void IniFile::Save(const char* path) const {
     bool exists = false;
     bool replaceable = true;
     {
-        const Descriptor probe(::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-        exists = probe.IsOpen();
+        const osa::UniqueFd probe(::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        exists = probe.IsValid();
         if (!exists && errno != ENOENT && errno != ENXIO) {
             failToOpen();
         }
@@ -373,11 +350,11 @@ void IniFile::Save(const char* path) const {
             return;
         }
     }
-    Descriptor file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file.IsOpen()) {
+    const osa::UniqueFd file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.IsValid()) {
         failToOpen();
     }
-    if (!WriteAll(file.Get(), text) || !Synchronise(file.Get()) || !file.Close()) {
+    if (!WriteAll(file.Get(), text) || !Synchronise(file.Get())) {
         failToWrite();
     }
 }

@@ -8,13 +8,13 @@
 #include <cctype>
 #include <charconv>
 #include <climits>
-#include <fstream>
 #include <istream>
 #include <locale>
 #include <memory>
 #include <sstream>
 #include <string_view>
 
+#include "core/ReadBlocks.h"
 #include "core/Text.h"
 #include "zarip/osa/Exception.h"
 
@@ -306,12 +306,8 @@ void StringUtil::ReadToEnd(std::istream& stream, std::string& out) {
 }
 
 std::string StringUtil::ReadTextFile(const std::string& path) {
-    std::ifstream file(path, std::ios_base::binary);
     std::string content;
-    if (file) {
-        ReadToEnd(file, content);
-    }
-    if (!file.is_open() || file.bad()) {
+    if (!ReadBlocks(path.c_str(), [&](std::string_view block) { content.append(block); })) {
         throw osa::Exception("File '" + path + "' does not exist");
     }
     return content;

@@ -157,10 +157,10 @@ void DBusWatcher::TakeBack() {
 }
 
 void DBusWatcher::MoveTo(const osa::UniqueFd& set) {
-    const Interest interest = _applied;
     Set({-1, 0});
     _set = &set;
-    Set(interest);
+    _isChanged = true;
+    Apply();
 }
 
 void DBusWatcher::Attach(DBusConnection* connection) {
@@ -208,6 +208,7 @@ void DBusWatcher::OnToggle(DBusWatch* /*watch*/, void* watcher) {
 }
 
 void DBusWatcher::UpdateWanted() {
+    _isChanged = true;
     _wanted = {-1, 0};
     for (DBusWatch* const watch : _watches) {
         _wanted.fd = dbus_watch_get_unix_fd(watch);
@@ -248,6 +249,10 @@ void DBusWatcher::Set(const Interest& interest) {
 }
 
 void DBusWatcher::Apply() {
+    if (!_isChanged) {
+        return;
+    }
+    _isChanged = false;
     Interest interest{};
     {
         const osa::MutexAutoLock lock(&_watchMutex);
@@ -267,6 +272,7 @@ void DBusWatcher::Pause() {
 
 void DBusWatcher::Resume() {
     if (--_pauses == 0) {
+        _isChanged = true;
         Apply();
     }
 }

@@ -97,6 +97,7 @@ private:
     std::atomic<bool> _stopped{false};
     Interest _applied{-1, 0};
     int _pauses = 0;
+    bool _isChanged = false;  ///< what is wanted, since the last `Apply`
 
     osa::Mutex _watchMutex{"_watchMutex"};
     std::vector<DBusWatch*> _watches ZARIP_GUARDED_BY(_watchMutex);

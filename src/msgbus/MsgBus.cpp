@@ -354,7 +354,7 @@ void MsgBus::MsgBusImpl::SendOneWay(DBusMessage* message, std::size_t size) {
 
 void MsgBus::MsgBusImpl::SendOrThrow(DBusMessage* message) {
     if (dbus_connection_get_is_connected(_connection) == FALSE ||
-        dbus_connection_get_outgoing_size(_connection) > kMaxOutgoingSize ||
+        (_stalled && dbus_connection_get_outgoing_size(_connection) > kMaxOutgoingSize) ||
         dbus_connection_send(_connection, message, nullptr) == FALSE) {
         throw osa::Exception("%s", kSendFailed);
     }

@@ -9,6 +9,7 @@
 #include <zarip/inet/IHttpHandler.h>
 #include <zarip/inet/InetBase.h>
 #include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IOException.h>
@@ -78,6 +79,8 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
               static_cast<void (Bus::*)(bool)>(&Bus::StopServer), &Bus::RegisterDestinationName,
               &Bus::UnregisterDestinationName, &Bus::IsRunning, &Bus::RegisterMessageHandler,
               &Bus::UnregisterMessageHandler),
+        Table("IMessageHandler", 2, &msgbus::IMessageHandler::HandleMessage,
+              &msgbus::IMessageHandler::GetKind),
         Table("ISecurityProvider", 2, &Security::Authenticate, &Security::AuthenticateHttp,
               &Security::AuthenticateWsse, &Security::TestLdap, &Security::Invalidate,
               &Security::IsAuthenticated, &Security::IsProtected, &Security::GetAllowedPaths,

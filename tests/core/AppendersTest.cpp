@@ -158,7 +158,8 @@ TEST(FileAppenderTest, FormatsAsPrintfDoes) {
     ExpectAsPrintf("%s", none);
     ExpectAsPrintf("%s and %ls", "narrow", L"wide");
     ExpectAsPrintf("%d %s %5d|%-5s|%05u|%+d|%.2s|%#x|%X|%o", 1, "then", 2, "x", 3U, 4, "cut", 5U, 0xABU, 8U);
-    ExpectAsPrintf("%s %zu %hhd %c %p %f %g %%", "rest", sizeof(int), 300, 'x', "", 1.5, 1e9);
+    ExpectAsPrintf("%s %zu %hhd %c %p %f %g %%", "rest", sizeof(int), static_cast<signed char>(-3), 'x',
+                   static_cast<const void*>(none), 1.5, 1e9);
     ExpectAsPrintf("%s%d", std::string(975, 'x').c_str(), 12345678);
     ExpectAsPrintf("%s%d", std::string(975, 'x').c_str(), 123456789);
     ExpectAsPrintf("%d%s", 1, std::string(984, 'x').c_str());

@@ -93,6 +93,7 @@ void PrivateBus::Kill() {
 
 void PrivateBus::Freeze() {
     ::kill(_pid, SIGSTOP);
+    ::waitpid(_pid, nullptr, WUNTRACED);  // it goes on for a moment otherwise
 }
 
 void PrivateBus::Thaw() {

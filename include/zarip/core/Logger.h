@@ -46,9 +46,9 @@ class IniFile;
 ///
 /// Logging never throws, keeps `errno`, and a level that is off costs one comparison. Records of one appender
 /// never interleave: one lock is held while they are delivered, so an appender that blocks (a full pipe, a
-/// stuck system logger) makes every thread that logs wait. Standard output that goes to a pipe raises SIGPIPE
-/// once its reader is gone, unless the process ignores that signal (as one with a bus connection does); the
-/// appenders then go on.
+/// stuck system logger) makes every thread wait that logs or forks. Standard output that goes to a pipe
+/// raises SIGPIPE once its reader is gone, unless the process ignores that signal (as one with a bus
+/// connection does); the appenders then go on.
 class ZARIP_EXPORT Logger {
 public:
     /// Smaller is more severe. Any value from 9 on is legal as a threshold and lets everything through.
