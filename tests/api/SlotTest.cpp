@@ -2,6 +2,12 @@
 // an older version call by it. New functions go behind the last one.
 
 #include <zarip/core/ILogAppender.h>
+#include <zarip/inet/HttpFormatter.h>
+#include <zarip/inet/HttpParser.h>
+#include <zarip/inet/HttpRequest.h>
+#include <zarip/inet/HttpResponse.h>
+#include <zarip/inet/IHttpHandler.h>
+#include <zarip/inet/InetBase.h>
 #include <zarip/interfaces/ISecurityProvider.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
@@ -18,6 +24,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace zarip {
@@ -42,6 +49,15 @@ struct Interface {
 template <class... Member>
 Interface Table(const char* name, std::size_t first, Member... member) {
     return {name, first, {SlotOf(member)...}};
+}
+
+template <std::size_t count>
+void CheckPlaces(const Interface (&interfaces)[count]) {
+    for (const Interface& interface : interfaces) {
+        for (std::size_t i = 0; i < interface.slots.size(); ++i) {
+            EXPECT_EQ(interface.slots[i], interface.first + i) << interface.name << ", function " << i;
+        }
+    }
 }
 
 TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
@@ -74,11 +90,48 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
               &Security::ValidatePassword, &Security::AddPassphrase, &Security::GetPassphrases,
               &Security::GetPassphrase, &Security::DeletePassphrase),
     };
-    for (const Interface& interface : interfaces) {
-        for (std::size_t i = 0; i < interface.slots.size(); ++i) {
-            EXPECT_EQ(interface.slots[i], interface.first + i) << interface.name << ", function " << i;
-        }
-    }
+    CheckPlaces(interfaces);
+}
+
+TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {
+    using Base = inet::InetBase;
+    using Http = inet::HttpBase;
+    using Request = inet::HttpRequestBase;
+    using Response = inet::HttpResponseBase;
+    struct Parser : inet::HttpParser {
+        using HttpParser::ParseHeader;
+        using HttpParser::ParseRequestLine;
+        using HttpParser::ParseResponseLine;
+    };
+    using Text = const std::string&;
+    const Interface interfaces[] = {
+        Table("InetBase", 0, &Base::GetTimeStamp, &Base::SetTimeStamp, &Base::GetDest, &Base::SetDest,
+              &Base::GetSource, &Base::SetSource),
+        Table("HttpBase", 2, &Http::GetProtocol, &Http::SetProtocol, &Http::SetHeader, &Http::GetHeaders,
+              &Http::GetBody, &Http::GetBodyLength, static_cast<void (Http::*)(const char*)>(&Http::SetBody),
+              static_cast<void (Http::*)(const char*, unsigned int)>(&Http::SetBody),
+              static_cast<void (Http::*)(Text)>(&Http::SetBody)),
+        // Behind the eight of InetBase, whose destructor comes last.
+        Table("HttpRequestBase", 8, static_cast<Request& (Request::*)(const Request&)>(&Request::operator=),
+              &Request::GetMethodName, &Request::SetMethodName, &Request::GetPath, &Request::SetPath,
+              &Request::GetQueryString, &Request::SetQueryString, &Request::SetHeader,
+              &Request::GetQueryParameter, &Request::SetQueryParameter, &Request::RemoveQueryParameter,
+              &Request::GetFormParameter, &Request::SetFormParameter, &Request::RemoveFormParameter,
+              &Request::GetFormOrQueryParameter),
+        Table("HttpRequest", 23,
+              static_cast<inet::HttpRequest& (inet::HttpRequest::*)(const inet::HttpRequest&)>(
+                  &inet::HttpRequest::operator=),
+              &inet::HttpRequest::GetMethod, &inet::HttpRequest::SetMethod),
+        Table("HttpResponseBase", 8, &Response::SetCode, &Response::GetCode, &Response::GetCodeText,
+              static_cast<void (Response::*)(const char*)>(&Response::SetBody),
+              static_cast<void (Response::*)(const char*, unsigned int)>(&Response::SetBody),
+              static_cast<void (Response::*)(Text)>(&Response::SetBody),
+              static_cast<Response& (Response::*)(const Response&)>(&Response::operator=)),
+        Table("HttpParser", 2, &Parser::ParseRequestLine, &Parser::ParseResponseLine, &Parser::ParseHeader),
+        Table("IHttpHandler", 2, &inet::IHttpHandler::HandleRequest),
+    };
+    CheckPlaces(interfaces);
+    static_assert(std::has_virtual_destructor_v<inet::HttpFormatter>);
 }
 
 TEST(SlotTest, AnAppenderIsDestroyedThroughTheSlotsBehindItsFunction) {

@@ -1,0 +1,373 @@
+// The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
+// bus.
+//
+//   web-gateway PAGE [PORT]      PAGE is web/index.html; without a port it takes a free one and prints it
+//
+//   GET    /                     the page
+//   POST   /login                form "user", "password"; sets the session cookie
+//   POST   /logout
+//   GET    /health               whether the bus and the security service are there
+//   GET    /api/status           who is logged in, and for how long
+//   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
+//                                DELETE deletes one (/api/users?name=...)
+//   GET    /api/events           the last changes of the user list
+//   POST   /measure              the length of the body
+//   GET    /fault                a handler that throws
+//
+// Answers are JSON. /api/ answers 401 without a valid login, 403 where the role is not enough, and everything
+// 503 when the bus or the security service is gone. The gateway keeps no password: a login is a session of
+// the service's.
+
+#include <zarip/core/Delegate.h>
+#include <zarip/core/IniFile.h>
+#include <zarip/core/Logger.h>
+#include <zarip/core/StringUtil.h>
+#include <zarip/inet/HttpRequest.h>
+#include <zarip/inet/HttpResponse.h>
+#include <zarip/inet/HttpServer.h>
+#include <zarip/inet/IHttpHandler.h>
+#include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/msgbus/MsgBus.h>
+#include <zarip/osa/Exception.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/WaitForStop.h"
+
+namespace {
+
+using zarip::core::StringUtil;
+using zarip::inet::HttpRequest;
+using zarip::inet::HttpResponse;
+using zarip::interfaces::ISecurityProvider;
+
+constexpr int kCallTimeoutMs = 3000;
+constexpr std::size_t kKeptEvents = 20;
+constexpr const char* kCookie = "session";
+
+/// The text as a JSON string. What comes over the bus is UTF-8.
+std::string Quote(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            quoted += {'\\', c};
+        } else if (byte < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned int>(byte));
+            quoted += escape;
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + '"';
+}
+
+std::string Now() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+void Answer(HttpResponse& response, int code, const std::string& json) {
+    response.SetCode(code);
+    response.SetHeader("Content-Type", "application/json");
+    response.SetBody(json);
+}
+
+void Fail(HttpResponse& response, int code, const std::string& reason) {
+    Answer(response, code, "{\"error\":" + Quote(reason) + "}");
+}
+
+/// Why there is no answer; becomes a 503.
+class Gone : public zarip::osa::Exception {
+public:
+    using Exception::Exception;
+};
+
+/// The security service as long as there is one: connects when asked, and again when the bus was lost. Used
+/// by the HTTP thread alone; only the events come on the bus's thread.
+class Security {
+public:
+    ~Security() { Disconnect(); }
+
+    /// Calls a member; throws `Gone`.
+    template <class Call>
+    auto Ask(Call call) {
+        Connect();
+        try {
+            return call(*_provider);
+        } catch (const std::exception& e) {
+            _logger->Warning("%s", e.what());
+            throw Gone(_bus->IsRunning() ? "The security service does not answer."
+                                         : "The message bus is gone.");
+        }
+    }
+
+    std::vector<std::string> GetEvents() {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return {_events.begin(), _events.end()};
+    }
+
+private:
+    void Connect() {
+        if (_bus && _bus->IsRunning()) {
+            return;
+        }
+        Disconnect();
+        try {
+            _bus = std::make_unique<zarip::msgbus::MsgBus>();
+            _provider.reset(ISecurityProvider::CreateClient(_bus.get()));
+            _provider->_timeout = kCallTimeoutMs;
+            _provider->UsersChanged.AddDelegate(zarip::core::MakeDelegate(this, &Security::OnUsersChanged));
+            _bus->StartServer();
+        } catch (const std::exception& e) {
+            _logger->Warning("%s", e.what());
+            throw Gone("The message bus is gone.");
+        }
+    }
+
+    void Disconnect() {
+        if (_bus) {
+            _bus->StopServer();
+        }
+        _provider.reset();
+        _bus.reset();
+    }
+
+    void OnUsersChanged(bool value) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _events.push_front("{\"time\":" + Quote(Now()) + ",\"value\":" + (value ? "true" : "false") + "}");
+        if (_events.size() > kKeptEvents) {
+            _events.pop_back();
+        }
+    }
+
+    zarip::core::Logger* _logger = zarip::core::Logger::GetLogger("WebGateway");
+    std::unique_ptr<zarip::msgbus::MsgBus> _bus;
+    std::unique_ptr<ISecurityProvider> _provider;
+    std::mutex _mutex;
+    std::deque<std::string> _events;
+};
+
+/// Answers with what a function makes of a request.
+class Route final : public zarip::inet::IHttpHandler {
+public:
+    using Function = void (*)(Security& security, const HttpRequest& request, HttpResponse& response);
+
+    Route(Security& security, Function function) : _security(security), _function(function) {}
+
+    void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
+        response.SetHeader("Cache-Control", "no-store");
+        response.SetHeader("X-Content-Type-Options", "nosniff");
+        try {
+            _function(_security, request, response);
+        } catch (const Gone& gone) {
+            Fail(response, 503, gone.ToString());
+        }
+    }
+
+private:
+    Security& _security;
+    Function _function;
+};
+
+class Page final : public zarip::inet::IHttpHandler {
+public:
+    explicit Page(const char* path) : _text(StringUtil::ReadTextFile(path)) {}
+
+    void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
+        if (request.GetMethodName() != "GET") {
+            Fail(response, 405, "Only GET.");
+            return;
+        }
+        response.SetCode(200);
+        response.SetHeader("Content-Type", "text/html; charset=UTF-8");
+        response.SetHeader(
+            "Content-Security-Policy",
+            "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; connect-src 'self'");
+        response.SetBody(_text);
+    }
+
+private:
+    std::string _text;
+};
+
+std::string Text(const std::string* value) {
+    return value != nullptr ? *value : "";
+}
+
+std::string Session(const HttpRequest& request) {
+    return Text(request.GetCookie(kCookie));
+}
+
+void SetSession(HttpResponse& response, const std::string& session, const char* more) {
+    response.SetHeader("Set-Cookie",
+                       std::string(kCookie) + "=" + session + "; Path=/; HttpOnly; SameSite=Strict" + more);
+}
+
+/// Whether the caller may go on; otherwise the answer says why not.
+bool IsAllowed(Security& security, const HttpRequest& request, HttpResponse& response) {
+    const std::string session = Session(request);
+    if (session.empty() || !security.Ask([&](auto& service) { return service.IsAuthenticated(session); })) {
+        Fail(response, 401, "Please log in.");
+        return false;
+    }
+    if (!security.Ask([&](auto& service) { return service.Authorize(session, request.GetPath()); })) {
+        Fail(response, 403, "Your role does not allow this.");
+        return false;
+    }
+    return true;
+}
+
+void Login(Security& security, const HttpRequest& request, HttpResponse& response) {
+    const std::string user = Text(request.GetFormParameter("user"));
+    const std::string password = Text(request.GetFormParameter("password"));
+    const std::string session = user.empty() ? "" : security.Ask([&](auto& service) {
+        return service.Authenticate(false, user, password);
+    });
+    if (session.empty()) {
+        Fail(response, 401, "User name or password is wrong.");
+        return;
+    }
+    SetSession(response, session, "");
+    Answer(response, 200, "{\"user\":" + Quote(user) + "}");
+}
+
+void Logout(Security& security, const HttpRequest& request, HttpResponse& response) {
+    const std::string session = Session(request);
+    security.Ask([&](auto& service) { return service.Logout(session); });
+    SetSession(response, "", "; Max-Age=0");
+    Answer(response, 200, "{}");
+}
+
+void Health(Security& security, const HttpRequest& /*request*/, HttpResponse& response) {
+    security.Ask([](auto& service) { return service.GetNonce(); });
+    Answer(response, 200, "{}");
+}
+
+void Status(Security& security, const HttpRequest& request, HttpResponse& response) {
+    if (IsAllowed(security, request, response)) {
+        std::string user;
+        const int seconds =
+            security.Ask([&](auto& service) { return service.GetExpiration(Session(request), user); });
+        Answer(response, 200,
+               "{\"user\":" + Quote(user) + ",\"secondsLeft\":" + std::to_string(seconds) + "}");
+    }
+}
+
+std::string UsersAsJson(const std::string& lines) {
+    std::vector<std::string> users;
+    for (const std::string& line : StringUtil::Split(lines, '\n')) {
+        const std::size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            users.push_back("{\"name\":" + Quote(line.substr(0, colon)) +
+                            ",\"role\":" + Quote(line.substr(colon + 1)) + "}");
+        }
+    }
+    return "[" + StringUtil::Join(users, ',') + "]";
+}
+
+void Users(Security& security, const HttpRequest& request, HttpResponse& response) {
+    if (!IsAllowed(security, request, response)) {
+        return;
+    }
+    int result = 0;
+    if (request.GetMethodName() == "POST") {
+        const std::string name = Text(request.GetFormParameter("name"));
+        const std::string role = Text(request.GetFormParameter("role"));
+        const std::string password = Text(request.GetFormParameter("password"));
+        if ((name + role).find_first_of(":\n") != std::string::npos ||
+            password.find('\n') != std::string::npos) {
+            Fail(response, 400, "A name or password that cannot be.");
+            return;
+        }
+        result =
+            security.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
+    } else if (request.GetMethodName() == "DELETE") {
+        const std::vector<std::string> names = {Text(request.GetQueryParameter("name"))};
+        result = security.Ask([&](auto& service) { return service.DeleteUsers(names); });
+    } else if (request.GetMethodName() != "GET") {
+        Fail(response, 405, "GET, POST or DELETE.");
+        return;
+    }
+    if (result != 0) {
+        Fail(response, 409, "The security service refused it with code " + std::to_string(result) + ".");
+        return;
+    }
+    Answer(response, 200, UsersAsJson(security.Ask([](auto& service) { return service.GetUsers(); })));
+}
+
+void Events(Security& security, const HttpRequest& request, HttpResponse& response) {
+    if (IsAllowed(security, request, response)) {
+        Answer(response, 200, "[" + StringUtil::Join(security.GetEvents(), ',') + "]");
+    }
+}
+
+void Measure(Security& /*security*/, const HttpRequest& request, HttpResponse& response) {
+    const std::string* const announced = request.GetHeader("Content-Length");
+    if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
+        Fail(response, 400, "The body was cut short.");
+        return;
+    }
+    Answer(response, 200, "{\"bytes\":" + std::to_string(request.GetBodyLength()) + "}");
+}
+
+void Fault(Security& /*security*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
+    throw zarip::osa::Exception("this handler always throws");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || argc > 3) {
+        std::fprintf(stderr, "usage: web-gateway PAGE [PORT]\n");
+        return 2;
+    }
+    try {
+        const WaitForStop stop;
+        zarip::core::IniFile settings;
+        settings.SetValue("log", "log.stdout", "true");
+        zarip::core::Logger::ConfigureLogging(settings, "log");
+
+        Security security;
+        Page page(argv[1]);
+        Route login(security, &Login);
+        Route logout(security, &Logout);
+        Route health(security, &Health);
+        Route status(security, &Status);
+        Route users(security, &Users);
+        Route events(security, &Events);
+        Route measure(security, &Measure);
+        Route fault(security, &Fault);
+        zarip::inet::HttpServer server("127.0.0.1", argc > 2 ? std::atoi(argv[2]) : 0);
+        server.AddHandler("/", &page);
+        server.AddHandler("/login", &login);
+        server.AddHandler("/logout", &logout);
+        server.AddHandler("/health", &health);
+        server.AddHandler("/api/status", &status);
+        server.AddHandler("/api/users", &users);
+        server.AddHandler("/api/events", &events);
+        server.AddHandler("/measure", &measure);
+        server.AddHandler("/fault", &fault);
+        server.StartServerThread();
+        std::printf("http://127.0.0.1:%u/\n", static_cast<unsigned int>(server.GetLocalPort()));
+        std::fflush(stdout);
+        stop.Wait();
+        server.StopServerThread();
+        return 0;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "web-gateway: %s\n", e.what());
+        return 1;
+    }
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include <zarip/inet/HttpResponseBase.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::inet {
+
+/// An HTTP response. *One thread at a time*.
+///
+/// Deliberate: a new one has the code 503, "Service Unavailable", so a handler that sets nothing is not taken
+/// for one that succeeded.
+class ZARIP_EXPORT HttpResponse : public HttpResponseBase {
+public:
+    HttpResponse();
+    HttpResponse(const HttpResponse& other);
+    HttpResponse& operator=(const HttpResponse& other);
+    ~HttpResponse() override;
+
+    void SetCode(int code) override;
+    int GetCode() const override;
+
+    /// "Unknown" for a code that has no text.
+    std::string GetCodeText() const override;
+
+private:
+    int _code = 503;
+};
+
+}  // namespace zarip::inet

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+#include <zarip/inet/HttpBase.h>
+#include <zarip/inet/InetBase.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::inet {
+
+/// A response whose codes a derived class knows. *One thread at a time*.
+class ZARIP_EXPORT HttpResponseBase : public InetBase, public HttpBase {
+public:
+    HttpResponseBase();
+    HttpResponseBase(const HttpResponseBase& other);
+
+    virtual void SetCode(int code) = 0;
+    virtual int GetCode() const = 0;
+    virtual std::string GetCodeText() const = 0;
+
+    /// These also set the header "Content-Length".
+    void SetBody(const char* text) override;
+    void SetBody(const char* data, unsigned int size) override;
+    void SetBody(const std::string& data) override;
+
+    virtual HttpResponseBase& operator=(const HttpResponseBase& other);
+    ~HttpResponseBase() override;
+
+private:
+    void SetContentLength();
+};
+
+}  // namespace zarip::inet

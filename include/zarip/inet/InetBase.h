@@ -1,0 +1,42 @@
+#pragma once
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::inet {
+
+/// The texts of an IPv4 and of an IPv6 address, zero-terminated and empty where there is none, and a port.
+struct _ipaddr_t {
+    char ipv4[16];
+    char ipv6[68];
+    unsigned short port;
+};
+
+/// A point in time since 1970.
+struct _timeval_t {
+    unsigned int seconds;
+    unsigned int microseconds;
+};
+
+/// When a message was made, where it goes and where it comes from. A new one has the current time and the
+/// address 0.0.0.0, port 0, for both ends. *One thread at a time*.
+class ZARIP_EXPORT InetBase {
+public:
+    InetBase();
+    InetBase(const InetBase& other);
+    InetBase& operator=(const InetBase& other);
+
+    virtual const _timeval_t& GetTimeStamp() const;
+    virtual void SetTimeStamp(const _timeval_t& timeStamp);
+    virtual const _ipaddr_t& GetDest() const;
+    virtual void SetDest(const _ipaddr_t& dest);
+    virtual const _ipaddr_t& GetSource() const;
+    virtual void SetSource(const _ipaddr_t& source);
+    virtual ~InetBase();
+
+private:
+    _timeval_t _timeStamp;
+    _ipaddr_t _dest;
+    _ipaddr_t _source;
+};
+
+}  // namespace zarip::inet

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+
+namespace zarip::cutil {
+
+/// The parts of a URL as zero-terminated texts, null when absent; all of them live in `storage`.
+struct url_t {
+    char* storage;
+    const char* scheme;
+    const char* user;
+    const char* password;
+    const char* host;
+    const char* port;
+    const char* path;
+    const char* query;
+};
+
+/// Splits [scheme "://"] [user [":" password] "@"] [host [":" port]] [path] ["?" query] ["#" fragment]; the
+/// fragment is dropped. A text without a scheme begins with the host, with '/' or with '?'. Nothing is
+/// decoded.
+///
+/// Null when the text is no URL, or memory is short: it is empty, holds white space or control characters,
+/// has
+/// '@' or ':' but no user or host there, a host with brackets or colons in wrong places, or no host and no
+/// path behind its scheme. The port may hold any other characters. Free the record with `url_free`.
+url_t* url_alloc(const char* text);
+void url_free(url_t* url);
+
+/// Writes the text with every byte but letters, digits and "-._~" as '%' and two hexadecimal digits, and a
+/// zero byte. Returns the length without that, or -1 when `outSize` is too small.
+int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
+
+/// Writes the text with '%' and two hexadecimal digits as that byte, and a zero byte; '+' stays, since paths
+/// hold it. Returns the length without that, or -1 when a '%' lacks its digits or `outSize` is too small.
+int url_decode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
+
+}  // namespace zarip::cutil

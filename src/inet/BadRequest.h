@@ -1,0 +1,7 @@
+#pragma once
+
+namespace zarip::inet {
+
+[[noreturn]] void ThrowBadRequest();
+
+}  // namespace zarip::inet

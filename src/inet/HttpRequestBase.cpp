@@ -1,0 +1,137 @@
+#include "zarip/inet/HttpRequestBase.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include "inet/BadRequest.h"
+#include "inet/Text.h"
+#include "zarip/core/StringUtil.h"
+#include "zarip/inet/HttpParser.h"
+#include "zarip/inet/Url.h"
+
+namespace zarip::inet {
+
+namespace {
+
+/// Far more than a browser keeps; each costs a hundred bytes and more, and headers have room for 200,000.
+constexpr std::size_t kMaxCookies = 10000;
+
+std::string Upper(const std::string& name) {
+    std::string upper = name;
+    core::StringUtil::ToUpper(upper);
+    return upper;
+}
+
+const std::string* Find(const std::map<std::string, std::string>& values, const std::string& name) {
+    const auto value = values.find(name);
+    return value != values.end() ? &value->second : nullptr;
+}
+
+}  // namespace
+
+HttpRequestBase::HttpRequestBase() = default;
+HttpRequestBase::HttpRequestBase(const HttpRequestBase& other) = default;
+HttpRequestBase& HttpRequestBase::operator=(const HttpRequestBase& other) = default;
+HttpRequestBase::~HttpRequestBase() = default;
+
+const std::string& HttpRequestBase::GetPath() const {
+    return _path;
+}
+
+void HttpRequestBase::SetPath(const std::string& path) {
+    _path = path;
+}
+
+const std::string& HttpRequestBase::GetQueryString() const {
+    return _queryString;
+}
+
+void HttpRequestBase::SetQueryString(const std::string& query) {
+    _queryString = query;
+}
+
+void HttpRequestBase::SetHeader(const std::string& name, const std::string& value) {
+    const bool isCookie = EqualsIgnoringCase(name, "Cookie");
+    if (isCookie && _cookies.size() + static_cast<std::size_t>(std::count(value.begin(), value.end(), ';')) >=
+                        kMaxCookies) {
+        ThrowBadRequest();
+    }
+    HttpBase::SetHeader(name, value);
+    if (isCookie) {
+        ParseCookies(value);
+    }
+}
+
+void HttpRequestBase::ParseCookies(const std::string& text) {
+    const std::string_view all = text;
+    std::size_t begin = 0;
+    for (;;) {
+        begin = std::min(all.find_first_not_of(" \t", begin), all.size());
+        const std::size_t end = std::min(all.find(';', begin), all.size());
+        const std::string_view piece = all.substr(begin, end - begin);
+        const std::size_t equals = piece.find('=');
+        if (equals != std::string_view::npos && equals != 0) {
+            SetCookie(std::string(piece.substr(0, equals)), std::string(piece.substr(equals + 1)));
+        }
+        if (end == all.size()) {
+            return;
+        }
+        begin = end + 1;
+    }
+}
+
+const std::string* HttpRequestBase::GetQueryParameter(const std::string& name) const {
+    return Find(_queryParameters, Upper(name));
+}
+
+void HttpRequestBase::SetQueryParameter(const std::string& name, const std::string& value) {
+    _queryParameters.insert_or_assign(Upper(name), value);
+}
+
+void HttpRequestBase::RemoveQueryParameter(const std::string& name) {
+    _queryParameters.erase(Upper(name));
+}
+
+const std::string* HttpRequestBase::GetFormParameter(const std::string& name) const {
+    return Find(_formParameters, Upper(name));
+}
+
+void HttpRequestBase::SetFormParameter(const std::string& name, const std::string& value) {
+    _formParameters.insert_or_assign(Upper(name), value);
+}
+
+void HttpRequestBase::RemoveFormParameter(const std::string& name) {
+    _formParameters.erase(Upper(name));
+}
+
+const std::string* HttpRequestBase::GetFormOrQueryParameter(const std::string& name) const {
+    const std::string* const value = GetFormParameter(name);
+    return value != nullptr ? value : GetQueryParameter(name);
+}
+
+const std::string* HttpRequestBase::GetCookie(const std::string& name) const {
+    return Find(_cookies, name);
+}
+
+void HttpRequestBase::SetCookie(const std::string& name, const std::string& value) {
+    if (value.empty()) {
+        _cookies.erase(name);
+    } else {
+        _cookies.insert_or_assign(name, value);
+    }
+}
+
+void HttpRequestBase::SetUrl(const Url& url) {
+    const std::string path = Url::Decode(url.GetPath());
+    std::string host = url.GetHost();
+    if (url.GetPort() != 0) {
+        host += ":" + std::to_string(url.GetPort());
+    }
+    SetHeader("HOST", host);
+    SetPath(path);
+    SetQueryString(url.GetQuery());
+    HttpParser::ParseQuery(*this, url.GetQuery(), false);
+}
+
+}  // namespace zarip::inet

@@ -1,0 +1,52 @@
+#include "zarip/inet/InetBase.h"
+
+#include "cutil/gettime.h"
+#include "inet/Address.h"
+#include "zarip/inet/Request.h"
+#include "zarip/inet/Response.h"
+
+namespace zarip::inet {
+
+InetBase::InetBase() : _timeStamp{}, _dest(ParseAddress("0.0.0.0:0")), _source(_dest) {
+    cutil::gettime(_timeStamp.seconds, _timeStamp.microseconds);
+}
+
+InetBase::InetBase(const InetBase& other) = default;
+InetBase& InetBase::operator=(const InetBase& other) = default;
+InetBase::~InetBase() = default;
+
+const _timeval_t& InetBase::GetTimeStamp() const {
+    return _timeStamp;
+}
+
+void InetBase::SetTimeStamp(const _timeval_t& timeStamp) {
+    _timeStamp = timeStamp;
+}
+
+const _ipaddr_t& InetBase::GetDest() const {
+    return _dest;
+}
+
+void InetBase::SetDest(const _ipaddr_t& dest) {
+    _dest = dest;
+}
+
+const _ipaddr_t& InetBase::GetSource() const {
+    return _source;
+}
+
+void InetBase::SetSource(const _ipaddr_t& source) {
+    _source = source;
+}
+
+Request::Request() = default;
+Request::Request(const Request& other) = default;
+Request& Request::operator=(const Request& other) = default;
+Request::~Request() = default;
+
+Response::Response() = default;
+Response::Response(const Response& other) = default;
+Response& Response::operator=(const Response& other) = default;
+Response::~Response() = default;
+
+}  // namespace zarip::inet
