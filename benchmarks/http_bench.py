@@ -10,6 +10,7 @@ import argparse
 import os
 import pathlib
 import shutil
+import socket
 import statistics
 import subprocess
 import tempfile
@@ -37,8 +38,6 @@ def cpu_ns(pid):
 
 
 def start_nginx(folder):
-    import socket
-
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         port = probe.getsockname()[1]
@@ -102,6 +101,11 @@ def main():
             for clients in (1, 8, 11):
                 longest = max(load(options.programs, port, clients, requests)[2] for _ in range(3))
                 print(f"  {clients:2} clients {longest / 1000:8.1f}")
+            alone = load(options.programs, port, 1, requests)[1]
+            crowd = [socket.create_connection(("127.0.0.1", port)) for _ in range(101)]
+            crowd[0].sendall(b"GET / HTTP/1.1\r\nHost: dribb")
+            beside = load(options.programs, port, 1, requests)[1]
+            print(f"\nOne client, p50 us: alone {alone:.0f}, beside 100 silent clients and one that dribbles {beside:.0f}")
         finally:
             for process, _ in servers.values():
                 process.terminate()

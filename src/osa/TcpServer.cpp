@@ -13,6 +13,7 @@
 #include <deque>
 #include <exception>
 #include <list>
+#include <string>
 
 #include "osa/Errors.h"
 #include "osa/SocketAddress.h"
@@ -31,8 +32,11 @@ constexpr unsigned int kStackSize = 32'768;
 constexpr int kFirstPort = 1'024;
 constexpr int kPorts = 65'536;
 constexpr std::size_t kMaxHeld = 1'000;
+constexpr std::size_t kMaxReadAhead = 4'095;
+constexpr std::size_t kControlSize = 15;
 constexpr MonotonicMs kControlWaitMs = 2'000;
 constexpr int kShortageWaitMs = 100;
+constexpr int kMaxAcceptedAtOnce = 16;
 
 // Everything else means that accepting will not work again.
 constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,       ENOPROTOOPT,
@@ -75,20 +79,26 @@ private:
     struct Held {
         UniqueFd fd;
         MonotonicMs until;
+        std::string readAhead = {};
         bool isWatched = false;
+        bool isControl = false;
     };
     using HeldList = std::list<Held>;
 
     void Listen();
     void Loop();
-    bool Accept();
-    bool Shed(int error);
+    enum Acceptance { kAccepted, kNone, kFatal };
+    bool AcceptWaiting();
+    Acceptance Accept();
+    void Shed(int error);
     void Watch(int fd, std::uint32_t events, void* what);
     bool IsHolding() const { return _isReady != nullptr || _socket.GetFamily() == AF_UNIX; }
     void Hold(UniqueFd fd);
     void Look(HeldList::iterator held, bool isOver);
     bool IsControl(int fd, const char* bytes, std::size_t length);
-    void Serve(UniqueFd fd, bool isOver);
+    bool ReadAhead(Held& held);
+    bool HasSpoken(Held& held);
+    void Serve(Held held, bool isOver);
     void ExpireHeld();
     int UntilNextExpiry() const;
 
@@ -187,7 +197,7 @@ void TcpServer::Impl::Loop() {
         for (int i = 0; i < count && !_stop; ++i) {
             void* const what = events[i].data.ptr;
             if (what == &_socket) {
-                if (!Accept()) {
+                if (!AcceptWaiting()) {
                     return;
                 }
             } else if (what != &_stopEvent) {
@@ -203,46 +213,59 @@ void TcpServer::Impl::Loop() {
     }
 }
 
-bool TcpServer::Impl::Accept() {
-    UniqueFd fd(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!fd.IsValid()) {
-        const int error = errno;
-        if (_stop) {
-            return false;
+/// Accepts what waits, but not for ever: held connections want to be looked at as well.
+bool TcpServer::Impl::AcceptWaiting() {
+    for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
+        switch (Accept()) {
+            case kAccepted:
+                break;
+            case kNone:
+                return true;
+            case kFatal:
+                return false;
         }
-        if (IsShortage(error)) {
-            return Shed(error);
-        }
-        if (IsFatalError(error)) {
-            _logger->Error("accept failed with fatal error %d, terminating ::Run loop", error);
-            return false;
-        }
-        if (error != EAGAIN) {
-            _logger->Warning("accept failed with recoverable error %d, retrying accept", error);
-        }
-        return true;
-    }
-    if (IsHolding()) {
-        Hold(std::move(fd));
-    } else {
-        Serve(std::move(fd), false);
     }
     return true;
 }
 
+TcpServer::Impl::Acceptance TcpServer::Impl::Accept() {
+    UniqueFd fd(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!fd.IsValid()) {
+        const int error = errno;
+        if (error == EAGAIN || _stop) {
+            return kNone;
+        }
+        if (IsShortage(error)) {
+            Shed(error);
+            return kNone;
+        }
+        if (IsFatalError(error)) {
+            _logger->Error("accept failed with fatal error %d, terminating ::Run loop", error);
+            return kFatal;
+        }
+        _logger->Warning("accept failed with recoverable error %d, retrying accept", error);
+        return kNone;
+    }
+    if (IsHolding()) {
+        Hold(std::move(fd));
+    } else {
+        Serve({std::move(fd), 0}, false);
+    }
+    return kAccepted;
+}
+
 /// Makes room when the process or the system is short of something; refuses a connection rather than leave it
 /// waiting for ever.
-bool TcpServer::Impl::Shed(int error) {
+void TcpServer::Impl::Shed(int error) {
     _logger->Error("accept failed with recoverable error %d, retrying accept", error);
     if (!_held.empty()) {
         _held.pop_front();
-        return true;
+        return;
     }
     _spare = UniqueFd();
     { const UniqueFd refused(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC)); }
     _spare = OpenSpare();
     WaitFor(-1, 0, &_stopEvent, NowMs() + kShortageWaitMs);
-    return true;
 }
 
 void TcpServer::Impl::Hold(UniqueFd fd) {
@@ -250,48 +273,69 @@ void TcpServer::Impl::Hold(UniqueFd fd) {
         _held.pop_front();
     }
     const MonotonicMs wait = _isReady != nullptr ? static_cast<MonotonicMs>(_limitMs) : kControlWaitMs;
-    _held.push_back({std::move(fd), NowMs() + wait, false});
+    _held.push_back({std::move(fd), NowMs() + wait});
     const auto held = std::prev(_held.end());
     Look(held, false);
 }
 
 /// Serves a held connection that has said enough, or whose time is over.
 void TcpServer::Impl::Look(HeldList::iterator held, bool isOver) {
-    char bytes[4'095];
-    const int fd = held->fd.Get();
-    const ssize_t peeked = ::recv(fd, bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
-    const bool isSilent = peeked < 0 && (errno == EAGAIN || errno == EINTR);
-    const std::size_t length = peeked > 0 ? static_cast<std::size_t>(peeked) : 0;
-    if (_socket.GetFamily() == AF_UNIX && length > 0 && IsControl(fd, bytes, length)) {
+    const bool isReady = _isReady != nullptr ? ReadAhead(*held) : HasSpoken(*held);
+    if (isReady && held->isControl) {
         _held.erase(held);
         return;
     }
-    const bool isReady = !isSilent && (peeked <= 0 || length == sizeof(bytes) || _isReady == nullptr ||
-                                       _isReady(bytes, length));
     if (!isReady && !isOver) {
         if (!held->isWatched) {
             held->isWatched = true;
-            Watch(fd, EPOLLIN | EPOLLRDHUP | EPOLLET, &*held);
+            Watch(held->fd.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, &*held);
         }
         return;
     }
     if (held->isWatched) {
-        ::epoll_ctl(_events.Get(), EPOLL_CTL_DEL, fd, nullptr);
+        ::epoll_ctl(_events.Get(), EPOLL_CTL_DEL, held->fd.Get(), nullptr);
     }
-    UniqueFd served = std::move(held->fd);
+    Held served = std::move(*held);
     _held.erase(held);
     Serve(std::move(served), !isReady && _isReady != nullptr);
 }
 
+/// Reads what has come, up to kMaxReadAhead bytes, for the one who will serve the connection.
+bool TcpServer::Impl::ReadAhead(Held& held) {
+    char bytes[kMaxReadAhead];
+    for (;;) {
+        const ssize_t count =
+            ::recv(held.fd.Get(), bytes, kMaxReadAhead - held.readAhead.size(), MSG_DONTWAIT);
+        if (count <= 0) {
+            return count == 0 || (errno != EAGAIN && errno != EINTR);
+        }
+        held.readAhead.append(bytes, static_cast<std::size_t>(count));
+        if (held.readAhead.size() == kMaxReadAhead ||
+            _isReady(held.readAhead.data(), held.readAhead.size())) {
+            return true;
+        }
+    }
+}
+
+/// Looks whether the peer has spoken, and whether it has said a control command, which is carried out.
+bool TcpServer::Impl::HasSpoken(Held& held) {
+    char bytes[kControlSize];
+    const ssize_t peeked = ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
+    if (peeked < 0) {
+        return errno != EAGAIN && errno != EINTR;
+    }
+    held.isControl = IsControl(held.fd.Get(), bytes, static_cast<std::size_t>(peeked));
+    return true;
+}
+
 bool TcpServer::Impl::IsControl(int fd, const char* bytes, std::size_t length) {
-    constexpr std::size_t kLooked = 15;
-    const std::string command(bytes, std::min(length, kLooked));
+    const std::string command(bytes, length);
     const bool isStart = command.rfind("dump start\n", 0) == 0;
     if (!isStart && command.rfind("dump stop\n", 0) != 0) {
         return false;
     }
     // Taken off the connection, so that closing it is no reset to the peer.
-    char taken[kLooked];
+    char taken[kControlSize];
     ::recv(fd, taken, sizeof(taken), MSG_DONTWAIT);
     ucred peer{};
     socklen_t size = sizeof(peer);
@@ -309,11 +353,12 @@ bool TcpServer::Impl::IsControl(int fd, const char* bytes, std::size_t length) {
     return true;
 }
 
-void TcpServer::Impl::Serve(UniqueFd fd, bool isOver) {
+void TcpServer::Impl::Serve(Held held, bool isOver) {
     _nextPort = std::max((_nextPort + 1) % kPorts, kFirstPort);
     try {
         auto connection = std::make_shared<TcpSocket::Impl>();
-        connection->fd = std::move(fd);
+        connection->fd = std::move(held.fd);
+        connection->readAhead = std::move(held.readAhead);
         connection->connected = true;
         connection->family = _socket.GetFamily();
         connection->port = static_cast<unsigned short>(_nextPort);

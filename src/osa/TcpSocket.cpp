@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "osa/Errors.h"
 #include "osa/SocketAddress.h"
@@ -305,12 +306,27 @@ void TcpSocket::SendTwo(const void* first, unsigned int firstLength, const void*
     }
 }
 
+unsigned int TcpSocket::Impl::TakeReadAhead(void* buffer, unsigned int length, bool isPeek) {
+    const std::size_t count = std::min<std::size_t>(readAhead.size() - readAheadUsed, length);
+    std::memcpy(buffer, readAhead.data() + readAheadUsed, count);
+    if (!isPeek) {
+        readAheadUsed += count;
+        if (capture != nullptr) {
+            capture->Dump(port, 0, buffer, count);
+        }
+    }
+    return static_cast<unsigned int>(count);
+}
+
 unsigned int TcpSocket::Impl::Receive(void* buffer, unsigned int length, unsigned int timeoutSeconds,
                                       int flags) {
     MonotonicMs until = 0;
     for (bool waited = false;; waited = true) {
         if (cancel.IsCancelled()) {
             Throw("Socket was closed");
+        }
+        if (readAheadUsed < readAhead.size() && length > 0) {
+            return TakeReadAhead(buffer, length, (flags & MSG_PEEK) != 0);
         }
         // Most often something is there; then nobody has to wait, nor needs what waiting needs.
         const ssize_t received = ::recv(fd.Get(), buffer, length, flags | MSG_NOSIGNAL | MSG_DONTWAIT);

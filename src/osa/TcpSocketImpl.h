@@ -23,6 +23,9 @@ struct TcpSocket::Impl {
     CancelEvent cancel;
     std::atomic<bool> aborted{false};
     MonotonicMs limit = kNever;
+    /// Read by the server while it held the connection; received first.
+    std::string readAhead;
+    std::size_t readAheadUsed = 0;
     /// Set for the connections of a server.
     std::shared_ptr<PacketCapture> capture;
 
@@ -31,6 +34,7 @@ struct TcpSocket::Impl {
         cancel.Cancel();
     }
 
+    unsigned int TakeReadAhead(void* buffer, unsigned int length, bool isPeek);
     unsigned int Receive(void* buffer, unsigned int length, unsigned int timeoutSeconds, int flags);
     unsigned int Send(const struct iovec* parts, int count);
 };

@@ -46,6 +46,12 @@ void TcpSocketStreamBuf::Open(TcpSocket* socket) {
     _socket = socket;
 }
 
+void TcpSocketStreamBuf::Close() {
+    _socket = nullptr;
+    setg(_receiveBuffer.get(), _receiveBuffer.get(), _receiveBuffer.get());
+    setp(_sendBuffer.get(), _sendBuffer.get() + _bufferSize);
+}
+
 void TcpSocketStreamBuf::SendPending(const char* more, unsigned int moreLength) {
     if (_socket == nullptr) {
         throw IOException(kNoSocket);

@@ -30,6 +30,9 @@ public:
     /// Throws `IOException` "Socket already open" when there is a socket.
     void Open(TcpSocket* socket);
 
+    /// Lets go of the socket and of what was not sent or read, so that another can be opened.
+    void Close();
+
 protected:
     int sync() override;
     std::streamsize showmanyc() override;
