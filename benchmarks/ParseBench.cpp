@@ -134,13 +134,14 @@ std::string BrowserGet() {
 }
 
 std::string FormPost() {
-    std::string form;
-    for (int i = 0; form.size() < 2048; ++i) {
-        const std::string number = std::to_string(i);
-        form += (i > 0 ? "&" : "");
-        form += i % 3 == 0   ? "setting" + number + "=value+with+words"
-                : i % 3 == 1 ? "Long.Setting.Name" + number + "=%2Fvar%2Flog%2Ffile" + number
-                             : "s" + number + "=" + number;
+    std::string form = "action=save";
+    for (int i = 1; form.size() < 2048; ++i) {
+        const std::string zone = "&zone" + std::to_string(i) + ".";
+        form += zone + "name=Loading+bay+" + std::to_string(i) + "%2C+north+side";
+        form += zone + "enabled=true";
+        form += zone + "points=120%2C80%3B640%2C80%3B640%2C420%3B120%2C420";
+        form += zone + "sensitivity=" + std::to_string(40 + i);
+        form += zone + "schedule=Mon-Fri+07%3A00-18%3A30";
     }
     form.resize(2048);
     return "POST /cgi/settings HTTP/1.1\r\nHost: camera-17.example.org\r\nConnection: keep-alive\r\n"
@@ -190,18 +191,18 @@ int main(int argc, char** argv) {
     posts.Add("plain loop, same maps", [&] {
         PlainMessage message;
         ReadPlainly(post.Rewind(), message);
-        Check(message.formParameters["SETTING3"] == "value with words");
+        Check(message.formParameters["ZONE2.NAME"] == "Loading bay 2, north side");
     });
     posts.Add("Poco HTTPRequest::read, HTMLForm", [&] {
         Poco::Net::HTTPRequest request;
         request.read(post.Rewind());
         const Poco::Net::HTMLForm form(request, post);
-        Check(form["setting3"] == "value with words");
+        Check(form["zone2.name"] == "Loading bay 2, north side");
     });
     posts.Add("zarip", [&] {
         zarip::inet::HttpRequest request;
         post.Rewind() >> request;
-        Check(*request.GetFormParameter("setting3") == "value with words");
+        Check(*request.GetFormParameter("zone2.name") == "Loading bay 2, north side");
     });
     posts.Run();
     return EXIT_SUCCESS;

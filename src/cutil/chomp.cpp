@@ -5,7 +5,10 @@
 namespace zarip::cutil {
 
 void chomp(char* text) {
-    std::size_t length = std::strlen(text);
+    chomp(text, std::strlen(text));
+}
+
+std::size_t chomp(char* text, std::size_t length) {
     if (length > 0 && text[length - 1] == '\n') {
         --length;
     }
@@ -13,6 +16,7 @@ void chomp(char* text) {
         --length;
     }
     text[length] = '\0';
+    return length;
 }
 
 }  // namespace zarip::cutil

@@ -18,12 +18,19 @@ constexpr bool IsLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-constexpr int HexValue(char c) {
-    return IsDigit(c)               ? c - '0'
-           : (c >= 'a' && c <= 'f') ? c - 'a' + 10
-           : (c >= 'A' && c <= 'F') ? c - 'A' + 10
-                                    : -1;
-}
+/// The values of hexadecimal digits, -1 for all other characters.
+struct HexValues {
+    constexpr HexValues() {
+        for (int c = 0; c < 256; ++c) {
+            const int letter = c | 0x20;
+            of[c] = static_cast<signed char>(c >= '0' && c <= '9'             ? c - '0'
+                                             : letter >= 'a' && letter <= 'f' ? letter - 'a' + 10
+                                                                              : -1);
+        }
+    }
+    signed char of[256] = {};
+};
+constexpr HexValues kHexValues;
 
 struct Parts {
     Text scheme, user, password, host, port, path, query;  // no data: absent
@@ -155,6 +162,12 @@ void url_free(url_t* url) {
     }
 }
 
+int url_byte(char high, char low) {
+    const int first = kHexValues.of[static_cast<unsigned char>(high)];
+    const int second = kHexValues.of[static_cast<unsigned char>(low)];
+    return (first | second) < 0 ? -1 : first * 16 + second;
+}
+
 int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outSize) {
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::size_t length = 0;
@@ -187,12 +200,11 @@ int url_decode(const char* in, std::size_t inLength, char* out, std::size_t outS
         }
         char c = in[i];
         if (c == '%') {
-            const int high = inLength - i > 2 ? HexValue(in[i + 1]) : -1;
-            const int low = inLength - i > 2 ? HexValue(in[i + 2]) : -1;
-            if (high < 0 || low < 0) {
+            const int byte = inLength - i > 2 ? url_byte(in[i + 1], in[i + 2]) : -1;
+            if (byte < 0) {
                 return -1;
             }
-            c = static_cast<char>(high * 16 + low);
+            c = static_cast<char>(byte);
             i += 2;
         }
         out[length++] = c;

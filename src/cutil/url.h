@@ -32,7 +32,11 @@ void url_free(url_t* url);
 int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
 
 /// Writes the text with '%' and two hexadecimal digits as that byte, and a zero byte; '+' stays, since paths
-/// hold it. Returns the length without that, or -1 when a '%' lacks its digits or `outSize` is too small.
+/// hold it. `out` may be `in`. Returns the length without that, or -1 when a '%' lacks its digits or
+/// `outSize` is too small.
 int url_decode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
+
+/// The byte that two hexadecimal digits stand for, -1 when they are none.
+int url_byte(char high, char low);
 
 }  // namespace zarip::cutil

@@ -10,12 +10,13 @@
 #include <utility>
 
 #include "cutil/chomp.h"
+#include "cutil/url.h"
 #include "inet/BadRequest.h"
 #include "inet/Text.h"
+#include "inet/UrlText.h"
 #include "zarip/inet/HttpRequestBase.h"
 #include "zarip/inet/HttpResponseBase.h"
 #include "zarip/inet/ParserException.h"
-#include "zarip/inet/Url.h"
 
 namespace zarip::inet {
 
@@ -31,10 +32,10 @@ constexpr std::size_t kMaxResponseBody = 0x100000 - kBodyStep;  // the last read
 constexpr std::size_t kMaxProtocol = 64;
 constexpr std::size_t kMaxCode = 32;
 
-/// The lines at the begin of one message.
-class Lines {
+/// One message on its way in: lines at first, then the body.
+class Reader {
 public:
-    explicit Lines(std::istream& in) : _in(in) {}
+    explicit Reader(std::istream& in) : _in(in) { _line[0] = '\0'; }
 
     /// Deliberate: the first line has no limit of its own, what does not fit into the buffer is cut off. The
     /// stream has failed then, which ends the message behind that line.
@@ -59,6 +60,31 @@ public:
         return _line;
     }
 
+    /// The bytes that arrive, `length` at the most and no more than one beyond the limit of a body. Valid
+    /// while the reader is.
+    std::pair<char*, std::size_t> ReadBody(std::uint64_t length) {
+        const auto wanted = static_cast<std::size_t>(std::min(length, kMaxBody + 1));
+        const bool isShort = wanted < kLineBuffer;
+        std::size_t held = 0;
+        while (held < wanted && _in.good()) {
+            const std::size_t step = std::min(wanted - held, kBodyStep);
+            if (!isShort) {
+                _body.resize(held + step);
+            }
+            held += ReadBytes(isShort ? _line : _body.data() + held, step);
+        }
+        return {isShort ? _line : _body.data(), held};
+    }
+
+    /// The bytes that arrive, `size` at the most: their count.
+    std::size_t ReadBytes(char* data, std::size_t size) {
+        _in.read(data, static_cast<std::streamsize>(size));
+        if (_in.bad()) {
+            ThrowBadRequest();
+        }
+        return static_cast<std::size_t>(_in.gcount());
+    }
+
 private:
     /// The count of characters taken from the stream.
     std::streamsize Read() {
@@ -72,12 +98,13 @@ private:
         if (std::strlen(_line) != static_cast<std::size_t>(length)) {
             ThrowBadRequest();  // a zero byte: the rest of the line would go unseen
         }
-        cutil::chomp(_line);
+        cutil::chomp(_line, static_cast<std::size_t>(length));
         return extracted;
     }
 
     std::istream& _in;
-    char _line[kLineBuffer] = {};
+    char _line[kLineBuffer];
+    std::string _body;
     std::size_t _headers = 0;
     std::size_t _text = 0;
 };
@@ -116,28 +143,90 @@ bool IsTransferEncoding(std::string_view name) {
     return EqualsIgnoringCase(name.substr(0, name.find_last_not_of(" \t") + 1), kName);
 }
 
-/// The bytes that arrive, `length` at the most.
-std::string ReadBody(std::istream& in, std::uint64_t length) {
-    std::string body;
-    std::size_t held = 0;
-    const auto wanted = static_cast<std::size_t>(std::min(length, kMaxBody + 1));
-    while (held < wanted && in.good()) {
-        const std::size_t step = std::min(wanted - held, kBodyStep);
-        body.resize(held + step);
-        in.read(body.data() + held, static_cast<std::streamsize>(step));
-        held += static_cast<std::size_t>(in.gcount());
-    }
-    if (in.bad()) {
-        ThrowBadRequest();
-    }
-    body.resize(held);
-    return body;
-}
+/// What a character of a query does beside standing for itself.
+enum QueryRole : unsigned char { kPlain, kSeparates, kEquals, kSpace, kEscapes, kEnds };
 
-/// As written in queries and forms.
-void Decode(std::string& text) {
-    std::replace(text.begin(), text.end(), '+', ' ');
-    text = Url::Decode(text);
+struct QueryRoles {
+    constexpr QueryRoles() {
+        of[static_cast<unsigned char>('&')] = kSeparates;
+        of[static_cast<unsigned char>(';')] = kSeparates;
+        of[static_cast<unsigned char>('=')] = kEquals;
+        of[static_cast<unsigned char>('+')] = kSpace;
+        of[static_cast<unsigned char>('%')] = kEscapes;
+        of[0] = kEnds;
+    }
+    QueryRole of[256] = {};
+};
+constexpr QueryRoles kQueryRoles;
+
+/// Decodes in place: a text never grows by it.
+class QueryReader {
+public:
+    QueryReader(char* begin, std::size_t size) : _next(begin), _end(begin + size) {}
+
+    bool AtEnd() const { return _next == _end; }
+
+    void ReadPair(std::string& name, std::string& value) {
+        const char* const begin = _next;
+        char* out = _next;
+        const char* equals = nullptr;
+        bool isDecodable = true;
+        bool holdsZero = false;
+        for (; _next != _end; ++_next) {
+            const char c = *_next;
+            const QueryRole role = kQueryRoles.of[static_cast<unsigned char>(c)];
+            if (role == kPlain) {
+                *out++ = c;
+            } else if (role == kSeparates) {
+                ++_next;
+                break;
+            } else if (role == kEquals && equals == nullptr) {
+                equals = out;
+            } else if (role == kEscapes) {
+                const int byte = _end - _next > 2 ? cutil::url_byte(_next[1], _next[2]) : -1;
+                if (byte < 0) {
+                    isDecodable = false;
+                    continue;
+                }
+                holdsZero = holdsZero || byte == 0;
+                *out++ = static_cast<char>(byte);
+                _next += 2;
+            } else {
+                holdsZero = holdsZero || role == kEnds;
+                *out++ = role == kSpace ? ' ' : c;
+            }
+        }
+        if (equals == nullptr) {
+            ThrowBadRequest();
+        }
+        if (!isDecodable) {
+            ThrowUndecodable();
+        }
+        name.assign(begin, static_cast<std::size_t>(equals - begin));
+        value.assign(equals, static_cast<std::size_t>(out - equals));
+        if (holdsZero) {  // ends a decoded text
+            name.resize(std::strlen(name.c_str()));
+            value.resize(std::strlen(value.c_str()));
+        }
+    }
+
+private:
+    char* _next;
+    char* _end;
+};
+
+void ParsePairs(HttpRequestBase& request, char* query, std::size_t size, bool isForm) {
+    QueryReader reader(query, size);
+    std::string name;
+    std::string value;
+    while (!reader.AtEnd()) {
+        reader.ReadPair(name, value);
+        if (isForm) {
+            request.SetFormParameter(name, value);
+        } else {
+            request.SetQueryParameter(name, value);
+        }
+    }
 }
 
 }  // namespace
@@ -148,67 +237,59 @@ HttpParser& HttpParser::operator=(const HttpParser& other) = default;
 HttpParser::~HttpParser() = default;
 
 void HttpParser::Parse(std::istream& in, HttpRequestBase& request) const {
+    Reader reader(in);
+    ParseRequestLine(reader.ReadFirst(), request);
     std::uint64_t length = 0;
     std::string contentType;
-    {
-        Lines lines(in);
-        ParseRequestLine(lines.ReadFirst(), request);
-        std::string name;
-        std::string value;
-        while (char* const line = lines.ReadHeader()) {
-            char* nameText = nullptr;
-            char* valueText = nullptr;
-            ParseHeader(line, nameText, valueText);
-            name = nameText;
-            value = valueText;
-            request.SetHeader(name, value);
-            if (EqualsIgnoringCase(name, "Content-Length")) {
-                length = ParseContentLength(value);
-            } else if (EqualsIgnoringCase(name, "Content-Type")) {
-                contentType = value;
-            } else if (IsTransferEncoding(name)) {
-                ThrowBadRequest();  // its body would be taken for empty
-            }
+    std::string name;
+    std::string value;
+    while (char* const line = reader.ReadHeader()) {
+        char* nameText = nullptr;
+        char* valueText = nullptr;
+        ParseHeader(line, nameText, valueText);
+        name = nameText;
+        value = valueText;
+        request.SetHeader(name, value);
+        if (EqualsIgnoringCase(name, "Content-Length")) {
+            length = ParseContentLength(value);
+        } else if (EqualsIgnoringCase(name, "Content-Type")) {
+            contentType = value;
+        } else if (IsTransferEncoding(name)) {
+            ThrowBadRequest();  // its body would be taken for empty
         }
     }
     if (length == 0 || !in.good()) {
         return;
     }
-    std::string body = ReadBody(in, length);
-    request.SetBody(body);
+    const auto [body, size] = reader.ReadBody(length);
+    request.SetBody(body, static_cast<unsigned int>(size));
     // Deliberate: with parameters such as a charset the type is another one, and the handler reads the body
     // for itself.
     if (contentType == "application/x-www-form-urlencoded" &&
         EqualsIgnoringCase(request.GetMethodName(), "POST")) {
-        ParseQuery(request, std::move(body), true);
+        ParsePairs(request, body, size, true);
     }
 }
 
 void HttpParser::Parse(std::istream& in, HttpResponseBase& response) const {
-    {
-        Lines lines(in);
-        ParseResponseLine(lines.ReadFirst(), response);
-        while (char* const line = lines.ReadHeader()) {
-            char* name = nullptr;
-            char* value = nullptr;
-            ParseHeader(line, name, value);
-            response.SetHeader(name, value);
-        }
+    Reader reader(in);
+    ParseResponseLine(reader.ReadFirst(), response);
+    while (char* const line = reader.ReadHeader()) {
+        char* name = nullptr;
+        char* value = nullptr;
+        ParseHeader(line, name, value);
+        response.SetHeader(name, value);
     }
     std::string body;
     std::size_t held = 0;
     do {
         const std::size_t before = held;
         body.resize(held + kBodyStep);
-        in.read(body.data() + held, static_cast<std::streamsize>(kBodyStep));
-        held += static_cast<std::size_t>(in.gcount());
+        held += reader.ReadBytes(body.data() + held, kBodyStep);
         if (before >= kMaxResponseBody) {
             throw ParserException("too much data");
         }
     } while (in.good());
-    if (in.bad()) {
-        ThrowBadRequest();
-    }
     response.SetBody(body.data(), static_cast<unsigned int>(held));
 }
 
@@ -224,12 +305,14 @@ void HttpParser::ParseRequestLine(char* line, HttpRequestBase& request) const {
     request.SetMethodName(std::string(method));
     target = target.substr(0, target.find('#'));
     const std::size_t question = target.find('?');
-    request.SetPath(Url::Decode(std::string(target.substr(0, question))));
+    std::string path(target.substr(0, question));
+    DecodeUrl(path);
+    request.SetPath(path);
     if (question != std::string_view::npos) {
         const std::size_t begin = std::min(target.find_first_not_of('?', question), target.size());
-        const std::string query(target.substr(begin));
+        std::string query(target.substr(begin));
         request.SetQueryString(query);
-        ParseQuery(request, query, false);
+        ParsePairs(request, query.data(), query.size(), false);
     }
 }
 
@@ -246,53 +329,28 @@ void HttpParser::ParseResponseLine(char* line, HttpResponseBase& response) const
 }
 
 void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
-    char* const begin = line + std::strspn(line, ":");
-    char* end = begin + std::strcspn(begin, ":");
-    if (begin == end) {
+    while (*line == ':') {
+        ++line;
+    }
+    char* end = line;
+    while (*end != '\0' && *end != ':') {
+        ++end;
+    }
+    if (end == line) {
         ThrowBadRequest();
     }
     if (*end != '\0') {
         *end++ = '\0';
-        end += std::strspn(end, " ");
+        while (*end == ' ') {
+            ++end;
+        }
     }
-    name = begin;
+    name = line;
     value = end;
 }
 
 void HttpParser::ParseQuery(HttpRequestBase& request, std::string query, bool isForm) {
-    std::string name;
-    std::string value;
-    const char* const end = query.data() + query.size();
-    const char* next = query.data();
-    while (next != end) {
-        const char* const begin = next;
-        const char* equals = nullptr;
-        bool isPlain = true;
-        for (; next != end && *next != '&' && *next != ';'; ++next) {
-            if (*next == '=') {
-                equals = equals != nullptr ? equals : next;
-            } else if (*next == '%' || *next == '+' || *next == '\0') {
-                isPlain = false;
-            }
-        }
-        if (equals == nullptr) {
-            ThrowBadRequest();
-        }
-        name.assign(begin, equals);
-        value.assign(equals + 1, next);
-        if (!isPlain) {
-            Decode(name);
-            Decode(value);
-        }
-        if (isForm) {
-            request.SetFormParameter(name, value);
-        } else {
-            request.SetQueryParameter(name, value);
-        }
-        if (next != end) {
-            ++next;
-        }
-    }
+    ParsePairs(request, query.data(), query.size(), isForm);
 }
 
 std::istream& operator>>(std::istream& in, HttpRequestBase& request) {

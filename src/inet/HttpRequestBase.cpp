@@ -6,7 +6,6 @@
 
 #include "inet/BadRequest.h"
 #include "inet/Text.h"
-#include "zarip/core/StringUtil.h"
 #include "zarip/inet/HttpParser.h"
 #include "zarip/inet/Url.h"
 
@@ -19,8 +18,15 @@ constexpr std::size_t kMaxCookies = 10000;
 
 std::string Upper(const std::string& name) {
     std::string upper = name;
-    core::StringUtil::ToUpper(upper);
+    ToUpper(upper);
     return upper;
+}
+
+void Set(std::map<std::string, std::string>& values, std::string name, const std::string& text) {
+    const auto [value, isNew] = values.emplace(std::move(name), text);
+    if (!isNew) {
+        value->second = text;
+    }
 }
 
 const std::string* Find(const std::map<std::string, std::string>& values, const std::string& name) {
@@ -65,6 +71,8 @@ void HttpRequestBase::SetHeader(const std::string& name, const std::string& valu
 
 void HttpRequestBase::ParseCookies(const std::string& text) {
     const std::string_view all = text;
+    std::string name;
+    std::string value;
     std::size_t begin = 0;
     for (;;) {
         begin = std::min(all.find_first_not_of(" \t", begin), all.size());
@@ -72,7 +80,9 @@ void HttpRequestBase::ParseCookies(const std::string& text) {
         const std::string_view piece = all.substr(begin, end - begin);
         const std::size_t equals = piece.find('=');
         if (equals != std::string_view::npos && equals != 0) {
-            SetCookie(std::string(piece.substr(0, equals)), std::string(piece.substr(equals + 1)));
+            name = piece.substr(0, equals);
+            value = piece.substr(equals + 1);
+            SetCookie(name, value);
         }
         if (end == all.size()) {
             return;
@@ -86,7 +96,7 @@ const std::string* HttpRequestBase::GetQueryParameter(const std::string& name) c
 }
 
 void HttpRequestBase::SetQueryParameter(const std::string& name, const std::string& value) {
-    _queryParameters.insert_or_assign(Upper(name), value);
+    Set(_queryParameters, Upper(name), value);
 }
 
 void HttpRequestBase::RemoveQueryParameter(const std::string& name) {
@@ -98,7 +108,7 @@ const std::string* HttpRequestBase::GetFormParameter(const std::string& name) co
 }
 
 void HttpRequestBase::SetFormParameter(const std::string& name, const std::string& value) {
-    _formParameters.insert_or_assign(Upper(name), value);
+    Set(_formParameters, Upper(name), value);
 }
 
 void HttpRequestBase::RemoveFormParameter(const std::string& name) {
@@ -118,7 +128,7 @@ void HttpRequestBase::SetCookie(const std::string& name, const std::string& valu
     if (value.empty()) {
         _cookies.erase(name);
     } else {
-        _cookies.insert_or_assign(name, value);
+        Set(_cookies, name, value);
     }
 }
 

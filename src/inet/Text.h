@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cctype>
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace zarip::inet {
@@ -21,6 +23,22 @@ constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right)
         }
     }
     return true;
+}
+
+/// As `StringUtil::ToUpper`, for the many short texts of a message.
+inline void ToUpper(std::string& text) {
+    unsigned char all = 0;
+    for (char& c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const auto isLower = static_cast<unsigned char>(static_cast<unsigned char>(byte - 'a') < 26);
+        all = static_cast<unsigned char>(all | byte);
+        c = static_cast<char>(byte - isLower * 0x20);
+    }
+    if (all >= 0x80) {  // what the process's locale takes for letters
+        for (char& c : text) {
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        }
+    }
 }
 
 }  // namespace zarip::inet

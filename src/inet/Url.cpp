@@ -8,8 +8,21 @@
 
 #include "cutil/url.h"
 #include "inet/Address.h"
+#include "inet/UrlText.h"
 
 namespace zarip::inet {
+
+void ThrowUndecodable() {
+    throw "url_decode() failed";
+}
+
+void DecodeUrl(std::string& text) {
+    // A text never grows by it, so it is its own buffer.
+    if (cutil::url_decode(text.data(), text.size(), text.data(), text.size() + 1) < 0) {
+        ThrowUndecodable();
+    }
+    text.resize(std::strlen(text.c_str()));
+}
 
 Url::Url() = default;
 Url::Url(const Url& other) = default;
@@ -101,11 +114,8 @@ std::string Url::Encode(const std::string& text) {
 }
 
 std::string Url::Decode(const std::string& text) {
-    std::string decoded(text.size() + 1, '\0');
-    if (cutil::url_decode(text.data(), text.size(), decoded.data(), decoded.size()) < 0) {
-        throw "url_decode() failed";
-    }
-    decoded.resize(std::strlen(decoded.c_str()));
+    std::string decoded = text;
+    DecodeUrl(decoded);
     return decoded;
 }
 
