@@ -1,12 +1,15 @@
 // A stream service on a unix-domain socket, whose traffic can be captured while it runs.
 //
-//   echo-service serve NAME      sends back what it gets on /tmp/sockets/NAME
+//   echo-service serve NAME      sends back what it gets on /tmp/sockets/NAME, one connection at a time
 //   echo-service say NAME TEXT   sends a text and prints what comes back
 //   echo-service capture NAME start|stop
-//                                writes all its traffic to /tmp/NAME.pcap; for root and the service's own
-//                                user
+//                                starts or ends writing all its traffic to /tmp/NAME.pcap, for root and the
+//                                service's own user; the service's log tells what it refuses
 
-#include <zarip/osa/Exception.h>
+#include <sys/stat.h>
+
+#include <zarip/core/IniFile.h>
+#include <zarip/core/Logger.h>
 #include <zarip/osa/ITcpSocketAccept.h>
 #include <zarip/osa/TcpServer.h>
 #include <zarip/osa/TcpSocket.h>
@@ -25,7 +28,7 @@ class Echo final : public zarip::osa::ITcpSocketAccept {
 public:
     void AcceptSocket(TcpSocket* accepted) override {
         const std::unique_ptr<TcpSocket> socket(accepted);
-        socket->SetTimeLimit(30'000);
+        socket->SetTimeLimit(30'000);  // whoever waits behind it waits no longer
         char buffer[4096];
         while (const unsigned int count = socket->Recv(buffer, sizeof(buffer), 10)) {
             socket->SendAll(buffer, count);
@@ -46,10 +49,14 @@ int main(int argc, char** argv) {
     try {
         if (command == "serve" && argc == 3) {
             const WaitForStop stop;
+            zarip::core::IniFile settings;
+            settings.SetValue("log", "log.stdout", "true");
+            zarip::core::Logger::ConfigureLogging(settings, "log");
             Echo echo;
             zarip::osa::TcpServer server(argv[2], 0);
+            ::umask(077);  // a capture holds all that clients said
             server.Start(&echo, 5);
-            std::printf("echoing on %s\n", argv[2]);
+            std::printf("echoing on /tmp/sockets/%s\n", argv[2]);
             std::fflush(stdout);
             stop.Wait();
             return 0;
@@ -64,8 +71,9 @@ int main(int argc, char** argv) {
             std::printf("\n");
             return 0;
         }
-        if (command == "capture" && argc == 4) {
-            Send(socket, argv[2], "dump " + std::string(argv[3]) + "\n");
+        const std::string what = argc == 4 ? argv[3] : "";
+        if (command == "capture" && (what == "start" || what == "stop")) {
+            Send(socket, argv[2], "dump " + what + "\n");
             socket.Recv(buffer, sizeof(buffer), 5);  // the end of the connection: it is done
             return 0;
         }

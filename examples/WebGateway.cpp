@@ -14,9 +14,9 @@
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
-// Answers are JSON. /api/ answers 401 without a valid login, 403 where the role is not enough, and everything
-// 503 when the bus or the security service is gone. The gateway keeps no password: a login is a session of
-// the service's.
+// Answers are JSON. /api/ answers 401 without a valid login and 403 where the role is not enough; what needs
+// the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login is a
+// session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
 
 #include <zarip/core/Delegate.h>
 #include <zarip/core/IniFile.h>
@@ -30,8 +30,8 @@
 #include <zarip/msgbus/MsgBus.h>
 #include <zarip/osa/Exception.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <deque>
 #include <memory>
@@ -85,14 +85,10 @@ void Answer(HttpResponse& response, int code, const std::string& json) {
     response.SetBody(json);
 }
 
-void Fail(HttpResponse& response, int code, const std::string& reason) {
-    Answer(response, code, "{\"error\":" + Quote(reason) + "}");
-}
-
-/// Why there is no answer; becomes a 503.
-class Gone : public zarip::osa::Exception {
-public:
-    using Exception::Exception;
+/// Thrown by a handler that answers with an error.
+struct Failure {
+    int code;
+    std::string reason;
 };
 
 /// The security service as long as there is one: connects when asked, and again when the bus was lost. Used
@@ -101,7 +97,7 @@ class Security {
 public:
     ~Security() { Disconnect(); }
 
-    /// Calls a member; throws `Gone`.
+    /// Calls a member; throws `Failure`.
     template <class Call>
     auto Ask(Call call) {
         Connect();
@@ -109,17 +105,15 @@ public:
             return call(*_provider);
         } catch (const std::exception& e) {
             _logger->Warning("%s", e.what());
-            throw Gone(_bus->IsRunning() ? "The security service does not answer."
-                                         : "The message bus is gone.");
+            if (StringUtil::StartsWith(e.what(), "MsgBusMsg: ")) {
+                throw Failure{400, "The bus cannot carry this text."};
+            }
+            throw Failure{503, _bus->IsRunning() ? "The security service does not answer."
+                                                 : "The message bus is gone."};
         }
     }
 
-    std::vector<std::string> GetEvents() {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        return {_events.begin(), _events.end()};
-    }
-
-private:
+    /// Watches for changes from now on. Throws `Failure`; then the next call of a member tries again.
     void Connect() {
         if (_bus && _bus->IsRunning()) {
             return;
@@ -133,10 +127,17 @@ private:
             _bus->StartServer();
         } catch (const std::exception& e) {
             _logger->Warning("%s", e.what());
-            throw Gone("The message bus is gone.");
+            Disconnect();
+            throw Failure{503, "The message bus is gone."};
         }
     }
 
+    std::vector<std::string> GetEvents() {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return {_events.begin(), _events.end()};
+    }
+
+private:
     void Disconnect() {
         if (_bus) {
             _bus->StopServer();
@@ -165,20 +166,28 @@ class Route final : public zarip::inet::IHttpHandler {
 public:
     using Function = void (*)(Security& security, const HttpRequest& request, HttpResponse& response);
 
-    Route(Security& security, Function function) : _security(security), _function(function) {}
+    /// @param methods  with spaces in between.
+    Route(Security& security, const char* methods, Function function)
+        : _security(security), _methods(methods), _function(function) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
         response.SetHeader("Cache-Control", "no-store");
         response.SetHeader("X-Content-Type-Options", "nosniff");
+        const std::vector<std::string> methods = StringUtil::Split(_methods, ' ');
         try {
+            if (std::find(methods.begin(), methods.end(), request.GetMethodName()) == methods.end()) {
+                response.SetHeader("Allow", StringUtil::Join(methods, ", "));
+                throw Failure{405, "This method does not fit here."};
+            }
             _function(_security, request, response);
-        } catch (const Gone& gone) {
-            Fail(response, 503, gone.ToString());
+        } catch (const Failure& failure) {
+            Answer(response, failure.code, "{\"error\":" + Quote(failure.reason) + "}");
         }
     }
 
 private:
     Security& _security;
+    const char* _methods;
     Function _function;
 };
 
@@ -186,16 +195,13 @@ class Page final : public zarip::inet::IHttpHandler {
 public:
     explicit Page(const char* path) : _text(StringUtil::ReadTextFile(path)) {}
 
-    void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
-        if (request.GetMethodName() != "GET") {
-            Fail(response, 405, "Only GET.");
-            return;
-        }
+    void HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) override {
         response.SetCode(200);
         response.SetHeader("Content-Type", "text/html; charset=UTF-8");
-        response.SetHeader(
-            "Content-Security-Policy",
-            "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; connect-src 'self'");
+        // Nothing from elsewhere, in nobody's frame; a form without its script sends no password anywhere.
+        response.SetHeader("Content-Security-Policy",
+                           "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
+                           "connect-src 'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'");
         response.SetBody(_text);
     }
 
@@ -204,6 +210,10 @@ private:
 };
 
 std::string Text(const std::string* value) {
+    // The bus would carry what stands before it.
+    if (value != nullptr && value->find('\0') != std::string::npos) {
+        throw Failure{400, "A zero byte."};
+    }
     return value != nullptr ? *value : "";
 }
 
@@ -216,37 +226,43 @@ void SetSession(HttpResponse& response, const std::string& session, const char* 
                        std::string(kCookie) + "=" + session + "; Path=/; HttpOnly; SameSite=Strict" + more);
 }
 
-/// Whether the caller may go on; otherwise the answer says why not.
-bool IsAllowed(Security& security, const HttpRequest& request, HttpResponse& response) {
+struct Caller {
+    std::string user;
+    int secondsLeft = 0;
+};
+
+/// Throws `Failure` for one who may not go on.
+Caller Allow(Security& security, const HttpRequest& request) {
     const std::string session = Session(request);
-    if (session.empty() || !security.Ask([&](auto& service) { return service.IsAuthenticated(session); })) {
-        Fail(response, 401, "Please log in.");
-        return false;
+    Caller caller;
+    if (!session.empty()) {
+        // Not IsAuthenticated, which makes the session last longer: a page left open would never end it.
+        caller.secondsLeft =
+            security.Ask([&](auto& service) { return service.GetExpiration(session, caller.user); });
+    }
+    if (caller.user.empty()) {
+        throw Failure{401, "Please log in."};
     }
     if (!security.Ask([&](auto& service) { return service.Authorize(session, request.GetPath()); })) {
-        Fail(response, 403, "Your role does not allow this.");
-        return false;
+        throw Failure{403, "Your role does not allow this."};
     }
-    return true;
+    return caller;
 }
 
 void Login(Security& security, const HttpRequest& request, HttpResponse& response) {
     const std::string user = Text(request.GetFormParameter("user"));
     const std::string password = Text(request.GetFormParameter("password"));
-    const std::string session = user.empty() ? "" : security.Ask([&](auto& service) {
-        return service.Authenticate(false, user, password);
-    });
+    const std::string session =
+        security.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
     if (session.empty()) {
-        Fail(response, 401, "User name or password is wrong.");
-        return;
+        throw Failure{401, "User name or password is wrong."};
     }
     SetSession(response, session, "");
     Answer(response, 200, "{\"user\":" + Quote(user) + "}");
 }
 
 void Logout(Security& security, const HttpRequest& request, HttpResponse& response) {
-    const std::string session = Session(request);
-    security.Ask([&](auto& service) { return service.Logout(session); });
+    security.Ask([&](auto& service) { return service.Logout(Session(request)); });
     SetSession(response, "", "; Max-Age=0");
     Answer(response, 200, "{}");
 }
@@ -257,13 +273,10 @@ void Health(Security& security, const HttpRequest& /*request*/, HttpResponse& re
 }
 
 void Status(Security& security, const HttpRequest& request, HttpResponse& response) {
-    if (IsAllowed(security, request, response)) {
-        std::string user;
-        const int seconds =
-            security.Ask([&](auto& service) { return service.GetExpiration(Session(request), user); });
-        Answer(response, 200,
-               "{\"user\":" + Quote(user) + ",\"secondsLeft\":" + std::to_string(seconds) + "}");
-    }
+    const Caller caller = Allow(security, request);
+    Answer(
+        response, 200,
+        "{\"user\":" + Quote(caller.user) + ",\"secondsLeft\":" + std::to_string(caller.secondsLeft) + "}");
 }
 
 std::string UsersAsJson(const std::string& lines) {
@@ -278,47 +291,52 @@ std::string UsersAsJson(const std::string& lines) {
     return "[" + StringUtil::Join(users, ',') + "]";
 }
 
-void Users(Security& security, const HttpRequest& request, HttpResponse& response) {
-    if (!IsAllowed(security, request, response)) {
-        return;
+int AddUser(Security& security, const HttpRequest& request) {
+    const std::string name = Text(request.GetFormParameter("name"));
+    const std::string role = Text(request.GetFormParameter("role"));
+    const std::string password = Text(request.GetFormParameter("password"));
+    // The service takes lines of fields: what ends a line or a field would be another user or role.
+    if ((name + role).find_first_of(":\n") != std::string::npos || password.find('\n') != std::string::npos) {
+        throw Failure{400, "A name, role or password that cannot be."};
     }
+    return security.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
+}
+
+void Users(Security& security, const HttpRequest& request, HttpResponse& response) {
+    Allow(security, request);
     int result = 0;
     if (request.GetMethodName() == "POST") {
-        const std::string name = Text(request.GetFormParameter("name"));
-        const std::string role = Text(request.GetFormParameter("role"));
-        const std::string password = Text(request.GetFormParameter("password"));
-        if ((name + role).find_first_of(":\n") != std::string::npos ||
-            password.find('\n') != std::string::npos) {
-            Fail(response, 400, "A name or password that cannot be.");
-            return;
-        }
-        result =
-            security.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
+        result = AddUser(security, request);
     } else if (request.GetMethodName() == "DELETE") {
         const std::vector<std::string> names = {Text(request.GetQueryParameter("name"))};
         result = security.Ask([&](auto& service) { return service.DeleteUsers(names); });
-    } else if (request.GetMethodName() != "GET") {
-        Fail(response, 405, "GET, POST or DELETE.");
-        return;
     }
     if (result != 0) {
-        Fail(response, 409, "The security service refused it with code " + std::to_string(result) + ".");
-        return;
+        // As the security service numbers them.
+        const char* const reasons[] = {"The password is too short.", "A name or password that cannot be.",
+                                       "There is no such role.", "There is such a user already.",
+                                       "There is no such user."};
+        throw Failure{409, result >= 1 && result <= 5
+                               ? reasons[result - 1]
+                               : "The security service refused it with code " + std::to_string(result) + "."};
     }
     Answer(response, 200, UsersAsJson(security.Ask([](auto& service) { return service.GetUsers(); })));
 }
 
 void Events(Security& security, const HttpRequest& request, HttpResponse& response) {
-    if (IsAllowed(security, request, response)) {
-        Answer(response, 200, "[" + StringUtil::Join(security.GetEvents(), ',') + "]");
-    }
+    Allow(security, request);
+    Answer(response, 200, "[" + StringUtil::Join(security.GetEvents(), ',') + "]");
+}
+
+void UnknownApi(Security& security, const HttpRequest& request, HttpResponse& /*response*/) {
+    Allow(security, request);
+    throw Failure{404, "There is no such thing."};
 }
 
 void Measure(Security& /*security*/, const HttpRequest& request, HttpResponse& response) {
     const std::string* const announced = request.GetHeader("Content-Length");
     if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
-        Fail(response, 400, "The body was cut short.");
-        return;
+        throw Failure{400, "The body is not as long as announced."};
     }
     Answer(response, 200, "{\"bytes\":" + std::to_string(request.GetBodyLength()) + "}");
 }
@@ -330,7 +348,9 @@ void Fault(Security& /*security*/, const HttpRequest& /*request*/, HttpResponse&
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2 || argc > 3) {
+    int port = 0;
+    if (argc < 2 || argc > 3 ||
+        (argc == 3 && (!StringUtil::TryParse(argv[2], port) || port < 0 || port > 65'535))) {
         std::fprintf(stderr, "usage: web-gateway PAGE [PORT]\n");
         return 2;
     }
@@ -342,24 +362,30 @@ int main(int argc, char** argv) {
 
         Security security;
         Page page(argv[1]);
-        Route login(security, &Login);
-        Route logout(security, &Logout);
-        Route health(security, &Health);
-        Route status(security, &Status);
-        Route users(security, &Users);
-        Route events(security, &Events);
-        Route measure(security, &Measure);
-        Route fault(security, &Fault);
-        zarip::inet::HttpServer server("127.0.0.1", argc > 2 ? std::atoi(argv[2]) : 0);
+        struct {
+            const char* path;
+            Route route;
+        } routes[] = {
+            {"/login", {security, "POST", &Login}},
+            {"/logout", {security, "POST", &Logout}},
+            {"/health", {security, "GET", &Health}},
+            {"/api/status", {security, "GET", &Status}},
+            {"/api/users", {security, "GET POST DELETE", &Users}},
+            {"/api/events", {security, "GET", &Events}},
+            {"/api/*", {security, "GET POST DELETE", &UnknownApi}},
+            {"/measure", {security, "POST", &Measure}},
+            {"/fault", {security, "GET", &Fault}},
+        };
+        zarip::inet::HttpServer server("127.0.0.1", port);
         server.AddHandler("/", &page);
-        server.AddHandler("/login", &login);
-        server.AddHandler("/logout", &logout);
-        server.AddHandler("/health", &health);
-        server.AddHandler("/api/status", &status);
-        server.AddHandler("/api/users", &users);
-        server.AddHandler("/api/events", &events);
-        server.AddHandler("/measure", &measure);
-        server.AddHandler("/fault", &fault);
+        for (auto& [path, route] : routes) {
+            server.AddHandler(path, &route);
+        }
+        try {
+            security.Connect();
+        } catch (const Failure& failure) {
+            std::fprintf(stderr, "web-gateway: %s It goes on without.\n", failure.reason.c_str());
+        }
         server.StartServerThread();
         std::printf("http://127.0.0.1:%u/\n", static_cast<unsigned int>(server.GetLocalPort()));
         std::fflush(stdout);
