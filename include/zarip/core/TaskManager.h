@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+
+#include <zarip/core/ITaskQueue.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+class ITimeSource;
+}
+
+namespace zarip::core {
+
+/// A queue of tasks in the order of their due times, run by whoever calls `WaitAndExecuteTask` or
+/// `ExecuteQueuedTasks`. *Thread-safe*: any number of threads may queue and run. Tasks run without any lock
+/// and may queue and drop others; those due at the same time run in no particular order. What a task throws
+/// is logged as "Exception running task: ...".
+class ZARIP_EXPORT TaskManager : public ITaskQueue {
+public:
+    /// Keeps time by the monotonic clock and at most 500 tasks.
+    TaskManager();
+
+    /// @param maxCount  the most tasks that may wait.
+    explicit TaskManager(int maxCount);
+
+    /// @param timeSource  the clock; *takes ownership* if `takeOwnership`, otherwise it must outlive the
+    /// manager. While a
+    ///     thread waits, a clock that is set is noticed within a second.
+    TaskManager(osa::ITimeSource* timeSource, bool takeOwnership);
+    TaskManager(const TaskManager&) = delete;
+    TaskManager& operator=(const TaskManager&) = delete;
+
+    /// Deletes the tasks that are still queued.
+    ~TaskManager() override;
+
+    /// Throws `osa::Exception` "maxCount was reached" when the queue is full and "Invalid parameter" for a
+    /// due time that cannot be expressed; the task is deleted then.
+    void DoQueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) override;
+
+    void DoDequeueTasksByTarget(void* target) override;
+
+    /// Waits for a task to become due and runs it; false when none ran.
+    ///
+    /// Deliberate: a wait that ends because the earliest task has become due returns false without running
+    /// it, so a caller in a loop can look at its own state in between; it simply calls again.
+    /// @param timeoutMs  milliseconds; negative waits without limit, 0 does not wait.
+    bool WaitAndExecuteTask(int timeoutMs);
+
+    /// Runs every task that is due, without waiting.
+    void ExecuteQueuedTasks();
+
+private:
+    friend class ThreadPool;
+    class TaskManagerImpl;
+
+    void QueueEvenIfFull(IVoidDelegate0* task);
+
+    std::unique_ptr<TaskManagerImpl> _impl;
+};
+
+}  // namespace zarip::core

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+
+#include <zarip/osa/Export.h>
+#include <zarip/osa/TimeStruct.h>
+
+namespace zarip::osa {
+
+class ITimerCallback;
+class TimerService;
+
+/// Calls back once at a time of the real-time clock; never early. *Thread-safe*, but for assignment and
+/// destruction.
+///
+/// The library reserves SIGUSR1 for timers: it is ignored by the process and waited for by one thread,
+/// "Timer", so an expiry interrupts nothing and a signal from outside does no harm.
+///
+/// Failures throw `Exception`: "Invalid timer event", "Invalid clock", "Could not process request", "Invalid
+/// action", "Invalid signal", "Invalid setting", "Invalid timer ID", "Invalid context", "UNKNOWN ERROR".
+class ZARIP_EXPORT Timer {
+public:
+    /// @param callback  *not owned*, must outlive the timer; null throws "Illegal NULL callback".
+    explicit Timer(ITimerCallback* callback);
+
+    /// A copy shares the alarm: whichever is started sets it, and it ends with the first of them that is
+    /// destroyed. Better not copied at all.
+    Timer(const Timer& other);
+    Timer& operator=(const Timer& other);
+
+    /// As `Stop`.
+    virtual ~Timer();
+
+    /// Arms the timer, in place of what it was armed for; a time that has passed, 0 s 0 us included, calls
+    /// back at once.
+    /// @param expiry  of the real-time clock.
+    /// @param userData  *not owned*, handed to the callback.
+    void Start(const TimeStruct& expiry, void* userData);
+
+    /// Disarms the timer. Once it has returned the callback does not run, unless the caller is the callback.
+    void Stop();
+
+    /// Disarms the timer and calls back at once on this thread.
+    void Expire();
+
+private:
+    friend class TimerService;
+    struct PosixTimerContext;
+    std::shared_ptr<PosixTimerContext> _context;
+};
+
+}  // namespace zarip::osa

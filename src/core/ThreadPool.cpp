@@ -1,0 +1,68 @@
+#include "zarip/core/ThreadPool.h"
+
+#include <atomic>
+#include <exception>
+
+#include "zarip/core/Logger.h"
+#include "zarip/core/TaskManager.h"
+#include "zarip/osa/Runnable.h"
+#include "zarip/osa/Thread.h"
+
+namespace zarip::core {
+
+namespace {
+
+constexpr unsigned int kStackSize = 32'768;
+
+}  // namespace
+
+/// Shared with the worker while it runs, so that a task may destroy the pool.
+class ThreadPool::ThreadPoolImpl final : public osa::Runnable {
+public:
+    void Start(std::shared_ptr<ThreadPoolImpl> self) {
+        _self = std::move(self);
+        _logger->Debug("Spawning thread");
+        _thread.Run();
+    }
+
+    void Run() override {
+        const std::shared_ptr<ThreadPoolImpl> self = std::move(_self);
+        while (!_stop) {
+            _tasks.WaitAndExecuteTask(-1);
+        }
+    }
+
+    /// Has the worker end behind what is due by now; that cannot be refused, however full the queue is.
+    void Stop() override { _tasks.QueueEvenIfFull(MakeDelegate(this, &ThreadPoolImpl::SetStopFlag)); }
+
+    void SetStopFlag() { _stop = true; }
+
+    Logger* _logger = Logger::GetLogger("ThreadPool");
+    TaskManager _tasks;
+    osa::Thread _thread{"ThreadPool", this, kStackSize, 0};
+    std::atomic<bool> _stop{false};
+    std::shared_ptr<ThreadPoolImpl> _self;
+};
+
+ThreadPool::ThreadPool() : _impl(std::make_shared<ThreadPoolImpl>()) {
+    _impl->Start(_impl);
+}
+
+ThreadPool::~ThreadPool() {
+    try {
+        if (osa::Thread::CurrentThread::ThreadPtr() == &_impl->_thread) {
+            _impl->SetStopFlag();
+            return;
+        }
+        _impl->Stop();
+        _impl->_thread.Join();
+    } catch (...) {
+        _impl->_logger->Error("Error shutting down ThreadPool");
+    }
+}
+
+ITaskQueue* ThreadPool::GetTaskQueue() {
+    return &_impl->_tasks;
+}
+
+}  // namespace zarip::core

@@ -1,0 +1,285 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "support/LogCapture.h"
+#include "support/WaitUntil.h"
+#include "zarip/core/AsyncCall.h"
+#include "zarip/core/TaskManager.h"
+#include "zarip/core/ThreadPool.h"
+#include "zarip/osa/Exception.h"
+#include "zarip/osa/ITimeSource.h"
+#include "zarip/osa/Semaphore.h"
+#include "zarip/osa/Thread.h"
+
+namespace zarip::core {
+namespace {
+
+using osa::TimeSpan;
+
+/// A task that calls a function and counts those of its kind that exist.
+class Task : public IVoidDelegate0 {
+public:
+    explicit Task(
+        std::function<void()> function = [] {}, const void* target = nullptr)
+        : _function(std::move(function)), _target(target) {
+        ++s_alive;
+    }
+    Task(const Task&) = delete;
+    Task& operator=(const Task&) = delete;
+    ~Task() override { --s_alive; }
+    void Call() override { _function(); }
+    bool Matches(const void* object) const override { return object == _target; }
+
+    static inline std::atomic<int> s_alive{0};
+
+private:
+    std::function<void()> _function;
+    const void* _target;
+};
+
+/// A clock that the test sets.
+class FakeClock : public osa::ITimeSource {
+public:
+    void GetTime(osa::TimeStruct& out) const override {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        out = _now;
+    }
+    void SetTime(const osa::TimeStruct& value) override {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _now = value;
+    }
+    void Advance(long long microseconds) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _now += microseconds;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    osa::TimeStruct _now{1'000'000, 0};
+};
+
+class TaskTest : public testing::Test {
+protected:
+    ~TaskTest() override { EXPECT_EQ(Task::s_alive, 0); }
+    std::vector<int> _order;
+    Task* Note(int number) {
+        return new Task([this, number] { _order.push_back(number); });
+    }
+};
+
+TEST_F(TaskTest, TasksRunWhenDueAndInTheOrderOfTheirTimes) {
+    FakeClock clock;
+    TaskManager tasks(&clock, false);
+    EXPECT_FALSE(tasks.WaitAndExecuteTask(0));
+    tasks.QueueTask(TimeSpan::FromMilliseconds(20), Note(20));
+    tasks.QueueTask(TimeSpan::FromMilliseconds(10), Note(10));
+    tasks.QueueTask(Note(0));
+    tasks.QueueTask(TimeSpan::FromMilliseconds(-5), Note(-5));
+    EXPECT_TRUE(tasks.WaitAndExecuteTask(0));
+    EXPECT_EQ(_order, std::vector<int>{-5});
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(_order, (std::vector<int>{-5, 0}));
+    clock.Advance(9'999);
+    EXPECT_FALSE(tasks.WaitAndExecuteTask(0));
+    clock.Advance(100'000);
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(_order, (std::vector<int>{-5, 0, 10, 20}));
+}
+
+TEST_F(TaskTest, TenThousandTasksRunInDueOrder) {
+    FakeClock clock;
+    TaskManager tasks(20'000);
+    TaskManager timed(&clock, false);
+    std::mt19937 random(7);
+    std::vector<long long> due;
+    for (int round = 0; round < 20; ++round) {
+        for (int i = 0; i < 500; ++i) {
+            const long long delay = static_cast<long long>(random() % 1'000'000);
+            const long long at = round * 2'000'000LL + delay;
+            timed.QueueTask(TimeSpan::FromMicroseconds(delay), new Task([&due, at] { due.push_back(at); }));
+        }
+        clock.Advance(2'000'000);
+        timed.ExecuteQueuedTasks();
+    }
+    EXPECT_EQ(due.size(), 10'000U);
+    EXPECT_TRUE(std::is_sorted(due.begin(), due.end()));
+    for (int i = 0; i < 10'000; ++i) {
+        tasks.QueueTask(Note(i));
+    }
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(_order.size(), 10'000U);
+}
+
+TEST_F(TaskTest, AFullQueueRefusesAndDeletesAndStaysUsableForEver) {
+    TaskManager tasks;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 500; ++i) {
+            tasks.QueueTask(Note(i));
+        }
+        try {
+            tasks.QueueTask(Note(500));
+            FAIL();
+        } catch (const osa::Exception& e) {
+            EXPECT_EQ(e.ToString(), "maxCount was reached");
+        }
+        EXPECT_EQ(Task::s_alive, 500);
+        tasks.ExecuteQueuedTasks();
+        EXPECT_EQ(Task::s_alive, 0);
+    }
+    try {
+        tasks.QueueTask(TimeSpan::FromDays(200 * 365), Note(0));
+        FAIL();
+    } catch (const osa::Exception& e) {
+        EXPECT_EQ(e.ToString(), "Invalid parameter");
+    }
+    EXPECT_EQ(_order.size(), 1500U);
+}
+
+TEST_F(TaskTest, TasksOfATargetAreDroppedAlsoByATask) {
+    TaskManager tasks;
+    int target = 0;
+    for (int i = 0; i < 10; ++i) {
+        tasks.QueueTask(TimeSpan::FromMilliseconds(-i),
+                        new Task([this, i] { _order.push_back(i); }, i % 2 == 0 ? &target : nullptr));
+    }
+    tasks.QueueTask(TimeSpan::FromSeconds(-1), new Task([&] { tasks.DequeueTasksByTarget(&target); }));
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(_order, (std::vector<int>{9, 7, 5, 3, 1}));
+}
+
+TEST_F(TaskTest, WhatTasksThrowIsLogged) {
+    test::LogCapture log(Logger::kError);
+    TaskManager tasks;
+    tasks.QueueTask(new Task([] { throw std::runtime_error("%s 100%"); }));
+    tasks.QueueTask(new Task([] { throw 1; }));
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(log.Count("Exception running task: %s 100%"), 1);
+    EXPECT_EQ(log.Count("Exception running task: unknown"), 1);
+}
+
+TEST_F(TaskTest, DeliberatelyAWaitThatEndsWithATaskBecomingDueRunsItAtTheNextCall) {
+    TaskManager tasks;
+    tasks.QueueTask(TimeSpan::FromMilliseconds(5), Note(1));
+    EXPECT_FALSE(tasks.WaitAndExecuteTask(-1));
+    EXPECT_TRUE(_order.empty());
+    EXPECT_TRUE(tasks.WaitAndExecuteTask(-1));
+    EXPECT_EQ(_order, std::vector<int>{1});
+}
+
+TEST_F(TaskTest, AWaiterIsWokenByATaskAndByAClockThatJumps) {
+    FakeClock clock;
+    TaskManager tasks(&clock, false);
+    auto worker = std::async(std::launch::async, [&] {
+        while (!tasks.WaitAndExecuteTask(-1)) {
+        }
+    });
+    tasks.QueueTask(Note(1));
+    worker.get();
+    tasks.QueueTask(TimeSpan::FromHours(10), Note(2));
+    auto late = std::async(std::launch::async, [&] {
+        while (!tasks.WaitAndExecuteTask(-1)) {
+        }
+    });
+    clock.SetTime(osa::TimeStruct(10, 0));
+    clock.SetTime(osa::TimeStruct(2'000'000, 0));
+    late.get();
+    EXPECT_EQ(_order, (std::vector<int>{1, 2}));
+}
+
+TEST_F(TaskTest, ManyThreadsQueueAndRun) {
+    TaskManager tasks(10'000);
+    std::atomic<int> ran{0};
+    std::atomic<bool> over{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&] {
+            while (!over) {
+                tasks.WaitAndExecuteTask(10);
+            }
+        });
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                tasks.QueueTask(TimeSpan::FromMicroseconds(i % 7 * 100), new Task([&] { ++ran; }));
+            }
+        });
+    }
+    EXPECT_TRUE(test::WaitUntil([&] { return ran == 2000; }));
+    over = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(TaskTest, ThePoolHasOneThreadAndEndsBehindWhatIsDue) {
+    std::atomic<int> ran{0};
+    std::string name;
+    {
+        ThreadPool pool;
+        pool.GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task([&] { ran = -1; }));
+        pool.GetTaskQueue()->QueueTask(
+            new Task([&] { name = osa::Thread::CurrentThread::ThreadPtr()->GetName(); }));
+        for (int i = 0; i < 100; ++i) {
+            pool.GetTaskQueue()->QueueTask(new Task([&] { ++ran; }));
+        }
+    }
+    EXPECT_EQ(ran, 100);
+    EXPECT_EQ(name, "ThreadPool");
+}
+
+TEST_F(TaskTest, APoolWhoseQueueIsFullEndsAtOnce) {
+    ThreadPool pool;
+    for (int i = 0; i < 500; ++i) {
+        pool.GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task);
+    }
+}
+
+TEST_F(TaskTest, ATaskMayDestroyItsPool) {
+    auto pool = std::make_unique<ThreadPool>();
+    osa::Semaphore destroyed("destroyed", 1, 0);
+    pool->GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task);
+    pool->GetTaskQueue()->QueueTask(new Task([&] {
+        pool.reset();
+        destroyed.Release();
+    }));
+    destroyed.Lock();
+    EXPECT_TRUE(test::WaitUntil([] { return Task::s_alive == 0; }));
+}
+
+TEST_F(TaskTest, AnAsynchronousCallHandsItsOutcomeOver) {
+    const auto outcomeOf = [](std::function<void()> function, bool runs) {
+        auto [call, result] = CreateAsyncCall(new Task(std::move(function)));
+        const std::unique_ptr<AsyncResult> owned(result);
+        if (runs) {
+            ThreadPool pool;
+            pool.GetTaskQueue()->QueueTask(call);
+        } else {
+            delete call;
+        }
+        try {
+            owned->GetResult();
+        } catch (const osa::Exception& e) {
+            return e.ToString();
+        }
+        return std::string("done");
+    };
+    EXPECT_EQ(outcomeOf([] {}, true), "done");
+    EXPECT_EQ(outcomeOf([] { throw std::runtime_error("100%s"); }, true), "100%s");
+    EXPECT_EQ(outcomeOf([] { throw 1; }, true), "unknown exception");
+    EXPECT_EQ(outcomeOf([] {}, false), "AsyncCall was deleted without having been called");
+    auto [call, result] = CreateAsyncCall(new Task([] {}, this));
+    EXPECT_TRUE(call->Matches(this));
+    delete result;
+    delete call;
+}
+
+}  // namespace
+}  // namespace zarip::core

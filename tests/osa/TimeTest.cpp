@@ -1,0 +1,242 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <memory>
+#include <thread>
+
+#include "support/WaitUntil.h"
+#include "zarip/osa/Exception.h"
+#include "zarip/osa/ITimeSource.h"
+#include "zarip/osa/ITimerCallback.h"
+#include "zarip/osa/Semaphore.h"
+#include "zarip/osa/Thread.h"
+#include "zarip/osa/Time.h"
+#include "zarip/osa/TimeSpan.h"
+#include "zarip/osa/Timer.h"
+
+namespace zarip::osa {
+namespace {
+
+template <class Action>
+std::string ErrorOf(Action action) {
+    try {
+        action();
+    } catch (const Exception& e) {
+        return e.ToString();
+    }
+    return "";
+}
+
+constexpr unsigned int kMax = 0xFFFFFFFFU;
+
+TEST(TimeStruct, CarriesMicrosecondsAndStaysInItsRange) {
+    EXPECT_EQ(TimeStruct(), TimeStruct(0, 0));
+    EXPECT_EQ(TimeStruct(5, 2'500'000), TimeStruct(7, 500'000));
+    struct Row {
+        TimeStruct start;
+        long long change;
+        TimeStruct result;
+        bool fails;
+    };
+    const TimeStruct latest(kMax, 999'999);
+    const Row rows[] = {
+        {TimeStruct(1, 0), -3, TimeStruct(0, 999'997), false},
+        {TimeStruct(1, 999'999), 1, TimeStruct(2, 0), false},
+        {TimeStruct(), -1, TimeStruct(), true},
+        {TimeStruct(), 4'294'967'295'999'999, latest, false},
+        {TimeStruct(), 4'294'967'296'000'000, TimeStruct(), true},
+        {latest, 1, latest, true},
+        {latest, -4'294'967'295'999'999, TimeStruct(), false},
+        {TimeStruct(3, 4), LLONG_MIN, TimeStruct(3, 4), true},
+        {TimeStruct(3, 4), LLONG_MAX, TimeStruct(3, 4), true},
+    };
+    for (const auto& row : rows) {
+        TimeStruct sum = row.start;
+        EXPECT_EQ(ErrorOf([&] { sum += row.change; }), row.fails ? "Invalid parameter" : "") << row.change;
+        EXPECT_EQ(sum, row.result) << row.change;
+        if (row.change != LLONG_MIN) {
+            TimeStruct difference = row.start;
+            EXPECT_EQ(ErrorOf([&] { difference -= -row.change; }), row.fails ? "Invalid parameter" : "");
+            EXPECT_EQ(difference, row.result) << row.change;
+        }
+    }
+    EXPECT_EQ(TimeStruct(1, 600'000) + TimeStruct(2, 600'000), TimeStruct(4, 200'000));
+    EXPECT_EQ(TimeStruct(2, 100'000) - TimeStruct(0, 200'000), TimeStruct(1, 900'000));
+    EXPECT_EQ(ErrorOf([&] { latest + TimeStruct(0, 1); }), "Invalid parameter");
+    EXPECT_EQ(ErrorOf([&] { TimeStruct(kMax, 1'000'000); }), "Invalid parameter");
+}
+
+TEST(TimeStruct, DeliberatelyHasNoText) {
+    EXPECT_EQ(TimeStruct(true).ToString(), "");
+}
+
+TEST(TimeSources, FollowTheirClocks) {
+    TimeStruct before(true);
+    TimeStruct time;
+    SystemTimeSource().GetTime(time);
+    EXPECT_LE(before, time);
+    MonotonicTimeSource monotonic;
+    monotonic.GetTime(before);
+    TimeMonotonic(time);
+    EXPECT_LE(before, time);
+    EXPECT_LT(time.microseconds, 1'000'000U);
+    EXPECT_EQ(SetTimeMonotonic(time), -1);
+}
+
+TEST(TimeSpan, CountsSignedMicroseconds) {
+    const TimeSpan span = TimeSpan::FromDays(1) + TimeSpan::FromHours(2) - TimeSpan::FromMinutes(3) +
+                          TimeSpan::FromSeconds(4) + TimeSpan::FromMilliseconds(5) +
+                          TimeSpan::FromMicroseconds(6);
+    EXPECT_EQ(span.GetTotalMicroseconds(), 93'424'005'006);
+    EXPECT_EQ((-span).GetTotalMilliseconds(), -93'424'005);
+    EXPECT_EQ(span.GetTotalSeconds(), 93'424);
+    EXPECT_LT(-span, TimeSpan());
+    EXPECT_EQ(TimeSpan(), TimeSpan::FromSeconds(0));
+}
+
+class Callback : public ITimerCallback {
+public:
+    void OnTimer(const TimeStruct& expiry, void* userData) override {
+        _late = TimeStruct(true) >= expiry;
+        _expiry = expiry;
+        _userData = userData;
+        if (_block != nullptr) {
+            _entered.Release();
+            _block->Lock();
+        }
+        ++_calls;
+        _called.Release();
+    }
+    TimeStruct _expiry;
+    void* _userData = nullptr;
+    bool _late = false;
+    std::atomic<int> _calls{0};
+    Semaphore* _block = nullptr;
+    Semaphore _entered{"entered", 1, 0};
+    Semaphore _called{"called", 1000, 0};
+};
+
+TimeStruct In(long long microseconds) {
+    TimeStruct time(true);
+    return time += microseconds;
+}
+
+TEST(Timer, CallsBackOnceAtItsTimeAndNeverEarly) {
+    EXPECT_EQ(ErrorOf([] { Timer timer(nullptr); }), "Illegal NULL callback");
+    Callback callback;
+    Timer timer(&callback);
+    int data = 0;
+    for (const TimeStruct& expiry : {In(5'000), TimeStruct(), TimeStruct(1, 0)}) {
+        timer.Start(expiry, &data);
+        callback._called.Lock();
+        EXPECT_EQ(callback._expiry, expiry);
+        EXPECT_EQ(callback._userData, &data);
+        EXPECT_TRUE(callback._late);
+    }
+    EXPECT_EQ(callback._calls, 3);
+}
+
+TEST(Timer, StoppedOrSetAnewItForgetsItsOldTime) {
+    Callback callback;
+    Callback marker;
+    Timer timer(&callback);
+    Timer after(&marker);
+    for (int i = 0; i < 50; ++i) {
+        timer.Start(In(i * 20), nullptr);
+        timer.Stop();
+        const int calls = callback._calls;
+        after.Start(In(0), nullptr);
+        marker._called.Lock();
+        EXPECT_EQ(callback._calls, calls);
+    }
+    const int calls = callback._calls;
+    timer.Start(In(60'000'000), nullptr);
+    timer.Start(In(1'000), nullptr);
+    EXPECT_TRUE(test::WaitUntil([&] { return callback._calls == calls + 1; }));
+    timer.Start(In(60'000'000), &timer);
+    timer.Expire();
+    EXPECT_EQ(callback._calls, calls + 2);
+    EXPECT_EQ(callback._userData, &timer);
+}
+
+TEST(Timer, StoppingAndDestroyingWaitForARunningCallback) {
+    Semaphore block("block", 1, 0);
+    Callback callback;
+    callback._block = &block;
+    auto timer = std::make_unique<Timer>(&callback);
+    for (const bool destroys : {false, true}) {
+        timer->Start(TimeStruct(), nullptr);
+        callback._entered.Lock();
+        std::atomic<bool> returned{false};
+        int calls = callback._calls;
+        std::thread stopper([&] {
+            if (destroys) {
+                timer.reset();
+            } else {
+                timer->Stop();
+            }
+            EXPECT_EQ(callback._calls, calls + 1);
+            returned = true;
+        });
+        EXPECT_FALSE(returned);
+        block.Release();
+        stopper.join();
+    }
+}
+
+TEST(Timer, ACallbackMayStartStopAndDestroyItsTimer) {
+    class Chain : public ITimerCallback {
+    public:
+        void OnTimer(const TimeStruct&, void*) override {
+            if (++_calls < 20) {
+                _timer->Start(In(100), nullptr);
+            } else {
+                _timer->Stop();
+                _timer.reset();
+                _done.Release();
+            }
+        }
+        std::unique_ptr<Timer> _timer = std::make_unique<Timer>(this);
+        int _calls = 0;
+        Semaphore _done{"done", 1, 0};
+    };
+    Chain chain;
+    chain._timer->Start(TimeStruct(), nullptr);
+    chain._done.Lock();
+    EXPECT_EQ(chain._calls, 20);
+}
+
+TEST(Timer, ACopySharesTheAlarmOfItsOriginal) {
+    Callback callback;
+    auto original = std::make_unique<Timer>(&callback);
+    Timer copy(*original);
+    copy.Start(TimeStruct(), nullptr);
+    callback._called.Lock();
+    original.reset();
+    EXPECT_EQ(ErrorOf([&] { copy.Start(TimeStruct(), nullptr); }), "Invalid timer ID");
+}
+
+TEST(Timer, SignalsInterruptNobodyAndSignalsFromOutsideDoNoHarm) {
+    Callback callback;
+    Timer timer(&callback);
+    std::atomic<bool> over{false};
+    std::thread busy([&] {
+        while (!over) {
+            timer.Start(TimeStruct(), nullptr);
+            callback._called.Lock();
+            ::kill(::getpid(), SIGUSR1);
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_NO_THROW(Thread::CurrentThread::MicroSleep(1'000));
+    }
+    over = true;
+    busy.join();
+    EXPECT_GT(callback._calls, 0);
+}
+
+}  // namespace
+}  // namespace zarip::osa
