@@ -2,6 +2,8 @@
 
 # What every build needs.
 base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev dbus"
+# What the demo talks to the examples with.
+demo_packages="curl tshark"
 
 # usage: prints the comment at the top of the running script.
 usage() {

@@ -66,7 +66,8 @@ std::function<std::string(const std::string&)> MakeCaller() {
 }
 
 Emitter MakeEmitter() {
-    // As the other libraries do it: a connection that owns the name, and nothing that the daemon has to look at.
+    // As the other libraries do it: a connection that owns the name, and nothing that the daemon has to look
+    // at.
     auto bus = std::make_shared<zarip::msgbus::MsgBus>();
     bus->RegisterDestinationName(kService);
     return {[bus](bool value) {

@@ -17,6 +17,11 @@ public:
         pthread_sigmask(SIG_BLOCK, &_signals, nullptr);
     }
 
+    void Wait() const {
+        int signal = 0;
+        sigwait(&_signals, &signal);
+    }
+
     /// Returns true when a signal came, and false when the bus is lost: then the process had better end and
     /// be started again.
     bool Wait(const zarip::msgbus::IMsgBus& bus) const {

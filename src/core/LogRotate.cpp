@@ -1,11 +1,11 @@
 #include "core/LogRotate.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +16,8 @@ namespace zarip::core {
 namespace {
 
 constexpr int kLineSize = 100;
+constexpr int kLockLooks = 100;
+constexpr int kLockPauseMs = 20;
 
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -51,15 +53,17 @@ bool IsStillAt(FILE* file, const char* path) {
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-/// Opens for reading and writing, not truncated, and waits until no other process edits the file. One that
-/// has just done so may have put a new file in its place: then that is opened.
+/// Opens for reading and writing, not truncated, and waits for two seconds at the most until no other process
+/// edits the file. One that has just done so may have put a new file in its place: then that is opened.
 File OpenLocked(const char* path) {
     for (;;) {
         File file(std::fopen(path, "r+e"));
         if (!file) {
             return file;
         }
-        while (::flock(::fileno(file.get()), LOCK_EX) != 0 && errno == EINTR) {
+        // Not without limit: whoever may read the file can hold this lock for ever.
+        for (int i = 0; i < kLockLooks && ::flock(::fileno(file.get()), LOCK_EX | LOCK_NB) != 0; ++i) {
+            ::poll(nullptr, 0, kLockPauseMs);
         }
         if (IsStillAt(file.get(), path)) {
             return file;

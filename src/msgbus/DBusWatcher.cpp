@@ -17,6 +17,7 @@ namespace zarip::msgbus {
 namespace {
 
 constexpr char kQuit = 'q';
+constexpr char kApply = 'a';
 
 const char* Describe(DBusWatch* watch) {
     switch (dbus_watch_get_flags(watch) & (DBUS_WATCH_READABLE | DBUS_WATCH_WRITABLE)) {
@@ -87,33 +88,38 @@ void DBusWatcher::Run() {
         while (!_stopped) {
             bool commanded = false;
             const unsigned int flags = WaitIn(_watcherSet, _commandRead, commanded);
-            if (commanded) {
-                ReadCommand();
-            }
-            if (flags != 0 && !_stopped) {
+            const bool apply = commanded && ReadCommand() == kApply;
+            if ((flags != 0 || apply) && !_stopped) {
                 _ready(flags);
             }
         }
     } catch (const std::exception& e) {
         _logger->Error("%s", e.what());
+    } catch (...) {
+        _logger->Error("%s", "unknown");
     }
     _logger->Debug("Run thread shutting down");
 }
 
 void DBusWatcher::Stop() {
-    // The pipe only wakes the thread: one that is full has woken it already.
     _stopped = true;
-    while (::write(_commandWrite.Get(), &kQuit, 1) < 0 && errno == EINTR) {
+    SendCommand(kQuit);
+}
+
+void DBusWatcher::SendCommand(char command) {
+    // A pipe that is full wakes the thread anyway.
+    while (::write(_commandWrite.Get(), &command, 1) < 0 && errno == EINTR) {
     }
 }
 
-void DBusWatcher::ReadCommand() {
+char DBusWatcher::ReadCommand() {
     char command = '\0';
     if (::read(_commandRead.Get(), &command, 1) != 1) {
         _logger->Error("read pipe failed");
-    } else if (command != kQuit) {
+    } else if (command != kQuit && command != kApply) {
         _logger->Error("unknown command %c", command);
     }
+    return command;
 }
 
 unsigned int DBusWatcher::Wait() {
@@ -204,7 +210,13 @@ void DBusWatcher::OnRemove(DBusWatch* watch, void* watcher) {
 void DBusWatcher::OnToggle(DBusWatch* /*watch*/, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
     const osa::MutexAutoLock lock(&self->_watchMutex);
+    const bool wasReading = (self->_wanted.events & EPOLLIN) != 0;
     self->UpdateWanted();
+    if (!wasReading && (self->_wanted.events & EPOLLIN) != 0) {
+        // Nobody may hold the connection, to apply this: whoever waits for the descriptor does.
+        self->Wake();
+        self->SendCommand(kApply);
+    }
 }
 
 void DBusWatcher::UpdateWanted() {
@@ -249,7 +261,7 @@ void DBusWatcher::Set(const Interest& interest) {
 }
 
 void DBusWatcher::Apply() {
-    if (!_isChanged) {
+    if (!_isChanged.load(std::memory_order_relaxed)) {
         return;
     }
     _isChanged = false;

@@ -27,7 +27,7 @@ namespace zarip::msgbus {
 /// call.
 class DBusWatcher final : public osa::Runnable {
 public:
-    /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags.
+    /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags or 0, to apply a change.
     using ReadyHandler = std::function<void(unsigned int flags)>;
 
     /// Throws "pipe failed".
@@ -54,6 +54,9 @@ public:
 
     void Apply();
 
+    /// False once the bus library has given the descriptor up, with which the connection is lost.
+    bool HasDescriptor() const { return _applied.fd >= 0; }
+
     /// While paused nobody is woken by the descriptor, because a waiting call reads it. Pauses nest.
     void Pause();
     void Resume();
@@ -73,7 +76,8 @@ private:
     void UpdateWanted() ZARIP_REQUIRES(_watchMutex);
     bool Has(DBusWatch* watch);
     std::vector<DBusWatch*> GetWatches();
-    void ReadCommand();
+    char ReadCommand();
+    void SendCommand(char command);
     unsigned int WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& interrupt, bool& interrupted);
     void MoveTo(const osa::UniqueFd& set);
 
@@ -97,7 +101,9 @@ private:
     std::atomic<bool> _stopped{false};
     Interest _applied{-1, 0};
     int _pauses = 0;
-    bool _isChanged = false;  ///< what is wanted, since the last `Apply`
+    /// What is wanted, since the last `Apply`. Letting go of a message can switch reading on again, on any
+    /// thread and without `_busMutex`.
+    std::atomic<bool> _isChanged{false};
 
     osa::Mutex _watchMutex{"_watchMutex"};
     std::vector<DBusWatch*> _watches ZARIP_GUARDED_BY(_watchMutex);

@@ -33,11 +33,18 @@ constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_
 constexpr std::size_t kMaxBodySize = 32 * 1024 * 1024 - 4096;
 constexpr long kMaxOutgoingSize = 64 * 1024 * 1024;
 constexpr std::size_t kMaxBacklog = 1000;
+/// At twice this size the bus library stops reading, and then a waiting call would not get its reply.
+constexpr std::size_t kMaxBacklogSize = 32 * 1024 * 1024;
 /// How long a sender waits for a bus that does not read before it leaves the rest to the watcher.
 constexpr int kWriteLimitMs = 100;
 constexpr int kLastWriteLimitMs = 1000;
 
+/// What a queued message takes beside its arguments: an empty one costs memory as well.
+constexpr std::size_t kOverheadOfMessage = 512;
+
 constexpr const char* kSendFailed = "dbus_connection_send failed";
+
+enum class Sent { kDone, kLost, kRefused };
 
 /// A libdbus error record, freed at the end of the scope.
 class Error {
@@ -104,6 +111,17 @@ const char* Text(const char* text) {
 
 bool IsSignal(DBusMessage* message) {
     return dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL;
+}
+
+/// The bus library tells the size of a message only by writing it down.
+std::size_t MarshalledSize(DBusMessage* message) {
+    char* data = nullptr;
+    int size = 0;
+    if (dbus_message_marshal(message, &data, &size) == FALSE) {
+        return 0;
+    }
+    dbus_free(data);
+    return static_cast<std::size_t>(size);
 }
 
 /// Whether the bus takes the message; it closes the connection over one that it does not.
@@ -177,8 +195,8 @@ private:
 
     static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* impl);
 
-    void SendOneWay(DBusMessage* message, std::size_t size);
-    void SendOrThrow(DBusMessage* message) ZARIP_REQUIRES(_busMutex);
+    Sent SendOneWay(DBusMessage* message, std::size_t size);
+    Sent TrySend(DBusMessage* message) ZARIP_REQUIRES(_busMutex);
     bool Queue(DBusMessage* message, std::size_t size);
     void SendQueued() ZARIP_REQUIRES(_busMutex);
     void Write(int limitMs) ZARIP_REQUIRES(_busMutex);
@@ -189,10 +207,13 @@ private:
     void OnReady(unsigned int flags);
     void OnDisconnected() ZARIP_REQUIRES(_busMutex);
     void KeepForLater(DBusMessage* message) ZARIP_REQUIRES(_busMutex);
+    void DropOldest() ZARIP_REQUIRES(_busMutex);
     void DispatchAvailable() ZARIP_REQUIRES(_busMutex);
     void DispatchBacklog() ZARIP_REQUIRES(_busMutex);
     bool DispatchMsg(DBusMessage* message);
     void RefuseUnknown(DBusMessage* call) ZARIP_REQUIRES(_busMutex);
+    void RequestStop();
+    void JoinListenThread() ZARIP_REQUIRES(_serverMutex);
     void AddMatch(const std::string& rule);
     void RemoveMatch(const std::string& rule);
     bool IsListenThread() const;
@@ -209,6 +230,7 @@ private:
     std::atomic<bool> _connected{true};
     std::atomic<bool> _running{false};
     std::atomic<bool> _stopRequested{false};
+    std::atomic<bool> _joining{false};  ///< no handler takes back a stop that somebody waits for
     std::atomic<pthread_t> _listenThreadId{};
 
     bool _dispatching ZARIP_GUARDED_BY(_busMutex) = false;
@@ -216,7 +238,12 @@ private:
     bool _backlogWarned ZARIP_GUARDED_BY(_busMutex) = false;
     /// The bus did not read for kWriteLimitMs: senders do not wait for it until all was written.
     bool _stalled ZARIP_GUARDED_BY(_busMutex) = false;
-    std::deque<MessageRef> _backlog ZARIP_GUARDED_BY(_busMutex);
+    struct Kept {
+        MessageRef message;
+        std::size_t size;
+    };
+    std::deque<Kept> _backlog ZARIP_GUARDED_BY(_busMutex);
+    std::size_t _backlogSize ZARIP_GUARDED_BY(_busMutex) = 0;
 
     osa::Mutex _outgoingMutex{"_outgoingMutex"};
     std::deque<MessageRef> _outgoing ZARIP_GUARDED_BY(_outgoingMutex);
@@ -263,6 +290,7 @@ MsgBus::MsgBusImpl::MsgBusImpl(MsgBus* bus)
     } catch (...) {
         dbus_connection_close(_connection);
         dbus_connection_unref(_connection);
+        _connection = nullptr;
         throw;
     }
     AfterReading();
@@ -312,7 +340,9 @@ void MsgBus::MsgBusImpl::Send(MsgBusMsgImpl& message) {
         // Nobody waits for a reply; without the flag the daemon would keep room for one for ever.
         dbus_message_set_no_reply(original, TRUE);
     }
-    SendOneWay(original, message.GetSize());
+    if (SendOneWay(original, message.GetSize()) != Sent::kDone) {
+        throw osa::Exception("%s", kSendFailed);
+    }
     message.MarkSent();
 }
 
@@ -323,41 +353,56 @@ void MsgBus::MsgBusImpl::SendReply(MsgBusMsgImpl& message) {
     if (message.IsSent() || !IsSendable(message.Get(), message.GetSize())) {
         throw osa::Exception("%s", kSendFailed);
     }
-    SendOneWay(message.Get(), message.GetSize());
-    message.MarkSent();
-    _logger->Trace("Done sending reply");
+    switch (SendOneWay(message.Get(), message.GetSize())) {
+        case Sent::kDone:
+            message.MarkSent();
+            _logger->Trace("Done sending reply");
+            break;
+        case Sent::kRefused:
+            // Deliberately no exception: the handler that replies could only have it turned into another
+            // reply.
+            _logger->Error("dbus_connection_send() error: Out of Memory!");
+            break;
+        case Sent::kLost:
+            break;
+    }
 }
 
-void MsgBus::MsgBusImpl::SendOneWay(DBusMessage* message, std::size_t size) {
+Sent MsgBus::MsgBusImpl::SendOneWay(DBusMessage* message, std::size_t size) {
     if (!_busMutex.TryLock()) {
         // Somebody holds the connection, maybe for long. He looks at the queue after letting go; if he has
         // let go before the message was in it, the lock is free now.
-        if (!IsConnected() || !Queue(message, size)) {
-            throw osa::Exception("%s", kSendFailed);
+        if (!IsConnected()) {
+            return Sent::kLost;
+        }
+        if (!Queue(message, size)) {
+            return Sent::kRefused;
         }
         std::atomic_thread_fence(std::memory_order_seq_cst);
         if (_busMutex.TryLock()) {
             Leave();
         }
-        return;
+        return Sent::kDone;
     }
+    Sent result = Sent::kRefused;
     try {
         SendQueued();
-        SendOrThrow(message);
+        result = TrySend(message);
         Write(kWriteLimitMs);
-    } catch (...) {
-        Leave();
-        throw;
+    } catch (const std::bad_alloc&) {
+        // Refused, as the bus library does it where memory is short.
     }
     Leave();
+    return result;
 }
 
-void MsgBus::MsgBusImpl::SendOrThrow(DBusMessage* message) {
-    if (dbus_connection_get_is_connected(_connection) == FALSE ||
-        (_stalled && dbus_connection_get_outgoing_size(_connection) > kMaxOutgoingSize) ||
-        dbus_connection_send(_connection, message, nullptr) == FALSE) {
-        throw osa::Exception("%s", kSendFailed);
+Sent MsgBus::MsgBusImpl::TrySend(DBusMessage* message) {
+    if (dbus_connection_get_is_connected(_connection) == FALSE) {
+        return Sent::kLost;
     }
+    const bool isFull = _stalled && dbus_connection_get_outgoing_size(_connection) > kMaxOutgoingSize;
+    return !isFull && dbus_connection_send(_connection, message, nullptr) != FALSE ? Sent::kDone
+                                                                                   : Sent::kRefused;
 }
 
 bool MsgBus::MsgBusImpl::Queue(DBusMessage* message, std::size_t size) {
@@ -366,7 +411,7 @@ bool MsgBus::MsgBusImpl::Queue(DBusMessage* message, std::size_t size) {
         return false;
     }
     _outgoing.emplace_back(message);
-    _outgoingSize += size;
+    _outgoingSize += size + kOverheadOfMessage;
     _outgoingCount = _outgoing.size();
     return true;
 }
@@ -382,12 +427,12 @@ void MsgBus::MsgBusImpl::SendQueued() {
         _outgoingSize = 0;
         _outgoingCount = 0;
     }
-    for (const auto& message : messages) {
-        try {
-            SendOrThrow(message.Get());
-        } catch (const osa::Exception& e) {
-            _logger->Error("%s", e.what());
-        }
+    const auto failed = std::count_if(messages.begin(), messages.end(),
+                                      [this](const MessageRef& message) ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+                                          return TrySend(message.Get()) != Sent::kDone;
+                                      });
+    if (failed != 0) {
+        _logger->Error("%s: %td queued messages are lost", kSendFailed, failed);
     }
     Write(kWriteLimitMs);
 }
@@ -414,6 +459,10 @@ void MsgBus::MsgBusImpl::Leave() noexcept ZARIP_NO_THREAD_SAFETY_ANALYSIS {
     do {
         try {
             SendQueued();
+            if (_connection != nullptr && IsConnected() && !_watcher.HasDescriptor()) {
+                // Sending met the end of the connection: its descriptor wakes nobody any more.
+                AfterReading();
+            }
         } catch (...) {
             _logger->Error("%s", kSendFailed);
         }
@@ -434,13 +483,14 @@ DBusMessage* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
         DBusMessage* const copy = dbus_message_copy(original);
         MsgBusMsgImpl owner(copy, true);
         owner.SetSize(message.GetSize());
-        dbus_message_set_no_reply(copy, FALSE);
         return Call(owner, timeoutMs);
     }
     if (dbus_message_get_type(original) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
         !IsSendable(original, message.GetSize())) {
         throw osa::Exception("%s", kSendFailed);
     }
+    // It may be the copy of a message that was sent one-way.
+    dbus_message_set_no_reply(original, FALSE);
     Error error;
     DBusMessage* reply = nullptr;
     {
@@ -550,30 +600,41 @@ DBusHandlerResult MsgBus::MsgBusImpl::OnMessage(DBusConnection* /*connection*/, 
 void MsgBus::MsgBusImpl::OnDisconnected() {
     _connected = false;
     _logger->Error("The connection to the bus is lost");
-    _stopRequested = true;
-    WakeListenThread();
+    RequestStop();
 }
 
 void MsgBus::MsgBusImpl::KeepForLater(DBusMessage* message) {
-    if (_backlog.size() >= kMaxBacklog) {
-        if (!_backlogWarned) {
-            _backlogWarned = true;
-            _logger->Warning("Nobody listens: dropping the oldest of %zu messages", _backlog.size());
-        }
-        auto oldest = std::find_if(_backlog.begin(), _backlog.end(),
-                                   [](const MessageRef& kept) { return IsSignal(kept.Get()); });
-        if (oldest == _backlog.end()) {
-            oldest = _backlog.begin();
-            RefuseUnknown(oldest->Get());
-        }
-        _backlog.erase(oldest);
+    if (dbus_message_contains_unix_fds(message) != FALSE) {
+        RefuseUnknown(message);  // no handler reads descriptors, so they are not left open
+        return;
     }
-    _backlog.emplace_back(message);
+    const std::size_t size = MarshalledSize(message);
+    while (!_backlog.empty() && (_backlog.size() >= kMaxBacklog || _backlogSize + size > kMaxBacklogSize)) {
+        DropOldest();
+    }
+    _backlog.push_back({MessageRef(message), size});
+    _backlogSize += size;
+}
+
+void MsgBus::MsgBusImpl::DropOldest() {
+    if (!_backlogWarned) {
+        _backlogWarned = true;
+        _logger->Warning("Nobody listens: dropping the oldest of %zu messages", _backlog.size());
+    }
+    auto oldest = std::find_if(_backlog.begin(), _backlog.end(),
+                               [](const Kept& kept) { return IsSignal(kept.message.Get()); });
+    if (oldest == _backlog.end()) {
+        oldest = _backlog.begin();
+        RefuseUnknown(oldest->message.Get());
+    }
+    _backlogSize -= oldest->size;
+    _backlog.erase(oldest);
 }
 
 void MsgBus::MsgBusImpl::DispatchBacklog() {
     while (!_backlog.empty() && !_stopRequested) {
-        const MessageRef message = std::move(_backlog.front());
+        const MessageRef message = std::move(_backlog.front().message);
+        _backlogSize -= _backlog.front().size;
         _backlog.pop_front();
         try {
             if (!DispatchMsg(message.Get())) {
@@ -602,7 +663,7 @@ void MsgBus::MsgBusImpl::RefuseUnknown(DBusMessage* call) {
                                       Text(dbus_message_get_interface(call)));
     if (error != nullptr) {
         const MsgBusMsgImpl owner(error, true);
-        SendOrThrow(error);
+        TrySend(error);
     }
 }
 
@@ -652,7 +713,10 @@ bool MsgBus::MsgBusImpl::IsListenThread() const {
 void MsgBus::MsgBusImpl::Start(unsigned int stackSize, signed char priority) {
     if (IsListenThread()) {
         // A handler that had asked to stop has thought better of it.
-        _stopRequested = !IsConnected();
+        _stopRequested = false;
+        if (_joining || !IsConnected()) {
+            _stopRequested = true;
+        }
         _logger->Warning("listen thread already running");
         return;
     }
@@ -662,11 +726,14 @@ void MsgBus::MsgBusImpl::Start(unsigned int stackSize, signed char priority) {
         return;
     }
     if (_listenThread) {
-        _listenThread->Join();
-        _listenThread.reset();
+        JoinListenThread();
     }
     _listenThread = std::make_unique<osa::Thread>("MsgBusListenThread", this, stackSize, priority);
-    _stopRequested = !IsConnected();
+    // In this order: the connection may be lost at any moment.
+    _stopRequested = false;
+    if (!IsConnected()) {
+        _stopRequested = true;
+    }
     _running = true;
     _listenThread->Run();
 }
@@ -677,18 +744,29 @@ void MsgBus::MsgBusImpl::Stop() {
 
 void MsgBus::MsgBusImpl::StopServer(bool wait) {
     _logger->Debug("stopping the listen thread...");
-    _stopRequested = true;
-    WakeListenThread();
+    RequestStop();
     if (!wait || IsListenThread()) {
         return;
     }
     const osa::MutexAutoLock lock(&_serverMutex);
     if (_listenThread) {
         _logger->Debug("joining the listen thread...");
-        _listenThread->Join();
-        _listenThread.reset();
+        JoinListenThread();
         _logger->Debug("_pListenThread is joined.");
     }
+}
+
+void MsgBus::MsgBusImpl::RequestStop() {
+    _stopRequested = true;
+    WakeListenThread();
+}
+
+void MsgBus::MsgBusImpl::JoinListenThread() {
+    _joining = true;
+    RequestStop();  // again: somebody may have started the thread, or gone on with it, since it was asked
+    _listenThread->Join();
+    _listenThread.reset();
+    _joining = false;
 }
 
 void MsgBus::MsgBusImpl::Run() {
@@ -718,6 +796,7 @@ void MsgBus::MsgBusImpl::Run() {
     }
     _logger->Debug("Listen loop exiting.");
     const BusLock lock(*this);
+    _listenThreadId = pthread_t{};  // the next thread of the process may get this id
     _running = false;
     _watcher.TakeBack();
     AfterReading();

@@ -52,7 +52,8 @@ private:
 
 }  // namespace
 
-MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* message, bool owned) : _message(message), _owned(owned) {
+MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* message, bool owned)
+    : _message(message), _owned(owned), _sent(!owned) {
     if (_message == nullptr) {
         throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");
     }

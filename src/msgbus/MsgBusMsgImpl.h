@@ -11,9 +11,8 @@ namespace zarip::msgbus {
 /// The message of the bus library behind a `MsgBusMsg`. *One thread at a time.*
 class MsgBusMsgImpl {
 public:
-    /// @param message  a reference that this object gives up at its end when `owned`; otherwise borrowed, and
-    /// kept by
-    ///     the bus library for as long as this object lives.
+    /// @param message  a reference that this object gives up at its end when `owned`; otherwise borrowed: the
+    ///     bus library keeps it for as long as this object lives, and it is as one that was sent.
     /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
     MsgBusMsgImpl(DBusMessage* message, bool owned);
     MsgBusMsgImpl(const MsgBusMsgImpl&) = delete;
@@ -41,7 +40,7 @@ private:
 
     DBusMessage* _message;
     bool _owned;
-    bool _sent = false;
+    bool _sent;
     std::size_t _size = 0;
 };
 

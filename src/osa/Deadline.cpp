@@ -39,8 +39,8 @@ Deadline::Deadline(unsigned int timeoutMs)
     : _realTime(Add(Now(CLOCK_REALTIME), timeoutMs)), _monotonic(Add(Now(CLOCK_MONOTONIC), timeoutMs)) {}
 
 timespec Deadline::NextLook() const {
-    const timespec look = Add(Now(CLOCK_REALTIME), 1000);
-    return IsBefore(look, _realTime) ? look : _realTime;
+    const timespec look = Add(Now(kLookClock), 1000);
+    return IsBefore(look, _monotonic) ? look : _monotonic;
 }
 
 bool Deadline::HasPassed() const {

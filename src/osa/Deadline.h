@@ -11,6 +11,10 @@ public:
     /// Throws LockException "clock_gettime failed".
     explicit Deadline(unsigned int timeoutMs);
 
+    /// The clock of `NextLook`: a wait on the real-time clock would itself be stretched when that is set
+    /// back.
+    static constexpr clockid_t kLookClock = CLOCK_MONOTONIC;
+
     /// Until when to wait at the most before looking at `HasPassed` again: the end itself, or one second from
     /// now.
     timespec NextLook() const;

@@ -70,7 +70,7 @@ bool Semaphore::TryLock(unsigned int timeoutMs) {
             break;
         } else {
             const timespec look = deadline->NextLook();
-            ::pthread_cond_timedwait(&context->available, &context->mutex, &look);
+            ::pthread_cond_clockwait(&context->available, &context->mutex, Deadline::kLookClock, &look);
         }
     }
     --context->waiters;

@@ -45,6 +45,7 @@ constexpr unsigned int kMinStackSize = 65'536;
 constexpr unsigned int kPageSize = 4'096;
 constexpr unsigned int kGuardSize = 131'072;
 constexpr signed char kLowestNicePriority = -20;
+constexpr const char* kThreadsLockName = "Thread::s_threadsLock";
 
 // Read once from the system; threads that come first at the same time store the same values.
 std::atomic<int> s_roundRobinMin{-1};
@@ -170,11 +171,19 @@ std::map<pthread_t, Thread*>& Thread::s_threads() {
 }
 
 Mutex& Thread::s_threadsLock() {
-    static auto* const lock = new Mutex("Thread::s_threadsLock");
-    return *lock;
+    // Also held by a fork: a thread of the child may ask for its object, as logging does. The child gets a
+    // new one, since a recursive mutex belongs to the thread of the parent that took it.
+    static std::atomic<Mutex*> s_lock{[] {
+        ::pthread_atfork([]() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Lock(); },
+                         []() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Release(); },
+                         [] { s_lock = new Mutex(kThreadsLockName); });
+        return new Mutex(kThreadsLockName);
+    }()};
+    return *s_lock;
 }
 
 Thread* Thread::s_main = [] {
+    s_threadsLock();  // before the locks of the logger, so that a fork takes it after them
     auto* const main = new Thread;
     t_owner = &main->_context->owner;
     return main;

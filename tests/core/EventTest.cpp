@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -50,6 +51,16 @@ struct EventTest : testing::Test {
     int a = 0;
     int b = 0;
 };
+
+TEST_F(EventTest, WhatADelegateOwnsMayRemoveOthersAsItGoes) {
+    Event1<int> event;
+    std::shared_ptr<void> owned(nullptr, [&](void*) { event.RemoveDelegate(&b); });
+    Add(event, &a, [last = std::move(owned)](int) {});
+    Add(event, &b, "b");
+    event.RemoveDelegate(&a);
+    event.FireEvent(0);
+    EXPECT_EQ(Take(), Calls());
+}
 
 TEST_F(EventTest, CallsItsDelegatesInOrderAndDeletesThem) {
     {

@@ -1,12 +1,15 @@
 #include "core/LogRotate.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "osa/UniqueFd.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 
@@ -73,6 +76,13 @@ TEST_F(LogRotateTest, FailedWriteKeepsTheConfiguration) {
         EXPECT_EQ(_folder.Read("conf"), before);
         EXPECT_FALSE(std::filesystem::exists(_folder.File("temp")));
     }
+}
+
+TEST_F(LogRotateTest, SomebodyWhoKeepsTheFileLockedDoesNotHoldUpTheEdit) {
+    const osa::UniqueFd reader(::open(_folder.Write("conf", "").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(reader.Get(), LOCK_EX), 0);
+    Edit("/new", "o");
+    EXPECT_EQ(_folder.Read("conf"), "#created by zarip::core::Logger for o\n/new { }\n");
 }
 
 TEST_F(LogRotateTest, EditsTakeTurns) {

@@ -313,6 +313,52 @@ TEST_F(MsgBusTest, KeepsTheThousandNewestMessagesWhileNobodyListens) {
     receiver.StopServer();
 }
 
+TEST_F(MsgBusTest, LargeMessagesThatNobodyTakesDoNotKeepRepliesAway) {
+    FunctionHandler handler([](const MsgBusMsg&, IMsgBus&) {});
+    MsgBus receiver;
+    receiver.RegisterMessageHandler("Changed", kInterface, &handler);
+    MsgBus sender;
+    for (const char* name : {"org.camera.a", "org.camera.b", "org.camera.c", "org.camera.d"}) {
+        for (int i = 0; i < 25; ++i) {
+            Signal(sender, "Changed", string(1024 * 1024, 'x'));
+        }
+        // The one call is answered after the signals were passed on, the other after they came.
+        sender.RegisterDestinationName(kName);
+        EXPECT_EQ(ErrorOf([&] { receiver.RegisterDestinationName(name); }), "no exception");
+    }
+}
+
+TEST_F(MsgBusTest, ReadingGoesOnOnceLargeRepliesAreGone) {
+    Service service;
+    Record record;
+    FunctionHandler large = Answering([](const string&) { return string(30 * 1024 * 1024, 'x'); });
+    FunctionHandler handler = record.Handler();
+    service.Handle("Large", large);
+    service.bus.StartServer();
+    for (const bool listens : {false, true}) {
+        MsgBus client;
+        client.RegisterMessageHandler("Changed", kInterface, &handler);
+        if (listens) {
+            client.StartServer();
+        }
+        std::vector<std::unique_ptr<MsgBusMsg>> replies;
+        for (int i = 0; i < 3; ++i) {
+            MsgBusRemoteMethod call(kService, "Large");
+            call << "";
+            MsgBusMsg* reply = nullptr;
+            client.SendMsgWaitForReply(call, reply, 60000);
+            replies.emplace_back(reply);
+        }
+        replies.clear();
+        Signal(service.bus, "Changed", listens ? "to the listener" : "to be kept");
+        if (!listens) {
+            // What the watcher has read is there for the listen thread, whose own reading starts later.
+            client.StartServer();
+        }
+        EXPECT_TRUE(WaitUntil([&] { return record.Get().size() == (listens ? 2U : 1U); }));
+    }
+}
+
 TEST_F(MsgBusTest, OneWayCallsAreNotAnsweredAndNeverFillTheBusWithPendingReplies) {
     Service service;
     std::atomic<int> calls{0};
@@ -337,8 +383,32 @@ TEST_F(MsgBusTest, OneWayCallsAreNotAnsweredAndNeverFillTheBusWithPendingReplies
     EXPECT_EQ(ErrorOf([&] { call << 1; }), "MsgBusMsg: trying to append to a sent msg!");
     EXPECT_EQ(ErrorOf([&] { call.SetMsgName("Other"); }), "dbus_message_set_member failed");
     MsgBusMsg* reply = nullptr;
-    EXPECT_EQ(ErrorOf([&] { client.SendMsgWaitForReply(call, reply, 30000); }),
-              "DBUS call org.camera.test::Count failed: nobody wants to know");
+    MsgBusMsg copy(call);
+    for (const MsgBusMsg* waiting : {&static_cast<const MsgBusMsg&>(call), &std::as_const(copy)}) {
+        EXPECT_EQ(ErrorOf([&] { client.SendMsgWaitForReply(*waiting, reply, 30000); }),
+                  "DBUS call org.camera.test::Count failed: nobody wants to know");
+    }
+}
+
+TEST_F(MsgBusTest, AHandlerMayPassItsCallOnAndStillAnswers) {
+    Service service;
+    std::atomic<int> passedOn{0};
+    FunctionHandler relay = FunctionHandler([&](const MsgBusMsg& call, IMsgBus& bus) {
+        if (!call.IsExpectingResponse()) {
+            ++passedOn;
+            return;
+        }
+        bus.SendMsg(call);
+        EXPECT_TRUE(call.IsExpectingResponse());
+        const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
+        *reply << "done";
+        bus.SendReply(*reply);
+    });
+    service.Handle("Relay", relay);
+    service.bus.StartServer();
+    MsgBus client;
+    EXPECT_EQ(Ask(client, kService, "Relay", ""), "done");
+    EXPECT_TRUE(WaitUntil([&] { return passedOn == 1; }));
 }
 
 TEST_F(MsgBusTest, OneWayMessagesDoNotWaitForACallOfAnotherThread) {
@@ -397,6 +467,9 @@ TEST_F(MsgBusTest, RefusesWhatWouldCostTheConnection) {
 
 TEST_F(MsgBusTest, AFrozenBusNeitherHangsNorFillsASender) {
     MsgBus sender;
+    MsgBusRemoteMethod call(kService, "Echo");
+    sender.SendMsg(call);
+    const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
     PrivateBus::Get().Freeze();
     const string text(1024 * 1024, 'x');
     int sent = 0;
@@ -408,6 +481,9 @@ TEST_F(MsgBusTest, AFrozenBusNeitherHangsNorFillsASender) {
             ++sent;
         }
     }
+    test::LogCapture log(core::Logger::kError);
+    sender.SendReply(*reply);
+    EXPECT_TRUE(log.Contains("dbus_connection_send() error: Out of Memory!"));
     PrivateBus::Get().Thaw();
     EXPECT_EQ(error, "dbus_connection_send failed");
     EXPECT_GE(sent, 60);
@@ -466,6 +542,33 @@ TEST_F(MsgBusTest, AHandlerMayUnregisterItselfAndStopItsConnection) {
     EXPECT_EQ(record.Get(), std::vector<string>{"once"});
     receiver.StartServer();
     EXPECT_TRUE(receiver.IsRunning());
+}
+
+TEST_F(MsgBusTest, AHandlerTakesItsOwnStopBackButNotOneThatSomebodyWaitsFor) {
+    osa::Semaphore entered("entered", 1, 0);
+    osa::Semaphore release("release", 1, 0);
+    std::atomic<int> runs{0};
+    FunctionHandler restarting([&](const MsgBusMsg&, IMsgBus& bus) {
+        bus.StopServer();
+        if (++runs == 2) {
+            entered.Release();
+            release.Lock();
+        }
+        bus.StartServer();
+    });
+    MsgBus receiver;
+    receiver.RegisterMessageHandler("Changed", kInterface, &restarting);
+    receiver.StartServer();
+    MsgBus sender;
+    Signal(sender, "Changed", "");
+    Signal(sender, "Changed", "");
+    entered.Lock();
+    test::LogCapture log;
+    auto stop = std::async(std::launch::async, [&] { receiver.StopServer(); });
+    EXPECT_TRUE(WaitUntil([&] { return log.Contains("joining the listen thread..."); }));
+    release.Release();
+    stop.get();
+    EXPECT_FALSE(receiver.IsRunning());
 }
 
 TEST_F(MsgBusTest, RulesThatTheBusRefusesAreLogged) {
@@ -608,9 +711,18 @@ TEST_F(LostBusTest, EndsAWaitingCallAndAHandlerThatRuns) {
     auto call = std::async(std::launch::async,
                            [&] { return ErrorOf([&] { Ask(client, kService, "Echo", "", 0x7FFFFFFF); }); });
     entered.Lock();
+    // Also messages without arguments fill what may wait to be sent meanwhile.
+    const MsgBusSignal signal(kPath, kInterface, "Changed");
+    string refused = "no exception";
+    for (int i = 0; i < 200'000 && refused == "no exception"; ++i) {
+        refused = ErrorOf([&] { client.SendMsg(signal); });
+    }
+    EXPECT_EQ(refused, "dbus_connection_send failed");
+    test::LogCapture log(core::Logger::kError);
     Kill();
     EXPECT_EQ(call.get().find("DBUS call org.camera.test::Echo failed: "), 0U);
     release.Release();
+    EXPECT_EQ(log.Count("queued messages are lost"), 1);
     ExpectLost(client);
     ExpectLost(service->bus);
     service.reset();
@@ -645,6 +757,24 @@ TEST_F(LostBusTest, ThreadsThatSendAndCallMeanwhileAllReturn) {
         thread.get();
     }
     ExpectLost(client);
+}
+
+TEST_F(LostBusTest, IsNoticedAlsoWhereOnlyASenderMeetsIt) {
+    for (int round = 0; round < 10; ++round) {
+        PrivateBus::Get();
+        MsgBus client;
+        client.StartServer();
+        std::atomic<bool> started{false};
+        auto sender = std::async(std::launch::async, [&] {
+            while (ErrorOf([&] { Signal(client, "Changed", "x"); }) == "no exception") {
+                started = true;
+            }
+        });
+        WaitUntil([&] { return started.load(); });
+        Kill();
+        sender.get();
+        EXPECT_TRUE(WaitUntil([&] { return !client.IsRunning(); }));
+    }
 }
 
 struct Pair {

@@ -88,20 +88,21 @@ CAN_FAIL(pthread_create,
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
          (thread, policy, parameter))
 
-__attribute__((weak)) int __interceptor_pthread_cond_timedwait(pthread_cond_t* condition,
-                                                               pthread_mutex_t* mutex, const timespec* end);
-__attribute__((visibility("default"))) int pthread_cond_timedwait(pthread_cond_t* condition,
-                                                                  pthread_mutex_t* mutex,
+__attribute__((weak)) int __interceptor_pthread_cond_clockwait(pthread_cond_t* condition,
+                                                               pthread_mutex_t* mutex, clockid_t clock,
+                                                               const timespec* end);
+__attribute__((visibility("default"))) int pthread_cond_clockwait(pthread_cond_t* condition,
+                                                                  pthread_mutex_t* mutex, clockid_t clock,
                                                                   const timespec* end) {
-    if (const FailingCall* call = FailingCall::Find("pthread_cond_timedwait")) {
+    if (const FailingCall* call = FailingCall::Find("pthread_cond_clockwait")) {
         ::pthread_mutex_unlock(mutex);
         const int result = call->Result();
         ::pthread_mutex_lock(mutex);
         return result;
     }
-    static const auto behind = Behind<decltype(pthread_cond_timedwait)>(&__interceptor_pthread_cond_timedwait,
-                                                                        "pthread_cond_timedwait");
-    return behind(condition, mutex, end);
+    static const auto behind = Behind<decltype(pthread_cond_clockwait)>(&__interceptor_pthread_cond_clockwait,
+                                                                        "pthread_cond_clockwait");
+    return behind(condition, mutex, clock, end);
 }
 
 __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {

@@ -8,7 +8,7 @@ class FailingCall {
 public:
     /// @param function  the name of the function.
     /// @param result  what it returns instead of doing anything.
-    /// @param meanwhile  runs inside the call. For pthread_cond_timedwait the mutex is free meanwhile.
+    /// @param meanwhile  runs inside the call. For pthread_cond_clockwait the mutex is free meanwhile.
     FailingCall(const char* function, int result, std::function<void()> meanwhile = nullptr);
     FailingCall(const FailingCall&) = delete;
     FailingCall& operator=(const FailingCall&) = delete;

@@ -76,7 +76,7 @@ TEST(SemaphoreTest, AWaitDoesNotGrowWhenTheClockIsSetBack) {
 
 TEST(SemaphoreTest, AUnitThatArrivesAsTheWaitEndsIsTaken) {
     Semaphore semaphore("s", 1, 0);
-    const FailingCall late("pthread_cond_timedwait", ETIMEDOUT, [&] { semaphore.Release(); });
+    const FailingCall late("pthread_cond_clockwait", ETIMEDOUT, [&] { semaphore.Release(); });
     EXPECT_TRUE(semaphore.TryLock(20));
     EXPECT_FALSE(semaphore.TryLock(0));
 }

@@ -12,6 +12,8 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -326,6 +328,24 @@ TEST(ThreadTest, PrioritiesThatTheSystemDoesNotTellThrow) {
     const FailingCall failing("pthread_getschedparam", ESRCH);
     EXPECT_EQ(TextOf([&] { thread.GetPriority(); }), "Priority Error");
     EXPECT_EQ(TextOf([&] { Thread::CurrentThread::GetPriority(); }), "Priority Error");
+}
+
+// A child must be able to ask, as logging does, although a thread was being made at the moment of the fork.
+TEST(ThreadTest, AForkedChildCanAskForItsThread) {
+    int status = -1;
+    std::thread([&status] {
+        Body body;
+        const FailingCall failing("pthread_create", EINVAL, [&status] {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                ::alarm(20);
+                ::_exit(Thread::CurrentThread::ThreadPtr() == nullptr ? 0 : 1);
+            }
+            ::waitpid(child, &status, 0);
+        });
+        TextOf([&] { const Thread thread("refused", &body, 0, 0); });
+    }).join();
+    EXPECT_EQ(status, 0);
 }
 
 TEST(ThreadTest, AThreadThatCannotBeMadeThrows) {

@@ -77,6 +77,8 @@ private:
             return;
         }
         _delegates.erase(std::remove(_delegates.begin(), _delegates.end(), nullptr), _delegates.end());
+        // Taken out first: what a delegate owns may, as it goes, remove others.
+        const std::vector<std::unique_ptr<Delegate>> removed = std::move(_removed);
         _removed.clear();
     }
 

@@ -41,13 +41,14 @@ public:
     /// "dbus_connection_send failed".
     virtual void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) = 0;
 
-    /// Sends what `MakeReplyMsg` or `MakeErrorMsg` made. On a lost bus it does nothing; throws
-    /// "dbus_connection_send failed" for a message above 32 MiB.
+    /// Sends what `MakeReplyMsg` or `MakeErrorMsg` made. On a lost bus it does nothing, and where memory is
+    /// short or more than 64 MiB wait to be sent it logs an error; throws "dbus_connection_send failed" for a
+    /// message above 32 MiB.
     virtual void SendReply(const MsgBusMsg& message) = 0;
 
     /// Starts the listen thread, on which handlers run; does nothing when it runs already. What arrived
-    /// earlier is dispatched now: at most 1,000 messages are kept until then, beyond which the oldest signals
-    /// are dropped.
+    /// earlier is dispatched now: at most 1,000 messages of 32 MiB together are kept until then, beyond
+    /// which the oldest signals are dropped.
     virtual void StartServer() = 0;
 
     /// @param stackSize  of the listen thread in bytes, @param priority  its priority, both as in

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+
+class TcpSocket;
+
+/// Receives the connections of a `TcpServer`.
+class ZARIP_EXPORT ITcpSocketAccept {
+public:
+    virtual ~ITcpSocketAccept() = default;
+
+    /// *Called on TcpSocketThread*, one connection at a time, without any lock. What it throws is logged.
+    /// @param socket  *takes ownership*.
+    virtual void AcceptSocket(TcpSocket* socket) = 0;
+};
+
+}  // namespace zarip::osa

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "osa/UniqueFd.h"
+#include "zarip/osa/Mutex.h"
+
+namespace zarip::osa {
+
+/// The packet capture of a server, shared by its connections, which may outlive it. *Thread-safe*: a mutex
+/// guards the file, and each packet is written at once.
+class PacketCapture {
+public:
+    /// The file that a server with this address captures to.
+    static std::string FileFor(const std::string& address);
+
+    /// Opens the file and writes the header; only a regular file of this process's own user is written to.
+    /// Closes an open capture first. False when the file cannot be had.
+    bool Open(const std::string& path);
+    void Close();
+
+    /// Appends a packet when a capture is open. A payload beyond what a record holds goes into several.
+    void Dump(unsigned short sourcePort, unsigned short destinationPort, const void* data,
+              std::size_t length);
+
+private:
+    void DumpRecord(unsigned short sourcePort, unsigned short destinationPort, const unsigned char* data,
+                    std::size_t length) ZARIP_REQUIRES(_mutex);
+
+    std::atomic<bool> _isOpen{false};
+    Mutex _mutex{"PacketCapture"};
+    UniqueFd _file ZARIP_GUARDED_BY(_mutex);
+};
+
+}  // namespace zarip::osa

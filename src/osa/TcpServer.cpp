@@ -1,0 +1,483 @@
+#include "zarip/osa/TcpServer.h"
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <list>
+#include <string>
+
+#include "osa/Errors.h"
+#include "osa/SocketAddress.h"
+#include "osa/TcpSocketImpl.h"
+#include "zarip/core/Logger.h"
+#include "zarip/osa/ITcpSocketAccept.h"
+#include "zarip/osa/MutexAutoLock.h"
+#include "zarip/osa/Semaphore.h"
+#include "zarip/osa/Thread.h"
+
+namespace zarip::osa {
+
+namespace {
+
+constexpr unsigned int kStackSize = 32'768;
+constexpr int kFirstPort = 1'024;
+constexpr int kPorts = 65'536;
+constexpr std::size_t kMaxHeld = 1'000;
+constexpr std::size_t kMaxReadAhead = 4'095;
+constexpr std::size_t kControlSize = 15;
+constexpr MonotonicMs kControlWaitMs = 2'000;
+constexpr int kShortageWaitMs = 100;
+constexpr int kMaxAcceptedAtOnce = 16;
+
+// Everything else means that accepting will not work again.
+constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,       ENOPROTOOPT,
+                                EOPNOTSUPP, ENETDOWN,     ENETUNREACH, ECONNABORTED, ECONNRESET,
+                                EHOSTDOWN,  EHOSTUNREACH, 512 /* ERESTARTSYS */};
+
+/// Passing shortages, of which a server recovers although they are not in the list above.
+bool IsShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EPERM;
+}
+
+UniqueFd OpenSpare() {
+    return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+}  // namespace
+
+/// The server.
+///
+/// The accept loop alone touches the listening socket once it runs, the connections it holds and the pseudo
+/// port. `_stop` is set once and never cleared. `_mutex` guards what `Stop` shares with the loop: the thread
+/// and the connection that the acceptor serves. It is never held while the acceptor runs or the thread is
+/// joined.
+class TcpServer::Impl {
+public:
+    Impl(const char* address, unsigned short port) : _socket(address, port) {}
+
+    void Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
+               signed char priority);
+    void Run();
+    void Stop();
+
+    TcpSocket _socket;
+    std::shared_ptr<PacketCapture> _capture = std::make_shared<PacketCapture>();
+    ReadyTest _isReady = nullptr;
+    unsigned int _limitMs = kWaitForEver;
+
+private:
+    /// A connection that has not said enough to be served.
+    struct Held {
+        UniqueFd fd;
+        MonotonicMs until;
+        std::string readAhead = {};
+        bool isWatched = false;
+        bool isControl = false;
+    };
+    using HeldList = std::list<Held>;
+
+    void Listen();
+    void Loop();
+    enum Acceptance { kAccepted, kNone, kFatal };
+    bool AcceptWaiting();
+    Acceptance Accept();
+    void Shed(int error);
+    void Watch(int fd, std::uint32_t events, void* what);
+    bool IsHolding() const { return _isReady != nullptr || _socket.GetFamily() == AF_UNIX; }
+    void Hold(UniqueFd fd);
+    void Look(HeldList::iterator held, bool isOver);
+    bool IsControl(int fd, const char* bytes, std::size_t length);
+    bool ReadAhead(Held& held);
+    bool HasSpoken(Held& held);
+    void Serve(Held held, bool isOver);
+    void ExpireHeld();
+    int UntilNextExpiry() const;
+
+    ITcpSocketAccept* _acceptor = nullptr;
+    unsigned short _backlog = 1;
+    core::Logger* _logger = nullptr;
+    std::atomic<bool> _running{false};
+    std::atomic<bool> _stop{false};
+    CancelEvent _stopEvent;
+    Semaphore _runLock{"TcpServer", 1, 1};
+    Semaphore _listening{"TcpServer::listening", 1, 0};
+    std::exception_ptr _startFailure;
+    int _nextPort = -1;
+    UniqueFd _events;
+    UniqueFd _spare;
+    HeldList _held;  // the oldest, which expires first, in front
+
+    Mutex _mutex{"TcpServer::_mutex"};
+    std::unique_ptr<Thread> _thread ZARIP_GUARDED_BY(_mutex);
+    std::shared_ptr<TcpSocket::Impl> _serving ZARIP_GUARDED_BY(_mutex);
+};
+
+void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
+                            unsigned int stackSize, signed char priority) {
+    if (acceptor == nullptr) {
+        throw SocketException("Invalid acceptor", SocketException::SocketGeneralError);
+    }
+    {
+        const MutexAutoLock lock(&_mutex);
+        if (_thread != nullptr || _stop) {
+            return;
+        }
+        _acceptor = acceptor;
+        _backlog = backlog;
+        _thread = std::make_unique<Thread>("TcpSocketThread", server, stackSize, priority);
+        _running = true;
+        _thread->Run();
+    }
+    _listening.Lock();
+    if (_startFailure) {
+        Stop();
+        std::rethrow_exception(_startFailure);
+    }
+}
+
+void TcpServer::Impl::Run() {
+    _logger = core::Logger::GetLogger("TcpServer");
+    _runLock.Lock();
+    try {
+        _logger->Information("Starting TcpServer::Run");
+        Listen();
+        _listening.Release();
+        Loop();
+    } catch (...) {
+        // Only listening throws; it is `Start` that reports it.
+        _startFailure = std::current_exception();
+        _listening.Release();
+    }
+    _held.clear();
+    _runLock.Release();
+}
+
+void TcpServer::Impl::Listen() {
+    const int fd = _socket.getHandle();
+    if (_isReady != nullptr && _socket.GetFamily() != AF_UNIX) {
+        // The kernel keeps a silent client to itself for as long as it may; failing that the loop holds it.
+        const int seconds = 3'600;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof(seconds));
+    }
+    if (::listen(fd, _backlog) != 0) {
+        throw SocketException("listen failed", SocketException::SocketGeneralError);
+    }
+    _events = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
+    const int stop = _stopEvent.GetFd();
+    if (!_events.IsValid() || stop < 0) {
+        throw SocketException("pipe failed", SocketException::SocketGeneralError);
+    }
+    _spare = OpenSpare();
+    Watch(stop, EPOLLIN, &_stopEvent);
+    Watch(fd, EPOLLIN, &_socket);
+}
+
+void TcpServer::Impl::Watch(int fd, std::uint32_t events, void* what) {
+    epoll_event event{};
+    event.events = events;
+    event.data.ptr = what;
+    if (::epoll_ctl(_events.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        ThrowErrno("select failed");
+    }
+}
+
+void TcpServer::Impl::Loop() {
+    epoll_event events[16];
+    while (!_stop) {
+        const int count = ::epoll_wait(_events.Get(), events, 16, UntilNextExpiry());
+        for (int i = 0; i < count && !_stop; ++i) {
+            void* const what = events[i].data.ptr;
+            if (what == &_socket) {
+                if (!AcceptWaiting()) {
+                    return;
+                }
+            } else if (what != &_stopEvent) {
+                // One that was closed to make room since the events were fetched is not in the list any more.
+                const auto held =
+                    std::find_if(_held.begin(), _held.end(), [what](const Held& h) { return &h == what; });
+                if (held != _held.end()) {
+                    Look(held, false);
+                }
+            }
+        }
+        ExpireHeld();
+    }
+}
+
+/// Accepts what waits, but not for ever: held connections want to be looked at as well.
+bool TcpServer::Impl::AcceptWaiting() {
+    for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
+        switch (Accept()) {
+            case kAccepted:
+                break;
+            case kNone:
+                return true;
+            case kFatal:
+                return false;
+        }
+    }
+    return true;
+}
+
+TcpServer::Impl::Acceptance TcpServer::Impl::Accept() {
+    UniqueFd fd(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!fd.IsValid()) {
+        const int error = errno;
+        if (error == EAGAIN || _stop) {
+            return kNone;
+        }
+        if (IsShortage(error)) {
+            Shed(error);
+            return kNone;
+        }
+        if (IsFatalError(error)) {
+            _logger->Error("accept failed with fatal error %d, terminating ::Run loop", error);
+            return kFatal;
+        }
+        _logger->Warning("accept failed with recoverable error %d, retrying accept", error);
+        return kNone;
+    }
+    if (IsHolding()) {
+        Hold(std::move(fd));
+    } else {
+        Serve({std::move(fd), 0}, false);
+    }
+    return kAccepted;
+}
+
+/// Makes room when the process or the system is short of something; refuses a connection rather than leave it
+/// waiting for ever.
+void TcpServer::Impl::Shed(int error) {
+    _logger->Error("accept failed with recoverable error %d, retrying accept", error);
+    if (!_held.empty()) {
+        _held.pop_front();
+        return;
+    }
+    _spare = UniqueFd();
+    { const UniqueFd refused(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC)); }
+    _spare = OpenSpare();
+    WaitFor(-1, 0, &_stopEvent, NowMs() + kShortageWaitMs);
+}
+
+void TcpServer::Impl::Hold(UniqueFd fd) {
+    if (_held.size() >= kMaxHeld) {
+        _held.pop_front();
+    }
+    const MonotonicMs wait = _isReady != nullptr ? static_cast<MonotonicMs>(_limitMs) : kControlWaitMs;
+    _held.push_back({std::move(fd), NowMs() + wait});
+    const auto held = std::prev(_held.end());
+    Look(held, false);
+}
+
+/// Serves a held connection that has said enough, or whose time is over.
+void TcpServer::Impl::Look(HeldList::iterator held, bool isOver) {
+    const bool isReady = _isReady != nullptr ? ReadAhead(*held) : HasSpoken(*held);
+    if (isReady && held->isControl) {
+        _held.erase(held);
+        return;
+    }
+    if (!isReady && !isOver) {
+        if (!held->isWatched) {
+            held->isWatched = true;
+            Watch(held->fd.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, &*held);
+        }
+        return;
+    }
+    if (held->isWatched) {
+        ::epoll_ctl(_events.Get(), EPOLL_CTL_DEL, held->fd.Get(), nullptr);
+    }
+    Held served = std::move(*held);
+    _held.erase(held);
+    Serve(std::move(served), !isReady && _isReady != nullptr);
+}
+
+/// Reads what has come, up to kMaxReadAhead bytes, for the one who will serve the connection.
+bool TcpServer::Impl::ReadAhead(Held& held) {
+    char bytes[kMaxReadAhead];
+    for (;;) {
+        const ssize_t count =
+            ::recv(held.fd.Get(), bytes, kMaxReadAhead - held.readAhead.size(), MSG_DONTWAIT);
+        if (count <= 0) {
+            return count == 0 || (errno != EAGAIN && errno != EINTR);
+        }
+        held.readAhead.append(bytes, static_cast<std::size_t>(count));
+        if (held.readAhead.size() == kMaxReadAhead ||
+            _isReady(held.readAhead.data(), held.readAhead.size())) {
+            return true;
+        }
+    }
+}
+
+/// Looks whether the peer has spoken, and whether it has said a control command, which is carried out.
+bool TcpServer::Impl::HasSpoken(Held& held) {
+    char bytes[kControlSize];
+    const ssize_t peeked = ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
+    if (peeked < 0) {
+        return errno != EAGAIN && errno != EINTR;
+    }
+    held.isControl = IsControl(held.fd.Get(), bytes, static_cast<std::size_t>(peeked));
+    return true;
+}
+
+bool TcpServer::Impl::IsControl(int fd, const char* bytes, std::size_t length) {
+    const std::string command(bytes, length);
+    const bool isStart = command.rfind("dump start\n", 0) == 0;
+    if (!isStart && command.rfind("dump stop\n", 0) != 0) {
+        return false;
+    }
+    // Taken off the connection, so that closing it is no reset to the peer.
+    char taken[kControlSize];
+    ::recv(fd, taken, sizeof(taken), MSG_DONTWAIT);
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
+        (peer.uid != 0 && peer.uid != ::geteuid())) {
+        _logger->Warning("packet capture: user %u is not allowed to control it", peer.uid);
+    } else if (!isStart) {
+        _capture->Close();
+    } else {
+        const std::string file = PacketCapture::FileFor(_socket.GetLocalAddress());
+        if (!_capture->Open(file)) {
+            _logger->Error("packet capture: cannot write %s", file.c_str());
+        }
+    }
+    return true;
+}
+
+void TcpServer::Impl::Serve(Held held, bool isOver) {
+    _nextPort = std::max((_nextPort + 1) % kPorts, kFirstPort);
+    try {
+        auto connection = std::make_shared<TcpSocket::Impl>();
+        connection->fd = std::move(held.fd);
+        connection->readAhead = std::move(held.readAhead);
+        connection->connected = true;
+        connection->family = _socket.GetFamily();
+        connection->port = static_cast<unsigned short>(_nextPort);
+        connection->capture = _capture;
+        std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
+        if (_isReady != nullptr) {
+            socket->SetTimeLimit(isOver ? 0 : _limitMs);
+        }
+        {
+            const MutexAutoLock lock(&_mutex);
+            if (_stop) {
+                return;
+            }
+            _serving = connection;
+        }
+        _acceptor->AcceptSocket(socket.release());
+    } catch (const std::exception& e) {
+        _logger->Error("Caught exception handling incoming socket connection: %s", e.what());
+    } catch (...) {
+        _logger->Error("Caught exception handling incoming socket connection: unknown");
+    }
+    const MutexAutoLock lock(&_mutex);
+    _serving.reset();
+}
+
+void TcpServer::Impl::ExpireHeld() {
+    while (!_held.empty() && !_stop && _held.front().until <= NowMs()) {
+        Look(_held.begin(), true);
+    }
+}
+
+int TcpServer::Impl::UntilNextExpiry() const {
+    if (_held.empty()) {
+        return -1;
+    }
+    return static_cast<int>(std::clamp<MonotonicMs>(_held.front().until - NowMs(), 0, 60'000));
+}
+
+void TcpServer::Impl::Stop() {
+    Thread* thread = nullptr;
+    {
+        const MutexAutoLock lock(&_mutex);
+        if (!_running) {
+            return;
+        }
+        _stop = true;
+        _stopEvent.Cancel();
+        if (Thread::CurrentThread::ThreadPtr() == _thread.get()) {
+            return;  // the acceptor: the loop ends when it returns
+        }
+        if (_serving != nullptr) {
+            _serving->Abort();
+        }
+        _running = false;
+        thread = _thread.get();
+    }
+    _runLock.Lock();
+    _runLock.Release();
+    thread->Join();
+    // Nobody will accept: clients are refused at once instead of waiting in the backlog.
+    _socket.Close();
+    const MutexAutoLock lock(&_mutex);
+    _thread.reset();
+}
+
+TcpServer::TcpServer(const char* address, unsigned short port)
+    : _impl(std::make_unique<Impl>(address, port)) {}
+
+TcpServer::~TcpServer() {
+    try {
+        Stop();
+    } catch (...) {
+        // Nothing more can be done for the thread.
+    }
+}
+
+void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
+                      signed char priority) {
+    _impl->Start(this, acceptor, backlog, stackSize, priority);
+}
+
+void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog) {
+    Start(acceptor, backlog, kStackSize, 0);
+}
+
+void TcpServer::Run() {
+    _impl->Run();
+}
+
+void TcpServer::Stop() {
+    _impl->Stop();
+}
+
+void TcpServer::HoldConnections(ReadyTest isReady, unsigned int limitMs) {
+    _impl->_isReady = isReady;
+    _impl->_limitMs = limitMs;
+}
+
+void TcpServer::SetBufferSize(unsigned int bytes) const {
+    _impl->_socket.SetBufferSize(bytes);
+}
+
+unsigned short TcpServer::GetLocalPort() const {
+    return _impl->_socket.GetLocalPort();
+}
+
+bool TcpServer::IsFatalError(int error) {
+    return std::find(std::begin(kRecoverable), std::end(kRecoverable), error) == std::end(kRecoverable);
+}
+
+void TcpServer::DumpPacket(unsigned short sourcePort, unsigned short destinationPort, const void* data,
+                           int length) {
+    if (length > 0) {
+        _impl->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
+    }
+}
+
+std::shared_ptr<PacketCapture> TcpServer::GetCapture() const {
+    return _impl->_capture;
+}
+
+}  // namespace zarip::osa

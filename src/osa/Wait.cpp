@@ -1,0 +1,80 @@
+#include "osa/Wait.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "osa/Errors.h"
+
+namespace zarip::osa {
+
+namespace {
+
+/// How long to wait without a descriptor for the cancel event before looking at it again.
+constexpr MonotonicMs kLookAgainMs = 200;
+
+}  // namespace
+
+CancelEvent::~CancelEvent() {
+    if (_fd >= 0) {
+        ::close(_fd);
+    }
+}
+
+void CancelEvent::Cancel() {
+    // The order matters: whoever makes the descriptor publishes it and then looks at the flag.
+    _cancelled = true;
+    const int fd = _fd;
+    if (fd >= 0) {
+        ::eventfd_write(fd, 1);
+    }
+}
+
+int CancelEvent::GetFd() {
+    if (_fd >= 0) {
+        return _fd;
+    }
+    const int made = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    int none = -1;
+    if (made >= 0 && !_fd.compare_exchange_strong(none, made)) {
+        ::close(made);
+    }
+    if (_cancelled && _fd >= 0) {
+        ::eventfd_write(_fd, 1);
+    }
+    return _fd;
+}
+
+MonotonicMs NowMs() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<MonotonicMs>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until) {
+    pollfd descriptors[2] = {{fd, events, 0}, {cancel != nullptr ? cancel->GetFd() : -1, POLLIN, 0}};
+    for (;;) {
+        if (cancel != nullptr && cancel->IsCancelled()) {
+            return WaitResult::kCancelled;
+        }
+        MonotonicMs wait = until == kNever ? 0x7FFFFFFF : std::max<MonotonicMs>(until - NowMs(), 0);
+        if (cancel != nullptr && descriptors[1].fd < 0) {
+            wait = std::min(wait, kLookAgainMs);
+        }
+        const int ready = ::poll(descriptors, 2, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
+        if (ready < 0 && errno != EINTR) {
+            ThrowErrno("select failed");
+        }
+        if (ready > 0 && descriptors[1].revents == 0) {
+            return WaitResult::kReady;
+        }
+        if (ready == 0 && until != kNever && NowMs() >= until) {
+            return WaitResult::kTimeout;
+        }
+    }
+}
+
+}  // namespace zarip::osa

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <atomic>
+
+namespace zarip::osa {
+
+constexpr unsigned int kWaitForEver = 0xFFFFFFFFU;
+
+/// A request to stop waiting, which is never taken back. *Thread-safe*. Its descriptor is made when somebody
+/// first has to wait, so a connection that never waits costs none.
+class CancelEvent {
+public:
+    CancelEvent() = default;
+    CancelEvent(const CancelEvent&) = delete;
+    CancelEvent& operator=(const CancelEvent&) = delete;
+    ~CancelEvent();
+
+    void Cancel();
+    bool IsCancelled() const { return _cancelled; }
+
+    /// Readable once cancelled; -1 when the system gives none.
+    int GetFd();
+
+private:
+    std::atomic<bool> _cancelled{false};
+    std::atomic<int> _fd{-1};
+};
+
+/// A time on the monotonic clock in milliseconds.
+using MonotonicMs = long long;
+constexpr MonotonicMs kNever = 0x7FFFFFFFFFFFFFFFLL;
+
+MonotonicMs NowMs();
+
+enum class WaitResult { kReady, kTimeout, kCancelled };
+
+/// Waits until the descriptor is ready for `events` (of poll), the event is cancelled or the time has come. A
+/// signal does not end the wait. Throws SocketException "select failed: ...".
+WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until);
+
+}  // namespace zarip::osa
