@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <istream>
+#include <sstream>
 #include <string>
 
 #include <zarip/inet/HttpFormatter.h>
@@ -265,6 +267,51 @@ TEST(HttpParserTest, ReadsPairsOfAQuery) {
                 << row.query;
             EXPECT_EQ(isForm ? request.GetQueryParameter("A") : request.GetFormParameter("A"), nullptr);
         }
+    }
+}
+
+TEST(HttpParserTest, TheWorstRequestCostsLessThan32MiB) {
+    const auto held = [] {
+        const struct mallinfo2 info = ::mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    // As many entries as fit: short names of cookies and of parameters, none of them twice.
+    const auto name = [](unsigned int number) {
+        std::string text;
+        for (; text.empty() || number > 0; number /= 161) {  // no separator, no lower case
+            text += static_cast<char>(number % 161 + (number % 161 < 33 ? 0x40 : 0x80 - 33));
+        }
+        return text;
+    };
+    std::string text =
+        "POST / HTTP/1.1\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: 1048576\r\n";
+    for (unsigned int i = 0; i < 9990;) {
+        text += "Cookie: ";
+        for (const unsigned int end = i + 666; i < end; ++i) {
+            text += name(i) + "=1;";
+        }
+        text += "\r\n";
+    }
+    const std::size_t end = text.size() + 900000;
+    for (int i = 0; text.size() < end; ++i) {
+        text += "n" + std::to_string(i) + ":" + std::string(950, 'v') + "\r\n";
+    }
+    text += "\r\n";
+    const std::size_t body = text.size();
+    for (unsigned int i = 0; text.size() < body + 1048576; ++i) {
+        text += name(i) + "=&";
+    }
+    text.resize(body + 1048575);
+    text += '=';
+    std::istringstream stream(text);
+    const std::size_t before = held();
+    HttpRequest request;
+    EXPECT_EQ(Thrown([&] { stream >> request; }), "nothing");
+    EXPECT_EQ(request.GetBodyLength(), 1048576U);
+    EXPECT_EQ(Text(request.GetFormParameter(name(190000))), "");
+    EXPECT_EQ(Text(request.GetCookie(name(9989))), "1");
+    if (before != 0) {  // sanitizers do not count
+        EXPECT_LT(held() - before, 32U * 1024 * 1024);
     }
 }
 

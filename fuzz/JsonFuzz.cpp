@@ -1,0 +1,38 @@
+#include <sstream>
+#include <string>
+
+#include <cajun/json/elements.h>
+#include <cajun/json/reader.h>
+#include <cajun/json/writer.h>
+
+#include "Targets.h"
+
+namespace fuzz {
+
+namespace {
+
+std::string ToText(const json::UnknownElement& element) {
+    std::ostringstream stream;
+    json::Writer::Write(element, stream);
+    return stream.str();
+}
+
+}  // namespace
+
+void Json(const std::string& input) {
+    json::UnknownElement element;
+    try {
+        std::istringstream stream(input);
+        json::Reader::Read(element, stream);
+    } catch (const json::Exception&) {
+        return;
+    }
+    const std::string text = ToText(element);
+    json::UnknownElement again;
+    std::istringstream stream(text);
+    json::Reader::Read(again, stream);
+    Check(again == element, "what was written reads as the same elements");
+    Check(ToText(again) == text, "what was written and read is the same");
+}
+
+}  // namespace fuzz
