@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 
 #include "support/WaitUntil.h"
+#include "zarip/osa/DateTime.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimeSource.h"
 #include "zarip/osa/ITimerCallback.h"
@@ -95,6 +97,73 @@ TEST(TimeSpan, CountsSignedMicroseconds) {
     EXPECT_EQ(span.GetTotalSeconds(), 93'424);
     EXPECT_LT(-span, TimeSpan());
     EXPECT_EQ(TimeSpan(), TimeSpan::FromSeconds(0));
+}
+
+TEST(DateTime, ReadsAndWritesTheCalendar) {
+    struct Row {
+        const char* text;
+        const char* utc;
+        long long seconds;
+        int dayOfWeek;
+        int dayOfYear;
+    };
+    const Row rows[] = {
+        {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z", 0, 4, 1},
+        {"2000-02-29T23:59:59.999999Z", "2000-02-29T23:59:59.999999Z", 951'868'799, 2, 60},
+        {"2026-11-21T21:10:07.25+01:00", "2026-11-21T20:10:07.250000Z", 1'795'291'807, 6, 325},
+        {"2026-12-31T20:00:00-04:30", "2027-01-01T00:30:00Z", 1'798'763'400, 5, 1},
+        {"2106-02-07T06:28:15Z", "2106-02-07T06:28:15Z", 4'294'967'295, 0, 38},
+    };
+    for (const auto& row : rows) {
+        const DateTime time = DateTime::Parse(row.text);
+        EXPECT_EQ(time.ToString(), row.utc);
+        EXPECT_EQ(time.ToTimeStruct().seconds, row.seconds);
+        EXPECT_EQ(DateTime(time.ToTimeStruct()), time);
+        EXPECT_EQ(time.GetFields().dayOfWeek, row.dayOfWeek) << row.utc;
+        EXPECT_EQ(time.GetFields().dayOfYear, row.dayOfYear) << row.utc;
+    }
+    EXPECT_EQ(DateTime(1, 1, 1).ToString(), "0001-01-01T00:00:00Z");
+    EXPECT_EQ(DateTime(1, 1, 1).GetFields().dayOfWeek, 1);
+    EXPECT_EQ((DateTime(9999, 12, 31) - DateTime(1, 1, 1)), TimeSpan::FromDays(3'652'058));
+    EXPECT_EQ(DateTime(2024, 2, 28) + TimeSpan::FromDays(2), DateTime(2024, 3, 1));
+    EXPECT_LT(DateTime(2024, 3, 1) - TimeSpan::FromMicroseconds(1), DateTime(2024, 3, 1));
+    // Every day of four centuries in turn.
+    DateTime day(1899, 12, 31);
+    for (int i = 0; i < 146'097; ++i) {
+        const DateTime::Fields fields = (day = day + TimeSpan::FromDays(1)).GetFields();
+        ASSERT_EQ(DateTime(fields.year, fields.month, fields.day), day) << i;
+    }
+    EXPECT_EQ(day, DateTime(2299, 12, 31));
+}
+
+TEST(DateTime, RefusesTextAndDatesThatAreNone) {
+    for (const char* text : {"", "2026-11-21", "2026-11-21T20:10:07", "2026-11-21 20:10:07Z",
+                             "2026-11-21T20:10:07.Z", "2026-11-21T20:10:07.1234567Z", "2026-02-29T00:00:00Z",
+                             "2026-13-01T00:00:00Z", "2026-11-21T24:00:00Z", "2026-11-21T20:60:00Z",
+                             "2026-11-21T20:10:60Z", "2026-11-21T20:10:07+24:00", "2026-11-21T20:10:07Zx",
+                             "0000-01-01T00:00:00Z", "0001-01-01T00:00:00+01:00", "+026-11-21T20:10:07Z"}) {
+        EXPECT_EQ(ErrorOf([&] { DateTime::Parse(text); }), "Invalid date text '" + std::string(text) + "'");
+    }
+    EXPECT_EQ(ErrorOf([] { DateTime(2100, 2, 29); }), "Invalid date");
+    EXPECT_EQ(ErrorOf([] { DateTime(9999, 12, 31) + TimeSpan::FromDays(1); }), "Invalid date");
+    EXPECT_EQ(ErrorOf([] { DateTime(1, 1, 1) - TimeSpan::FromMicroseconds(1); }), "Invalid date");
+    EXPECT_EQ(ErrorOf([] { DateTime() + TimeSpan::FromMicroseconds(LLONG_MAX); }), "Invalid date");
+    EXPECT_EQ(ErrorOf([] { DateTime(1969, 12, 31).ToTimeStruct(); }), "Invalid parameter");
+}
+
+TEST(DateTime, TellsLocalTime) {
+    const char* const zone = ::getenv("TZ");
+    const std::string old = zone != nullptr ? zone : "";
+    ::setenv("TZ", "XYZ+03:30", 1);
+    ::tzset();
+    EXPECT_EQ(DateTime(2026, 1, 1, 2).ToLocalString(), "2025-12-31T22:30:00-03:30");
+    EXPECT_EQ(DateTime(2026, 1, 1, 2).GetLocalFields().dayOfYear, 365);
+    if (zone != nullptr) {
+        ::setenv("TZ", old.c_str(), 1);
+    } else {
+        ::unsetenv("TZ");
+    }
+    ::tzset();
 }
 
 class Callback : public ITimerCallback {
