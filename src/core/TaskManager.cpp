@@ -20,41 +20,46 @@ namespace zarip::core {
 namespace {
 
 constexpr int kMaxCount = 500;
-constexpr unsigned int kLastSecond = 0xFFFFFFFFU;
-constexpr unsigned int kLastMicrosecond = 999'999;
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
 /// A clock that jumps changes what a wait is for; so nobody waits longer without looking at it.
 constexpr long long kLookAgainMs = 1'000;
 
+/// Microseconds of the time source; `kNever` lies behind all that it can tell.
+using Microseconds = long long;
+constexpr Microseconds kNever = 0x7FFFFFFFFFFFFFFFLL;
+
+Microseconds ToMicroseconds(const osa::TimeStruct& time) {
+    return static_cast<Microseconds>(time.seconds) * 1'000'000 + time.microseconds;
+}
+
 struct QueueItem {
-    osa::TimeStruct due;
+    Microseconds due;
     std::unique_ptr<IVoidDelegate0> task;
 
     /// Reversed: the top of the heap is the task that is due soonest.
     friend bool operator<(const QueueItem& a, const QueueItem& b) { return b.due < a.due; }
 };
 
-/// From `from` to `to` in milliseconds, rounded up: a wait must not end before its time.
-long long MillisecondsUntil(const osa::TimeStruct& to, const osa::TimeStruct& from) {
-    const long long seconds = static_cast<long long>(to.seconds) - static_cast<long long>(from.seconds);
-    const long long microseconds = seconds * 1'000'000 + static_cast<long long>(to.microseconds) -
-                                   static_cast<long long>(from.microseconds);
-    return microseconds > 0 ? (microseconds + 999) / 1'000 : microseconds / 1'000;
+/// Rounded up: a wait must not end before its time.
+long long ToMilliseconds(Microseconds duration) {
+    return duration > 0 ? (duration + 999) / 1'000 : duration / 1'000;
 }
 
 }  // namespace
 
 void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 
-/// `_mutex` guards the queue. `_wakeUp` holds a unit for each queued task, which goes with the task; whoever
-/// waits for it looks at the queue again.
+/// `_mutex` guards the queue and who waits. A task that is queued while somebody waits releases `_wakeUp`,
+/// but not more often than there are those who wait: a burst of tasks wakes a worker once.
 class TaskManager::TaskManagerImpl {
 public:
-    TaskManagerImpl(osa::ITimeSource* timeSource, bool ownsTimeSource, int maxCount)
+    /// @param isMonotonic  whether the time source never goes back.
+    TaskManagerImpl(osa::ITimeSource* timeSource, bool ownsTimeSource, bool isMonotonic, int maxCount)
         : _timeSource(timeSource),
           _ownedTimeSource(ownsTimeSource ? timeSource : nullptr),
-          _wakeUp("TaskManager", static_cast<unsigned short>(maxCount), 0),
+          _isMonotonic(isMonotonic),
+          _wakeUp("TaskManager", static_cast<unsigned short>(std::clamp(maxCount, 1, 0xFFFF)), 0),
           _maxCount(maxCount) {}
 
     void Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task, bool evenIfFull);
@@ -67,32 +72,45 @@ private:
         _timeSource->GetTime(now);
         return now;
     }
+    bool IsDue() ZARIP_REQUIRES(_mutex);
     std::unique_ptr<IVoidDelegate0> TakeTop() ZARIP_REQUIRES(_mutex);
+    bool WaitForTask(unsigned int milliseconds);
     void Run(IVoidDelegate0& task) const;
 
     Logger* _logger = Logger::GetLogger("TaskManager");
     osa::ITimeSource* _timeSource;
     std::unique_ptr<osa::ITimeSource> _ownedTimeSource;
+    bool _isMonotonic;
     osa::Mutex _mutex{"TaskManager"};
     osa::Semaphore _wakeUp;
     int _maxCount;
     std::vector<QueueItem> _queue ZARIP_GUARDED_BY(_mutex);
+    Microseconds _lastNow ZARIP_GUARDED_BY(_mutex) = 0;
+    int _waiting ZARIP_GUARDED_BY(_mutex) = 0;
+    int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that nobody has taken yet
 };
 
 void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
                                          bool evenIfFull) {
     osa::TimeStruct due = Now();
     due += delay.GetTotalMicroseconds();
-    const osa::MutexAutoLock lock(&_mutex);
-    if (!evenIfFull && static_cast<long long>(_queue.size()) >= _maxCount) {
-        throw osa::Exception("maxCount was reached");
+    bool wakes = false;
+    {
+        const osa::MutexAutoLock lock(&_mutex);
+        if (!evenIfFull && static_cast<long long>(_queue.size()) >= _maxCount) {
+            throw osa::Exception("maxCount was reached");
+        }
+        _queue.push_back({ToMicroseconds(due), std::move(task)});
+        std::push_heap(_queue.begin(), _queue.end());
+        wakes = _woken < _waiting;
+        _woken += wakes ? 1 : 0;
     }
-    _queue.push_back({due, std::move(task)});
-    std::push_heap(_queue.begin(), _queue.end());
-    try {
-        _wakeUp.Release();
-    } catch (const osa::LockException&) {
-        // Full: whoever waits has been woken as often as there are tasks.
+    if (wakes) {
+        try {
+            _wakeUp.Release();
+        } catch (const osa::LockException&) {
+            // Full: then nobody has to wait for a unit.
+        }
     }
 }
 
@@ -105,9 +123,6 @@ void TaskManager::TaskManagerImpl::Dequeue(void* target) {
     std::move(first, _queue.end(), std::back_inserter(dropped));
     _queue.erase(first, _queue.end());
     std::make_heap(_queue.begin(), _queue.end());
-    for (std::size_t i = 0; i < dropped.size(); ++i) {
-        _wakeUp.TryLock(0);
-    }
 }
 
 std::unique_ptr<IVoidDelegate0> TaskManager::TaskManagerImpl::TakeTop() {
@@ -127,45 +142,61 @@ void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
     }
 }
 
-bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
-    const osa::TimeStruct never(kLastSecond, kLastMicrosecond);
-    osa::TimeStruct target = never;
-    if (timeoutMs >= 0) {
-        target = Now();
-        target += static_cast<long long>(timeoutMs) * 1'000;
+/// Whether the top of the queue is due, by a time read before if that says so already.
+bool TaskManager::TaskManagerImpl::IsDue() {
+    if (_queue.empty()) {
+        return false;
     }
-    for (bool hasUnit = false;;) {
+    if (!_isMonotonic || _queue.front().due > _lastNow) {
+        _lastNow = ToMicroseconds(Now());
+    }
+    return _queue.front().due <= _lastNow;
+}
+
+/// Waits for a task to be queued, by the one who has counted itself into `_waiting`.
+bool TaskManager::TaskManagerImpl::WaitForTask(unsigned int milliseconds) {
+    const bool woken = _wakeUp.TryLock(milliseconds);
+    const osa::MutexAutoLock lock(&_mutex);
+    --_waiting;
+    if (woken) {
+        --_woken;
+    }
+    return woken;
+}
+
+bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
+    Microseconds target = kNever;
+    if (timeoutMs > 0) {
+        target = ToMicroseconds(Now()) + static_cast<Microseconds>(timeoutMs) * 1'000;
+    }
+    for (;;) {
         std::unique_ptr<IVoidDelegate0> task;
-        const osa::TimeStruct now = Now();
+        long long wait = 0;
         {
             const osa::MutexAutoLock lock(&_mutex);
-            if (_queue.empty() && timeoutMs == 0) {
-                return false;
-            }
-            if (!_queue.empty() && _queue.front().due <= now) {
+            if (IsDue()) {
                 task = TakeTop();
-                if (!hasUnit) {
-                    // The task's unit goes with it, so that a full queue never meets a full semaphore.
-                    _wakeUp.TryLock(0);
+            } else if (timeoutMs == 0) {
+                return false;
+            } else {
+                if (!_queue.empty()) {
+                    target = std::min(target, _queue.front().due);
                 }
-            } else if (!_queue.empty()) {
-                target = std::min(target, _queue.front().due);
+                wait = target == kNever ? kNever : ToMilliseconds(target - ToMicroseconds(Now()));
+                if (wait < 0) {
+                    return false;
+                }
+                ++_waiting;
             }
         }
         if (task) {
             Run(*task);
             return true;
         }
-        if (target == never) {
-            hasUnit = _wakeUp.TryLock(kNoLimit);
-            continue;
-        }
-        const long long wait = MillisecondsUntil(target, now);
-        if (wait < 0) {
-            return false;
-        }
-        hasUnit = _wakeUp.TryLock(static_cast<unsigned int>(std::min(wait, kLookAgainMs)));
-        if (!hasUnit && wait <= kLookAgainMs) {
+        const bool isLast = wait <= kLookAgainMs;
+        if (!WaitForTask(wait == kNever ? kNoLimit
+                                        : static_cast<unsigned int>(std::min(wait, kLookAgainMs))) &&
+            isLast) {
             return false;
         }
     }
@@ -174,10 +205,10 @@ bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
 TaskManager::TaskManager() : TaskManager(kMaxCount) {}
 
 TaskManager::TaskManager(int maxCount)
-    : _impl(std::make_unique<TaskManagerImpl>(new osa::MonotonicTimeSource, true, maxCount)) {}
+    : _impl(std::make_unique<TaskManagerImpl>(new osa::MonotonicTimeSource, true, true, maxCount)) {}
 
 TaskManager::TaskManager(osa::ITimeSource* timeSource, bool takeOwnership)
-    : _impl(std::make_unique<TaskManagerImpl>(timeSource, takeOwnership, kMaxCount)) {}
+    : _impl(std::make_unique<TaskManagerImpl>(timeSource, takeOwnership, false, kMaxCount)) {}
 
 TaskManager::~TaskManager() = default;
 
