@@ -217,6 +217,14 @@ std::string Text(const std::string* value) {
     return value != nullptr ? *value : "";
 }
 
+std::string Field(const HttpRequest& request, const char* name) {
+    const std::string* const value = request.GetFormParameter(name);
+    if (value == nullptr) {
+        throw Failure{400, std::string("There is no form with a field \"") + name + "\"."};
+    }
+    return Text(value);
+}
+
 std::string Session(const HttpRequest& request) {
     return Text(request.GetCookie(kCookie));
 }
@@ -250,8 +258,8 @@ Caller Allow(Security& security, const HttpRequest& request) {
 }
 
 void Login(Security& security, const HttpRequest& request, HttpResponse& response) {
-    const std::string user = Text(request.GetFormParameter("user"));
-    const std::string password = Text(request.GetFormParameter("password"));
+    const std::string user = Field(request, "user");
+    const std::string password = Field(request, "password");
     const std::string session =
         security.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
     if (session.empty()) {
@@ -292,12 +300,12 @@ std::string UsersAsJson(const std::string& lines) {
 }
 
 int AddUser(Security& security, const HttpRequest& request) {
-    const std::string name = Text(request.GetFormParameter("name"));
-    const std::string role = Text(request.GetFormParameter("role"));
-    const std::string password = Text(request.GetFormParameter("password"));
+    const std::string name = Field(request, "name");
+    const std::string role = Field(request, "role");
+    const std::string password = Field(request, "password");
     // The service takes lines of fields: what ends a line or a field would be another user or role.
     if ((name + role).find_first_of(":\n") != std::string::npos || password.find('\n') != std::string::npos) {
-        throw Failure{400, "A name, role or password that cannot be."};
+        throw Failure{400, "Name, role or password holds characters that cannot be."};
     }
     return security.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
 }
@@ -313,9 +321,9 @@ void Users(Security& security, const HttpRequest& request, HttpResponse& respons
     }
     if (result != 0) {
         // As the security service numbers them.
-        const char* const reasons[] = {"The password is too short.", "A name or password that cannot be.",
-                                       "There is no such role.", "There is such a user already.",
-                                       "There is no such user."};
+        const char* const reasons[] = {
+            "The password is too short.", "Name or password holds characters that cannot be.",
+            "There is no such role.", "There is such a user already.", "There is no such user."};
         throw Failure{409, result >= 1 && result <= 5
                                ? reasons[result - 1]
                                : "The security service refused it with code " + std::to_string(result) + "."};
