@@ -72,9 +72,8 @@ UniqueFd OpenSpare() {
 /// The server.
 ///
 /// The accept loop alone touches the listening socket once it runs, the connections it holds and the pseudo
-/// port. `_stop` is set once and never cleared. `_mutex` guards what `Stop` shares with the loop: the thread
-/// and the connection that the acceptor serves. It is never held while the acceptor runs or the thread is
-/// joined.
+/// port. `_stop` is set once and never cleared. `_mutex` guards the thread, which `Stop` may be called for by
+/// several; it is never held while the acceptor runs or the thread is joined.
 class TcpServer::Impl {
 public:
     Impl(const char* address, unsigned short port) : _socket(address, port) {}
@@ -126,7 +125,7 @@ private:
     core::Logger* _logger = nullptr;
     std::atomic<bool> _running{false};
     std::atomic<bool> _stop{false};
-    CancelEvent _stopEvent;
+    std::shared_ptr<CancelEvent> _stopEvent = std::make_shared<CancelEvent>();
     Semaphore _runLock{"TcpServer", 1, 1};
     Semaphore _listening{"TcpServer::listening", 1, 0};
     std::exception_ptr _startFailure;
@@ -138,7 +137,6 @@ private:
 
     Mutex _mutex{"TcpServer::_mutex"};
     std::unique_ptr<Thread> _thread ZARIP_GUARDED_BY(_mutex);
-    std::shared_ptr<TcpSocket::Impl> _serving ZARIP_GUARDED_BY(_mutex);
 };
 
 void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
@@ -196,13 +194,13 @@ void TcpServer::Impl::Listen() {
         throw SocketException("listen failed", SocketException::SocketGeneralError);
     }
     _events = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
-    const int stop = _stopEvent.GetFd();
+    const int stop = _stopEvent->GetFd();
     if (!_events.IsValid() || stop < 0) {
         throw SocketException("pipe failed", SocketException::SocketGeneralError);
     }
     _spare = OpenSpare();
     _maxHeld = MaxHeld();
-    if (!Watch(stop, EPOLLIN, &_stopEvent) || !Watch(fd, EPOLLIN, &_socket)) {
+    if (!Watch(stop, EPOLLIN, _stopEvent.get()) || !Watch(fd, EPOLLIN, &_socket)) {
         ThrowErrno("select failed");
     }
 }
@@ -224,7 +222,7 @@ void TcpServer::Impl::Loop() {
                 if (!AcceptWaiting()) {
                     return;
                 }
-            } else if (what != &_stopEvent) {
+            } else if (what != _stopEvent.get()) {
                 // One that was closed to make room since the events were fetched is not in the list any more.
                 const auto held =
                     std::find_if(_held.begin(), _held.end(), [what](const Held& h) { return &h == what; });
@@ -295,7 +293,7 @@ void TcpServer::Impl::Shed(int error) {
     _spare = UniqueFd();
     { const UniqueFd refused(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC)); }
     _spare = OpenSpare();
-    WaitFor(-1, 0, &_stopEvent, NowMs() + kShortageWaitMs);
+    WaitFor(-1, 0, _stopEvent.get(), NowMs() + kShortageWaitMs);
 }
 
 void TcpServer::Impl::Hold(Held accepted) {
@@ -416,31 +414,27 @@ void TcpServer::Impl::LogCaught() {
 }
 
 void TcpServer::Impl::Serve(Held held, bool isOver) {
+    auto connection = std::make_shared<TcpSocket::Impl>();
+    connection->fd = std::move(held.fd);
+    connection->readAhead = std::move(held.readAhead);
+    connection->connected = true;
+    connection->family = _socket.GetFamily();
+    connection->port = held.port;
+    connection->capture = _capture;
+    if (_isReady != nullptr && _limitMs != kWaitForEver) {
+        connection->limit = NowMs() + (isOver ? 0 : static_cast<MonotonicMs>(_limitMs));
+    }
+    connection->serverStop = _stopEvent;
+    connection->servedBy = ::pthread_self();
+    connection->isServed = true;
+    std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
     try {
-        auto connection = std::make_shared<TcpSocket::Impl>();
-        connection->fd = std::move(held.fd);
-        connection->readAhead = std::move(held.readAhead);
-        connection->connected = true;
-        connection->family = _socket.GetFamily();
-        connection->port = held.port;
-        connection->capture = _capture;
-        std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
-        if (_isReady != nullptr) {
-            socket->SetTimeLimit(isOver ? 0 : _limitMs);
-        }
-        {
-            const MutexAutoLock lock(&_mutex);
-            if (_stop) {
-                return;
-            }
-            _serving = connection;
-        }
         _acceptor->AcceptSocket(socket.release());
     } catch (...) {
         LogCaught();
     }
-    const MutexAutoLock lock(&_mutex);
-    _serving.reset();
+    // From here on the connection belongs to whoever kept it, on any thread.
+    connection->isServed = false;
 }
 
 void TcpServer::Impl::ExpireHeld() {
@@ -464,12 +458,9 @@ void TcpServer::Impl::Stop() {
             return;
         }
         _stop = true;
-        _stopEvent.Cancel();
+        _stopEvent->Cancel();
         if (Thread::CurrentThread::ThreadPtr() == _thread.get()) {
             return;  // the acceptor: the loop ends when it returns
-        }
-        if (_serving != nullptr) {
-            _serving->Abort();
         }
         _running = false;
         thread = _thread.get();
