@@ -12,7 +12,7 @@
 namespace zarip::osa {
 
 /// The state of a socket. A server shares it while its acceptor serves the connection, to cancel that;
-/// everything but `cancel` belongs to the socket's user.
+/// everything but `cancel` and `aborted` belongs to the socket's user.
 struct TcpSocket::Impl {
     UniqueFd fd;
     bool connected = false;
