@@ -191,7 +191,7 @@ void TcpSocket::Close() {
 }
 
 void TcpSocket::Finish() {
-    const MonotonicMs until = NowMs() + kFinishMs;
+    const MonotonicMs until = std::min(NowMs() + kFinishMs, _impl->limit);
     char dropped[4096];
     std::size_t total = 0;
     while (total < kFinishBytes) {
