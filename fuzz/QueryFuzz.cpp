@@ -23,11 +23,12 @@ std::string Decode(std::string text) {
 }
 
 /// The rules once more, one step after the other; what is thrown.
-std::string ReadQuery(std::string query, Values& values) {
-    while (!query.empty()) {
-        const std::size_t end = query.find_first_of("&;");
-        const std::string pair = query.substr(0, end);
-        query.erase(0, end == std::string::npos ? end : end + 1);
+std::string ReadQuery(const std::string& query, Values& values) {
+    std::size_t next = 0;
+    while (next < query.size()) {
+        const std::size_t end = std::min(query.find_first_of("&;", next), query.size());
+        const std::string pair = query.substr(next, end - next);
+        next = end + 1;
         const std::size_t equals = pair.find('=');
         if (equals == std::string::npos) {
             return "BadRequest";

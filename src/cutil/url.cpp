@@ -18,20 +18,6 @@ constexpr bool IsLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-/// The values of hexadecimal digits, -1 for all other characters.
-struct HexValues {
-    constexpr HexValues() {
-        for (int c = 0; c < 256; ++c) {
-            const int letter = c | 0x20;
-            of[c] = static_cast<signed char>(c >= '0' && c <= '9'             ? c - '0'
-                                             : letter >= 'a' && letter <= 'f' ? letter - 'a' + 10
-                                                                              : -1);
-        }
-    }
-    signed char of[256] = {};
-};
-constexpr HexValues kHexValues;
-
 struct Parts {
     Text scheme, user, password, host, port, path, query;  // no data: absent
 };
@@ -160,12 +146,6 @@ void url_free(url_t* url) {
         std::free(url->storage);
         std::free(url);
     }
-}
-
-int url_byte(char high, char low) {
-    const int first = kHexValues.of[static_cast<unsigned char>(high)];
-    const int second = kHexValues.of[static_cast<unsigned char>(low)];
-    return (first | second) < 0 ? -1 : first * 16 + second;
 }
 
 int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outSize) {

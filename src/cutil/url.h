@@ -36,7 +36,25 @@ int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outS
 /// `outSize` is too small.
 int url_decode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
 
+/// The values of hexadecimal digits, -1 for all other characters.
+struct url_hex_values {
+    constexpr url_hex_values() {
+        for (int c = 0; c < 256; ++c) {
+            const int letter = c | 0x20;
+            of[c] = static_cast<signed char>(c >= '0' && c <= '9'             ? c - '0'
+                                             : letter >= 'a' && letter <= 'f' ? letter - 'a' + 10
+                                                                              : -1);
+        }
+    }
+    signed char of[256] = {};
+};
+inline constexpr url_hex_values kUrlHexValues;
+
 /// The byte that two hexadecimal digits stand for, -1 when they are none.
-int url_byte(char high, char low);
+inline int url_byte(char high, char low) {
+    const int first = kUrlHexValues.of[static_cast<unsigned char>(high)];
+    const int second = kUrlHexValues.of[static_cast<unsigned char>(low)];
+    return (first | second) < 0 ? -1 : first * 16 + second;
+}
 
 }  // namespace zarip::cutil

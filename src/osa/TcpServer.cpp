@@ -3,17 +3,17 @@
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
-#include <deque>
 #include <exception>
+#include <iterator>
 #include <list>
 #include <string>
+#include <string_view>
 
 #include "osa/Errors.h"
 #include "osa/SocketAddress.h"
@@ -37,6 +37,9 @@ constexpr std::size_t kControlSize = 15;
 constexpr MonotonicMs kControlWaitMs = 2'000;
 constexpr int kShortageWaitMs = 100;
 constexpr int kMaxAcceptedAtOnce = 16;
+constexpr std::string_view kControl = "dump ";
+constexpr std::string_view kStartCapture = "dump start\n";
+constexpr std::string_view kStopCapture = "dump stop\n";
 
 // Everything else means that accepting will not work again.
 constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,       ENOPROTOOPT,
@@ -48,6 +51,18 @@ bool IsShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EPERM;
 }
 
+/// Held connections leave half of the process's descriptors to others.
+std::size_t MaxHeld() {
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur / 2 < kMaxHeld
+               ? static_cast<std::size_t>(limit.rlim_cur / 2)
+               : kMaxHeld;
+}
+
+bool BeginsWith(std::string_view text, std::string_view begin) {
+    return text.substr(0, begin.size()) == begin;
+}
+
 UniqueFd OpenSpare() {
     return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
@@ -57,9 +72,8 @@ UniqueFd OpenSpare() {
 /// The server.
 ///
 /// The accept loop alone touches the listening socket once it runs, the connections it holds and the pseudo
-/// port. `_stop` is set once and never cleared. `_mutex` guards what `Stop` shares with the loop: the thread
-/// and the connection that the acceptor serves. It is never held while the acceptor runs or the thread is
-/// joined.
+/// port. `_stop` is set once and never cleared. `_mutex` guards the thread, which `Stop` may be called for by
+/// several; it is never held while the acceptor runs or the thread is joined.
 class TcpServer::Impl {
 public:
     Impl(const char* address, unsigned short port) : _socket(address, port) {}
@@ -78,7 +92,8 @@ private:
     /// A connection that has not said enough to be served.
     struct Held {
         UniqueFd fd;
-        MonotonicMs until;
+        unsigned short port;
+        MonotonicMs until = 0;
         std::string readAhead = {};
         bool isWatched = false;
         bool isControl = false;
@@ -91,13 +106,16 @@ private:
     bool AcceptWaiting();
     Acceptance Accept();
     void Shed(int error);
-    void Watch(int fd, std::uint32_t events, void* what);
-    bool IsHolding() const { return _isReady != nullptr || _socket.GetFamily() == AF_UNIX; }
-    void Hold(UniqueFd fd);
+    bool Watch(int fd, std::uint32_t events, void* what);
+    bool IsUnix() const { return _socket.GetFamily() == AF_UNIX; }
+    void Hold(Held accepted);
     void Look(HeldList::iterator held, bool isOver);
-    bool IsControl(int fd, const char* bytes, std::size_t length);
-    bool ReadAhead(Held& held);
+    void LogCaught();
+    void Control(Held& held, bool isStart);
     bool HasSpoken(Held& held);
+    bool ReadAhead(Held& held);
+    bool Peek(Held& held);
+    bool IsControl(Held& held, std::string_view said);
     void Serve(Held held, bool isOver);
     void ExpireHeld();
     int UntilNextExpiry() const;
@@ -107,18 +125,18 @@ private:
     core::Logger* _logger = nullptr;
     std::atomic<bool> _running{false};
     std::atomic<bool> _stop{false};
-    CancelEvent _stopEvent;
+    std::shared_ptr<CancelEvent> _stopEvent = std::make_shared<CancelEvent>();
     Semaphore _runLock{"TcpServer", 1, 1};
     Semaphore _listening{"TcpServer::listening", 1, 0};
     std::exception_ptr _startFailure;
     int _nextPort = -1;
+    std::size_t _maxHeld = kMaxHeld;
     UniqueFd _events;
     UniqueFd _spare;
     HeldList _held;  // the oldest, which expires first, in front
 
     Mutex _mutex{"TcpServer::_mutex"};
     std::unique_ptr<Thread> _thread ZARIP_GUARDED_BY(_mutex);
-    std::shared_ptr<TcpSocket::Impl> _serving ZARIP_GUARDED_BY(_mutex);
 };
 
 void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
@@ -147,15 +165,17 @@ void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsig
 void TcpServer::Impl::Run() {
     _logger = core::Logger::GetLogger("TcpServer");
     _runLock.Lock();
+    bool listens = false;
     try {
         _logger->Information("Starting TcpServer::Run");
         Listen();
-        _listening.Release();
-        Loop();
+        listens = true;
     } catch (...) {
-        // Only listening throws; it is `Start` that reports it.
-        _startFailure = std::current_exception();
-        _listening.Release();
+        _startFailure = std::current_exception();  // it is `Start` that reports it
+    }
+    _listening.Release();
+    if (listens) {
+        Loop();
     }
     _held.clear();
     _runLock.Release();
@@ -163,31 +183,33 @@ void TcpServer::Impl::Run() {
 
 void TcpServer::Impl::Listen() {
     const int fd = _socket.getHandle();
-    if (_isReady != nullptr && _socket.GetFamily() != AF_UNIX) {
-        // The kernel keeps a silent client to itself for as long as it may; failing that the loop holds it.
-        const int seconds = 3'600;
+    if (_isReady != nullptr && !IsUnix()) {
+        // Most clients speak at once, and are then accepted with what they say. The kernel keeps a silent one
+        // to itself, but not for long, since it takes a place in the backlog there: where the system has no
+        // SYN cookies, a handful would keep everybody else out. After that the loop holds it.
+        const int seconds = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof(seconds));
     }
     if (::listen(fd, _backlog) != 0) {
         throw SocketException("listen failed", SocketException::SocketGeneralError);
     }
     _events = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
-    const int stop = _stopEvent.GetFd();
+    const int stop = _stopEvent->GetFd();
     if (!_events.IsValid() || stop < 0) {
         throw SocketException("pipe failed", SocketException::SocketGeneralError);
     }
     _spare = OpenSpare();
-    Watch(stop, EPOLLIN, &_stopEvent);
-    Watch(fd, EPOLLIN, &_socket);
+    _maxHeld = MaxHeld();
+    if (!Watch(stop, EPOLLIN, _stopEvent.get()) || !Watch(fd, EPOLLIN, &_socket)) {
+        ThrowErrno("select failed");
+    }
 }
 
-void TcpServer::Impl::Watch(int fd, std::uint32_t events, void* what) {
+bool TcpServer::Impl::Watch(int fd, std::uint32_t events, void* what) {
     epoll_event event{};
     event.events = events;
     event.data.ptr = what;
-    if (::epoll_ctl(_events.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
-        ThrowErrno("select failed");
-    }
+    return ::epoll_ctl(_events.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 void TcpServer::Impl::Loop() {
@@ -200,7 +222,7 @@ void TcpServer::Impl::Loop() {
                 if (!AcceptWaiting()) {
                     return;
                 }
-            } else if (what != &_stopEvent) {
+            } else if (what != _stopEvent.get()) {
                 // One that was closed to make room since the events were fetched is not in the list any more.
                 const auto held =
                     std::find_if(_held.begin(), _held.end(), [what](const Held& h) { return &h == what; });
@@ -215,15 +237,19 @@ void TcpServer::Impl::Loop() {
 
 /// Accepts what waits, but not for ever: held connections want to be looked at as well.
 bool TcpServer::Impl::AcceptWaiting() {
-    for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
-        switch (Accept()) {
-            case kAccepted:
-                break;
-            case kNone:
-                return true;
-            case kFatal:
-                return false;
+    try {
+        for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
+            switch (Accept()) {
+                case kAccepted:
+                    break;
+                case kNone:
+                    return true;
+                case kFatal:
+                    return false;
+            }
         }
+    } catch (...) {
+        LogCaught();  // memory is short: this connection is lost, not the server
     }
     return true;
 }
@@ -246,10 +272,12 @@ TcpServer::Impl::Acceptance TcpServer::Impl::Accept() {
         _logger->Warning("accept failed with recoverable error %d, retrying accept", error);
         return kNone;
     }
-    if (IsHolding()) {
-        Hold(std::move(fd));
+    _nextPort = std::max((_nextPort + 1) % kPorts, kFirstPort);
+    Held accepted{std::move(fd), static_cast<unsigned short>(_nextPort)};
+    if (_isReady != nullptr || IsUnix()) {
+        Hold(std::move(accepted));
     } else {
-        Serve({std::move(fd), 0}, false);
+        Serve(std::move(accepted), false);
     }
     return kAccepted;
 }
@@ -265,31 +293,39 @@ void TcpServer::Impl::Shed(int error) {
     _spare = UniqueFd();
     { const UniqueFd refused(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC)); }
     _spare = OpenSpare();
-    WaitFor(-1, 0, &_stopEvent, NowMs() + kShortageWaitMs);
+    WaitFor(-1, 0, _stopEvent.get(), NowMs() + kShortageWaitMs);
 }
 
-void TcpServer::Impl::Hold(UniqueFd fd) {
-    if (_held.size() >= kMaxHeld) {
+void TcpServer::Impl::Hold(Held accepted) {
+    if (_held.size() >= _maxHeld) {
         _held.pop_front();
     }
     const MonotonicMs wait = _isReady != nullptr ? static_cast<MonotonicMs>(_limitMs) : kControlWaitMs;
-    _held.push_back({std::move(fd), NowMs() + wait});
-    const auto held = std::prev(_held.end());
-    Look(held, false);
+    accepted.until = NowMs() + wait;
+    _held.push_back(std::move(accepted));
+    Look(std::prev(_held.end()), false);
 }
 
 /// Serves a held connection that has said enough, or whose time is over.
 void TcpServer::Impl::Look(HeldList::iterator held, bool isOver) {
-    const bool isReady = _isReady != nullptr ? ReadAhead(*held) : HasSpoken(*held);
-    if (isReady && held->isControl) {
-        _held.erase(held);
-        return;
+    bool isReady = false;
+    bool isLost = false;
+    try {
+        isReady = HasSpoken(*held);
+    } catch (...) {
+        LogCaught();
+        isLost = true;
     }
-    if (!isReady && !isOver) {
-        if (!held->isWatched) {
+    if (!isLost && !isReady && !isOver) {
+        if (held->isWatched || Watch(held->fd.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, &*held)) {
             held->isWatched = true;
-            Watch(held->fd.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, &*held);
+            return;
         }
+        _logger->Error("connection dropped, it cannot be waited for: error %d", errno);
+        isLost = true;
+    }
+    if (isLost || held->isControl) {
+        _held.erase(held);
         return;
     }
     if (held->isWatched) {
@@ -298,6 +334,11 @@ void TcpServer::Impl::Look(HeldList::iterator held, bool isOver) {
     Held served = std::move(*held);
     _held.erase(held);
     Serve(std::move(served), !isReady && _isReady != nullptr);
+}
+
+/// Whether the connection has said enough to be served, or it has been a control connection.
+bool TcpServer::Impl::HasSpoken(Held& held) {
+    return _isReady != nullptr ? ReadAhead(held) : Peek(held);
 }
 
 /// Reads what has come, up to kMaxReadAhead bytes, for the one who will serve the connection.
@@ -310,36 +351,45 @@ bool TcpServer::Impl::ReadAhead(Held& held) {
             return count == 0 || (errno != EAGAIN && errno != EINTR);
         }
         held.readAhead.append(bytes, static_cast<std::size_t>(count));
-        if (held.readAhead.size() == kMaxReadAhead ||
+        if (IsControl(held, held.readAhead) || held.readAhead.size() == kMaxReadAhead ||
             _isReady(held.readAhead.data(), held.readAhead.size())) {
             return true;
         }
     }
 }
 
-/// Looks whether the peer has spoken, and whether it has said a control command, which is carried out.
-bool TcpServer::Impl::HasSpoken(Held& held) {
+/// Looks at what has come and leaves it there. A peer that has begun a control command is waited for.
+bool TcpServer::Impl::Peek(Held& held) {
     char bytes[kControlSize];
     const ssize_t peeked = ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
     if (peeked < 0) {
         return errno != EAGAIN && errno != EINTR;
     }
-    held.isControl = IsControl(held.fd.Get(), bytes, static_cast<std::size_t>(peeked));
+    const std::string_view said(bytes, static_cast<std::size_t>(peeked));
+    if (IsControl(held, said)) {
+        // Taken off the connection, so that closing it is no reset to the peer.
+        ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
+        return true;
+    }
+    return !BeginsWith(said, kControl) ||
+           !(BeginsWith(kStartCapture, said) || BeginsWith(kStopCapture, said));
+}
+
+/// Whether the peer has said a control command, which is then carried out.
+bool TcpServer::Impl::IsControl(Held& held, std::string_view said) {
+    const bool isStart = BeginsWith(said, kStartCapture);
+    if (!IsUnix() || (!isStart && !BeginsWith(said, kStopCapture))) {
+        return false;
+    }
+    held.isControl = true;
+    Control(held, isStart);
     return true;
 }
 
-bool TcpServer::Impl::IsControl(int fd, const char* bytes, std::size_t length) {
-    const std::string command(bytes, length);
-    const bool isStart = command.rfind("dump start\n", 0) == 0;
-    if (!isStart && command.rfind("dump stop\n", 0) != 0) {
-        return false;
-    }
-    // Taken off the connection, so that closing it is no reset to the peer.
-    char taken[kControlSize];
-    ::recv(fd, taken, sizeof(taken), MSG_DONTWAIT);
+void TcpServer::Impl::Control(Held& held, bool isStart) {
     ucred peer{};
     socklen_t size = sizeof(peer);
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
+    if (::getsockopt(held.fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
         (peer.uid != 0 && peer.uid != ::geteuid())) {
         _logger->Warning("packet capture: user %u is not allowed to control it", peer.uid);
     } else if (!isStart) {
@@ -350,38 +400,41 @@ bool TcpServer::Impl::IsControl(int fd, const char* bytes, std::size_t length) {
             _logger->Error("packet capture: cannot write %s", file.c_str());
         }
     }
-    return true;
 }
 
-void TcpServer::Impl::Serve(Held held, bool isOver) {
-    _nextPort = std::max((_nextPort + 1) % kPorts, kFirstPort);
+/// Within a handler: a connection that fails is no reason to end the loop.
+void TcpServer::Impl::LogCaught() {
     try {
-        auto connection = std::make_shared<TcpSocket::Impl>();
-        connection->fd = std::move(held.fd);
-        connection->readAhead = std::move(held.readAhead);
-        connection->connected = true;
-        connection->family = _socket.GetFamily();
-        connection->port = static_cast<unsigned short>(_nextPort);
-        connection->capture = _capture;
-        std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
-        if (_isReady != nullptr) {
-            socket->SetTimeLimit(isOver ? 0 : _limitMs);
-        }
-        {
-            const MutexAutoLock lock(&_mutex);
-            if (_stop) {
-                return;
-            }
-            _serving = connection;
-        }
-        _acceptor->AcceptSocket(socket.release());
+        throw;
     } catch (const std::exception& e) {
         _logger->Error("Caught exception handling incoming socket connection: %s", e.what());
     } catch (...) {
         _logger->Error("Caught exception handling incoming socket connection: unknown");
     }
-    const MutexAutoLock lock(&_mutex);
-    _serving.reset();
+}
+
+void TcpServer::Impl::Serve(Held held, bool isOver) {
+    auto connection = std::make_shared<TcpSocket::Impl>();
+    connection->fd = std::move(held.fd);
+    connection->readAhead = std::move(held.readAhead);
+    connection->connected = true;
+    connection->family = _socket.GetFamily();
+    connection->port = held.port;
+    connection->capture = _capture;
+    if (_isReady != nullptr && _limitMs != kWaitForEver) {
+        connection->limit = NowMs() + (isOver ? 0 : static_cast<MonotonicMs>(_limitMs));
+    }
+    connection->serverStop = _stopEvent;
+    connection->servedBy = ::pthread_self();
+    connection->isServed = true;
+    std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
+    try {
+        _acceptor->AcceptSocket(socket.release());
+    } catch (...) {
+        LogCaught();
+    }
+    // From here on the connection belongs to whoever kept it, on any thread.
+    connection->isServed = false;
 }
 
 void TcpServer::Impl::ExpireHeld() {
@@ -405,12 +458,9 @@ void TcpServer::Impl::Stop() {
             return;
         }
         _stop = true;
-        _stopEvent.Cancel();
+        _stopEvent->Cancel();
         if (Thread::CurrentThread::ThreadPtr() == _thread.get()) {
             return;  // the acceptor: the loop ends when it returns
-        }
-        if (_serving != nullptr) {
-            _serving->Abort();
         }
         _running = false;
         thread = _thread.get();

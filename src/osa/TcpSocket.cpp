@@ -20,7 +20,6 @@ namespace zarip::osa {
 namespace {
 
 constexpr unsigned int kPeekTimeoutSeconds = 2;
-constexpr MonotonicMs kLookForAbortMs = 200;
 constexpr int kRetryConnectMs = 10;
 constexpr MonotonicMs kFinishMs = 1'000;
 constexpr std::size_t kFinishBytes = 65'536;
@@ -192,7 +191,7 @@ void TcpSocket::Close() {
 }
 
 void TcpSocket::Finish() {
-    const MonotonicMs until = NowMs() + kFinishMs;
+    const MonotonicMs until = std::min(NowMs() + kFinishMs, _impl->limit);
     char dropped[4096];
     std::size_t total = 0;
     while (total < kFinishBytes) {
@@ -203,7 +202,8 @@ void TcpSocket::Finish() {
             }
             total += static_cast<std::size_t>(received);
         } else if (received == 0 || errno != EAGAIN || total == 0 ||
-                   WaitFor(_impl->fd.Get(), POLLIN, &_impl->cancel, until) != WaitResult::kReady) {
+                   WaitFor(_impl->fd.Get(), POLLIN, &_impl->cancel, until, _impl->GetServerStop()) !=
+                       WaitResult::kReady) {
             break;
         }
     }
@@ -249,7 +249,7 @@ unsigned int TcpSocket::Impl::Send(const iovec* parts, int count) {
     message.msg_iov = const_cast<iovec*>(parts);
     message.msg_iovlen = static_cast<std::size_t>(count);
     for (;;) {
-        if (aborted) {
+        if (IsServerStopped()) {
             Throw("Socket was closed");
         }
         const ssize_t sent = ::sendmsg(fd.Get(), &message, MSG_NOSIGNAL);
@@ -268,12 +268,7 @@ unsigned int TcpSocket::Impl::Send(const iovec* parts, int count) {
         if (errno != EAGAIN && errno != EWOULDBLOCK) {
             ThrowErrno("send failed");
         }
-        // A receiver that was cancelled may still send. Its event says nothing any more, so look for an abort
-        // now and then.
-        const bool isSpent = cancel.IsCancelled();
-        const MonotonicMs until = isSpent ? std::min(limit, NowMs() + kLookForAbortMs) : limit;
-        if (WaitFor(fd.Get(), POLLOUT, isSpent ? nullptr : &cancel, until) == WaitResult::kTimeout &&
-            NowMs() >= limit) {
+        if (WaitFor(fd.Get(), POLLOUT, GetServerStop(), limit) == WaitResult::kTimeout) {
             Throw("Timeout", SocketException::SocketTimeout);
         }
     }
@@ -322,7 +317,7 @@ unsigned int TcpSocket::Impl::Receive(void* buffer, unsigned int length, unsigne
                                       int flags) {
     MonotonicMs until = 0;
     for (bool waited = false;; waited = true) {
-        if (cancel.IsCancelled()) {
+        if (cancel.IsCancelled() || IsServerStopped()) {
             Throw("Socket was closed");
         }
         if (readAheadUsed < readAhead.size() && length > 0) {
@@ -342,7 +337,7 @@ unsigned int TcpSocket::Impl::Receive(void* buffer, unsigned int length, unsigne
         if (!waited) {
             until = EndOfWait(timeoutSeconds, limit);
         }
-        switch (WaitFor(fd.Get(), POLLIN, &cancel, until)) {
+        switch (WaitFor(fd.Get(), POLLIN, &cancel, until, GetServerStop())) {
             case WaitResult::kTimeout:
                 Throw("Timeout", SocketException::SocketTimeout);
             case WaitResult::kCancelled:

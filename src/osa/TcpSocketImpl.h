@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -11,17 +13,15 @@
 
 namespace zarip::osa {
 
-/// The state of a socket. A server shares it while its acceptor serves the connection, to cancel that;
-/// everything but `cancel` belongs to the socket's user.
+/// The state of a socket. Everything but `cancel` and `isServed` belongs to the socket's user.
 struct TcpSocket::Impl {
     UniqueFd fd;
     bool connected = false;
     unsigned short family = 0;
     unsigned short port = 0;
     std::string address;
-    /// Ends receiving; `abort` ends sending as well.
+    /// Ends receiving.
     CancelEvent cancel;
-    std::atomic<bool> aborted{false};
     MonotonicMs limit = kNever;
     /// Read by the server while it held the connection; received first.
     std::string readAhead;
@@ -29,9 +29,18 @@ struct TcpSocket::Impl {
     /// Set for the connections of a server.
     std::shared_ptr<PacketCapture> capture;
 
-    void Abort() {
-        aborted = true;
-        cancel.Cancel();
+    /// The stop of the server whose acceptor serves this connection. It ends what that thread does here; a
+    /// connection that was handed to another thread lives on.
+    std::shared_ptr<CancelEvent> serverStop;
+    pthread_t servedBy{};
+    std::atomic<bool> isServed{false};
+
+    CancelEvent* GetServerStop() const {
+        return isServed && ::pthread_equal(servedBy, ::pthread_self()) != 0 ? serverStop.get() : nullptr;
+    }
+    bool IsServerStopped() const {
+        const CancelEvent* const stop = GetServerStop();
+        return stop != nullptr && stop->IsCancelled();
     }
 
     unsigned int TakeReadAhead(void* buffer, unsigned int length, bool isPeek);

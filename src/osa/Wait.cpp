@@ -54,21 +54,32 @@ MonotonicMs NowMs() {
     return static_cast<MonotonicMs>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
-WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until) {
-    pollfd descriptors[2] = {{fd, events, 0}, {cancel != nullptr ? cancel->GetFd() : -1, POLLIN, 0}};
+WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until, CancelEvent* other) {
+    CancelEvent* const cancels[] = {cancel, other};
+    pollfd descriptors[] = {{fd, events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
+    bool looksAgain = false;
+    for (int i = 0; i < 2; ++i) {
+        if (cancels[i] != nullptr) {
+            descriptors[i + 1].fd = cancels[i]->GetFd();
+            looksAgain = looksAgain || descriptors[i + 1].fd < 0;
+        }
+    }
     for (;;) {
-        if (cancel != nullptr && cancel->IsCancelled()) {
-            return WaitResult::kCancelled;
+        for (const CancelEvent* const event : cancels) {
+            if (event != nullptr && event->IsCancelled()) {
+                return WaitResult::kCancelled;
+            }
         }
         MonotonicMs wait = until == kNever ? 0x7FFFFFFF : std::max<MonotonicMs>(until - NowMs(), 0);
-        if (cancel != nullptr && descriptors[1].fd < 0) {
+        if (looksAgain) {
             wait = std::min(wait, kLookAgainMs);
         }
-        const int ready = ::poll(descriptors, 2, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
+        const int ready = ::poll(descriptors, 3, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
         if (ready < 0 && errno != EINTR) {
             ThrowErrno("select failed");
         }
-        if (ready > 0 && descriptors[1].revents == 0) {
+        if (ready > 0 && descriptors[0].revents != 0 && descriptors[1].revents == 0 &&
+            descriptors[2].revents == 0) {
             return WaitResult::kReady;
         }
         if (ready == 0 && until != kNever && NowMs() >= until) {

@@ -34,8 +34,10 @@ MonotonicMs NowMs();
 
 enum class WaitResult { kReady, kTimeout, kCancelled };
 
-/// Waits until the descriptor is ready for `events` (of poll), the event is cancelled or the time has come. A
-/// signal does not end the wait. Throws SocketException "select failed: ...".
-WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until);
+/// Waits until the descriptor is ready for `events` (of poll), one of the events is cancelled or the time has
+/// come. A signal does not end the wait. Either event may be null. Throws SocketException "select failed:
+/// ...".
+WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until,
+                   CancelEvent* other = nullptr);
 
 }  // namespace zarip::osa

@@ -24,6 +24,7 @@
 #include <zarip/core/SyslogAppender.h>
 #include <zarip/osa/Exception.h>
 
+#include "support/ErrorOf.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -77,6 +78,8 @@ void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
 namespace zarip::core {
 namespace {
 
+using test::ErrorOf;
+
 using test::TempDir;
 
 void Append(const ILogAppender& appender, int level, const char* thread, const char* logger,
@@ -87,16 +90,6 @@ void Append(const ILogAppender& appender, int level, const char* thread, const c
     va_start(args, format);
     appender.AppendV(static_cast<Logger::LogLevel>(level), thread, logger, format, args);
     va_end(args);
-}
-
-template <class Action>
-std::string MessageOf(Action action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.what();
-    }
-    return "nothing was thrown";
 }
 
 TEST(FileAppenderTest, RecordsAreWholeLines) {
@@ -167,9 +160,9 @@ TEST(FileAppenderTest, FormatsAsPrintfDoes) {
 
 TEST(FileAppenderTest, OwnedStreamsAreClosedAndOthersStay) {
     const TempDir folder;
-    EXPECT_EQ(MessageOf([&] { FileAppender(folder.File("no/log").c_str()); }),
+    EXPECT_EQ(ErrorOf([&] { FileAppender(folder.File("no/log").c_str()); }),
               "Failed to open file " + folder.File("no/log") + "for modea");
-    EXPECT_EQ(MessageOf([] { FileAppender(nullptr, true); }), "pFile must not be NULL");
+    EXPECT_EQ(ErrorOf([] { FileAppender(nullptr, true); }), "pFile must not be NULL");
 
     FILE* const file = std::fopen(folder.File("log").c_str(), "w");
     ASSERT_NE(file, nullptr);

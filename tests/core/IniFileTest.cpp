@@ -16,24 +16,17 @@
 #include <zarip/core/IniFile.h>
 #include <zarip/osa/Exception.h>
 
+#include "support/ErrorOf.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
 
 namespace zarip::core {
 namespace {
 
+using test::ErrorOf;
+
 using test::TempDir;
 using Group = IniFile::Group;
-
-template <class Action>
-std::string MessageOf(Action action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.what();
-    }
-    return "nothing was thrown";
-}
 
 IniFile FromString(const std::string& text) {
     IniFile ini;
@@ -97,7 +90,7 @@ TEST(IniFileTest, LoadingAddsToWhatIsThere) {
     ini.Load(folder.Write("b", "[g]\ny = 3\nz = 4\n").c_str());
     EXPECT_EQ(ini["g"], (Group{{"x", "1"}, {"y", "3"}, {"z", "4"}}));
     for (const std::string& path : {folder.File("missing"), folder.Path()}) {
-        EXPECT_EQ(MessageOf([&] { ini.Load(path.c_str()); }), "Couldn't open file " + path + " for reading");
+        EXPECT_EQ(ErrorOf([&] { ini.Load(path.c_str()); }), "Couldn't open file " + path + " for reading");
     }
 }
 
@@ -190,11 +183,11 @@ TEST(IniFileTest, FailedSaveKeepsTheOldFile) {
     };
     IniFile ini = FromString("a = 1\n");
     for (const std::string& bad : {folder.File("no/file"), folder.Path(), std::string()}) {
-        EXPECT_EQ(MessageOf([&] { ini.Save(bad.c_str()); }), "Couldn't open file " + bad + " for writing");
+        EXPECT_EQ(ErrorOf([&] { ini.Save(bad.c_str()); }), "Couldn't open file " + bad + " for writing");
     }
     {
         const test::FileSizeLimit limit(4);
-        EXPECT_EQ(MessageOf([&] { ini.Save(path.c_str()); }), "Couldn't write file " + path);
+        EXPECT_EQ(ErrorOf([&] { ini.Save(path.c_str()); }), "Couldn't write file " + path);
     }
     expectUntouched();
 
@@ -211,9 +204,9 @@ TEST(IniFileTest, FailedSaveKeepsTheOldFile) {
         forged.SetValue(row.group, row.key, row.value);
         const std::string message = std::string("IniFile: line feed in a ") + row.what;
         std::ostringstream stream;
-        EXPECT_EQ(MessageOf([&] { forged.Save(path.c_str()); }), message);
-        EXPECT_EQ(MessageOf([&] { forged.SaveToStream(stream); }), message);
-        EXPECT_EQ(MessageOf([&] { forged.SaveGroupToStream(stream, row.group); }), message);
+        EXPECT_EQ(ErrorOf([&] { forged.Save(path.c_str()); }), message);
+        EXPECT_EQ(ErrorOf([&] { forged.SaveToStream(stream); }), message);
+        EXPECT_EQ(ErrorOf([&] { forged.SaveGroupToStream(stream, row.group); }), message);
         EXPECT_EQ(stream.str(), "");
     }
     expectUntouched();
@@ -229,16 +222,16 @@ TEST(IniFileTest, SaveIntoAFolderThatCannotBeWritten) {
     if (self == 0 && ::seteuid(65534) != 0) {
         GTEST_SKIP() << "cannot become another user";
     }
-    const std::string message = MessageOf([&] { FromString("a = 1\n").Save(path.c_str()); });
+    const std::string message = ErrorOf([&] { FromString("a = 1\n").Save(path.c_str()); });
     std::string cut;
     {
         const test::FileSizeLimit limit(4);
-        cut = MessageOf([&] { FromString("b = 1\n").Save(path.c_str()); });
+        cut = ErrorOf([&] { FromString("b = 1\n").Save(path.c_str()); });
     }
-    const std::string other = MessageOf([&] { IniFile().Save(folder.File("other").c_str()); });
+    const std::string other = ErrorOf([&] { IniFile().Save(folder.File("other").c_str()); });
     ::chmod(path.c_str(), 0444);
     EXPECT_EQ(::seteuid(self), 0);
-    EXPECT_EQ(message, "nothing was thrown");
+    EXPECT_EQ(message, "no exception");
     EXPECT_EQ(cut, "Couldn't write file " + path);
     EXPECT_EQ(folder.Read("file"), "b = ");
     EXPECT_EQ(other, "Couldn't open file " + folder.File("other") + " for writing");
@@ -249,8 +242,7 @@ TEST(IniFileTest, SaveIntoAFolderThatCannotBeWritten) {
     if (self == 0 && ::seteuid(65534) != 0) {
         GTEST_SKIP() << "cannot become another user";
     }
-    EXPECT_EQ(MessageOf([&] { IniFile().Save(path.c_str()); }),
-              "Couldn't open file " + path + " for writing");
+    EXPECT_EQ(ErrorOf([&] { IniFile().Save(path.c_str()); }), "Couldn't open file " + path + " for writing");
     EXPECT_EQ(::seteuid(self), 0);
     EXPECT_EQ(folder.Read("file"), "b = ");
 }
@@ -303,10 +295,10 @@ TEST(IniFileTest, ValuesAreFoundOrNot) {
     EXPECT_EQ(ini.GetValueOrDefault("x", "k", "other"), "other");
     EXPECT_EQ(ini.GetValueOrDefault("g", "k", "other"), "v");
     EXPECT_EQ(IniFile::GetValueFromGroup(ini["g"], "k"), "v");
-    EXPECT_EQ(MessageOf([&] { ini["x"]; }), "no group x exists in IniFile");
-    EXPECT_EQ(MessageOf([&] { ini.GetValue("x", "k"); }), "no group x exists in IniFile");
-    EXPECT_EQ(MessageOf([&] { ini.GetValue("g", "x"); }), "no value x exists in group g");
-    EXPECT_EQ(MessageOf([&] { IniFile::GetValueFromGroup(ini["g"], "x"); }), "no value x exists in group");
+    EXPECT_EQ(ErrorOf([&] { ini["x"]; }), "no group x exists in IniFile");
+    EXPECT_EQ(ErrorOf([&] { ini.GetValue("x", "k"); }), "no group x exists in IniFile");
+    EXPECT_EQ(ErrorOf([&] { ini.GetValue("g", "x"); }), "no value x exists in group g");
+    EXPECT_EQ(ErrorOf([&] { IniFile::GetValueFromGroup(ini["g"], "x"); }), "no value x exists in group");
     EXPECT_FALSE(ini.HasGroup("x"));
 }
 
@@ -351,7 +343,7 @@ TEST(IniFileTest, TypedValues) {
                 if (expected != nullptr) {
                     EXPECT_EQ(getter(), expected) << row.text;
                 } else {
-                    EXPECT_EQ(MessageOf(getter), std::string("value k must be a valid ") + type) << row.text;
+                    EXPECT_EQ(ErrorOf(getter), std::string("value k must be a valid ") + type) << row.text;
                 }
             }
         };
@@ -385,9 +377,9 @@ TEST(IniFileTest, TypedValues) {
     EXPECT_EQ(IniFile::GetDoubleOrDefaultFromGroup(group, "x", 1.5), 1.5);
     EXPECT_TRUE(ini.GetBoolOrDefault("x", "k", true));
     EXPECT_TRUE(IniFile::GetBoolOrDefaultFromGroup(group, "x", true));
-    EXPECT_EQ(MessageOf([&] { ini.GetInt("x", "k"); }), "no group x exists in IniFile");
-    EXPECT_EQ(MessageOf([&] { ini.GetBool("g", "x"); }), "no value x exists in group g");
-    EXPECT_EQ(MessageOf([&] { IniFile::GetDoubleFromGroup(group, "x"); }), "no value x exists in group");
+    EXPECT_EQ(ErrorOf([&] { ini.GetInt("x", "k"); }), "no group x exists in IniFile");
+    EXPECT_EQ(ErrorOf([&] { ini.GetBool("g", "x"); }), "no value x exists in group g");
+    EXPECT_EQ(ErrorOf([&] { IniFile::GetDoubleFromGroup(group, "x"); }), "no value x exists in group");
 }
 
 // Files are the same whatever locale the process has chosen.
@@ -475,10 +467,10 @@ TEST(IniFileTest, GroupsAreNumbered) {
     EXPECT_EQ(IniFile::GetGroupIndexStr("camera#"), "");
     EXPECT_EQ(IniFile::GetGroupIndex("camera#2"), 2);
     EXPECT_EQ(IniFile::GetGroupIndex("a#b# -3"), -3);
-    EXPECT_EQ(MessageOf([] { IniFile::GetGroupIndex("camera"); }),
+    EXPECT_EQ(ErrorOf([] { IniFile::GetGroupIndex("camera"); }),
               "Group name camera does not contain a '#' character");
-    EXPECT_EQ(MessageOf([] { IniFile::GetGroupIndex("camera#x"); }), "Group index x is not a valid integer");
-    EXPECT_EQ(MessageOf([] { IniFile::GetGroupIndex("camera#"); }), "Group index  is not a valid integer");
+    EXPECT_EQ(ErrorOf([] { IniFile::GetGroupIndex("camera#x"); }), "Group index x is not a valid integer");
+    EXPECT_EQ(ErrorOf([] { IniFile::GetGroupIndex("camera#"); }), "Group index  is not a valid integer");
 }
 
 }  // namespace

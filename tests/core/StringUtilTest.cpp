@@ -13,24 +13,17 @@
 #include <zarip/core/StringUtil.h>
 #include <zarip/osa/Exception.h>
 
+#include "support/ErrorOf.h"
 #include "support/TempDir.h"
 
 namespace zarip::core {
 namespace {
 
+using test::ErrorOf;
+
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
 using TextSet = std::set<std::string>;
-
-template <class Action>
-std::string MessageOf(Action action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.what();
-    }
-    return "nothing was thrown";
-}
 
 /// The text after an operation that changes it in place.
 template <class Operation, class... Arguments>
@@ -58,7 +51,7 @@ TEST(StringUtilTest, StripCutsWhiteSpace) {
     EXPECT_EQ(StringUtil::Strip(" a \0 b"s, 0, UINT_MAX), "a");
     EXPECT_EQ(StringUtil::Strip("four", 4, 1), "");
     EXPECT_EQ(StringUtil::Strip("\xA0x\x85", 0, 3), "\xA0x\x85");  // no white space, and no negative index
-    EXPECT_EQ(MessageOf([] { StringUtil::Strip("four", 5, 1); }), "StringUtil::Strip: pos out of range");
+    EXPECT_EQ(ErrorOf([] { StringUtil::Strip("four", 5, 1); }), "StringUtil::Strip: pos out of range");
 
     EXPECT_EQ(StringUtil::Strip("<a> x <b> y </a>", "<a>", "</a>"), "x <b> y");
     EXPECT_EQ(StringUtil::Strip("end x start y end z", "start", "end"), "y");
@@ -223,7 +216,7 @@ TEST(StringUtilTest, ReadsStreamsAndFiles) {
     EXPECT_EQ(StringUtil::ReadTextFile(folder.Write("file", content)), content);
     EXPECT_EQ(StringUtil::ReadTextFile(folder.Write("empty", "")), "");
     for (const std::string& path : {folder.File("missing"), folder.Path()}) {
-        EXPECT_EQ(MessageOf([&] { StringUtil::ReadTextFile(path); }), "File '" + path + "' does not exist");
+        EXPECT_EQ(ErrorOf([&] { StringUtil::ReadTextFile(path); }), "File '" + path + "' does not exist");
     }
     std::istringstream stream("first line\n" + content);
     std::string line;

@@ -11,21 +11,15 @@
 #include "zarip/msgbus/MsgBusSignal.h"
 #include "zarip/osa/Exception.h"
 
+#include "support/ErrorOf.h"
+
 namespace zarip::msgbus {
 namespace {
 
+using test::ErrorOf;
+
 using std::string;
 using std::vector;
-
-template <class Action>
-string ErrorOf(Action action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.ToString();
-    }
-    return "no exception";
-}
 
 MsgBusMsg Call() {
     return MsgBusMsg(MsgBusMsg::kMethodCall);

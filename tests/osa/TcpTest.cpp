@@ -374,17 +374,12 @@ TEST(TcpServer, AConnectionOutlivesItsServer) {
 }
 
 TEST(TcpServer, TellsWhyItCannotListen) {
-    TcpServer first("127.0.0.1", 0);
+    // SO_REUSEADDR lets both bind while none listens; then one of them is too late.
     Keeper keeper;
+    TcpServer first("127.0.0.1", 0);
+    TcpServer second("127.0.0.1", first.GetLocalPort());
     first.Start(&keeper, 1);
-    // SO_REUSEADDR lets the second bind while the first does not listen yet; then one of them is too late.
-    TcpServer second("0.0.0.0", 0);
-    second.Start(&keeper, 1);
-    const TcpSocket bound("127.0.0.1", 0);
-    TcpServer late("127.0.0.1", bound.GetLocalPort());
-    TcpServer later("127.0.0.1", bound.GetLocalPort());
-    late.Start(&keeper, 1);
-    EXPECT_EQ(OutcomeOf([&] { later.Start(&keeper, 1); }),
+    EXPECT_EQ(OutcomeOf([&] { second.Start(&keeper, 1); }),
               (Outcome{"listen failed", SocketException::SocketGeneralError}));
 }
 
@@ -488,32 +483,43 @@ TEST_F(CaptureTest, AControlConnectionStartsAndStopsIt) {
     TcpServer server(_name.c_str(), 0);
     Acceptor acceptor(Echo);
     server.Start(&acceptor, 5);
-    Control("dump start\n");
-    string header = ReadFile(_file);
-    ASSERT_EQ(header.size(), 24U);
-    EXPECT_EQ(header, string("\xD4\xC3\xB2\xA1\x02\0\x04\0\0\0\0\0\0\0\0\0\xFF\xFF\0\0\x01\0\0\0", 24));
-    EXPECT_EQ(acceptor._served, 0);
+    TcpSocket control;
+    control.Connect(_name.c_str(), 0, 10);
+    control.SendAll("dump ", 5);
+    char buffer[4];
+    {
+        // Served behind the half command, which so has been looked at.
+        TcpSocket other;
+        other.Connect(_name.c_str(), 0, 10);
+        other.SendAll("x", 1);
+        ASSERT_EQ(other.Recv(buffer, 1, 10), 1U);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return acceptor._served == 1; }));
+    control.SendAll("start\n", 6);
+    EXPECT_EQ(control.Recv(buffer, 1, 10), 0U);
+    EXPECT_EQ(ReadFile(_file),
+              string("\xD4\xC3\xB2\xA1\x02\0\x04\0\0\0\0\0\0\0\0\0\xFF\xFF\0\0\x01\0\0\0", 24));
 
     TcpSocket client;
     client.Connect(_name.c_str(), 0, 10);
     client.SendAll("ab", 2);
-    char buffer[4];
     ASSERT_EQ(client.Recv(buffer, 2, 10), 2U);
     client.Close();
-    ASSERT_TRUE(WaitUntil([&] { return acceptor._served == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return acceptor._served == 2; }));
     Control("dump stop\n");
     const string capture = ReadFile(_file);
     ASSERT_EQ(capture.size(), 24U + 2 * 80U);
     const string received = capture.substr(24 + 8, 72);
-    const unsigned int sum = 24'930 + 1'024 + 17 + 20;
+    // The third connection: the one that started the capture has a pseudo port as well.
+    const unsigned int sum = 24'930 + 1'026 + 17 + 20;
     string expected("\x40\0\0\0\x40\0\0\0", 8);
     expected += string(12, '\0') + string("\x08\0\x60\0\0\0\0\x0A\x11\x40", 10) + string(32, '\0');
-    expected += string("\x04\0\0\0\0\x0A", 6);
+    expected += string("\x04\x02\0\0\0\x0A", 6);
     expected += static_cast<char>((~sum >> 8) & 0xFF);
     expected += static_cast<char>(~sum & 0xFF);
     expected += "ab";
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(capture.substr(24 + 80 + 70, 4), string("\0\0\x04\0", 4));
+    EXPECT_EQ(capture.substr(24 + 80 + 70, 4), string("\0\0\x04\x02", 4));
 
     server.DumpPacket(1, 2, "x", 1);
     EXPECT_EQ(ReadFile(_file).size(), capture.size());
@@ -587,8 +593,10 @@ TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
     Acceptor acceptor([&](TcpSocket& socket) {
         char buffer[64];
         try {
-            while (socket.Recv(buffer, sizeof(buffer), 10) > 0 &&
-                   std::memchr(buffer, '\n', sizeof(buffer)) == nullptr) {
+            while (const unsigned int count = socket.Recv(buffer, sizeof(buffer), 10)) {
+                if (HasLine(buffer, count)) {
+                    break;
+                }
             }
             socket.SendAll("served", 6);
         } catch (const SocketException& e) {
@@ -612,6 +620,28 @@ TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
     EXPECT_EQ(ReceiveAll(*dribbling[0]), "served");
     EXPECT_TRUE(WaitUntil([&] { return timeouts == 19; }));
     dribbling.clear();
+}
+
+TEST(TcpServer, HeldConnectionsLeaveDescriptorsToOthers) {
+    TcpServer server("127.0.0.1", 0);
+    Acceptor acceptor(Echo);
+    server.HoldConnections(&HasLine, 10'000);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit few = {80, limit.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    server.Start(&acceptor, 100);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    std::vector<std::unique_ptr<TcpSocket>> clients;
+    for (int i = 0; i < 41; ++i) {
+        clients.push_back(std::make_unique<TcpSocket>());
+        clients.back()->Connect("127.0.0.1", server.GetLocalPort(), 10);
+        clients.back()->SendAll("half", 4);
+    }
+    EXPECT_EQ(ReceiveAll(*clients[0]), "");  // the oldest has made room
+    clients[1]->SendAll("line\n", 5);
+    clients[1]->ShutdownSend();
+    EXPECT_EQ(ReceiveAll(*clients[1]), "halfline\n");
 }
 
 TEST(TcpSocketStream, ReadsAndWritesLinesAndKeepsTheByte255) {

@@ -4,13 +4,13 @@
 #include <memory>
 #include <string>
 
+#include "support/ErrorOf.h"
 #include "zarip/msgbus/IMessageHandler.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/msgbus/MsgBusMsgArgumentReader.h"
 #include "zarip/msgbus/MsgBusRemoteMethod.h"
 #include "zarip/msgbus/MsgBusSignal.h"
-#include "zarip/osa/Exception.h"
 
 namespace zarip::test {
 
@@ -55,17 +55,6 @@ inline std::string Ask(msgbus::IMsgBus& bus, const msgbus::MsgBusObjectSelector&
     std::string result;
     *reply >> result;
     return result;
-}
-
-/// The message of the exception that an action throws.
-template <class Action>
-std::string ErrorOf(Action action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.ToString();
-    }
-    return "no exception";
 }
 
 }  // namespace zarip::test

@@ -33,7 +33,8 @@ public:
     void AddHandler(const std::string& pattern, IHttpHandler* handler);
     void RemoveHandler(IHttpHandler* handler);
 
-    /// The time in seconds, 30 at first, that a connection may take in all. Before `StartServerThread`.
+    /// The time in seconds, 30 at first, that a client may take for its header, and again for the rest of its
+    /// request and for taking the answer. Before `StartServerThread`.
     void SetTimeLimit(unsigned int seconds);
 
     /// Starts serving; returns once the server listens. Throws `osa::SocketException` "listen failed".

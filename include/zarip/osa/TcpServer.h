@@ -16,7 +16,7 @@ class PacketCapture;
 /// A unix-domain server understands two control connections: one that begins with "dump start\n" starts a
 /// packet capture of all traffic of the server's connections into "/tmp/<last part of its name>.pcap", "dump
 /// stop\n" ends it. Only root and the server's own user may do that. A new connection of such a server is
-/// looked at for at most 2 seconds before it is handed on; meanwhile others are served.
+/// looked at for at most 2 seconds, until it speaks, before it is handed on; meanwhile others are served.
 ///
 /// *Thread-safe.* Started and stopped once; a stopped server is not started again. Failures throw
 /// `SocketException`.
@@ -51,7 +51,8 @@ public:
 
     /// Keeps new connections back, where they cost no thread, until `isReady`, 4,095 bytes have come, or the
     /// peer has closed. One that takes longer than the limit is handed on with its time used up. At most
-    /// 1,000 are kept, beyond that the oldest is closed. Before `Start`.
+    /// 1,000 are kept, and no more than half the descriptors that the process may open; beyond that the
+    /// oldest is closed. Before `Start`.
     /// @param limitMs  milliseconds, also the time limit of a connection once it is handed on
     /// (`TcpSocket::SetTimeLimit`).
     void HoldConnections(ReadyTest isReady, unsigned int limitMs);

@@ -46,8 +46,7 @@ public:
     virtual ~TcpSocket();
 
     /// Tries each address that the host stands for. Throws "Timeout: Failed to establish connection to
-    /// <host>:<port>"
-    /// (`SocketTimeout`) when the last does not answer in time or refuses.
+    /// <host>:<port>" (`SocketTimeout`) when the last does not answer in time or refuses.
     void Connect(const char* host, unsigned short port, unsigned int timeoutSeconds);
 
     /// Sends once and returns how many bytes went, which may be fewer than asked; waits while the peer takes
@@ -75,8 +74,8 @@ public:
     void ShutdownSend();
 
     /// Closes so that the peer gets all that was sent: what it still sends meanwhile is dropped, up to 64 KiB
-    /// or for a second. Closing with something left to receive would reset the connection and cost the peer
-    /// the end of the answer.
+    /// or for a second, within the time limit. Closing with something left to receive would reset the
+    /// connection and cost the peer the end of the answer.
     void Finish();
 
     /// May be called twice.
