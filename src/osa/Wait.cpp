@@ -55,24 +55,37 @@ MonotonicMs NowMs() {
 }
 
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until) {
-    pollfd descriptors[2] = {{fd, events, 0}, {cancel != nullptr ? cancel->GetFd() : -1, POLLIN, 0}};
+    WaitResult result{};
+    if (!WaitForEither(fd, -1, events, cancel, until, result)) {
+        ThrowErrno("select failed");
+    }
+    return result;
+}
+
+bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
+                   WaitResult& result) {
+    pollfd descriptors[] = {
+        {cancel != nullptr ? cancel->GetFd() : -1, POLLIN, 0}, {first, events, 0}, {second, events, 0}};
     for (;;) {
         if (cancel != nullptr && cancel->IsCancelled()) {
-            return WaitResult::kCancelled;
+            result = WaitResult::kCancelled;
+            return true;
         }
         MonotonicMs wait = until == kNever ? 0x7FFFFFFF : std::max<MonotonicMs>(until - NowMs(), 0);
-        if (cancel != nullptr && descriptors[1].fd < 0) {
+        if (cancel != nullptr && descriptors[0].fd < 0) {
             wait = std::min(wait, kLookAgainMs);
         }
-        const int ready = ::poll(descriptors, 2, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
+        const int ready = ::poll(descriptors, 3, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
         if (ready < 0 && errno != EINTR) {
-            ThrowErrno("select failed");
+            return false;
         }
-        if (ready > 0 && descriptors[1].revents == 0) {
-            return WaitResult::kReady;
+        if (ready > 0 && descriptors[0].revents == 0) {
+            result = WaitResult::kReady;
+            return true;
         }
         if (ready == 0 && until != kNever && NowMs() >= until) {
-            return WaitResult::kTimeout;
+            result = WaitResult::kTimeout;
+            return true;
         }
     }
 }

@@ -38,4 +38,9 @@ enum class WaitResult { kReady, kTimeout, kCancelled };
 /// signal does not end the wait. Throws SocketException "select failed: ...".
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until);
 
+/// The same for the first of two descriptors, either of which may be -1. False, with errno, when waiting
+/// fails.
+bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
+                   WaitResult& result);
+
 }  // namespace zarip::osa
