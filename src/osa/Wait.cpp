@@ -54,38 +54,58 @@ MonotonicMs NowMs() {
     return static_cast<MonotonicMs>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
-WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until, CancelEvent* other) {
-    CancelEvent* const cancels[] = {cancel, other};
-    pollfd descriptors[] = {{fd, events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
+namespace {
+
+/// Waits for one of two descriptors; false with errno when the system refuses.
+bool Wait(const int (&fds)[2], short events, CancelEvent* const (&cancels)[2], MonotonicMs until,
+          WaitResult& result) {
+    pollfd descriptors[] = {{fds[0], events, 0}, {fds[1], events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
     bool looksAgain = false;
     for (int i = 0; i < 2; ++i) {
         if (cancels[i] != nullptr) {
-            descriptors[i + 1].fd = cancels[i]->GetFd();
-            looksAgain = looksAgain || descriptors[i + 1].fd < 0;
+            descriptors[i + 2].fd = cancels[i]->GetFd();
+            looksAgain = looksAgain || descriptors[i + 2].fd < 0;
         }
     }
     for (;;) {
         for (const CancelEvent* const event : cancels) {
             if (event != nullptr && event->IsCancelled()) {
-                return WaitResult::kCancelled;
+                result = WaitResult::kCancelled;
+                return true;
             }
         }
         MonotonicMs wait = until == kNever ? 0x7FFFFFFF : std::max<MonotonicMs>(until - NowMs(), 0);
         if (looksAgain) {
             wait = std::min(wait, kLookAgainMs);
         }
-        const int ready = ::poll(descriptors, 3, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
+        const int ready = ::poll(descriptors, 4, static_cast<int>(std::min<MonotonicMs>(wait, 0x7FFFFFFF)));
         if (ready < 0 && errno != EINTR) {
-            ThrowErrno("select failed");
+            return false;
         }
-        if (ready > 0 && descriptors[0].revents != 0 && descriptors[1].revents == 0 &&
-            descriptors[2].revents == 0) {
-            return WaitResult::kReady;
+        if (ready > 0 && descriptors[2].revents == 0 && descriptors[3].revents == 0) {
+            result = WaitResult::kReady;
+            return true;
         }
         if (ready == 0 && until != kNever && NowMs() >= until) {
-            return WaitResult::kTimeout;
+            result = WaitResult::kTimeout;
+            return true;
         }
     }
+}
+
+}  // namespace
+
+WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until, CancelEvent* other) {
+    WaitResult result{};
+    if (!Wait({fd, -1}, events, {cancel, other}, until, result)) {
+        ThrowErrno("select failed");
+    }
+    return result;
+}
+
+bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
+                   WaitResult& result) {
+    return Wait({first, second}, events, {cancel, nullptr}, until, result);
 }
 
 }  // namespace zarip::osa

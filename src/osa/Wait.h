@@ -40,4 +40,9 @@ enum class WaitResult { kReady, kTimeout, kCancelled };
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until,
                    CancelEvent* other = nullptr);
 
+/// The same for the first of two descriptors, either of which may be -1. False, with errno, when waiting
+/// fails.
+bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
+                   WaitResult& result);
+
 }  // namespace zarip::osa

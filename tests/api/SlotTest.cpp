@@ -17,6 +17,7 @@
 #include <zarip/osa/Runnable.h>
 #include <zarip/osa/Signal.h>
 #include <zarip/osa/SocketException.h>
+#include <zarip/osa/UdpServer.h>
 
 #include <gtest/gtest.h>
 
@@ -64,6 +65,7 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
     using Appender = core::ILogAppender;
     using Bus = msgbus::IMsgBus;
     using Security = interfaces::ISecurityProvider;
+    using Udp = osa::UdpServer;
     const Interface interfaces[] = {
         Table("Exception", 2, &osa::Exception::what),
         Table("IOException", 2, &osa::IOException::what),
@@ -71,6 +73,9 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
         Table("SocketException", 2, &osa::SocketException::what),
         Table("Signal", 2, &osa::Signal::what),
         Table("Runnable", 2, &osa::Runnable::Run, &osa::Runnable::Stop),
+        Table("UdpServer", 2, &Udp::Run, &Udp::Stop,
+              static_cast<void (Udp::*)(osa::IUdpBufferAccept*, unsigned int, signed char)>(&Udp::Start),
+              static_cast<void (Udp::*)(osa::IUdpBufferAccept*)>(&Udp::Start)),
         Table("ILogAppender", 0, &Appender::AppendV),
         Table("IMsgBus", 2, &Bus::SendMsg, &Bus::SendMsgWaitForReply, &Bus::SendReply,
               static_cast<void (Bus::*)()>(&Bus::StartServer),

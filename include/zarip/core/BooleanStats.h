@@ -1,0 +1,15 @@
+#pragma once
+
+#include <zarip/core/Statistics.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::core {
+
+/// Statistics of values that are 0 or 1: the sum counts those that hold. *One thread at a time.*
+class ZARIP_EXPORT BooleanStats : public Statistics {
+public:
+    explicit BooleanStats(unsigned int capacity);
+    ~BooleanStats() override;
+};
+
+}  // namespace zarip::core

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <zarip/core/Statistics.h>
+#include <zarip/core/Stopwatch.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::core {
+
+/// Statistics of how often something happens, in pulses per second. *One thread at a time.*
+class ZARIP_EXPORT FrequencyStats : public Statistics {
+public:
+    explicit FrequencyStats(unsigned int capacity);
+    ~FrequencyStats() override;
+
+    /// Tells of a pulse; from the second on each adds a million divided by the microseconds since the one
+    /// before, without fraction: 0 for pulses more than a second apart, 1,000,000 for two at the same time.
+    void Pulse();
+
+private:
+    bool _started = false;
+    Stopwatch _stopwatch;
+};
+
+}  // namespace zarip::core

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <zarip/osa/Export.h>
+#include <zarip/osa/UdpSocket.h>
+
+namespace zarip::osa {
+
+/// Receives the datagrams of a `UdpServer`.
+class ZARIP_EXPORT IUdpBufferAccept {
+public:
+    virtual ~IUdpBufferAccept() = default;
+
+    /// *Called on UdpSocketThread* or *MulticastSocketThread*, one datagram at a time, with the mutex held
+    /// that belongs to the receive loop alone. What it throws is logged.
+    /// @param buffer  *not owned*, valid during the call.
+    /// @param length  in bytes; 0 for an empty datagram.
+    virtual void AcceptBuffer(const unsigned char* buffer, unsigned int length,
+                              const UdpSocket::Info& info) = 0;
+};
+
+}  // namespace zarip::osa

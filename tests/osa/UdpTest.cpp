@@ -1,0 +1,576 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <netinet/in.h>
+#include <netinet/udp.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <random>
+#include <thread>
+
+#include "support/LogCapture.h"
+#include "support/WaitUntil.h"
+#include "zarip/core/Delegate.h"
+#include "zarip/osa/IUdpBufferAccept.h"
+#include "zarip/osa/MulticastServer.h"
+#include "zarip/osa/Mutex.h"
+#include "zarip/osa/MutexAutoLock.h"
+#include "zarip/osa/Semaphore.h"
+#include "zarip/osa/SocketException.h"
+#include "zarip/osa/UdpSocket.h"
+
+namespace zarip::osa {
+namespace {
+
+using std::string;
+using test::LogCapture;
+using test::WaitUntil;
+using Texts = std::vector<string>;
+
+constexpr int kNoError = -1;
+constexpr const char* kGroup = "239.255.77.1";
+constexpr const char* kOtherGroup = "239.255.77.2";
+
+struct Outcome {
+    string text;
+    int code;
+    bool operator==(const Outcome& other) const { return text == other.text && code == other.code; }
+};
+
+std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
+    return out << '"' << outcome.text << "\" with code " << outcome.code;
+}
+
+template <class Action>
+Outcome OutcomeOf(Action action) {
+    try {
+        action();
+    } catch (const SocketException& e) {
+        return {e.ToString(), e.GetError()};
+    } catch (const Exception& e) {
+        return {e.ToString(), kNoError};
+    }
+    return {"", kNoError};
+}
+
+void Send(const UdpSocket& from, const string& text, const char* host, unsigned short port) {
+    from.SendTo(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()),
+                host, port);
+}
+
+void Send(const string& text, unsigned short port, const char* host = "127.0.0.1") {
+    Send(UdpSocket("0.0.0.0", 0, 0), text, host, port);
+}
+
+/// To a group, without leaving the machine.
+bool SendToGroup(const string& text, const char* group, unsigned short port) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int hops = 0;
+    ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof(hops));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    ::inet_pton(AF_INET, group, &to.sin_addr);
+    const ssize_t sent =
+        ::sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    ::close(fd);
+    return sent == static_cast<ssize_t>(text.size());
+}
+
+string Receive(const UdpSocket& socket, UdpSocket::Info& info, unsigned int timeoutSeconds = 10) {
+    unsigned char buffer[100];
+    const unsigned int length = socket.RecvFrom(buffer, sizeof(buffer), info, timeoutSeconds);
+    return string(reinterpret_cast<const char*>(buffer), length);
+}
+
+string Receive(const UdpSocket& socket) {
+    UdpSocket::Info info{};
+    return Receive(socket, info);
+}
+
+/// Keeps what arrives, after a function has seen it.
+class Receiver : public IUdpBufferAccept {
+public:
+    using Function = std::function<void(const string&)>;
+    explicit Receiver(Function function = [](const string&) {}) : _function(std::move(function)) {}
+    void AcceptBuffer(const unsigned char* buffer, unsigned int length, const UdpSocket::Info&) override {
+        const string text(reinterpret_cast<const char*>(buffer), length);
+        _function(text);
+        const MutexAutoLock lock(&_mutex);
+        _texts.push_back(text);
+    }
+    Texts Get() const {
+        const MutexAutoLock lock(&_mutex);
+        return _texts;
+    }
+    bool WaitFor(const string& text) const {
+        return WaitUntil([&] {
+            const Texts texts = Get();
+            return std::find(texts.begin(), texts.end(), text) != texts.end();
+        });
+    }
+
+private:
+    Function _function;
+    mutable Mutex _mutex{"Receiver"};
+    Texts _texts;
+};
+
+TEST(UdpSocketTest, TellsWhereADatagramComesFromAndWhereItArrived) {
+    const UdpSocket receiver("0.0.0.0", 0, 0);
+    const UdpSocket sender("127.0.0.2", 0, 0);
+    const unsigned short port = receiver.GetLocalPort();
+    ASSERT_NE(port, 0);
+    for (const char* host : {"127.0.0.1", "127.0.0.3"}) {
+        UdpSocket::Info info{};
+        Send(sender, host, host, port);
+        EXPECT_EQ(Receive(receiver, info), host);
+        EXPECT_EQ(string(info.localIpv4), host);
+        EXPECT_EQ(string(info.remoteIpv4), "127.0.0.2");
+        EXPECT_EQ(string(info.localIpv6) + info.remoteIpv6, "");
+        EXPECT_EQ(info.localPort, port);
+        EXPECT_EQ(info.remotePort, sender.GetLocalPort());
+    }
+    Send(sender, "", "127.0.0.1", port);
+    EXPECT_EQ(Receive(receiver), "");
+    Send(sender, string(150, 'x'), "127.0.0.1", port);
+    EXPECT_EQ(Receive(receiver), string(100, 'x'));
+}
+
+TEST(UdpSocketTest, OneIpv6SocketReceivesBothFamilies) {
+    const UdpSocket receiver("::", 0, 0);
+    Send("four", receiver.GetLocalPort());
+    UdpSocket::Info info{};
+    EXPECT_EQ(Receive(receiver, info), "four");
+    EXPECT_EQ(string(info.localIpv4), "127.0.0.1");
+    try {
+        Send(UdpSocket("::1", 0, 0), "six", "::1", receiver.GetLocalPort());
+    } catch (const SocketException& e) {
+        GTEST_SKIP() << "no IPv6 here, so \"::\" is \"0.0.0.0\": " << e.what();
+    }
+    EXPECT_EQ(Receive(receiver, info), "six");
+    EXPECT_EQ(string(info.localIpv6), "::1");
+    EXPECT_EQ(string(info.remoteIpv6), "::1");
+    EXPECT_EQ(string(info.localIpv4) + info.remoteIpv4, "");
+}
+
+TEST(UdpSocketTest, FailuresHaveTheirTextsAndCodes) {
+    UdpSocket socket("127.0.0.1", 0, 0);
+    const unsigned short port = socket.GetLocalPort();
+    unsigned char byte = 7;
+    UdpSocket::Info info{};
+    info.remotePort = 7;
+    const auto receive = [&](unsigned int seconds) { socket.RecvFrom(&byte, 1, info, seconds); };
+    const auto general = SocketException::SocketGeneralError;
+    const auto config = SocketException::SocketConfigError;
+
+    EXPECT_EQ(OutcomeOf([&] { receive(0); }), (Outcome{"Timeout", SocketException::SocketTimeout}));
+    EXPECT_EQ(byte, 7);
+    EXPECT_EQ(info.remotePort, 7);
+    EXPECT_EQ(OutcomeOf([] { UdpSocket("nonsense", 0, 1); }), (Outcome{"Invalid Address", config}));
+    EXPECT_EQ(OutcomeOf([] { UdpSocket(nullptr, 0, 1); }), (Outcome{"Invalid Address", config}));
+    EXPECT_EQ(OutcomeOf([] { UdpSocket("198.51.100.77", 0, 1); }),
+              (Outcome{"Unable to bind socket", config}));
+    EXPECT_EQ(OutcomeOf([&] { UdpSocket("127.0.0.1", port, 0); }),
+              (Outcome{"Unable to bind socket", config}));
+    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "localhost", port); }), (Outcome{"Invalid Address", general}));
+    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "::1", port); }), (Outcome{"Invalid Socket", general}));
+    EXPECT_EQ(OutcomeOf([&] { Send(socket, string(70'000, 'x'), "127.0.0.1", port); }),
+              (Outcome{"Socket Error", general}));
+    socket.CancelRecv();
+    for (const unsigned int seconds : {0U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(OutcomeOf([&] { receive(seconds); }), (Outcome{"Socket was closed", general}));
+    }
+    socket.Close();
+    socket.Close();
+    EXPECT_EQ(OutcomeOf([&] { receive(0); }), (Outcome{"Invalid Socket", general}));
+    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "127.0.0.1", port); }), (Outcome{"Invalid Socket", general}));
+    EXPECT_EQ(OutcomeOf([&] { socket.AddMembership(kGroup); }), (Outcome{"Invalid Socket", general}));
+}
+
+TEST(UdpSocketTest, MembershipFailuresNameTheGroup) {
+    const UdpSocket socket("0.0.0.0", 0, 1);
+    const auto outcome = [&](const char* group, bool add, const char* source) {
+        return OutcomeOf([&] { socket.AddDropMembership(group, add, source); });
+    };
+    const auto failure = [](const char* text) { return Outcome{text, SocketException::SocketGeneralError}; };
+    EXPECT_EQ(outcome("x", true, nullptr), failure("UdpSocket::AddMembership(x): invalid address"));
+    EXPECT_EQ(outcome(kGroup, false, "x"),
+              failure("UdpSocket::DropSourceMembership(239.255.77.1): invalid address"));
+    EXPECT_EQ(outcome("ff02::c", true, nullptr),
+              failure("UdpSocket::AddMembership(ff02::c): IPv6 address on IPv4 socket"));
+    EXPECT_EQ(outcome("ff02::c", true, "127.0.0.1"),
+              failure("UdpSocket::AddSourceMembership(ff02::c): IPv6 does not support source-specific "
+                      "multicast"));
+    EXPECT_EQ(outcome("127.0.0.1", true, nullptr),
+              failure("UdpSocket::AddMembership(127.0.0.1): IP_ADD_MEMBERSHIP failed with errno: 22"));
+    EXPECT_EQ(outcome("127.0.0.1", false, "127.0.0.1"),
+              failure("UdpSocket::DropSourceMembership(127.0.0.1): IP_DROP_SOURCE_MEMBERSHIP failed with "
+                      "errno: 22"));
+    EXPECT_EQ(OutcomeOf([] { UdpSocket("::1", 0, 1).AddMembership("::1"); }).text.substr(0, 36),
+              "UdpSocket::AddMembership(::1): IPV6_");
+}
+
+TEST(UdpSocketTest, OnlyDatagramsOfJoinedGroupsAndSourcesArrive) {
+    const UdpSocket first("0.0.0.0", 0, 1);
+    const unsigned short port = first.GetLocalPort();
+    const UdpSocket second("0.0.0.0", port, 1);
+    try {
+        first.AddMembership(kGroup);
+    } catch (const SocketException& e) {
+        GTEST_SKIP() << "no interface for multicast: " << e.what();
+    }
+    second.AddMembership(kOtherGroup);
+    ASSERT_TRUE(SendToGroup("one", kGroup, port) && SendToGroup("other", kOtherGroup, port));
+    UdpSocket::Info info{};
+    EXPECT_EQ(Receive(first, info), "one");
+    EXPECT_EQ(string(info.localIpv4), kGroup);
+    EXPECT_EQ(Receive(second), "other");
+
+    first.DropMembership(kGroup);
+    first.AddSourceMembership(kGroup, "198.51.100.77");
+    ASSERT_TRUE(SendToGroup("from elsewhere", kGroup, port));
+    first.AddSourceMembership(kGroup, info.remoteIpv4);
+    ASSERT_TRUE(SendToGroup("from here", kGroup, port));
+    EXPECT_EQ(Receive(first), "from here");
+    first.DropSourceMembership(kGroup, info.remoteIpv4);
+}
+
+TEST(UdpSocketTest, DamagedDatagramsAndSignalsDoNotEndAWait) {
+    UdpSocket socket("127.0.0.1", 0, 0);
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR2, &action, &before), 0);
+    std::promise<pthread_t> thread;
+    auto received = std::async(std::launch::async, [&] {
+        thread.set_value(::pthread_self());
+        return Receive(socket);
+    });
+    const pthread_t waiting = thread.get_future().get();
+    struct {
+        udphdr header;
+        char text[4];
+    } damaged = {};
+    damaged.header.uh_sport = htons(1);
+    damaged.header.uh_dport = htons(socket.GetLocalPort());
+    damaged.header.uh_ulen = htons(sizeof(damaged));
+    damaged.header.uh_sum = htons(1);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // Without the right to send raw packets the signals alone are tried.
+    const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+    for (int i = 0; i < 50; ++i) {
+        ::pthread_kill(waiting, SIGUSR2);
+        ::sendto(raw, &damaged, sizeof(damaged), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    }
+    ::close(raw);
+    Send("whole", socket.GetLocalPort());
+    EXPECT_EQ(received.get(), "whole");
+    ::sigaction(SIGUSR2, &before, nullptr);
+}
+
+TEST(UdpServerTest, MisuseThrows) {
+    UdpServer server("127.0.0.1", 0, 100, 0);
+    MulticastServer multicast("127.0.0.1", 0, 100, 0);
+    LogCapture log;
+    EXPECT_EQ(OutcomeOf([&] { server.Start(nullptr); }).text, "UdpServer::Start(): pCallback was NULL");
+    EXPECT_EQ(OutcomeOf([&] { server.Run(); }).text, "UdpServer::Run(): Server has not been started");
+    EXPECT_EQ(OutcomeOf([&] { server.Stop(); }).text, "UdpServer::Stop server has not been started");
+    EXPECT_EQ(OutcomeOf([&] { multicast.Start(nullptr); }).text,
+              "MulticastServer::Start(): pCallback was NULL");
+    multicast.Stop();
+    EXPECT_EQ(log.Messages(), Texts());
+    Receiver receiver;
+    UdpServer homeless("198.51.100.77", 0, 100, 0);
+    EXPECT_EQ(OutcomeOf([&] { homeless.Start(&receiver); }).text, "Unable to bind socket");
+    EXPECT_FALSE(homeless.IsRunning());
+}
+
+TEST(UdpServerTest, StopsWhereverItIsBoundAndStartsAgain) {
+    Receiver receiver;
+    for (const char* address : {"127.0.0.1", "127.0.0.2", "::"}) {
+        UdpServer server(address, 0, 100, 0);
+        for (int i = 0; i < 50; ++i) {
+            server.Start(&receiver);
+            server.Start(&receiver);
+            EXPECT_TRUE(server.IsRunning());
+            server.Stop();
+            EXPECT_FALSE(server.IsRunning());
+        }
+        server.Start(&receiver);
+        const string text = string("again ") + address;
+        Send(text, server.GetLocalPort(), address[0] == ':' ? "127.0.0.1" : address);
+        EXPECT_TRUE(receiver.WaitFor(text));
+    }
+}
+
+TEST(UdpServerTest, ThrowingCallbacksDoNotEndItAndACallbackMayStopIt) {
+    LogCapture log;
+    UdpServer server("127.0.0.1", 0, 100, 0);
+    Receiver receiver([&](const string& text) {
+        if (text == "exception") {
+            throw Exception("deliberate");
+        }
+        if (text == "number") {
+            throw 5;
+        }
+        if (text == "stop") {
+            server.Stop();
+        }
+    });
+    server.Start(&receiver);
+    for (const char* text : {"exception", "number", "stop"}) {
+        Send(text, server.GetLocalPort());
+    }
+    EXPECT_TRUE(receiver.WaitFor("stop"));
+    server.Stop();
+    EXPECT_TRUE(log.Contains("deliberate"));
+    EXPECT_EQ(receiver.Get(), Texts{"stop"});
+}
+
+TEST(UdpServerTest, ALostDescriptorEndsTheLoopAndNothingElse) {
+    UdpServer server("127.0.0.1", 0, 100, 0);
+    Receiver receiver([](const string&) {
+        const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        for (int fd = 3; fd < 1'000; ++fd) {
+            int protocol = 0;
+            socklen_t size = sizeof(protocol);
+            if (::getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 && protocol == IPPROTO_UDP) {
+                EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+                ::dup3(null, fd, O_CLOEXEC);
+            }
+        }
+        ::close(null);
+    });
+    server.Start(&receiver);
+    Send("lose it", server.GetLocalPort());
+    EXPECT_TRUE(WaitUntil([&] { return !server.IsRunning(); }));
+    server.Stop();
+}
+
+TEST(UdpServerTest, DeliversTheNewestOfABurst) {
+    UdpServer server("127.0.0.1", 0, 100, UdpServer::kNewestOnly);
+    Semaphore held("held", 1, 0);
+    Semaphore queued("queued", 1, 0);
+    Receiver receiver([&](const string& text) {
+        if (text == "hold") {
+            held.Release();
+            queued.Lock();
+        }
+    });
+    server.Start(&receiver);
+    Send("hold", server.GetLocalPort());
+    held.Lock();
+    for (const char* text : {"one", "two", "three"}) {
+        Send(text, server.GetLocalPort());
+    }
+    queued.Release();
+    EXPECT_TRUE(receiver.WaitFor("three"));
+    Send("four", server.GetLocalPort());
+    EXPECT_TRUE(receiver.WaitFor("four"));
+    EXPECT_EQ(receiver.Get(), (Texts{"hold", "three", "four"}));
+}
+
+TEST(UdpServerTest, ServesOnThroughAFloodOfRandomBytes) {
+    std::mt19937 random(4);
+    for (const unsigned int options : {0U, UdpServer::kNewestOnly}) {
+        UdpServer server("127.0.0.1", 0, 512, options);
+        std::atomic<bool> isServed{false};
+        Receiver receiver([&](const string& text) {
+            isServed = isServed || text == "still there?";
+            throw Exception("%s", text.c_str());
+        });
+        server.Start(&receiver);
+        const UdpSocket sender("0.0.0.0", 0, 0);
+        string bytes(1'000, '\0');
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+        for (int i = 0; i < 50'000; ++i) {
+            bytes[random() % bytes.size()] = static_cast<char>(random());
+            Send(sender, bytes.substr(random() % bytes.size()), "127.0.0.1", server.GetLocalPort());
+        }
+        EXPECT_TRUE(WaitUntil([&] {
+            Send(sender, "still there?", "127.0.0.1", server.GetLocalPort());
+            return isServed.load();
+        }));
+    }
+}
+
+TEST(UdpServerTest, GroupsAreJoinedAndLeftWhileItRuns) {
+    UdpServer server("0.0.0.0", 0, 100, 0);
+    Receiver receiver;
+    server.AddMembership(kGroup);
+    server.AddMembership(kGroup);
+    try {
+        server.Start(&receiver);
+    } catch (const SocketException& e) {
+        GTEST_SKIP() << "no interface for multicast: " << e.what();
+    }
+    server.AddMembership(kGroup);
+    server.AddMembership(kOtherGroup);
+    SendToGroup("group", kGroup, server.GetLocalPort());
+    SendToGroup("other group", kOtherGroup, server.GetLocalPort());
+    EXPECT_TRUE(receiver.WaitFor("other group"));
+    server.DropMembership(kGroup);
+    SendToGroup("nobody's", kGroup, server.GetLocalPort());
+    Send("end", server.GetLocalPort());
+    EXPECT_TRUE(receiver.WaitFor("end"));
+    EXPECT_EQ(receiver.Get(), (Texts{"group", "other group", "end"}));
+    EXPECT_THROW(server.AddMembership("127.0.0.1"), SocketException);
+    server.Stop();
+    server.Start(&receiver);  // the group that could not be joined was not kept
+    EXPECT_TRUE(server.IsRunning());
+}
+
+struct Counter {
+    void Count() {
+        ++count;
+        if (throws) {
+            throw Exception("counted");
+        }
+    }
+    std::atomic<int> count{0};
+    bool throws = false;
+};
+
+TEST(MulticastServerTest, TriesUntilThePortIsFree) {
+    LogCapture log;
+    auto blocker = std::make_unique<UdpSocket>("127.0.0.1", static_cast<unsigned short>(0), 0);
+    const unsigned short port = blocker->GetLocalPort();
+    MulticastServer server("127.0.0.1", port, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
+    Counter started;
+    Counter removed;
+    server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
+    server.AddOnStartDelegate(core::MakeDelegate(&removed, &Counter::Count));
+    server.RemoveOnStartDelegate(&removed);
+    Receiver receiver([](const string& text) {
+        if (text == "throw") {
+            throw Exception("deliberate");
+        }
+    });
+    server.Start(&receiver);
+    const string failure = "Failed to start MulticastServer, reason: ";
+    EXPECT_TRUE(WaitUntil([&] { return log.Count(failure + "Unable to bind socket") >= 3; }));
+    EXPECT_FALSE(server.IsRunning());
+    blocker.reset();
+    EXPECT_TRUE(WaitUntil([&] { return server.IsRunning(); }));
+    Send("throw", port);  // ends this attempt, and is followed by the next
+    EXPECT_TRUE(WaitUntil([&] { return started.count == 2 && server.IsRunning(); }));
+    EXPECT_TRUE(log.Contains(failure + "deliberate"));
+    Send("hello", port);
+    EXPECT_TRUE(receiver.WaitFor("hello"));
+    server.Stop();
+    server.Stop();
+    EXPECT_EQ(log.Count("Thread should have been stoped by now!"), 1);
+    EXPECT_EQ(removed.count, 0);
+}
+
+TEST(MulticastServerTest, GivesUpAfterAsManyAttemptsWithShorterPausesFirst) {
+    const auto none = TimeSpan();
+    const auto some = TimeSpan::FromMilliseconds(100);
+    const struct {
+        TimeSpan early, late;
+        int leastMs;
+    } cases[] = {{some, none, 200}, {none, some, 100}};
+    for (const auto& c : cases) {
+        LogCapture log;
+        MulticastServer server("127.0.0.1", 0, 100, 0, 4, c.early, c.late);
+        Counter started;
+        Counter failed;
+        started.throws = failed.throws = true;
+        server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
+        server.AddOnErrorDelegate(core::MakeDelegate(&failed, &Counter::Count));
+        Receiver receiver;
+        const auto begin = std::chrono::steady_clock::now();
+        server.Start(&receiver);
+        EXPECT_TRUE(WaitUntil([&] { return failed.count == 1; }));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(c.leastMs));
+        server.Stop();
+        EXPECT_EQ(started.count, 4);
+        EXPECT_EQ(log.Count("Failed to start MulticastServer, reason: counted"), 4);
+        EXPECT_EQ(failed.count, 1);
+    }
+}
+
+TEST(MulticastServerTest, StopsInEveryState) {
+    Receiver receiver;
+    Counter failed;
+    for (int i = 0; i < 200; ++i) {
+        // One that cannot start and soon waits to try again; one that starts.
+        MulticastServer hopeless("198.51.100.77", 0, 100, 0, 4, TimeSpan::FromHours(1));
+        MulticastServer server("127.0.0.2", 0, 100, 0);
+        hopeless.AddOnErrorDelegate(core::MakeDelegate(&failed, &Counter::Count));
+        for (MulticastServer* each : {&hopeless, &server}) {
+            each->Start(&receiver);
+            if (i % 2 == 0) {
+                std::this_thread::yield();
+            }
+            each->Stop();
+            EXPECT_FALSE(each->IsRunning());
+        }
+        server.Start(&receiver);
+        EXPECT_TRUE(WaitUntil([&] { return server.IsRunning(); }));
+    }
+    EXPECT_EQ(failed.count, 0);
+}
+
+TEST(MulticastServerTest, WaitsForAnInterfaceThatAppearsLate) {
+    // In a network of its own, which the server's thread inherits from this one.
+    string skipped;
+    std::thread([&] {
+        if (::unshare(CLONE_NEWNET) != 0) {
+            skipped = std::strerror(errno);
+            return;
+        }
+        LogCapture log;
+        MulticastServer server("0.0.0.0", 0, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
+        server.AddMembership(kGroup);
+        Receiver receiver;
+        server.Start(&receiver);
+        EXPECT_TRUE(WaitUntil([&] {
+            return log.Contains(
+                "reason: UdpSocket::AddMembership(239.255.77.1): IP_ADD_MEMBERSHIP failed "
+                "with errno: 19");
+        }));
+        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ifreq up{};
+        std::strcpy(up.ifr_name, "lo");
+        up.ifr_flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK | IFF_MULTICAST;
+        EXPECT_EQ(::ioctl(fd, SIOCSIFFLAGS, &up), 0);
+        rtentry route{};
+        char device[] = "lo";
+        for (sockaddr* address : {&route.rt_dst, &route.rt_genmask}) {
+            sockaddr_in range{};
+            range.sin_family = AF_INET;
+            range.sin_addr.s_addr = htonl(0xF0000000U);
+            std::memcpy(address, &range, sizeof(range));
+        }
+        reinterpret_cast<sockaddr_in&>(route.rt_dst).sin_addr.s_addr = htonl(0xE0000000U);
+        route.rt_flags = RTF_UP;
+        route.rt_dev = device;
+        EXPECT_EQ(::ioctl(fd, SIOCADDRT, &route), 0);
+        ::close(fd);
+        EXPECT_TRUE(WaitUntil([&] { return server.IsRunning(); }));
+        EXPECT_TRUE(SendToGroup("late", kGroup, server.GetLocalPort()));
+        EXPECT_TRUE(receiver.WaitFor("late"));
+        server.Stop();
+    }).join();
+    if (!skipped.empty()) {
+        GTEST_SKIP() << "no network of its own: " << skipped;
+    }
+}
+
+}  // namespace
+}  // namespace zarip::osa
