@@ -38,30 +38,20 @@ using test::LogCapture;
 using test::WaitUntil;
 using Texts = std::vector<string>;
 
-constexpr int kNoError = -1;
 constexpr const char* kGroup = "239.255.77.1";
 constexpr const char* kOtherGroup = "239.255.77.2";
 
-struct Outcome {
-    string text;
-    int code;
-    bool operator==(const Outcome& other) const { return text == other.text && code == other.code; }
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
-    return out << '"' << outcome.text << "\" with code " << outcome.code;
-}
-
+/// The text of the exception, and the code of one of a socket.
 template <class Action>
-Outcome OutcomeOf(Action action) {
+string FailureOf(Action action) {
     try {
         action();
     } catch (const SocketException& e) {
-        return {e.ToString(), e.GetError()};
+        return e.ToString() + " / " + std::to_string(e.GetError());
     } catch (const Exception& e) {
-        return {e.ToString(), kNoError};
+        return e.ToString();
     }
-    return {"", kNoError};
+    return "";
 }
 
 void Send(const UdpSocket& from, const string& text, const char* host, unsigned short port) {
@@ -171,55 +161,55 @@ TEST(UdpSocketTest, FailuresHaveTheirTextsAndCodes) {
     unsigned char byte = 7;
     UdpSocket::Info info{};
     info.remotePort = 7;
-    const auto receive = [&](unsigned int seconds) { socket.RecvFrom(&byte, 1, info, seconds); };
-    const auto general = SocketException::SocketGeneralError;
-    const auto config = SocketException::SocketConfigError;
-
-    EXPECT_EQ(OutcomeOf([&] { receive(0); }), (Outcome{"Timeout", SocketException::SocketTimeout}));
-    EXPECT_EQ(byte, 7);
-    EXPECT_EQ(info.remotePort, 7);
-    EXPECT_EQ(OutcomeOf([] { UdpSocket("nonsense", 0, 1); }), (Outcome{"Invalid Address", config}));
-    EXPECT_EQ(OutcomeOf([] { UdpSocket(nullptr, 0, 1); }), (Outcome{"Invalid Address", config}));
-    EXPECT_EQ(OutcomeOf([] { UdpSocket("198.51.100.77", 0, 1); }),
-              (Outcome{"Unable to bind socket", config}));
-    EXPECT_EQ(OutcomeOf([&] { UdpSocket("127.0.0.1", port, 0); }),
-              (Outcome{"Unable to bind socket", config}));
-    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "localhost", port); }), (Outcome{"Invalid Address", general}));
-    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "::1", port); }), (Outcome{"Invalid Socket", general}));
-    EXPECT_EQ(OutcomeOf([&] { Send(socket, string(70'000, 'x'), "127.0.0.1", port); }),
-              (Outcome{"Socket Error", general}));
+    const auto receive = [&](unsigned int seconds) {
+        return FailureOf([&] { socket.RecvFrom(&byte, 1, info, seconds); });
+    };
+    const auto make = [](const char* address, unsigned short itsPort) {
+        return FailureOf([&] { UdpSocket(address, itsPort, 0); });
+    };
+    const auto send = [&](const string& text, const char* host) {
+        return FailureOf([&] { Send(socket, text, host, port); });
+    };
+    EXPECT_EQ(receive(0), "Timeout / 0");
+    EXPECT_EQ(byte + info.remotePort, 14);
+    EXPECT_EQ(make("nonsense", 0), "Invalid Address / 1");
+    EXPECT_EQ(make(nullptr, 0), "Invalid Address / 1");
+    EXPECT_EQ(make("198.51.100.77", 0), "Unable to bind socket / 1");
+    EXPECT_EQ(make("127.0.0.1", port), "Unable to bind socket / 1");
+    EXPECT_EQ(send("", "localhost"), "Invalid Address / 3");
+    EXPECT_EQ(send("", "::1"), "Invalid Socket / 3");
+    EXPECT_EQ(send(string(70'000, 'x'), "127.0.0.1"), "Socket Error / 3");
     socket.CancelRecv();
-    for (const unsigned int seconds : {0U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(OutcomeOf([&] { receive(seconds); }), (Outcome{"Socket was closed", general}));
-    }
+    EXPECT_EQ(receive(0), "Socket was closed / 3");
+    EXPECT_EQ(receive(0xFFFFFFFF), "Socket was closed / 3");
     socket.Close();
     socket.Close();
-    EXPECT_EQ(OutcomeOf([&] { receive(0); }), (Outcome{"Invalid Socket", general}));
-    EXPECT_EQ(OutcomeOf([&] { Send(socket, "", "127.0.0.1", port); }), (Outcome{"Invalid Socket", general}));
-    EXPECT_EQ(OutcomeOf([&] { socket.AddMembership(kGroup); }), (Outcome{"Invalid Socket", general}));
+    EXPECT_EQ(receive(0), "Invalid Socket / 3");
+    EXPECT_EQ(send("", "127.0.0.1"), "Invalid Socket / 3");
+    EXPECT_EQ(FailureOf([&] { socket.AddMembership(kGroup); }), "Invalid Socket / 3");
 }
 
 TEST(UdpSocketTest, MembershipFailuresNameTheGroup) {
     const UdpSocket socket("0.0.0.0", 0, 1);
-    const auto outcome = [&](const char* group, bool add, const char* source) {
-        return OutcomeOf([&] { socket.AddDropMembership(group, add, source); });
+    const struct {
+        const char* group;
+        bool add;
+        const char* source;
+        const char* failure;
+    } cases[] = {
+        {"x", true, nullptr, "AddMembership(x): invalid address"},
+        {kGroup, false, "x", "DropSourceMembership(239.255.77.1): invalid address"},
+        {"ff02::c", true, nullptr, "AddMembership(ff02::c): IPv6 address on IPv4 socket"},
+        {"ff02::c", true, "127.0.0.1",
+         "AddSourceMembership(ff02::c): IPv6 does not support source-specific multicast"},
+        {"127.0.0.1", true, nullptr, "AddMembership(127.0.0.1): IP_ADD_MEMBERSHIP failed with errno: 22"},
+        {"127.0.0.1", false, "127.0.0.1",
+         "DropSourceMembership(127.0.0.1): IP_DROP_SOURCE_MEMBERSHIP failed with errno: 22"},
     };
-    const auto failure = [](const char* text) { return Outcome{text, SocketException::SocketGeneralError}; };
-    EXPECT_EQ(outcome("x", true, nullptr), failure("UdpSocket::AddMembership(x): invalid address"));
-    EXPECT_EQ(outcome(kGroup, false, "x"),
-              failure("UdpSocket::DropSourceMembership(239.255.77.1): invalid address"));
-    EXPECT_EQ(outcome("ff02::c", true, nullptr),
-              failure("UdpSocket::AddMembership(ff02::c): IPv6 address on IPv4 socket"));
-    EXPECT_EQ(outcome("ff02::c", true, "127.0.0.1"),
-              failure("UdpSocket::AddSourceMembership(ff02::c): IPv6 does not support source-specific "
-                      "multicast"));
-    EXPECT_EQ(outcome("127.0.0.1", true, nullptr),
-              failure("UdpSocket::AddMembership(127.0.0.1): IP_ADD_MEMBERSHIP failed with errno: 22"));
-    EXPECT_EQ(outcome("127.0.0.1", false, "127.0.0.1"),
-              failure("UdpSocket::DropSourceMembership(127.0.0.1): IP_DROP_SOURCE_MEMBERSHIP failed with "
-                      "errno: 22"));
-    EXPECT_EQ(OutcomeOf([] { UdpSocket("::1", 0, 1).AddMembership("::1"); }).text.substr(0, 36),
-              "UdpSocket::AddMembership(::1): IPV6_");
+    for (const auto& c : cases) {
+        EXPECT_EQ(FailureOf([&] { socket.AddDropMembership(c.group, c.add, c.source); }),
+                  string("UdpSocket::") + c.failure + " / 3");
+    }
 }
 
 TEST(UdpSocketTest, OnlyDatagramsOfJoinedGroupsAndSourcesArrive) {
@@ -286,16 +276,15 @@ TEST(UdpServerTest, MisuseThrows) {
     UdpServer server("127.0.0.1", 0, 100, 0);
     MulticastServer multicast("127.0.0.1", 0, 100, 0);
     LogCapture log;
-    EXPECT_EQ(OutcomeOf([&] { server.Start(nullptr); }).text, "UdpServer::Start(): pCallback was NULL");
-    EXPECT_EQ(OutcomeOf([&] { server.Run(); }).text, "UdpServer::Run(): Server has not been started");
-    EXPECT_EQ(OutcomeOf([&] { server.Stop(); }).text, "UdpServer::Stop server has not been started");
-    EXPECT_EQ(OutcomeOf([&] { multicast.Start(nullptr); }).text,
-              "MulticastServer::Start(): pCallback was NULL");
+    EXPECT_EQ(FailureOf([&] { server.Start(nullptr); }), "UdpServer::Start(): pCallback was NULL");
+    EXPECT_EQ(FailureOf([&] { server.Run(); }), "UdpServer::Run(): Server has not been started");
+    EXPECT_EQ(FailureOf([&] { server.Stop(); }), "UdpServer::Stop server has not been started");
+    EXPECT_EQ(FailureOf([&] { multicast.Start(nullptr); }), "MulticastServer::Start(): pCallback was NULL");
     multicast.Stop();
     EXPECT_EQ(log.Messages(), Texts());
     Receiver receiver;
     UdpServer homeless("198.51.100.77", 0, 100, 0);
-    EXPECT_EQ(OutcomeOf([&] { homeless.Start(&receiver); }).text, "Unable to bind socket");
+    EXPECT_EQ(FailureOf([&] { homeless.Start(&receiver); }), "Unable to bind socket / 1");
     EXPECT_FALSE(homeless.IsRunning());
 }
 
