@@ -3,7 +3,6 @@
 #include <dbus/dbus.h>
 #include <poll.h>
 #include <pthread.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,6 +12,7 @@
 #include "msgbus/DBusWatcher.h"
 #include "msgbus/MessageDispatcher.h"
 #include "msgbus/MsgBusMsgImpl.h"
+#include "osa/Wait.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
@@ -94,12 +94,6 @@ public:
 private:
     DBusMessage* _message;
 };
-
-long long NowMs() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
 
 std::string_view View(const char* text) {
     return text != nullptr ? text : std::string_view();
@@ -445,9 +439,9 @@ void MsgBus::MsgBusImpl::Write(int limitMs) {
     if (_stalled) {
         return;
     }
-    const long long end = NowMs() + limitMs;
+    const long long end = osa::NowMs() + limitMs;
     while (dbus_connection_has_messages_to_send(_connection) != FALSE && IsConnected()) {
-        const long long left = end - NowMs();
+        const long long left = end - osa::NowMs();
         if (left <= 0 || !_watcher.Write(static_cast<int>(left))) {
             _stalled = true;
             break;

@@ -165,6 +165,12 @@ public:
         WaitForCallback(context);
     }
 
+    /// What the timer was armed for last.
+    Context Get(const Context& context) {
+        const MutexAutoLock lock(&_mutex);
+        return context;
+    }
+
     void Remove(Context& context) {
         {
             const MutexAutoLock lock(&_mutex);
@@ -310,7 +316,8 @@ void Timer::Stop() {
 
 void Timer::Expire() {
     Stop();
-    _context->callback->OnTimer(_context->expiry, _context->userData);
+    const PosixTimerContext armed = TimerService::Get().Get(*_context);
+    armed.callback->OnTimer(armed.expiry, armed.userData);
 }
 
 }  // namespace zarip::osa

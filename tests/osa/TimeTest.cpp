@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "support/ErrorOf.h"
 #include "support/WaitUntil.h"
 #include "zarip/osa/DateTime.h"
 #include "zarip/osa/Exception.h"
@@ -22,15 +23,7 @@
 namespace zarip::osa {
 namespace {
 
-template <class Action>
-std::string ErrorOf(Action action) {
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.ToString();
-    }
-    return "";
-}
+using test::ErrorOf;
 
 constexpr unsigned int kMax = 0xFFFFFFFFU;
 
@@ -57,11 +50,13 @@ TEST(TimeStruct, CarriesMicrosecondsAndStaysInItsRange) {
     };
     for (const auto& row : rows) {
         TimeStruct sum = row.start;
-        EXPECT_EQ(ErrorOf([&] { sum += row.change; }), row.fails ? "Invalid parameter" : "") << row.change;
+        EXPECT_EQ(ErrorOf([&] { sum += row.change; }), row.fails ? "Invalid parameter" : "no exception")
+            << row.change;
         EXPECT_EQ(sum, row.result) << row.change;
         if (row.change != LLONG_MIN) {
             TimeStruct difference = row.start;
-            EXPECT_EQ(ErrorOf([&] { difference -= -row.change; }), row.fails ? "Invalid parameter" : "");
+            EXPECT_EQ(ErrorOf([&] { difference -= -row.change; }),
+                      row.fails ? "Invalid parameter" : "no exception");
             EXPECT_EQ(difference, row.result) << row.change;
         }
     }

@@ -14,9 +14,9 @@ class IHttpHandler;
 /// connections open.
 ///
 /// Requests are served one at a time, on the thread "TcpSocketThread". A client that has not sent a whole
-/// header yet costs no thread. One that is served waits at most 5 seconds for each read and at most the time
-/// limit in all; after that it is answered 400. *Thread-safe* but for the handlers, which are added and
-/// removed while the server does not run.
+/// header yet costs no thread. One that is served waits at most 5 seconds for each read, and no longer than
+/// the time limit for all of them; after that it is answered 400. *Thread-safe* but for the handlers, which
+/// are added and removed while the server does not run.
 class ZARIP_EXPORT HttpServer {
 public:
     /// Binds; nothing listens yet. Throws what `osa::TcpSocket` throws.
