@@ -117,6 +117,24 @@ private:
     Texts _texts;
 };
 
+/// Stops a server before what its callback uses goes; made behind that.
+class StopAtEnd {
+public:
+    explicit StopAtEnd(UdpServer& server) : _server(server) {}
+    StopAtEnd(const StopAtEnd&) = delete;
+    StopAtEnd& operator=(const StopAtEnd&) = delete;
+    ~StopAtEnd() {
+        try {
+            _server.Stop();
+        } catch (...) {
+            // It was stopped by the test, or never started.
+        }
+    }
+
+private:
+    UdpServer& _server;
+};
+
 TEST(UdpSocketTest, TellsWhereADatagramComesFromAndWhereItArrived) {
     const UdpSocket receiver("0.0.0.0", 0, 0);
     const UdpSocket sender("127.0.0.2", 0, 0);
@@ -283,6 +301,7 @@ TEST(UdpServerTest, MisuseThrows) {
     multicast.Stop();
     EXPECT_EQ(log.Messages(), Texts());
     Receiver receiver;
+    const StopAtEnd stop(server);
     UdpServer homeless("198.51.100.77", 0, 100, 0);
     EXPECT_EQ(FailureOf([&] { homeless.Start(&receiver); }), "Unable to bind socket / 1");
     EXPECT_FALSE(homeless.IsRunning());
@@ -320,6 +339,7 @@ TEST(UdpServerTest, ThrowingCallbacksDoNotEndItAndACallbackMayStopIt) {
             server.Stop();
         }
     });
+    const StopAtEnd stop(server);
     server.Start(&receiver);
     for (const char* text : {"exception", "number", "stop"}) {
         Send(text, server.GetLocalPort());
@@ -344,6 +364,7 @@ TEST(UdpServerTest, ALostDescriptorEndsTheLoopAndNothingElse) {
         }
         ::close(null);
     });
+    const StopAtEnd stop(server);
     server.Start(&receiver);
     Send("lose it", server.GetLocalPort());
     EXPECT_TRUE(WaitUntil([&] { return !server.IsRunning(); }));
@@ -360,6 +381,7 @@ TEST(UdpServerTest, DeliversTheNewestOfABurst) {
             queued.Lock();
         }
     });
+    const StopAtEnd stop(server);
     server.Start(&receiver);
     Send("hold", server.GetLocalPort());
     held.Lock();
@@ -382,6 +404,7 @@ TEST(UdpServerTest, ServesOnThroughAFloodOfRandomBytes) {
             isServed = isServed || text == "still there?";
             throw Exception("%s", text.c_str());
         });
+        const StopAtEnd stop(server);
         server.Start(&receiver);
         const UdpSocket sender("0.0.0.0", 0, 0);
         string bytes(1'000, '\0');
@@ -400,6 +423,7 @@ TEST(UdpServerTest, ServesOnThroughAFloodOfRandomBytes) {
 TEST(UdpServerTest, GroupsAreJoinedAndLeftWhileItRuns) {
     UdpServer server("0.0.0.0", 0, 100, 0);
     Receiver receiver;
+    const StopAtEnd stop(server);
     server.AddMembership(kGroup);
     server.AddMembership(kGroup);
     try {
@@ -449,6 +473,7 @@ TEST(MulticastServerTest, TriesUntilThePortIsFree) {
             throw Exception("deliberate");
         }
     });
+    const StopAtEnd stop(server);
     server.Start(&receiver);
     const string failure = "Failed to start MulticastServer, reason: ";
     EXPECT_TRUE(WaitUntil([&] { return log.Count(failure + "Unable to bind socket") >= 3; }));
@@ -482,6 +507,7 @@ TEST(MulticastServerTest, GivesUpAfterAsManyAttemptsWithShorterPausesFirst) {
         server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
         server.AddOnErrorDelegate(core::MakeDelegate(&failed, &Counter::Count));
         Receiver receiver;
+        const StopAtEnd stop(server);
         const auto begin = std::chrono::steady_clock::now();
         server.Start(&receiver);
         EXPECT_TRUE(WaitUntil([&] { return failed.count == 1; }));
@@ -527,6 +553,7 @@ TEST(MulticastServerTest, WaitsForAnInterfaceThatAppearsLate) {
         MulticastServer server("0.0.0.0", 0, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
         server.AddMembership(kGroup);
         Receiver receiver;
+        const StopAtEnd stop(server);
         server.Start(&receiver);
         EXPECT_TRUE(WaitUntil([&] {
             return log.Contains(
