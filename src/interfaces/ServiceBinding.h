@@ -54,6 +54,9 @@ msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const Record<Fields...
     return message;
 }
 
+/// How long a proxy waits for a reply unless told otherwise, in milliseconds.
+constexpr int kDefaultTimeout = 5000;
+
 /// The body of a member that an implementation does not override.
 [[noreturn]] inline void Unimplemented() {
     throw osa::Exception(osa::Exception::kUnimplemented);

@@ -8,7 +8,13 @@
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/IHttpHandler.h>
 #include <zarip/inet/InetBase.h>
+#include <zarip/interfaces/IAudioLineOutProvider.h>
+#include <zarip/interfaces/IBrelkServicesProvider.h>
+#include <zarip/interfaces/INetworkingV2Provider.h>
+#include <zarip/interfaces/IPtzSerialProvider.h>
 #include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/interfaces/ISmRegistrationProvider.h>
+#include <zarip/interfaces/IStreamInfoProvider.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/osa/Exception.h>
@@ -96,6 +102,30 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
               &Security::GetPassphrase, &Security::DeletePassphrase),
     };
     CheckPlaces(interfaces);
+}
+
+TEST(SlotTest, MembersOfServicesKeepTheirPlaces) {
+    using Networking = interfaces::INetworkingV2Provider;
+    using Stream = interfaces::IStreamInfoProvider;
+    using Ptz = interfaces::IPtzSerialProvider;
+    using Audio = interfaces::IAudioLineOutProvider;
+    using Registration = interfaces::ISmRegistrationProvider;
+    using Directory = interfaces::IBrelkServicesProvider;
+    const Interface interfaces[] = {
+        Table("INetworkingV2Provider", 2, &Networking::Get, &Networking::Set),
+        Table("IStreamInfoProvider", 2, &Stream::GetCurrentVideoConnections,
+              &Stream::GetGuaranteedVideoConnections),
+        Table("IPtzSerialProvider", 2, &Ptz::SetPtzSerialSettingsAndInitialize,
+              &Ptz::GetPtzSerialSettingsAndInitialize, &Ptz::SetPtzPollingState, &Ptz::GetPtzPollingState),
+        Table("IAudioLineOutProvider", 2, &Audio::Connect, &Audio::Disconnect, &Audio::KeepAlive,
+              &Audio::Query),
+        Table("ISmRegistrationProvider", 2, &Registration::IsRegistered, &Registration::IsSynced,
+              &Registration::ResetSecurity, &Registration::ResetSynced, &Registration::ForceRegister),
+        Table("IBrelkServicesProvider", 2, &Directory::GetAllServices, &Directory::GetServicesByDeviceType,
+              &Directory::GetCameraDeviceNames),
+    };
+    CheckPlaces(interfaces);
+    static_assert(sizeof(Audio) == sizeof(void*), "the time-out is the proxy's");
 }
 
 TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {
