@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "interfaces/Descriptions.h"
+#include "msgbus/DescribedObject.h"
 #include "zarip/core/Delegate.h"
 #include "zarip/core/Event.h"
 #include "zarip/interfaces/InterfaceServer.h"
@@ -166,7 +168,8 @@ msgbus::IMessageHandler* MakeHandler(core::IVoidDelegate1<A>* delegate) {
 
 }  // namespace internal
 
-/// A server adapter: owns the bus name, answers calls with the implementation, sends its events as signals.
+/// A server adapter: owns the bus name, answers calls with the implementation, sends its events as signals,
+/// describes itself to who asks.
 ///
 /// A final class with handlers of its own calls `Close` first in its destructor, since they may run until
 /// then.
@@ -178,7 +181,8 @@ protected:
         : InterfaceServer(bus, service.name),
           _service(service),
           _implementation(implementation),
-          _handlers(bus) {}
+          _handlers(bus),
+          _description(std::in_place, bus, service.path, DescriptionOf(service.name)) {}
 
     ~ServiceServer() override { Close(); }
 
@@ -189,6 +193,7 @@ protected:
             detach();
         }
         _detachers.clear();
+        _description.reset();
         _implementation = nullptr;
         _handlers.reset();
     }
@@ -284,6 +289,7 @@ private:
     std::atomic<Provider*> _implementation;
     std::vector<std::function<void()>> _detachers;
     std::optional<msgbus::MessageHandlerCollection> _handlers;
+    std::optional<msgbus::DescribedObject> _description;
 };
 
 }  // namespace zarip::interfaces
