@@ -15,7 +15,8 @@ class TimerService;
 ///
 /// The library reserves SIGUSR1 for timers: it is ignored by the process and waited for by one thread,
 /// "Timer", so an expiry interrupts nothing and a signal from outside does no harm. Programs that the process
-/// starts inherit that it is ignored.
+/// starts inherit that it is ignored. The child of a fork has neither timers nor that thread: a process that
+/// becomes a daemon does so before it makes its first timer.
 ///
 /// Failures throw `Exception`: "Invalid timer event", "Invalid clock", "Could not process request", "Invalid
 /// action", "Invalid signal", "Invalid setting", "Invalid timer ID", "UNKNOWN ERROR".
