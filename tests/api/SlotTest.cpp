@@ -19,6 +19,9 @@
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IOException.h>
+#include <zarip/osa/ITimeSource.h>
+#include <zarip/osa/ITimerCallback.h>
+#include <zarip/osa/IUdpBufferAccept.h>
 #include <zarip/osa/LockException.h>
 #include <zarip/osa/Runnable.h>
 #include <zarip/osa/Signal.h>
@@ -78,6 +81,9 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
         Table("LockException", 2, &osa::LockException::what),
         Table("SocketException", 2, &osa::SocketException::what),
         Table("Signal", 2, &osa::Signal::what),
+        Table("ITimeSource", 2, &osa::ITimeSource::GetTime, &osa::ITimeSource::SetTime),
+        Table("ITimerCallback", 2, &osa::ITimerCallback::OnTimer),
+        Table("IUdpBufferAccept", 2, &osa::IUdpBufferAccept::AcceptBuffer),
         Table("Runnable", 2, &osa::Runnable::Run, &osa::Runnable::Stop),
         Table("UdpServer", 2, &Udp::Run, &Udp::Stop,
               static_cast<void (Udp::*)(osa::IUdpBufferAccept*, unsigned int, signed char)>(&Udp::Start),
