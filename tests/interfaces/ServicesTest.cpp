@@ -56,7 +56,15 @@ protected:
     typename Service::Implementation _implementation;
 };
 
-TYPED_TEST_SUITE(ServiceTest, AllServices);
+struct ServiceNameOf {
+    template <class Service>
+    static string GetName(int /*index*/) {
+        const string path = Service::kPath;
+        return path.substr(path.rfind('/') + 1);
+    }
+};
+
+TYPED_TEST_SUITE(ServiceTest, AllServices, ServiceNameOf);
 
 TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
     const auto server = this->Serve(this->_bus);
