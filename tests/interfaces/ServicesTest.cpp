@@ -310,6 +310,10 @@ TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
     const std::unique_ptr<InterfaceServer> first(ISecurityProvider::CreateServer(&serverBus, &security));
     std::unique_ptr<InterfaceServer> second(INetworkingV2Provider::CreateServer(&serverBus, &networking));
     serverBus.StartServer();
+    // Of another connection, so not in this one's tree.
+    msgbus::MsgBus otherBus;
+    IStreamInfoProvider streams;
+    const std::unique_ptr<InterfaceServer> other(IStreamInfoProvider::CreateServer(&otherBus, &streams));
 
     const vector<string> own = {"org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"};
     const auto describe = [&](const char* path) {
