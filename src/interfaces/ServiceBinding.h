@@ -182,7 +182,7 @@ protected:
           _service(service),
           _implementation(implementation),
           _handlers(bus),
-          _description(std::in_place, bus, service.path, DescriptionOf(service.name)) {}
+          _description(bus, service.path, DescriptionOf(service.name)) {}
 
     ~ServiceServer() override { Close(); }
 
@@ -193,7 +193,6 @@ protected:
             detach();
         }
         _detachers.clear();
-        _description.reset();
         _implementation = nullptr;
         _handlers.reset();
     }
@@ -289,7 +288,7 @@ private:
     std::atomic<Provider*> _implementation;
     std::vector<std::function<void()>> _detachers;
     std::optional<msgbus::MessageHandlerCollection> _handlers;
-    std::optional<msgbus::DescribedObject> _description;
+    msgbus::DescribedObject _description;
 };
 
 }  // namespace zarip::interfaces

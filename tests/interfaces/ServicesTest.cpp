@@ -56,7 +56,15 @@ protected:
     typename Service::Implementation _implementation;
 };
 
-TYPED_TEST_SUITE(ServiceTest, AllServices);
+struct ServiceNameOf {
+    template <class Service>
+    static string GetName(int /*index*/) {
+        const string path = Service::kPath;
+        return path.substr(path.rfind('/') + 1);
+    }
+};
+
+TYPED_TEST_SUITE(ServiceTest, AllServices, ServiceNameOf);
 
 TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
     const auto server = this->Serve(this->_bus);
@@ -302,6 +310,10 @@ TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
     const std::unique_ptr<InterfaceServer> first(ISecurityProvider::CreateServer(&serverBus, &security));
     std::unique_ptr<InterfaceServer> second(INetworkingV2Provider::CreateServer(&serverBus, &networking));
     serverBus.StartServer();
+    // Of another connection, so not in this one's tree.
+    msgbus::MsgBus otherBus;
+    IStreamInfoProvider streams;
+    const std::unique_ptr<InterfaceServer> other(IStreamInfoProvider::CreateServer(&otherBus, &streams));
 
     const vector<string> own = {"org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"};
     const auto describe = [&](const char* path) {
