@@ -6,7 +6,8 @@
 //   LOCATION    where the description is: a URL, or a port, for /device.xml there at the own address
 //   MAX-AGE     the seconds for which others remember the device, 2 to 86400; 1800 if not given
 //
-// It works on the interface to which the system routes 239.255.255.250, with that interface's IPv4 address.
+// It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
+// there when it starts.
 // Anybody can send datagrams in the name of another, who would get the answers. So only searches that were
 // sent to the group from an address of the interface's own network are answered, a few at a time, and each
 // once, however often it came before it is answered. What is no search, or none of this device, is ignored.

@@ -72,9 +72,9 @@ public:
         ::waitpid(_pid, nullptr, WUNTRACED);
     }
     void Thaw() const { ::kill(_pid, SIGCONT); }
-    void AskToEnd() const { ::kill(_pid, SIGTERM); }
-
-    int WaitForEnd() {
+    /// Asks it to, and returns its exit status.
+    int End() {
+        ::kill(_pid, SIGTERM);
         int status = -1;
         ::waitpid(_pid, &status, 0);
         _pid = -1;
@@ -192,8 +192,7 @@ TEST_F(DiscoveryResponderTest, AnnouncesTheDeviceAgainAndAgainAndThatItGoes) {
                           "\r\n\r\n");
         }
     }
-    responder.AskToEnd();
-    EXPECT_EQ(responder.WaitForEnd(), 0);
+    EXPECT_EQ(responder.End(), 0);
     Texts last = ReceiveAll(listener);
     ASSERT_GE(last.size(), 3U);
     last.erase(last.begin(), last.end() - 3);
@@ -205,7 +204,7 @@ TEST_F(DiscoveryResponderTest, AnnouncesTheDeviceAgainAndAgainAndThatItGoes) {
 }
 
 TEST_F(DiscoveryResponderTest, AnswersSearchesForTheDeviceOnceAndNothingElse) {
-    const Responder responder("1800");
+    Responder responder("1800");
     ASSERT_TRUE(test::AddAddress(kFar));
     const UdpSocket stranger(kFar, 0, 0);
     Send(stranger, Search(kRoot));
@@ -272,10 +271,11 @@ TEST_F(DiscoveryResponderTest, AnswersSearchesForTheDeviceOnceAndNothingElse) {
     EXPECT_TRUE(answers == 3 || answers == 6) << answers;
     EXPECT_EQ(ReceiveAll(stranger), Texts());
     EXPECT_EQ(ReceiveAll(wrong), Texts());
+    EXPECT_EQ(responder.End(), 0);
 }
 
 TEST_F(DiscoveryResponderTest, MakesLittleOutOfAFlood) {
-    const Responder responder("1800");
+    Responder responder("1800");
     std::list<UdpSocket> ports;
     std::list<UdpSocket> hosts;
     responder.Freeze();
@@ -302,6 +302,7 @@ TEST_F(DiscoveryResponderTest, MakesLittleOutOfAFlood) {
     EXPECT_LE(answers[0], 20U);
     EXPECT_GE(answers[1], 1U);
     EXPECT_LE(answers[0] + answers[1], 40U);
+    EXPECT_EQ(responder.End(), 0);
 }
 
 }  // namespace
