@@ -174,18 +174,18 @@ class Bench:
         rows = [(pair[0], *over_rounds(result, results[0])) for pair, result in zip(self._pairs, results)]
         print_table(title, columns, rows)
 
-    def calls(self, size):
+    def calls(self, size, command="call", title="string to string"):
         count = 1000 if self._quick else 5000
 
         def measure(client, server):
             with self._peer(server, "serve") as serving, self._peer(client, "call") as calling:
-                calling.ask(f"call {count // 10} {size}")
+                calling.ask(f"{command} {count // 10} {size}")
                 before = serving.cpu()
-                median, client_cpu = map(float, calling.ask(f"call {count} {size}").split())
+                median, client_cpu = map(float, calling.ask(f"{command} {count} {size}").split())
                 return median, client_cpu, (serving.cpu() - before) * 1e6 / count
 
         columns = ["p50 us", "ratio", "client CPU", "ratio", "server CPU", "ratio"]
-        self._in_rounds(f"Bus call, string to string, {size} B (CPU in us a call)", columns, measure)
+        self._in_rounds(f"Bus call, {title}, {size} B (CPU in us a call)", columns, measure)
 
     def signals(self):
         count = 5000 if self._quick else 50000
@@ -226,6 +226,7 @@ def main():
         if options.only in (None, "calls"):
             bench.calls(64)
             bench.calls(4096)
+            bench.calls(32, "authenticate", "nine arguments to string")
         if options.only in (None, "signals"):
             bench.signals()
         if options.only in (None, "memory"):

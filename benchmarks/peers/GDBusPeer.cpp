@@ -41,10 +41,17 @@ void OwnName(GDBusConnection* connection) {
 }
 
 void ReplyWithArgument(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
-                       const gchar* /*interface*/, const gchar* /*method*/, GVariant* arguments,
+                       const gchar* /*interface*/, const gchar* method, GVariant* arguments,
                        GDBusMethodInvocation* invocation, gpointer /*data*/) {
     const gchar* text = nullptr;
-    g_variant_get(arguments, "(&s)", &text);
+    if (g_str_equal(method, kMethod) != FALSE) {
+        g_variant_get(arguments, "(&s)", &text);
+    } else {
+        gboolean flags[2] = {};
+        const gchar* others[6] = {};
+        g_variant_get(arguments, "(b&s&s&sb&s&s&s&s)", &flags[0], &others[0], &others[1], &others[2],
+                      &flags[1], &others[3], &others[4], &others[5], &text);
+    }
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text));
 }
 
@@ -62,6 +69,10 @@ void Serve(const std::function<void()>& ready) {
     GError* error = nullptr;
     GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(
         "<node><interface name='com.brelk.system.security'><method name='GetCredentials'>"
+        "<arg type='s' direction='in'/><arg type='s' direction='out'/></method>"
+        "<method name='AuthenticateHttp'><arg type='b' direction='in'/><arg type='s' direction='in'/>"
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='b' direction='in'/>"
+        "<arg type='s' direction='in'/><arg type='s' direction='in'/><arg type='s' direction='in'/>"
         "<arg type='s' direction='in'/><arg type='s' direction='out'/></method></interface></node>",
         &error);
     Check(error);
@@ -75,13 +86,13 @@ void Serve(const std::function<void()>& ready) {
     RunMainLoop();
 }
 
-std::function<std::string(const std::string&)> MakeCaller() {
+Caller MakeCaller() {
     GDBusConnection* const connection = Connect();
-    return [connection](const std::string& text) {
+    const auto answerTo = [connection](const char* method, GVariant* arguments) {
         GError* error = nullptr;
-        GVariant* const reply = g_dbus_connection_call_sync(
-            connection, kService, kPath, kService, kMethod, g_variant_new("(s)", text.c_str()),
-            G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+        GVariant* const reply =
+            g_dbus_connection_call_sync(connection, kService, kPath, kService, method, arguments,
+                                        G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
         Check(error);
         const gchar* answer = nullptr;
         g_variant_get(reply, "(&s)", &answer);
@@ -89,6 +100,14 @@ std::function<std::string(const std::string&)> MakeCaller() {
         g_variant_unref(reply);
         return result;
     };
+    return {
+        [answerTo](const std::string& text) { return answerTo(kMethod, g_variant_new("(s)", text.c_str())); },
+        [answerTo](const std::string& text) {
+            return answerTo(
+                kLongMethod,
+                g_variant_new("(bsssbssss)", TRUE, kTexts[0].c_str(), kTexts[1].c_str(), kTexts[2].c_str(),
+                              TRUE, kTexts[3].c_str(), kTexts[4].c_str(), kTexts[5].c_str(), text.c_str()));
+        }};
 }
 
 Emitter MakeEmitter() {

@@ -11,6 +11,10 @@ void Serve(const std::function<void()>& ready) {
     const auto object = sdbus::createObject(*connection, kPath);
     object->registerMethod(kMethod).onInterface(kService).implementedAs(
         [](const std::string& text) { return text; });
+    using Text = const std::string&;
+    object->registerMethod(kLongMethod)
+        .onInterface(kService)
+        .implementedAs([](bool, Text, Text, Text, bool, Text, Text, Text, Text text) { return text; });
     object->finishRegistration();
     connection->requestName(kService);
     ready();
@@ -18,14 +22,23 @@ void Serve(const std::function<void()>& ready) {
     Fail("the event loop ended");
 }
 
-std::function<std::string(const std::string&)> MakeCaller() {
+Caller MakeCaller() {
     const std::shared_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
     const std::shared_ptr<sdbus::IProxy> proxy = sdbus::createProxy(*connection, kService, kPath);
-    return [connection, proxy](const std::string& text) {
-        std::string answer;
-        proxy->callMethod(kMethod).onInterface(kService).withArguments(text).storeResultsTo(answer);
-        return answer;
-    };
+    return {[connection, proxy](const std::string& text) {
+                std::string answer;
+                proxy->callMethod(kMethod).onInterface(kService).withArguments(text).storeResultsTo(answer);
+                return answer;
+            },
+            [connection, proxy](const std::string& text) {
+                std::string answer;
+                proxy->callMethod(kLongMethod)
+                    .onInterface(kService)
+                    .withArguments(true, kTexts[0], kTexts[1], kTexts[2], true, kTexts[3], kTexts[4],
+                                   kTexts[5], text)
+                    .storeResultsTo(answer);
+                return answer;
+            }};
 }
 
 Emitter MakeEmitter() {

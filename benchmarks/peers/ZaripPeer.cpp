@@ -22,6 +22,12 @@ using zarip::msgbus::MsgBus;
 class EchoProvider final : public ISecurityProvider {
 public:
     std::string GetCredentials(const std::string& session) const override { return session; }
+    std::string AuthenticateHttp(bool /*digest*/, const std::string& /*user*/, const std::string& /*realm*/,
+                                 const std::string& /*nonce*/, bool /*hasQop*/,
+                                 const std::string& /*nonceCount*/, const std::string& /*clientNonce*/,
+                                 const std::string& /*uri*/, const std::string& response) override {
+        return response;
+    }
 };
 
 struct Service {
@@ -59,10 +65,14 @@ void Serve(const std::function<void()>& ready) {
     SleepForEver();
 }
 
-std::function<std::string(const std::string&)> MakeCaller() {
+Caller MakeCaller() {
     const auto client = std::make_shared<Client>();
     client->bus.StartServer();
-    return [client](const std::string& text) { return client->provider->GetCredentials(text); };
+    return {[client](const std::string& text) { return client->provider->GetCredentials(text); },
+            [client](const std::string& text) {
+                return client->provider->AuthenticateHttp(true, kTexts[0], kTexts[1], kTexts[2], true,
+                                                          kTexts[3], kTexts[4], kTexts[5], text);
+            }};
 }
 
 Emitter MakeEmitter() {

@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "osa/UniqueFd.h"
+#include "zarip/osa/Exception.h"
 
 namespace zarip::core {
 
@@ -28,6 +30,14 @@ bool ReadBlocks(const char* path, Take take) {
         } else if (errno != EINTR) {
             return false;
         }
+    }
+}
+
+/// The same, for callers to whom every failure is one.
+template <class Take>
+void ReadFileBlocks(const std::string& path, Take take) {
+    if (!ReadBlocks(path.c_str(), take)) {
+        throw osa::Exception("File '" + path + "' does not exist");
     }
 }
 

@@ -307,9 +307,7 @@ void StringUtil::ReadToEnd(std::istream& stream, std::string& out) {
 
 std::string StringUtil::ReadTextFile(const std::string& path) {
     std::string content;
-    if (!ReadBlocks(path.c_str(), [&](std::string_view block) { content.append(block); })) {
-        throw osa::Exception("File '" + path + "' does not exist");
-    }
+    ReadFileBlocks(path, [&](std::string_view block) { content.append(block); });
     return content;
 }
 

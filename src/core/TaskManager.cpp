@@ -1,8 +1,11 @@
 #include "zarip/core/TaskManager.h"
 
+#include <sched.h>
+
 #include <algorithm>
+#include <cstddef>
+#include <deque>
 #include <exception>
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -33,12 +36,108 @@ Microseconds ToMicroseconds(const osa::TimeStruct& time) {
     return static_cast<Microseconds>(time.seconds) * 1'000'000 + time.microseconds;
 }
 
-struct QueueItem {
-    Microseconds due;
-    std::unique_ptr<IVoidDelegate0> task;
+/// The tasks and their due times. *One thread at a time.*
+///
+/// Tasks mostly come in the order of their due times; those stand in a list, and only the others go through
+/// the heap.
+class DueQueue {
+public:
+    DueQueue() = default;
+    DueQueue(const DueQueue&) = delete;
+    DueQueue& operator=(const DueQueue&) = delete;
+    ~DueQueue() {
+        Delete(_inOrder);
+        Delete(_heap);
+    }
 
-    /// Reversed: the top of the heap is the task that is due soonest.
-    friend bool operator<(const QueueItem& a, const QueueItem& b) { return b.due < a.due; }
+    bool IsEmpty() const { return _inOrder.empty() && _heap.empty(); }
+    std::size_t GetSize() const { return _inOrder.size() + _heap.size(); }
+
+    /// The due time of the task that comes first; the queue must not be empty.
+    Microseconds GetNextDue() const {
+        if (_inOrder.empty()) {
+            return _heap.front().due;
+        }
+        return _heap.empty() ? _inOrder.front().due : std::min(_inOrder.front().due, _heap.front().due);
+    }
+
+    void Push(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
+        const Item item{due, task.get()};
+        if (_inOrder.empty() || _inOrder.back().due <= due) {
+            _inOrder.push_back(item);
+        } else {
+            _heap.push_back(item);
+            std::push_heap(_heap.begin(), _heap.end());
+        }
+        static_cast<void>(task.release());
+    }
+
+    std::unique_ptr<IVoidDelegate0> TakeNext() {
+        if (!_inOrder.empty() && (_heap.empty() || _inOrder.front().due <= _heap.front().due)) {
+            std::unique_ptr<IVoidDelegate0> task(_inOrder.front().task);
+            _inOrder.pop_front();
+            return task;
+        }
+        std::unique_ptr<IVoidDelegate0> task(_heap.front().task);
+        PopHeap();
+        return task;
+    }
+
+    /// Takes out what is bound to `target`.
+    std::vector<std::unique_ptr<IVoidDelegate0>> Remove(const void* target) {
+        std::vector<std::unique_ptr<IVoidDelegate0>> removed;
+        removed.reserve(GetSize());
+        const auto takes = [target, &removed](const Item& item) {
+            if (!item.task->Matches(target)) {
+                return false;
+            }
+            removed.emplace_back(item.task);
+            return true;
+        };
+        _inOrder.erase(std::remove_if(_inOrder.begin(), _inOrder.end(), takes), _inOrder.end());
+        _heap.erase(std::remove_if(_heap.begin(), _heap.end(), takes), _heap.end());
+        std::make_heap(_heap.begin(), _heap.end());
+        return removed;
+    }
+
+private:
+    /// A plain pointer, *owned* by the queue: the heap moves items all the time.
+    struct Item {
+        Microseconds due;
+        IVoidDelegate0* task;
+
+        /// Reversed: the top of the heap is the task that is due soonest.
+        friend bool operator<(const Item& a, const Item& b) { return b.due < a.due; }
+    };
+
+    template <class Items>
+    static void Delete(const Items& items) {
+        for (const Item& item : items) {
+            delete item.task;
+        }
+    }
+
+    /// Like std::pop_heap, but the choice between two children is no jump that the CPU has to guess: the gap
+    /// at the top sinks to the bottom, and the last item rises from there.
+    void PopHeap() {
+        const Item last = _heap.back();
+        _heap.pop_back();
+        const std::size_t size = _heap.size();
+        if (size == 0) {
+            return;
+        }
+        std::size_t gap = 0;
+        for (std::size_t child = 1; child < size; child = 2 * gap + 1) {
+            child += static_cast<std::size_t>(child + 1 < size && _heap[child + 1].due < _heap[child].due);
+            _heap[gap] = _heap[child];
+            gap = child;
+        }
+        _heap[gap] = last;
+        std::push_heap(_heap.begin(), _heap.begin() + static_cast<std::ptrdiff_t>(gap) + 1);
+    }
+
+    std::deque<Item> _inOrder;
+    std::vector<Item> _heap;
 };
 
 /// Rounded up: a wait must not end before its time.
@@ -73,8 +172,6 @@ private:
         return now;
     }
     bool IsDue() ZARIP_REQUIRES(_mutex);
-    std::unique_ptr<IVoidDelegate0> TakeTop() ZARIP_REQUIRES(_mutex);
-    bool WaitForTask(unsigned int milliseconds);
     void Run(IVoidDelegate0& task) const;
 
     Logger* _logger = Logger::GetLogger("TaskManager");
@@ -84,7 +181,7 @@ private:
     osa::Mutex _mutex{"TaskManager"};
     osa::Semaphore _wakeUp;
     int _maxCount;
-    std::vector<QueueItem> _queue ZARIP_GUARDED_BY(_mutex);
+    DueQueue _queue ZARIP_GUARDED_BY(_mutex);
     Microseconds _lastNow ZARIP_GUARDED_BY(_mutex) = 0;
     int _waiting ZARIP_GUARDED_BY(_mutex) = 0;
     int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that nobody has taken yet
@@ -97,11 +194,10 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     bool wakes = false;
     {
         const osa::MutexAutoLock lock(&_mutex);
-        if (!evenIfFull && static_cast<long long>(_queue.size()) >= _maxCount) {
+        if (!evenIfFull && static_cast<long long>(_queue.GetSize()) >= _maxCount) {
             throw osa::Exception("maxCount was reached");
         }
-        _queue.push_back({ToMicroseconds(due), std::move(task)});
-        std::push_heap(_queue.begin(), _queue.end());
+        _queue.Push(ToMicroseconds(due), std::move(task));
         wakes = _woken < _waiting;
         _woken += wakes ? 1 : 0;
     }
@@ -115,21 +211,10 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
 }
 
 void TaskManager::TaskManagerImpl::Dequeue(void* target) {
-    std::vector<QueueItem> dropped;  // deleted without the lock: a task's end may use the queue
+    // Deleted without the lock: the end of a task may use the queue.
+    std::vector<std::unique_ptr<IVoidDelegate0>> removed;
     const osa::MutexAutoLock lock(&_mutex);
-    const auto first = std::partition(_queue.begin(), _queue.end(), [target](const QueueItem& item) {
-        return !item.task->Matches(target);
-    });
-    std::move(first, _queue.end(), std::back_inserter(dropped));
-    _queue.erase(first, _queue.end());
-    std::make_heap(_queue.begin(), _queue.end());
-}
-
-std::unique_ptr<IVoidDelegate0> TaskManager::TaskManagerImpl::TakeTop() {
-    std::pop_heap(_queue.begin(), _queue.end());
-    std::unique_ptr<IVoidDelegate0> task = std::move(_queue.back().task);
-    _queue.pop_back();
-    return task;
+    removed = _queue.Remove(target);
 }
 
 void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
@@ -144,24 +229,13 @@ void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
 
 /// Whether the top of the queue is due, by a time read before if that says so already.
 bool TaskManager::TaskManagerImpl::IsDue() {
-    if (_queue.empty()) {
+    if (_queue.IsEmpty()) {
         return false;
     }
-    if (!_isMonotonic || _queue.front().due > _lastNow) {
+    if (!_isMonotonic || _queue.GetNextDue() > _lastNow) {
         _lastNow = ToMicroseconds(Now());
     }
-    return _queue.front().due <= _lastNow;
-}
-
-/// Waits for a task to be queued, by the one who has counted itself into `_waiting`.
-bool TaskManager::TaskManagerImpl::WaitForTask(unsigned int milliseconds) {
-    const bool woken = _wakeUp.TryLock(milliseconds);
-    const osa::MutexAutoLock lock(&_mutex);
-    --_waiting;
-    if (woken) {
-        --_woken;
-    }
-    return woken;
+    return _queue.GetNextDue() <= _lastNow;
 }
 
 bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
@@ -169,18 +243,33 @@ bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
     if (timeoutMs > 0) {
         target = ToMicroseconds(Now()) + static_cast<Microseconds>(timeoutMs) * 1'000;
     }
+    bool hasYielded = false;
+    bool hasWaited = false;
+    bool woken = false;
+    bool isLast = false;
     for (;;) {
         std::unique_ptr<IVoidDelegate0> task;
+        bool yields = false;
         long long wait = 0;
         {
             const osa::MutexAutoLock lock(&_mutex);
+            if (hasWaited) {
+                hasWaited = false;
+                --_waiting;
+                _woken -= woken ? 1 : 0;
+                if (!woken && isLast) {
+                    return false;
+                }
+            }
             if (IsDue()) {
-                task = TakeTop();
+                task = _queue.TakeNext();
             } else if (timeoutMs == 0) {
                 return false;
+            } else if (_queue.IsEmpty() && !hasYielded) {
+                yields = true;
             } else {
-                if (!_queue.empty()) {
-                    target = std::min(target, _queue.front().due);
+                if (!_queue.IsEmpty()) {
+                    target = std::min(target, _queue.GetNextDue());
                 }
                 wait = target == kNever ? kNever : ToMilliseconds(target - ToMicroseconds(Now()));
                 if (wait < 0) {
@@ -193,12 +282,16 @@ bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
             Run(*task);
             return true;
         }
-        const bool isLast = wait <= kLookAgainMs;
-        if (!WaitForTask(wait == kNever ? kNoLimit
-                                        : static_cast<unsigned int>(std::min(wait, kLookAgainMs))) &&
-            isLast) {
-            return false;
+        if (yields) {
+            // Whoever queued the last task may be about to queue more, and need not wake us for them.
+            ::sched_yield();
+            hasYielded = true;
+            continue;
         }
+        isLast = wait <= kLookAgainMs;
+        woken = _wakeUp.TryLock(wait == kNever ? kNoLimit
+                                               : static_cast<unsigned int>(std::min(wait, kLookAgainMs)));
+        hasWaited = true;
     }
 }
 

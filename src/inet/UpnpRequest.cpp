@@ -2,7 +2,6 @@
 
 #include "inet/Address.h"
 #include "inet/Text.h"
-#include "inet/UpnpHeaders.h"
 #include "zarip/inet/ParserException.h"
 
 namespace zarip::inet {
@@ -19,7 +18,7 @@ constexpr MethodRow kMethods[] = {{"M-SEARCH", UpnpRequest::MSER}, {"NOTIFY", Up
 }  // namespace
 
 UpnpRequest::UpnpRequest() {
-    SetProtocol(kUpnpProtocol);
+    SetProtocol("HTTP/1.1");
     SetPath("*");
     SetDest(ParseAddress("239.255.255.250:1900"));
 }
@@ -53,74 +52,6 @@ unsigned int UpnpRequest::GetMethod() const {
 
 void UpnpRequest::SetMethod(unsigned int method) {
     _upnpMethod = method;
-}
-
-const std::string* UpnpRequest::GetHost() const {
-    return GetHeader(kHost);
-}
-
-void UpnpRequest::SetHost(const char* value) {
-    SetUpnpHeader(*this, kHost, value);
-}
-
-const std::string* UpnpRequest::GetST() const {
-    return GetHeader(kSearchTarget);
-}
-
-void UpnpRequest::SetST(const char* value) {
-    SetUpnpHeader(*this, kSearchTarget, value);
-}
-
-const std::string* UpnpRequest::GetMX() const {
-    return GetHeader(kMaxWait);
-}
-
-const std::string* UpnpRequest::GetUSN() const {
-    return GetHeader(kServiceName);
-}
-
-void UpnpRequest::SetUSN(const char* value) {
-    SetUpnpHeader(*this, kServiceName, value);
-}
-
-const std::string* UpnpRequest::GetLocation() const {
-    return GetHeader(kLocation);
-}
-
-void UpnpRequest::SetLocation(const char* value) {
-    SetUpnpHeader(*this, kLocation, value);
-}
-
-const std::string* UpnpRequest::GetCatchControl() const {
-    return GetHeader(kCacheControl);
-}
-
-void UpnpRequest::SetCatchControl(const char* value) {
-    SetUpnpHeader(*this, kCacheControl, value);
-}
-
-const std::string* UpnpRequest::GetNT() const {
-    return GetHeader(kNotificationType);
-}
-
-void UpnpRequest::SetNT(const char* value) {
-    SetUpnpHeader(*this, kNotificationType, value);
-}
-
-const std::string* UpnpRequest::GetNTS() const {
-    return GetHeader(kNotificationSubType);
-}
-
-void UpnpRequest::SetNTS(const char* value) {
-    SetUpnpHeader(*this, kNotificationSubType, value);
-}
-
-const std::string* UpnpRequest::GetServer() const {
-    return GetHeader(kServer);
-}
-
-void UpnpRequest::SetServer(const char* value) {
-    SetUpnpHeader(*this, kServer, value);
 }
 
 }  // namespace zarip::inet

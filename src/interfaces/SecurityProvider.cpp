@@ -138,7 +138,7 @@ private:
 
 }  // namespace
 
-ISecurityProvider::ISecurityProvider() : _timeout(5000) {}
+ISecurityProvider::ISecurityProvider() : _timeout(kDefaultTimeout) {}
 ISecurityProvider::~ISecurityProvider() = default;
 
 ISecurityProvider* ISecurityProvider::CreateClient(msgbus::IMsgBus* bus) {

@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "interfaces/Descriptions.h"
+#include "msgbus/DescribedObject.h"
 #include "zarip/core/Delegate.h"
 #include "zarip/core/Event.h"
 #include "zarip/interfaces/InterfaceServer.h"
@@ -53,6 +55,9 @@ msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const Record<Fields...
                static_cast<const std::tuple<Fields...>&>(record));
     return message;
 }
+
+/// How long a proxy waits for a reply unless told otherwise, in milliseconds.
+constexpr int kDefaultTimeout = 5000;
 
 /// The body of a member that an implementation does not override.
 [[noreturn]] inline void Unimplemented() {
@@ -163,7 +168,8 @@ msgbus::IMessageHandler* MakeHandler(core::IVoidDelegate1<A>* delegate) {
 
 }  // namespace internal
 
-/// A server adapter: owns the bus name, answers calls with the implementation, sends its events as signals.
+/// A server adapter: owns the bus name, answers calls with the implementation, sends its events as signals,
+/// describes itself to who asks.
 ///
 /// A final class with handlers of its own calls `Close` first in its destructor, since they may run until
 /// then.
@@ -175,7 +181,8 @@ protected:
         : InterfaceServer(bus, service.name),
           _service(service),
           _implementation(implementation),
-          _handlers(bus) {}
+          _handlers(bus),
+          _description(bus, service.path, DescriptionOf(service.name)) {}
 
     ~ServiceServer() override { Close(); }
 
@@ -281,6 +288,7 @@ private:
     std::atomic<Provider*> _implementation;
     std::vector<std::function<void()>> _detachers;
     std::optional<msgbus::MessageHandlerCollection> _handlers;
+    msgbus::DescribedObject _description;
 };
 
 }  // namespace zarip::interfaces

@@ -10,6 +10,7 @@
 
 #include "msgbus/DBusText.h"
 #include "msgbus/DBusWatcher.h"
+#include "msgbus/DescribedObject.h"
 #include "msgbus/MessageDispatcher.h"
 #include "msgbus/MsgBusMsgImpl.h"
 #include "osa/Wait.h"
@@ -694,7 +695,8 @@ bool MsgBus::MsgBusImpl::DispatchMsg(DBusMessage* message) {
         return true;
     }
     const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
-    return _dispatcher.Dispatch(wrapped, View(interface), View(member), isSignal, *_bus);
+    return _dispatcher.Dispatch(wrapped, View(interface), View(member), isSignal, *_bus) ||
+           AnswerIntrospect(wrapped, *_bus);
 }
 
 // ------------------------------------------------------------------------------------------------------------

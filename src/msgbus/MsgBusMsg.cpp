@@ -78,6 +78,11 @@ MsgBusMsg::MsgBusMsg(MsgBusMsgType type) : _impl(NewMessage(type)) {}
 
 MsgBusMsg::MsgBusMsg(const MsgBusMsg& other) : _impl(CopyMessage(*other._impl)) {}
 
+MsgBusMsg::MsgBusMsg(DBusMessage* message)
+    : _impl(std::make_unique<MsgBusMsgImpl>(message != nullptr ? dbus_message_ref(message) : nullptr, true)) {
+    _impl->MarkSent();
+}
+
 MsgBusMsg::MsgBusMsg(MsgBusMsgImpl* impl) : _impl(impl) {
     if (!_impl) {
         throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");

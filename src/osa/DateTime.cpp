@@ -14,7 +14,7 @@ constexpr long long kSecond = 1'000'000;
 constexpr long long kDay = 86'400 * kSecond;
 constexpr int kMonthDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 
-bool IsLeap(int year) {
+constexpr bool IsLeap(int year) {
     return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
 }
 
@@ -23,13 +23,13 @@ int DaysOf(int year, int month) {
 }
 
 /// Days from 1970-01-01 to the first day of a year.
-long long DaysBefore(int year) {
+constexpr long long DaysBefore(int year) {
     const long long whole = year - 1;
     return whole * 365 + whole / 4 - whole / 100 + whole / 400 - 719'162;
 }
 
-const long long kEarliest = DaysBefore(1) * kDay;
-const long long kLatest = DaysBefore(10'000) * kDay - 1;
+constexpr long long kEarliest = DaysBefore(1) * kDay;
+constexpr long long kLatest = DaysBefore(10'000) * kDay - 1;
 
 long long FloorDivide(long long value, long long divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
@@ -216,6 +216,7 @@ DateTime::Fields DateTime::GetFields() const {
 DateTime::Fields DateTime::GetLocalFields() const {
     const auto seconds = static_cast<time_t>(FloorDivide(_microseconds, kSecond));
     tm local{};
+    ::tzset();  // localtime_r alone would keep the zone that it has seen first
     if (::localtime_r(&seconds, &local) == nullptr) {
         throw Exception("Invalid date");
     }

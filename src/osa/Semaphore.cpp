@@ -1,7 +1,9 @@
 #include "zarip/osa/Semaphore.h"
 
 #include <pthread.h>
+#include <time.h>
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -18,6 +20,7 @@ struct Semaphore::Context {
     int count;
     int maxCount;
     int waiters;
+    std::atomic<int> signalling{0};  ///< those in `Release` who still have to signal `available`
 };
 
 namespace {
@@ -47,6 +50,11 @@ Semaphore::Semaphore(const char* name, unsigned short maxCount, unsigned short i
 }
 
 Semaphore::~Semaphore() {
+    // A sleep, since a thread of high priority that only yields would keep the signalling one from its CPU.
+    while (_context->signalling.load(std::memory_order_acquire) != 0) {
+        const timespec pause{0, 50'000};
+        ::clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
+    }
     ::pthread_cond_destroy(&_context->available);
     ::pthread_mutex_destroy(&_context->mutex);
 }
@@ -95,11 +103,17 @@ void Semaphore::Release() {
         LockRecord(&context->mutex);
         if (context->count < context->maxCount) {
             ++context->count;
-            // Signalled with the lock held: a waiter that takes this unit may destroy the semaphore at once.
-            if (context->waiters > 0) {
-                ::pthread_cond_signal(&context->available);
+            const bool wakes = context->waiters > 0;
+            if (wakes) {
+                context->signalling.fetch_add(1, std::memory_order_relaxed);
             }
             ::pthread_mutex_unlock(&context->mutex);
+            // Signalled without the lock: on one CPU the waiter runs at once and would only find it taken.
+            // A waiter that takes this unit may destroy the semaphore meanwhile; its destructor waits.
+            if (wakes) {
+                ::pthread_cond_signal(&context->available);
+                context->signalling.fetch_sub(1, std::memory_order_release);
+            }
             return;
         }
         ::pthread_mutex_unlock(&context->mutex);

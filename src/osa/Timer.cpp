@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cerrno>
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
@@ -54,11 +56,11 @@ void Check(int result, const ErrorRow (&rows)[N]) {
     throw Exception("%s", rows[row].text);
 }
 
-/// The POSIX timer, which the copies of a `Timer` share.
+/// The POSIX timer, which the copies of a `Timer` share; guarded by the service's mutex.
 class Alarm {
 public:
-    /// @param id  comes back with the signal.
-    Alarm(int id, pid_t thread) {
+    /// @param itsId  comes back with the signal.
+    Alarm(int itsId, pid_t thread, ITimerCallback* itsCallback) : id(itsId), callback(itsCallback) {
         sigevent event{};
         event.sigev_notify = SIGEV_THREAD_ID;
         event.sigev_signo = kSignal;
@@ -77,11 +79,35 @@ public:
     }
 
     void Delete() {
-        if (!_deleted.exchange(true)) {
+        if (!_deleted) {
             ::timer_delete(_timer);
         }
+        _deleted = true;
+        armed = false;
     }
 
+    void Arm(const TimeStruct& time) {
+        itimerspec setting{};
+        setting.it_value.tv_sec = static_cast<time_t>(time.seconds);
+        // All zero would disarm.
+        setting.it_value.tv_nsec = time == TimeStruct() ? 1 : static_cast<long>(time.microseconds) * 1'000;
+        Set(setting);
+        expiry = time;
+        armed = true;
+    }
+
+    void Disarm() {
+        Set(itimerspec{});
+        armed = false;
+    }
+
+    const int id;
+    ITimerCallback* const callback;
+    TimeStruct expiry;
+    void* userData = nullptr;
+    bool armed = false;
+
+private:
     void Set(const itimerspec& setting) {
         if (_deleted) {
             throw Exception("Invalid timer ID");
@@ -89,9 +115,8 @@ public:
         Check(::timer_settime(_timer, TIMER_ABSTIME, &setting, nullptr), kSetRows);
     }
 
-private:
     timer_t _timer{};
-    std::atomic<bool> _deleted{false};
+    bool _deleted = false;
 };
 
 bool HasCome(const TimeStruct& time) {
@@ -100,23 +125,18 @@ bool HasCome(const TimeStruct& time) {
 
 }  // namespace
 
-/// The fields are guarded by the service's mutex.
+/// What this timer was started for last, and what it shares with its copies.
 struct Timer::PosixTimerContext {
-    int id = 0;
     std::shared_ptr<Alarm> alarm;
     TimeStruct expiry;
     void* userData = nullptr;
-    ITimerCallback* callback = nullptr;
-    bool armed = false;
-    bool running = false;
 };
 
 /// The thread "Timer" and the timers of the process; made with the first of them and never destroyed.
 ///
-/// A signal carries the number of a timer, never an address, so one that comes late, or from a stranger,
+/// A signal carries the number of an alarm, never an address, so one that comes late, or from a stranger,
 /// finds nothing.
-/// `_mutex` guards the table and the timers and is not held while a callback runs; `_idle` is given whenever
-/// one has ended while somebody waited for that.
+/// `_mutex` guards the table and the timers and is not held while a callback runs.
 class TimerService final : public Runnable {
 public:
     using Context = Timer::PosixTimerContext;
@@ -126,62 +146,49 @@ public:
         return *service;
     }
 
-    void Add(const std::shared_ptr<Context>& context, ITimerCallback* callback) {
+    void Add(Context& context, ITimerCallback* callback) {
         const MutexAutoLock lock(&_mutex);
-        context->id = _nextId++;
-        context->callback = callback;
-        context->alarm = std::make_shared<Alarm>(context->id, _threadId);
-        _timers[context->id] = context;
+        int id = 0;
+        do {
+            id = static_cast<int>(_nextId++);
+        } while (_alarms.count(id) != 0);
+        context.alarm = std::make_shared<Alarm>(id, _threadId, callback);
+        _alarms[id] = context.alarm;
     }
 
-    void AddCopy(const std::shared_ptr<Context>& context, const Context& original) {
-        const MutexAutoLock lock(&_mutex);
-        *context = original;
-        context->armed = false;
-        context->running = false;
-    }
-
-    void Arm(Context& context, const TimeStruct& expiry, void* userData) {
-        itimerspec setting{};
-        setting.it_value.tv_sec = static_cast<time_t>(expiry.seconds);
-        // All zero would disarm.
-        setting.it_value.tv_nsec =
-            expiry == TimeStruct() ? 1 : static_cast<long>(expiry.microseconds) * 1'000;
-        const MutexAutoLock lock(&_mutex);
-        context.alarm->Set(setting);
-        // The signal of a copy finds the timer that the alarm was made for.
-        Context& target = Target(context);
-        target.expiry = context.expiry = expiry;
-        target.userData = context.userData = userData;
-        target.armed = true;
-    }
-
-    void Disarm(Context& context) {
-        {
-            const MutexAutoLock lock(&_mutex);
-            context.alarm->Set(itimerspec{});
-            Target(context).armed = false;
-        }
-        WaitForCallback(context);
-    }
-
-    /// What the timer was armed for last.
-    Context Get(const Context& context) {
+    Context Copy(const Context& context) {
         const MutexAutoLock lock(&_mutex);
         return context;
     }
 
-    void Remove(Context& context) {
+    void Arm(Context& context, const TimeStruct& expiry, void* userData) {
+        const MutexAutoLock lock(&_mutex);
+        context.alarm->Arm(expiry);
+        context.alarm->userData = userData;
+        context.expiry = expiry;
+        context.userData = userData;
+    }
+
+    enum class Ending { kDisarm, kDelete };
+
+    /// Returns when the callback does not run, unless this is the callback.
+    void End(Alarm& alarm, Ending ending) {
+        std::unique_ptr<Semaphore> ended;
         {
             const MutexAutoLock lock(&_mutex);
-            context.alarm->Delete();
-            Target(context).armed = false;
-            const auto entry = _timers.find(context.id);
-            if (entry != _timers.end() && entry->second.get() == &context) {
-                _timers.erase(entry);
+            if (ending == Ending::kDisarm) {
+                alarm.Disarm();
+            } else {
+                alarm.Delete();
+                _alarms.erase(alarm.id);
             }
+            if (_running != &alarm || Thread::CurrentThread::ThreadPtr() == &_thread) {
+                return;
+            }
+            ended = std::make_unique<Semaphore>("TimerService::ended", 1, 0);
+            _waiting.push_back(ended.get());
         }
-        WaitForCallback(context);
+        ended->Lock();
     }
 
     void Run() override {
@@ -212,66 +219,56 @@ private:
         _ready.Lock();
     }
 
-    Context& Target(Context& context) ZARIP_REQUIRES(_mutex) {
-        const auto entry = _timers.find(context.id);
-        return entry != _timers.end() ? *entry->second : context;
-    }
-
     void Fire(int id) {
-        std::shared_ptr<Context> context;
+        std::shared_ptr<Alarm> alarm;
         TimeStruct expiry;
         void* userData = nullptr;
         {
             const MutexAutoLock lock(&_mutex);
-            const auto entry = _timers.find(id);
-            // A signal that was on its way when the timer was stopped or set to a later time is of no more
-            // use.
-            if (entry == _timers.end() || !entry->second->armed || !HasCome(entry->second->expiry)) {
+            const auto entry = _alarms.find(id);
+            // The signal may have been on its way when the timer was stopped.
+            if (entry == _alarms.end() || !entry->second->armed) {
                 return;
             }
-            context = entry->second;
-            context->armed = false;
-            context->running = true;
-            expiry = context->expiry;
-            userData = context->userData;
+            alarm = entry->second;
+            expiry = alarm->expiry;
+            userData = alarm->userData;
+            if (!HasCome(expiry)) {
+                // It was set to a later time meanwhile, or the clock was set back: then the system's timer,
+                // which fires once, has to be set again.
+                alarm->Arm(expiry);
+                return;
+            }
+            alarm->armed = false;
+            _running = alarm.get();
         }
         try {
-            context->callback->OnTimer(expiry, userData);
+            alarm->callback->OnTimer(expiry, userData);
         } catch (const std::exception& e) {
             _logger->Error("Exception in timer callback: %s", e.what());
         } catch (...) {
             _logger->Error("Exception in timer callback: %s", "unknown");
         }
         const MutexAutoLock lock(&_mutex);
-        context->running = false;
-        for (; _waiters > 0; --_waiters) {
-            _idle.Release();
+        _running = nullptr;
+        if (!_waiting.empty()) {
+            // The callback may have started its timer again, but it is being stopped.
+            alarm->armed = false;
         }
-    }
-
-    void WaitForCallback(Context& context) {
-        if (Thread::CurrentThread::ThreadPtr() == &_thread) {
-            return;
+        for (Semaphore* const ended : _waiting) {
+            ended->Release();
         }
-        for (;;) {
-            {
-                const MutexAutoLock lock(&_mutex);
-                if (!Target(context).running && !context.running) {
-                    return;
-                }
-                ++_waiters;
-            }
-            _idle.Lock();
-        }
+        _waiting.clear();
     }
 
     core::Logger* _logger = core::Logger::GetLogger("Timer");
     Mutex _mutex{"TimerService"};
     Semaphore _ready{"TimerService::ready", 1, 0};
-    Semaphore _idle{"TimerService::idle", 0xFFFF, 0};
-    int _waiters ZARIP_GUARDED_BY(_mutex) = 0;
-    int _nextId ZARIP_GUARDED_BY(_mutex) = 1;
-    std::map<int, std::shared_ptr<Context>> _timers ZARIP_GUARDED_BY(_mutex);
+    unsigned int _nextId ZARIP_GUARDED_BY(_mutex) = 1;
+    std::map<int, std::shared_ptr<Alarm>> _alarms ZARIP_GUARDED_BY(_mutex);
+    /// Whose callback runs, and those who wait for its end.
+    const Alarm* _running ZARIP_GUARDED_BY(_mutex) = nullptr;
+    std::vector<Semaphore*> _waiting ZARIP_GUARDED_BY(_mutex);
     std::atomic<pid_t> _threadId{0};
     Thread _thread;
 };
@@ -280,27 +277,25 @@ Timer::Timer(ITimerCallback* callback) {
     if (callback == nullptr) {
         throw Exception("Illegal NULL callback");
     }
-    _context = std::make_shared<PosixTimerContext>();
-    TimerService::Get().Add(_context, callback);
+    _context = std::make_unique<PosixTimerContext>();
+    TimerService::Get().Add(*_context, callback);
 }
 
-Timer::Timer(const Timer& other) : _context(std::make_shared<PosixTimerContext>()) {
-    TimerService::Get().AddCopy(_context, *other._context);
-}
+Timer::Timer(const Timer& other)
+    : _context(std::make_unique<PosixTimerContext>(TimerService::Get().Copy(*other._context))) {}
 
 Timer& Timer::operator=(const Timer& other) {
-    if (this != &other) {
-        auto copy = std::make_shared<PosixTimerContext>();
-        TimerService::Get().AddCopy(copy, *other._context);
-        TimerService::Get().Remove(*_context);
-        _context = std::move(copy);
+    auto copy = std::make_unique<PosixTimerContext>(TimerService::Get().Copy(*other._context));
+    if (copy->alarm != _context->alarm) {
+        TimerService::Get().End(*_context->alarm, TimerService::Ending::kDelete);
     }
+    _context = std::move(copy);
     return *this;
 }
 
 Timer::~Timer() {
     try {
-        TimerService::Get().Remove(*_context);
+        TimerService::Get().End(*_context->alarm, TimerService::Ending::kDelete);
     } catch (...) {
         // Waiting for the callback failed; there is nothing else to do.
     }
@@ -311,13 +306,13 @@ void Timer::Start(const TimeStruct& expiry, void* userData) {
 }
 
 void Timer::Stop() {
-    TimerService::Get().Disarm(*_context);
+    TimerService::Get().End(*_context->alarm, TimerService::Ending::kDisarm);
 }
 
 void Timer::Expire() {
     Stop();
-    const PosixTimerContext armed = TimerService::Get().Get(*_context);
-    armed.callback->OnTimer(armed.expiry, armed.userData);
+    const PosixTimerContext started = TimerService::Get().Copy(*_context);
+    started.alarm->callback->OnTimer(started.expiry, started.userData);
 }
 
 }  // namespace zarip::osa

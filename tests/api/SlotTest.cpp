@@ -8,11 +8,20 @@
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/IHttpHandler.h>
 #include <zarip/inet/InetBase.h>
+#include <zarip/interfaces/IAudioLineOutProvider.h>
+#include <zarip/interfaces/IBrelkServicesProvider.h>
+#include <zarip/interfaces/INetworkingV2Provider.h>
+#include <zarip/interfaces/IPtzSerialProvider.h>
 #include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/interfaces/ISmRegistrationProvider.h>
+#include <zarip/interfaces/IStreamInfoProvider.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IOException.h>
+#include <zarip/osa/ITimeSource.h>
+#include <zarip/osa/ITimerCallback.h>
+#include <zarip/osa/IUdpBufferAccept.h>
 #include <zarip/osa/LockException.h>
 #include <zarip/osa/Runnable.h>
 #include <zarip/osa/Signal.h>
@@ -72,6 +81,9 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
         Table("LockException", 2, &osa::LockException::what),
         Table("SocketException", 2, &osa::SocketException::what),
         Table("Signal", 2, &osa::Signal::what),
+        Table("ITimeSource", 2, &osa::ITimeSource::GetTime, &osa::ITimeSource::SetTime),
+        Table("ITimerCallback", 2, &osa::ITimerCallback::OnTimer),
+        Table("IUdpBufferAccept", 2, &osa::IUdpBufferAccept::AcceptBuffer),
         Table("Runnable", 2, &osa::Runnable::Run, &osa::Runnable::Stop),
         Table("UdpServer", 2, &Udp::Run, &Udp::Stop,
               static_cast<void (Udp::*)(osa::IUdpBufferAccept*, unsigned int, signed char)>(&Udp::Start),
@@ -96,6 +108,30 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
               &Security::GetPassphrase, &Security::DeletePassphrase),
     };
     CheckPlaces(interfaces);
+}
+
+TEST(SlotTest, MembersOfServicesKeepTheirPlaces) {
+    using Networking = interfaces::INetworkingV2Provider;
+    using Stream = interfaces::IStreamInfoProvider;
+    using Ptz = interfaces::IPtzSerialProvider;
+    using Audio = interfaces::IAudioLineOutProvider;
+    using Registration = interfaces::ISmRegistrationProvider;
+    using Directory = interfaces::IBrelkServicesProvider;
+    const Interface interfaces[] = {
+        Table("INetworkingV2Provider", 2, &Networking::Get, &Networking::Set),
+        Table("IStreamInfoProvider", 2, &Stream::GetCurrentVideoConnections,
+              &Stream::GetGuaranteedVideoConnections),
+        Table("IPtzSerialProvider", 2, &Ptz::SetPtzSerialSettingsAndInitialize,
+              &Ptz::GetPtzSerialSettingsAndInitialize, &Ptz::SetPtzPollingState, &Ptz::GetPtzPollingState),
+        Table("IAudioLineOutProvider", 2, &Audio::Connect, &Audio::Disconnect, &Audio::KeepAlive,
+              &Audio::Query),
+        Table("ISmRegistrationProvider", 2, &Registration::IsRegistered, &Registration::IsSynced,
+              &Registration::ResetSecurity, &Registration::ResetSynced, &Registration::ForceRegister),
+        Table("IBrelkServicesProvider", 2, &Directory::GetAllServices, &Directory::GetServicesByDeviceType,
+              &Directory::GetCameraDeviceNames),
+    };
+    CheckPlaces(interfaces);
+    static_assert(sizeof(Audio) == sizeof(void*), "the time-out is the proxy's");
 }
 
 TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@ namespace {
 
 thread_local FailingCall* t_failing = nullptr;
 thread_local bool t_clockIsAhead = false;
+thread_local bool t_clockIsBack = false;
 
 /// The function behind the one that is defined here: the sanitizer's where there is one, else the C
 /// library's.
@@ -57,6 +59,10 @@ ClockSetBack::ClockSetBack() {
 
 ClockSetBack::~ClockSetBack() {
     t_clockIsAhead = false;
+}
+
+void SetClockBackForOneLook() {
+    t_clockIsBack = true;
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -118,6 +124,14 @@ __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timesp
     if (clock == CLOCK_REALTIME && std::exchange(t_clockIsAhead, false)) {
         time->tv_sec += 3600;
     }
+    return result;
+}
+
+__attribute__((visibility("default"))) int gettimeofday(timeval* time, void*) noexcept {
+    timespec now{};
+    const int result = ::clock_gettime(CLOCK_REALTIME, &now);
+    time->tv_sec = std::exchange(t_clockIsBack, false) ? 0 : now.tv_sec;
+    time->tv_usec = static_cast<suseconds_t>(now.tv_nsec / 1'000);
     return result;
 }
 

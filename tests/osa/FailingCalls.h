@@ -2,6 +2,9 @@
 
 #include <functional>
 
+/// The calling thread's next look at the clock by gettimeofday shows 1970.
+void SetClockBackForOneLook();
+
 /// Makes one call of the C library fail for the calling thread, for the length of a scope. The functions that
 /// can fail so are listed in FailingCalls.cpp.
 class FailingCall {

@@ -307,8 +307,8 @@ TEST(TcpSocket, DescriptorsAbove1024Work) {
         fill.push_back(fd);
     }
     {
-        TcpServer server("127.0.0.1", 0);
         Acceptor acceptor(Echo);
+        TcpServer server("127.0.0.1", 0);
         server.Start(&acceptor, 1);
         TcpSocket client;
         client.Connect("127.0.0.1", server.GetLocalPort(), 10);
@@ -329,14 +329,13 @@ TEST(TcpServer, StopsPromptlyInEveryState) {
         neverStarted.Stop();
     }
     for (const char* address : {"127.0.0.2", "127.0.0.1"}) {
-        TcpServer server(address, 0);
         Acceptor acceptor(Echo);
+        TcpServer server(address, 0);
         server.Start(&acceptor, 1);
         server.Stop();
     }
     // In the middle of a connection that says nothing, and of one that reads nothing.
     for (const bool sends : {false, true}) {
-        TcpServer server("127.0.0.1", 0);
         Semaphore serving("serving", 1, 0);
         std::atomic<bool> cancelled{false};
         Acceptor acceptor([&](TcpSocket& socket) {
@@ -351,6 +350,7 @@ TEST(TcpServer, StopsPromptlyInEveryState) {
                 cancelled = e.ToString() == "Socket was closed";
             }
         });
+        TcpServer server("127.0.0.1", 0);
         server.Start(&acceptor, 1);
         TcpSocket client;
         client.Connect("127.0.0.1", server.GetLocalPort(), 10);
@@ -385,7 +385,6 @@ TEST(TcpServer, TellsWhyItCannotListen) {
 
 TEST(TcpServer, SurvivesWhatItsAcceptorThrowsAndPeersThatReset) {
     test::LogCapture log(core::Logger::kError);
-    TcpServer server("127.0.0.1", 0);
     std::atomic<int> calls{0};
     Acceptor acceptor([&](TcpSocket&) {
         switch (++calls % 3) {
@@ -397,6 +396,7 @@ TEST(TcpServer, SurvivesWhatItsAcceptorThrowsAndPeersThatReset) {
                 break;
         }
     });
+    TcpServer server("127.0.0.1", 0);
     server.Start(&acceptor, 10);
     const linger reset = {1, 0};
     for (int i = 0; i < 60; ++i) {
@@ -411,9 +411,9 @@ TEST(TcpServer, SurvivesWhatItsAcceptorThrowsAndPeersThatReset) {
 }
 
 TEST(TcpServer, TenThousandConnectionsLeaveNoDescriptorBehindAndPseudoPortsWrap) {
-    TcpServer server(UnixName("many").c_str(), 0);
     std::atomic<int> last{0};
     Acceptor acceptor([&](TcpSocket& socket) { last = socket.GetLocalPort(); });
+    TcpServer server(UnixName("many").c_str(), 0);
     server.Start(&acceptor, 100);
     const int before = CountDescriptors();
     for (int i = 1; i <= 10'000; ++i) {
@@ -430,8 +430,8 @@ TEST(TcpServer, TenThousandConnectionsLeaveNoDescriptorBehindAndPseudoPortsWrap)
 }
 
 TEST(TcpServer, AShortageOfDescriptorsPasses) {
-    TcpServer server("127.0.0.1", 0);
     Acceptor acceptor(Echo);
+    TcpServer server("127.0.0.1", 0);
     server.Start(&acceptor, 10);
     test::LogCapture log(core::Logger::kError);
     TcpSocket client;
@@ -480,8 +480,8 @@ protected:
 };
 
 TEST_F(CaptureTest, AControlConnectionStartsAndStopsIt) {
-    TcpServer server(_name.c_str(), 0);
     Acceptor acceptor(Echo);
+    TcpServer server(_name.c_str(), 0);
     server.Start(&acceptor, 5);
     TcpSocket control;
     control.Connect(_name.c_str(), 0, 10);
@@ -530,8 +530,8 @@ TEST_F(CaptureTest, WritesIntoNothingThatIsNotItsOwnRegularFile) {
     std::ofstream(victim) << "keep";
     ASSERT_EQ(::symlink(victim.c_str(), _file.c_str()), 0);
     test::LogCapture log(core::Logger::kError);
-    TcpServer server(_name.c_str(), 0);
     Acceptor acceptor(Echo);
+    TcpServer server(_name.c_str(), 0);
     server.Start(&acceptor, 5);
     Control("dump start\n");
     EXPECT_EQ(ReadFile(victim), "keep");
@@ -562,8 +562,8 @@ TEST_F(CaptureTest, LongPayloadsGoIntoSeveralRecordsAndConnectionsMayOutliveTheS
 }
 
 TEST_F(CaptureTest, SilentClientsOfAUnixServerDoNotHoldUpOthers) {
-    TcpServer server(_name.c_str(), 0);
     Acceptor acceptor(Echo);
+    TcpServer server(_name.c_str(), 0);
     server.Start(&acceptor, 100);
     std::vector<std::unique_ptr<TcpSocket>> silent;
     for (int i = 0; i < 50; ++i) {
@@ -588,7 +588,6 @@ bool HasLine(const char* bytes, std::size_t length) {
 }
 
 TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
-    TcpServer server("127.0.0.1", 0);
     std::atomic<int> timeouts{0};
     Acceptor acceptor([&](TcpSocket& socket) {
         char buffer[64];
@@ -603,6 +602,7 @@ TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
             timeouts += e.GetError() == SocketException::SocketTimeout ? 1 : 0;
         }
     });
+    TcpServer server("127.0.0.1", 0);
     server.HoldConnections(&HasLine, 500);
     server.Start(&acceptor, 1000);
     std::vector<std::unique_ptr<TcpSocket>> dribbling;
@@ -623,8 +623,8 @@ TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
 }
 
 TEST(TcpServer, HeldConnectionsLeaveDescriptorsToOthers) {
-    TcpServer server("127.0.0.1", 0);
     Acceptor acceptor(Echo);
+    TcpServer server("127.0.0.1", 0);
     server.HoldConnections(&HasLine, 10'000);
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -645,7 +645,6 @@ TEST(TcpServer, HeldConnectionsLeaveDescriptorsToOthers) {
 }
 
 TEST(TcpSocketStream, ReadsAndWritesLinesAndKeepsTheByte255) {
-    TcpServer server("127.0.0.1", 0);
     Acceptor acceptor([](TcpSocket& socket) {
         TcpSocketStream stream(&socket);
         string line;
@@ -653,6 +652,7 @@ TEST(TcpSocketStream, ReadsAndWritesLinesAndKeepsTheByte255) {
             stream << line << string(1000, '.') << '\n' << std::flush;
         }
     });
+    TcpServer server("127.0.0.1", 0);
     server.Start(&acceptor, 1);
     TcpSocket client;
     client.Connect("127.0.0.1", server.GetLocalPort(), 10);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
 #include "support/WaitUntil.h"
 #include "zarip/osa/DateTime.h"
@@ -91,6 +92,13 @@ TEST(TimeSpan, CountsSignedMicroseconds) {
     EXPECT_EQ((-span).GetTotalMilliseconds(), -93'424'005);
     EXPECT_EQ(span.GetTotalSeconds(), 93'424);
     EXPECT_LT(-span, TimeSpan());
+    constexpr TimeSpan kLongest = TimeSpan::FromDays(LLONG_MAX);
+    constexpr TimeSpan kShortest = TimeSpan::FromMilliseconds(LLONG_MIN);
+    static_assert(kLongest.GetTotalMicroseconds() == LLONG_MAX);
+    static_assert(kShortest.GetTotalMicroseconds() == LLONG_MIN);
+    static_assert(kLongest + TimeSpan::FromMicroseconds(1) == kLongest && kLongest - kShortest == kLongest);
+    static_assert(-kShortest == kLongest && kShortest - kLongest == kShortest &&
+                  kShortest - kShortest == TimeSpan());
     EXPECT_EQ(TimeSpan(), TimeSpan::FromSeconds(0));
 }
 
@@ -149,8 +157,9 @@ TEST(DateTime, RefusesTextAndDatesThatAreNone) {
 TEST(DateTime, TellsLocalTime) {
     const char* const zone = ::getenv("TZ");
     const std::string old = zone != nullptr ? zone : "";
-    ::setenv("TZ", "XYZ+03:30", 1);
-    ::tzset();
+    ::setenv("TZ", "ABC-01:00", 1);
+    EXPECT_EQ(DateTime(2026, 1, 1, 2).ToLocalString(), "2026-01-01T03:00:00+01:00");
+    ::setenv("TZ", "XYZ+03:30", 1);  // the device was moved
     EXPECT_EQ(DateTime(2026, 1, 1, 2).ToLocalString(), "2025-12-31T22:30:00-03:30");
     EXPECT_EQ(DateTime(2026, 1, 1, 2).GetLocalFields().dayOfYear, 365);
     if (zone != nullptr) {
@@ -171,6 +180,9 @@ public:
             _entered.Release();
             _block->Lock();
         }
+        if (_setsClockBack) {
+            SetClockBackForOneLook();
+        }
         ++_calls;
         _called.Release();
     }
@@ -179,6 +191,7 @@ public:
     bool _late = false;
     std::atomic<int> _calls{0};
     Semaphore* _block = nullptr;
+    bool _setsClockBack = false;
     Semaphore _entered{"entered", 1, 0};
     Semaphore _called{"called", 1000, 0};
 };
@@ -251,6 +264,52 @@ TEST(Timer, StoppingAndDestroyingWaitForARunningCallback) {
     }
 }
 
+TEST(Timer, SignalsThatWaitForALongCallbackFindTheirTimerOrNothing) {
+    Semaphore block("block", 1, 0);
+    Callback busy;
+    Callback gone;
+    Callback due;
+    busy._block = &block;
+    busy._setsClockBack = true;
+    Timer timer(&busy);
+    auto destroyed = std::make_unique<Timer>(&gone);
+    Timer after(&due);
+    timer.Start(TimeStruct(), nullptr);
+    busy._entered.Lock();
+    destroyed->Start(TimeStruct(), nullptr);
+    after.Start(In(0), nullptr);
+    destroyed.reset();
+    block.Release();
+    EXPECT_TRUE(due._called.TryLock(10'000));
+    EXPECT_EQ(gone._calls, 0);
+}
+
+TEST(Timer, StoppingEndsACallbackThatStartsItsTimerAgainAndAgain) {
+    class Endless : public ITimerCallback {
+    public:
+        void OnTimer(const TimeStruct&, void*) override {
+            ++_calls;
+            std::this_thread::yield();
+            _timer.Start(TimeStruct(), nullptr);
+        }
+        std::atomic<int> _calls{0};
+        Timer _timer{this};
+    };
+    Endless endless;
+    Callback marker;
+    Timer after(&marker);
+    for (int i = 0; i < 100; ++i) {
+        const int before = endless._calls;
+        endless._timer.Start(TimeStruct(), nullptr);
+        EXPECT_TRUE(test::WaitUntil([&] { return endless._calls > before; }));
+        endless._timer.Stop();
+        const int calls = endless._calls;
+        after.Start(TimeStruct(), nullptr);
+        marker._called.Lock();
+        EXPECT_EQ(endless._calls, calls);
+    }
+}
+
 TEST(Timer, ACallbackMayStartStopAndDestroyItsTimer) {
     class Chain : public ITimerCallback {
     public:
@@ -278,6 +337,9 @@ TEST(Timer, ACopySharesTheAlarmOfItsOriginal) {
     auto original = std::make_unique<Timer>(&callback);
     Timer copy(*original);
     copy.Start(TimeStruct(), nullptr);
+    callback._called.Lock();
+    *original = copy;
+    original->Start(TimeStruct(), nullptr);
     callback._called.Lock();
     original.reset();
     EXPECT_EQ(ErrorOf([&] { copy.Start(TimeStruct(), nullptr); }), "Invalid timer ID");

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <netinet/udp.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -114,24 +113,6 @@ private:
     Texts _texts;
 };
 
-/// Stops a server before what its callback uses goes; made behind that.
-class StopAtEnd {
-public:
-    explicit StopAtEnd(UdpServer& server) : _server(server) {}
-    StopAtEnd(const StopAtEnd&) = delete;
-    StopAtEnd& operator=(const StopAtEnd&) = delete;
-    ~StopAtEnd() {
-        try {
-            _server.Stop();
-        } catch (...) {
-            // It was stopped by the test, or never started.
-        }
-    }
-
-private:
-    UdpServer& _server;
-};
-
 TEST(UdpSocketTest, TellsWhereADatagramComesFromAndWhereItArrived) {
     const UdpSocket receiver("0.0.0.0", 0, 0);
     const UdpSocket sender("127.0.0.2", 0, 0);
@@ -168,6 +149,8 @@ TEST(UdpSocketTest, OneIpv6SocketReceivesBothFamilies) {
     EXPECT_EQ(string(info.localIpv6), "::1");
     EXPECT_EQ(string(info.remoteIpv6), "::1");
     EXPECT_EQ(string(info.localIpv4) + info.remoteIpv4, "");
+    EXPECT_EQ(FailureOf([&] { receiver.AddMembership("::1"); }),
+              "UdpSocket::AddMembership(::1): IPV6_ADD_MEMBERSHIP failed with errno: 22 / 3");
 }
 
 TEST(UdpSocketTest, FailuresHaveTheirTextsAndCodes) {
@@ -264,14 +247,19 @@ TEST(UdpSocketTest, DamagedDatagramsAndSignalsDoNotEndAWait) {
         return Receive(socket);
     });
     const pthread_t waiting = thread.get_future().get();
-    struct {
-        udphdr header;
-        char text[4];
-    } damaged = {};
-    damaged.header.uh_sport = htons(1);
-    damaged.header.uh_dport = htons(socket.GetLocalPort());
-    damaged.header.uh_ulen = htons(sizeof(damaged));
-    damaged.header.uh_sum = htons(1);
+    const unsigned short port = socket.GetLocalPort();
+    const unsigned char damaged[] = {0,
+                                     1,
+                                     static_cast<unsigned char>(port >> 8),
+                                     static_cast<unsigned char>(port),
+                                     0,
+                                     12,
+                                     0,
+                                     1,
+                                     't',
+                                     'e',
+                                     'x',
+                                     't'};
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -279,29 +267,27 @@ TEST(UdpSocketTest, DamagedDatagramsAndSignalsDoNotEndAWait) {
     const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
     for (int i = 0; i < 50; ++i) {
         ::pthread_kill(waiting, SIGUSR2);
-        ::sendto(raw, &damaged, sizeof(damaged), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+        ::sendto(raw, damaged, sizeof(damaged), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
     }
     ::close(raw);
-    Send("whole", socket.GetLocalPort());
+    Send("whole", port);
     EXPECT_EQ(received.get(), "whole");
     ::sigaction(SIGUSR2, &before, nullptr);
 }
 
 TEST(UdpServerTest, MisuseThrows) {
-    UdpServer server("127.0.0.1", 0, 100, 0);
-    MulticastServer multicast("127.0.0.1", 0, 100, 0);
     LogCapture log;
+    Receiver receiver;
+    UdpServer server("198.51.100.77", 0, 100, 0);
+    MulticastServer multicast("127.0.0.1", 0, 100, 0);
     EXPECT_EQ(FailureOf([&] { server.Start(nullptr); }), "UdpServer::Start(): pCallback was NULL");
     EXPECT_EQ(FailureOf([&] { server.Run(); }), "UdpServer::Run(): Server has not been started");
     EXPECT_EQ(FailureOf([&] { server.Stop(); }), "UdpServer::Stop server has not been started");
     EXPECT_EQ(FailureOf([&] { multicast.Start(nullptr); }), "MulticastServer::Start(): pCallback was NULL");
     multicast.Stop();
     EXPECT_EQ(log.Messages(), Texts());
-    Receiver receiver;
-    const StopAtEnd stop(server);
-    UdpServer homeless("198.51.100.77", 0, 100, 0);
-    EXPECT_EQ(FailureOf([&] { homeless.Start(&receiver); }), "Unable to bind socket / 1");
-    EXPECT_FALSE(homeless.IsRunning());
+    EXPECT_EQ(FailureOf([&] { server.Start(&receiver); }), "Unable to bind socket / 1");
+    EXPECT_FALSE(server.IsRunning());
 }
 
 TEST(UdpServerTest, StopsWhereverItIsBoundAndStartsAgain) {
@@ -322,9 +308,23 @@ TEST(UdpServerTest, StopsWhereverItIsBoundAndStartsAgain) {
     }
 }
 
-TEST(UdpServerTest, ThrowingCallbacksDoNotEndItAndACallbackMayStopIt) {
+/// Puts something that is no socket in the place of every datagram socket of the process.
+void LoseSockets() {
+    const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (int fd = 3; fd < 1'000; ++fd) {
+        int protocol = 0;
+        socklen_t size = sizeof(protocol);
+        if (::getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 && protocol == IPPROTO_UDP) {
+            EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+            ::dup3(null, fd, O_CLOEXEC);
+        }
+    }
+    ::close(null);
+}
+
+TEST(UdpServerTest, ACallbackMayThrowAndStopItAndALostDescriptorEndsNothingElse) {
     LogCapture log;
-    UdpServer server("127.0.0.1", 0, 100, 0);
+    UdpServer* running = nullptr;
     Receiver receiver([&](const string& text) {
         if (text == "exception") {
             throw Exception("deliberate");
@@ -332,44 +332,23 @@ TEST(UdpServerTest, ThrowingCallbacksDoNotEndItAndACallbackMayStopIt) {
         if (text == "number") {
             throw 5;
         }
-        if (text == "stop") {
-            server.Stop();
-        }
+        text == "stop" ? running->Stop() : LoseSockets();
     });
-    const StopAtEnd stop(server);
-    server.Start(&receiver);
-    for (const char* text : {"exception", "number", "stop"}) {
-        Send(text, server.GetLocalPort());
-    }
-    EXPECT_TRUE(receiver.WaitFor("stop"));
-    server.Stop();
-    EXPECT_TRUE(log.Contains("deliberate"));
-    EXPECT_EQ(receiver.Get(), Texts{"stop"});
-}
-
-TEST(UdpServerTest, ALostDescriptorEndsTheLoopAndNothingElse) {
     UdpServer server("127.0.0.1", 0, 100, 0);
-    Receiver receiver([](const string&) {
-        const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        for (int fd = 3; fd < 1'000; ++fd) {
-            int protocol = 0;
-            socklen_t size = sizeof(protocol);
-            if (::getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 && protocol == IPPROTO_UDP) {
-                EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-                ::dup3(null, fd, O_CLOEXEC);
-            }
+    running = &server;
+    for (const char* last : {"stop", "lose it"}) {
+        server.Start(&receiver);
+        for (const char* text : {"exception", "number", last}) {
+            Send(text, server.GetLocalPort());
         }
-        ::close(null);
-    });
-    const StopAtEnd stop(server);
-    server.Start(&receiver);
-    Send("lose it", server.GetLocalPort());
-    EXPECT_TRUE(WaitUntil([&] { return !server.IsRunning(); }));
-    server.Stop();
+        EXPECT_TRUE(WaitUntil([&] { return !server.IsRunning(); }));
+        server.Stop();
+    }
+    EXPECT_EQ(log.Count("deliberate"), 2);
+    EXPECT_EQ(receiver.Get(), (Texts{"stop", "lose it"}));
 }
 
 TEST(UdpServerTest, DeliversTheNewestOfABurst) {
-    UdpServer server("127.0.0.1", 0, 100, UdpServer::kNewestOnly);
     Semaphore held("held", 1, 0);
     Semaphore queued("queued", 1, 0);
     Receiver receiver([&](const string& text) {
@@ -378,7 +357,7 @@ TEST(UdpServerTest, DeliversTheNewestOfABurst) {
             queued.Lock();
         }
     });
-    const StopAtEnd stop(server);
+    UdpServer server("127.0.0.1", 0, 100, UdpServer::kNewestOnly);
     server.Start(&receiver);
     Send("hold", server.GetLocalPort());
     held.Lock();
@@ -395,13 +374,12 @@ TEST(UdpServerTest, DeliversTheNewestOfABurst) {
 TEST(UdpServerTest, ServesOnThroughAFloodOfRandomBytes) {
     std::mt19937 random(4);
     for (const unsigned int options : {0U, UdpServer::kNewestOnly}) {
-        UdpServer server("127.0.0.1", 0, 512, options);
         std::atomic<bool> isServed{false};
         Receiver receiver([&](const string& text) {
             isServed = isServed || text == "still there?";
             throw Exception("%s", text.c_str());
         });
-        const StopAtEnd stop(server);
+        UdpServer server("127.0.0.1", 0, 512, options);
         server.Start(&receiver);
         const UdpSocket sender("0.0.0.0", 0, 0);
         string bytes(1'000, '\0');
@@ -418,9 +396,8 @@ TEST(UdpServerTest, ServesOnThroughAFloodOfRandomBytes) {
 }
 
 TEST(UdpServerTest, GroupsAreJoinedAndLeftWhileItRuns) {
-    UdpServer server("0.0.0.0", 0, 100, 0);
     Receiver receiver;
-    const StopAtEnd stop(server);
+    UdpServer server("0.0.0.0", 0, 100, 0);
     server.AddMembership(kGroup);
     server.AddMembership(kGroup);
     try {
@@ -459,18 +436,17 @@ TEST(MulticastServerTest, TriesUntilThePortIsFree) {
     LogCapture log;
     auto blocker = std::make_unique<UdpSocket>("127.0.0.1", static_cast<unsigned short>(0), 0);
     const unsigned short port = blocker->GetLocalPort();
-    MulticastServer server("127.0.0.1", port, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
     Counter started;
     Counter removed;
-    server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
-    server.AddOnStartDelegate(core::MakeDelegate(&removed, &Counter::Count));
-    server.RemoveOnStartDelegate(&removed);
     Receiver receiver([](const string& text) {
         if (text == "throw") {
             throw Exception("deliberate");
         }
     });
-    const StopAtEnd stop(server);
+    MulticastServer server("127.0.0.1", port, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
+    server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
+    server.AddOnStartDelegate(core::MakeDelegate(&removed, &Counter::Count));
+    server.RemoveOnStartDelegate(&removed);
     server.Start(&receiver);
     const string failure = "Failed to start MulticastServer, reason: ";
     EXPECT_TRUE(WaitUntil([&] { return log.Count(failure + "Unable to bind socket") >= 3; }));
@@ -489,26 +465,21 @@ TEST(MulticastServerTest, TriesUntilThePortIsFree) {
 }
 
 TEST(MulticastServerTest, GivesUpAfterAsManyAttemptsWithShorterPausesFirst) {
-    const auto none = TimeSpan();
-    const auto some = TimeSpan::FromMilliseconds(100);
-    const struct {
-        TimeSpan early, late;
-        int leastMs;
-    } cases[] = {{some, none, 200}, {none, some, 100}};
-    for (const auto& c : cases) {
+    for (const int earlyMs : {100, 0}) {
         LogCapture log;
-        MulticastServer server("127.0.0.1", 0, 100, 0, 4, c.early, c.late);
         Counter started;
         Counter failed;
+        Receiver receiver;
+        MulticastServer server("127.0.0.1", 0, 100, 0, 4, TimeSpan::FromMilliseconds(earlyMs),
+                               TimeSpan::FromMilliseconds(100 - earlyMs));
         started.throws = failed.throws = true;
         server.AddOnStartDelegate(core::MakeDelegate(&started, &Counter::Count));
         server.AddOnErrorDelegate(core::MakeDelegate(&failed, &Counter::Count));
-        Receiver receiver;
-        const StopAtEnd stop(server);
         const auto begin = std::chrono::steady_clock::now();
         server.Start(&receiver);
         EXPECT_TRUE(WaitUntil([&] { return failed.count == 1; }));
-        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(c.leastMs));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin,
+                  std::chrono::milliseconds(earlyMs != 0 ? 200 : 100));
         server.Stop();
         EXPECT_EQ(started.count, 4);
         EXPECT_EQ(log.Count("Failed to start MulticastServer, reason: counted"), 4);
@@ -547,10 +518,9 @@ TEST(MulticastServerTest, WaitsForAnInterfaceThatAppearsLate) {
         }
         skipped.clear();
         LogCapture log;
+        Receiver receiver;
         MulticastServer server("0.0.0.0", 0, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
         server.AddMembership(kGroup);
-        Receiver receiver;
-        const StopAtEnd stop(server);
         server.Start(&receiver);
         EXPECT_TRUE(WaitUntil([&] {
             return log.Contains(

@@ -64,8 +64,7 @@ private:
 };
 
 /// Makes a call that somebody else runs: a delegate to queue (*caller owns*, a task queue takes it) and the
-/// result
-/// (*caller owns*). *Takes ownership* of the target, which may be destroyed with the call at any time.
+/// result (*caller owns*). *Takes ownership* of the target, which may be destroyed with the call at any time.
 ZARIP_EXPORT std::pair<IVoidDelegate0*, AsyncResult*> CreateAsyncCall(IVoidDelegate0* target);
 
 }  // namespace zarip::core

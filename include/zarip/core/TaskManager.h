@@ -24,8 +24,7 @@ public:
     explicit TaskManager(int maxCount);
 
     /// @param timeSource  the clock; *takes ownership* if `takeOwnership`, otherwise it must outlive the
-    /// manager. While a
-    ///     thread waits, a clock that is set is noticed within a second.
+    ///     manager. While a thread waits, a clock that is set is noticed within a second.
     TaskManager(osa::ITimeSource* timeSource, bool takeOwnership);
     TaskManager(const TaskManager&) = delete;
     TaskManager& operator=(const TaskManager&) = delete;

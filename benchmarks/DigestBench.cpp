@@ -1,0 +1,60 @@
+// Digests of small and of large data, through the classes and through a kept handle of libgcrypt.
+
+#include <gcrypt.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <zarip/crypto/Digests.h>
+
+#include "Rounds.h"
+
+namespace {
+
+using zarip::crypto::Digest;
+
+void Compare(const char* name, int algorithm, Digest& digest, std::size_t size,
+             const bench::Options& options) {
+    const std::vector<unsigned char> data(size, 0x5A);
+    unsigned char out[64];
+    gcry_md_hd_t handle = nullptr;
+    ::gcry_md_open(&handle, algorithm, 0);
+    const unsigned int length = ::gcry_md_get_algo_dlen(algorithm);
+    const std::size_t repeats = size > 1'000 ? 2 : 2'000;
+
+    bench::Rounds rounds(std::string(name) + " of " + std::to_string(size) + " bytes", options);
+    rounds.Add(
+        "libgcrypt, handle kept",
+        [&] {
+            for (std::size_t i = 0; i < repeats; ++i) {
+                ::gcry_md_write(handle, data.data(), data.size());
+                std::memcpy(out, ::gcry_md_read(handle, algorithm), length);
+                ::gcry_md_reset(handle);
+            }
+        },
+        repeats);
+    rounds.Add(
+        "zarip::crypto",
+        [&] {
+            for (std::size_t i = 0; i < repeats; ++i) {
+                digest.Update(data.data(), static_cast<unsigned int>(data.size()));
+                digest.DoFinal(out, sizeof out);
+            }
+        },
+        repeats);
+    rounds.Run();
+    ::gcry_md_close(handle);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bench::Options options = bench::ParseOptions(argc, argv);
+    zarip::crypto::MD5 md5;
+    zarip::crypto::SHA256 sha256;
+    for (const std::size_t size : {std::size_t{64}, std::size_t{1} << 20U}) {
+        Compare("MD5", GCRY_MD_MD5, md5, size, options);
+        Compare("SHA-256", GCRY_MD_SHA256, sha256, size, options);
+    }
+}

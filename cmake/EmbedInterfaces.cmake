@@ -1,0 +1,16 @@
+# Writes OUTPUT, a source that defines DescriptionOf (src/interfaces/Descriptions.h) from the interface elements of the
+# files INPUTS.
+set(text "#include \"interfaces/Descriptions.h\"\n\nnamespace zarip::interfaces {\n\n")
+string(APPEND text "std::string_view DescriptionOf(std::string_view interface) {\n")
+foreach(file IN LISTS INPUTS)
+  get_filename_component(name ${file} NAME)
+  string(REGEX REPLACE "\\.xml$" "" name "${name}")
+  file(READ ${file} xml)
+  string(REGEX MATCH "  <interface name=\"${name}\">.*</interface>\n" element "${xml}")
+  if(NOT element)
+    message(FATAL_ERROR "${file} has no interface ${name}")
+  endif()
+  string(APPEND text "    if (interface == \"${name}\") {\n        return R\"xml(${element})xml\";\n    }\n")
+endforeach()
+string(APPEND text "    return {};\n}\n\n}  // namespace zarip::interfaces\n")
+file(WRITE ${OUTPUT} "${text}")

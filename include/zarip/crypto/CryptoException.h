@@ -1,0 +1,24 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::crypto {
+
+/// A failed cryptographic operation; `what()` says which.
+class ZARIP_EXPORT CryptoException : public std::exception {
+public:
+    explicit CryptoException(const std::string& message);
+    CryptoException(const CryptoException& other);
+    CryptoException& operator=(const CryptoException& other);
+    ~CryptoException() override;
+
+    const char* what() const noexcept override;
+
+private:
+    std::string _message;
+};
+
+}  // namespace zarip::crypto

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+
+namespace zarip::inet {
+
+/// The headers that a request and a response of UPnP discovery have in common; a base class of `Message`,
+/// which also derives from `HttpBase`.
+///
+/// Getters return the header's value, *not owned* and valid until that header changes, or null when it is
+/// absent. Setters take null for the empty text; they throw `ParserException` "BadRequest" as
+/// `HttpBase::SetHeader` does. *One thread at a time*.
+template <class Message>
+class UpnpHeaders {
+public:
+    const std::string* GetST() const { return Get("ST"); }
+    void SetST(const char* value) { Set("ST", value); }
+    const std::string* GetUSN() const { return Get("USN"); }
+    void SetUSN(const char* value) { Set("USN", value); }
+    const std::string* GetLocation() const { return Get("LOCATION"); }
+    void SetLocation(const char* value) { Set("LOCATION", value); }
+
+    /// The header "CACHE-CONTROL". Deliberate: the names are spelt so, and programs are built against them.
+    const std::string* GetCatchControl() const { return Get("CACHE-CONTROL"); }
+    void SetCatchControl(const char* value) { Set("CACHE-CONTROL", value); }
+
+    const std::string* GetServer() const { return Get("SERVER"); }
+    void SetServer(const char* value) { Set("SERVER", value); }
+
+protected:
+    ~UpnpHeaders() = default;
+
+    const std::string* Get(const char* name) const {
+        return static_cast<const Message*>(this)->GetHeader(name);
+    }
+    void Set(const char* name, const char* value) {
+        static_cast<Message*>(this)->SetHeader(name, value != nullptr ? value : "");
+    }
+};
+
+}  // namespace zarip::inet

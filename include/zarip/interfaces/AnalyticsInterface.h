@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::msgbus {
+class MsgBus;
+class MsgBusMsg;
+}  // namespace zarip::msgbus
+
+namespace zarip::interfaces {
+
+/// Publishes video-analytics alerts as the signal "AnalyticsAlert" of interface "com.brelk.analytics".
+/// *Thread-safe*.
+///
+/// There is no proxy: whoever wants alerts registers an `IMessageHandler` for interface and member, and makes
+/// an `AnalyticsAlert` of the message that it gets. Anybody on the bus may send one.
+class ZARIP_EXPORT AnalyticsInterface {
+public:
+    /// One alert. *One thread at a time.* The meaning of the fields is the publisher's.
+    ///
+    /// On the bus the fields stand in another order than here: `alertId`, `deviceId`, `ruleId`,
+    /// `objectClass`, `zone`, `track`, `ruleName`, `severity`, `state`, `description`, `startTime`,
+    /// `endTime`. A list of points is its length and then the coordinates of each.
+    class ZARIP_EXPORT AnalyticsAlert {
+    public:
+        struct Point {
+            double x = 0;
+            double y = 0;
+        };
+
+        AnalyticsAlert();
+
+        /// Reads a received alert; a negative length of a list counts as 0. Throws what
+        /// `MsgBusMsgArgumentReader` throws.
+        explicit AnalyticsAlert(const msgbus::MsgBusMsg& message);
+
+        /// Appends the alert to a message, which holds 121 points at the most, in both lists together. Throws
+        /// as `MsgBusMsg::operator<<`; the message then has part of the alert.
+        void Serialize(msgbus::MsgBusMsg& message) const;
+
+        std::string alertId;
+        std::string deviceId;
+        std::string ruleName;
+        std::string description;
+        int severity = 0;
+        std::string state;
+        std::string ruleId;
+        std::string objectClass;
+        std::vector<Point> zone;
+        std::vector<Point> track;
+        std::string startTime;
+        std::string endTime;
+    };
+
+    /// Publishes from the object "/com/brelk/analytics". @param bus  *not owned*, must outlive this object.
+    explicit AnalyticsInterface(msgbus::MsgBus* bus);
+
+    /// Publishes from another object.
+    AnalyticsInterface(const char* path, msgbus::MsgBus* bus);
+    AnalyticsInterface(const AnalyticsInterface&) = delete;
+    AnalyticsInterface& operator=(const AnalyticsInterface&) = delete;
+    ~AnalyticsInterface();
+
+    /// Throws what `MsgBusSignal`, `AnalyticsAlert::Serialize` and `IMsgBus::SendMsg` throw; then nothing is
+    /// sent.
+    void BroadcastAnalyticsAlert(const AnalyticsAlert& alert);
+
+private:
+    class AnalyticsInterfaceImpl;
+    std::unique_ptr<AnalyticsInterfaceImpl> _impl;
+};
+
+}  // namespace zarip::interfaces

@@ -1,0 +1,83 @@
+#include "zarip/crypto/Digests.h"
+
+#include <gcrypt.h>
+
+#include <cstring>
+
+#include "zarip/crypto/CryptoException.h"
+#include "zarip/crypto/GCryptInit.h"
+
+namespace zarip::crypto {
+
+Digest::~Digest() = default;
+
+GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullptr), _opened(nullptr) {
+    GCryptInit::InitializeGcrypt();
+    ::gcry_md_open(&_opened, algorithm, 0);  // leaves null when it fails
+    _handle = _opened;
+}
+
+GCryptDigest::GCryptDigest(const GCryptDigest& other)
+    : Digest(other), _algorithm(other._algorithm), _handle(nullptr), _opened(nullptr) {}
+
+GCryptDigest& GCryptDigest::operator=(const GCryptDigest& other) {
+    _algorithm = other._algorithm;
+    _handle = nullptr;
+    return *this;
+}
+
+GCryptDigest::~GCryptDigest() {
+    ::gcry_md_close(_opened);
+}
+
+const char* GCryptDigest::GetAlgorithmName() const {
+    return ::gcry_md_algo_name(_algorithm);
+}
+
+unsigned int GCryptDigest::GetDigestSize() const {
+    return ::gcry_md_get_algo_dlen(_algorithm);
+}
+
+void GCryptDigest::Reset() {
+    if (_handle != nullptr) {
+        ::gcry_md_reset(_handle);
+    }
+}
+
+void GCryptDigest::Update(unsigned char byte) {
+    if (_handle != nullptr) {
+        gcry_md_putc(_handle, byte);
+    }
+}
+
+void GCryptDigest::Update(const unsigned char* data, unsigned int length) {
+    if (_handle != nullptr && data != nullptr && length != 0) {
+        ::gcry_md_write(_handle, data, length);
+    }
+}
+
+void GCryptDigest::DoFinal(unsigned char* out, unsigned int length) {
+    const unsigned int size = GetDigestSize();
+    if (out == nullptr) {
+        throw CryptoException("null output buffer");
+    }
+    if (size > length) {
+        throw CryptoException("invalid buffer length");
+    }
+    const unsigned char* const digest = _handle != nullptr ? ::gcry_md_read(_handle, _algorithm) : nullptr;
+    if (digest == nullptr) {
+        throw CryptoException("no digest context");
+    }
+    std::memcpy(out, digest, size);
+    Reset();
+}
+
+MD5::MD5() : GCryptDigest(GCRY_MD_MD5) {}
+SHA1::SHA1() : GCryptDigest(GCRY_MD_SHA1) {}
+SHA256::SHA256() : GCryptDigest(GCRY_MD_SHA256) {}
+SHA384::SHA384() : GCryptDigest(GCRY_MD_SHA384) {}
+SHA512::SHA512() : GCryptDigest(GCRY_MD_SHA512) {}
+MD4::MD4() : GCryptDigest(GCRY_MD_MD4) {}
+CRC32::CRC32() : GCryptDigest(GCRY_MD_CRC32) {}
+
+}  // namespace zarip::crypto

@@ -1,0 +1,74 @@
+#include "zarip/interfaces/AnalyticsInterface.h"
+
+#include "interfaces/CountedList.h"
+#include "zarip/core/Logger.h"
+#include "zarip/msgbus/MsgBus.h"
+#include "zarip/msgbus/MsgBusSignal.h"
+
+namespace zarip::interfaces {
+
+using AnalyticsAlert = AnalyticsInterface::AnalyticsAlert;
+using Points = std::vector<AnalyticsAlert::Point>;
+
+// Found by their arguments, so not in an unnamed namespace.
+
+static msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const Points& points) {
+    return AppendList(message, points,
+                      [&message](const AnalyticsAlert::Point& point) { message << point.x << point.y; });
+}
+
+static msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentReader& reader, Points& points) {
+    return ReadList(reader, points,
+                    [&reader](AnalyticsAlert::Point& point) { reader >> point.x >> point.y; });
+}
+
+AnalyticsAlert::AnalyticsAlert() = default;
+
+// Deliberate: on the bus the fields have an order of their own, which every publisher and receiver shares.
+
+AnalyticsAlert::AnalyticsAlert(const msgbus::MsgBusMsg& message) {
+    msgbus::MsgBusMsgArgumentReader reader(message);
+    reader >> alertId >> deviceId >> ruleId >> objectClass >> zone >> track >> ruleName >> severity >>
+        state >> description >> startTime >> endTime;
+}
+
+void AnalyticsAlert::Serialize(msgbus::MsgBusMsg& message) const {
+    message << alertId << deviceId << ruleId << objectClass << zone << track << ruleName << severity << state
+            << description << startTime << endTime;
+}
+
+class AnalyticsInterface::AnalyticsInterfaceImpl {
+public:
+    AnalyticsInterfaceImpl(const char* path, msgbus::MsgBus* bus)
+        : _logger(core::Logger::GetLogger("AnalyticsInterface")),
+          _bus(bus),
+          _path(path != nullptr ? path : "") {}
+
+    void BroadcastAnalyticsAlert(const AnalyticsAlert& alert) {
+        _logger->Information("BroadcastAnalyticsAlert");
+        msgbus::MsgBusSignal signal(_path.c_str(), "com.brelk.analytics", "AnalyticsAlert");
+        alert.Serialize(signal);
+        _logger->Debug("send BroadcastAnalyticsAlert Dbus signal...");
+        _bus->SendMsg(signal);
+        _logger->Debug("BroadcastAnalyticsAlert Dbus signal msg sent.");
+    }
+
+private:
+    core::Logger* _logger;
+    msgbus::MsgBus* _bus;
+    std::string _path;
+};
+
+AnalyticsInterface::AnalyticsInterface(msgbus::MsgBus* bus)
+    : AnalyticsInterface("/com/brelk/analytics", bus) {}
+
+AnalyticsInterface::AnalyticsInterface(const char* path, msgbus::MsgBus* bus)
+    : _impl(std::make_unique<AnalyticsInterfaceImpl>(path, bus)) {}
+
+AnalyticsInterface::~AnalyticsInterface() = default;
+
+void AnalyticsInterface::BroadcastAnalyticsAlert(const AnalyticsAlert& alert) {
+    _impl->BroadcastAnalyticsAlert(alert);
+}
+
+}  // namespace zarip::interfaces

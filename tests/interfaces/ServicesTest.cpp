@@ -1,0 +1,464 @@
+#include "interfaces/Services.h"
+
+#include <dbus/dbus.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "interfaces/Description.h"
+#include "support/FakeBus.h"
+#include "support/Messages.h"
+#include "support/PrivateBus.h"
+#include "support/WaitUntil.h"
+#include "zarip/interfaces/InterfaceServer.h"
+#include "zarip/msgbus/MsgBus.h"
+
+namespace zarip::interfaces {
+namespace {
+
+using test::Description;
+using test::ErrorOf;
+using test::FakeBus;
+
+string Signature(const msgbus::MsgBusMsg& message) {
+    return dbus_message_get_signature(message.GetDBusMessage());
+}
+
+string Address(const msgbus::MsgBusMsg& message) {
+    return message.GetType() + " " + message.GetPath() + " " + message.GetInterface() + "." +
+           message.GetName();
+}
+
+/// The text of the error that a call ends with, or "no exception".
+string ErrorOfCall(msgbus::IMsgBus& bus, const msgbus::MsgBusMsg& call) {
+    return ErrorOf([&] {
+        msgbus::MsgBusMsg* reply = nullptr;
+        bus.SendMsgWaitForReply(call, reply, 30000);
+        delete reply;
+    });
+}
+
+template <class Service>
+class ServiceTest : public testing::Test {
+protected:
+    using Provider = typename Service::Provider;
+
+    std::unique_ptr<InterfaceServer> Serve(msgbus::IMsgBus& bus) {
+        return std::unique_ptr<InterfaceServer>(Provider::CreateServer(&bus, &_implementation));
+    }
+    static std::unique_ptr<Provider> Connect(msgbus::IMsgBus& bus) {
+        return std::unique_ptr<Provider>(Provider::CreateClient(&bus));
+    }
+
+    const vector<Member<Provider>> _members = Service::Members();
+    const vector<Signal<Provider>> _signals = Service::Signals();
+    FakeBus _bus;
+    typename Service::Implementation _implementation;
+};
+
+struct ServiceNameOf {
+    template <class Service>
+    static string GetName(int /*index*/) {
+        const string path = Service::kPath;
+        return path.substr(path.rfind('/') + 1);
+    }
+};
+
+TYPED_TEST_SUITE(ServiceTest, AllServices, ServiceNameOf);
+
+TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
+    const auto server = this->Serve(this->_bus);
+    const auto client = this->Connect(this->_bus);
+    int timeout = 5000;
+    if constexpr (!std::is_same_v<TypeParam, AudioLineOut>) {
+        EXPECT_EQ(client->_timeout, 5000);
+        timeout = client->_timeout = 1234;
+    }
+    auto& bus = this->_bus;
+    for (const auto& member : this->_members) {
+        SCOPED_TRACE(member.name);
+        bus._sent.clear();
+        bus._replySignature = "none";
+        bus._timeout = 0;
+        EXPECT_EQ(member.call(*client), member.returned);
+        EXPECT_EQ(this->_implementation._last,
+                  string(member.name) + (member.received != nullptr ? string("|") + member.received : ""));
+        ASSERT_EQ(bus._sent.size(), 1U);
+        EXPECT_EQ(bus._sent[0]->GetDestination(), TypeParam::kName);
+        EXPECT_EQ(Address(*bus._sent[0]),
+                  string("method_call ") + TypeParam::kPath + " " + TypeParam::kName + "." + member.name);
+        EXPECT_EQ(Signature(*bus._sent[0]), member.arguments);
+        EXPECT_EQ(bus._replySignature, member.reply != nullptr ? member.reply : "none");
+        EXPECT_EQ(bus._timeout, member.reply != nullptr ? timeout : 0);
+    }
+}
+
+TYPED_TEST(ServiceTest, HandlersStandInTheOrderOfTheInterface) {
+    const auto server = this->Serve(this->_bus);
+    EXPECT_EQ(this->_bus._names, vector<string>{TypeParam::kName});
+    const auto client = this->Connect(this->_bus);
+    vector<string> expected;
+    for (const auto& member : this->_members) {
+        expected.push_back(string("call ") + TypeParam::kName + "." + member.name);
+    }
+    for (const auto& signal : this->_signals) {
+        expected.push_back(string("signal ") + TypeParam::kName + "." + signal.name);
+    }
+    vector<string> found;
+    for (const auto& entry : this->_bus._handlers) {
+        const bool isSignal = entry.handler->GetKind() == msgbus::IMessageHandler::kSignals;
+        EXPECT_NE(entry.handler->GetKind(), msgbus::IMessageHandler::kBoth);
+        found.push_back((isSignal ? "signal " : "call ") + entry.interface + "." + entry.member);
+    }
+    EXPECT_EQ(found, expected);
+}
+
+TYPED_TEST(ServiceTest, WhatIsNotOverriddenIsUnimplementedHereAndAcrossTheBus) {
+    typename TypeParam::Provider bare;
+    const std::unique_ptr<InterfaceServer> server(TypeParam::Provider::CreateServer(&this->_bus, &bare));
+    const auto client = this->Connect(this->_bus);
+    for (const auto& member : this->_members) {
+        EXPECT_EQ(ErrorOf([&] { member.call(bare); }), "unimplemented") << member.name;
+        if (member.reply != nullptr) {
+            EXPECT_EQ(ErrorOf([&] { member.call(*client); }), "DBUS call failed: unimplemented")
+                << member.name;
+        }
+    }
+}
+
+TYPED_TEST(ServiceTest, DestroyingTheServerEndsEventsThenHandlersThenTheName) {
+    auto& bus = this->_bus;
+    auto server = this->Serve(bus);
+    Arrivals arrivals;
+    const auto client = this->Connect(bus);
+    vector<string> expected;
+    for (const auto& signal : this->_signals) {
+        signal.listen(*client, arrivals);
+        signal.fire(this->_implementation);
+        expected.push_back(string(signal.name) + " " + signal.value);
+        ASSERT_EQ(bus._sent.size(), expected.size());
+        EXPECT_EQ(Address(*bus._sent.back()),
+                  string("signal ") + TypeParam::kPath + " " + TypeParam::kName + "." + signal.name);
+    }
+    EXPECT_EQ(arrivals.Get(), expected);
+
+    bus.UnregisterDestinationName(TypeParam::kName);
+    bus._trace.clear();
+    server.reset();
+    ASSERT_EQ(bus._trace.size(), this->_members.size() + 1);
+    EXPECT_EQ(bus._trace.back(), string("release ") + TypeParam::kName);
+    for (const auto& signal : this->_signals) {
+        signal.fire(this->_implementation);
+    }
+    EXPECT_EQ(bus._sent.size(), expected.size());
+}
+
+TYPED_TEST(ServiceTest, TheDescriptionIsWhatTheCodeSendsAndTakes) {
+    auto& bus = this->_bus;
+    const auto server = this->Serve(bus);
+    const auto client = this->Connect(bus);
+    vector<string> members;
+    for (const auto& member : this->_members) {
+        bus._sent.clear();
+        bus._timeout = 0;
+        member.call(*client);
+        const msgbus::MsgBusMsg sent(*bus._sent.at(0));
+        const bool waits = bus._timeout != 0;
+        // What the adapter does does not depend on how the proxy asks.
+        const string error = ErrorOfCall(bus, sent);
+        EXPECT_EQ(error, waits ? "no exception" : "no reply") << member.name;
+        members.push_back(sent.GetName() + "(" + Signature(sent) +
+                          (waits ? ")->(" + bus._replySignature + ")" : ") one-way"));
+    }
+    for (const auto& signal : this->_signals) {
+        signal.fire(this->_implementation);
+        members.push_back("signal " + bus._sent.back()->GetName() + "(" + Signature(*bus._sent.back()) + ")");
+    }
+    const Description description = Description::OfFile(TypeParam::kName);
+    EXPECT_EQ(description.GetPath(), TypeParam::kPath);
+    EXPECT_EQ(description.GetInterfaces(), vector<string>{TypeParam::kName});
+    EXPECT_EQ(description.GetMembers(TypeParam::kName), members);
+}
+
+vector<string> SplitSignature(const string& signature) {
+    vector<string> types;
+    for (std::size_t i = 0; i < signature.size(); ++i) {
+        types.push_back(signature[i] == 'a' ? signature.substr(i++, 2) : signature.substr(i, 1));
+    }
+    return types;
+}
+
+void AppendSample(msgbus::MsgBusMsg& message, const string& type) {
+    if (type == "s") {
+        message << "x";
+    } else if (type == "as") {
+        message << vector<string>(1000000);
+    } else if (type == "b") {
+        message << true;
+    } else if (type == "i") {
+        message << 1;
+    } else {
+        ASSERT_EQ(type, "u");
+        message << 1U;
+    }
+}
+
+TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus serverBus;
+    const auto server = this->Serve(serverBus);
+    serverBus.StartServer();
+    msgbus::MsgBus clientBus;
+    const auto client = this->Connect(clientBus);
+    Arrivals arrivals;
+    for (const auto& signal : this->_signals) {
+        signal.listen(*client, arrivals);
+    }
+    clientBus.StartServer();
+
+    const msgbus::MsgBusObjectSelector service(TypeParam::kName, TypeParam::kPath, TypeParam::kName);
+    for (const auto& member : this->_members) {
+        SCOPED_TRACE(member.name);
+        const string prefix =
+            string("DBUS call ") + TypeParam::kName + "::" + member.name + " failed: MsgBusMsg argument ";
+        msgbus::MsgBusRemoteMethod call(service, member.name);
+        for (const auto& type : SplitSignature(member.arguments)) {
+            const string expected = "(expected type '" + type.substr(0, 1) + "'";
+            msgbus::MsgBusMsg wrong(call);
+            wrong << 0.5;
+            msgbus::MsgBusMsg huge(call);
+            huge << vector<int>(1000000);
+            EXPECT_EQ(ErrorOfCall(clientBus, msgbus::MsgBusMsg(call)), prefix + "missing " + expected + ")");
+            EXPECT_EQ(ErrorOfCall(clientBus, wrong),
+                      prefix + "mismatch " + expected + " but found type 'd')");
+            EXPECT_EQ(ErrorOfCall(clientBus, huge),
+                      prefix + "mismatch " +
+                          (type == "as" ? "(expected type 's' but found type 'i')"
+                                        : expected + " but found type 'a')"));
+            AppendSample(call, type);
+        }
+        call << "more" << vector<int>(1000000);
+        if (member.reply != nullptr) {
+            EXPECT_EQ(ErrorOfCall(clientBus, call), "no exception");
+        } else {
+            clientBus.SendMsg(call);
+        }
+    }
+    vector<string> fired;
+    for (const auto& signal : this->_signals) {
+        signal.fire(this->_implementation);
+        fired.push_back(string(signal.name) + " " + signal.value);
+    }
+    EXPECT_TRUE(test::WaitUntil([&] { return arrivals.Get() == fired; }));
+    for (const auto& member : this->_members) {
+        EXPECT_EQ(member.call(*client), member.returned) << member.name;
+    }
+}
+
+/// What a command of the shell prints.
+string OutputOf(const string& command) {
+    FILE* const pipe = ::popen((command + " 2>&1").c_str(), "r");
+    string output;
+    char block[4096];
+    for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, pipe)) > 0;) {
+        output.append(block, count);
+    }
+    EXPECT_EQ(::pclose(pipe), 0) << command << "\n" << output;
+    return output;
+}
+
+bool HasProgram(const string& name) {
+    return std::system(("command -v " + name + " >/dev/null").c_str()) == 0;
+}
+
+TYPED_TEST(ServiceTest, IsShownByGdbus) {
+    if (!HasProgram("gdbus")) {
+        GTEST_SKIP() << "there is no gdbus";
+    }
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    const auto server = this->Serve(bus);
+    bus.StartServer();
+    const string shown = OutputOf(string("gdbus introspect --system --dest ") + TypeParam::kName +
+                                  " --object-path " + TypeParam::kPath);
+    EXPECT_NE(shown.find(string("interface ") + TypeParam::kName + " {"), string::npos) << shown;
+    for (const auto& member : this->_members) {
+        EXPECT_NE(shown.find(string("      ") + member.name + "("), string::npos) << member.name;
+    }
+    for (const auto& signal : this->_signals) {
+        EXPECT_NE(shown.find(string("      ") + signal.name + "("), string::npos) << signal.name;
+    }
+}
+
+string Introspect(msgbus::IMsgBus& bus, const char* name, const char* path) {
+    const msgbus::MsgBusRemoteMethod call(
+        msgbus::MsgBusObjectSelector(name, path, "org.freedesktop.DBus.Introspectable"), "Introspect");
+    msgbus::MsgBusMsg* answer = nullptr;
+    bus.SendMsgWaitForReply(call, answer, 30000);
+    const std::unique_ptr<msgbus::MsgBusMsg> reply(answer);
+    string xml;
+    *reply >> xml;
+    return xml;
+}
+
+TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
+    auto& privateBus = test::PrivateBus::Get();
+    msgbus::MsgBus serverBus;
+    msgbus::MsgBus clientBus;
+    Security::Implementation security;
+    Networking::Implementation networking;
+    const std::unique_ptr<InterfaceServer> first(ISecurityProvider::CreateServer(&serverBus, &security));
+    std::unique_ptr<InterfaceServer> second(INetworkingV2Provider::CreateServer(&serverBus, &networking));
+    serverBus.StartServer();
+    // Of another connection, so not in this one's tree.
+    msgbus::MsgBus otherBus;
+    IStreamInfoProvider streams;
+    const std::unique_ptr<InterfaceServer> other(IStreamInfoProvider::CreateServer(&otherBus, &streams));
+
+    const vector<string> own = {"org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"};
+    const auto describe = [&](const char* path) {
+        return Description(Introspect(clientBus, Security::kName, path));
+    };
+    const auto with = [&](const char* name) { return vector<string>{own[0], own[1], name}; };
+    for (const auto& [name, path] :
+         {std::pair(Security::kName, Security::kPath), std::pair(Networking::kName, Networking::kPath)}) {
+        const Description description = describe(path);
+        EXPECT_EQ(description.GetInterfaces(), with(name));
+        EXPECT_EQ(description.GetChildren(), vector<string>());
+        EXPECT_EQ(description.GetMembers(name), Description::OfFile(name).GetMembers(name));
+        EXPECT_EQ(description.GetMembers(own[0]), vector<string>{"Introspect()->(s)"});
+        EXPECT_EQ(description.GetMembers(own[1]), (vector<string>{"GetMachineId()->(s)", "Ping()->()"}));
+    }
+    const std::pair<const char*, vector<string>> parents[] = {{"/", {"com"}},
+                                                              {"/com", {"brelk"}},
+                                                              {"/com/brelk", {"networkingV2", "system"}},
+                                                              {"/com/brelk/system", {"security"}}};
+    for (const auto& [path, children] : parents) {
+        EXPECT_EQ(describe(path).GetInterfaces(), own) << path;
+        EXPECT_EQ(describe(path).GetChildren(), children) << path;
+    }
+    for (const char* path : {"/nowhere", "/com/brelk/sys", "/com/brelk/system/security/below"}) {
+        EXPECT_EQ(
+            ErrorOf([&] { describe(path); }),
+            string("DBUS call org.freedesktop.DBus.Introspectable::Introspect failed: There is no object ") +
+                path);
+    }
+    EXPECT_EQ(
+        ErrorOfCall(clientBus, msgbus::MsgBusRemoteMethod(
+                                   {Security::kName, Security::kPath, "org.freedesktop.DBus.Peer"}, "Ping")),
+        "no exception");
+    if (HasProgram("busctl")) {
+        const string tree =
+            OutputOf("busctl --address=" + privateBus.GetAddress() + " --list tree " + Security::kName);
+        EXPECT_NE(tree.find(string(Networking::kPath) + "\n"), string::npos) << tree;
+        EXPECT_NE(tree.find(string(Security::kPath) + "\n"), string::npos) << tree;
+    }
+
+    // The same service twice is still one object; what is gone is not described any more.
+    INetworkingV2Provider more;
+    std::unique_ptr<InterfaceServer> third(INetworkingV2Provider::CreateServer(&serverBus, &more));
+    EXPECT_EQ(describe(Networking::kPath).GetInterfaces(), with(Networking::kName));
+    second.reset();
+    EXPECT_EQ(describe(Networking::kPath).GetInterfaces(), with(Networking::kName));
+    third.reset();
+    EXPECT_EQ(describe("/com/brelk").GetChildren(), vector<string>{"system"});
+}
+
+TEST(Introspection, EveryFileIsThatOfAService) {
+    std::set<string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(INTERFACES)) {
+        files.insert(entry.path().filename().string());
+    }
+    std::set<string> expected = {"com.brelk.analytics.xml"};
+    for (const char* name : {Security::kName, Networking::kName, StreamInfo::kName, PtzSerial::kName,
+                             AudioLineOut::kName, SmRegistration::kName, BrelkServices::kName}) {
+        expected.insert(string(name) + ".xml");
+    }
+    EXPECT_EQ(files, expected);
+}
+
+TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    const char* const refused = "MsgBusMsg: text is not valid UTF-8!";
+    const auto networking = std::unique_ptr<INetworkingV2Provider>(INetworkingV2Provider::CreateClient(&bus));
+    const auto registration =
+        std::unique_ptr<ISmRegistrationProvider>(ISmRegistrationProvider::CreateClient(&bus));
+    const auto security = std::unique_ptr<ISecurityProvider>(ISecurityProvider::CreateClient(&bus));
+    EXPECT_EQ(ErrorOf([&] { networking->Set("\xc3"); }), refused);
+    EXPECT_EQ(ErrorOf([&] { registration->ForceRegister("\xff"); }), refused);
+    EXPECT_EQ(ErrorOf([&] { security->DeleteUsers({"fine", "\xed\xa0\x80"}); }), refused);
+
+    // A service's own text.
+    struct Broken : INetworkingV2Provider {
+        string Get(const string&) override { return "\xff"; }
+        string Set(const string&) override { throw osa::Exception("not \xff"); }
+    } broken;
+    msgbus::MsgBus serverBus;
+    const std::unique_ptr<InterfaceServer> server(INetworkingV2Provider::CreateServer(&serverBus, &broken));
+    serverBus.StartServer();
+    EXPECT_EQ(ErrorOf([&] { networking->Get(""); }),
+              string("DBUS call com.brelk.networkingV2::Get failed: ") + refused);
+    EXPECT_EQ(ErrorOf([&] { networking->Set(""); }), "DBUS call com.brelk.networkingV2::Set failed: not ?");
+    EXPECT_EQ(ErrorOf([&] { broken.HostnameChange.FireEvent("\xff"); }), refused);
+}
+
+TEST(ServicesOnTheBus, OneWayMembersReturnAlsoWhereNobodyServes) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    const auto ptz = std::unique_ptr<IPtzSerialProvider>(IPtzSerialProvider::CreateClient(&bus));
+    const auto registration =
+        std::unique_ptr<ISmRegistrationProvider>(ISmRegistrationProvider::CreateClient(&bus));
+    // More than the bus keeps replies for.
+    for (int i = 0; i < 200; ++i) {
+        ptz->SetPtzPollingState(true);
+        registration->ForceRegister("");
+    }
+    const string error = ErrorOf([&] { ptz->GetPtzPollingState(); });
+    EXPECT_EQ(error.find("DBUS call com.brelk.hardware.ptzSerial::GetPtzPollingState failed: The name "), 0U)
+        << error;
+}
+
+TEST(AudioLineOutQuery, HoldsWhatAMessageHolds) {
+    FakeBus bus;
+    AudioLineOut::Implementation implementation;
+    const std::unique_ptr<InterfaceServer> server(IAudioLineOutProvider::CreateServer(&bus, &implementation));
+    const std::unique_ptr<IAudioLineOutProvider> client(IAudioLineOutProvider::CreateClient(&bus));
+    implementation._connections = 2;
+    EXPECT_EQ(AudioLineOut::ShowQuery(*client), "who 6;who 6;");
+    EXPECT_EQ(bus._replySignature, "isisi");
+    implementation._connections = 127;
+    EXPECT_EQ(client->Query().size(), 127U);
+    implementation._connections = 128;
+    EXPECT_EQ(ErrorOf([&] { client->Query(); }), "DBUS call failed: MsgBusMsg: too many arguments!");
+}
+
+TEST(AudioLineOutQuery, DoesNotTrustTheCount) {
+    struct {
+        int count;
+        const char* result;
+    } const cases[] = {
+        {0, ""},
+        {1, "a 1;"},
+        {2, "MsgBusMsg argument missing (expected type 's')"},
+        {2147483647, "MsgBusMsg argument missing (expected type 's')"},
+        {-1, ""},
+        {-2147483647 - 1, ""},
+    };
+    for (const auto& row : cases) {
+        FakeBus bus;
+        test::FunctionHandler service([&](const msgbus::MsgBusMsg& call, msgbus::IMsgBus& replies) {
+            const std::unique_ptr<msgbus::MsgBusMsg> reply(call.MakeReplyMsg());
+            *reply << row.count << "a" << 1;
+            replies.SendReply(*reply);
+        });
+        bus.RegisterMessageHandler("Query", AudioLineOut::kName, &service);
+        const std::unique_ptr<IAudioLineOutProvider> client(IAudioLineOutProvider::CreateClient(&bus));
+        string result;
+        const string error = ErrorOf([&] { result = AudioLineOut::ShowQuery(*client); });
+        EXPECT_EQ(error == "no exception" ? result : error, row.result) << row.count;
+    }
+}
+
+}  // namespace
+}  // namespace zarip::interfaces
