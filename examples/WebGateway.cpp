@@ -1,11 +1,15 @@
 // The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
 // bus.
 //
-//   web-gateway PAGE [PORT]      PAGE is web/index.html; without a port it takes a free one and prints it
+//   web-gateway PAGE [PORT [DEVICE]]
+//
+//   PAGE is web/index.html; without a port, or with 0, it takes a free one and prints it. DEVICE is
+//   device.ini, as for discovery-responder.
 //
 //   GET    /                     the page
 //   POST   /login                form "user", "password"; sets the session cookie
 //   POST   /logout
+//   GET    /device.xml           the UPnP description, where there is a DEVICE
 //   GET    /health               whether the bus and the security service are there
 //   GET    /api/status           who is logged in, and for how long
 //   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
@@ -191,13 +195,14 @@ private:
     Function _function;
 };
 
+/// Answers with a text that stays the same.
 class Page final : public zarip::inet::IHttpHandler {
 public:
-    explicit Page(const char* path) : _text(StringUtil::ReadTextFile(path)) {}
+    Page(const char* type, std::string text) : _type(type), _text(std::move(text)) {}
 
     void HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) override {
         response.SetCode(200);
-        response.SetHeader("Content-Type", "text/html; charset=UTF-8");
+        response.SetHeader("Content-Type", _type);
         // Nothing from elsewhere, in nobody's frame; a form without its script sends no password anywhere.
         response.SetHeader("Content-Security-Policy",
                            "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
@@ -206,8 +211,30 @@ public:
     }
 
 private:
+    const char* _type;
     std::string _text;
 };
+
+/// The description of the device, with what the file says of it.
+std::string DescribeDevice(const char* path) {
+    const zarip::core::IniFile file(path);
+    std::string text =
+        "<?xml version=\"1.0\"?>\n"
+        "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">\n"
+        "  <specVersion><major>1</major><minor>0</minor></specVersion>\n"
+        "  <device>\n";
+    // In the order that UPnP prescribes.
+    for (const char* name :
+         {"deviceType", "friendlyName", "manufacturer", "manufacturerURL", "modelDescription", "modelName",
+          "modelNumber", "modelURL", "serialNumber", "UDN", "UPC", "presentationURL"}) {
+        std::string value;
+        if (file.TryGetValue(value, "device", name)) {
+            StringUtil::EscapeForXml(value);
+            text += std::string("    <") + name + ">" + value + "</" + name + ">\n";
+        }
+    }
+    return text + "  </device>\n</root>\n";
+}
 
 std::string Text(const std::string* value) {
     // The bus would carry what stands before it.
@@ -357,9 +384,9 @@ void Fault(Security& /*security*/, const HttpRequest& /*request*/, HttpResponse&
 
 int main(int argc, char** argv) {
     int port = 0;
-    if (argc < 2 || argc > 3 ||
-        (argc == 3 && (!StringUtil::TryParse(argv[2], port) || port < 0 || port > 65'535))) {
-        std::fprintf(stderr, "usage: web-gateway PAGE [PORT]\n");
+    if (argc < 2 || argc > 4 ||
+        (argc > 2 && (!StringUtil::TryParse(argv[2], port) || port < 0 || port > 65'535))) {
+        std::fprintf(stderr, "usage: web-gateway PAGE [PORT [DEVICE]]\n");
         return 2;
     }
     try {
@@ -369,7 +396,8 @@ int main(int argc, char** argv) {
         zarip::core::Logger::ConfigureLogging(settings, "log");
 
         Security security;
-        Page page(argv[1]);
+        Page page("text/html; charset=UTF-8", StringUtil::ReadTextFile(argv[1]));
+        Page description("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "");
         struct {
             const char* path;
             Route route;
@@ -386,6 +414,9 @@ int main(int argc, char** argv) {
         };
         zarip::inet::HttpServer server("127.0.0.1", port);
         server.AddHandler("/", &page);
+        if (argc > 3) {
+            server.AddHandler("/device.xml", &description);
+        }
         for (auto& [path, route] : routes) {
             server.AddHandler(path, &route);
         }

@@ -19,7 +19,7 @@ struct Target {
 };
 
 constexpr Target kTargets[] = {
-    {"request", fuzz::Request}, {"response", fuzz::Response}, {"url", fuzz::Url},
+    {"request", fuzz::Request}, {"response", fuzz::Response}, {"upnp", fuzz::Upnp}, {"url", fuzz::Url},
     {"query", fuzz::Query},     {"ini", fuzz::Ini},           {"json", fuzz::Json},
 };
 

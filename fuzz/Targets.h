@@ -10,6 +10,7 @@ namespace fuzz {
 
 void Request(const std::string& input);
 void Response(const std::string& input);
+void Upnp(const std::string& input);
 void Url(const std::string& input);
 void Query(const std::string& input);
 void Ini(const std::string& input);

@@ -1,12 +1,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <net/route.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +15,7 @@
 #include <thread>
 
 #include "support/LogCapture.h"
+#include "support/OwnNetwork.h"
 #include "support/WaitUntil.h"
 #include "zarip/core/Delegate.h"
 #include "zarip/osa/IUdpBufferAccept.h"
@@ -516,10 +513,10 @@ TEST(MulticastServerTest, WaitsForAnInterfaceThatAppearsLate) {
     // In a network of its own, which the server's thread inherits from this one.
     string skipped;
     std::thread([&] {
-        if (::unshare(CLONE_NEWNET) != 0) {
-            skipped = std::strerror(errno);
+        if (!test::EnterOwnNetwork(skipped)) {
             return;
         }
+        skipped.clear();
         LogCapture log;
         Receiver receiver;
         MulticastServer server("0.0.0.0", 0, 100, 0, 1'000'000, TimeSpan::FromMilliseconds(1));
@@ -530,24 +527,7 @@ TEST(MulticastServerTest, WaitsForAnInterfaceThatAppearsLate) {
                 "reason: UdpSocket::AddMembership(239.255.77.1): IP_ADD_MEMBERSHIP failed "
                 "with errno: 19");
         }));
-        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ifreq up{};
-        std::strcpy(up.ifr_name, "lo");
-        up.ifr_flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK | IFF_MULTICAST;
-        EXPECT_EQ(::ioctl(fd, SIOCSIFFLAGS, &up), 0);
-        rtentry route{};
-        char device[] = "lo";
-        for (sockaddr* address : {&route.rt_dst, &route.rt_genmask}) {
-            sockaddr_in range{};
-            range.sin_family = AF_INET;
-            range.sin_addr.s_addr = htonl(0xF0000000U);
-            std::memcpy(address, &range, sizeof(range));
-        }
-        reinterpret_cast<sockaddr_in&>(route.rt_dst).sin_addr.s_addr = htonl(0xE0000000U);
-        route.rt_flags = RTF_UP;
-        route.rt_dev = device;
-        EXPECT_EQ(::ioctl(fd, SIOCADDRT, &route), 0);
-        ::close(fd);
+        EXPECT_TRUE(test::OpenLoopback());
         EXPECT_TRUE(WaitUntil([&] { return server.IsRunning(); }));
         EXPECT_TRUE(SendToGroup("late", kGroup, server.GetLocalPort()));
         EXPECT_TRUE(receiver.WaitFor("late"));

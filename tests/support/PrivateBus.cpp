@@ -15,22 +15,27 @@ namespace zarip::test {
 
 namespace {
 
+std::string s_policy =
+    "  <policy context=\"default\">\n"
+    "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+    "    <allow receive_sender=\"*\"/>\n"
+    "    <allow own=\"*\"/>\n"
+    "  </policy>\n";
+
 void WriteConfiguration(const std::string& path, const std::string& address) {
     std::ofstream file(path);
     file << "<busconfig>\n"
             "  <type>session</type>\n"
             "  <listen>"
-         << address
-         << "</listen>\n"
-            "  <policy context=\"default\">\n"
-            "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-            "    <allow receive_sender=\"*\"/>\n"
-            "    <allow own=\"*\"/>\n"
-            "  </policy>\n"
-            "</busconfig>\n";
+         << address << "</listen>\n"
+         << s_policy << "</busconfig>\n";
 }
 
 }  // namespace
+
+void PrivateBus::SetPolicy(const std::string& policy) {
+    s_policy = policy;
+}
 
 PrivateBus& PrivateBus::Get() {
     static PrivateBus bus;

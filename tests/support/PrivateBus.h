@@ -12,11 +12,17 @@ class PrivateBus {
 public:
     static PrivateBus& Get();
 
+    /// Replaces the policy, which allows everything, in the configuration of a daemon that is started later.
+    static void SetPolicy(const std::string& policy);
+
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
     ~PrivateBus();
 
     const std::string& GetAddress() const { return _address; }
+
+    /// The folder that holds the socket; only this user may look into it.
+    const std::string& GetFolder() const { return _folder; }
 
     /// Ends the daemon at once, as a crash would, and waits for its end.
     void Kill();

@@ -33,7 +33,8 @@ public:
     MsgBusMsg& operator=(const MsgBusMsg&) = delete;
 
     /// A message of libdbus to be read, for programs that use that library, too; *takes a reference* of its
-    /// own. As with one that was sent nothing can be set or appended. Throws "MsgBusMsg: Trying to create msg from null ptr!".
+    /// own. As with one that was sent nothing can be set or appended. Throws "MsgBusMsg: Trying to create msg
+    /// from null ptr!".
     explicit MsgBusMsg(DBusMessage* message);
 
     /// *Takes ownership* of the implementation object.

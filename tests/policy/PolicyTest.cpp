@@ -1,0 +1,383 @@
+// The policy files on a real bus, with real users: who may own a service's name, send its signals and call
+// it.
+
+#include <zarip/core/Delegate.h>
+#include <zarip/interfaces/IAudioLineOutProvider.h>
+#include <zarip/interfaces/IBrelkServicesProvider.h>
+#include <zarip/interfaces/INetworkingV2Provider.h>
+#include <zarip/interfaces/IPtzSerialProvider.h>
+#include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/interfaces/ISmRegistrationProvider.h>
+#include <zarip/interfaces/IStreamInfoProvider.h>
+#include <zarip/interfaces/InterfaceServer.h>
+#include <zarip/msgbus/MessageHandler.h>
+#include <zarip/msgbus/MessageHandlerCollection.h>
+#include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/MsgBusMsgArgumentReader.h>
+#include <zarip/msgbus/MsgBusObjectSelector.h>
+#include <zarip/msgbus/MsgBusRemoteMethod.h>
+#include <zarip/msgbus/MsgBusSignal.h>
+#include <zarip/osa/Exception.h>
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/ErrorOf.h"
+#include "support/PrivateBus.h"
+#include "support/WaitUntil.h"
+
+namespace zarip {
+namespace {
+
+using interfaces::InterfaceServer;
+using msgbus::MsgBus;
+using msgbus::MsgBusMsg;
+using test::ErrorOf;
+
+const struct Service {
+    const char* name;
+    const char* path;
+    const char* member;  // null where there are only signals
+    InterfaceServer* (*serve)(MsgBus* bus);
+} kServices[] = {
+    {"com.brelk.system.security", "/com/brelk/system/security", "GetNonce",
+     [](MsgBus* bus) {
+         return interfaces::ISecurityProvider::CreateServer(bus, new interfaces::ISecurityProvider);
+     }},
+    {"com.brelk.networkingV2", "/com/brelk/networkingV2", "Get",
+     [](MsgBus* bus) {
+         return interfaces::INetworkingV2Provider::CreateServer(bus, new interfaces::INetworkingV2Provider);
+     }},
+    {"com.brelk.video.streamInfo", "/com/brelk/video/streamInfo", "GetCurrentVideoConnections",
+     [](MsgBus* bus) {
+         return interfaces::IStreamInfoProvider::CreateServer(bus, new interfaces::IStreamInfoProvider);
+     }},
+    {"com.brelk.hardware.ptzSerial", "/com/brelk/hardware/ptzSerial", "GetPtzPollingState",
+     [](MsgBus* bus) {
+         return interfaces::IPtzSerialProvider::CreateServer(bus, new interfaces::IPtzSerialProvider);
+     }},
+    {"com.brelk.audio.lineout", "/com/brelk/audio/lineout", "Query",
+     [](MsgBus* bus) {
+         return interfaces::IAudioLineOutProvider::CreateServer(bus, new interfaces::IAudioLineOutProvider);
+     }},
+    {"com.brelk.mirase.smRegistration", "/com/brelk/mirase/smRegistration", "IsRegistered",
+     [](MsgBus* bus) {
+         return interfaces::ISmRegistrationProvider::CreateServer(bus,
+                                                                  new interfaces::ISmRegistrationProvider);
+     }},
+    {"com.brelk.brelkServices", "/com/brelk/brelkServices", "GetAllServices",
+     [](MsgBus* bus) {
+         return interfaces::IBrelkServicesProvider::CreateServer(bus, new interfaces::IBrelkServicesProvider);
+     }},
+    {"com.brelk.analytics", "/com/brelk/analytics", nullptr, nullptr},
+};
+
+// Users -------------------------------------------------------------------------------------------------
+
+/// Users and groups that exist while this object does.
+class Accounts {
+public:
+    void AddGroup(const std::string& name) {
+        Run("groupadd --system " + name);
+        _undo.push_back("groupdel " + name);
+    }
+    void AddUser(const std::string& name) {
+        Run("useradd --system --no-create-home --user-group --shell /usr/sbin/nologin " + name);
+        _undo.push_back("userdel " + name);
+    }
+    Accounts() = default;
+    Accounts(const Accounts&) = delete;
+    Accounts& operator=(const Accounts&) = delete;
+    ~Accounts() {
+        for (auto undo = _undo.rbegin(); undo != _undo.rend(); ++undo) {
+            EXPECT_EQ(std::system((*undo + " >/dev/null 2>&1").c_str()), 0) << *undo;
+        }
+    }
+
+private:
+    static void Run(const std::string& command) {
+        if (std::system(command.c_str()) != 0) {
+            throw std::runtime_error(command + " failed");
+        }
+    }
+
+    std::vector<std::string> _undo;
+};
+
+/// A process that runs as a user, and in a group if one is given, and writes lines for this one to read.
+class Actor {
+public:
+    /// @param act  gets a way to say a line and one to wait for `Cue`.
+    using Say = std::function<void(const std::string&)>;
+    using Await = std::function<void()>;
+    Actor(const std::string& user, const std::string& group, const std::function<void(Say, Await)>& act) {
+        int lines[2];
+        int cues[2];
+        EXPECT_EQ(::pipe(lines), 0);
+        EXPECT_EQ(::pipe(cues), 0);
+        _pid = ::fork();
+        if (_pid == 0) {
+            ::close(lines[0]);
+            ::close(cues[1]);
+            Become(user, group);
+            try {
+                act([&](const std::string& line) { ::dprintf(lines[1], "%s\n", line.c_str()); },
+                    [&] {
+                        char cue = 0;
+                        if (::read(cues[0], &cue, 1) != 1) {
+                            ::_exit(1);
+                        }
+                    });
+            } catch (const std::exception& e) {
+                ::dprintf(lines[1], "%s\n", e.what());
+            }
+            ::_exit(0);  // neither the tests nor the accounts are this process's
+        }
+        ::close(lines[1]);
+        ::close(cues[0]);
+        _lines = ::fdopen(lines[0], "r");
+        _cues = cues[1];
+    }
+    Actor(const Actor&) = delete;
+    Actor& operator=(const Actor&) = delete;
+    ~Actor() {
+        ::close(_cues);
+        ::fclose(_lines);
+        ::waitpid(_pid, nullptr, 0);
+    }
+
+    /// The next line, or "the end".
+    std::string Read() {
+        std::string line;
+        for (int c = std::fgetc(_lines); c != '\n'; c = std::fgetc(_lines)) {
+            if (c == EOF) {
+                return "the end";
+            }
+            line += static_cast<char>(c);
+        }
+        return line;
+    }
+    void Cue() { EXPECT_EQ(::write(_cues, "", 1), 1); }
+
+private:
+    static void Become(const std::string& user, const std::string& group) {
+        const passwd* const entry = ::getpwnam(user.c_str());
+        const gid_t supplementary = group.empty() ? entry->pw_gid : ::getgrnam(group.c_str())->gr_gid;
+        if (::setgroups(1, &supplementary) != 0 || ::setgid(entry->pw_gid) != 0 ||
+            ::setuid(entry->pw_uid) != 0) {
+            ::_exit(1);
+        }
+    }
+
+    pid_t _pid;
+    FILE* _lines;
+    int _cues;
+};
+
+// What they do ------------------------------------------------------------------------------------------
+
+void SendSignals(MsgBus& bus, const char* member) {
+    for (const Service& service : kServices) {
+        bus.SendMsg(msgbus::MsgBusSignal(service.path, service.name, member));
+    }
+}
+
+std::string CallService(MsgBus& bus, const std::string& destination, const Service& service) {
+    msgbus::MsgBusRemoteMethod message({destination, service.path, service.name}, service.member);
+    message << "";  // for those that want a text; superfluous arguments are ignored
+    return ErrorOf([&] {
+        MsgBusMsg* reply = nullptr;
+        bus.SendMsgWaitForReply(message, reply, 5'000);
+        delete reply;
+    });
+}
+
+/// Serves everything; sends its signals when told to.
+void Serve(const Actor::Say& say, const Actor::Await& await) {
+    MsgBus bus;
+    std::vector<std::unique_ptr<InterfaceServer>> servers;
+    for (const Service& service : kServices) {
+        if (service.serve != nullptr) {
+            servers.emplace_back(service.serve(&bus));
+        } else {
+            bus.RegisterDestinationName(service.name);
+        }
+    }
+    bus.StartServer();
+    say("serving");
+    await();
+    SendSignals(bus, "Genuine");
+    await();
+}
+
+/// Calls every service, then tells of the signals that arrive up to the last genuine one.
+void CallAndListen(const Actor::Say& say, const Actor::Await& /*await*/) {
+    struct Listener {
+        void OnGenuine() { ++genuine; }
+        void OnForged() { ++forged; }
+        std::atomic<int> genuine{0};
+        std::atomic<int> forged{0};
+    } listener;
+    MsgBus bus;
+    msgbus::MessageHandlerCollection handlers(&bus);
+    for (const Service& service : kServices) {
+        handlers.AddHandler(
+            service.name, "Genuine",
+            new msgbus::VoidMessageHandler0(core::MakeDelegate(&listener, &Listener::OnGenuine),
+                                            msgbus::IMessageHandler::kSignals));
+        handlers.AddHandler(
+            service.name, "Forged",
+            new msgbus::VoidMessageHandler0(core::MakeDelegate(&listener, &Listener::OnForged),
+                                            msgbus::IMessageHandler::kSignals));
+    }
+    bus.StartServer();
+    for (const Service& service : kServices) {
+        if (service.member != nullptr) {
+            say(CallService(bus, service.name, service));
+        }
+    }
+    say("listening");
+    test::WaitUntil([&] { return listener.genuine == static_cast<int>(std::size(kServices)); });
+    say(std::to_string(listener.genuine) + " genuine, " + std::to_string(listener.forged) + " forged");
+}
+
+/// Tries all that it must not.
+void Attack(const Actor::Say& say, const Actor::Await& /*await*/) {
+    MsgBus bus;
+    const msgbus::MsgBusObjectSelector daemon("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                              "org.freedesktop.DBus");
+    for (const Service& service : kServices) {
+        msgbus::MsgBusRemoteMethod request(daemon, "RequestName");
+        request << service.name << 2U;  // takes it from its owner where that is allowed
+        say(ErrorOf([&] {
+            MsgBusMsg* reply = nullptr;
+            bus.SendMsgWaitForReply(request, reply, 5'000);
+            delete reply;
+        }));
+        if (service.member != nullptr) {
+            msgbus::MsgBusRemoteMethod query(daemon, "GetNameOwner");
+            query << service.name;
+            MsgBusMsg* answer = nullptr;
+            bus.SendMsgWaitForReply(query, answer, 5'000);
+            const std::unique_ptr<MsgBusMsg> owned(answer);
+            std::string owner;
+            *answer >> owner;
+            say(CallService(bus, service.name, service));
+            say(CallService(bus, owner, service));
+        }
+    }
+    SendSignals(bus, "Forged");
+    // Answered behind the signals.
+    MsgBusMsg* answer = nullptr;
+    bus.SendMsgWaitForReply(msgbus::MsgBusRemoteMethod(daemon, "GetId"), answer, 5'000);
+    delete answer;
+    say("done");
+}
+
+/// The policy files with the users and the group of this test, behind what a system bus has by default.
+std::string Policy(const std::string& user, const std::string& group) {
+    std::string policy = R"(
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus"/>
+  </policy>
+)";
+    for (const Service& service : kServices) {
+        std::ifstream file(ZARIP_POLICY_FOLDER "/" + std::string(service.name) + ".conf");
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        text = text.substr(text.find("<busconfig>") + 11);
+        text = text.substr(0, text.find("</busconfig>"));
+        text = std::regex_replace(text, std::regex("user=\"zarip-[a-z]+\""), "user=\"" + user + "\"");
+        policy += std::regex_replace(text, std::regex("group=\"zarip\""), "group=\"" + group + "\"");
+    }
+    return policy;
+}
+
+TEST(PolicyTest, OnlyTheServiceOwnsItsNameAndSendsItsSignalsAndOnlyTheGroupCalls) {
+    if (::geteuid() != 0 || std::system("command -v useradd >/dev/null") != 0) {
+        GTEST_SKIP() << "needs to be root, to run as users of its own";
+    }
+    const std::string id = std::to_string(::getpid());
+    const std::string insider = "zt-in-" + id;
+    const std::string outsider = "zt-out-" + id;
+    const std::string group = "zt-" + id;
+    Accounts accounts;
+    accounts.AddGroup(group);
+    accounts.AddUser(insider);
+    accounts.AddUser(outsider);
+    test::PrivateBus::SetPolicy(Policy(insider, group));
+    ASSERT_EQ(::chmod(test::PrivateBus::Get().GetFolder().c_str(), 0755), 0);
+
+    Actor service(insider, "", Serve);
+    ASSERT_EQ(service.Read(), "serving");
+    Actor client(outsider, group, CallAndListen);
+    for (const Service& called : kServices) {
+        if (called.member != nullptr) {
+            EXPECT_EQ(client.Read(), "DBUS call " + std::string(called.name) + "::" + called.member +
+                                         " failed: unimplemented");
+        }
+    }
+    ASSERT_EQ(client.Read(), "listening");
+
+    Actor attacker(outsider, "", Attack);
+    for (const Service& attacked : kServices) {
+        EXPECT_NE(attacker.Read().find("is not allowed to own the service"), std::string::npos)
+            << attacked.name;
+        if (attacked.member != nullptr) {
+            for (const char* address : {"name", "unique name"}) {
+                EXPECT_NE(attacker.Read().find("Rejected send message"), std::string::npos)
+                    << attacked.name << " by its " << address;
+            }
+        }
+    }
+    ASSERT_EQ(attacker.Read(), "done");
+    service.Cue();
+    EXPECT_EQ(client.Read(), "8 genuine, 0 forged");
+    service.Cue();
+}
+
+TEST(PolicyTest, EveryInterfaceHasAPolicy) {
+    std::vector<std::string> described;
+    std::vector<std::string> guarded;
+    const std::filesystem::path policies = ZARIP_POLICY_FOLDER;
+    for (const auto& entry : std::filesystem::directory_iterator(policies.parent_path() / "interfaces")) {
+        described.push_back(entry.path().stem());
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(policies)) {
+        guarded.push_back(entry.path().stem());
+    }
+    std::sort(described.begin(), described.end());
+    std::sort(guarded.begin(), guarded.end());
+    EXPECT_EQ(described, guarded);
+    EXPECT_EQ(guarded.size(), std::size(kServices));
+}
+
+}  // namespace
+}  // namespace zarip
