@@ -15,12 +15,20 @@
 //   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
 //                                DELETE deletes one (/api/users?name=...)
 //   GET    /api/events           the last changes of the user list
+//   GET    /api/camera           network, viewers, PTZ, audio, registration and services; what does not
+//   answer
+//                                is null. Whoever asks counts as a viewer for a while.
+//   GET    /api/alerts           the last alerts of video analytics; those behind number N with ?after=N
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
 // Answers are JSON. /api/ answers 401 without a valid login and 403 where the role is not enough; what needs
 // the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login is a
 // session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
+
+#include <cajun/json/elements.h>
+#include <cajun/json/reader.h>
+#include <cajun/json/writer.h>
 
 #include <zarip/core/Delegate.h>
 #include <zarip/core/IniFile.h>
@@ -30,16 +38,29 @@
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/HttpServer.h>
 #include <zarip/inet/IHttpHandler.h>
+#include <zarip/interfaces/AnalyticsInterface.h>
+#include <zarip/interfaces/IAudioLineOutProvider.h>
+#include <zarip/interfaces/IBrelkServicesProvider.h>
+#include <zarip/interfaces/INetworkingV2Provider.h>
+#include <zarip/interfaces/IPtzSerialProvider.h>
 #include <zarip/interfaces/ISecurityProvider.h>
+#include <zarip/interfaces/ISmRegistrationProvider.h>
+#include <zarip/interfaces/IStreamInfoProvider.h>
+#include <zarip/msgbus/IMessageHandler.h>
+#include <zarip/msgbus/MessageHandlerCollection.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/MsgBusSignal.h>
 #include <zarip/osa/Exception.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -50,28 +71,34 @@ namespace {
 using zarip::core::StringUtil;
 using zarip::inet::HttpRequest;
 using zarip::inet::HttpResponse;
-using zarip::interfaces::ISecurityProvider;
+using zarip::interfaces::AnalyticsInterface;
+using Clock = std::chrono::steady_clock;
 
 constexpr int kCallTimeoutMs = 3000;
 constexpr std::size_t kKeptEvents = 20;
+constexpr std::size_t kKeptAlerts = 50;
+constexpr std::size_t kMostAlertText = 200;  // bytes of each text
+constexpr std::chrono::seconds kViewerTime(15);
+constexpr const char* kStream = "main";
 constexpr const char* kCookie = "session";
 
-/// The text as a JSON string. What comes over the bus is UTF-8.
+template <class Element>
+std::string ToJson(const Element& element) {
+    std::ostringstream text;
+    json::Writer::Write(element, text);
+    return text.str();
+}
+
 std::string Quote(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            quoted += {'\\', c};
-        } else if (byte < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned int>(byte));
-            quoted += escape;
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + '"';
+    return ToJson(json::String(text));
+}
+
+template <class Element>
+Element Parse(const std::string& text) {
+    std::istringstream stream(text);
+    Element element;
+    json::Reader::Read(element, stream);
+    return element;
 }
 
 std::string Now() {
@@ -95,18 +122,48 @@ struct Failure {
     std::string reason;
 };
 
-/// The security service as long as there is one: connects when asked, and again when the bus was lost. Used
-/// by the HTTP thread alone; only the events come on the bus's thread.
-class Security {
-public:
-    ~Security() { Disconnect(); }
+/// The clients of all services on one bus.
+struct Services {
+    /// @param bus  *not owned*, must outlive them.
+    explicit Services(zarip::msgbus::IMsgBus* bus) : handlers(bus) {
+        Create(security, bus);
+        Create(network, bus);
+        Create(streams, bus);
+        Create(ptz, bus);
+        Create(audio, bus);
+        Create(registration, bus);
+        Create(directory, bus);
+        security->_timeout = network->_timeout = streams->_timeout = kCallTimeoutMs;
+        ptz->_timeout = registration->_timeout = directory->_timeout = kCallTimeoutMs;
+    }
 
-    /// Calls a member; throws `Failure`.
+    template <class Provider>
+    static void Create(std::unique_ptr<Provider>& client, zarip::msgbus::IMsgBus* bus) {
+        client.reset(Provider::CreateClient(bus));
+    }
+
+    std::unique_ptr<zarip::interfaces::ISecurityProvider> security;
+    std::unique_ptr<zarip::interfaces::INetworkingV2Provider> network;
+    std::unique_ptr<zarip::interfaces::IStreamInfoProvider> streams;
+    std::unique_ptr<zarip::interfaces::IPtzSerialProvider> ptz;
+    std::unique_ptr<zarip::interfaces::IAudioLineOutProvider> audio;
+    std::unique_ptr<zarip::interfaces::ISmRegistrationProvider> registration;
+    std::unique_ptr<zarip::interfaces::IBrelkServicesProvider> directory;
+    zarip::msgbus::MessageHandlerCollection handlers;
+};
+
+/// The services as long as there are any: connects when asked, and again when the bus was lost. Used by the
+/// HTTP thread alone; only events and alerts come on the bus's thread.
+class Camera {
+public:
+    ~Camera() { Disconnect(); }
+
+    /// Calls a member of the security service; throws `Failure`.
     template <class Call>
     auto Ask(Call call) {
         Connect();
         try {
-            return call(*_provider);
+            return call(*_services->security);
         } catch (const std::exception& e) {
             _logger->Warning("%s", e.what());
             if (StringUtil::StartsWith(e.what(), "MsgBusMsg: ")) {
@@ -114,6 +171,18 @@ public:
             }
             throw Failure{503, _bus->IsRunning() ? "The security service does not answer."
                                                  : "The message bus is gone."};
+        }
+    }
+
+    /// What a function makes of one of the other services; null when that does not answer.
+    template <class Function>
+    json::UnknownElement Tell(Function function) {
+        Connect();
+        try {
+            return function(*_services);
+        } catch (const std::exception& e) {
+            _logger->Debug("%s", e.what());
+            return json::Null();
         }
     }
 
@@ -125,9 +194,10 @@ public:
         Disconnect();
         try {
             _bus = std::make_unique<zarip::msgbus::MsgBus>();
-            _provider.reset(ISecurityProvider::CreateClient(_bus.get()));
-            _provider->_timeout = kCallTimeoutMs;
-            _provider->UsersChanged.AddDelegate(zarip::core::MakeDelegate(this, &Security::OnUsersChanged));
+            _services = std::make_unique<Services>(_bus.get());
+            _services->security->UsersChanged.AddDelegate(
+                zarip::core::MakeDelegate(this, &Camera::OnUsersChanged));
+            _services->handlers.AddHandler("com.brelk.analytics", "AnalyticsAlert", new AlertHandler(*this));
             _bus->StartServer();
         } catch (const std::exception& e) {
             _logger->Warning("%s", e.what());
@@ -136,17 +206,60 @@ public:
         }
     }
 
+    /// Counts who has asked in the last seconds, and reports it as stream-info-service wants it.
+    void NoteViewer(const std::string& session) {
+        const Clock::time_point now = Clock::now();
+        _viewers[session] = now;
+        for (auto viewer = _viewers.begin(); viewer != _viewers.end();) {
+            viewer = now - viewer->second > kViewerTime ? _viewers.erase(viewer) : std::next(viewer);
+        }
+        Tell([this](const Services& /*services*/) {
+            zarip::msgbus::MsgBusSignal report("/com/brelk/example/viewers", "com.brelk.example.viewers",
+                                               "Viewers");
+            report << std::string(kStream) << static_cast<int>(_viewers.size());
+            _bus->SendMsg(report);
+            return json::Null();
+        });
+    }
+
     std::vector<std::string> GetEvents() {
         const std::lock_guard<std::mutex> lock(_mutex);
         return {_events.begin(), _events.end()};
     }
 
+    /// Those behind a number that are still kept, and in `latest` the number of the newest.
+    json::Array GetAlerts(int after, int& latest) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        json::Array alerts;
+        int number = latest = _latestAlert;
+        number -= static_cast<int>(_alerts.size());
+        for (const json::Object& alert : _alerts) {
+            if (++number > after) {
+                alerts.Insert(alert);
+            }
+        }
+        return alerts;
+    }
+
 private:
+    class AlertHandler final : public zarip::msgbus::IMessageHandler {
+    public:
+        explicit AlertHandler(Camera& camera) : _camera(camera) {}
+        void HandleMessage(const zarip::msgbus::MsgBusMsg& message,
+                           zarip::msgbus::IMsgBus& /*bus*/) override {
+            _camera.OnAlert(AnalyticsInterface::AnalyticsAlert(message));
+        }
+        Kind GetKind() const override { return kSignals; }
+
+    private:
+        Camera& _camera;
+    };
+
     void Disconnect() {
         if (_bus) {
             _bus->StopServer();
         }
-        _provider.reset();
+        _services.reset();
         _bus.reset();
     }
 
@@ -158,21 +271,42 @@ private:
         }
     }
 
+    void OnAlert(const AnalyticsInterface::AnalyticsAlert& alert) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        json::Object entry;
+        entry["number"] = json::Number(++_latestAlert);
+        entry["severity"] = json::Number(alert.severity);
+        const std::pair<const char*, const std::string&> texts[] = {
+            {"device", alert.deviceId},    {"rule", alert.ruleName}, {"description", alert.description},
+            {"object", alert.objectClass}, {"state", alert.state},   {"start", alert.startTime},
+            {"end", alert.endTime}};
+        for (const auto& [name, text] : texts) {
+            entry[name] = json::String(text.substr(0, kMostAlertText));
+        }
+        _alerts.push_back(entry);
+        if (_alerts.size() > kKeptAlerts) {
+            _alerts.pop_front();
+        }
+    }
+
     zarip::core::Logger* _logger = zarip::core::Logger::GetLogger("WebGateway");
     std::unique_ptr<zarip::msgbus::MsgBus> _bus;
-    std::unique_ptr<ISecurityProvider> _provider;
+    std::unique_ptr<Services> _services;
+    std::map<std::string, Clock::time_point> _viewers;
     std::mutex _mutex;
     std::deque<std::string> _events;
+    std::deque<json::Object> _alerts;  // the oldest first
+    int _latestAlert = 0;
 };
 
 /// Answers with what a function makes of a request.
 class Route final : public zarip::inet::IHttpHandler {
 public:
-    using Function = void (*)(Security& security, const HttpRequest& request, HttpResponse& response);
+    using Function = void (*)(Camera& camera, const HttpRequest& request, HttpResponse& response);
 
     /// @param methods  with spaces in between.
-    Route(Security& security, const char* methods, Function function)
-        : _security(security), _methods(methods), _function(function) {}
+    Route(Camera& camera, const char* methods, Function function)
+        : _camera(camera), _methods(methods), _function(function) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
         response.SetHeader("Cache-Control", "no-store");
@@ -183,14 +317,14 @@ public:
                 response.SetHeader("Allow", StringUtil::Join(methods, ", "));
                 throw Failure{405, "This method does not fit here."};
             }
-            _function(_security, request, response);
+            _function(_camera, request, response);
         } catch (const Failure& failure) {
             Answer(response, failure.code, "{\"error\":" + Quote(failure.reason) + "}");
         }
     }
 
 private:
-    Security& _security;
+    Camera& _camera;
     const char* _methods;
     Function _function;
 };
@@ -267,28 +401,28 @@ struct Caller {
 };
 
 /// Throws `Failure` for one who may not go on.
-Caller Allow(Security& security, const HttpRequest& request) {
+Caller Allow(Camera& camera, const HttpRequest& request) {
     const std::string session = Session(request);
     Caller caller;
     if (!session.empty()) {
         // Not IsAuthenticated, which makes the session last longer: a page left open would never end it.
         caller.secondsLeft =
-            security.Ask([&](auto& service) { return service.GetExpiration(session, caller.user); });
+            camera.Ask([&](auto& service) { return service.GetExpiration(session, caller.user); });
     }
     if (caller.user.empty()) {
         throw Failure{401, "Please log in."};
     }
-    if (!security.Ask([&](auto& service) { return service.Authorize(session, request.GetPath()); })) {
+    if (!camera.Ask([&](auto& service) { return service.Authorize(session, request.GetPath()); })) {
         throw Failure{403, "Your role does not allow this."};
     }
     return caller;
 }
 
-void Login(Security& security, const HttpRequest& request, HttpResponse& response) {
+void Login(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     const std::string user = Field(request, "user");
     const std::string password = Field(request, "password");
     const std::string session =
-        security.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
+        camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
     if (session.empty()) {
         throw Failure{401, "User name or password is wrong."};
     }
@@ -296,19 +430,19 @@ void Login(Security& security, const HttpRequest& request, HttpResponse& respons
     Answer(response, 200, "{\"user\":" + Quote(user) + "}");
 }
 
-void Logout(Security& security, const HttpRequest& request, HttpResponse& response) {
-    security.Ask([&](auto& service) { return service.Logout(Session(request)); });
+void Logout(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    camera.Ask([&](auto& service) { return service.Logout(Session(request)); });
     SetSession(response, "", "; Max-Age=0");
     Answer(response, 200, "{}");
 }
 
-void Health(Security& security, const HttpRequest& /*request*/, HttpResponse& response) {
-    security.Ask([](auto& service) { return service.GetNonce(); });
+void Health(Camera& camera, const HttpRequest& /*request*/, HttpResponse& response) {
+    camera.Ask([](auto& service) { return service.GetNonce(); });
     Answer(response, 200, "{}");
 }
 
-void Status(Security& security, const HttpRequest& request, HttpResponse& response) {
-    const Caller caller = Allow(security, request);
+void Status(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    const Caller caller = Allow(camera, request);
     Answer(
         response, 200,
         "{\"user\":" + Quote(caller.user) + ",\"secondsLeft\":" + std::to_string(caller.secondsLeft) + "}");
@@ -326,7 +460,7 @@ std::string UsersAsJson(const std::string& lines) {
     return "[" + StringUtil::Join(users, ',') + "]";
 }
 
-int AddUser(Security& security, const HttpRequest& request) {
+int AddUser(Camera& camera, const HttpRequest& request) {
     const std::string name = Field(request, "name");
     const std::string role = Field(request, "role");
     const std::string password = Field(request, "password");
@@ -334,17 +468,17 @@ int AddUser(Security& security, const HttpRequest& request) {
     if ((name + role).find_first_of(":\n") != std::string::npos || password.find('\n') != std::string::npos) {
         throw Failure{400, "Name, role or password holds characters that cannot be."};
     }
-    return security.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
+    return camera.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
 }
 
-void Users(Security& security, const HttpRequest& request, HttpResponse& response) {
-    Allow(security, request);
+void Users(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    Allow(camera, request);
     int result = 0;
     if (request.GetMethodName() == "POST") {
-        result = AddUser(security, request);
+        result = AddUser(camera, request);
     } else if (request.GetMethodName() == "DELETE") {
         const std::vector<std::string> names = {Text(request.GetQueryParameter("name"))};
-        result = security.Ask([&](auto& service) { return service.DeleteUsers(names); });
+        result = camera.Ask([&](auto& service) { return service.DeleteUsers(names); });
     }
     if (result != 0) {
         // As the security service numbers them.
@@ -355,20 +489,90 @@ void Users(Security& security, const HttpRequest& request, HttpResponse& respons
                                ? reasons[result - 1]
                                : "The security service refused it with code " + std::to_string(result) + "."};
     }
-    Answer(response, 200, UsersAsJson(security.Ask([](auto& service) { return service.GetUsers(); })));
+    Answer(response, 200, UsersAsJson(camera.Ask([](auto& service) { return service.GetUsers(); })));
 }
 
-void Events(Security& security, const HttpRequest& request, HttpResponse& response) {
-    Allow(security, request);
-    Answer(response, 200, "[" + StringUtil::Join(security.GetEvents(), ',') + "]");
+void Events(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    Allow(camera, request);
+    Answer(response, 200, "[" + StringUtil::Join(camera.GetEvents(), ',') + "]");
 }
 
-void UnknownApi(Security& security, const HttpRequest& request, HttpResponse& /*response*/) {
-    Allow(security, request);
+json::Object NetworkOf(const Services& services) {
+    constexpr const char* query =
+        R"({"settings":["[System]Hostname","[IPv4/Actual]Address","[IPv6/Actual]Addresses",)"
+        R"("[NIC/eth0]EUI64","[NIC/eth0]MTU"]})";
+    return Parse<json::Object>(services.network->Get(query));
+}
+
+json::Object ViewersOf(const Services& services) {
+    json::Object viewers;
+    viewers["now"] = json::Number(services.streams->GetCurrentVideoConnections(kStream));
+    viewers["guaranteed"] = json::Number(services.streams->GetGuaranteedVideoConnections(kStream));
+    return viewers;
+}
+
+json::Object PtzOf(const Services& services) {
+    json::Object ptz;
+    // Nothing else: whoever asks for the settings initialises the line.
+    ptz["polling"] = json::Boolean(services.ptz->GetPtzPollingState());
+    return ptz;
+}
+
+json::Array AudioOf(const Services& services) {
+    json::Array connections;
+    for (const auto& connection : services.audio->Query()) {
+        json::Object entry;
+        entry["client"] = json::String(connection.client);
+        entry["connection"] = json::Number(connection.connection);
+        connections.Insert(entry);
+    }
+    return connections;
+}
+
+json::Object RegistrationOf(const Services& services) {
+    json::Object registration;
+    registration["registered"] = json::Boolean(services.registration->IsRegistered());
+    registration["synced"] = json::Boolean(services.registration->IsSynced());
+    return registration;
+}
+
+json::Array ServicesOf(const Services& services) {
+    return Parse<json::Array>(services.directory->GetAllServices());
+}
+
+void CameraStatus(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    Allow(camera, request);
+    camera.NoteViewer(Session(request));
+    json::Object status;
+    status["network"] = camera.Tell(&NetworkOf);
+    status["viewers"] = camera.Tell(&ViewersOf);
+    status["ptz"] = camera.Tell(&PtzOf);
+    status["audio"] = camera.Tell(&AudioOf);
+    status["registration"] = camera.Tell(&RegistrationOf);
+    status["services"] = camera.Tell(&ServicesOf);
+    Answer(response, 200, ToJson(status));
+}
+
+void Alerts(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    Allow(camera, request);
+    const std::string* const after = request.GetQueryParameter("after");
+    int number = 0;
+    if (after != nullptr && !StringUtil::TryParse(*after, number)) {
+        throw Failure{400, "After which number?"};
+    }
+    int latest = 0;
+    json::Object answer;
+    answer["alerts"] = camera.GetAlerts(number, latest);
+    answer["latest"] = json::Number(latest);
+    Answer(response, 200, ToJson(answer));
+}
+
+void UnknownApi(Camera& camera, const HttpRequest& request, HttpResponse& /*response*/) {
+    Allow(camera, request);
     throw Failure{404, "There is no such thing."};
 }
 
-void Measure(Security& /*security*/, const HttpRequest& request, HttpResponse& response) {
+void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& response) {
     const std::string* const announced = request.GetHeader("Content-Length");
     if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
         throw Failure{400, "The body is not as long as announced."};
@@ -376,7 +580,7 @@ void Measure(Security& /*security*/, const HttpRequest& request, HttpResponse& r
     Answer(response, 200, "{\"bytes\":" + std::to_string(request.GetBodyLength()) + "}");
 }
 
-void Fault(Security& /*security*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
+void Fault(Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
     throw zarip::osa::Exception("this handler always throws");
 }
 
@@ -395,22 +599,24 @@ int main(int argc, char** argv) {
         settings.SetValue("log", "log.stdout", "true");
         zarip::core::Logger::ConfigureLogging(settings, "log");
 
-        Security security;
+        Camera camera;
         Page page("text/html; charset=UTF-8", StringUtil::ReadTextFile(argv[1]));
         Page description("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "");
         struct {
             const char* path;
             Route route;
         } routes[] = {
-            {"/login", {security, "POST", &Login}},
-            {"/logout", {security, "POST", &Logout}},
-            {"/health", {security, "GET", &Health}},
-            {"/api/status", {security, "GET", &Status}},
-            {"/api/users", {security, "GET POST DELETE", &Users}},
-            {"/api/events", {security, "GET", &Events}},
-            {"/api/*", {security, "GET POST DELETE", &UnknownApi}},
-            {"/measure", {security, "POST", &Measure}},
-            {"/fault", {security, "GET", &Fault}},
+            {"/login", {camera, "POST", &Login}},
+            {"/logout", {camera, "POST", &Logout}},
+            {"/health", {camera, "GET", &Health}},
+            {"/api/status", {camera, "GET", &Status}},
+            {"/api/users", {camera, "GET POST DELETE", &Users}},
+            {"/api/events", {camera, "GET", &Events}},
+            {"/api/camera", {camera, "GET", &CameraStatus}},
+            {"/api/alerts", {camera, "GET", &Alerts}},
+            {"/api/*", {camera, "GET POST DELETE", &UnknownApi}},
+            {"/measure", {camera, "POST", &Measure}},
+            {"/fault", {camera, "GET", &Fault}},
         };
         zarip::inet::HttpServer server("127.0.0.1", port);
         server.AddHandler("/", &page);
@@ -421,7 +627,7 @@ int main(int argc, char** argv) {
             server.AddHandler(path, &route);
         }
         try {
-            security.Connect();
+            camera.Connect();
         } catch (const Failure& failure) {
             std::fprintf(stderr, "web-gateway: %s It goes on without.\n", failure.reason.c_str());
         }

@@ -3,7 +3,7 @@
 # What every build needs.
 base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev dbus libglib2.0-bin"
 # What the demo talks to the examples with.
-demo_packages="curl tshark gupnp-tools iproute2"
+demo_packages="curl tshark gupnp-tools iproute2 libglib2.0-bin"
 
 # usage: prints the comment at the top of the running script.
 usage() {
