@@ -1,0 +1,147 @@
+// Tells what an H.264 stream holds: stream-header SPS, with the sequence parameter set in hexadecimal.
+
+#include <zarip/core/BitStreamReader.h>
+#include <zarip/osa/Exception.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+using zarip::core::BitStreamReader;
+using Bytes = std::vector<unsigned char>;
+
+Bytes FromHex(const std::string& text) {
+    Bytes bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        std::size_t used = 0;
+        const std::string digits = text.substr(i, 2);
+        bytes.push_back(static_cast<unsigned char>(std::stoi(digits, &used, 16)));
+        if (used != 2) {
+            throw zarip::osa::Exception("'%s' is no byte", digits.c_str());
+        }
+    }
+    return bytes;
+}
+
+/// Takes out the bytes that keep the start code 00 00 01 from appearing inside.
+Bytes Unescape(const Bytes& escaped) {
+    Bytes bytes;
+    int zeros = 0;
+    for (const unsigned char byte : escaped) {
+        if (zeros == 2 && byte == 3) {
+            zeros = 0;
+            continue;
+        }
+        zeros = byte == 0 ? zeros + 1 : 0;
+        bytes.push_back(byte);
+    }
+    return bytes;
+}
+
+void SkipScalingList(BitStreamReader& reader, int size) {
+    int next = 8;
+    for (int last = 8, i = 0; i < size && next != 0; ++i) {
+        next = (last + reader.ReadSignedGolomb()) & 0xFF;
+        last = next != 0 ? next : last;
+    }
+}
+
+bool HasChromaFormat(unsigned int profile) {
+    for (const unsigned int known : {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135}) {
+        if (profile == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+struct Header {
+    unsigned int profile;
+    unsigned int level;
+    unsigned int width;
+    unsigned int height;
+};
+
+Header ReadHeader(const Bytes& bytes) {
+    BitStreamReader reader(bytes.data(), bytes.size());
+    reader.SkipBits(3);
+    if (reader.ReadBits(5) != 7) {
+        throw zarip::osa::Exception("no sequence parameter set");
+    }
+    Header header{};
+    header.profile = static_cast<unsigned int>(reader.ReadBits(8));
+    reader.SkipBits(8);  // constraints
+    header.level = static_cast<unsigned int>(reader.ReadBits(8));
+    reader.ReadUnsignedGolomb();  // number of the set
+    unsigned int chromaFormat = 1;
+    if (HasChromaFormat(header.profile)) {
+        chromaFormat = reader.ReadUnsignedGolomb();
+        if (chromaFormat == 3) {
+            reader.SkipBits(1);
+        }
+        reader.ReadUnsignedGolomb();  // bit depths
+        reader.ReadUnsignedGolomb();
+        reader.SkipBits(1);
+        if (reader.ReadBit()) {
+            for (int list = 0; list < (chromaFormat == 3 ? 12 : 8); ++list) {
+                if (reader.ReadBit()) {
+                    SkipScalingList(reader, list < 6 ? 16 : 64);
+                }
+            }
+        }
+    }
+    reader.ReadUnsignedGolomb();  // length of the frame numbers
+    const unsigned int orderType = reader.ReadUnsignedGolomb();
+    if (orderType == 0) {
+        reader.ReadUnsignedGolomb();
+    } else if (orderType == 1) {
+        reader.SkipBits(1);
+        reader.ReadSignedGolomb();
+        reader.ReadSignedGolomb();
+        for (unsigned int left = reader.ReadUnsignedGolomb(); left != 0; --left) {
+            reader.ReadSignedGolomb();
+        }
+    }
+    reader.ReadUnsignedGolomb();  // reference frames
+    reader.SkipBits(1);
+    const unsigned int columns = reader.ReadUnsignedGolomb() + 1;
+    const unsigned int rows = reader.ReadUnsignedGolomb() + 1;
+    const unsigned int fields = reader.ReadBit() ? 1 : 2;
+    if (fields == 2) {
+        reader.SkipBits(1);
+    }
+    reader.SkipBits(1);
+    header.width = columns * 16;
+    header.height = rows * 16 * fields;
+    if (reader.ReadBit()) {
+        const unsigned int unitX = chromaFormat == 1 || chromaFormat == 2 ? 2 : 1;
+        const unsigned int unitY = (chromaFormat == 1 ? 2 : 1) * fields;
+        const unsigned int left = reader.ReadUnsignedGolomb();
+        const unsigned int right = reader.ReadUnsignedGolomb();
+        const unsigned int top = reader.ReadUnsignedGolomb();
+        const unsigned int bottom = reader.ReadUnsignedGolomb();
+        header.width -= (left + right) * unitX;
+        header.height -= (top + bottom) * unitY;
+    }
+    return header;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: stream-header SPS\n");
+        return 2;
+    }
+    try {
+        const Header header = ReadHeader(Unescape(FromHex(argv[1])));
+        std::printf("profile %u, level %.1f, %ux%u\n", header.profile, header.level / 10.0, header.width,
+                    header.height);
+        return 0;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "stream-header: %s\n", e.what());
+        return 1;
+    }
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <zarip/osa/Exception.h>
+
+namespace zarip::core {
+
+/// An allocator has no memory for what was asked for.
+class ZARIP_EXPORT AllocationException : public osa::Exception {
+public:
+    explicit AllocationException(const std::string& message);
+    AllocationException(const AllocationException& other);
+    AllocationException& operator=(const AllocationException& other);
+    ~AllocationException() override;
+};
+
+}  // namespace zarip::core

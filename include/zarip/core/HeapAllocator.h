@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include <zarip/core/IAllocator.h>
+
+namespace zarip::core {
+
+/// The heap of the process, with an account of what is out. It serves all sizes and alignments.
+class ZARIP_EXPORT HeapAllocator : public IAllocator {
+public:
+    HeapAllocator();
+    HeapAllocator(const HeapAllocator&) = delete;
+    HeapAllocator& operator=(const HeapAllocator&) = delete;
+
+    /// Frees what is still out.
+    ~HeapAllocator() override;
+
+    void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) override;
+    void Free(void* memory) override;
+    Statistics GetStatistics() const override;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
+};
+
+}  // namespace zarip::core
