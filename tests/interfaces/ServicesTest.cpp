@@ -403,6 +403,16 @@ TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
     EXPECT_EQ(ErrorOf([&] { broken.HostnameChange.FireEvent("\xff"); }), refused);
 }
 
+TEST(ServicesOnTheBus, ANameThatIsNoneIsRefused) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    for (const char* name : {static_cast<const char*>(nullptr), "", "no name"}) {
+        EXPECT_EQ(ErrorOf([&] { InterfaceServer(&bus, name); }), string("dbus_bus_request_name failed for ") +
+                                                                     (name != nullptr ? name : "") +
+                                                                     "Requested bus name is not valid");
+    }
+}
+
 TEST(ServicesOnTheBus, OneWayMembersReturnAlsoWhereNobodyServes) {
     test::PrivateBus::Get();
     msgbus::MsgBus bus;
