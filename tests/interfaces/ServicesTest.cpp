@@ -56,14 +56,6 @@ protected:
     typename Service::Implementation _implementation;
 };
 
-struct ServiceNameOf {
-    template <class Service>
-    static string GetName(int /*index*/) {
-        const string path = Service::kPath;
-        return path.substr(path.rfind('/') + 1);
-    }
-};
-
 TYPED_TEST_SUITE(ServiceTest, AllServices, ServiceNameOf);
 
 TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {

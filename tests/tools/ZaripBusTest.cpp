@@ -437,7 +437,7 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
 template <class Service>
 class ZaripBusServiceTest : public testing::Test {};
 
-TYPED_TEST_SUITE(ZaripBusServiceTest, AllServices);
+TYPED_TEST_SUITE(ZaripBusServiceTest, AllServices, ServiceNameOf);
 
 TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
     test::PrivateBus::Get();
