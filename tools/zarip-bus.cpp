@@ -29,6 +29,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -54,8 +55,10 @@ is a text, a number, true or false, or for a list a JSON array such as '["one", 
 
   -a, --all             list: not only the services of the device
   -j, --json            call: prints one JSON array
-  -t, --timeout SECONDS call, wait: how long to wait; 5 for a call, otherwise no limit
+  -t, --timeout SECONDS how long to wait; 5 for call and describe, otherwise no limit
   -h, --help            shows this; options stand before the ARGs of a call
+
+A member "without reply" (see describe) is only sent: nobody tells what became of it.
 
 The bus is the system bus, or the one in DBUS_SYSTEM_BUS_ADDRESS. To see what others say, monitor needs to be
 root or the user of the bus.
@@ -68,6 +71,13 @@ Exit status: 0 done, 1 refused or failed, 2 wrong usage or arguments, 3 no such 
 )";
 
 constexpr char kPrefix[] = "com.brelk.";
+
+constexpr const char* kServices[] = {ZARIP_SERVICES};
+
+constexpr int kBusTimeoutMs = 5'000;
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsageError = 2, kNotThere = 3, kTimedOut = 4 };
 
@@ -94,6 +104,13 @@ void Print(const std::string& line) {
     std::putchar('\n');
 }
 
+/// Throws when something that was printed is lost.
+void Flush() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        throw Failure(kFailed, "the output could not be written");
+    }
+}
+
 /// @param form  false for an array or an object: in one line.
 template <class Element, class... Form>
 std::string ToJson(const Element& element, Form... form) {
@@ -111,8 +128,14 @@ bool EndsWith(const std::string& text, const std::string& end) {
 using Message = std::unique_ptr<MsgBusMsg>;
 
 Message Send(MsgBus& bus, const MsgBusMsg& message, int timeoutMs) {
+    // libdbus counts whole milliseconds and may be one early.
+    const auto end = Clock::now() + milliseconds(timeoutMs - 1);
     MsgBusMsg* reply = nullptr;
-    bus.SendMsgWaitForReply(message, reply, timeoutMs);
+    try {
+        bus.SendMsgWaitForReply(message, reply, timeoutMs);
+    } catch (const osa::Exception& e) {
+        throw Failure(Clock::now() < end ? kFailed : kTimedOut, e.what());
+    }
     return Message(reply);
 }
 
@@ -123,7 +146,7 @@ Result AskBus(MsgBus& bus, const char* member, const Arguments&... argument) {
     msgbus::MsgBusRemoteMethod message(daemon, member);
     (void)(static_cast<MsgBusMsg&>(message) << ... << argument);
     Result result{};
-    msgbus::MsgBusMsgArgumentReader(*Send(bus, message, 5'000)) >> result;
+    msgbus::MsgBusMsgArgumentReader(*Send(bus, message, kBusTimeoutMs)) >> result;
     return result;
 }
 
@@ -136,10 +159,13 @@ Strings GetNames(MsgBus& bus) {
     return names;
 }
 
-/// What a SERVICE on the command line stands for; itself when nothing on the bus fits.
-std::string Resolve(MsgBus& bus, const std::string& service) {
+/// What a SERVICE on the command line stands for, on the bus or not; itself when nothing fits.
+/// @param names  what is on the bus.
+std::string Resolve(const Strings& names, const std::string& service) {
+    std::set<std::string> known(std::begin(kServices), std::end(kServices));
+    known.insert(names.begin(), names.end());
     Strings fitting;
-    for (const std::string& name : GetNames(bus)) {
+    for (const std::string& name : known) {
         if (name == service) {
             return service;
         }
@@ -154,7 +180,7 @@ std::string Resolve(MsgBus& bus, const std::string& service) {
 }
 
 std::string Require(MsgBus& bus, const std::string& service) {
-    const std::string name = Resolve(bus, service);
+    const std::string name = Resolve(GetNames(bus), service);
     if (!dbus_validate_bus_name(name.c_str(), nullptr) || !AskBus<bool>(bus, "NameHasOwner", name)) {
         throw Failure(kNotThere, service + " is not on the bus");
     }
@@ -211,10 +237,14 @@ msgbus::MsgBusObjectSelector Selector(const std::string& service, const std::str
     return {service, path, interface};
 }
 
-std::vector<Member> ReadMembers(MsgBus& bus, const std::string& service) {
-    const msgbus::MsgBusRemoteMethod message(Selector(service, DBUS_INTERFACE_INTROSPECTABLE), "Introspect");
+std::vector<Member> ReadMembers(MsgBus& bus, const std::string& service, int timeoutMs) {
+    const auto object = Selector(service, DBUS_INTERFACE_INTROSPECTABLE);
+    if (!dbus_validate_path(object.GetPath().c_str(), nullptr)) {
+        throw Failure(kFailed, service + " has no object of its name, so it is no service to call");
+    }
+    const msgbus::MsgBusRemoteMethod message(object, "Introspect");
     std::string text;
-    msgbus::MsgBusMsgArgumentReader(*Send(bus, message, 5'000)) >> text;
+    msgbus::MsgBusMsgArgumentReader(*Send(bus, message, timeoutMs)) >> text;
     constexpr int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
     const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
         xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options), xmlFreeDoc);
@@ -344,8 +374,9 @@ int List(MsgBus& bus, const Options& options) {
 
 int Describe(MsgBus& bus, const Options& options) {
     const std::string service = Require(bus, options.words[1]);
+    const std::vector<Member> members = ReadMembers(bus, service, options.GetTimeout(kBusTimeoutMs));
     Print(service);
-    for (const Member& member : ReadMembers(bus, service)) {
+    for (const Member& member : members) {
         Print("  " + Prototype(member));
     }
     return kDone;
@@ -374,7 +405,8 @@ void PrintResults(const std::string& results) {
 int Call(MsgBus& bus, const Options& options) {
     const std::string service = Require(bus, options.words[1]);
     const std::string& name = options.words[2];
-    const std::vector<Member> members = ReadMembers(bus, service);
+    const int timeout = options.GetTimeout(kBusTimeoutMs);
+    const std::vector<Member> members = ReadMembers(bus, service, timeout);
     const auto member = std::find_if(members.begin(), members.end(), [&name](const Member& candidate) {
         return candidate.name == name && !candidate.isSignal;
     });
@@ -387,13 +419,18 @@ int Call(MsgBus& bus, const Options& options) {
     }
     msgbus::MsgBusRemoteMethod message(Selector(service, service), name.c_str());
     for (std::size_t i = 0; i < member->in.size(); ++i) {
-        Append(message, member->in[i].type, options.words[3 + i]);
+        try {
+            Append(message, member->in[i].type, options.words[3 + i]);
+        } catch (const osa::Exception& e) {
+            throw Failure(kUsageError, name + ": " + e.what());
+        }
     }
     if (member->isOneWay) {
         bus.SendMsg(message);
+        AskBus<std::string>(bus, "GetId");  // answered behind the call, which the bus then has passed on
         return kDone;
     }
-    const Message reply = Send(bus, message, options.GetTimeout(5'000));
+    const Message reply = Send(bus, message, timeout);
     const std::string results = msgbus::MsgBusMsgArgumentDumper(*reply).AsJson(false);
     if (options.json) {
         Print(results);
@@ -469,29 +506,41 @@ void BecomeMonitor(DBusConnection* connection, const Strings& rules) {
     dbus_message_unref(reply);
 }
 
+void PrintMessages(DBusConnection* connection) {
+    const auto unref = [](DBusMessage* message) { dbus_message_unref(message); };
+    for (;;) {
+        const std::unique_ptr<DBusMessage, decltype(unref)> message(dbus_connection_pop_message(connection),
+                                                                    unref);
+        if (!message) {
+            break;
+        }
+        if (!dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) {
+            Print(Line(message.get()));
+        }
+    }
+    Flush();
+}
+
 int Monitor(MsgBus& bus, const Options& options) {
     Strings rules;
     if (options.words.size() > 1) {
         // The service need not be there yet.
-        const std::string service = Resolve(bus, options.words[1]);
+        const std::string service = Resolve(GetNames(bus), options.words[1]);
         if (!dbus_validate_bus_name(service.c_str(), nullptr)) {
             throw Failure(kUsageError, "'" + service + "' is no name of a service");
         }
-        rules = {"sender='" + service + "'", "destination='" + service + "'", "interface='" + service + "'"};
+        rules = {"sender='" + service + "'", "destination='" + service + "'"};
+        if (dbus_validate_interface(service.c_str(), nullptr)) {
+            rules.push_back("interface='" + service + "'");
+        }
     }
     const Connection monitor;
     BecomeMonitor(monitor.connection, rules);
-    while (dbus_connection_read_write(monitor.connection, -1)) {
-        while (DBusMessage* const message = dbus_connection_pop_message(monitor.connection)) {
-            if (!dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
-                Print(Line(message));
-            }
-            dbus_message_unref(message);
-        }
-        if (std::fflush(stdout) != 0) {
-            return kFailed;  // nobody reads any more
-        }
-    }
+    // Reading waits also where something was read before, and the last read may bring messages, too.
+    do {
+        PrintMessages(monitor.connection);
+    } while (dbus_connection_read_write(monitor.connection, -1) != FALSE);
+    PrintMessages(monitor.connection);
     throw Failure(kNotThere, "the bus went away");
 }
 
@@ -506,7 +555,7 @@ public:
         bus.StartServer();
     }
 
-    void Wait(unsigned int milliseconds) { _changed.TryLock(milliseconds); }
+    void Wait(milliseconds limit) { _changed.TryLock(static_cast<unsigned int>(limit.count())); }
 
 private:
     void OnChange(const std::string& /*name*/) {
@@ -522,19 +571,26 @@ private:
 };
 
 int Wait(MsgBus& bus, const Options& options) {
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::milliseconds(options.GetTimeout(0));
+    const auto end = Clock::now() + milliseconds(options.GetTimeout(0));
+    if (!dbus_validate_bus_name((kPrefix + options.words[1]).c_str(), nullptr)) {
+        throw Failure(kUsageError, "'" + options.words[1] + "' is no name of a service");
+    }
     OwnerWatch watch(bus);
     for (;;) {
         const Strings names = GetNames(bus);
-        if (std::find(names.begin(), names.end(), Resolve(bus, options.words[1])) != names.end()) {
+        if (std::find(names.begin(), names.end(), Resolve(names, options.words[1])) != names.end()) {
             return kDone;
         }
-        if (options.timeout >= 0 && Clock::now() >= end) {
-            throw Failure(kTimedOut, options.words[1] + " is not on the bus yet");
+        // Looks again now and then, so that the end of the bus is noticed, too.
+        milliseconds limit(100);
+        if (options.timeout >= 0) {
+            const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
+            if (left.count() <= 0) {
+                throw Failure(kTimedOut, options.words[1] + " is not on the bus yet");
+            }
+            limit = std::min(limit, left);
         }
-        // Looks again now and then, so that the end of the time and of the bus is noticed, too.
-        watch.Wait(100);
+        watch.Wait(limit);
     }
 }
 
@@ -563,6 +619,8 @@ double ParseTimeout(const std::string& text) {
     return seconds;
 }
 
+constexpr char kTimeoutIs[] = "--timeout=";
+
 /// Options end at the member of a call, so that arguments may begin with a dash, and at "--".
 Options ParseOptions(const Strings& given) {
     Options options;
@@ -580,13 +638,36 @@ Options ParseOptions(const Strings& given) {
             options.all = true;
         } else if (word == "-j" || word == "--json") {
             options.json = true;
-        } else if ((word == "-t" || word == "--timeout") && i + 1 < given.size()) {
+        } else if (word == "-t" || word == "--timeout") {
+            if (i + 1 == given.size()) {
+                throw Failure(kUsageError, word + " needs a number of seconds");
+            }
             options.timeout = ParseTimeout(given[++i]);
+        } else if (word.rfind(kTimeoutIs, 0) == 0) {
+            options.timeout = ParseTimeout(word.substr(sizeof kTimeoutIs - 1));
         } else {
             throw Failure(kUsageError, "unknown option " + word);
         }
     }
     return options;
+}
+
+/// Tells a service that refuses from a bus that is gone.
+int RunOn(MsgBus& bus, int (*run)(MsgBus& bus, const Options& options), const Options& options) {
+    try {
+        return run(bus, options);
+    } catch (const std::exception& e) {
+        const auto* const failure = dynamic_cast<const Failure*>(&e);
+        if (failure != nullptr && failure->exitStatus != kFailed) {
+            throw;
+        }
+        try {
+            AskBus<std::string>(bus, "GetId");
+        } catch (const std::exception&) {
+            throw Failure(kNotThere, e.what());
+        }
+        throw;
+    }
 }
 
 int Run(const Strings& given) {
@@ -604,7 +685,7 @@ int Run(const Strings& given) {
             } catch (const osa::Exception& e) {
                 throw Failure(kNotThere, e.what());
             }
-            return command.run(*bus, options);
+            return RunOn(*bus, command.run, options);
         }
     }
     std::fputs(kUsage, stderr);
@@ -614,8 +695,12 @@ int Run(const Strings& given) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // As every other program: who closes the pipe that it prints to ends it.
+    dbus_connection_set_change_sigpipe(FALSE);
     try {
-        return Run(Strings(argv + 1, argv + argc));
+        const int status = Run(Strings(argv + 1, argv + argc));
+        Flush();
+        return status;
     } catch (const Failure& failure) {
         std::fprintf(stderr, "zarip-bus: %s\n", failure.what());
         return failure.exitStatus;

@@ -12,7 +12,6 @@
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimeSource.h"
-#include "zarip/osa/LockException.h"
 #include "zarip/osa/Mutex.h"
 #include "zarip/osa/MutexAutoLock.h"
 #include "zarip/osa/Semaphore.h"
@@ -158,7 +157,8 @@ public:
         : _timeSource(timeSource),
           _ownedTimeSource(ownsTimeSource ? timeSource : nullptr),
           _isMonotonic(isMonotonic),
-          _wakeUp("TaskManager", static_cast<unsigned short>(std::clamp(maxCount, 1, 0xFFFF)), 0),
+          _maxWoken(std::clamp(maxCount, 1, 0xFFFF)),
+          _wakeUp("TaskManager", static_cast<unsigned short>(_maxWoken), 0),
           _maxCount(maxCount) {}
 
     void Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task, bool evenIfFull);
@@ -179,6 +179,7 @@ private:
     std::unique_ptr<osa::ITimeSource> _ownedTimeSource;
     bool _isMonotonic;
     osa::Mutex _mutex{"TaskManager"};
+    int _maxWoken;
     osa::Semaphore _wakeUp;
     int _maxCount;
     DueQueue _queue ZARIP_GUARDED_BY(_mutex);
@@ -198,15 +199,12 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
             throw osa::Exception("maxCount was reached");
         }
         _queue.Push(ToMicroseconds(due), std::move(task));
-        wakes = _woken < _waiting;
+        // More units than tasks that may wait would find nothing to do, and no room in `_wakeUp`.
+        wakes = _woken < std::min(_waiting, _maxWoken);
         _woken += wakes ? 1 : 0;
     }
     if (wakes) {
-        try {
-            _wakeUp.Release();
-        } catch (const osa::LockException&) {
-            // Full: then nobody has to wait for a unit.
-        }
+        _wakeUp.Release();
     }
 }
 
@@ -257,7 +255,7 @@ bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
                 hasWaited = false;
                 --_waiting;
                 _woken -= woken ? 1 : 0;
-                if (!woken && isLast) {
+                if (!woken && (isLast || ToMicroseconds(Now()) >= target)) {
                     return false;
                 }
             }

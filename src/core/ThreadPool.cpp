@@ -22,7 +22,12 @@ public:
     void Start(std::shared_ptr<ThreadPoolImpl> self) {
         _self = std::move(self);
         _logger->Debug("Spawning thread");
-        _thread.Run();
+        try {
+            _thread.Run();
+        } catch (...) {
+            _self.reset();  // it would keep itself alive
+            throw;
+        }
     }
 
     void Run() override {

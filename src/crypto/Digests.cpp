@@ -13,7 +13,10 @@ Digest::~Digest() = default;
 
 GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullptr), _opened(nullptr) {
     GCryptInit::InitializeGcrypt();
-    ::gcry_md_open(&_opened, algorithm, 0);  // leaves null when it fails
+    // Finishing a digest without a fixed size (none at all, SHAKE) would end the process in libgcrypt.
+    if (::gcry_md_get_algo_dlen(algorithm) != 0) {
+        ::gcry_md_open(&_opened, algorithm, 0);  // leaves null when it fails
+    }
     _handle = _opened;
 }
 

@@ -2,6 +2,7 @@
 
 // Lists of records, which travel as their length and then the fields of each.
 
+#include <utility>
 #include <vector>
 
 #include "zarip/msgbus/MsgBusMsg.h"

@@ -5,7 +5,7 @@
 namespace zarip::interfaces {
 
 InterfaceServer::InterfaceServer(msgbus::IMsgBus* bus, const char* busName)
-    : InterfaceServer(bus, std::string(busName)) {}
+    : InterfaceServer(bus, std::string(busName != nullptr ? busName : "")) {}
 
 InterfaceServer::InterfaceServer(msgbus::IMsgBus* bus, const std::string& busName)
     : _bus(bus), _busName(busName) {

@@ -58,6 +58,7 @@ std::string ValueOf(const json::Object& answer, const char* key) {
 }
 
 std::string Query(const char* key, const char* failure) {
+    std::string reason;
     try {
         const std::string text = NetworkUtils::GetProvider()->Get(Request(key));
         std::istringstream stream(text);
@@ -65,10 +66,13 @@ std::string Query(const char* key, const char* failure) {
         json::Reader::Read(answer, stream);
         return ValueOf(answer, key);
     } catch (const std::exception& e) {
-        static auto* const s_logger = core::Logger::GetLogger("NetworkUtils");
-        s_logger->Debug("%s: %s", key, e.what());
-        throw Exception(std::string(failure));
+        reason = e.what();
+    } catch (...) {
+        reason = "unknown";
     }
+    static auto* const s_logger = core::Logger::GetLogger("NetworkUtils");
+    s_logger->Debug("%s: %s", key, reason.c_str());
+    throw Exception(std::string(failure));
 }
 
 constexpr char kNoIpAddress[] = "Failed to determine our IP address";

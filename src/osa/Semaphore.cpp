@@ -33,6 +33,25 @@ void LockRecord(pthread_mutex_t* mutex) {
     }
 }
 
+/// A waiter, which holds the lock except while it sleeps: a clock that cannot be read ends the wait.
+class Waiter {
+public:
+    Waiter(pthread_mutex_t* mutex, int& waiters) : _mutex(mutex), _waiters(waiters) {
+        LockRecord(_mutex);
+        ++_waiters;
+    }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter() {
+        --_waiters;
+        ::pthread_mutex_unlock(_mutex);
+    }
+
+private:
+    pthread_mutex_t* _mutex;
+    int& _waiters;
+};
+
 }  // namespace
 
 Semaphore::Semaphore(const char* name, unsigned short maxCount, unsigned short initialCount)
@@ -69,8 +88,7 @@ bool Semaphore::TryLock(unsigned int timeoutMs) {
     if (timeoutMs != 0 && timeoutMs != kNoLimit) {
         deadline.emplace(timeoutMs);
     }
-    LockRecord(&context->mutex);
-    ++context->waiters;
+    const Waiter waiter(&context->mutex, context->waiters);
     while (context->count <= 0) {
         if (timeoutMs == kNoLimit) {
             ::pthread_cond_wait(&context->available, &context->mutex);
@@ -81,13 +99,11 @@ bool Semaphore::TryLock(unsigned int timeoutMs) {
             ::pthread_cond_clockwait(&context->available, &context->mutex, Deadline::kLookClock, &look);
         }
     }
-    --context->waiters;
-    const bool taken = context->count > 0;
-    if (taken) {
-        --context->count;
+    if (context->count <= 0) {
+        return false;
     }
-    ::pthread_mutex_unlock(&context->mutex);
-    return taken;
+    --context->count;
+    return true;
 }
 
 void Semaphore::Lock(unsigned int timeoutMs) {

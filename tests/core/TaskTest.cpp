@@ -52,6 +52,11 @@ public:
     void GetTime(osa::TimeStruct& out) const override {
         const std::lock_guard<std::mutex> lock(_mutex);
         out = _now;
+        ++_looks;
+    }
+    int GetLooks() const {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return _looks;
     }
     void SetTime(const osa::TimeStruct& value) override {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -65,6 +70,7 @@ public:
 private:
     mutable std::mutex _mutex;
     osa::TimeStruct _now{1'000'000, 0};
+    mutable int _looks = 0;
 };
 
 class TaskTest : public testing::Test {
@@ -185,14 +191,48 @@ TEST_F(TaskTest, AWaiterIsWokenByATaskAndByAClockThatJumps) {
     tasks.QueueTask(Note(1));
     worker.get();
     tasks.QueueTask(TimeSpan::FromHours(10), Note(2));
-    auto late = std::async(std::launch::async, [&] {
-        while (!tasks.WaitAndExecuteTask(-1)) {
-        }
-    });
-    clock.SetTime(osa::TimeStruct(10, 0));
+    const int looks = clock.GetLooks();
+    auto late = std::async(std::launch::async, [&] { return tasks.WaitAndExecuteTask(-1); });
+    // It has seen that the task is not due, and for how long it has to wait.
+    ASSERT_TRUE(test::WaitUntil([&] { return clock.GetLooks() == looks + 2; }));
     clock.SetTime(osa::TimeStruct(2'000'000, 0));
-    late.get();
+    // A wait that ends with a task becoming due, so the task is left to the next call here, too.
+    EXPECT_FALSE(late.get());
+    EXPECT_EQ(_order, std::vector<int>{1});
+    EXPECT_TRUE(tasks.WaitAndExecuteTask(0));
     EXPECT_EQ(_order, (std::vector<int>{1, 2}));
+}
+
+TEST_F(TaskTest, EveryWaiterIsWokenHoweverFewTasksMayWait) {
+    for (int round = 0; round < 200; ++round) {
+        TaskManager tasks(1);
+        const auto queue = [&] {
+            try {
+                tasks.QueueTask(new Task);
+            } catch (const osa::Exception&) {
+                // The last one is still there.
+            }
+        };
+        std::atomic<int> done{0};
+        std::vector<std::thread> workers;
+        for (int i = 0; i < 3; ++i) {
+            workers.emplace_back([&] {
+                tasks.WaitAndExecuteTask(-1);
+                ++done;
+            });
+        }
+        for (int i = 0; i < 20; ++i) {
+            queue();
+            tasks.ExecuteQueuedTasks();  // what a worker was woken for
+        }
+        ASSERT_TRUE(test::WaitUntil([&] {
+            queue();
+            return done == 3;
+        }));
+        for (auto& worker : workers) {
+            worker.join();
+        }
+    }
 }
 
 TEST_F(TaskTest, ManyThreadsQueueAndRun) {

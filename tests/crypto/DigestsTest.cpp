@@ -105,7 +105,9 @@ TEST(DigestsTest, DeliberatelyACopyHasNoContext) {
     Feed(assigned, "abc");
     assigned = source;
     GCryptDigest unknown(12'345);  // like an algorithm that libgcrypt refuses
-    for (GCryptDigest* digest : {static_cast<GCryptDigest*>(&copy), &assigned, &unknown}) {
+    GCryptDigest none(0);
+    GCryptDigest sizeless(316);  // SHAKE128
+    for (GCryptDigest* digest : {static_cast<GCryptDigest*>(&copy), &assigned, &unknown, &none, &sizeless}) {
         digest->Update('a');
         Feed(*digest, "bc");
         digest->Reset();

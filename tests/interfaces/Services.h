@@ -438,4 +438,13 @@ struct BrelkServices {
 using AllServices =
     testing::Types<Security, Networking, StreamInfo, PtzSerial, AudioLineOut, SmRegistration, BrelkServices>;
 
+/// Names the tests of a typed suite.
+struct ServiceNameOf {
+    template <class Service>
+    static string GetName(int /*index*/) {
+        const string path = Service::kPath;
+        return path.substr(path.rfind('/') + 1);
+    }
+};
+
 }  // namespace zarip::interfaces

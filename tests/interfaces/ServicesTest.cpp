@@ -56,14 +56,6 @@ protected:
     typename Service::Implementation _implementation;
 };
 
-struct ServiceNameOf {
-    template <class Service>
-    static string GetName(int /*index*/) {
-        const string path = Service::kPath;
-        return path.substr(path.rfind('/') + 1);
-    }
-};
-
 TYPED_TEST_SUITE(ServiceTest, AllServices, ServiceNameOf);
 
 TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
@@ -401,6 +393,16 @@ TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
               string("DBUS call com.brelk.networkingV2::Get failed: ") + refused);
     EXPECT_EQ(ErrorOf([&] { networking->Set(""); }), "DBUS call com.brelk.networkingV2::Set failed: not ?");
     EXPECT_EQ(ErrorOf([&] { broken.HostnameChange.FireEvent("\xff"); }), refused);
+}
+
+TEST(ServicesOnTheBus, ANameThatIsNoneIsRefused) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    for (const char* name : {static_cast<const char*>(nullptr), "", "no name"}) {
+        EXPECT_EQ(ErrorOf([&] { InterfaceServer(&bus, name); }), string("dbus_bus_request_name failed for ") +
+                                                                     (name != nullptr ? name : "") +
+                                                                     "Requested bus name is not valid");
+    }
 }
 
 TEST(ServicesOnTheBus, OneWayMembersReturnAlsoWhereNobodyServes) {

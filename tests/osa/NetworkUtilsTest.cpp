@@ -95,6 +95,8 @@ TEST_F(NetworkUtilsQueryTest, TheProviderIsAskedForOneSetting) {
         }
         _networking._answer = []() -> std::string { throw Exception("out of order"); };
         EXPECT_EQ(ErrorOf(query.get), query.failure);
+        _networking._answer = []() -> std::string { throw 1; };
+        EXPECT_EQ(ErrorOf(query.get), query.failure);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -161,8 +162,21 @@ TEST(SemaphoreTest, FailuresOfTheSystemBecomeExceptions) {
         EXPECT_EQ(OutcomeOf(make), (LockOutcome{"pthread_cond_init failed", 2}));
     }
     Semaphore semaphore("s", 1, 1);
-    const FailingCall failing("clock_gettime", -1);
-    EXPECT_EQ(OutcomeOf([&] { semaphore.TryLock(1); }), (LockOutcome{"clock_gettime failed", 0}));
+    const LockOutcome noClock{"clock_gettime failed", 0};
+    {
+        const FailingCall failing("clock_gettime", -1);
+        EXPECT_EQ(OutcomeOf([&] { semaphore.TryLock(1); }), noClock);
+        EXPECT_TRUE(semaphore.TryLock(0));
+    }
+    {
+        // Once the wait has begun; nothing stays locked.
+        std::optional<FailingCall> failing;
+        const FailingCall wait("pthread_cond_clockwait", ETIMEDOUT,
+                               [&] { failing.emplace("clock_gettime", -1); });
+        EXPECT_EQ(OutcomeOf([&] { semaphore.TryLock(20); }), noClock);
+        failing.reset();
+    }
+    semaphore.Release();
     EXPECT_TRUE(semaphore.TryLock(0));
 }
 

@@ -38,8 +38,9 @@ public:
 ///
 /// Deliberate: a copy knows the algorithm but has no context of its own, and an object that is assigned to
 /// puts its context away until it ends; digests are not meant to be copied while in use, and a copy is cheap.
-/// Without a context, also where libgcrypt refuses the algorithm (MD5 in FIPS mode), `Update` and `Reset` do
-/// nothing and `DoFinal` throws `CryptoException` "no digest context".
+/// Without a context, also where libgcrypt refuses the algorithm (MD5 in FIPS mode) or its digests have no
+/// fixed size (SHAKE), `Update` and `Reset` do nothing and `DoFinal` throws `CryptoException` "no digest
+/// context".
 class ZARIP_EXPORT GCryptDigest : public Digest {
 public:
     /// @param algorithm  libgcrypt's number of it.
