@@ -313,19 +313,17 @@ TEST(FileUtilsTest, DeletesTreesThatChangeMeanwhile) {
             ++changes;
         }
     });
-    bool isChanged = false;
-    const string error = ErrorOf([&] {
-        isChanged = test::WaitUntil(
-            [&] {
-                FileUtils::DeleteTree(tree);
-                return changes > 100;
-            },
-            std::chrono::seconds(60));
-    });
+    const auto deleteTree = [&] {
+        const string error = ErrorOf([&] { FileUtils::DeleteTree(tree); });
+        // One who goes on for ever may win; any other failure is ours.
+        EXPECT_TRUE(error == "no exception" || error.find("errno(39)") != string::npos ||
+                    error.find("errno(16)") != string::npos)
+            << error;
+        return changes > 20;
+    };
+    EXPECT_TRUE(test::WaitUntil(deleteTree, std::chrono::seconds(60)));
     isDone = true;
     changer.join();
-    EXPECT_EQ(error, "no exception");
-    EXPECT_TRUE(isChanged);
     FileUtils::DeleteTree(tree);
     EXPECT_FALSE(FileUtils::Exists(tree));
     for (int i = 0; i < 50; ++i) {
