@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <thread>
 
+#include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
 #include "support/FileSizeLimit.h"
 #include "support/SmallStack.h"
@@ -288,6 +290,17 @@ TEST(FileUtilsTest, DeletesDeepTrees) {
     test::OnSmallStack([&] { EXPECT_TRUE(FileUtils::DeleteTree(folder.File("folder"))); });
     ::setrlimit(RLIMIT_NOFILE, &old);
     EXPECT_EQ(FileUtils::List(folder.Path()), Names{"link"});
+}
+
+// As if it had still been a folder a moment ago.
+TEST(FileUtilsTest, FollowsNoLinkThatTakesAFoldersPlace) {
+    const TempDir folder;
+    const string tree = folder.File("tree");
+    fs::create_directory(folder.File("outside"));
+    folder.Write("outside/file", "stays");
+    fs::create_directory_symlink("outside", tree);
+    const FailingCall isFolder("unlinkat", -1, [] { errno = EISDIR; });
+    EXPECT_EQ(ErrorOf([&] { FileUtils::DeleteTree(tree); }), Failed("delete", tree, kIsFolder));
 }
 
 // Whoever may write in the tree tries to lead the deletion out of it.
