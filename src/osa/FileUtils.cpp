@@ -190,7 +190,7 @@ private:
     };
 
     static constexpr int kOpenFolder = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    static constexpr int kMaxAgain = 1'000;
+    static constexpr int kMaxAgain = 100;
 
     [[noreturn]] void Stop(const std::string& name, int error = errno) const {
         if (_levels.size() <= 1 && name == _name) {

@@ -114,6 +114,8 @@ TEST(ProcessTest, TellsHowItEnded) {
             EXPECT_EQ(process.GetExitStatus(), row.status) << row.script;
             EXPECT_EQ(process.GetSignal(), row.signal) << row.script;
             EXPECT_FALSE(process.Kill());
+            // Nobody else is to get the number of a group that can still be killed.
+            EXPECT_EQ(::kill(process.GetPid(), 0), isGroup ? 0 : -1);
         }
     }
 }

@@ -55,8 +55,9 @@ public:
     static bool Delete(const std::string& path);
 
     /// Deletes a file, a link, or a folder with all that is in it; false when there is none. No link is
-    /// followed, also none that takes a folder's place meanwhile. Stops at the first failure. Memory grows
-    /// with the depth, descriptors and stack do not. "/", "." and ".." at the end are "Invalid path".
+    /// followed, also none that takes a folder's place meanwhile. Stops at the first failure; against
+    /// somebody who goes on filling the tree that is errno 39 (ENOTEMPTY) or 16 (EBUSY) in the end. Memory
+    /// grows with the depth, descriptors and stack do not. "/", "." and ".." at the end are "Invalid path".
     static bool DeleteTree(const std::string& path);
 
     static std::string Read(const std::string& path);
