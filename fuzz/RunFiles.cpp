@@ -20,7 +20,7 @@ struct Target {
 
 constexpr Target kTargets[] = {
     {"request", fuzz::Request}, {"response", fuzz::Response}, {"upnp", fuzz::Upnp}, {"url", fuzz::Url},
-    {"query", fuzz::Query},     {"ini", fuzz::Ini},           {"json", fuzz::Json},
+    {"query", fuzz::Query},     {"ini", fuzz::Ini},           {"json", fuzz::Json}, {"key", fuzz::Key},
 };
 
 }  // namespace

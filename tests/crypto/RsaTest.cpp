@@ -176,7 +176,7 @@ TEST(RsaTest, OnlyTheVerySignatureVerifies) {
                                   kind == RsaSignature::kPSS ? RsaSignature::kPKCS1 : RsaSignature::kPSS,
                                   hash, kMessage, signature));
             EXPECT_FALSE(Verifies(other, RsaSignature::kPKCS1, hash, kMessage, signature));
-            for (const std::size_t at : {0, 100, 255}) {
+            for (const std::size_t at : {0U, 100U, 255U}) {
                 Bytes changed = signature;
                 changed[at] = static_cast<unsigned char>(changed[at] ^ 1);
                 EXPECT_FALSE(Verifies(publicKey, kind, hash, kMessage, changed)) << at;
