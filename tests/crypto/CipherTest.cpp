@@ -99,6 +99,8 @@ const struct Published {
      "4ef997456198dd78"},
     {"Blowfish", Make<Blowfish>, Cipher::kECB, "0123456789abcdef", "", "1111111111111111",
      "61f9c3802281b096"},
+    {"Blowfish, a key that is called weak, by openssl", Make<Blowfish>, Cipher::kECB, "0000000000002e8f", "",
+     "1111111111111111", "695b186a9e340fa9"},
     {"Blowfish, 4 bytes", Make<Blowfish>, Cipher::kECB, "f0e1d2c3", "", "fedcba9876543210",
      "be1e639408640f05"},
     {"Blowfish, 24 bytes", Make<Blowfish>, Cipher::kECB, "f0e1d2c3b4a5968778695a4b3c2d1e0f0011223344556677",
