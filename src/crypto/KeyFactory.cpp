@@ -85,25 +85,25 @@ std::vector<unsigned char> Print(const Mpi& number) {
     return bytes;
 }
 
-/// From bytes, since numbers that were decoded are secure and would make the public key so as well.
-void SetPublic(RsaKeyImpl& key, const Mpi& n, const Mpi& e) {
-    key._modulus = Print(n);
+std::shared_ptr<const RsaKeyImpl> BuildPublic(const Mpi& n, const Mpi& e) {
+    auto key = std::make_shared<RsaKeyImpl>();
+    key->_bits = n.GetBits();
+    key->_modulus = Print(n);
     const std::vector<unsigned char> exponent = Print(e);
-    key._bits = n.GetBits();
-    Check(::gcry_sexp_build(key._public.Address(), nullptr, "(public-key (rsa (n %b)(e %b)))",
-                            static_cast<int>(key._modulus.size()), key._modulus.data(),
+    // From bytes, since numbers that were decoded are secure and would make the public key so as well.
+    Check(::gcry_sexp_build(key->_key.Address(), nullptr, "(public-key (rsa (n %b)(e %b)))",
+                            static_cast<int>(key->_modulus.size()), key->_modulus.data(),
                             static_cast<int>(exponent.size()), exponent.data()),
           "gcry_sexp_build");
-    if (key._modulus.size() > key.GetSize()) {
-        key._modulus.erase(key._modulus.begin());  // the sign
+    if (key->_modulus.size() > key->GetSize()) {
+        key->_modulus.erase(key->_modulus.begin());  // the sign
     }
+    return key;
 }
 
 std::shared_ptr<const RsaKeyImpl> MakePublic(const Mpi& n, const Mpi& e) {
     CheckPublic(n, e);
-    auto key = std::make_shared<RsaKeyImpl>();
-    SetPublic(*key, n, e);
-    return key;
+    return BuildPublic(n, e);
 }
 
 struct PrivateNumbers {
@@ -150,12 +150,14 @@ void CheckPrivate(const PrivateNumbers& key) {
                  IsInverse(key.coefficient, key.q, key.p));
 }
 
-/// libgcrypt has the smaller prime first, and the inverse of that one modulo the other: the first prime of
-/// the encoding, which is the larger one here, is its second.
+/// Of numbers whose first prime is the larger one. libgcrypt wants the smaller one first and the inverse of
+/// that, which is the same with the primes the other way round.
 std::shared_ptr<const RsaKeyImpl> BuildPrivate(const PrivateNumbers& key) {
     auto impl = std::make_shared<RsaKeyImpl>();
-    SetPublic(*impl, key.n, key.e);
-    Check(::gcry_sexp_build(impl->_private.Address(), nullptr,
+    impl->_publicPart = BuildPublic(key.n, key.e);
+    impl->_bits = impl->_publicPart->_bits;
+    impl->_modulus = impl->_publicPart->_modulus;
+    Check(::gcry_sexp_build(impl->_key.Address(), nullptr,
                             "(private-key (rsa (n %m)(e %m)(d %m)(p %m)(q %m)(u %m)))", key.n.Get(),
                             key.e.Get(), key.d.Get(), key.q.Get(), key.p.Get(), key.coefficient.Get()),
           "gcry_sexp_build");
@@ -278,7 +280,7 @@ void AppendRsaAlgorithm(SecureBytes& out) {
 SecureBytes EncodePublic(const RsaKeyImpl& key, KeyFactory::Format format) {
     Mpi n;
     Mpi e;
-    Check(::gcry_sexp_extract_param(key._public.Get(), nullptr, "ne", n.Address(), e.Address(), nullptr),
+    Check(::gcry_sexp_extract_param(key._key.Get(), nullptr, "ne", n.Address(), e.Address(), nullptr),
           "gcry_sexp_extract_param");
     SecureBytes numbers;
     AppendMpi(numbers, n);
@@ -296,7 +298,7 @@ SecureBytes EncodePublic(const RsaKeyImpl& key, KeyFactory::Format format) {
 
 SecureBytes EncodePrivate(const RsaKeyImpl& key, KeyFactory::Format format) {
     constexpr unsigned char kVersion = 0;
-    PrivateNumbers k = ExtractPrivate(key._private.Get());
+    PrivateNumbers k = ExtractPrivate(key._key.Get());
     k.dp = NewSecure();
     k.dq = NewSecure();
     ::gcry_mpi_mod(k.dp.Get(), k.d.Get(), Predecessor(k.p).Get());

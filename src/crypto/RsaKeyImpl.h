@@ -2,6 +2,7 @@
 
 #include <gcrypt.h>
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -45,11 +46,12 @@ private:
     gcry_sexp_t _value;
 };
 
+/// A public or a private key.
 struct RsaKeyImpl {
-    Sexp _public;
-    Sexp _private;  ///< null in a public key
+    Sexp _key;
     unsigned int _bits = 0;
-    std::vector<unsigned char> _modulus;  ///< `GetSize()` bytes
+    std::vector<unsigned char> _modulus;            ///< `GetSize()` bytes
+    std::shared_ptr<const RsaKeyImpl> _publicPart;  ///< of a private key; does not keep that alive
 
     unsigned int GetSize() const { return (_bits + 7) / 8; }
 };

@@ -173,7 +173,7 @@ std::vector<unsigned char> RsaPublicKey::Encrypt(RsaEncryption encryption, const
                                   HashOf(encryption).name, static_cast<int>(length), message.GetData()),
           "gcry_sexp_build");
     Sexp result;
-    Check(::gcry_pk_encrypt(result.Address(), plain.Get(), _impl->_public.Get()), "gcry_pk_encrypt");
+    Check(::gcry_pk_encrypt(result.Address(), plain.Get(), _impl->_key.Get()), "gcry_pk_encrypt");
     return GetNumber(result, "a", GetSize());
 }
 
@@ -195,7 +195,7 @@ bool RsaPublicKey::VerifyDigest(RsaSignature kind, RsaHash hash, const unsigned 
     Check(::gcry_sexp_build(signatureData.Address(), nullptr, "(sig-val (rsa (s %b)))",
                             static_cast<int>(signatureLength), signature),
           "gcry_sexp_build");
-    const gcry_error_t error = ::gcry_pk_verify(signatureData.Get(), data.Get(), _impl->_public.Get());
+    const gcry_error_t error = ::gcry_pk_verify(signatureData.Get(), data.Get(), _impl->_key.Get());
     if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
         throw GCryptException("gcry_pk_verify", error);
     }
@@ -216,7 +216,7 @@ unsigned int RsaPrivateKey::GetSize() const {
 }
 
 RsaPublicKey RsaPrivateKey::GetPublicKey() const {
-    return RsaPublicKey(_impl);
+    return RsaPublicKey(_impl->_publicPart);
 }
 
 SecureBuffer RsaPrivateKey::Decrypt(RsaEncryption encryption, const unsigned char* data,
@@ -233,7 +233,7 @@ SecureBuffer RsaPrivateKey::Decrypt(RsaEncryption encryption, const unsigned cha
                                      static_cast<int>(length), data),
           "gcry_sexp_build");
     Sexp plain;
-    const gcry_error_t error = ::gcry_pk_decrypt(plain.Address(), cipher.Get(), _impl->_private.Get());
+    const gcry_error_t error = ::gcry_pk_decrypt(plain.Address(), cipher.Get(), _impl->_key.Get());
     if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
         throw GCryptException("gcry_pk_decrypt", error);
     }
@@ -260,7 +260,7 @@ std::vector<unsigned char> RsaPrivateKey::SignDigest(RsaSignature kind, RsaHash 
                                                      unsigned int digestLength) const {
     const Sexp data = BuildDigest(*_impl, kind, hash, digest, digestLength);
     Sexp signature;
-    Check(::gcry_pk_sign(signature.Address(), data.Get(), _impl->_private.Get()), "gcry_pk_sign");
+    Check(::gcry_pk_sign(signature.Address(), data.Get(), _impl->_key.Get()), "gcry_pk_sign");
     return GetNumber(signature, "s", GetSize());
 }
 
