@@ -17,6 +17,7 @@
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
 #include <zarip/osa/Exception.h>
+#include <zarip/osa/FileUtils.h>
 
 #include <algorithm>
 #include <chrono>
@@ -352,8 +353,9 @@ private:
     }
 
     /// The file first, and in one step: whatever happens, it and we hold all of a change or nothing of it.
+    /// `Save` would write in place where the folder does not allow a new file; then this refuses the change.
     void Keep(const IniFile& changed) {
-        changed.Save(_path.c_str());
+        zarip::osa::FileUtils::WriteAtomically(_path, changed.SaveToString());
         _ini = changed;
     }
 

@@ -51,6 +51,7 @@
 #include <zarip/msgbus/MsgBus.h>
 #include <zarip/msgbus/MsgBusSignal.h>
 #include <zarip/osa/Exception.h>
+#include <zarip/xml/XmlWriter.h>
 
 #include <algorithm>
 #include <chrono>
@@ -352,22 +353,27 @@ private:
 /// The description of the device, with what the file says of it.
 std::string DescribeDevice(const char* path) {
     const zarip::core::IniFile file(path);
-    std::string text =
-        "<?xml version=\"1.0\"?>\n"
-        "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">\n"
-        "  <specVersion><major>1</major><minor>0</minor></specVersion>\n"
-        "  <device>\n";
+    std::ostringstream text;
+    zarip::xml::XmlWriter writer(text, true);
+    writer.StartDocument();
+    writer.StartElement("root");
+    writer.Namespace("", "urn:schemas-upnp-org:device-1-0");
+    writer.StartElement("specVersion");
+    writer.Element("major", "1");
+    writer.Element("minor", "0");
+    writer.EndElement();
+    writer.StartElement("device");
     // In the order that UPnP prescribes.
     for (const char* name :
          {"deviceType", "friendlyName", "manufacturer", "manufacturerURL", "modelDescription", "modelName",
           "modelNumber", "modelURL", "serialNumber", "UDN", "UPC", "presentationURL"}) {
         std::string value;
         if (file.TryGetValue(value, "device", name)) {
-            StringUtil::EscapeForXml(value);
-            text += std::string("    <") + name + ">" + value + "</" + name + ">\n";
+            writer.Element(name, value);
         }
     }
-    return text + "  </device>\n</root>\n";
+    writer.EndDocument();
+    return text.str();
 }
 
 std::string Text(const std::string* value) {

@@ -19,8 +19,9 @@ struct Target {
 };
 
 constexpr Target kTargets[] = {
-    {"request", fuzz::Request}, {"response", fuzz::Response}, {"upnp", fuzz::Upnp}, {"url", fuzz::Url},
-    {"query", fuzz::Query},     {"ini", fuzz::Ini},           {"json", fuzz::Json},
+    {"request", fuzz::Request}, {"response", fuzz::Response}, {"upnp", fuzz::Upnp},
+    {"url", fuzz::Url},         {"query", fuzz::Query},       {"ini", fuzz::Ini},
+    {"json", fuzz::Json},       {"xml", fuzz::Xml},           {"key", fuzz::Key},
 };
 
 }  // namespace

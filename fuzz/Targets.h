@@ -15,6 +15,8 @@ void Url(const std::string& input);
 void Query(const std::string& input);
 void Ini(const std::string& input);
 void Json(const std::string& input);
+void Xml(const std::string& input);
+void Key(const std::string& input);
 
 inline void Check(bool holds, const char* what) {
     if (!holds) {

@@ -5,20 +5,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <istream>
 #include <locale>
-#include <memory>
 #include <sstream>
 #include <string_view>
 
 #include "core/ReadBlocks.h"
 #include "core/Text.h"
+#include "osa/FileReplacement.h"
 #include "osa/UniqueFd.h"
 #include "zarip/core/StringUtil.h"
 #include "zarip/osa/Exception.h"
@@ -133,90 +129,6 @@ void WriteGroup(std::ostream& stream, const std::string& name, const IniFile::Gr
     WriteKeys(stream, group);
 }
 
-bool WriteAll(int fd, const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t result = ::write(fd, text.data() + done, text.size() - done);
-        if (result < 0 && errno != EINTR) {
-            return false;
-        }
-        done += result > 0 ? static_cast<std::size_t>(result) : 0;
-    }
-    return true;
-}
-
-/// A special file (a pipe, /dev/stdout) knows no synchronisation.
-bool Synchronise(int fd) {
-    return ::fsync(fd) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
-}
-
-/// The file that a path leads to in the end; the path itself where nothing is there yet.
-std::string Resolve(const char* path) {
-    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path, nullptr), &std::free);
-    return resolved ? resolved.get() : path;
-}
-
-/// Replaces files by a rename.
-class Replacement {
-public:
-    explicit Replacement(const std::string& target) : _target(target) {}
-    Replacement(const Replacement&) = delete;
-    Replacement& operator=(const Replacement&) = delete;
-    ~Replacement() {
-        if (!_path.empty()) {
-            ::unlink(_path.c_str());
-        }
-    }
-
-    /// Makes the new file beside the target, with the old one's mode and owner; false where the folder does
-    /// not allow it.
-    bool Open(const struct stat* old) {
-        static std::atomic<unsigned int> s_count{0};
-        const std::string stem = _target + "." + std::to_string(::getpid()) + ".";
-        int fd = -1;
-        do {
-            _path = stem + std::to_string(s_count++) + ".tmp";
-            fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
-                        old != nullptr ? 0600 : 0666);
-        } while (fd < 0 && errno == EEXIST);
-        if (fd < 0) {
-            _path.clear();
-            return false;
-        }
-        _file = osa::UniqueFd(fd);
-        if (old != nullptr) {
-            // Only root may give files away; anybody else may still set a group of its own.
-            const bool given = ::fchown(fd, old->st_uid, old->st_gid) == 0 ||
-                               ::fchown(fd, static_cast<uid_t>(-1), old->st_gid) == 0;
-            static_cast<void>(given);
-            return ::fchmod(fd, old->st_mode & 07777) == 0;
-        }
-        return true;
-    }
-
-    bool Write(const std::string& text) { return WriteAll(_file.Get(), text) && Synchronise(_file.Get()); }
-
-    /// False where the target cannot be replaced (another file system is mounted on it).
-    bool Commit() {
-        if (::rename(_path.c_str(), _target.c_str()) != 0) {
-            return false;
-        }
-        _path.clear();
-        const std::size_t slash = _target.rfind('/');
-        const std::string folder = slash == std::string::npos ? "." : _target.substr(0, slash + 1);
-        const osa::UniqueFd opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (opened.IsValid()) {
-            ::fsync(opened.Get());
-        }
-        return true;
-    }
-
-private:
-    const std::string _target;
-    std::string _path;
-    osa::UniqueFd _file;
-};
-
 [[noreturn]] void ThrowNotConverted(const std::string& key, const char* type) {
     throw osa::Exception("value " + key + " must be a valid " + type);
 }
@@ -319,12 +231,12 @@ void IniFile::LoadFromString(const std::string& text) {
 void IniFile::Save(const char* path) const {
     const std::string name = path != nullptr ? path : "";
     const std::string text = SaveToString();
-    const std::string target = Resolve(name.c_str());
+    const std::string target = osa::FollowLinks(name);
     const auto failToOpen = [&] { throw osa::Exception("Couldn't open file " + name + " for writing"); };
     const auto failToWrite = [&] { throw osa::Exception("Couldn't write file " + name); };
 
-    // A file that may not be written is not to be replaced either. What is no plain file, or a link to
-    // nowhere, is written where it is.
+    // A file that may not be written is not to be replaced either. What is no plain file is written where it
+    // is.
     struct stat old {};
     bool exists = false;
     bool replaceable = true;
@@ -341,20 +253,21 @@ void IniFile::Save(const char* path) const {
             replaceable = ::lstat(target.c_str(), &named) != 0;
         }
     }
-    Replacement replacement(target);
-    if (replaceable && replacement.Open(exists ? &old : nullptr)) {
+    osa::FileReplacement replacement(target);
+    if (replaceable && replacement.Open(exists ? 0600 : 0666) && (!exists || replacement.TakeOver(old))) {
         if (!replacement.Write(text)) {
             failToWrite();
         }
         if (replacement.Commit()) {
             return;
         }
+        // It cannot be replaced: another file system is mounted on it.
     }
     const osa::UniqueFd file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!file.IsValid()) {
         failToOpen();
     }
-    if (!WriteAll(file.Get(), text) || !Synchronise(file.Get())) {
+    if (!osa::WriteAll(file.Get(), text) || !osa::Synchronise(file.Get())) {
         failToWrite();
     }
 }

@@ -1,11 +1,11 @@
 #include "zarip/crypto/DigestUtils.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <string_view>
 
 #include "core/ReadBlocks.h"
 #include "cutil/hex.h"
+#include "zarip/crypto/CryptoUtils.h"
 #include "zarip/crypto/Digests.h"
 
 namespace zarip::crypto {
@@ -31,15 +31,8 @@ std::string Finish(MD5& md5) {
 }
 
 bool AreEqual(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    unsigned int difference = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        difference |=
-            static_cast<unsigned char>(a[i]) ^ static_cast<unsigned int>(static_cast<unsigned char>(b[i]));
-    }
-    return difference == 0;
+    return a.size() == b.size() &&
+           CryptoUtils::AreEqual(a.data(), b.data(), static_cast<unsigned int>(a.size()));
 }
 
 }  // namespace

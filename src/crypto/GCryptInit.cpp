@@ -24,6 +24,8 @@ void Initialize() {
     ::gcry_control(GCRYCTL_DISABLE_SECMEM_WARN);
     ::gcry_control(GCRYCTL_DISABLE_PRIV_DROP);
     ::gcry_control(GCRYCTL_INIT_SECMEM, kSecureBytes, 0);
+    // What does not fit goes to memory that is wiped, though not locked, instead of failing.
+    ::gcry_control(GCRYCTL_AUTO_EXPAND_SECMEM, static_cast<unsigned int>(kSecureBytes));
     ::gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "zarip/osa/IOException.h"
 #include "zarip/osa/SocketException.h"
 
 namespace zarip::osa {
@@ -14,11 +15,21 @@ inline std::string DescribeError(int error) {
     return ::strerror_r(error, buffer, sizeof(buffer));
 }
 
+inline std::string WithErrno(const std::string& text, int error) {
+    return text + ": errno(" + std::to_string(error) + "): " + DescribeError(error);
+}
+
 /// Throws `text`, the number and its description as a general socket failure. For failed system calls.
 [[noreturn]] inline void ThrowErrno(const char* text, int error = errno) {
-    throw SocketException(
-        std::string(text) + ": errno(" + std::to_string(error) + "): " + DescribeError(error),
-        SocketException::SocketGeneralError);
+    throw SocketException(WithErrno(text, error), SocketException::SocketGeneralError);
+}
+
+/// The same as a failure of input or output. The text comes in pieces, as building it could change errno.
+[[noreturn]] inline void ThrowIOErrno(const char* text, int error = errno) {
+    throw IOException(WithErrno(text, error));
+}
+[[noreturn]] inline void ThrowIOErrno(const char* what, const std::string& name, int error = errno) {
+    throw IOException(WithErrno(what + (" '" + name + "'"), error));
 }
 
 }  // namespace zarip::osa

@@ -44,7 +44,7 @@ bool MulticastServer::MulticastImpl::Pause(unsigned int failures) {
     const unsigned int half = _attempts / 2 + _attempts % 2;
     const TimeSpan pause = failures <= half ? _earlyPause : _latePause;
     WaitResult result{};
-    WaitForEither(-1, -1, 0, _stopEvent.get(), NowMs() + pause.GetTotalMilliseconds(), result);
+    WaitForEither({-1, 0}, {-1, 0}, _stopEvent.get(), NowMs() + pause.GetTotalMilliseconds(), result);
     return _started;
 }
 

@@ -240,7 +240,7 @@ unsigned int UdpSocket::RecvFrom(unsigned char* buffer, unsigned int length, Inf
             until = NowMs() + static_cast<MonotonicMs>(timeoutSeconds) * 1000;
         }
         WaitResult result{};
-        if (!WaitForEither(first, second, POLLIN, &_impl->cancel, until, result)) {
+        if (!WaitForEither({first, POLLIN}, {second, POLLIN}, &_impl->cancel, until, result)) {
             Throw("Socket Error");
         }
         if (result == WaitResult::kTimeout) {
@@ -273,7 +273,7 @@ bool UdpSocket::PauseAfterFailure() const {
         }
     }
     WaitResult result{};
-    WaitForEither(-1, -1, 0, &_impl->cancel, NowMs() + kPauseMs, result);
+    WaitForEither({-1, 0}, {-1, 0}, &_impl->cancel, NowMs() + kPauseMs, result);
     return true;
 }
 

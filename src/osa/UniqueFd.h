@@ -25,6 +25,9 @@ public:
     int Get() const { return _fd; }
     bool IsValid() const { return _fd >= 0; }
 
+    /// The caller owns it from now on.
+    int Release() { return std::exchange(_fd, -1); }
+
 private:
     int _fd = -1;
 };

@@ -57,9 +57,9 @@ MonotonicMs NowMs() {
 namespace {
 
 /// Waits for one of two descriptors; false with errno when the system refuses.
-bool Wait(const int (&fds)[2], short events, CancelEvent* const (&cancels)[2], MonotonicMs until,
-          WaitResult& result) {
-    pollfd descriptors[] = {{fds[0], events, 0}, {fds[1], events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
+bool Wait(const WaitFd (&fds)[2], CancelEvent* const (&cancels)[2], MonotonicMs until, WaitResult& result) {
+    pollfd descriptors[] = {
+        {fds[0].fd, fds[0].events, 0}, {fds[1].fd, fds[1].events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
     bool looksAgain = false;
     for (int i = 0; i < 2; ++i) {
         if (cancels[i] != nullptr) {
@@ -97,15 +97,14 @@ bool Wait(const int (&fds)[2], short events, CancelEvent* const (&cancels)[2], M
 
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until, CancelEvent* other) {
     WaitResult result{};
-    if (!Wait({fd, -1}, events, {cancel, other}, until, result)) {
+    if (!Wait({{fd, events}, {-1, 0}}, {cancel, other}, until, result)) {
         ThrowErrno("select failed");
     }
     return result;
 }
 
-bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
-                   WaitResult& result) {
-    return Wait({first, second}, events, {cancel, nullptr}, until, result);
+bool WaitForEither(WaitFd first, WaitFd second, CancelEvent* cancel, MonotonicMs until, WaitResult& result) {
+    return Wait({first, second}, {cancel, nullptr}, until, result);
 }
 
 }  // namespace zarip::osa

@@ -40,9 +40,13 @@ enum class WaitResult { kReady, kTimeout, kCancelled };
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until,
                    CancelEvent* other = nullptr);
 
+struct WaitFd {
+    int fd;
+    short events;
+};
+
 /// The same for the first of two descriptors, either of which may be -1. False, with errno, when waiting
 /// fails.
-bool WaitForEither(int first, int second, short events, CancelEvent* cancel, MonotonicMs until,
-                   WaitResult& result);
+bool WaitForEither(WaitFd first, WaitFd second, CancelEvent* cancel, MonotonicMs until, WaitResult& result);
 
 }  // namespace zarip::osa

@@ -10,21 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "Bytes.h"
 #include "support/ErrorOf.h"
 #include "support/TempDir.h"
 
 namespace zarip::crypto {
 namespace {
-
-template <class Action>
-std::string CryptoErrorOf(Action action) {
-    try {
-        action();
-    } catch (const CryptoException& e) {
-        return e.what();
-    }
-    return "no exception";
-}
 
 std::string Finish(Digest& digest) {
     std::vector<unsigned char> out(digest.GetDigestSize() + 1, 0x5A);

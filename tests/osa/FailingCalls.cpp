@@ -91,6 +91,7 @@ CAN_FAIL(pthread_attr_setschedpolicy, (pthread_attr_t * attributes, int policy),
 CAN_FAIL(pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
          (thread, attributes, entry, argument))
+CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
          (thread, policy, parameter))
 

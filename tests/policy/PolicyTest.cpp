@@ -101,7 +101,8 @@ public:
     }
     void AddUser(const std::string& name) {
         Run("useradd --system --no-create-home --user-group --shell /usr/sbin/nologin " + name);
-        _undo.push_back("userdel " + name);
+        // By force: a sanitizer's helper that a process of the user started may still be about to end.
+        _undo.push_back("userdel --force " + name);
     }
     Accounts() = default;
     Accounts(const Accounts&) = delete;

@@ -1,0 +1,91 @@
+// Runs a program, logs what it prints line by line, and ends it when it takes too long.
+//
+//   run-logged SECONDS PROGRAM [ARGUMENT]...
+//
+// Exit status: that of the program; 124 when it took too long, 128 + N when signal N ended it, 125 when it
+// cannot be run.
+
+#include <signal.h>
+
+#include <zarip/core/IniFile.h>
+#include <zarip/core/Logger.h>
+#include <zarip/osa/PathUtils.h>
+#include <zarip/osa/PipeStream.h>
+#include <zarip/osa/Process.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+using zarip::core::Logger;
+using zarip::osa::PipeStream;
+using zarip::osa::Process;
+
+namespace {
+
+constexpr unsigned int kNoLimit = 0xFFFFFFFF;
+constexpr unsigned int kGraceMs = 2'000;
+
+/// Returns at the end of the output, or when it takes too long. A very long line is logged in pieces.
+void LogLines(PipeStream& output, Logger& logger) {
+    constexpr std::streamsize kSize = 1024;
+    char line[kSize];
+    for (;;) {
+        output.getline(line, kSize);
+        if (output.gcount() > 0) {
+            logger.Information("%s", line);
+        }
+        if (output.fail() && !output.bad() && output.gcount() == kSize - 1) {
+            output.clear();  // the rest of the line comes next
+        } else if (!output) {
+            return;
+        }
+    }
+}
+
+int Run(unsigned int limitMs, const std::string& program, const std::vector<std::string>& arguments) {
+    Logger& logger = *Logger::GetLogger(zarip::osa::PathUtils::GetName(program).c_str());
+    Process::Options options;
+    options.input = Process::Redirect::Null();
+    options.output = Process::Redirect::Pipe();
+    options.error = Process::Redirect::Output();
+    options.ownGroup = true;  // what it starts itself ends with it
+    Process process(program, arguments, options);
+    PipeStream output(process, kNoLimit);
+    output.SetTimeLimit(limitMs);
+    LogLines(output, logger);
+    if (output.bad()) {
+        logger.Warning("took longer than %u ms", limitMs);
+        process.Kill(SIGTERM);
+        if (!process.Wait(kGraceMs)) {
+            process.Kill(SIGKILL);
+        }
+        return 124;
+    }
+    process.Wait();
+    const int signal = process.GetSignal();
+    logger.Information("ended with %s %d", signal != 0 ? "signal" : "status",
+                       signal != 0 ? signal : process.GetExitStatus());
+    return signal != 0 ? 128 + signal : process.GetExitStatus();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const long seconds = argc > 2 ? std::strtol(argv[1], nullptr, 10) : 0;
+    if (seconds < 1 || seconds > 1'000'000) {
+        std::fprintf(stderr, "usage: run-logged SECONDS PROGRAM [ARGUMENT]...\n");
+        return 125;
+    }
+    try {
+        zarip::core::IniFile settings;
+        settings.SetValue("log", "log.stdout", "true");
+        settings.SetValue("log", "log.level", "6");
+        Logger::ConfigureLogging(settings, "log");
+        return Run(static_cast<unsigned int>(seconds) * 1'000, argv[2], {argv + 3, argv + argc});
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "run-logged: %s\n", e.what());
+        return 125;
+    }
+}

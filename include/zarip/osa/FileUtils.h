@@ -1,0 +1,76 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <zarip/osa/DateTime.h>
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+
+/// Files and folders. *Thread-safe*, and ready for other threads and processes that change the same files
+/// meanwhile.
+///
+/// Symbolic links are followed, but by what names them: `GetKind`, `Move`, `Delete` and `DeleteTree`.
+/// Failures throw `IOException` "Couldn't <what> '<path>': errno(<number>): <description>"; a path with a
+/// zero byte is "Invalid path". New files and folders get the mode that the process's umask leaves.
+class ZARIP_EXPORT FileUtils {
+public:
+    enum Kind { kFile, kDirectory, kSymbolicLink, kOther };
+
+    struct Times {
+        DateTime modified;
+        DateTime accessed;
+        DateTime changed;  ///< of owner, mode and the like, and of the content
+    };
+
+    FileUtils() = delete;
+
+    /// False also for a link that leads nowhere; throws when it cannot be told.
+    static bool Exists(const std::string& path);
+
+    static Kind GetKind(const std::string& path);
+
+    /// The bytes of a file; throws for anything else.
+    static unsigned long long GetSize(const std::string& path);
+
+    static Times GetTimes(const std::string& path);
+
+    /// The names in a folder, sorted by their bytes, without "." and "..".
+    static std::vector<std::string> List(const std::string& folder);
+
+    /// Makes a folder and those above it that are missing; false when it is there already.
+    static bool CreateDirectory(const std::string& path);
+
+    /// Copies content and permissions (the lower nine bits) of a file. Until the copy is whole and on the
+    /// disk, an older file stays in its place.
+    static void Copy(const std::string& from, const std::string& to);
+
+    /// Renames a file, a folder or a link, and replaces a file or link, or an empty folder by a folder. To
+    /// another file system it copies a file with its owner and times, or a link, and then deletes it; a
+    /// folder does not go there: errno 18 (EXDEV).
+    static void Move(const std::string& from, const std::string& to);
+
+    /// Deletes a file, a link or an empty folder; false when there is none.
+    static bool Delete(const std::string& path);
+
+    /// Deletes a file, a link, or a folder with all that is in it; false when there is none. No link is
+    /// followed, also none that takes a folder's place meanwhile. Stops at the first failure; against
+    /// somebody who goes on filling the tree that is errno 39 (ENOTEMPTY) or 16 (EBUSY) in the end. Memory
+    /// grows with the depth, descriptors and stack do not. "/", "." and ".." at the end are "Invalid path".
+    static bool DeleteTree(const std::string& path);
+
+    static std::string Read(const std::string& path);
+
+    /// Writes in place, so that after a failure a part is there. For pipes and devices, and for what may be
+    /// lost.
+    static void Write(const std::string& path, const std::string& content);
+
+    /// Replaces a file in one step: whatever happens, it has the old content or the new, and from the return
+    /// on the new content is on the disk. The file keeps its mode and, if permitted, its owner; a symbolic
+    /// link keeps being one, the file behind it is replaced. What is no file, or may not be written, is
+    /// refused. After a crash a file ".zarip-<number>-<number>.tmp" may be left beside it.
+    static void WriteAtomically(const std::string& path, const std::string& content);
+};
+
+}  // namespace zarip::osa

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <iostream>
+#include <memory>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+
+class Process;
+
+/// A stream on a pipe, or on the input and output of a program. *One thread at a time*, but for `Cancel`,
+/// which any thread may call.
+///
+/// Reading waits for data and writing for room, up to a time-out in whole seconds for each; a failure
+/// ("Timeout", "Pipe was closed" after `Cancel`, "read failed: errno(...)...", "Pipe is not open") is an
+/// `IOException`, which the stream turns into badbit, or throws if `exceptions` says so. The end of what
+/// others write is the end of file. No operation raises SIGPIPE.
+///
+/// A program that answers may be written to without reading in between: while it takes nothing, up to 16 MiB
+/// of what it says are kept for reading; beyond that the time-out counts. Reading sends first what waits in
+/// the buffer, so that the program has got what it is to answer. One that answers when its input ends gets
+/// that by `CloseWrite`. Errors that go to a pipe of their own need a stream and a thread of their own, or
+/// the program stops when that pipe is full: `Process::Redirect::Output` has them come with the output.
+class ZARIP_EXPORT PipeStream : public std::iostream {
+public:
+    /// Takes what the program has of pipes for input and output; throws `IOException` "Pipe is not open" when
+    /// that is none. The process may end before or after the stream.
+    explicit PipeStream(Process& process, unsigned int timeoutSeconds = 5, unsigned int bufferSize = 4096);
+
+    /// @param readFd, writeFd  *takes ownership*, also when it throws, and makes them non-blocking; -1 for
+    ///     none.
+    /// @param timeoutSeconds  0xFFFFFFFF waits without limit.
+    /// @param bufferSize  bytes of the buffer for reading and of that for writing.
+    PipeStream(int readFd, int writeFd, unsigned int timeoutSeconds = 5, unsigned int bufferSize = 4096);
+
+    /// Sends what is left; a failure is dropped.
+    ~PipeStream() override;
+
+    /// From now on all operations together take no longer than this, and then fail with "Timeout": a program
+    /// that says something now and then, or never stops, does not hold a thread for ever. 0xFFFFFFFF lifts
+    /// the limit.
+    void SetTimeLimit(unsigned int milliseconds);
+
+    /// Sends what is left and closes the end for writing: the program reads the end of file. Closes it also
+    /// when sending fails, and then throws.
+    void CloseWrite();
+
+    /// Ends an operation that waits on another thread and every later one.
+    void Cancel();
+
+private:
+    class Buffer;
+    std::unique_ptr<Buffer> _buffer;
+};
+
+}  // namespace zarip::osa

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zarip/osa/Export.h>
+
+namespace zarip::osa {
+
+/// A program that the process has started, without a shell. *Thread-safe*, but for destruction.
+///
+/// The program gets the standard streams and no other descriptor, whatever others have opened; no signal is
+/// blocked or ignored, as some are in our processes. It inherits user, umask, limits and the priority of the
+/// starting thread.
+///
+/// Nobody else waits for it: `waitpid(-1)`, or ignoring SIGCHLD, costs its exit status, which is then not
+/// known.
+class ZARIP_EXPORT Process {
+public:
+    /// What a standard stream of the program is connected to.
+    class ZARIP_EXPORT Redirect {
+    public:
+        /// `Inherit()`.
+        Redirect();
+
+        /// The caller's; /dev/null where he has none.
+        static Redirect Inherit();
+        static Redirect Null();
+
+        /// A pipe, whose other end a `PipeStream` takes.
+        static Redirect Pipe();
+
+        /// A file, counted from the caller's folder: read as input, replaced as output.
+        static Redirect File(const std::string& path);
+
+        /// A file that output is appended to.
+        static Redirect Append(const std::string& path);
+
+        /// @param fd  *not owned*; the program gets a copy.
+        static Redirect Descriptor(int fd);
+
+        /// For errors: where output goes.
+        static Redirect Output();
+
+    private:
+        friend class Process;
+        enum Kind { kInherit, kNull, kPipe, kFile, kAppend, kDescriptor, kOutput };
+        Redirect(Kind kind, const std::string& path, int fd);
+
+        Kind _kind;
+        std::string _path;
+        int _fd;
+    };
+
+    struct Options {
+        /// Set beside the caller's variables, or instead of them.
+        std::map<std::string, std::string> environment;
+        bool clearEnvironment = false;
+
+        /// Where the program runs; empty for the caller's folder.
+        std::string folder;
+
+        Redirect input;
+        Redirect output;
+        Redirect error;
+
+        /// The program heads a process group, and what it starts itself ends with it: `Kill` and the
+        /// destructor reach all of the group.
+        bool ownGroup = false;
+    };
+
+    /// Returns when the program runs.
+    /// @param program  looked for in PATH unless it has a slash; a relative path counts from the program's
+    ///     folder.
+    /// @param arguments  without the program's name.
+    /// Throws `IOException` "Couldn't start '<program>': errno(<number>): <description>", "Couldn't change to
+    /// folder '<folder>': ...", "Couldn't open '<path>': ..."; `Exception` "Invalid parameter" for texts with
+    /// a zero byte, variables without a name or with '=' in it, and `Output` for anything but errors.
+    Process(const std::string& program, const std::vector<std::string>& arguments);
+    Process(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
+
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    /// A program that still runs is killed (SIGKILL), so that it neither stays behind nor becomes a zombie.
+    /// Takes 5 seconds at the most; one that the system does not let go by then is reaped when the next
+    /// `Process` is made or destroyed.
+    ~Process();
+
+    /// Waits until the program has ended; false when it has not in time.
+    /// @param timeoutMs  milliseconds; 0 does not wait, 0xFFFFFFFF waits without limit.
+    bool Wait(unsigned int timeoutMs = 0xFFFFFFFFU);
+
+    /// Sends a signal, SIGTERM unless told otherwise; false when the program is known to have ended. To a
+    /// group it is sent as long as the object lives. Throws `IOException` "Couldn't send the signal: ...".
+    bool Kill(int signal = 15);
+
+    /// 0 to 255, or -1 when a signal ended the program or the status is not known. Throws `Exception`
+    /// "Process has not ended".
+    int GetExitStatus();
+
+    /// The signal that ended the program, 0 when none did. Throws the same.
+    int GetSignal();
+
+    int GetPid() const;
+
+    /// Our ends of the pipes, *caller owns*; -1 when there is none, or no more.
+    int TakeInput();
+    int TakeOutput();
+    int TakeError();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
+};
+
+}  // namespace zarip::osa

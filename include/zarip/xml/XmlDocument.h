@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <zarip/osa/Export.h>
+#include <zarip/xml/XmlElement.h>
+
+namespace zarip::xml {
+
+/// A document in memory. *One thread at a time.*
+///
+/// Made for documents from strangers: nothing is fetched, neither from the network nor from files, entities
+/// that a document declares are refused ("entity declarations are not allowed"), and elements may be nested
+/// 256 deep. So a document takes memory in proportion to its length and no more. Whatever is wrong throws
+/// `XmlException` with line and column.
+class ZARIP_EXPORT XmlDocument {
+public:
+    /// A new document with an empty root element.
+    explicit XmlDocument(const std::string& rootName, const std::string& namespaceUri = {});
+    XmlDocument(XmlDocument&& other) noexcept;
+    XmlDocument& operator=(XmlDocument&& other) noexcept;
+    ~XmlDocument();
+
+    static XmlDocument Parse(std::string_view text);
+
+    /// Throws `osa::IOException` as `osa::FileUtils::Read` for a file that cannot be read.
+    static XmlDocument ParseFile(const std::string& path);
+
+    XmlElement GetRoot() const;
+
+    /// As UTF-8, with an XML declaration. @param indent  an element a line; text between elements keeps its
+    /// form.
+    std::string ToString(bool indent = false) const;
+
+    /// Writes it to a file, which has the old content or the new whatever happens. Throws
+    /// `osa::IOException` as `osa::FileUtils::WriteAtomically`.
+    void SaveFile(const std::string& path, bool indent = true) const;
+
+private:
+    struct Impl;
+    explicit XmlDocument(std::unique_ptr<Impl> impl);
+
+    std::unique_ptr<Impl> _impl;
+};
+
+}  // namespace zarip::xml

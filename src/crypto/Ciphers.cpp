@@ -1,0 +1,372 @@
+#include "zarip/crypto/Ciphers.h"
+
+#include <gcrypt.h>
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "zarip/crypto/CryptoException.h"
+#include "zarip/crypto/CryptoUtils.h"
+#include "zarip/crypto/GCryptException.h"
+#include "zarip/crypto/GCryptInit.h"
+
+namespace zarip::crypto {
+
+namespace {
+
+constexpr unsigned int kMaxBlock = 16;
+
+struct KeyRow {
+    unsigned int minLength;
+    unsigned int maxLength;
+    int algorithm;
+};
+
+constexpr int kModes[] = {GCRY_CIPHER_MODE_ECB, GCRY_CIPHER_MODE_CBC, GCRY_CIPHER_MODE_CTR,
+                          GCRY_CIPHER_MODE_CFB};
+
+}  // namespace
+
+struct CipherFamily {
+    const char* name;
+    unsigned int blockSize;
+    KeyRow keys[3];  // unused ones are zero
+    bool allowsWeakKeys;
+};
+
+namespace {
+
+constexpr CipherFamily kAES = {
+    "AES",
+    16,
+    {{16, 16, GCRY_CIPHER_AES128}, {24, 24, GCRY_CIPHER_AES192}, {32, 32, GCRY_CIPHER_AES256}},
+    false};
+constexpr CipherFamily kDES = {"DES", 8, {{8, 8, GCRY_CIPHER_DES}}, false};
+constexpr CipherFamily kTripleDES = {
+    "3DES", 8, {{16, 16, GCRY_CIPHER_3DES}, {24, 24, GCRY_CIPHER_3DES}}, false};
+constexpr CipherFamily kBlowfish = {"Blowfish", 8, {{4, 56, GCRY_CIPHER_BLOWFISH}}, true};
+constexpr CipherFamily kTwofish = {
+    "Twofish", 16, {{16, 16, GCRY_CIPHER_TWOFISH128}, {32, 32, GCRY_CIPHER_TWOFISH}}, false};
+
+int FindAlgorithm(const CipherFamily& family, unsigned int keyLength) {
+    for (const KeyRow& row : family.keys) {
+        if (row.algorithm != 0 && keyLength >= row.minLength && keyLength <= row.maxLength) {
+            return row.algorithm;
+        }
+    }
+    throw CryptoException("invalid key length");
+}
+
+class Handle {
+public:
+    Handle() = default;
+    Handle(int algorithm, int mode) {
+        gcry_error_t error = ::gcry_cipher_open(&_handle, algorithm, mode, GCRY_CIPHER_SECURE);
+        if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
+            error = ::gcry_cipher_open(&_handle, algorithm, mode, 0);  // secure memory is short
+        }
+        if (error != 0) {
+            throw GCryptException("gcry_cipher_open", error);
+        }
+    }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    ~Handle() { ::gcry_cipher_close(_handle); }
+
+    gcry_cipher_hd_t Get() const { return _handle; }
+    void Swap(Handle& other) { std::swap(_handle, other._handle); }
+
+private:
+    gcry_cipher_hd_t _handle = nullptr;
+};
+
+/// All bits where a < b, otherwise none; without a branch. Both are small.
+unsigned int MaskLess(unsigned int a, unsigned int b) {
+    return 0U - ((a - b) >> 31U);
+}
+
+/// The number of padding bytes at the end of a block, or 0 when they are wrong.
+unsigned int FindPadding(const unsigned char* block, unsigned int size) {
+    const unsigned int count = block[size - 1];
+    unsigned int bad = MaskLess(count, 1) | MaskLess(size, count);
+    for (unsigned int i = 0; i < size; ++i) {
+        bad |= MaskLess(i, count) & (block[size - 1 - i] ^ count);
+    }
+    const unsigned int good = MaskLess(bad & 0xFFFFU, 1);
+    return count & good;
+}
+
+}  // namespace
+
+struct GCryptCipherImpl {
+    enum State { kNoKey, kRunning, kFinished };
+
+    const CipherFamily& _family;
+    const Cipher::Mode _mode;
+    const Cipher::Padding _padding;
+    const bool _isStream;  ///< writes every byte at once
+
+    Handle _handle;
+    Cipher::Direction _direction = Cipher::kEncrypt;
+    State _state = kNoKey;
+    unsigned char _vector[kMaxBlock] = {};
+    unsigned char _pending[kMaxBlock] = {};  ///< what has gone in and not yet been worked on
+    unsigned int _pendingLength = 0;
+
+    GCryptCipherImpl(const CipherFamily& family, Cipher::Mode mode, Cipher::Padding padding)
+        : _family(family),
+          _mode(mode),
+          _padding(padding),
+          _isStream((mode == Cipher::kCTR || mode == Cipher::kCFB) && padding == Cipher::kNoPadding) {}
+    ~GCryptCipherImpl() { CryptoUtils::Wipe(_pending, sizeof _pending); }
+
+    void CheckVector(const unsigned char* vector, unsigned int length) const {
+        if (length != (_mode == Cipher::kECB ? 0 : _family.blockSize)) {
+            throw CryptoException("invalid vector length");
+        }
+        if (vector == nullptr && length != 0) {
+            throw CryptoException("null vector");
+        }
+    }
+
+    void SetKey(const Handle& handle, const unsigned char* key, unsigned int length) const {
+        unsigned char whole[24];
+        const bool isTriple = &_family == &kTripleDES;
+        if (isTriple) {
+            std::memcpy(whole, key, length);
+            std::memcpy(whole + 16, key + (length == 16 ? 0 : 16), 8);
+            key = whole;
+            length = sizeof whole;
+        }
+        if (_family.allowsWeakKeys) {
+            ::gcry_cipher_ctl(handle.Get(), GCRYCTL_SET_ALLOW_WEAK_KEY, nullptr, 1);
+        }
+        gcry_error_t error = ::gcry_cipher_setkey(handle.Get(), key, length);
+        if (isTriple && (IsSameDESKey(whole, whole + 8) || IsSameDESKey(whole + 8, whole + 16))) {
+            error = GPG_ERR_WEAK_KEY;
+        }
+        CryptoUtils::Wipe(whole, sizeof whole);
+        if (::gcry_err_code(error) == GPG_ERR_WEAK_KEY) {
+            if (!_family.allowsWeakKeys) {
+                throw CryptoException("weak key");
+            }
+        } else if (error != 0) {
+            throw GCryptException("gcry_cipher_setkey", error);
+        }
+    }
+
+    /// The lowest bit of each byte is parity.
+    static bool IsSameDESKey(const unsigned char* a, const unsigned char* b) {
+        unsigned int difference = 0;
+        for (unsigned int i = 0; i < 8; ++i) {
+            difference |= (a[i] ^ b[i]) & 0xFEU;
+        }
+        return difference == 0;
+    }
+
+    void Start() {
+        gcry_error_t error = ::gcry_cipher_reset(_handle.Get());
+        if (error == 0 && _mode == Cipher::kCTR) {
+            error = ::gcry_cipher_setctr(_handle.Get(), _vector, _family.blockSize);
+        } else if (error == 0 && _mode != Cipher::kECB) {
+            error = ::gcry_cipher_setiv(_handle.Get(), _vector, _family.blockSize);
+        }
+        CryptoUtils::Wipe(_pending, sizeof _pending);
+        _pendingLength = 0;
+        _state = GCryptCipherImpl::kRunning;
+        if (error != 0) {
+            _state = GCryptCipherImpl::kFinished;
+            throw GCryptException("gcry_cipher_setiv", error);
+        }
+    }
+
+    void CheckRunning() const {
+        if (_state != kRunning) {
+            throw CryptoException(_state == kNoKey ? "cipher has no key" : "cipher is finished");
+        }
+    }
+
+    static void CheckOutput(const unsigned char* out, unsigned int size, std::uint64_t needed) {
+        if (out == nullptr && needed != 0) {
+            throw CryptoException("null output buffer");
+        }
+        if (needed > size) {
+            throw CryptoException("invalid buffer length");
+        }
+    }
+
+    void CheckOverlap(const unsigned char* data, unsigned int length, const unsigned char* out,
+                      unsigned int written) const {
+        const auto from = reinterpret_cast<std::uintptr_t>(data);
+        const auto to = reinterpret_cast<std::uintptr_t>(out);
+        const bool overlaps = from < to ? to - from < length : from - to < written;
+        if (overlaps && (from != to || _pendingLength != 0)) {
+            throw CryptoException("overlapping buffers");
+        }
+    }
+
+    void Crypt(unsigned char* out, const unsigned char* data, unsigned int length) {
+        const gcry_error_t error = _direction == Cipher::kEncrypt
+                                       ? ::gcry_cipher_encrypt(_handle.Get(), out, length, data, length)
+                                       : ::gcry_cipher_decrypt(_handle.Get(), out, length, data, length);
+        if (error != 0) {
+            _state = kFinished;
+            throw GCryptException(
+                _direction == Cipher::kEncrypt ? "gcry_cipher_encrypt" : "gcry_cipher_decrypt", error);
+        }
+    }
+
+    /// How many bytes an `Update` of `length` bytes, not 0, works on.
+    std::uint64_t CountReady(unsigned int length) const {
+        const std::uint64_t total = std::uint64_t{_pendingLength} + length;
+        if (_isStream) {
+            return total;
+        }
+        // The last block may be padding.
+        const unsigned int held = _direction == Cipher::kDecrypt && _padding == Cipher::kPKCS7Padding ? 1 : 0;
+        return (total - held) / _family.blockSize * _family.blockSize;
+    }
+
+    unsigned int Update(const unsigned char* data, unsigned int length, unsigned char* out) {
+        const unsigned int block = _family.blockSize;
+        const auto ready = static_cast<unsigned int>(CountReady(length));
+        unsigned int written = 0;
+        if (ready != 0 && _pendingLength != 0) {
+            const unsigned int taken = block - _pendingLength;
+            std::memcpy(_pending + _pendingLength, data, taken);
+            Crypt(out, _pending, block);
+            _pendingLength = 0;
+            data += taken;
+            length -= taken;
+            written = block;
+        }
+        const unsigned int direct = ready - written;
+        if (direct != 0) {
+            Crypt(out + written, data, direct);
+        }
+        if (length != direct) {
+            std::memcpy(_pending + _pendingLength, data + direct, length - direct);
+            _pendingLength += length - direct;
+        }
+        return ready;
+    }
+
+    unsigned int FinishEncrypting(unsigned char* out) {
+        const unsigned int block = _family.blockSize;
+        const unsigned int count = block - _pendingLength;
+        std::memset(_pending + _pendingLength, static_cast<int>(count), count);
+        Crypt(out, _pending, block);
+        return block;
+    }
+
+    unsigned int FinishDecrypting(unsigned char* out) {
+        const unsigned int block = _family.blockSize;
+        unsigned char plain[kMaxBlock];
+        Crypt(plain, _pending, block);
+        const unsigned int padding = FindPadding(plain, block);
+        if (padding != 0) {
+            std::memcpy(out, plain, block - padding);
+        }
+        CryptoUtils::Wipe(plain, sizeof plain);
+        if (padding == 0) {
+            throw CryptoException("invalid padding");
+        }
+        return block - padding;
+    }
+};
+
+Cipher::~Cipher() = default;
+
+GCryptCipher::GCryptCipher(const CipherFamily& family, Mode mode, Padding padding)
+    : _impl(std::make_unique<GCryptCipherImpl>(family, mode, padding)) {
+    GCryptInit::InitializeGcrypt();
+}
+
+GCryptCipher::~GCryptCipher() = default;
+
+const char* GCryptCipher::GetAlgorithmName() const {
+    return _impl->_family.name;
+}
+
+unsigned int GCryptCipher::GetBlockSize() const {
+    return _impl->_family.blockSize;
+}
+
+void GCryptCipher::Init(Direction direction, const unsigned char* key, unsigned int keyLength,
+                        const unsigned char* vector, unsigned int vectorLength) {
+    if (key == nullptr) {
+        throw CryptoException("null key");
+    }
+    Handle handle(FindAlgorithm(_impl->_family, keyLength), kModes[_impl->_mode]);
+    _impl->CheckVector(vector, vectorLength);
+    _impl->SetKey(handle, key, keyLength);
+    _impl->_handle.Swap(handle);
+    _impl->_direction = direction;
+    _impl->_state = GCryptCipherImpl::kFinished;
+    Reset(vector, vectorLength);
+}
+
+void GCryptCipher::Reset() {
+    if (_impl->_state == GCryptCipherImpl::kNoKey) {
+        throw CryptoException("cipher has no key");
+    }
+    _impl->Start();
+}
+
+void GCryptCipher::Reset(const unsigned char* vector, unsigned int vectorLength) {
+    if (_impl->_state == GCryptCipherImpl::kNoKey) {
+        throw CryptoException("cipher has no key");
+    }
+    _impl->CheckVector(vector, vectorLength);
+    if (vectorLength != 0) {
+        std::memcpy(_impl->_vector, vector, vectorLength);
+    }
+    _impl->Start();
+}
+
+unsigned long long GCryptCipher::GetOutputSize(unsigned int length) const {
+    if (_impl->_isStream) {
+        return length;
+    }
+    const unsigned long long total = std::uint64_t{_impl->_pendingLength} + length;
+    const unsigned int block = _impl->_family.blockSize;
+    return (total / block + (_impl->_padding == kPKCS7Padding ? 1 : 0)) * block;
+}
+
+unsigned int GCryptCipher::Update(const unsigned char* data, unsigned int length, unsigned char* out,
+                                  unsigned int size) {
+    _impl->CheckRunning();
+    if (data == nullptr || length == 0) {
+        return 0;
+    }
+    const std::uint64_t ready = _impl->CountReady(length);
+    GCryptCipherImpl::CheckOutput(out, size, ready);
+    if (ready != 0) {
+        _impl->CheckOverlap(data, length, out, static_cast<unsigned int>(ready));
+    }
+    return _impl->Update(data, length, out);
+}
+
+unsigned int GCryptCipher::DoFinal(unsigned char* out, unsigned int size) {
+    _impl->CheckRunning();
+    const unsigned int block = _impl->_family.blockSize;
+    const bool isPadded = _impl->_padding == kPKCS7Padding;
+    GCryptCipherImpl::CheckOutput(out, size, isPadded ? block : 0);
+    _impl->_state = GCryptCipherImpl::kFinished;
+    if (isPadded && _impl->_direction == kEncrypt) {
+        return _impl->FinishEncrypting(out);
+    }
+    if (_impl->_pendingLength != (isPadded ? block : 0)) {
+        throw CryptoException("incomplete block");
+    }
+    return isPadded ? _impl->FinishDecrypting(out) : 0;
+}
+
+AES::AES(Mode mode, Padding padding) : GCryptCipher(kAES, mode, padding) {}
+DES::DES(Mode mode, Padding padding) : GCryptCipher(kDES, mode, padding) {}
+TripleDES::TripleDES(Mode mode, Padding padding) : GCryptCipher(kTripleDES, mode, padding) {}
+Blowfish::Blowfish(Mode mode, Padding padding) : GCryptCipher(kBlowfish, mode, padding) {}
+Twofish::Twofish(Mode mode, Padding padding) : GCryptCipher(kTwofish, mode, padding) {}
+
+}  // namespace zarip::crypto

@@ -1,0 +1,267 @@
+#include "zarip/crypto/RsaKeys.h"
+
+#include <cstring>
+#include <string>
+
+#include "crypto/RsaKeyImpl.h"
+#include "zarip/crypto/CryptoException.h"
+#include "zarip/crypto/CryptoUtils.h"
+#include "zarip/crypto/GCryptException.h"
+
+namespace zarip::crypto {
+
+namespace {
+
+struct HashRow {
+    const char* name;
+    int algorithm;
+    unsigned int size;
+};
+
+constexpr HashRow kHashes[] = {
+    {"sha1", GCRY_MD_SHA1, 20},
+    {"sha256", GCRY_MD_SHA256, 32},
+    {"sha384", GCRY_MD_SHA384, 48},
+    {"sha512", GCRY_MD_SHA512, 64},
+};
+constexpr unsigned int kMaxDigest = 64;
+
+const HashRow& RowOf(RsaHash hash) {
+    return kHashes[static_cast<unsigned int>(hash)];
+}
+
+const HashRow& HashOf(RsaEncryption encryption) {
+    return RowOf(encryption == RsaEncryption::kOAEPSHA1 ? RsaHash::kSHA1 : RsaHash::kSHA256);
+}
+
+void Check(gcry_error_t error, const char* operation) {
+    if (error != 0) {
+        throw GCryptException(operation, error);
+    }
+}
+
+/// Whether these are so many bytes as the key has, and a number below its modulus. libgcrypt takes the
+/// remainder of a larger one, which would give every signature a second form.
+bool IsInRange(const RsaKeyImpl& key, const unsigned char* data, unsigned int length) {
+    return data != nullptr && length == key.GetSize() && std::memcmp(data, key._modulus.data(), length) < 0;
+}
+
+/// The number under `name`, as many bytes as the key has.
+std::vector<unsigned char> GetNumber(const Sexp& list, const char* name, unsigned int size) {
+    const Sexp item(::gcry_sexp_find_token(list.Get(), name, 0));
+    const Mpi number(item.Get() != nullptr ? ::gcry_sexp_nth_mpi(item.Get(), 1, GCRYMPI_FMT_USG) : nullptr);
+    const unsigned int length = number.Get() != nullptr ? (number.GetBits() + 7) / 8 : 0;
+    if (number.Get() == nullptr || length > size) {
+        throw CryptoException("unexpected result of libgcrypt");
+    }
+    std::vector<unsigned char> bytes(size, 0);
+    Check(::gcry_mpi_print(GCRYMPI_FMT_USG, bytes.data() + (size - length), length, nullptr, number.Get()),
+          "gcry_mpi_print");
+    return bytes;
+}
+
+/// The data that are signed.
+Sexp BuildDigest(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash, const unsigned char* digest,
+                 unsigned int length) {
+    const HashRow& row = RowOf(hash);
+    if (digest == nullptr || length != row.size) {
+        throw CryptoException("invalid digest length");
+    }
+    // The longest prefix that PKCS #1 puts before a digest has 19 bytes, with 11 of padding at the least.
+    const unsigned int needed =
+        kind == RsaSignature::kPSS ? 8 * (2 * row.size + 2) + 1 : 8 * (row.size + 19 + 11);
+    if (key._bits < needed) {
+        throw CryptoException("key too short for the digest");
+    }
+    Sexp data;
+    Check(kind == RsaSignature::kPSS
+              ? ::gcry_sexp_build(data.Address(), nullptr, "(data (flags pss)(salt-length %d)(hash %s %b))",
+                                  static_cast<int>(row.size), row.name, static_cast<int>(length), digest)
+              : ::gcry_sexp_build(data.Address(), nullptr, "(data (flags pkcs1)(hash %s %b))", row.name,
+                                  static_cast<int>(length), digest),
+          "gcry_sexp_build");
+    return data;
+}
+
+/// Calls `then` with the digest of the data.
+template <class Then>
+auto WithDigest(RsaHash hash, const void* data, unsigned int length, Then then) {
+    const HashRow& row = RowOf(hash);
+    unsigned char digest[kMaxDigest];
+    ::gcry_md_hash_buffer(row.algorithm, digest, data, length);
+    return then(digest, row.size);
+}
+
+[[noreturn]] void FailDecryption() {
+    throw CryptoException("decryption failed");
+}
+
+/// All bits where a is 0; without a branch. `a` is small.
+unsigned int MaskZero(unsigned int a) {
+    return 0U - ((a - 1) >> 31U);
+}
+
+/// Where the message begins behind `00 02 random 00`, or 0 when that is not there: in the same time, so that
+/// nobody who sends data to try it out learns how far it was right.
+unsigned int FindMessage(const unsigned char* block, unsigned int size) {
+    unsigned int bad = block[0] | (block[1] ^ 2U);
+    unsigned int begin = 0;
+    unsigned int looking = ~0U;
+    for (unsigned int i = 2; i < size; ++i) {
+        const unsigned int here = looking & MaskZero(block[i]);
+        begin |= here & (i + 1);
+        looking &= ~here;
+    }
+    bad |= looking & 1U;
+    bad |= (begin - 11) >> 31U;  // fewer than eight random bytes
+    return begin & MaskZero(bad & 0xFFFFU);
+}
+
+// libgcrypt's own removal of this padding ends at the first thing that is wrong.
+SecureBuffer RemovePKCS1Padding(const Sexp& plain, unsigned int size) {
+    const Mpi number(::gcry_sexp_nth_mpi(plain.Get(), 1, GCRYMPI_FMT_USG));
+    if (number.Get() == nullptr || (number.GetBits() + 7) / 8 > size) {
+        FailDecryption();
+    }
+    SecureBuffer block(size);
+    const unsigned int length = (number.GetBits() + 7) / 8;
+    if (::gcry_mpi_print(GCRYMPI_FMT_USG, block.GetData() + (size - length), length, nullptr, number.Get()) !=
+        0) {
+        FailDecryption();
+    }
+    const unsigned int begin = FindMessage(block.GetData(), size);
+    if (begin == 0) {
+        FailDecryption();
+    }
+    return SecureBuffer(block.GetData() + begin, size - begin);
+}
+
+}  // namespace
+
+RsaPublicKey::RsaPublicKey(std::shared_ptr<const RsaKeyImpl> impl) : _impl(std::move(impl)) {}
+RsaPublicKey::RsaPublicKey(const RsaPublicKey& other) = default;
+RsaPublicKey& RsaPublicKey::operator=(const RsaPublicKey& other) = default;
+RsaPublicKey::~RsaPublicKey() = default;
+
+unsigned int RsaPublicKey::GetBits() const {
+    return _impl->_bits;
+}
+
+unsigned int RsaPublicKey::GetSize() const {
+    return _impl->GetSize();
+}
+
+unsigned int RsaPublicKey::GetMaxMessageSize(RsaEncryption encryption) const {
+    return encryption == RsaEncryption::kPKCS1 ? GetSize() - 11 : GetSize() - 2 - 2 * HashOf(encryption).size;
+}
+
+std::vector<unsigned char> RsaPublicKey::Encrypt(RsaEncryption encryption, const void* data,
+                                                 unsigned int length) const {
+    if (data == nullptr || length == 0) {
+        throw CryptoException("no data");
+    }
+    if (length > GetMaxMessageSize(encryption)) {
+        throw CryptoException("data too long for the key");
+    }
+    // Secret data make a secret S-expression when they are in secure memory.
+    const SecureBuffer message(data, length);
+    Sexp plain;
+    Check(encryption == RsaEncryption::kPKCS1
+              ? ::gcry_sexp_build(plain.Address(), nullptr, "(data (flags pkcs1)(value %b))",
+                                  static_cast<int>(length), message.GetData())
+              : ::gcry_sexp_build(plain.Address(), nullptr, "(data (flags oaep)(hash-algo %s)(value %b))",
+                                  HashOf(encryption).name, static_cast<int>(length), message.GetData()),
+          "gcry_sexp_build");
+    Sexp result;
+    Check(::gcry_pk_encrypt(result.Address(), plain.Get(), _impl->_key.Get()), "gcry_pk_encrypt");
+    return GetNumber(result, "a", GetSize());
+}
+
+bool RsaPublicKey::Verify(RsaSignature kind, RsaHash hash, const void* data, unsigned int length,
+                          const unsigned char* signature, unsigned int signatureLength) const {
+    return WithDigest(hash, data, length, [&](const unsigned char* digest, unsigned int digestLength) {
+        return VerifyDigest(kind, hash, digest, digestLength, signature, signatureLength);
+    });
+}
+
+bool RsaPublicKey::VerifyDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest,
+                                unsigned int digestLength, const unsigned char* signature,
+                                unsigned int signatureLength) const {
+    const Sexp data = BuildDigest(*_impl, kind, hash, digest, digestLength);
+    if (!IsInRange(*_impl, signature, signatureLength)) {
+        return false;
+    }
+    Sexp signatureData;
+    Check(::gcry_sexp_build(signatureData.Address(), nullptr, "(sig-val (rsa (s %b)))",
+                            static_cast<int>(signatureLength), signature),
+          "gcry_sexp_build");
+    const gcry_error_t error = ::gcry_pk_verify(signatureData.Get(), data.Get(), _impl->_key.Get());
+    if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
+        throw GCryptException("gcry_pk_verify", error);
+    }
+    return error == 0;
+}
+
+RsaPrivateKey::RsaPrivateKey(std::shared_ptr<const RsaKeyImpl> impl) : _impl(std::move(impl)) {}
+RsaPrivateKey::RsaPrivateKey(const RsaPrivateKey& other) = default;
+RsaPrivateKey& RsaPrivateKey::operator=(const RsaPrivateKey& other) = default;
+RsaPrivateKey::~RsaPrivateKey() = default;
+
+unsigned int RsaPrivateKey::GetBits() const {
+    return _impl->_bits;
+}
+
+unsigned int RsaPrivateKey::GetSize() const {
+    return _impl->GetSize();
+}
+
+RsaPublicKey RsaPrivateKey::GetPublicKey() const {
+    return RsaPublicKey(_impl->_publicPart);
+}
+
+SecureBuffer RsaPrivateKey::Decrypt(RsaEncryption encryption, const unsigned char* data,
+                                    unsigned int length) const {
+    if (!IsInRange(*_impl, data, length)) {
+        FailDecryption();
+    }
+    const bool isOAEP = encryption != RsaEncryption::kPKCS1;
+    Sexp cipher;
+    Check(isOAEP ? ::gcry_sexp_build(cipher.Address(), nullptr,
+                                     "(enc-val (flags oaep)(hash-algo %s)(rsa (a %b)))",
+                                     HashOf(encryption).name, static_cast<int>(length), data)
+                 : ::gcry_sexp_build(cipher.Address(), nullptr, "(enc-val (flags raw)(rsa (a %b)))",
+                                     static_cast<int>(length), data),
+          "gcry_sexp_build");
+    Sexp plain;
+    const gcry_error_t error = ::gcry_pk_decrypt(plain.Address(), cipher.Get(), _impl->_key.Get());
+    if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
+        throw GCryptException("gcry_pk_decrypt", error);
+    }
+    if (error != 0) {
+        FailDecryption();
+    }
+    if (!isOAEP) {
+        return RemovePKCS1Padding(plain, GetSize());
+    }
+    std::size_t size = 0;
+    const char* const message = ::gcry_sexp_nth_data(plain.Get(), 1, &size);
+    return message != nullptr ? SecureBuffer(message, static_cast<unsigned int>(size)) : SecureBuffer();
+}
+
+std::vector<unsigned char> RsaPrivateKey::Sign(RsaSignature kind, RsaHash hash, const void* data,
+                                               unsigned int length) const {
+    return WithDigest(hash, data, length, [&](const unsigned char* digest, unsigned int digestLength) {
+        return SignDigest(kind, hash, digest, digestLength);
+    });
+}
+
+std::vector<unsigned char> RsaPrivateKey::SignDigest(RsaSignature kind, RsaHash hash,
+                                                     const unsigned char* digest,
+                                                     unsigned int digestLength) const {
+    const Sexp data = BuildDigest(*_impl, kind, hash, digest, digestLength);
+    Sexp signature;
+    Check(::gcry_pk_sign(signature.Address(), data.Get(), _impl->_key.Get()), "gcry_pk_sign");
+    return GetNumber(signature, "s", GetSize());
+}
+
+}  // namespace zarip::crypto

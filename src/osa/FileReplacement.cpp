@@ -1,0 +1,121 @@
+#include "osa/FileReplacement.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace zarip::osa {
+
+namespace {
+
+constexpr int kMaxLinks = 40;
+
+/// With its slash; empty for a name in the current folder.
+std::string FolderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+}  // namespace
+
+std::string FollowLinks(const std::string& path) {
+    std::string result = path;
+    for (int i = 0; i < kMaxLinks; ++i) {
+        char target[4096];
+        const ssize_t length = ::readlink(result.c_str(), target, sizeof target);
+        if (length < 0) {
+            return result;  // no link, nothing there, or the caller will fail there, too
+        }
+        const std::string name(target, static_cast<std::size_t>(length));
+        result = name[0] == '/' ? name : FolderOf(result) + name;
+    }
+    return path;
+}
+
+bool WriteAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t result = ::write(fd, text.data(), text.size());
+        if (result < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(result > 0 ? static_cast<std::size_t>(result) : 0);
+    }
+    return true;
+}
+
+bool Synchronise(int fd) {
+    return ::fsync(fd) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
+}
+
+FileReplacement::FileReplacement(const std::string& target) : _target(target), _folder(FolderOf(target)) {}
+
+FileReplacement::~FileReplacement() {
+    if (!_path.empty()) {
+        const int error = errno;
+        ::unlink(_path.c_str());
+        errno = error;
+    }
+}
+
+template <class Make>
+bool FileReplacement::MakeTemporary(Make make) {
+    static std::atomic<unsigned int> s_count{0};
+    // Not made of the target's name, which may be as long as a name can be.
+    const std::string stem = _folder + ".zarip-" + std::to_string(::getpid()) + "-";
+    do {
+        _path = stem + std::to_string(s_count++) + ".tmp";
+        if (make(_path.c_str())) {
+            return true;
+        }
+    } while (errno == EEXIST);
+    _path.clear();
+    return false;
+}
+
+bool FileReplacement::Open(mode_t mode) {
+    return MakeTemporary([&](const char* path) {
+        _file = UniqueFd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+        return _file.IsValid();
+    });
+}
+
+bool FileReplacement::OpenLink(const std::string& content) {
+    return MakeTemporary([&](const char* path) { return ::symlink(content.c_str(), path) == 0; });
+}
+
+bool FileReplacement::TakeOwner(const struct stat& old) {
+    // Only root may give files away; anybody else may still set a group of its own.
+    if (::fchown(_file.Get(), old.st_uid, old.st_gid) == 0) {
+        return true;
+    }
+    const bool given = ::fchown(_file.Get(), static_cast<uid_t>(-1), old.st_gid) == 0;
+    static_cast<void>(given);
+    return false;
+}
+
+bool FileReplacement::TakeOver(const struct stat& old) {
+    // Nobody else's program runs with another owner's rights.
+    const mode_t bits = TakeOwner(old) ? 07777 : 0777;
+    return ::fchmod(_file.Get(), old.st_mode & bits) == 0;
+}
+
+bool FileReplacement::Write(std::string_view text) {
+    return WriteAll(_file.Get(), text) && Synchronise(_file.Get());
+}
+
+bool FileReplacement::Commit() {
+    if (::rename(_path.c_str(), _target.c_str()) != 0) {
+        return false;
+    }
+    _path.clear();
+    // It is done; a folder that cannot be synchronised keeps the old file or the new one after a crash.
+    const UniqueFd opened(
+        ::open(_folder.empty() ? "." : _folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.IsValid()) {
+        ::fsync(opened.Get());
+    }
+    return true;
+}
+
+}  // namespace zarip::osa

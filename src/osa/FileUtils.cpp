@@ -1,0 +1,452 @@
+#include "zarip/osa/FileUtils.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include "osa/Errors.h"
+#include "osa/FileReplacement.h"
+#include "osa/ReadBlocks.h"
+#include "osa/UniqueFd.h"
+
+namespace zarip::osa {
+
+namespace {
+
+constexpr std::size_t kBlockSize = 65'536;
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+[[noreturn]] void Fail(const char* what, const std::string& path, int error = errno) {
+    ThrowIOErrno(what, path, error);
+}
+
+/// The path as the system takes it, which would silently use the part before a zero byte.
+const char* Checked(const std::string& path) {
+    if (path.find('\0') != std::string::npos) {
+        throw IOException("Invalid path");
+    }
+    return path.c_str();
+}
+
+struct stat StatusOf(const std::string& path, const char* what) {
+    struct stat status {};
+    if (::stat(Checked(path), &status) != 0) {
+        Fail(what, path);
+    }
+    return status;
+}
+
+bool IsNowhere(int error) {
+    return error == ENOENT || error == ENOTDIR;
+}
+
+/// Clock values beyond what a date can be become the nearest that can.
+DateTime ToDateTime(const timespec& time) {
+    constexpr long long kFirst = -62'135'596'800;
+    constexpr long long kLast = 253'402'300'799;
+    const long long seconds = std::clamp<long long>(time.tv_sec, kFirst, kLast);
+    return DateTime() + TimeSpan::FromSeconds(seconds) + TimeSpan::FromMicroseconds(time.tv_nsec / 1'000);
+}
+
+/// Hands the entries of an open folder to `take` as name and type of dirent; false with errno.
+template <class Take>
+bool ReadEntries(UniqueFd folder, Take take) {
+    const Directory directory(folder.IsValid() ? ::fdopendir(folder.Get()) : nullptr);
+    if (!directory) {
+        return false;
+    }
+    folder.Release();
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = ::readdir(directory.get());
+        if (entry == nullptr) {
+            return errno == 0;
+        }
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            take(name, entry->d_type);
+        }
+    }
+}
+
+/// What a path has to be for a file to take its place. Returns false when there is nothing.
+bool FindReplaceable(const std::string& path, const char* what, struct stat& old) {
+    if (::stat(Checked(path), &old) != 0) {
+        if (errno != ENOENT) {
+            Fail(what, path);
+        }
+        return false;
+    }
+    if (!S_ISREG(old.st_mode)) {
+        Fail(what, path, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
+    }
+    if (::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
+        Fail(what, path);
+    }
+    return true;
+}
+
+void CopyBlocks(int from, int to, const std::string& source, const std::string& target) {
+    const std::unique_ptr<char[]> block(new char[kBlockSize]);
+    for (;;) {
+        const ssize_t length = ::read(from, block.get(), kBlockSize);
+        if (length == 0) {
+            return;
+        }
+        if (length > 0) {
+            if (!WriteAll(to, {block.get(), static_cast<std::size_t>(length)})) {
+                Fail("Couldn't write", target);
+            }
+        } else if (errno != EINTR) {
+            Fail("Couldn't read", source);
+        }
+    }
+}
+
+UniqueFd OpenSource(const std::string& path, int flags, struct stat& status) {
+    // Not waiting for the other end of a pipe that somebody has put there.
+    UniqueFd file(::open(Checked(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
+    if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
+        Fail("Couldn't read", path);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        Fail("Couldn't read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    return file;
+}
+
+void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
+    struct stat status {};
+    if (::lstat(from.c_str(), &status) != 0) {
+        Fail("Couldn't move", from);
+    }
+    FileReplacement replacement(to);
+    if (S_ISLNK(status.st_mode)) {
+        char content[4096];
+        const ssize_t length = ::readlink(from.c_str(), content, sizeof content);
+        if (length < 0 || !replacement.OpenLink({content, static_cast<std::size_t>(length)})) {
+            Fail("Couldn't move", from);
+        }
+    } else if (S_ISREG(status.st_mode)) {
+        const UniqueFd source = OpenSource(from, O_NOFOLLOW, status);
+        if (!replacement.Open(0600)) {
+            Fail("Couldn't write", to);
+        }
+        CopyBlocks(source.Get(), replacement.GetFd(), from, to);
+        const timespec times[] = {status.st_atim, status.st_mtim};
+        if (!replacement.TakeOver(status) || ::futimens(replacement.GetFd(), times) != 0 ||
+            !Synchronise(replacement.GetFd())) {
+            Fail("Couldn't write", to);
+        }
+    } else {
+        Fail("Couldn't move", from, EXDEV);
+    }
+    if (!replacement.Commit()) {
+        Fail("Couldn't write", to);
+    }
+    if (::unlink(from.c_str()) != 0 && errno != ENOENT) {
+        Fail("Couldn't delete", from);
+    }
+}
+
+/// Deletes what is at a path, going through folders by their descriptors: one for the folder that it is in.
+/// It goes up by "..", and only if that is the folder that it has come down from.
+class TreeDeleter {
+public:
+    TreeDeleter(const std::string& path, const std::string& parent, const std::string& name)
+        : _path(path), _parent(parent), _name(name) {}
+
+    bool Run() {
+        Begin();
+        while (_levels.size() > 1 || !_levels.back().folders.empty()) {
+            if (_levels.back().folders.empty()) {
+                Leave();
+            } else {
+                std::string name = std::move(_levels.back().folders.back());
+                _levels.back().folders.pop_back();
+                Enter(name);
+            }
+        }
+        return _found;
+    }
+
+private:
+    struct Level {
+        dev_t device;
+        ino_t inode;
+        std::string name;
+        std::vector<std::string> folders;  // still to be deleted
+    };
+
+    static constexpr int kOpenFolder = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    static constexpr int kMaxAgain = 100;
+
+    [[noreturn]] void Stop(const std::string& name, int error = errno) const {
+        if (_levels.size() <= 1 && name == _name) {
+            Fail("Couldn't delete", _path, error);
+        }
+        throw IOException(WithErrno("Couldn't delete '" + name + "' in tree '" + _path + "'", error));
+    }
+
+    /// Somebody is changing the tree: that is no failure unless he never ends.
+    void CountAgain(const std::string& name, int error) {
+        if (++_again > kMaxAgain) {
+            Stop(name, error);
+        }
+    }
+
+    void Begin() {
+        _levels.clear();
+        _folder = UniqueFd(::open(_parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        struct stat status {};
+        if (!_folder.IsValid() || ::fstat(_folder.Get(), &status) != 0) {
+            const int error = errno;
+            _levels.push_back({});
+            if (!IsNowhere(error)) {
+                Stop(_name, error);
+            }
+            return;
+        }
+        _levels.push_back({status.st_dev, status.st_ino, "", {_name}});
+    }
+
+    /// Deletes an entry of the present folder, or goes into it.
+    void Enter(const std::string& name) {
+        if (::unlinkat(_folder.Get(), name.c_str(), 0) == 0) {
+            _found = true;
+            return;
+        }
+        const int error = errno;
+        if (error != EISDIR && error != EPERM) {
+            if (!IsNowhere(error)) {
+                Stop(name, error);
+            }
+            return;
+        }
+        UniqueFd child(::openat(_folder.Get(), name.c_str(), kOpenFolder));
+        struct stat status {};
+        if (!child.IsValid() || ::fstat(child.Get(), &status) != 0) {
+            if (errno == ENOTDIR && error == EISDIR) {
+                CountAgain(name, error);  // no folder any more
+                _levels.back().folders.push_back(name);
+            } else if (errno != ENOENT) {
+                Stop(name, errno == ENOTDIR ? error : errno);
+            }
+            return;
+        }
+        _found = true;
+        Level level = {status.st_dev, status.st_ino, name, {}};
+        UniqueFd readable(::openat(child.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!readable.IsValid() && errno == EACCES) {
+            // Nothing has to be read in an empty folder.
+            if (::unlinkat(_folder.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+                Stop(name, EACCES);
+            }
+            return;
+        }
+        const bool isRead = ReadEntries(std::move(readable), [&](const std::string& entry, int type) {
+            if (type == DT_DIR) {
+                level.folders.push_back(entry);
+            } else if (::unlinkat(child.Get(), entry.c_str(), 0) != 0) {
+                if (errno == EISDIR) {
+                    level.folders.push_back(entry);
+                } else if (errno != ENOENT) {
+                    Stop(entry);
+                }
+            }
+        });
+        if (!isRead && errno != ENOENT) {
+            Stop(name);
+        }
+        _levels.push_back(std::move(level));
+        _folder = std::move(child);
+    }
+
+    /// Goes up and deletes the folder that it has come from, which is empty.
+    void Leave() {
+        const std::string name = std::move(_levels.back().name);
+        _levels.pop_back();
+        UniqueFd parent(::openat(_folder.Get(), "..", kOpenFolder));
+        struct stat status {};
+        if (!parent.IsValid() || ::fstat(parent.Get(), &status) != 0 ||
+            status.st_dev != _levels.back().device || status.st_ino != _levels.back().inode) {
+            CountAgain(name, parent.IsValid() ? EBUSY : errno);  // the folder has been moved
+            Begin();
+            return;
+        }
+        _folder = std::move(parent);
+        if (::unlinkat(_folder.Get(), name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
+            return;
+        }
+        if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOTDIR) {
+            Stop(name);
+        }
+        CountAgain(name, errno);
+        _levels.back().folders.push_back(name);
+    }
+
+    const std::string& _path;
+    const std::string& _parent;
+    const std::string& _name;
+    std::vector<Level> _levels;  // the first is the folder around the tree
+    UniqueFd _folder;            // that of the last level
+    bool _found = false;
+    int _again = 0;
+};
+
+}  // namespace
+
+bool FileUtils::Exists(const std::string& path) {
+    struct stat status {};
+    if (::stat(Checked(path), &status) == 0) {
+        return true;
+    }
+    if (!IsNowhere(errno)) {
+        Fail("Couldn't look at", path);
+    }
+    return false;
+}
+
+FileUtils::Kind FileUtils::GetKind(const std::string& path) {
+    struct stat status {};
+    if (::lstat(Checked(path), &status) != 0) {
+        Fail("Couldn't look at", path);
+    }
+    return S_ISREG(status.st_mode)   ? kFile
+           : S_ISDIR(status.st_mode) ? kDirectory
+           : S_ISLNK(status.st_mode) ? kSymbolicLink
+                                     : kOther;
+}
+
+unsigned long long FileUtils::GetSize(const std::string& path) {
+    const struct stat status = StatusOf(path, "Couldn't tell the size of");
+    if (!S_ISREG(status.st_mode)) {
+        Fail("Couldn't tell the size of", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    return static_cast<unsigned long long>(status.st_size);
+}
+
+FileUtils::Times FileUtils::GetTimes(const std::string& path) {
+    const struct stat status = StatusOf(path, "Couldn't tell the times of");
+    return {ToDateTime(status.st_mtim), ToDateTime(status.st_atim), ToDateTime(status.st_ctim)};
+}
+
+std::vector<std::string> FileUtils::List(const std::string& folder) {
+    std::vector<std::string> names;
+    const bool isRead = ReadEntries(UniqueFd(::open(Checked(folder), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+                                    [&names](const std::string& name, int) { names.push_back(name); });
+    if (!isRead) {
+        Fail("Couldn't list", folder);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool FileUtils::CreateDirectory(const std::string& path) {
+    Checked(path);
+    const std::size_t size = path.find_last_not_of('/') + 1;
+    bool made = false;
+    int error = 0;
+    for (std::size_t end = 0; end < size;) {
+        end = std::min(path.find('/', path.find_first_not_of('/', end)), size);
+        made = ::mkdir(path.substr(0, end).c_str(), 0777) == 0;
+        if (!made && errno != EEXIST && error == 0) {
+            error = errno;  // of what stands in the way, if it does
+        }
+    }
+    struct stat status {};
+    if (!made && (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))) {
+        Fail("Couldn't create directory", path, error != 0 ? error : path.empty() ? ENOENT : EEXIST);
+    }
+    return made;
+}
+
+void FileUtils::Copy(const std::string& from, const std::string& to) {
+    struct stat status {};
+    const UniqueFd source = OpenSource(from, 0, status);
+    struct stat old {};
+    const bool exists = FindReplaceable(to, "Couldn't write", old);
+    FileReplacement replacement(FollowLinks(to));
+    if (!replacement.Open(0600)) {
+        Fail("Couldn't write", to);
+    }
+    if (exists) {
+        replacement.TakeOwner(old);
+    }
+    CopyBlocks(source.Get(), replacement.GetFd(), from, to);
+    if (::fchmod(replacement.GetFd(), status.st_mode & 0777) != 0 || !Synchronise(replacement.GetFd()) ||
+        !replacement.Commit()) {
+        Fail("Couldn't write", to);
+    }
+}
+
+void FileUtils::Move(const std::string& from, const std::string& to) {
+    if (::rename(Checked(from), Checked(to)) == 0) {
+        return;
+    }
+    if (errno != EXDEV) {
+        Fail("Couldn't move", from);
+    }
+    MoveToOtherFileSystem(from, to);
+}
+
+bool FileUtils::Delete(const std::string& path) {
+    if (std::remove(Checked(path)) == 0) {
+        return true;
+    }
+    if (!IsNowhere(errno)) {
+        Fail("Couldn't delete", path);
+    }
+    return false;
+}
+
+bool FileUtils::DeleteTree(const std::string& path) {
+    Checked(path);
+    // A slash at the end would follow a link.
+    const std::string tree = path.substr(0, path.find_last_not_of('/') + 1);
+    const std::size_t slash = tree.rfind('/');
+    const std::string name = tree.substr(slash + 1);
+    if (name.empty() || name == "." || name == "..") {
+        throw IOException("Invalid path");
+    }
+    const std::string parent = slash == std::string::npos ? "." : tree.substr(0, slash + 1);
+    return TreeDeleter(path, parent, name).Run();
+}
+
+std::string FileUtils::Read(const std::string& path) {
+    std::string content;
+    if (!ReadBlocks(Checked(path), [&content](std::string_view block) { content += block; })) {
+        Fail("Couldn't read", path);
+    }
+    return content;
+}
+
+void FileUtils::Write(const std::string& path, const std::string& content) {
+    const UniqueFd file(::open(Checked(path), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666));
+    if (!file.IsValid() || !WriteAll(file.Get(), content)) {
+        Fail("Couldn't write", path);
+    }
+}
+
+void FileUtils::WriteAtomically(const std::string& path, const std::string& content) {
+    struct stat old {};
+    const bool exists = FindReplaceable(path, "Couldn't write", old);
+    FileReplacement replacement(FollowLinks(path));
+    if (!replacement.Open(exists ? 0600 : 0666) || (exists && !replacement.TakeOver(old)) ||
+        !replacement.Write(content) || !replacement.Commit()) {
+        Fail("Couldn't write", path);
+    }
+}
+
+}  // namespace zarip::osa

@@ -1,0 +1,289 @@
+#include "zarip/osa/PipeStream.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+
+#include "osa/Errors.h"
+#include "osa/UniqueFd.h"
+#include "osa/Wait.h"
+#include "zarip/osa/Process.h"
+
+namespace zarip::osa {
+
+namespace {
+
+constexpr std::size_t kMaxKept = 16U << 20U;
+constexpr std::size_t kBlockSize = 16'384;
+
+/// write() without the SIGPIPE that comes when nobody reads: it is for this thread, so it is blocked
+/// meanwhile and taken away.
+ssize_t WriteQuietly(int fd, const char* data, std::size_t length) {
+    sigset_t pipe;
+    sigset_t pending;
+    sigset_t old;
+    ::sigemptyset(&pipe);
+    ::sigaddset(&pipe, SIGPIPE);
+    ::sigpending(&pending);
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &old);
+    const ssize_t result = ::write(fd, data, length);
+    const int error = errno;
+    if (result < 0 && error == EPIPE && ::sigismember(&pending, SIGPIPE) == 0) {
+        const timespec none{};
+        while (::sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
+        }
+    }
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    errno = error;
+    return result;
+}
+
+void MakeNonBlocking(const UniqueFd& fd) {
+    if (!fd.IsValid()) {
+        return;
+    }
+    const int flags = ::fcntl(fd.Get(), F_GETFL);
+    if (flags < 0 || ::fcntl(fd.Get(), F_SETFL, flags | O_NONBLOCK) < 0) {
+        ThrowIOErrno("fcntl failed");
+    }
+}
+
+}  // namespace
+
+class PipeStream::Buffer final : public std::streambuf {
+public:
+    Buffer(UniqueFd read, UniqueFd write, unsigned int timeoutSeconds, unsigned int bufferSize)
+        : _read(std::move(read)),
+          _write(std::move(write)),
+          _timeoutMs(timeoutSeconds == kWaitForEver ? kNever : timeoutSeconds * 1'000LL),
+          _bufferSize(std::max(bufferSize, 1U)),
+          _sendBuffer(new char[_bufferSize]) {
+        MakeNonBlocking(_read);
+        MakeNonBlocking(_write);
+        setp(_sendBuffer.get(), _sendBuffer.get() + _bufferSize);
+    }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    ~Buffer() override {
+        try {
+            SendPending();
+        } catch (...) {
+            // Nobody takes it; who wants to know flushes.
+        }
+    }
+
+    void SetTimeLimit(unsigned int milliseconds) {
+        _limit = milliseconds == kWaitForEver ? kNever : NowMs() + milliseconds;
+    }
+
+    void CloseWrite() {
+        try {
+            SendPending();
+        } catch (...) {
+            _write = UniqueFd();
+            throw;
+        }
+        _write = UniqueFd();
+    }
+
+    void Cancel() { _cancel.Cancel(); }
+
+protected:
+    int sync() override {
+        SendPending();
+        return 0;
+    }
+
+    std::streamsize showmanyc() override { return static_cast<std::streamsize>(_kept.size()); }
+
+    int_type underflow() override {
+        if (gptr() != egptr()) {
+            return traits_type::to_int_type(*gptr());
+        }
+        if (!_read.IsValid()) {
+            throw IOException("Pipe is not open");
+        }
+        CheckTime();
+        if (_kept.empty()) {
+            SendBeforeReading();
+        }
+        setg(nullptr, nullptr, nullptr);
+        if (!_kept.empty()) {
+            _received.swap(_kept);
+            _kept.clear();
+        } else {
+            _received.resize(_bufferSize);
+            const std::size_t length = Receive();
+            _received.resize(length);
+        }
+        setg(_received.data(), _received.data(), _received.data() + _received.size());
+        return _received.empty() ? traits_type::eof() : traits_type::to_int_type(*gptr());
+    }
+
+    std::streamsize xsputn(const char* source, std::streamsize count) override {
+        if (count > epptr() - pptr()) {
+            SendPending();
+        }
+        if (count > epptr() - pptr()) {
+            Send(source, static_cast<std::size_t>(count));
+        } else {
+            std::copy_n(source, count, pptr());
+            pbump(static_cast<int>(count));
+        }
+        return count;
+    }
+
+    int_type overflow(int_type character) override {
+        if (pptr() == epptr()) {
+            SendPending();
+        }
+        if (!traits_type::eq_int_type(character, traits_type::eof())) {
+            *pptr() = traits_type::to_char_type(character);
+            pbump(1);
+        }
+        return traits_type::not_eof(character);
+    }
+
+private:
+    MonotonicMs EndOfWait() const {
+        return _timeoutMs == kNever ? _limit : std::min(NowMs() + _timeoutMs, _limit);
+    }
+
+    void CheckTime() const {
+        if (_cancel.IsCancelled()) {
+            throw IOException("Pipe was closed");
+        }
+        if (_limit != kNever && NowMs() >= _limit) {
+            throw IOException("Timeout");
+        }
+    }
+
+    void Wait(WaitFd first, WaitFd second, MonotonicMs until) {
+        WaitResult result{};
+        if (!WaitForEither(first, second, &_cancel, until, result)) {
+            ThrowIOErrno("poll failed");
+        }
+        if (result != WaitResult::kReady) {
+            throw IOException(result == WaitResult::kTimeout ? "Timeout" : "Pipe was closed");
+        }
+    }
+
+    void SendPending() {
+        const auto pending = static_cast<std::size_t>(pptr() - pbase());
+        // Reset first: what could not be sent is not sent again by the destructor.
+        setp(_sendBuffer.get(), _sendBuffer.get() + _bufferSize);
+        Send(_sendBuffer.get(), pending);
+    }
+
+    /// One who reads no more may still have answered.
+    void SendBeforeReading() {
+        try {
+            if (pptr() != pbase()) {
+                SendPending();
+            }
+        } catch (const BrokenPipe&) {
+        }
+    }
+
+    struct BrokenPipe : IOException {
+        BrokenPipe() : IOException(WithErrno("write failed", EPIPE)) {}
+    };
+
+    void Send(const char* data, std::size_t length) {
+        bool canKeep = _read.IsValid();
+        MonotonicMs until = EndOfWait();
+        while (length > 0) {
+            if (!_write.IsValid()) {
+                throw IOException("Pipe is not open");
+            }
+            CheckTime();
+            const ssize_t sent = WriteQuietly(_write.Get(), data, length);
+            if (sent > 0) {
+                data += sent;
+                length -= static_cast<std::size_t>(sent);
+                until = EndOfWait();
+            } else if (sent < 0 && errno == EPIPE) {
+                throw BrokenPipe();
+            } else if (sent < 0 && errno == EAGAIN) {
+                // Whoever has to answer takes nothing while nobody reads the answer.
+                canKeep = canKeep && _kept.size() < kMaxKept;
+                Wait({_write.Get(), POLLOUT}, {canKeep ? _read.Get() : -1, POLLIN}, until);
+                canKeep = canKeep && Keep();
+            } else if (errno != EINTR) {
+                ThrowIOErrno("write failed");
+            }
+        }
+    }
+
+    /// Reads what is there; false when nothing more is to be expected.
+    bool Keep() {
+        const std::size_t size = _kept.size();
+        _kept.resize(size + kBlockSize);
+        const ssize_t length = ::read(_read.Get(), &_kept[size], kBlockSize);
+        _kept.resize(size + static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
+    }
+
+    /// Returns 0 at the end.
+    std::size_t Receive() {
+        const MonotonicMs until = EndOfWait();
+        for (;;) {
+            const ssize_t length = ::read(_read.Get(), _received.data(), _received.size());
+            if (length >= 0) {
+                return static_cast<std::size_t>(length);
+            }
+            if (errno == EAGAIN) {
+                Wait({_read.Get(), POLLIN}, {-1, 0}, until);
+            } else if (errno != EINTR) {
+                ThrowIOErrno("read failed");
+            }
+        }
+    }
+
+    UniqueFd _read;
+    UniqueFd _write;
+    const MonotonicMs _timeoutMs;
+    MonotonicMs _limit = kNever;
+    const unsigned int _bufferSize;
+    const std::unique_ptr<char[]> _sendBuffer;
+    std::string _received;  // what is being read
+    std::string _kept;      // what comes behind it
+    CancelEvent _cancel;
+};
+
+PipeStream::PipeStream(Process& process, unsigned int timeoutSeconds, unsigned int bufferSize)
+    : PipeStream(process.TakeOutput(), process.TakeInput(), timeoutSeconds, bufferSize) {}
+
+PipeStream::PipeStream(int readFd, int writeFd, unsigned int timeoutSeconds, unsigned int bufferSize)
+    : std::iostream(nullptr) {
+    UniqueFd read(readFd);
+    UniqueFd write(writeFd);
+    if (!read.IsValid() && !write.IsValid()) {
+        throw IOException("Pipe is not open");
+    }
+    _buffer = std::make_unique<Buffer>(std::move(read), std::move(write), timeoutSeconds, bufferSize);
+    rdbuf(_buffer.get());
+}
+
+PipeStream::~PipeStream() = default;
+
+void PipeStream::SetTimeLimit(unsigned int milliseconds) {
+    _buffer->SetTimeLimit(milliseconds);
+}
+
+void PipeStream::CloseWrite() {
+    _buffer->CloseWrite();
+}
+
+void PipeStream::Cancel() {
+    _buffer->Cancel();
+}
+
+}  // namespace zarip::osa

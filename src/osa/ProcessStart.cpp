@@ -1,0 +1,138 @@
+#include "osa/ProcessStart.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace zarip::osa {
+
+namespace {
+
+constexpr unsigned int kFirstOther = 3;
+constexpr rlim_t kMaxDescriptors = 65'536;
+
+#ifdef SYS_close_range
+constexpr long kCloseRange = SYS_close_range;
+#else
+constexpr long kCloseRange = 436;
+#endif
+constexpr unsigned int kCloseOnExec = 4;  // CLOSE_RANGE_CLOEXEC
+
+void CloseOnExec(unsigned int fd) {
+    if (fd >= kFirstOther) {
+        ::fcntl(static_cast<int>(fd), F_SETFD, FD_CLOEXEC);
+    }
+}
+
+/// Has all descriptors but the standard streams closed when the program is executed.
+void CloseOthersOnExec() {
+    if (::syscall(kCloseRange, kFirstOther, ~0U, kCloseOnExec) == 0) {
+        return;
+    }
+    // Before Linux 5.11. By system calls only: opendir allocates.
+    const int folder = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) {
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        for (unsigned int fd = kFirstOther; fd < limit.rlim_cur && fd < kMaxDescriptors; ++fd) {
+            CloseOnExec(fd);
+        }
+        return;
+    }
+    constexpr long kLengthAt = 16;  // of linux_dirent64
+    constexpr long kNameAt = 19;
+    char entries[1024];
+    long size = 0;
+    while ((size = ::syscall(SYS_getdents64, folder, entries, sizeof entries)) > 0) {
+        for (long at = 0; at < size;) {
+            unsigned int fd = 0;
+            for (const char* digit = entries + at + kNameAt; *digit >= '0' && *digit <= '9'; ++digit) {
+                fd = fd * 10 + static_cast<unsigned int>(*digit - '0');
+            }
+            CloseOnExec(fd);
+            unsigned short length = 0;
+            std::memcpy(&length, entries + at + kLengthAt, sizeof length);
+            at += length;
+        }
+    }
+}
+
+[[noreturn]] void GiveUp(const ProcessPlan& plan, bool isFolder, int error) {
+    const StartFailure failure = {isFolder, error};
+    const ssize_t written = ::write(plan.report, &failure, sizeof failure);
+    static_cast<void>(written);
+    ::_exit(127);
+}
+
+/// As execvp, but without a shell for what is no program.
+int Execute(const ProcessPlan& plan) {
+    int result = ENOENT;
+    for (const char* const* candidate = plan.candidates; *candidate != nullptr; ++candidate) {
+        ::execve(*candidate, plan.arguments, plan.environment);
+        if (errno == EACCES) {
+            result = EACCES;
+        } else if (errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG) {
+            return errno;
+        }
+    }
+    return result;
+}
+
+[[noreturn]] void Run(const ProcessPlan& plan) {
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        ::sigaction(signal, &standard, nullptr);
+    }
+    if (plan.ownGroup) {
+        ::setpgid(0, 0);
+    }
+    if (plan.folder != nullptr && ::chdir(plan.folder) != 0) {
+        GiveUp(plan, true, errno);
+    }
+    for (int stream = 0; stream < 3; ++stream) {
+        if (plan.streams[stream] >= 0 && ::dup2(plan.streams[stream], stream) < 0) {
+            GiveUp(plan, false, errno);
+        }
+    }
+    CloseOthersOnExec();
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    GiveUp(plan, false, Execute(plan));
+}
+
+/// On its own, as what shares the memory must not leave its caller's variables changed.
+__attribute__((noinline)) pid_t Fork(const ProcessPlan& plan) {
+    const pid_t pid = ::vfork();
+    if (pid == 0) {
+        Run(plan);
+    }
+    return pid;
+}
+
+}  // namespace
+
+pid_t StartProcess(const ProcessPlan& plan) {
+    // A handler of ours must not run in there, nor may this thread be cancelled meanwhile.
+    sigset_t all;
+    sigset_t old;
+    int cancelState = 0;
+    ::sigfillset(&all);
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    ::pthread_sigmask(SIG_SETMASK, &all, &old);
+    const pid_t pid = Fork(plan);
+    const int error = errno;
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    ::pthread_setcancelstate(cancelState, nullptr);
+    errno = error;
+    return pid;
+}
+
+}  // namespace zarip::osa

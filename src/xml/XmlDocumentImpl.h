@@ -1,0 +1,20 @@
+#pragma once
+
+#include <libxml/tree.h>
+
+#include <memory>
+
+#include "zarip/xml/XmlDocument.h"
+
+namespace zarip::xml {
+
+struct XmlDocument::Impl {
+    explicit Impl(xmlDoc* owned) : document(owned) {}
+
+    struct Delete {
+        void operator()(xmlDoc* freed) const { xmlFreeDoc(freed); }
+    };
+    std::unique_ptr<xmlDoc, Delete> document;
+};
+
+}  // namespace zarip::xml

@@ -1,0 +1,60 @@
+#pragma once
+
+// What the XML classes share in dealing with libxml2.
+
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+
+#include <string>
+#include <string_view>
+
+namespace zarip::xml {
+
+inline const xmlChar* ToXml(const char* text) {
+    return reinterpret_cast<const xmlChar*>(text);
+}
+
+inline const xmlChar* ToXml(const std::string& text) {
+    return ToXml(text.c_str());
+}
+
+inline std::string_view ToView(const xmlChar* text) {
+    return text != nullptr ? std::string_view(reinterpret_cast<const char*>(text)) : std::string_view();
+}
+
+/// Copies a text of libxml2 and frees it.
+std::string TakeString(xmlChar* text);
+
+/// Makes libxml2 ready, once; before anything else of it is called.
+void InitializeXml();
+
+/// Throw `XmlException` for what a document cannot hold.
+void CheckName(const std::string& name, bool withPrefix);
+void CheckText(const std::string& text);
+
+/// Throws the last error of a parser.
+[[noreturn]] void ThrowError(const xmlError* error);
+
+/// Takes the errors that libxml2 reports on this thread while it exists, for calls that know no other way to
+/// tell; otherwise they would go to standard error.
+class ErrorScope {
+public:
+    ErrorScope();
+    ErrorScope(const ErrorScope&) = delete;
+    ErrorScope& operator=(const ErrorScope&) = delete;
+    ~ErrorScope();
+
+    /// The first one, or nothing.
+    const std::string& GetText() const { return _text; }
+
+private:
+    static void Keep(void* scope, xmlError* error);
+
+    xmlStructuredErrorFunc _function;
+    void* _context;
+    std::string _text;
+};
+
+constexpr char kNoEntities[] = "entity declarations are not allowed";
+
+}  // namespace zarip::xml

@@ -1,0 +1,110 @@
+#include "zarip/xml/XmlXPathExpression.h"
+
+#include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
+
+#include "xml/XmlText.h"
+#include "zarip/xml/XmlException.h"
+
+namespace zarip::xml {
+
+namespace {
+
+struct ContextDelete {
+    void operator()(xmlXPathContext* context) const { xmlXPathFreeContext(context); }
+};
+
+struct ExpressionDelete {
+    void operator()(xmlXPathCompExpr* expression) const { xmlXPathFreeCompExpr(expression); }
+};
+
+struct ObjectDelete {
+    void operator()(xmlXPathObject* object) const { xmlXPathFreeObject(object); }
+};
+
+using Object = std::unique_ptr<xmlXPathObject, ObjectDelete>;
+
+[[noreturn]] void Throw(const std::string& text) {
+    throw XmlException("XPath: " + text);
+}
+
+}  // namespace
+
+struct XmlXPathExpression::Impl {
+    Object Evaluate(xmlNode* start) const {
+        const ErrorScope errors;
+        context->doc = start->doc;
+        context->node = start;
+        Object object(xmlXPathCompiledEval(expression.get(), context.get()));
+        context->doc = nullptr;
+        context->node = nullptr;
+        if (!object) {
+            Throw(errors.GetText().empty() ? "evaluation failed" : errors.GetText());
+        }
+        return object;
+    }
+
+    static const xmlNodeSet* Nodes(const Object& object) {
+        if (object->type != XPATH_NODESET) {
+            Throw("the result is no set of nodes");
+        }
+        return object->nodesetval;
+    }
+
+    std::unique_ptr<xmlXPathContext, ContextDelete> context;
+    std::unique_ptr<xmlXPathCompExpr, ExpressionDelete> expression;
+};
+
+XmlXPathExpression::XmlXPathExpression(const std::string& expression,
+                                       const std::map<std::string, std::string>& namespaces)
+    : _impl(std::make_unique<Impl>()) {
+    InitializeXml();
+    _impl->context.reset(xmlXPathNewContext(nullptr));
+    for (const auto& [prefix, uri] : namespaces) {
+        CheckName(prefix, false);
+        xmlXPathRegisterNs(_impl->context.get(), ToXml(prefix), ToXml(uri));
+    }
+    const ErrorScope errors;
+    _impl->expression.reset(xmlXPathCtxtCompile(_impl->context.get(), ToXml(expression)));
+    if (!_impl->expression) {
+        Throw((errors.GetText().empty() ? "Invalid expression" : errors.GetText()) + " '" + expression + "'");
+    }
+}
+
+XmlXPathExpression::~XmlXPathExpression() = default;
+
+std::vector<XmlElement> XmlXPathExpression::EvaluateNodes(XmlElement start) const {
+    const Object object = _impl->Evaluate(start.Node());
+    const xmlNodeSet* const found = Impl::Nodes(object);
+    std::vector<XmlElement> elements;
+    for (int i = 0; found != nullptr && i < found->nodeNr; ++i) {
+        if (found->nodeTab[i]->type == XML_ELEMENT_NODE) {
+            elements.push_back(XmlElement(found->nodeTab[i]));
+        }
+    }
+    return elements;
+}
+
+std::vector<std::string> XmlXPathExpression::EvaluateTexts(XmlElement start) const {
+    const Object object = _impl->Evaluate(start.Node());
+    const xmlNodeSet* const found = Impl::Nodes(object);
+    std::vector<std::string> texts;
+    for (int i = 0; found != nullptr && i < found->nodeNr; ++i) {
+        texts.push_back(TakeString(xmlXPathCastNodeToString(found->nodeTab[i])));
+    }
+    return texts;
+}
+
+std::string XmlXPathExpression::EvaluateText(XmlElement start) const {
+    return TakeString(xmlXPathCastToString(_impl->Evaluate(start.Node()).get()));
+}
+
+double XmlXPathExpression::EvaluateNumber(XmlElement start) const {
+    return xmlXPathCastToNumber(_impl->Evaluate(start.Node()).get());
+}
+
+bool XmlXPathExpression::EvaluateBoolean(XmlElement start) const {
+    return xmlXPathCastToBoolean(_impl->Evaluate(start.Node()).get()) != 0;
+}
+
+}  // namespace zarip::xml

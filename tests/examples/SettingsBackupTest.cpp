@@ -1,0 +1,101 @@
+#include "../../examples/common/SettingsArchive.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+
+#include "support/ErrorOf.h"
+#include "support/TempDir.h"
+
+namespace zarip {
+namespace {
+
+namespace fs = std::filesystem;
+using settings_archive::Files;
+using settings_archive::Open;
+using settings_archive::Seal;
+using test::ErrorOf;
+
+crypto::SecureBuffer PassPhrase(const std::string& text) {
+    return {text.data(), static_cast<unsigned int>(text.size())};
+}
+
+// Iterations are few, so that every byte of an archive can be tried.
+constexpr std::uint32_t kFew = settings_archive::kMinIterations + 5'000;
+
+TEST(SettingsArchiveTest, OnlyTheWholeArchiveAndTheRightPassPhraseOpenIt) {
+    const Files files = {
+        {"a.ini", "[users]\nalice = secret\n"}, {"etc/b", ""}, {"etc/c/d", std::string(100, '\0')}};
+    const std::string archive = Seal(files, PassPhrase("horse"), kFew);
+    EXPECT_EQ(archive.find("alice"), std::string::npos);
+    EXPECT_NE(Seal(files, PassPhrase("horse"), kFew), archive) << "another salt each time";
+    EXPECT_EQ(Open(archive, PassPhrase("horse")), files);
+    EXPECT_EQ(Open(Seal({}, PassPhrase("horse"), kFew), PassPhrase("horse")), Files());
+    const std::string refusal = "the pass phrase is wrong or the archive was changed";
+    for (const char* const wrong : {"Horse", "horse ", "h"}) {
+        EXPECT_EQ(ErrorOf([&] { Open(archive, PassPhrase(wrong)); }), refusal);
+    }
+    for (std::size_t i = 0; i < archive.size(); ++i) {
+        std::string changed = archive;
+        changed[i] = static_cast<char>(changed[i] ^ (i % 2 == 0 ? 1 : 0x80));
+        EXPECT_EQ(ErrorOf([&] { Open(changed, PassPhrase("horse")); }),
+                  i < 8                ? "this is no archive of settings"
+                  : i < 12             ? "the archive is of an unknown version"
+                  : i == 12 || i == 13 ? "the archive is damaged"  // more iterations than one believes
+                                       : refusal)
+            << "byte " << i;
+    }
+    for (const std::size_t size : {std::size_t{0}, std::size_t{79}, archive.size() - 1}) {
+        EXPECT_NE(ErrorOf([&] { Open(archive.substr(0, size), PassPhrase("horse")); }), "no exception")
+            << size;
+    }
+    EXPECT_EQ(ErrorOf([&] { Open(archive + '\0', PassPhrase("horse")); }), refusal);
+}
+
+TEST(SettingsArchiveTest, NamesThatLeaveTheFolderAreRefused) {
+    for (const char* const name :
+         {"", "/", "/etc/passwd", "..", "../a", "a/../b", "a/..", "a//b", "a/", "./a", "a/./b"}) {
+        EXPECT_FALSE(settings_archive::IsGoodName(name)) << name;
+        EXPECT_NE(ErrorOf([&] { Seal({{name, "x"}}, PassPhrase("horse"), kFew); }), "no exception") << name;
+    }
+    for (const char* const name : {"a", "a/b", "..a/b..", "...", ".hidden"}) {
+        EXPECT_TRUE(settings_archive::IsGoodName(name)) << name;
+    }
+    EXPECT_FALSE(settings_archive::IsGoodName(std::string("a\0b", 3)));
+}
+
+/// Runs the program with "horse" as the pass phrase.
+int RunBackup(const std::string& arguments) {
+    const int status =
+        std::system(("echo horse | " SETTINGS_BACKUP " " + arguments + " >/dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(SettingsBackupTest, FilesComeBackAndLinksAreNotFollowed) {
+    const test::TempDir folder;
+    const std::string archive = folder.File("archive");
+    const std::string settings = folder.Write("settings.ini", "[a]\nb = c\n");
+    ASSERT_EQ(RunBackup("save " + archive + " " + settings), 0);
+    EXPECT_EQ(fs::status(archive).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    ASSERT_EQ(RunBackup("restore " + archive + " " + folder.File("out")), 0);
+    EXPECT_EQ(folder.Read("out" + settings), folder.Read("settings.ini"));
+    EXPECT_EQ(RunBackup("restore " + archive + " " + folder.File("out")), 0) << "over what is there";
+
+    // The first folder of the name is a link out of the target.
+    const std::string first = settings.substr(1, settings.find('/', 1) - 1);
+    fs::create_directory(folder.File("trap"));
+    fs::create_directory(folder.File("elsewhere"));
+    fs::create_directory_symlink(folder.File("elsewhere"), folder.File("trap/" + first));
+    EXPECT_EQ(RunBackup("restore " + archive + " " + folder.File("trap")), 1);
+    EXPECT_TRUE(fs::is_empty(folder.File("elsewhere")));
+    folder.Write("archive", folder.Read("archive") + "x");
+    EXPECT_EQ(RunBackup("restore " + archive + " " + folder.File("none")), 1);
+    EXPECT_FALSE(fs::exists(folder.File("none")));
+    EXPECT_EQ(RunBackup("save " + archive + " " + folder.File("out/../settings.ini")), 1);
+    EXPECT_EQ(RunBackup("save " + archive), 2);
+}
+
+}  // namespace
+}  // namespace zarip

@@ -1,0 +1,177 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <iterator>
+#include <thread>
+
+#include "support/ErrorOf.h"
+#include "zarip/osa/IOException.h"
+#include "zarip/osa/PipeStream.h"
+#include "zarip/osa/Process.h"
+
+namespace zarip::osa {
+namespace {
+
+using std::string;
+using test::ErrorOf;
+
+constexpr unsigned int kForEver = 0xFFFFFFFFU;
+
+/// A program on pipes.
+struct Program {
+    explicit Program(const string& script, unsigned int timeoutSeconds = 30)
+        : process("sh", {"-c", script}, Piped()), stream(process, timeoutSeconds) {}
+
+    static Process::Options Piped() {
+        Process::Options options;
+        options.input = options.output = Process::Redirect::Pipe();
+        return options;
+    }
+
+    string ReadAll() { return string(std::istreambuf_iterator<char>(stream), {}); }
+
+    Process process;
+    PipeStream stream;
+};
+
+/// A pipe in the process itself.
+struct Pipe {
+    Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
+    int fds[2] = {-1, -1};
+};
+
+/// What an operation throws when the stream passes exceptions on; without, it only sets badbit.
+template <class Action>
+string FailureOf(PipeStream& stream, Action action) {
+    stream.exceptions(std::ios::badbit);
+    const string text = ErrorOf(action);
+    EXPECT_TRUE(stream.bad());
+    stream.exceptions(std::ios::goodbit);
+    return text;
+}
+
+TEST(PipeStreamTest, TalksWithAProgram) {
+    Program program("while read -r line; do echo \"<$line>\"; done; printf 'rest\\377'");
+    string line;
+    for (const char* text : {"one", "", "two words"}) {
+        program.stream << text << '\n';  // no flush: reading sends it
+        ASSERT_TRUE(std::getline(program.stream, line));
+        EXPECT_EQ(line, "<" + string(text) + ">");
+    }
+    program.stream << "last\n";
+    program.stream.CloseWrite();
+    EXPECT_EQ(program.ReadAll(), "<last>\nrest\xFF");
+    EXPECT_FALSE(program.stream.bad());
+    EXPECT_EQ(program.stream.get(), EOF);
+    EXPECT_TRUE(program.stream.eof());
+    program.stream.clear();
+    EXPECT_EQ(FailureOf(program.stream, [&] { program.stream << "x" << std::flush; }), "Pipe is not open");
+    EXPECT_TRUE(program.process.Wait());
+    EXPECT_EQ(program.process.GetExitStatus(), 0);
+}
+
+// Either side would wait for the other to read when both pipes are full.
+TEST(PipeStreamTest, MuchGoesBothWaysWithoutReadingInBetween) {
+    string text;
+    for (int i = 0; text.size() < (4U << 20U); ++i) {
+        text += std::to_string(i) + (i % 100 == 0 ? "\n" : " ");
+    }
+    Program program("cat", 60);
+    program.stream << text.substr(0, 10) << text.substr(10);
+    program.stream.CloseWrite();
+    EXPECT_TRUE(program.ReadAll() == text);
+    EXPECT_FALSE(program.stream.bad());
+}
+
+TEST(PipeStreamTest, DestructionSendsWhatIsLeft) {
+    const Pipe pipe;
+    PipeStream reader(pipe.fds[0], -1);
+    { PipeStream(-1, pipe.fds[1]) << "left"; }
+    EXPECT_EQ(string(std::istreambuf_iterator<char>(reader), {}), "left");
+    EXPECT_EQ(FailureOf(reader, [&] { reader << "x" << std::flush; }), "Pipe is not open");
+    EXPECT_EQ(ErrorOf([] { PipeStream(-1, -1); }), "Pipe is not open");
+    Process process("true", {});
+    EXPECT_EQ(ErrorOf([&] { PipeStream stream(process); }), "Pipe is not open");
+    const Pipe other;
+    PipeStream writer(-1, other.fds[1]);
+    EXPECT_EQ(FailureOf(writer, [&] { writer.get(); }), "Pipe is not open");
+    ::close(other.fds[0]);
+}
+
+TEST(PipeStreamTest, TimesOut) {
+    const Pipe pipe;
+    PipeStream stream(pipe.fds[0], pipe.fds[1], 0);
+    string word;
+    EXPECT_EQ(FailureOf(stream, [&] { stream >> word; }), "Timeout");
+    stream.clear();
+    stream << "word" << std::endl;
+    EXPECT_TRUE(stream >> word);  // nothing is broken
+    EXPECT_EQ(word, "word");
+
+    // A program that never reads: a full pipe with none to read from, and one whose output has no end.
+    Program silent("exec sleep 1000", 1);
+    EXPECT_EQ(FailureOf(silent.stream, [&] { silent.stream << string(1U << 20U, 'x') << std::flush; }),
+              "Timeout");
+    Program endless("exec yes", 1);
+    EXPECT_EQ(FailureOf(endless.stream, [&] { endless.stream << string(1U << 20U, 'x') << std::flush; }),
+              "Timeout");
+    endless.stream.clear();
+    EXPECT_LE(endless.stream.rdbuf()->in_avail(), 17 << 20);
+    std::getline(endless.stream, word);
+    EXPECT_EQ(word, "y");
+
+    // The limit also ends what never waits.
+    Program dribbling("exec yes", kForEver);
+    dribbling.stream.SetTimeLimit(50);
+    EXPECT_EQ(FailureOf(dribbling.stream, [&] { dribbling.stream.ignore(1LL << 60); }), "Timeout");
+    dribbling.stream.clear();
+    dribbling.stream.SetTimeLimit(kForEver);
+    EXPECT_NE(dribbling.stream.get(), EOF);
+}
+
+TEST(PipeStreamTest, CancelEndsWaiting) {
+    for (const bool isWriting : {false, true}) {
+        Program program("exec sleep 1000", kForEver);
+        std::thread canceller([&] { program.stream.Cancel(); });
+        EXPECT_EQ(FailureOf(program.stream,
+                            [&] {
+                                if (isWriting) {
+                                    program.stream << string(1U << 20U, 'x') << std::flush;
+                                } else {
+                                    program.stream.get();
+                                }
+                            }),
+                  "Pipe was closed");
+        canceller.join();
+        program.stream.clear();
+        EXPECT_EQ(FailureOf(program.stream, [&] { program.stream.get(); }), "Pipe was closed");
+    }
+}
+
+TEST(PipeStreamTest, ABrokenPipeDoesNotEndTheProcess) {
+    const auto handler = ::signal(SIGPIPE, SIG_DFL);
+    Program program("exec <&-; echo answer");
+    EXPECT_TRUE(program.process.Wait());
+    program.stream << "question";
+    string word;
+    EXPECT_TRUE(program.stream >> word);  // said before anybody asked, but said
+    EXPECT_EQ(word, "answer");
+    program.stream.clear();
+    EXPECT_EQ(FailureOf(program.stream, [&] { program.stream << "x" << std::flush; }),
+              "write failed: errno(32): Broken pipe");
+    program.stream.clear();
+    program.stream << "lost";
+    EXPECT_EQ(ErrorOf([&] { program.stream.CloseWrite(); }), "write failed: errno(32): Broken pipe");
+    sigset_t mask;
+    sigset_t pending;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    ::sigpending(&pending);
+    EXPECT_EQ(::sigismember(&mask, SIGPIPE), 0);
+    EXPECT_EQ(::sigismember(&pending, SIGPIPE), 0);
+    ::signal(SIGPIPE, handler);
+}
+
+}  // namespace
+}  // namespace zarip::osa

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace zarip::test {
+
+/// Runs `openssl` with arguments of a shell; its exit status, and what it printed in `output`.
+inline int RunOpenSsl(const std::string& arguments, std::string* output = nullptr) {
+    std::string text;
+    std::FILE* const pipe = ::popen(("openssl " + arguments + " 2>&1").c_str(), "re");
+    if (pipe == nullptr) {
+        return -1;
+    }
+    char buffer[4096];
+    while (const std::size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) {
+        text.append(buffer, count);
+    }
+    const int status = ::pclose(pipe);
+    if (output != nullptr) {
+        *output = text;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+inline bool HasOpenSsl() {
+    static const bool s_has = RunOpenSsl("version") == 0;
+    return s_has;
+}
+
+}  // namespace zarip::test

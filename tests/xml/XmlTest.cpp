@@ -1,0 +1,357 @@
+#include <zarip/xml/XmlDocument.h>
+#include <zarip/xml/XmlException.h>
+#include <zarip/xml/XmlReader.h>
+#include <zarip/xml/XmlWriter.h>
+#include <zarip/xml/XmlXPathExpression.h>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/ErrorOf.h"
+#include "support/TempDir.h"
+
+namespace zarip::xml {
+namespace {
+
+using std::string;
+using test::ErrorOf;
+using Attributes = std::vector<std::pair<string, string>>;
+
+constexpr char kCamera[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE camera>
+<camera xmlns="urn:camera" xmlns:n="urn:network" name="front">
+  <!-- how it is reached -->
+  <n:address n:family="4" kind="fixed">10.0.0.7</n:address>
+  <n:address kind="local">fe80::1</n:address>
+  <title>Door &amp; <b>yard</b><![CDATA[ <1>]]></title>
+</camera>
+)";
+
+TEST(XmlDocumentTest, ElementsAttributesTextsAndNamespacesAreRead) {
+    const XmlDocument document = XmlDocument::Parse(kCamera);
+    const XmlElement camera = document.GetRoot();
+    EXPECT_EQ(camera.GetName(), "camera");
+    EXPECT_EQ(camera.GetNamespaceUri(), "urn:camera");
+    EXPECT_EQ(camera.GetAttributes(), (Attributes{{"name", "front"}}));
+    EXPECT_EQ(camera.GetLine(), 3U);
+    EXPECT_FALSE(camera.GetParent());
+
+    const XmlElement address = camera.GetChild("address");
+    EXPECT_EQ(address.GetPrefix(), "n");
+    EXPECT_EQ(address.GetNamespaceUri(), "urn:network");
+    EXPECT_EQ(address.GetText(), "10.0.0.7");
+    string value = "kept";
+    EXPECT_FALSE(address.GetAttribute("family", value));
+    EXPECT_EQ(value, "kept");
+    EXPECT_TRUE(address.GetAttribute("family", value, "urn:network"));
+    EXPECT_EQ(value, "4");
+    EXPECT_EQ(address.GetAttributeOr("kind", "-"), "fixed");
+    EXPECT_EQ(address.GetAttributeOr("none", "-"), "-");
+    EXPECT_EQ(address.GetNextSibling().GetText(), "fe80::1");
+    EXPECT_EQ(address.GetParent(), camera);
+    EXPECT_EQ(camera.GetChildren().size(), 3U);
+    EXPECT_EQ(camera.GetChildren("address").size(), 2U);
+    EXPECT_EQ(camera.GetChild("title").GetText(), "Door & yard <1>");
+    EXPECT_FALSE(camera.GetChild("address", "urn:camera"));
+    EXPECT_FALSE(camera.GetChild("title").GetNextSibling());
+    EXPECT_EQ(ErrorOf([] { XmlElement().GetName(); }), "no element");
+}
+
+TEST(XmlDocumentTest, DocumentsAreChangedAndSaved) {
+    XmlDocument document("settings", "urn:settings");
+    XmlElement root = document.GetRoot();
+    root.DeclareNamespace("v", "urn:video");
+    root.SetAttribute("version", "1");
+    root.SetAttribute("codec", "h264", "urn:video");
+    root.AddChild("title").SetText("a < b & \"c\" \xC3\xA9\n");
+    root.AddChild("stream", "urn:video").AddChild("rate").SetText("25");
+    root.AddChild("plain", "").AddChild("inside");
+    root.AddChild("other", "urn:other");
+    const string expected =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<settings xmlns=\"urn:settings\" xmlns:v=\"urn:video\" version=\"1\" v:codec=\"h264\">"
+        "<title>a &lt; b &amp; \"c\" \xC3\xA9\n</title>"
+        "<v:stream><v:rate>25</v:rate></v:stream>"
+        "<plain xmlns=\"\"><inside/></plain><other xmlns=\"urn:other\"/></settings>\n";
+    EXPECT_EQ(document.ToString(), expected);
+    const XmlDocument again = XmlDocument::Parse(expected);
+    EXPECT_EQ(again.ToString(), expected);
+    EXPECT_EQ(again.GetRoot().GetChild("plain").GetChild("inside").GetNamespaceUri(), "");
+
+    EXPECT_TRUE(root.RemoveAttribute("codec", "urn:video"));
+    EXPECT_FALSE(root.RemoveAttribute("codec", "urn:video"));
+    root.SetAttribute("version", "2");
+    XmlElement stream = root.GetChild("stream");
+    EXPECT_EQ(ErrorOf([&] { root.RemoveChild(stream.GetChild("rate")); }), "not a child");
+    root.RemoveChild(stream);
+    root.RemoveChild(root.GetChild("plain"));
+    root.RemoveChild(root.GetChild("other"));
+    root.GetChild("title").SetText("");
+
+    const test::TempDir folder;
+    document.SaveFile(folder.File("settings.xml"));
+    EXPECT_EQ(
+        folder.Read("settings.xml"),
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<settings xmlns=\"urn:settings\" xmlns:v=\"urn:video\" version=\"2\">\n  <title/>\n</settings>\n");
+    EXPECT_EQ(XmlDocument::ParseFile(folder.File("settings.xml")).GetRoot().GetAttributeOr("version", ""),
+              "2");
+    EXPECT_NE(ErrorOf([&] { XmlDocument::ParseFile(folder.File("none")); }).find("errno(2)"), string::npos);
+}
+
+TEST(XmlDocumentTest, WhatCannotStandInADocumentIsRefused) {
+    XmlDocument document("a");
+    XmlElement root = document.GetRoot();
+    for (const string& name :
+         {string(), string("1a"), string("a b"), string("a:b"), string("<"), string("a\0b", 3)}) {
+        EXPECT_EQ(ErrorOf([&] { root.AddChild(name); }).substr(0, 12), "invalid name") << name;
+        EXPECT_EQ(ErrorOf([&] { root.SetAttribute(name, "1"); }).substr(0, 12), "invalid name") << name;
+    }
+    for (const string& text : {string("\x01"), string("a\0b", 3), string("\xFF"), string("\xEF\xBF\xBE"),
+                               string("\xED\xA0\x80")}) {
+        EXPECT_EQ(ErrorOf([&] { root.SetText(text); }), "invalid text");
+        EXPECT_EQ(ErrorOf([&] { root.SetAttribute("b", text); }), "invalid text");
+    }
+    EXPECT_EQ(ErrorOf([&] { root.SetAttribute("b", "1", "urn:x"); }), "undeclared namespace 'urn:x'");
+    root.DeclareNamespace("p", "urn:p");
+    EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("p", "urn:q"); }), "prefix 'p' is declared already");
+    EXPECT_EQ(document.ToString(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a xmlns:p=\"urn:p\"/>\n");
+}
+
+void Drain(XmlReader& reader) {
+    string value;
+    while (reader.Read()) {
+        reader.GetAttribute("a", value);
+        value = reader.GetValue();
+    }
+}
+
+string Repeat(const string& text, int times) {
+    string all;
+    for (int i = 0; i < times; ++i) {
+        all += text;
+    }
+    return all;
+}
+
+TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
+    string laughs = "<!DOCTYPE r [<!ENTITY l0 \"lol\">";
+    for (int i = 1; i < 10; ++i) {
+        laughs +=
+            "<!ENTITY l" + std::to_string(i) + " \"" + Repeat("&l" + std::to_string(i - 1) + ";", 10) + "\">";
+    }
+    const string none = "entity declarations are not allowed (line 1, column ";
+    const std::pair<string, string> cases[] = {
+        {laughs + "]><r>&l9;</r>", none},
+        {laughs + "]><r a=\"&l9;\"/>", none},
+        {laughs + "<!ATTLIST r a CDATA \"&l9;\">]><r/>", none},
+        {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file:///etc/passwd\">]><r>&x;</r>", none},
+        {"<!DOCTYPE r [<!ENTITY x SYSTEM \"http://127.0.0.1:1/\">]><r>&x;</r>", none},
+        {"<!DOCTYPE r [<!ENTITY % x SYSTEM \"file:///etc/passwd\"> %x;]><r/>", none},
+        {"<!DOCTYPE r [<!ENTITY q \"" + string(100'000, 'q') + "\">]><r>" + Repeat("&q;", 50'000) + "</r>",
+         none},
+        {Repeat("<d>", 100'000),
+         "Excessive depth in document: 256 use XML_PARSE_HUGE option (line 1, column "},
+        {"", ""},
+        {"<r>", ""},
+        {"<r>\n\n<a></b></r>", "Opening and ending tag mismatch: a line 3 and b (line 3, column 8)"},
+        {"<r a='1' a='2'/>", "Attribute a redefined (line 1, column "},
+        {"<r>&none;</r>", "Entity 'none' not defined (line 1, column "},
+        {"<r>\xFF</r>", ""},
+        {"<r/><r/>", "Extra content at the end of the document (line 1, column 5)"},
+        {string("<r>\0</r>", 8), ""},
+    };
+    rusage before{};
+    ::getrusage(RUSAGE_SELF, &before);
+    for (const auto& [text, error] : cases) {
+        const string shown = text.substr(0, 60);
+        const string asDocument = ErrorOf([&] { XmlDocument::Parse(text); });
+        const string asText = ErrorOf([&] {
+            XmlReader reader(text);
+            Drain(reader);
+        });
+        const string asStream = ErrorOf([&] {
+            std::istringstream stream(text);
+            XmlReader reader(stream);
+            Drain(reader);
+        });
+        for (const string& found : {asDocument, asText, asStream}) {
+            EXPECT_NE(found, "no exception") << shown;
+            EXPECT_EQ(found.substr(0, error.size()), error) << shown;
+        }
+    }
+    rusage after{};
+    ::getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "KiB";
+
+    // Told by number, too; and nothing is fetched for a type that names a file.
+    try {
+        XmlDocument::Parse("<r>\n  <a></b></r>");
+        FAIL();
+    } catch (const XmlException& e) {
+        EXPECT_EQ(e.GetDocumentLine(), 2U);
+        EXPECT_EQ(e.GetDocumentColumn(), 10U);
+    }
+    EXPECT_EQ(
+        XmlDocument::Parse("<!DOCTYPE r SYSTEM \"/nowhere/r.dtd\"><r>&lt;&#233;</r>").GetRoot().GetText(),
+        "<\xC3\xA9");
+}
+
+TEST(XmlReaderTest, NodesComeOneByOne) {
+    std::istringstream stream(kCamera);
+    XmlReader fromText(kCamera);
+    XmlReader fromStream(stream);
+    for (XmlReader* reader : {&fromText, &fromStream}) {
+        string seen;
+        EXPECT_EQ(reader->GetNodeType(), XmlReader::kNone);
+        while (reader->Read()) {
+            switch (reader->GetNodeType()) {
+                case XmlReader::kElement:
+                    seen += "<" + std::to_string(reader->GetDepth()) + string(reader->GetName()) + " ";
+                    break;
+                case XmlReader::kEndElement:
+                    seen += ">";
+                    break;
+                case XmlReader::kText:
+                case XmlReader::kCData:
+                    seen += "'" + string(reader->GetValue()) + "'";
+                    break;
+                case XmlReader::kComment:
+                    seen += "#";
+                    break;
+                default:
+                    break;
+            }
+            string family;
+            if (reader->GetLocalName() == "address" &&
+                reader->GetAttribute("family", "urn:network", family)) {
+                EXPECT_EQ(reader->GetNamespaceUri(), "urn:network");
+                EXPECT_EQ(family, "4");
+                EXPECT_EQ(reader->GetLine(), 5U);
+                EXPECT_FALSE(reader->GetAttribute("none", family));
+            }
+        }
+        EXPECT_EQ(seen,
+                  "<0camera #<1n:address '10.0.0.7'><1n:address 'fe80::1'>"
+                  "<1title 'Door & '<2b 'yard'>' <1>'>>");
+        EXPECT_FALSE(reader->Read());
+    }
+}
+
+TEST(XmlReaderTest, ElementsAreSkippedAndTextsTaken) {
+    XmlReader reader("<r><skip><r/></skip><a> 1 <!-- x --><![CDATA[2]]></a><e/><b>3<c/></b></r>");
+    ASSERT_TRUE(reader.Read());
+    ASSERT_TRUE(reader.Read());
+    ASSERT_TRUE(reader.Skip());
+    EXPECT_EQ(reader.GetName(), "a");
+    EXPECT_EQ(reader.ReadText(), " 1 2");
+    ASSERT_TRUE(reader.Read());
+    EXPECT_TRUE(reader.IsEmptyElement());
+    EXPECT_EQ(reader.ReadText(), "");
+    ASSERT_TRUE(reader.Read());
+    EXPECT_EQ(ErrorOf([&] { reader.ReadText(); }), "element 'b' holds more than text (line 1)");
+
+    std::istringstream broken("<r>");
+    broken.setstate(std::ios::badbit);
+    XmlReader fromBroken(broken);
+    EXPECT_NE(ErrorOf([&] { fromBroken.Read(); }), "no exception");
+}
+
+TEST(XmlWriterTest, WhatIsWrittenReadsBack) {
+    std::ostringstream stream;
+    XmlWriter writer(stream, true);
+    writer.StartDocument();
+    writer.Comment(" a camera ");
+    writer.StartElement("root");
+    writer.Namespace("", "urn:r");
+    writer.Namespace("v", "urn:v");
+    writer.Attribute("v:a", "<\"&'\n>");
+    writer.Element("v:text", "a < b & c > d");
+    writer.Element("empty", "");
+    writer.StartElement("mixed");
+    writer.Text("x");
+    writer.CData("]]>y]]>");
+    writer.EndElement();
+    writer.EndDocument();
+    const string text = stream.str();
+    EXPECT_EQ(text.substr(0, 78),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!-- a camera -->\n<root xmlns=\"urn:r\" x");
+    EXPECT_NE(text.find("\n  <v:text>a &lt; b &amp; c &gt; d</v:text>\n  <empty/>\n"), string::npos) << text;
+    const XmlDocument document = XmlDocument::Parse(text);
+    string value;
+    EXPECT_TRUE(document.GetRoot().GetAttribute("a", value, "urn:v"));
+    EXPECT_EQ(value, "<\"&'\n>");
+    EXPECT_EQ(document.GetRoot().GetChild("mixed").GetText(), "x]]>y]]>");
+}
+
+TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
+    std::ostringstream stream;
+    XmlWriter writer(stream);
+    EXPECT_EQ(ErrorOf([&] { writer.EndElement(); }), "no element is open");
+    EXPECT_EQ(ErrorOf([&] { writer.Text("a"); }), "no element is open");
+    EXPECT_EQ(ErrorOf([&] { writer.EndDocument(); }), "no element is open");
+    EXPECT_EQ(ErrorOf([&] { writer.StartElement("a b"); }), "invalid name 'a b'");
+    writer.StartElement("r");
+    EXPECT_EQ(ErrorOf([&] { writer.StartDocument(); }), "the document has begun");
+    EXPECT_EQ(ErrorOf([&] { writer.Attribute("a=", ""); }), "invalid name 'a='");
+    EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "\xFF"); }), "invalid text");
+    writer.Attribute("a", "1");
+    EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "2"); }), "attribute 'a' twice");
+    EXPECT_EQ(ErrorOf([&] { writer.Comment("a--b"); }), "invalid comment");
+    EXPECT_EQ(ErrorOf([&] { writer.Comment("a-"); }), "invalid comment");
+    EXPECT_EQ(ErrorOf([&] { writer.Text(string("a\0", 2)); }), "invalid text");
+    writer.Text("t");
+    EXPECT_EQ(ErrorOf([&] { writer.Attribute("b", "1"); }),
+              "attributes stand at the beginning of an element");
+    writer.EndDocument();
+    EXPECT_EQ(ErrorOf([&] { writer.StartElement("s"); }), "the document is complete");
+    EXPECT_EQ(stream.str(), "<r a=\"1\">t</r>\n");
+
+    std::ofstream full("/dev/full");
+    XmlWriter toFull(full);
+    EXPECT_EQ(ErrorOf([&] {
+                  toFull.StartElement("r");
+                  toFull.Text(string(1'000'000, 'x'));
+                  toFull.EndDocument();
+              }),
+              "XmlWriter: writing failed");
+}
+
+TEST(XmlXPathTest, ExpressionsAreCompiledOnceAndGiveEveryKind) {
+    const XmlDocument document = XmlDocument::Parse(kCamera);
+    const XmlElement root = document.GetRoot();
+    const std::map<string, string> namespaces = {{"c", "urn:camera"}, {"n", "urn:network"}};
+    const XmlXPathExpression addresses("/c:camera/n:address", namespaces);
+    for (int i = 0; i < 3; ++i) {
+        const auto found = addresses.EvaluateNodes(root.GetChild("title"));
+        ASSERT_EQ(found.size(), 2U);
+        EXPECT_EQ(found[1].GetText(), "fe80::1");
+        EXPECT_EQ(addresses.EvaluateTexts(root), (std::vector<string>{"10.0.0.7", "fe80::1"}));
+        EXPECT_EQ(addresses.EvaluateText(root), "10.0.0.7");
+        EXPECT_TRUE(addresses.EvaluateBoolean(root));
+    }
+    EXPECT_EQ(XmlXPathExpression("@kind").EvaluateTexts(root.GetChild("address")),
+              std::vector<string>{"fixed"});
+    EXPECT_EQ(XmlXPathExpression("count(n:address)", namespaces).EvaluateNumber(root), 2);
+    EXPECT_TRUE(std::isnan(XmlXPathExpression("@name").EvaluateNumber(root)));
+    EXPECT_FALSE(XmlXPathExpression("//none").EvaluateBoolean(root));
+    EXPECT_TRUE(XmlXPathExpression("//none").EvaluateNodes(root).empty());
+
+    EXPECT_EQ(ErrorOf([] { XmlXPathExpression("//["); }), "XPath: Invalid expression '//['");
+    EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("//x:a").EvaluateNodes(root); }),
+              "XPath: Undefined namespace prefix");
+    EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("1 + 1").EvaluateNodes(root); }),
+              "XPath: the result is no set of nodes");
+    EXPECT_EQ(ErrorOf([] { XmlXPathExpression("a").EvaluateText(XmlElement()); }), "no element");
+}
+
+}  // namespace
+}  // namespace zarip::xml
