@@ -171,7 +171,9 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     };
     rusage before{};
     ::getrusage(RUSAGE_SELF, &before);
-    for (const auto& [text, error] : cases) {
+    for (const auto& attack : cases) {
+        const string& text = attack.first;
+        const string& error = attack.second;
         const string shown = text.substr(0, 60);
         const string asDocument = ErrorOf([&] { XmlDocument::Parse(text); });
         const string asText = ErrorOf([&] {
