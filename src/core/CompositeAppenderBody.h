@@ -7,7 +7,7 @@
 
 namespace zarip::core {
 
-struct CompositeAppender::Body {
+struct ZARIP_HIDDEN CompositeAppender::Body {
     struct Entry {
         const ILogAppender* appender;
         bool owned;

@@ -22,7 +22,7 @@ constexpr std::size_t kMaxAlignment = 4096;
 
 }  // namespace
 
-struct HeapAllocator::Impl {
+struct ZARIP_HIDDEN HeapAllocator::Impl {
     mutable osa::Mutex mutex{"HeapAllocatorMutex"};
     std::unordered_map<void*, Allocation> out ZARIP_GUARDED_BY(mutex);
     Statistics statistics ZARIP_GUARDED_BY(mutex){};

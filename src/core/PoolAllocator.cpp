@@ -96,7 +96,7 @@ struct AlignedDelete {
 }  // namespace
 
 /// Blocks that were never out stand behind `_fresh`; the others are in one of the lists or out.
-struct PoolAllocator::Impl {
+struct ZARIP_HIDDEN PoolAllocator::Impl {
     Impl(std::size_t size, std::size_t count, std::size_t blockAlignment)
         : _blockSize(size),
           _blockCount(static_cast<Index>(count)),

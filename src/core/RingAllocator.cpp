@@ -34,7 +34,7 @@ struct PageDelete {
 
 /// The memory from the oldest allocation's begin to `head` is in use, the gap at the end of the ring that a
 /// large allocation left behind included.
-struct RingAllocator::Impl {
+struct ZARIP_HIDDEN RingAllocator::Impl {
     explicit Impl(std::size_t ringSize)
         : size(ringSize),
           memory(static_cast<unsigned char*>(::operator new(ringSize, std::align_val_t(kPage)))) {}

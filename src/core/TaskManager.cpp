@@ -150,7 +150,7 @@ void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 
 /// `_mutex` guards the queue and who waits. A task that is queued while somebody waits releases `_wakeUp`,
 /// but not more often than there are those who wait: a burst of tasks wakes a worker once.
-class TaskManager::TaskManagerImpl {
+class ZARIP_HIDDEN TaskManager::TaskManagerImpl {
 public:
     /// @param isMonotonic  whether the time source never goes back.
     TaskManagerImpl(osa::ITimeSource* timeSource, bool ownsTimeSource, bool isMonotonic, int maxCount)

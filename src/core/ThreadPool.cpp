@@ -17,7 +17,7 @@ constexpr unsigned int kStackSize = 32'768;
 }  // namespace
 
 /// Shared with the worker while it runs, so that a task may destroy the pool.
-class ThreadPool::ThreadPoolImpl final : public osa::Runnable {
+class ZARIP_HIDDEN ThreadPool::ThreadPoolImpl final : public osa::Runnable {
 public:
     void Start(std::shared_ptr<ThreadPoolImpl> self) {
         _self = std::move(self);

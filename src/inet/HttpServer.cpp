@@ -35,7 +35,7 @@ bool HasHeader(const char* bytes, std::size_t length) {
 
 }  // namespace
 
-class HttpServer::HttpServerImpl final : public osa::ITcpSocketAccept {
+class ZARIP_HIDDEN HttpServer::HttpServerImpl final : public osa::ITcpSocketAccept {
 public:
     HttpServerImpl(const std::string& address, int port)
         : _logger(core::Logger::GetLogger("HttpServer")),

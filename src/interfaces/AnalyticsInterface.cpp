@@ -37,7 +37,7 @@ void AnalyticsAlert::Serialize(msgbus::MsgBusMsg& message) const {
             << description << startTime << endTime;
 }
 
-class AnalyticsInterface::AnalyticsInterfaceImpl {
+class ZARIP_HIDDEN AnalyticsInterface::AnalyticsInterfaceImpl {
 public:
     AnalyticsInterfaceImpl(const char* path, msgbus::MsgBus* bus)
         : _logger(core::Logger::GetLogger("AnalyticsInterface")),

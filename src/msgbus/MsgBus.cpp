@@ -152,7 +152,7 @@ bool IsSendable(DBusMessage* message, std::size_t size) {
 /// `_serverMutex` guards starting and stopping; it is held while the listen thread is joined, so it is never
 /// taken on that thread. Order: `_serverMutex`, `_busMutex`, then `_watchMutex`, `_outgoingMutex` or the
 /// dispatcher's mutex.
-class MsgBus::MsgBusImpl final : public osa::Runnable {
+class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable {
 public:
     explicit MsgBusImpl(MsgBus* bus);
     ~MsgBusImpl() override;

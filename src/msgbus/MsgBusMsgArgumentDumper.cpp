@@ -78,7 +78,7 @@ json::UnknownElement ArrayValue(DBusMessageIter& position) {
 
 }  // namespace
 
-struct MsgBusMsgArgumentDumper::Impl {
+struct ZARIP_HIDDEN MsgBusMsgArgumentDumper::Impl {
     explicit Impl(DBusMessage* dumpedMessage) : message(dbus_message_ref(dumpedMessage)) {
         dbus_message_iter_init(message, &first);
     }

@@ -21,7 +21,7 @@ constexpr unsigned int kMinStackSize = 32'768;
 ///
 /// `_started` is set by `Start` alone. It is looked at under the base's mutex before the loop may run, and
 /// `Stop` clears it before it takes that mutex, so a stop is never missed.
-class MulticastServer::MulticastImpl {
+class ZARIP_HIDDEN MulticastServer::MulticastImpl {
 public:
     MulticastImpl(unsigned int attempts, TimeSpan earlyPause, TimeSpan latePause)
         : _attempts(attempts), _earlyPause(earlyPause), _latePause(latePause) {}

@@ -74,7 +74,7 @@ UniqueFd OpenSpare() {
 /// The accept loop alone touches the listening socket once it runs, the connections it holds and the pseudo
 /// port. `_stop` is set once and never cleared. `_mutex` guards the thread, which `Stop` may be called for by
 /// several; it is never held while the acceptor runs or the thread is joined.
-class TcpServer::Impl {
+class ZARIP_HIDDEN TcpServer::Impl {
 public:
     Impl(const char* address, unsigned short port) : _socket(address, port) {}
 

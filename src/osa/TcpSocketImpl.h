@@ -14,7 +14,7 @@
 namespace zarip::osa {
 
 /// The state of a socket. Everything but `cancel` and `isServed` belongs to the socket's user.
-struct TcpSocket::Impl {
+struct ZARIP_HIDDEN TcpSocket::Impl {
     UniqueFd fd;
     bool connected = false;
     unsigned short family = 0;

@@ -18,7 +18,7 @@ namespace zarip::osa {
 ///
 /// `_loopMutex` is held by the loop for as long as it runs, `_mutex` only for moments and never while the
 /// callback runs or the thread is joined; of the two the loop's is taken first.
-class UdpServer::Impl {
+class ZARIP_HIDDEN UdpServer::Impl {
 public:
     Impl(const std::string& address, unsigned short port, unsigned int bufferSize, unsigned int options)
         : _address(address), _port(port), _options(options), _buffer(bufferSize) {}

@@ -82,7 +82,7 @@ void ReadRemote(const SocketAddress& from, UdpSocket::Info& info) {
 
 }  // namespace
 
-struct UdpSocket::Impl {
+struct ZARIP_HIDDEN UdpSocket::Impl {
     UniqueFd ipv4;
     UniqueFd ipv6;
     unsigned short family = AF_UNSPEC;

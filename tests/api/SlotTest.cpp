@@ -1,13 +1,28 @@
 // The place of each virtual function is part of the library's binary interface: programs that were built with
 // an older version call by it. New functions go behind the last one.
 
+#include <zarip/core/AsyncCall.h>
+#include <zarip/core/Delegate.h>
+#include <zarip/core/IAllocator.h>
 #include <zarip/core/ILogAppender.h>
+#include <zarip/core/ITaskQueue.h>
+#include <zarip/core/Logger.h>
+#include <zarip/core/MemoryAppender.h>
+#include <zarip/core/Statistics.h>
+#include <zarip/core/Stopwatch.h>
+#include <zarip/core/TaskManager.h>
+#include <zarip/crypto/Digests.h>
 #include <zarip/inet/HttpFormatter.h>
 #include <zarip/inet/HttpParser.h>
 #include <zarip/inet/HttpRequest.h>
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/IHttpHandler.h>
 #include <zarip/inet/InetBase.h>
+#include <zarip/inet/ParserException.h>
+#include <zarip/inet/Request.h>
+#include <zarip/inet/Response.h>
+#include <zarip/inet/UpnpRequest.h>
+#include <zarip/inet/UpnpResponse.h>
 #include <zarip/interfaces/IAudioLineOutProvider.h>
 #include <zarip/interfaces/IBrelkServicesProvider.h>
 #include <zarip/interfaces/INetworkingV2Provider.h>
@@ -15,18 +30,33 @@
 #include <zarip/interfaces/ISecurityProvider.h>
 #include <zarip/interfaces/ISmRegistrationProvider.h>
 #include <zarip/interfaces/IStreamInfoProvider.h>
+#include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
+#include <zarip/msgbus/MsgBusMsgArgumentDumper.h>
+#include <zarip/msgbus/MsgBusRemoteMethod.h>
+#include <zarip/msgbus/MsgBusSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IOException.h>
+#include <zarip/osa/ITcpSocketAccept.h>
 #include <zarip/osa/ITimeSource.h>
 #include <zarip/osa/ITimerCallback.h>
 #include <zarip/osa/IUdpBufferAccept.h>
 #include <zarip/osa/LockException.h>
+#include <zarip/osa/MulticastServer.h>
+#include <zarip/osa/Mutex.h>
+#include <zarip/osa/ReadWriteLock.h>
 #include <zarip/osa/Runnable.h>
+#include <zarip/osa/Semaphore.h>
 #include <zarip/osa/Signal.h>
 #include <zarip/osa/SocketException.h>
+#include <zarip/osa/TcpServer.h>
+#include <zarip/osa/TcpSocket.h>
+#include <zarip/osa/TcpSocketStreamBuf.h>
+#include <zarip/osa/Thread.h>
+#include <zarip/osa/Timer.h>
 #include <zarip/osa/UdpServer.h>
+#include <zarip/osa/UdpSocket.h>
 
 #include <gtest/gtest.h>
 
@@ -73,6 +103,7 @@ void CheckPlaces(const Interface (&interfaces)[count]) {
 TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
     using Appender = core::ILogAppender;
     using Bus = msgbus::IMsgBus;
+    using crypto::Digest;
     using Security = interfaces::ISecurityProvider;
     using Udp = osa::UdpServer;
     const Interface interfaces[] = {
@@ -82,13 +113,29 @@ TEST(SlotTest, VirtualFunctionsKeepTheirPlaces) {
         Table("SocketException", 2, &osa::SocketException::what),
         Table("Signal", 2, &osa::Signal::what),
         Table("ITimeSource", 2, &osa::ITimeSource::GetTime, &osa::ITimeSource::SetTime),
+        Table("ITcpSocketAccept", 2, &osa::ITcpSocketAccept::AcceptSocket),
         Table("ITimerCallback", 2, &osa::ITimerCallback::OnTimer),
         Table("IUdpBufferAccept", 2, &osa::IUdpBufferAccept::AcceptBuffer),
         Table("Runnable", 2, &osa::Runnable::Run, &osa::Runnable::Stop),
+        Table("TcpServer", 2, &osa::TcpServer::Run, &osa::TcpServer::Stop),
         Table("UdpServer", 2, &Udp::Run, &Udp::Stop,
               static_cast<void (Udp::*)(osa::IUdpBufferAccept*, unsigned int, signed char)>(&Udp::Start),
               static_cast<void (Udp::*)(osa::IUdpBufferAccept*)>(&Udp::Start)),
+        Table("MulticastServer", 2, &osa::MulticastServer::Run, &osa::MulticastServer::Stop,
+              static_cast<void (osa::MulticastServer::*)(osa::IUdpBufferAccept*, unsigned int, signed char)>(
+                  &osa::MulticastServer::Start)),
         Table("ILogAppender", 0, &Appender::AppendV),
+        Table("ITaskQueue", 2, &core::ITaskQueue::DoQueueTask, &core::ITaskQueue::DoDequeueTasksByTarget),
+        Table("IDelegate0", 2, &core::IDelegate0<int>::Call, &core::IDelegate0<int>::Matches),
+        Table("IDelegate1", 2, &core::IDelegate1<int, int>::Call, &core::IDelegate1<int, int>::Matches),
+        Table("IVoidDelegate0", 2, &core::IVoidDelegate0::Call, &core::IVoidDelegate0::Matches),
+        Table("IVoidDelegate1", 2, &core::IVoidDelegate1<int>::Call, &core::IVoidDelegate1<int>::Matches),
+        Table("IAllocator", 2, &core::IAllocator::Allocate, &core::IAllocator::Free,
+              &core::IAllocator::GetStatistics),
+        Table("Digest", 2, &Digest::GetAlgorithmName, &Digest::GetDigestSize, &Digest::Reset,
+              static_cast<void (Digest::*)(unsigned char)>(&Digest::Update),
+              static_cast<void (Digest::*)(const unsigned char*, unsigned int)>(&Digest::Update),
+              &Digest::DoFinal),
         Table("IMsgBus", 2, &Bus::SendMsg, &Bus::SendMsgWaitForReply, &Bus::SendReply,
               static_cast<void (Bus::*)()>(&Bus::StartServer),
               static_cast<void (Bus::*)(unsigned int, signed char)>(&Bus::StartServer),
@@ -172,16 +219,99 @@ TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {
         Table("IHttpHandler", 2, &inet::IHttpHandler::HandleRequest),
     };
     CheckPlaces(interfaces);
-    static_assert(std::has_virtual_destructor_v<inet::HttpFormatter>);
 }
 
-TEST(SlotTest, AnAppenderIsDestroyedThroughTheSlotsBehindItsFunction) {
-    // The one interface whose destructor comes last: slots 1 and 2 of the table.
-    struct Appender : core::ILogAppender {
-        void AppendV(core::Logger::LogLevel, const char*, const char*, const char*, va_list) const override {}
-        virtual void Next() {}
+template <class Class>
+struct Derived : Class {
+    virtual void Next() {}
+};
+
+/// The place behind all functions of the class.
+template <class Class>
+std::size_t End() {
+    static_assert(std::has_virtual_destructor_v<Class>);
+    return SlotOf(&Derived<Class>::Next);
+}
+
+TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
+    const struct {
+        const char* name;
+        std::size_t end;
+        std::size_t expected;
+    } classes[] = {
+        // Nothing but the destructor.
+        {"Mutex", End<osa::Mutex>(), 2},
+        {"Semaphore", End<osa::Semaphore>(), 2},
+        {"ReadWriteLock", End<osa::ReadWriteLock>(), 2},
+        {"Thread", End<osa::Thread>(), 2},
+        {"Timer", End<osa::Timer>(), 2},
+        {"TcpSocket", End<osa::TcpSocket>(), 2},
+        {"UdpSocket", End<osa::UdpSocket>(), 2},
+        {"Logger", End<core::Logger>(), 2},
+        {"Statistics", End<core::Statistics>(), 2},
+        {"Stopwatch", End<core::Stopwatch>(), 2},
+        {"ResultMarshaller", End<core::ResultMarshaller>(), 2},
+        {"MsgBusMsg", End<msgbus::MsgBusMsg>(), 2},
+        {"MsgBusRemoteMethod", End<msgbus::MsgBusRemoteMethod>(), 2},
+        {"MsgBusSignal", End<msgbus::MsgBusSignal>(), 2},
+        {"MsgBusMsgArgumentDumper", End<msgbus::MsgBusMsgArgumentDumper>(), 2},
+        {"InterfaceServer", End<interfaces::InterfaceServer>(), 2},
+        {"HttpFormatter", End<inet::HttpFormatter>(), 2},
+        // The destructor, and what the tables above list.
+        {"Exception", End<osa::Exception>(), 3},
+        {"IOException", End<osa::IOException>(), 3},
+        {"LockException", End<osa::LockException>(), 3},
+        {"SocketException", End<osa::SocketException>(), 3},
+        {"Signal", End<osa::Signal>(), 3},
+        {"ParserException", End<inet::ParserException>(), 3},
+        {"ITimeSource", End<osa::ITimeSource>(), 4},
+        {"SystemTimeSource", End<osa::SystemTimeSource>(), 4},
+        {"MonotonicTimeSource", End<osa::MonotonicTimeSource>(), 4},
+        {"ITcpSocketAccept", End<osa::ITcpSocketAccept>(), 3},
+        {"ITimerCallback", End<osa::ITimerCallback>(), 3},
+        {"IUdpBufferAccept", End<osa::IUdpBufferAccept>(), 3},
+        {"Runnable", End<osa::Runnable>(), 4},
+        {"TcpServer", End<osa::TcpServer>(), 4},
+        {"TcpSocketStreamBuf", End<osa::TcpSocketStreamBuf>(), 14},  // as its base
+        {"UdpServer", End<osa::UdpServer>(), 6},
+        {"MulticastServer", End<osa::MulticastServer>(), 6},
+        {"ILogAppender", End<core::ILogAppender>(), 3},  // the destructor comes last
+        {"MemoryAppender", End<core::MemoryAppender>(), 3},
+        {"ITaskQueue", End<core::ITaskQueue>(), 4},
+        {"TaskManager", End<core::TaskManager>(), 4},
+        {"IDelegate0", End<core::IDelegate0<int>>(), 4},
+        {"IDelegate1", End<core::IDelegate1<int, int>>(), 4},
+        {"IVoidDelegate0", End<core::IVoidDelegate0>(), 4},
+        {"IVoidDelegate1", End<core::IVoidDelegate1<int>>(), 4},
+        {"IAllocator", End<core::IAllocator>(), 5},
+        {"IMsgBus", End<msgbus::IMsgBus>(), 14},
+        {"IMessageHandler", End<msgbus::IMessageHandler>(), 4},
+        {"ISecurityProvider", End<interfaces::ISecurityProvider>(), 26},
+        {"INetworkingV2Provider", End<interfaces::INetworkingV2Provider>(), 4},
+        {"IStreamInfoProvider", End<interfaces::IStreamInfoProvider>(), 4},
+        {"IPtzSerialProvider", End<interfaces::IPtzSerialProvider>(), 6},
+        {"IAudioLineOutProvider", End<interfaces::IAudioLineOutProvider>(), 6},
+        {"ISmRegistrationProvider", End<interfaces::ISmRegistrationProvider>(), 7},
+        {"IBrelkServicesProvider", End<interfaces::IBrelkServicesProvider>(), 5},
+        {"Digest", End<crypto::Digest>(), 8},
+        {"GCryptDigest", End<crypto::GCryptDigest>(), 8},
+        {"CRC32", End<crypto::CRC32>(), 8},
+        {"InetBase", End<inet::InetBase>(), 8},
+        {"Request", End<inet::Request>(), 8},
+        {"Response", End<inet::Response>(), 8},
+        {"HttpBase", End<inet::HttpBase>(), 11},
+        {"HttpRequestBase", End<inet::HttpRequestBase>(), 23},
+        {"HttpRequest", End<inet::HttpRequest>(), 26},
+        {"UpnpRequest", End<inet::UpnpRequest>(), 26},
+        {"HttpResponseBase", End<inet::HttpResponseBase>(), 15},
+        {"HttpResponse", End<inet::HttpResponse>(), 15},
+        {"UpnpResponse", End<inet::UpnpResponse>(), 15},
+        {"HttpParser", End<inet::HttpParser>(), 5},
+        {"IHttpHandler", End<inet::IHttpHandler>(), 3},
     };
-    EXPECT_EQ(SlotOf(&Appender::Next), 3U);
+    for (const auto& polymorphic : classes) {
+        EXPECT_EQ(polymorphic.end, polymorphic.expected) << polymorphic.name;
+    }
 }
 
 #else
