@@ -158,7 +158,7 @@ private:
 
 }  // namespace
 
-struct Process::Impl {
+struct ZARIP_HIDDEN Process::Impl {
     void Start(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
     UniqueFd Connect(const Redirect& redirect, int stream);
     bool Look();

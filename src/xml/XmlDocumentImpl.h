@@ -8,7 +8,7 @@
 
 namespace zarip::xml {
 
-struct XmlDocument::Impl {
+struct ZARIP_HIDDEN XmlDocument::Impl {
     explicit Impl(xmlDoc* owned) : document(owned) {}
 
     struct Delete {

@@ -32,7 +32,7 @@ int LeaveStream(void* /*stream*/) {
 
 }  // namespace
 
-struct XmlReader::Impl {
+struct ZARIP_HIDDEN XmlReader::Impl {
     ~Impl() {
         xmlFreeTextReader(reader);
         xmlFreeDoc(document);

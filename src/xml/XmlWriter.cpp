@@ -28,7 +28,7 @@ int LeaveStream(void* /*stream*/) {
 
 }  // namespace
 
-struct XmlWriter::Impl {
+struct ZARIP_HIDDEN XmlWriter::Impl {
     ~Impl() { xmlFreeTextWriter(writer); }
 
     /// Calls a function of the writer.

@@ -30,7 +30,7 @@ using Object = std::unique_ptr<xmlXPathObject, ObjectDelete>;
 
 }  // namespace
 
-struct XmlXPathExpression::Impl {
+struct ZARIP_HIDDEN XmlXPathExpression::Impl {
     Object Evaluate(xmlNode* start) const {
         const ErrorScope errors;
         context->doc = start->doc;
