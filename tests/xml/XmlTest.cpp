@@ -349,6 +349,8 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     EXPECT_EQ(ErrorOf([&] { writer.StartElement("a b"); }), "invalid name 'a b'");
     writer.StartElement("r");
     EXPECT_EQ(ErrorOf([&] { writer.StartDocument(); }), "the document has begun");
+    EXPECT_EQ(ErrorOf([&] { writer.Namespace("p", ""); }), "invalid namespace 'p' ''");
+    EXPECT_EQ(ErrorOf([&] { writer.Namespace("xmlns", "urn:x"); }), "invalid namespace 'xmlns' 'urn:x'");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a=", ""); }), "invalid name 'a='");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "\xFF"); }), "invalid text");
     writer.Attribute("a", "1");
@@ -394,6 +396,7 @@ TEST(XmlXPathTest, ExpressionsAreCompiledOnceAndGiveEveryKind) {
     EXPECT_TRUE(XmlXPathExpression("//none").EvaluateNodes(root).empty());
 
     EXPECT_EQ(ErrorOf([] { XmlXPathExpression("//["); }), "XPath: Invalid expression '//['");
+    EXPECT_EQ(ErrorOf([] { XmlXPathExpression(string("a\0[", 3)); }), "XPath: Invalid expression");
     EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("//x:a").EvaluateNodes(root); }),
               "XPath: Undefined namespace prefix");
     EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("1 + 1").EvaluateNodes(root); }),
