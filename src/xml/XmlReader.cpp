@@ -137,6 +137,7 @@ struct XmlReader::Impl {
     int lastLine = 0;
     int lastColumn = 0;
     const char* refusal = nullptr;
+    std::string lines;  ///< of the value that was asked for
     xmlTextReader* reader = nullptr;
     xmlDoc* document = nullptr;
     xmlError error{};
@@ -203,7 +204,21 @@ std::string_view XmlReader::GetNamespaceUri() const {
 }
 
 std::string_view XmlReader::GetValue() const {
-    return ToView(xmlTextReaderConstValue(_impl->reader));
+    const std::string_view value = ToView(xmlTextReaderConstValue(_impl->reader));
+    // libxml2 leaves the ends of lines as they are written in a CDATA section that it reads piece by piece.
+    if (GetNodeType() != kCData || value.find('\r') == std::string_view::npos) {
+        return value;
+    }
+    std::string& lines = _impl->lines;
+    lines.clear();
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        if (value[i] != '\r') {
+            lines += value[i];
+        } else if (i + 1 == value.size() || value[i + 1] != '\n') {
+            lines += '\n';
+        }
+    }
+    return lines;
 }
 
 int XmlReader::GetDepth() const {

@@ -307,6 +307,10 @@ TEST(XmlReaderTest, ElementsAreSkippedAndTextsTaken) {
     ASSERT_TRUE(reader.Read());
     EXPECT_EQ(ErrorOf([&] { reader.ReadText(); }), "element 'b' holds more than text (line 1)");
 
+    XmlReader lines("<r>a\r\nb\r<![CDATA[c\r\nd\r]]></r>");
+    ASSERT_TRUE(lines.Read());
+    EXPECT_EQ(lines.ReadText(), "a\nb\nc\nd\n");
+
     std::istringstream broken("<r>");
     broken.setstate(std::ios::badbit);
     XmlReader fromBroken(broken);
