@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <string>
 
 #include "zarip/core/BitStreamReader.h"
@@ -20,7 +21,7 @@ void BitStreamReader::ThrowEnd(std::size_t count) const {
                            std::to_string(GetRemaining()) + " left");
 }
 
-void BitStreamReader::ThrowCount() {
+void BitStreamReader::ThrowParameter() {
     throw osa::Exception("Invalid parameter");
 }
 
@@ -55,6 +56,9 @@ int BitStreamReader::ReadSignedGolomb() {
 void BitStreamWriter::WriteBits(unsigned long long bits, unsigned int count) {
     if (count - 1 > 63 || (count < 64 && bits >> count != 0)) {
         throw osa::Exception("Invalid parameter");
+    }
+    if (_position > SIZE_MAX - 64 - 7) {
+        throw osa::Exception("BitStreamWriter: too many bits");  // 512 MiB, where a size has 32 bits
     }
     _data.resize((_position + count + 7) / 8);
     while (count != 0) {

@@ -85,7 +85,12 @@ void* RingAllocator::Allocate(std::size_t size, std::size_t alignment) {
         ++_impl->failed;
         throw AllocationException("out of memory: the ring has no " + std::to_string(size) + " bytes");
     }
-    _impl->allocations.push_back({begin, begin + wanted, false});
+    try {
+        _impl->allocations.push_back({begin, begin + wanted, false});
+    } catch (const std::bad_alloc&) {
+        ++_impl->failed;
+        throw AllocationException("out of memory: no room for the account of the ring");
+    }
     _impl->head = begin + wanted;
     ++_impl->count;
     _impl->peak = std::max(_impl->peak, static_cast<std::size_t>(_impl->head - _impl->Tail()));

@@ -9,8 +9,6 @@
 namespace zarip::xml {
 
 struct ZARIP_HIDDEN XmlDocument::Impl {
-    explicit Impl(xmlDoc* owned) : document(owned) {}
-
     struct Delete {
         void operator()(xmlDoc* freed) const { xmlFreeDoc(freed); }
     };

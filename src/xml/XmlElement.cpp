@@ -22,21 +22,50 @@ bool HasName(const xmlNode* node, const std::string& name, const std::string* na
             ToView(node->ns != nullptr ? node->ns->href : nullptr) == *namespaceUri);
 }
 
-/// Null where the namespace is to be none.
-const xmlChar* UriOrNull(const std::string& namespaceUri) {
-    return namespaceUri.empty() ? nullptr : ToXml(namespaceUri);
+/// The node behind one in the order of the document, inside `top`; null behind the last.
+const xmlNode* Following(const xmlNode* node, const xmlNode* top) {
+    if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
+        return node->children;
+    }
+    while (node != top && node->next == nullptr) {
+        node = node->parent;
+    }
+    return node == top ? nullptr : node->next;
 }
 
-xmlAttr* FindAttribute(xmlNode* node, const std::string& name, const std::string& namespaceUri) {
-    return xmlHasNsProp(node, ToXml(name), UriOrNull(namespaceUri));
-}
-
-std::string ValueOf(xmlAttr* attribute) {
-    return TakeString(xmlNodeGetContent(reinterpret_cast<xmlNode*>(attribute)));
+/// Whether the name of the element, or one inside it, has a prefix that is declared around the element, if at
+/// all: a declaration here would move it to another namespace once it is saved.
+bool UsesPrefix(xmlNode* top, const std::string& prefix) {
+    const xmlChar* const searched = prefix.empty() ? nullptr : ToXml(prefix);
+    const xmlNs* const outer = xmlSearchNs(top->doc, top, searched);
+    for (xmlNs* declared = top->nsDef; declared != nullptr; declared = declared->next) {
+        if (declared == outer) {
+            return false;  // declared already: told as that
+        }
+    }
+    const auto isMeant = [&](const xmlNs* used) {
+        return ToView(used != nullptr ? used->prefix : nullptr) == prefix;
+    };
+    for (const xmlNode* node = top; node != nullptr; node = Following(node, top)) {
+        if (node->type != XML_ELEMENT_NODE) {
+            continue;
+        }
+        bool isUsed = isMeant(node->ns);
+        for (const xmlAttr* attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
+            isUsed = isUsed || (attribute->ns != nullptr && isMeant(attribute->ns));
+        }
+        if (isUsed && xmlSearchNs(top->doc, const_cast<xmlNode*>(node), searched) == outer) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// The declaration of a namespace in sight of an element; attributes need one that has a prefix.
 xmlNs* FindNamespace(xmlNode* node, const std::string& uri, bool withPrefix) {
+    if (uri == reinterpret_cast<const char*>(XML_XML_NAMESPACE)) {
+        return xmlSearchNsByHref(node->doc, node, XML_XML_NAMESPACE);
+    }
     for (xmlNode* around = node; around != nullptr && around->type == XML_ELEMENT_NODE;
          around = around->parent) {
         for (xmlNs* declared = around->nsDef; declared != nullptr; declared = declared->next) {
@@ -80,19 +109,20 @@ std::string XmlElement::GetText() const {
 
 void XmlElement::SetText(const std::string& text) {
     CheckText(text);
+    xmlNode* const added = text.empty() ? nullptr : Made(xmlNewDocText(Node()->doc, ToXml(text)));
     while (Node()->children != nullptr) {
         xmlNode* const child = _node->children;
         xmlUnlinkNode(child);
         xmlFreeNode(child);
     }
-    if (!text.empty()) {
-        xmlAddChild(_node, xmlNewDocText(_node->doc, ToXml(text)));
+    if (added != nullptr) {
+        xmlAddChild(_node, added);
     }
 }
 
 bool XmlElement::GetAttribute(const std::string& name, std::string& value,
                               const std::string& namespaceUri) const {
-    xmlAttr* const attribute = FindAttribute(Node(), name, namespaceUri);
+    const xmlAttr* const attribute = FindAttribute(Node(), name, namespaceUri);
     if (attribute == nullptr) {
         return false;
     }
@@ -109,6 +139,9 @@ std::string XmlElement::GetAttributeOr(const std::string& name, const std::strin
 void XmlElement::SetAttribute(const std::string& name, const std::string& value,
                               const std::string& namespaceUri) {
     CheckName(name, false);
+    if (name == "xmlns") {
+        throw XmlException("invalid name '" + name + "'");  // it would be a declaration
+    }
     CheckText(value);
     xmlNs* declared = nullptr;
     if (!namespaceUri.empty()) {
@@ -117,7 +150,7 @@ void XmlElement::SetAttribute(const std::string& name, const std::string& value,
             throw XmlException("undeclared namespace '" + namespaceUri + "'");
         }
     }
-    xmlSetNsProp(Node(), declared, ToXml(name), ToXml(value));
+    Made(xmlSetNsProp(Node(), declared, ToXml(name), ToXml(value)));
 }
 
 bool XmlElement::RemoveAttribute(const std::string& name, const std::string& namespaceUri) {
@@ -134,10 +167,10 @@ std::vector<std::pair<std::string, std::string>> XmlElement::GetAttributes() con
 }
 
 void XmlElement::DeclareNamespace(const std::string& prefix, const std::string& namespaceUri) {
-    if (!prefix.empty()) {
-        CheckName(prefix, false);
+    CheckNamespace(prefix, namespaceUri);
+    if (UsesPrefix(Node(), prefix)) {
+        throw XmlException("prefix '" + prefix + "' is in use");
     }
-    CheckText(namespaceUri);
     if (xmlNewNs(Node(), ToXml(namespaceUri), prefix.empty() ? nullptr : ToXml(prefix)) == nullptr) {
         throw XmlException("prefix '" + prefix + "' is declared already");
     }
@@ -191,17 +224,22 @@ XmlElement XmlElement::Add(const std::string& name, const std::string* namespace
     const bool isOther =
         namespaceUri != nullptr && ToView(declared != nullptr ? declared->href : nullptr) != *namespaceUri;
     if (isOther) {
-        CheckText(*namespaceUri);
+        CheckNamespace({}, *namespaceUri);
         declared = namespaceUri->empty() ? nullptr : FindNamespace(_node, *namespaceUri, false);
     }
-    xmlNode* const child = xmlNewDocNode(_node->doc, declared, ToXml(name), nullptr);
-    xmlAddChild(_node, child);
+    xmlNode* const child = Made(xmlNewDocNode(_node->doc, declared, ToXml(name), nullptr));
     if (isOther && declared == nullptr) {
         // Of no namespace where a default one is declared around, or of one that is new here.
         if (!namespaceUri->empty() || xmlSearchNs(_node->doc, _node, nullptr) != nullptr) {
-            xmlSetNs(child, xmlNewNs(child, ToXml(*namespaceUri), nullptr));
+            xmlNs* const added = xmlNewNs(child, ToXml(*namespaceUri), nullptr);
+            if (added == nullptr) {
+                xmlFreeNode(child);
+                throw std::bad_alloc();
+            }
+            xmlSetNs(child, added);
         }
     }
+    xmlAddChild(_node, child);
     return XmlElement(child);
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <exception>
 
 #include "xml/XmlText.h"
@@ -16,15 +17,12 @@ namespace {
 
 constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
 
-int ReadStream(void* stream, char* buffer, int length) {
-    auto& input = *static_cast<std::istream*>(stream);
-    try {
-        input.read(buffer, length);
-        return input.bad() ? -1 : static_cast<int>(input.gcount());
-    } catch (const std::exception&) {
-        return -1;  // one that throws by its mask; a C library stands between
-    }
-}
+/// Until the first element: what is declared counts for all behind it that is read before it is looked at.
+constexpr int kFirstPiece = 16;
+constexpr std::size_t kMaxBeginning = 256 * 1024;
+
+/// The parser waits for the end of a start tag, and compares each attribute in it with all before.
+constexpr int kMaxAttributes = 4'096;
 
 int LeaveStream(void* /*stream*/) {
     return 0;
@@ -39,12 +37,62 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         xmlResetError(&error);
     }
 
-    void Open(xmlTextReader* opened) {
-        reader = opened;
-        if (reader == nullptr) {
-            throw XmlException("the document is too large");
-        }
+    void Open() {
+        InitializeXml();
+        const ErrorScope errors;
+        reader = Made(xmlReaderForIO(ReadSource, LeaveStream, this, nullptr, nullptr, kOptions));
         xmlTextReaderSetStructuredErrorHandler(reader, OnError, this);
+    }
+
+    static int ReadSource(void* impl, char* buffer, int length) {
+        return static_cast<Impl*>(impl)->Supply(buffer, length);
+    }
+
+    /// Hands the next piece to the parser, which is as far as it gets with what it has.
+    int Supply(char* buffer, int length) {
+        const int wanted = isDeclarationChecked ? length : std::min(length, kFirstPiece);
+        const int line = reader != nullptr ? xmlTextReaderGetParserLineNumber(reader) : 0;
+        const int column = reader != nullptr ? xmlTextReaderGetParserColumnNumber(reader) : 0;
+        if (line != lastLine || column != lastColumn) {
+            attributes = 0;
+            lastLine = line;
+            lastColumn = column;
+        }
+        if (attributes > kMaxAttributes) {
+            refusal = kTooManyAttributes;
+        } else if (!isDeclarationChecked && supplied > kMaxBeginning) {
+            refusal = "too much before the first element";
+        }
+        const int count = refusal == nullptr ? Copy(buffer, wanted) : -1;
+        if (count > 0) {
+            supplied += static_cast<std::size_t>(count);
+            CountAttributes(std::string_view(buffer, static_cast<std::size_t>(count)));
+        }
+        return count;
+    }
+
+    /// What looks like one, an equal sign and a quotation mark, in UTF-8 and in UTF-16.
+    void CountAttributes(std::string_view piece) {
+        for (const char byte : piece) {
+            if (isBehindEqualSign && (byte == '"' || byte == '\'')) {
+                ++attributes;
+            }
+            const bool isSpace = byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n' || byte == '\0';
+            isBehindEqualSign = byte == '=' || (isBehindEqualSign && isSpace);
+        }
+    }
+
+    int Copy(char* buffer, int length) {
+        if (stream == nullptr) {
+            const std::size_t count = text.copy(buffer, static_cast<std::size_t>(length), supplied);
+            return static_cast<int>(count);
+        }
+        try {
+            stream->read(buffer, length);
+            return stream->bad() ? -1 : static_cast<int>(stream->gcount());
+        } catch (const std::exception&) {
+            return -1;  // one that throws by its mask; a C library stands between
+        }
     }
 
     static void OnError(void* impl, xmlError* error) {
@@ -55,8 +103,12 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     }
 
     bool Check(int result) {
-        if (!isDeclarationChecked) {
+        if (refusal == nullptr && !isDeclarationChecked) {
             CheckDeclarations();
+        }
+        if (refusal != nullptr) {
+            throw XmlException(refusal, static_cast<unsigned int>(xmlTextReaderGetParserLineNumber(reader)),
+                               static_cast<unsigned int>(xmlTextReaderGetParserColumnNumber(reader)));
         }
         if (result < 0 || error.message != nullptr) {
             ThrowError(&error);
@@ -70,14 +122,22 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         document = xmlTextReaderCurrentDoc(reader);  // the reader no longer frees what it was asked for
         const xmlDtd* const subset = document != nullptr ? document->intSubset : nullptr;
         if (subset != nullptr && (subset->entities != nullptr || subset->pentities != nullptr)) {
-            throw XmlException(kNoEntities,
-                               static_cast<unsigned int>(xmlTextReaderGetParserLineNumber(reader)),
-                               static_cast<unsigned int>(xmlTextReaderGetParserColumnNumber(reader)));
+            refusal = kNoEntities;
+        } else if (subset != nullptr && subset->attributes != nullptr) {
+            refusal = kNoAttributes;
         }
         isDeclarationChecked = xmlTextReaderNodeType(reader) == XML_READER_TYPE_ELEMENT;
     }
 
     std::string text;
+    std::istream* stream = nullptr;  ///< in place of the text
+    std::size_t supplied = 0;        ///< to the parser, in bytes
+    int attributes = 0;              ///< or what looks like it, since the parser last got on
+    bool isBehindEqualSign = false;
+    int lastLine = 0;
+    int lastColumn = 0;
+    const char* refusal = nullptr;
+    std::string lines;  ///< of the value that was asked for
     xmlTextReader* reader = nullptr;
     xmlDoc* document = nullptr;
     xmlError error{};
@@ -85,17 +145,16 @@ struct ZARIP_HIDDEN XmlReader::Impl {
 };
 
 XmlReader::XmlReader(std::string_view text) : _impl(std::make_unique<Impl>()) {
-    InitializeXml();
+    if (text.size() > INT_MAX) {
+        throw XmlException("the document is too large");
+    }
     _impl->text = text;
-    const bool isTooLarge = text.size() > INT_MAX;
-    _impl->Open(isTooLarge ? nullptr
-                           : xmlReaderForMemory(_impl->text.data(), static_cast<int>(text.size()), nullptr,
-                                                nullptr, kOptions));
+    _impl->Open();
 }
 
 XmlReader::XmlReader(std::istream& stream) : _impl(std::make_unique<Impl>()) {
-    InitializeXml();
-    _impl->Open(xmlReaderForIO(ReadStream, LeaveStream, &stream, nullptr, nullptr, kOptions));
+    _impl->stream = &stream;
+    _impl->Open();
 }
 
 XmlReader::~XmlReader() = default;
@@ -145,7 +204,21 @@ std::string_view XmlReader::GetNamespaceUri() const {
 }
 
 std::string_view XmlReader::GetValue() const {
-    return ToView(xmlTextReaderConstValue(_impl->reader));
+    const std::string_view value = ToView(xmlTextReaderConstValue(_impl->reader));
+    // libxml2 leaves the ends of lines as they are written in a CDATA section that it reads piece by piece.
+    if (GetNodeType() != kCData || value.find('\r') == std::string_view::npos) {
+        return value;
+    }
+    std::string& lines = _impl->lines;
+    lines.clear();
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        if (value[i] != '\r') {
+            lines += value[i];
+        } else if (i + 1 == value.size() || value[i + 1] != '\n') {
+            lines += '\n';
+        }
+    }
+    return lines;
 }
 
 int XmlReader::GetDepth() const {

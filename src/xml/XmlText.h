@@ -5,6 +5,7 @@
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,20 @@ inline std::string_view ToView(const xmlChar* text) {
     return text != nullptr ? std::string_view(reinterpret_cast<const char*>(text)) : std::string_view();
 }
 
+/// What libxml2 made; throws `std::bad_alloc` for null, where it had no memory.
+template <class Node>
+Node* Made(Node* node) {
+    if (node == nullptr) {
+        throw std::bad_alloc();
+    }
+    return node;
+}
+
+/// The attribute that is written at an element, or null. libxml2's own search also finds declarations of
+/// attributes, which are no attributes.
+xmlAttr* FindAttribute(const xmlNode* node, std::string_view name, std::string_view namespaceUri);
+std::string ValueOf(const xmlAttr* attribute);
+
 /// Copies a text of libxml2 and frees it.
 std::string TakeString(xmlChar* text);
 
@@ -31,6 +46,7 @@ void InitializeXml();
 /// Throw `XmlException` for what a document cannot hold.
 void CheckName(const std::string& name, bool withPrefix);
 void CheckText(const std::string& text);
+void CheckNamespace(const std::string& prefix, const std::string& namespaceUri);
 
 /// Throws the last error of a parser.
 [[noreturn]] void ThrowError(const xmlError* error);
@@ -56,5 +72,7 @@ private:
 };
 
 constexpr char kNoEntities[] = "entity declarations are not allowed";
+constexpr char kNoAttributes[] = "attribute declarations are not allowed";
+constexpr char kTooManyAttributes[] = "too many attributes";
 
 }  // namespace zarip::xml

@@ -29,7 +29,10 @@ int LeaveStream(void* /*stream*/) {
 }  // namespace
 
 struct ZARIP_HIDDEN XmlWriter::Impl {
-    ~Impl() { xmlFreeTextWriter(writer); }
+    ~Impl() {
+        const ErrorScope errors;  // it flushes, and would tell standard error
+        xmlFreeTextWriter(writer);
+    }
 
     /// Calls a function of the writer.
     template <class Function, class... Arguments>
@@ -68,10 +71,11 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
 
 XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique<Impl>()) {
     InitializeXml();
-    xmlOutputBuffer* const buffer = xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr);
-    _impl->writer = buffer != nullptr ? xmlNewTextWriter(buffer) : nullptr;
+    xmlOutputBuffer* const buffer = Made(xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr));
+    _impl->writer = xmlNewTextWriter(buffer);
     if (_impl->writer == nullptr) {
-        throw osa::IOException("XmlWriter: writing failed");
+        xmlOutputBufferClose(buffer);
+        throw std::bad_alloc();
     }
     xmlTextWriterSetIndent(_impl->writer, indent ? 1 : 0);
     xmlTextWriterSetIndentString(_impl->writer, ToXml("  "));
@@ -124,9 +128,7 @@ void XmlWriter::Attribute(const std::string& name, const std::string& value) {
 }
 
 void XmlWriter::Namespace(const std::string& prefix, const std::string& uri) {
-    if (!prefix.empty()) {
-        CheckName(prefix, false);
-    }
+    CheckNamespace(prefix, uri);
     Attribute(prefix.empty() ? "xmlns" : "xmlns:" + prefix, uri);
 }
 

@@ -59,10 +59,15 @@ XmlXPathExpression::XmlXPathExpression(const std::string& expression,
                                        const std::map<std::string, std::string>& namespaces)
     : _impl(std::make_unique<Impl>()) {
     InitializeXml();
-    _impl->context.reset(xmlXPathNewContext(nullptr));
+    _impl->context.reset(Made(xmlXPathNewContext(nullptr)));
     for (const auto& [prefix, uri] : namespaces) {
         CheckName(prefix, false);
-        xmlXPathRegisterNs(_impl->context.get(), ToXml(prefix), ToXml(uri));
+        if (xmlXPathRegisterNs(_impl->context.get(), ToXml(prefix), ToXml(uri)) != 0) {
+            throw std::bad_alloc();
+        }
+    }
+    if (expression.find('\0') != std::string::npos) {
+        Throw("Invalid expression");
     }
     const ErrorScope errors;
     _impl->expression.reset(xmlXPathCtxtCompile(_impl->context.get(), ToXml(expression)));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
 #include <random>
 #include <string>
 #include <utility>
@@ -75,6 +76,7 @@ TEST(BitStreamTest, TheEndAndBadArgumentsAreRefusedAndNothingMoves) {
     BitStreamReader zeros(data + 1, 5);
     EXPECT_EQ(ErrorOf([&] { zeros.ReadSignedGolomb(); }), "BitStreamReader: invalid Golomb code");
     EXPECT_EQ(zeros.GetPosition(), 0U);
+    EXPECT_EQ(ErrorOf([&] { BitStreamReader(data, SIZE_MAX / 8 + 1); }), "Invalid parameter");
     BitStreamReader empty(nullptr, 0);
     EXPECT_EQ(ErrorOf([&] { empty.ReadBit(); }), "BitStreamReader: 1 bits wanted, 0 left");
 

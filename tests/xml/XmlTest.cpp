@@ -116,14 +116,37 @@ TEST(XmlDocumentTest, WhatCannotStandInADocumentIsRefused) {
         EXPECT_EQ(ErrorOf([&] { root.SetAttribute(name, "1"); }).substr(0, 12), "invalid name") << name;
     }
     for (const string& text : {string("\x01"), string("a\0b", 3), string("\xFF"), string("\xEF\xBF\xBE"),
-                               string("\xED\xA0\x80")}) {
+                               string("\xED\xA0\x80"), string("\xC0\x80"), string("\xE0\x80\x80"),
+                               string("\xF0\x80\x80\x80"), string("\xF4\x90\x80\x80"), string("\xE2\x82")}) {
         EXPECT_EQ(ErrorOf([&] { root.SetText(text); }), "invalid text");
         EXPECT_EQ(ErrorOf([&] { root.SetAttribute("b", text); }), "invalid text");
     }
     EXPECT_EQ(ErrorOf([&] { root.SetAttribute("b", "1", "urn:x"); }), "undeclared namespace 'urn:x'");
+    EXPECT_EQ(ErrorOf([&] { root.SetAttribute("xmlns", "urn:x"); }), "invalid name 'xmlns'");
+    EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("xml", "urn:x"); }), "invalid namespace 'xml' 'urn:x'");
+    EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("e", ""); }), "invalid namespace 'e' ''");
+    EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("", "urn:x"); }), "prefix '' is in use");
     root.DeclareNamespace("p", "urn:p");
     EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("p", "urn:q"); }), "prefix 'p' is declared already");
     EXPECT_EQ(document.ToString(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a xmlns:p=\"urn:p\"/>\n");
+}
+
+TEST(XmlDocumentTest, ADeclarationMovesNoElementToAnotherNamespace) {
+    const XmlDocument document =
+        XmlDocument::Parse("<r xmlns='urn:r' xmlns:p='urn:p'><a><b p:c='1'/></a><n xmlns=''><m/></n></r>");
+    XmlElement root = document.GetRoot();
+    XmlElement a = root.GetChild("a");
+    EXPECT_EQ(ErrorOf([&] { a.DeclareNamespace("", "urn:x"); }), "prefix '' is in use");
+    EXPECT_EQ(ErrorOf([&] { a.DeclareNamespace("p", "urn:x"); }), "prefix 'p' is in use");
+    EXPECT_EQ(ErrorOf([&] { root.GetChild("n").GetChild("m").DeclareNamespace("", "urn:x"); }),
+              "prefix '' is in use");
+    EXPECT_EQ(ErrorOf([&] { root.DeclareNamespace("", "urn:x"); }), "prefix '' is declared already");
+    root.GetChild("n").DeclareNamespace("p", "urn:x");
+    a.SetAttribute("lang", "en", "http://www.w3.org/XML/1998/namespace");
+    EXPECT_EQ(document.ToString(),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<r xmlns=\"urn:r\" xmlns:p=\"urn:p\"><a "
+              "xml:lang=\"en\"><b p:c=\"1\"/></a>"
+              "<n xmlns=\"\" xmlns:p=\"urn:x\"><m/></n></r>\n");
 }
 
 void Drain(XmlReader& reader) {
@@ -138,6 +161,14 @@ string Repeat(const string& text, int times) {
     string all;
     for (int i = 0; i < times; ++i) {
         all += text;
+    }
+    return all;
+}
+
+string Numbered(const string& before, const string& behind, int count) {
+    string all;
+    for (int i = 0; i < count; ++i) {
+        all += before + std::to_string(i) + behind;
     }
     return all;
 }
@@ -158,6 +189,13 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         {"<!DOCTYPE r [<!ENTITY % x SYSTEM \"file:///etc/passwd\"> %x;]><r/>", none},
         {"<!DOCTYPE r [<!ENTITY q \"" + string(100'000, 'q') + "\">]><r>" + Repeat("&q;", 50'000) + "</r>",
          none},
+        {"<!DOCTYPE r [<!NOTATION n SYSTEM 'n'><!ENTITY x SYSTEM 'x' NDATA n>]><r/>", none},
+        {"<!DOCTYPE r [<!ATTLIST r a CDATA 'x'>]><r/>", "attribute declarations are not allowed (line 1, "},
+        {"<!DOCTYPE r [" + Numbered("<!ATTLIST r a", " CDATA 'x'>", 5'000) + "]><r>" + Repeat("<r/>", 50'000),
+         "attribute declarations are not allowed (line 1, "},
+        {"<r" + Numbered(" a", "=''", 120'000) + "/>", "too many attributes (line 1, column "},
+        {"<r><b" + Numbered(" xmlns:a", "='u'", 60'000) + "/></r>", "too many attributes (line 1, column "},
+        {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
         {Repeat("<d>", 100'000),
          "Excessive depth in document: 256 use XML_PARSE_HUGE option (line 1, column "},
         {"", ""},
@@ -171,9 +209,8 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     };
     rusage before{};
     ::getrusage(RUSAGE_SELF, &before);
-    for (const auto& attack : cases) {
-        const string& text = attack.first;
-        const string& error = attack.second;
+    for (const auto& [given, error] : cases) {
+        const string& text = given;
         const string shown = text.substr(0, 60);
         const string asDocument = ErrorOf([&] { XmlDocument::Parse(text); });
         const string asText = ErrorOf([&] {
@@ -193,6 +230,15 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     rusage after{};
     ::getrusage(RUSAGE_SELF, &after);
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "KiB";
+
+    // What looks like many attributes but is none.
+    const string signs(300'000, '=');
+    const string harmless =
+        "<r><!--" + signs.substr(0, 4'000) + "-->" + signs + "<![CDATA[" + signs + "]]></r>";
+    EXPECT_EQ(XmlDocument::Parse(harmless).GetRoot().GetText(), signs + signs);
+    XmlReader reader(harmless);
+    ASSERT_TRUE(reader.Read());
+    EXPECT_EQ(reader.ReadText(), signs + signs);
 
     // Told by number, too; and nothing is fetched for a type that names a file.
     try {
@@ -261,6 +307,10 @@ TEST(XmlReaderTest, ElementsAreSkippedAndTextsTaken) {
     ASSERT_TRUE(reader.Read());
     EXPECT_EQ(ErrorOf([&] { reader.ReadText(); }), "element 'b' holds more than text (line 1)");
 
+    XmlReader lines("<r>a\r\nb\r<![CDATA[c\r\nd\r]]></r>");
+    ASSERT_TRUE(lines.Read());
+    EXPECT_EQ(lines.ReadText(), "a\nb\nc\nd\n");
+
     std::istringstream broken("<r>");
     broken.setstate(std::ios::badbit);
     XmlReader fromBroken(broken);
@@ -303,6 +353,8 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     EXPECT_EQ(ErrorOf([&] { writer.StartElement("a b"); }), "invalid name 'a b'");
     writer.StartElement("r");
     EXPECT_EQ(ErrorOf([&] { writer.StartDocument(); }), "the document has begun");
+    EXPECT_EQ(ErrorOf([&] { writer.Namespace("p", ""); }), "invalid namespace 'p' ''");
+    EXPECT_EQ(ErrorOf([&] { writer.Namespace("xmlns", "urn:x"); }), "invalid namespace 'xmlns' 'urn:x'");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a=", ""); }), "invalid name 'a='");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "\xFF"); }), "invalid text");
     writer.Attribute("a", "1");
@@ -348,6 +400,7 @@ TEST(XmlXPathTest, ExpressionsAreCompiledOnceAndGiveEveryKind) {
     EXPECT_TRUE(XmlXPathExpression("//none").EvaluateNodes(root).empty());
 
     EXPECT_EQ(ErrorOf([] { XmlXPathExpression("//["); }), "XPath: Invalid expression '//['");
+    EXPECT_EQ(ErrorOf([] { XmlXPathExpression(string("a\0[", 3)); }), "XPath: Invalid expression");
     EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("//x:a").EvaluateNodes(root); }),
               "XPath: Undefined namespace prefix");
     EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("1 + 1").EvaluateNodes(root); }),

@@ -14,9 +14,15 @@ namespace zarip::core {
 /// left"; the position is then what it was.
 class ZARIP_EXPORT BitStreamReader {
 public:
-    /// @param data  *not owned*, must outlive the reader. @param length  in bytes.
+    /// @param data  *not owned*, must outlive the reader.
+    /// @param length  in bytes; throws `osa::Exception` "Invalid parameter" where `std::size_t` cannot count
+    /// its bits, from 512 MiB where it has 32.
     BitStreamReader(const void* data, std::size_t length)
-        : _data(static_cast<const unsigned char*>(data)), _bits(length * 8) {}
+        : _data(static_cast<const unsigned char*>(data)), _bits(length * 8) {
+        if (_bits / 8 != length) {
+            ThrowParameter();
+        }
+    }
 
     /// @param count  1 to 64; anything else throws `osa::Exception` "Invalid parameter".
     unsigned long long ReadBits(unsigned int count);
@@ -47,7 +53,7 @@ private:
         }
     }
     [[noreturn]] void ThrowEnd(std::size_t count) const;
-    [[noreturn]] static void ThrowCount();
+    [[noreturn]] static void ThrowParameter();
 
     const unsigned char* _data;
     std::size_t _bits;
@@ -56,7 +62,7 @@ private:
 
 inline unsigned long long BitStreamReader::PeekBits(unsigned int count) const {
     if (__builtin_expect(count - 1 > 63, 0)) {
-        ThrowCount();
+        ThrowParameter();
     }
     Require(count);
     const unsigned char* byte = _data + _position / 8;

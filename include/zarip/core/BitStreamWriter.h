@@ -11,7 +11,8 @@ namespace zarip::core {
 class ZARIP_EXPORT BitStreamWriter {
 public:
     /// The low `count` bits of `bits`. @param count  1 to 64. Throws `osa::Exception` "Invalid parameter" for
-    /// another count, and for bits beyond it.
+    /// another count, and for bits beyond it; "BitStreamWriter: too many bits" where `std::size_t` cannot
+    /// count them, at 512 MiB where it has 32.
     void WriteBits(unsigned long long bits, unsigned int count);
     void WriteBit(bool bit) { WriteBits(bit ? 1 : 0, 1); }
 

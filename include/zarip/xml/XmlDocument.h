@@ -12,9 +12,10 @@ namespace zarip::xml {
 /// A document in memory. *One thread at a time.*
 ///
 /// Made for documents from strangers: nothing is fetched, neither from the network nor from files, entities
-/// that a document declares are refused ("entity declarations are not allowed"), and elements may be nested
-/// 256 deep. So a document takes memory in proportion to its length and no more. Whatever is wrong throws
-/// `XmlException` with line and column.
+/// and attributes that a document declares are refused ("entity declarations are not allowed", "attribute
+/// declarations are not allowed"), elements may be nested 256 deep and have some thousand attributes ("too
+/// many attributes"). So a document takes memory and time in proportion to its length and no more. Whatever
+/// is wrong, a prefix without a namespace included, throws `XmlException` with line and column.
 class ZARIP_EXPORT XmlDocument {
 public:
     /// A new document with an empty root element.

@@ -56,6 +56,9 @@ public:
     std::vector<std::pair<std::string, std::string>> GetAttributes() const;
 
     /// Declares a namespace for this element and those inside. @param prefix  empty for the default one.
+    /// Throws "prefix '...' is declared already", "prefix '...' is in use" when this element or one inside
+    /// means another namespace by it, or, for the default one, none, and "invalid namespace '...' '...'" for
+    /// XML's own and for a prefix without a namespace.
     void DeclareNamespace(const std::string& prefix, const std::string& namespaceUri);
 
     XmlElement GetParent() const;

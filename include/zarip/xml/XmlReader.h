@@ -11,7 +11,9 @@ namespace zarip::xml {
 
 /// Reads a document piece by piece, whatever its length, with the memory of the piece. *One thread at a
 /// time.* Safe with documents from strangers as `XmlDocument` is, and throws `XmlException` as that does;
-/// only a single text may be as long as the document.
+/// only a single text may be as long as the document. A comment or a CDATA section counts as an element where
+/// attributes are limited: it may not look like 4096 of them. The first element begins within 256 KiB ("too
+/// much before the first element").
 class ZARIP_EXPORT XmlReader {
 public:
     enum NodeType {

@@ -11,8 +11,9 @@ namespace zarip::xml {
 /// Writes a document piece by piece. *One thread at a time.*
 ///
 /// What cannot stand in a document is refused: `XmlException` "invalid name '...'", "invalid text" (not
-/// UTF-8, or a control character), "invalid comment", "attributes stand at the beginning of an element",
-/// "no element is open", "the document is complete". Special characters are escaped as they must be.
+/// UTF-8, or a control character), "invalid namespace '...' '...'" (one of XML's own, or a prefix without
+/// any), "invalid comment", "attribute '...' twice", "attributes stand at the beginning of an element", "no
+/// element is open", "the document is complete". Special characters are escaped as they must be.
 class ZARIP_EXPORT XmlWriter {
 public:
     /// Writes to a stream, *not owned*, which must outlive the writer. @param indent  an element a line.
