@@ -1,5 +1,6 @@
 // Blocks of a pool that two threads share, frames of a ring, and bits from a stream.
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
@@ -35,6 +36,53 @@ void InTwoThreads(int atATime, Allocate allocate, Free free) {
     std::thread other(work);
     work();
     other.join();
+}
+
+/// One thread takes blocks and hands them to another, which gives them back; up to 64 are on their way.
+template <class Allocate, class Free>
+void FromThreadToThread(Allocate allocate, Free free) {
+    constexpr unsigned int kPlaces = 64;
+    struct alignas(128) Counter {
+        std::atomic<unsigned int> value{0};
+    };
+    Counter written;
+    Counter read;
+    void* places[kPlaces];
+    std::thread other([&] {
+        for (unsigned int i = 0; i < kRepeats; ++i) {
+            while (written.value.load(std::memory_order_acquire) == i) {
+                std::this_thread::yield();
+            }
+            free(places[i % kPlaces]);
+            read.value.store(i + 1, std::memory_order_release);
+        }
+    });
+    for (unsigned int i = 0; i < kRepeats; ++i) {
+        while (i - read.value.load(std::memory_order_acquire) == kPlaces) {
+            std::this_thread::yield();
+        }
+        void* block = allocate();
+        *static_cast<volatile char*>(block) = 1;
+        places[i % kPlaces] = block;
+        written.value.store(i + 1, std::memory_order_release);
+    }
+    other.join();
+}
+
+void PoolAcrossThreads(const bench::Options& options) {
+    zarip::core::PoolAllocator pool(kSize, 1024);
+    bench::Rounds rounds("256 bytes taken by one thread and given back by another", options);
+    rounds.Add(
+        "malloc, free",
+        [] { FromThreadToThread([] { return std::malloc(kSize); }, [](void* block) { std::free(block); }); },
+        kRepeats);
+    rounds.Add(
+        "zarip::core::PoolAllocator",
+        [&] {
+            FromThreadToThread([&] { return pool.Allocate(kSize); }, [&](void* block) { pool.Free(block); });
+        },
+        kRepeats);
+    rounds.Run();
 }
 
 void Pool(int atATime, const bench::Options& options) {
@@ -133,6 +181,7 @@ int main(int argc, char** argv) {
     const bench::Options options = bench::ParseOptions(argc, argv);
     Pool(1, options);
     Pool(16, options);
+    PoolAcrossThreads(options);
     Ring(options);
     Bits(options);
 }

@@ -77,8 +77,8 @@ private:
 
 constexpr unsigned int kLists = 4;
 
-/// The list of the calling thread; threads share the lists evenly.
-unsigned int OwnList() {
+/// Threads are divided evenly into as many groups as there are lists.
+unsigned int OwnGroup() {
     static std::atomic<unsigned int> s_threads{0};
     // The library is loaded with the program or by it, once, so this costs no call.
     static thread_local unsigned int s_own __attribute__((tls_model("initial-exec"))) = kLists;
@@ -96,6 +96,11 @@ struct AlignedDelete {
 }  // namespace
 
 /// Blocks that were never out stand behind `_fresh`; the others are in one of the lists or out.
+///
+/// A group that finds its list empty exchanges it for another's with blocks in it. Where one thread takes
+/// blocks and another gives them back, the two so exchange a full list for an empty one now and then and
+/// seldom meet at one. Who has which list is no more than a preference: any thread may use any list at any
+/// time.
 struct ZARIP_HIDDEN PoolAllocator::Impl {
     Impl(std::size_t size, std::size_t count, std::size_t blockAlignment)
         : _blockSize(size),
@@ -106,21 +111,27 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
           _next(count) {}
 
     Index Take() {
-        const unsigned int own = OwnList();
-        const Index block = _lists[own].Pop(_next);
+        const unsigned int own = OwnGroup();
+        const Index block = ListOf(own).Pop(_next);
         return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(own);
+    }
+
+    void Give(Index block) { ListOf(OwnGroup()).Push(_next, block); }
+
+    FreeList& ListOf(unsigned int group) {
+        return _lists[_listOfGroup[group].load(std::memory_order_relaxed)];
     }
 
     Index TakeElsewhere(unsigned int own) {
         for (;;) {
             std::uint64_t seen[kLists];
             for (unsigned int i = 0; i < kLists; ++i) {
-                FreeList& list = _lists[(own + i) % kLists];
-                const Index block = list.Pop(_next);
+                const Index block = _lists[i].Pop(_next);
                 if (block != kNone) {
+                    Prefer(own, i);
                     return block;
                 }
-                seen[i] = list.Look();
+                seen[i] = _lists[i].Look();
             }
             Index fresh = _fresh.load(std::memory_order_relaxed);
             while (fresh < _blockCount) {
@@ -131,13 +142,23 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
             // All were empty when looked at one by one; if none has changed they were so at once.
             bool isEmpty = true;
             for (unsigned int i = 0; i < kLists; ++i) {
-                isEmpty =
-                    isEmpty && FreeList::IsEmpty(seen[i]) && _lists[(own + i) % kLists].Look() == seen[i];
+                isEmpty = isEmpty && FreeList::IsEmpty(seen[i]) && _lists[i].Look() == seen[i];
             }
             if (isEmpty) {
                 return kNone;
             }
         }
+    }
+
+    /// Gives the group that list, and its own one to the group that has it.
+    void Prefer(unsigned int group, unsigned int list) {
+        const unsigned char old = _listOfGroup[group].load(std::memory_order_relaxed);
+        for (std::atomic<unsigned char>& other : _listOfGroup) {
+            if (other.load(std::memory_order_relaxed) == list) {
+                other.store(old, std::memory_order_relaxed);
+            }
+        }
+        _listOfGroup[group].store(static_cast<unsigned char>(list), std::memory_order_relaxed);
     }
 
     const std::size_t _blockSize;
@@ -146,6 +167,7 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
     const int _shift = internal::IsPowerOfTwo(_blockSize) ? __builtin_ctzll(_blockSize) : 0;
     std::unique_ptr<unsigned char[], AlignedDelete> _memory;
     Successors _next;
+    std::atomic<unsigned char> _listOfGroup[kLists] = {{0}, {1}, {2}, {3}};
     FreeList _lists[kLists];
     alignas(kCacheLine) std::atomic<Index> _fresh{0};
     std::atomic<unsigned long long> _failed{0};
@@ -199,7 +221,7 @@ void PoolAllocator::Free(void* memory) {
     if (!_impl->_next[block].compare_exchange_strong(out, kNone, std::memory_order_acq_rel)) {
         internal::ThrowFreed();
     }
-    _impl->_lists[OwnList()].Push(_impl->_next, block);
+    _impl->Give(block);
 }
 
 IAllocator::Statistics PoolAllocator::GetStatistics() const {
