@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Bytes.h"
 
@@ -52,8 +55,10 @@ public:
             for (unsigned long long at = begin; at + size <= end; at += kBlock - size) {
                 const ssize_t got = ::pread(memory, mapped, std::min<unsigned long long>(kBlock, end - at),
                                             static_cast<off_t>(at));
-                for (std::size_t i = 0; got > 0 && i + size <= static_cast<std::size_t>(got); ++i) {
-                    count += IsAt(block + i) ? 1U : 0U;
+                if (got >= static_cast<ssize_t>(size)) {
+                    const unsigned char* const last = block + got - size;
+                    count +=
+                        CountIn(block, last, _inverted.begin()) + CountIn(block, last, _inverted.rbegin());
                 }
             }
         }
@@ -63,10 +68,22 @@ public:
     }
 
 private:
-    bool IsAt(const unsigned char* bytes) const {
+    /// From `block` to `last`, where the last one may begin.
+    template <class Iterator>
+    unsigned int CountIn(const unsigned char* block, const unsigned char* last, Iterator inverted) const {
         const auto isInverted = [](unsigned char a, unsigned char b) { return (a ^ b) == 0xFF; };
-        return std::equal(_inverted.begin(), _inverted.end(), bytes, isInverted) ||
-               std::equal(_inverted.rbegin(), _inverted.rend(), bytes, isInverted);
+        const auto size = static_cast<std::ptrdiff_t>(_inverted.size());
+        unsigned int count = 0;
+        for (const unsigned char* at = block; at <= last; ++at) {
+            const void* const next =
+                std::memchr(at, *inverted ^ 0xFF, static_cast<std::size_t>(last - at) + 1);
+            if (next == nullptr) {
+                break;
+            }
+            at = static_cast<const unsigned char*>(next);
+            count += std::equal(inverted, inverted + size, at, isInverted) ? 1U : 0U;
+        }
+        return count;
     }
 
     Bytes _inverted;
@@ -110,7 +127,7 @@ TEST(SecretsTest, WhatKeyFactoryHasWorkedWithIsNowhereInMemoryAfterwards) {
 TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
     std::optional<SecureBuffer> key(CryptoUtils::GenerateKey(24));
     std::optional<SecureBuffer> text(CryptoUtils::GenerateKey(40));
-    const Needle needles[] = {{key->GetData(), 24}, {text->GetData() + 16, 24}};
+    std::vector<Needle> needles = {{key->GetData(), 24}, {text->GetData() + 16, 24}};
     const unsigned char vector[16] = {};
     for (const Cipher::Padding padding : {Cipher::kNoPadding, Cipher::kPKCS7Padding}) {
         AES aes(Cipher::kCTR, padding);
@@ -129,7 +146,8 @@ TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
     HmacSHA256 hmac(key->GetData(), 24);
     unsigned char digest[32];
     hmac.DoFinal(digest, sizeof digest);
-    CryptoUtils::DeriveKey(key->GetData(), 24, vector, 16, 10, 32);
+    std::optional<SecureBuffer> derived(CryptoUtils::DeriveKey("phrase", 6, vector, 16, 10, 32));
+    needles.emplace_back(derived->GetData(), 24);
     SecureBuffer copy(*text);
     *text = copy;
     copy = SecureBuffer(*key);
@@ -139,8 +157,10 @@ TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
     copy.Shrink(1);
     text.reset();
     key.reset();
+    derived.reset();
     EXPECT_EQ(needles[0].Count(), 0U) << "the key";
     EXPECT_EQ(needles[1].Count(), 0U) << "the text";
+    EXPECT_EQ(needles[2].Count(), 0U) << "the key from a pass phrase";
 }
 
 }  // namespace
