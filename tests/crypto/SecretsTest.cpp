@@ -53,8 +53,8 @@ public:
                 continue;
             }
             for (unsigned long long at = begin; at + size <= end; at += kBlock - size) {
-                const ssize_t got = ::pread(memory, mapped, std::min<unsigned long long>(kBlock, end - at),
-                                            static_cast<off_t>(at));
+                const auto length = static_cast<std::size_t>(std::min<unsigned long long>(kBlock, end - at));
+                const ssize_t got = ::pread(memory, mapped, length, static_cast<off_t>(at));
                 if (got >= static_cast<ssize_t>(size)) {
                     const unsigned char* const last = block + got - size;
                     count +=

@@ -23,7 +23,8 @@ namespace zarip::crypto {
 /// - "invalid PEM text": a block that does not end with its own label, other characters than base64, a text
 ///   of more than 64 KiB
 /// - "invalid key encoding": not in the exact form that DER prescribes, or something behind the key
-/// - "unsupported key": of another algorithm ("EC PRIVATE KEY" for example), with more than two primes, or not of 1024 to 8192 bits
+/// - "unsupported key": of another algorithm ("EC PRIVATE KEY" for example), with more than two primes, or
+///   not of 1024 to 8192 bits
 /// - "invalid key": numbers that do not belong together
 class ZARIP_EXPORT KeyFactory {
 public:
