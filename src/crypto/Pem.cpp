@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxText = 65'536;
 constexpr std::size_t kLineLength = 64;
+constexpr std::string_view kDashes = "-----";
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 void Require(bool holds) {
@@ -30,8 +31,27 @@ std::string_view TakeLine(std::string_view& text) {
     return line;
 }
 
+bool StartsWith(std::string_view line, std::string_view start) {
+    return line.substr(0, start.size()) == start;
+}
+
+/// What stands between `start` and the dashes at the end of the line; empty when these are not there.
+std::string_view GetLabel(std::string_view line, std::string_view start) {
+    if (!StartsWith(line, start) || line.size() <= start.size() + kDashes.size() ||
+        line.substr(line.size() - kDashes.size()) != kDashes) {
+        return {};
+    }
+    return line.substr(start.size(), line.size() - start.size() - kDashes.size());
+}
+
+/// Whether the label is `kind`, with or without words before it.
+bool IsOfKind(std::string_view label, std::string_view kind) {
+    return label == kind || (label.size() > kind.size() && label[label.size() - kind.size() - 1] == ' ' &&
+                             label.substr(label.size() - kind.size()) == kind);
+}
+
 std::string Marker(const char* which, std::string_view label) {
-    return "-----" + std::string(which) + " " + std::string(label) + "-----";
+    return std::string(kDashes) + which + " " + std::string(label) + std::string(kDashes);
 }
 
 class Base64Decoder {
@@ -79,30 +99,39 @@ private:
 
 }  // namespace
 
-std::optional<SecureBytes> DecodePem(std::string_view text, std::string_view label) {
+std::optional<PemBlock> FindPem(std::string_view text, std::string_view kind) {
     Require(text.size() <= kMaxText);
-    const std::string begin = Marker("BEGIN", label);
-    const std::string end = Marker("END", label);
-    for (;;) {
-        if (text.empty()) {
-            return std::nullopt;
+    while (!text.empty()) {
+        const std::string_view label = GetLabel(TakeLine(text), "-----BEGIN ");
+        if (label.empty()) {
+            continue;
         }
-        if (TakeLine(text) == begin) {
-            break;
+        const char* const body = text.data();
+        const char* end = nullptr;
+        std::string_view line;
+        do {
+            Require(!text.empty());
+            end = text.data();
+            line = TakeLine(text);
+        } while (!StartsWith(line, kDashes));
+        Require(GetLabel(line, "-----END ") == label);
+        if (IsOfKind(label, kind)) {
+            return PemBlock{label, {body, static_cast<std::size_t>(end - body)}};
         }
     }
+    return std::nullopt;
+}
+
+SecureBytes DecodePem(const PemBlock& block) {
     Base64Decoder decoder;
-    for (;;) {
-        Require(!text.empty());
-        const std::string_view line = TakeLine(text);
-        if (line == end) {
-            return decoder.Finish();
-        }
-        if (line.find("ENCRYPTED") != std::string_view::npos && line.substr(0, 10) == "Proc-Type:") {
+    for (std::string_view body = block.body; !body.empty();) {
+        const std::string_view line = TakeLine(body);
+        if (StartsWith(line, "Proc-Type:") && line.find("ENCRYPTED") != std::string_view::npos) {
             throw CryptoException("encrypted keys are not supported");
         }
         decoder.Add(line);
     }
+    return decoder.Finish();
 }
 
 SecureBytes EncodePem(const SecureBytes& bytes, std::string_view label) {

@@ -60,19 +60,22 @@ std::vector<unsigned char> GetNumber(const Sexp& list, const char* name, unsigne
     return bytes;
 }
 
-/// The data that are signed.
-Sexp BuildDigest(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash, const unsigned char* digest,
-                 unsigned int length) {
-    const HashRow& row = RowOf(hash);
-    if (digest == nullptr || length != row.size) {
+void CheckDigest(RsaHash hash, const unsigned char* digest, unsigned int length) {
+    if (digest == nullptr || length != RowOf(hash).size) {
         throw CryptoException("invalid digest length");
     }
+}
+
+/// Whether a signature with this digest fits the key.
+bool HasRoom(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash) {
+    const unsigned int size = RowOf(hash).size;
     // The longest prefix that PKCS #1 puts before a digest has 19 bytes, with 11 of padding at the least.
-    const unsigned int needed =
-        kind == RsaSignature::kPSS ? 8 * (2 * row.size + 2) + 1 : 8 * (row.size + 19 + 11);
-    if (key._bits < needed) {
-        throw CryptoException("key too short for the digest");
-    }
+    return key._bits >= (kind == RsaSignature::kPSS ? 8 * (2 * size + 2) + 1 : 8 * (size + 19 + 11));
+}
+
+/// The data that are signed.
+Sexp BuildDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest, unsigned int length) {
+    const HashRow& row = RowOf(hash);
     Sexp data;
     Check(kind == RsaSignature::kPSS
               ? ::gcry_sexp_build(data.Address(), nullptr, "(data (flags pss)(salt-length %d)(hash %s %b))",
@@ -187,10 +190,11 @@ bool RsaPublicKey::Verify(RsaSignature kind, RsaHash hash, const void* data, uns
 bool RsaPublicKey::VerifyDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest,
                                 unsigned int digestLength, const unsigned char* signature,
                                 unsigned int signatureLength) const {
-    const Sexp data = BuildDigest(*_impl, kind, hash, digest, digestLength);
-    if (!IsInRange(*_impl, signature, signatureLength)) {
+    CheckDigest(hash, digest, digestLength);
+    if (!HasRoom(*_impl, kind, hash) || !IsInRange(*_impl, signature, signatureLength)) {
         return false;
     }
+    const Sexp data = BuildDigest(kind, hash, digest, digestLength);
     Sexp signatureData;
     Check(::gcry_sexp_build(signatureData.Address(), nullptr, "(sig-val (rsa (s %b)))",
                             static_cast<int>(signatureLength), signature),
@@ -258,7 +262,11 @@ std::vector<unsigned char> RsaPrivateKey::Sign(RsaSignature kind, RsaHash hash, 
 std::vector<unsigned char> RsaPrivateKey::SignDigest(RsaSignature kind, RsaHash hash,
                                                      const unsigned char* digest,
                                                      unsigned int digestLength) const {
-    const Sexp data = BuildDigest(*_impl, kind, hash, digest, digestLength);
+    CheckDigest(hash, digest, digestLength);
+    if (!HasRoom(*_impl, kind, hash)) {
+        throw CryptoException("key too short for the digest");
+    }
+    const Sexp data = BuildDigest(kind, hash, digest, digestLength);
     Sexp signature;
     Check(::gcry_pk_sign(signature.Address(), data.Get(), _impl->_key.Get()), "gcry_pk_sign");
     return GetNumber(signature, "s", GetSize());

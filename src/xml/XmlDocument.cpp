@@ -7,6 +7,7 @@
 #include <climits>
 
 #include "xml/XmlDocumentImpl.h"
+#include "xml/XmlEncoding.h"
 #include "xml/XmlText.h"
 #include "zarip/osa/FileUtils.h"
 #include "zarip/xml/XmlException.h"
@@ -113,6 +114,10 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
     InitializeXml();
     if (text.size() > INT_MAX) {
         throw XmlException("the document is too large");
+    }
+    XmlEncoding encoding;
+    if (!encoding.Add(text)) {
+        encoding.Throw();
     }
     auto impl = std::make_unique<Impl>();
     const std::unique_ptr<xmlParserCtxt, ContextDelete> context(Made(xmlNewParserCtxt()));

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <exception>
 
+#include "xml/XmlEncoding.h"
 #include "xml/XmlText.h"
 #include "zarip/xml/XmlException.h"
 
@@ -65,13 +66,17 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         }
         const int count = refusal == nullptr ? Copy(buffer, wanted) : -1;
         if (count > 0) {
-            supplied += static_cast<std::size_t>(count);
-            CountAttributes(std::string_view(buffer, static_cast<std::size_t>(count)));
+            const std::string_view piece(buffer, static_cast<std::size_t>(count));
+            supplied += piece.size();
+            if (!encoding.Add(piece)) {
+                return -1;
+            }
+            CountAttributes(piece);
         }
         return count;
     }
 
-    /// What looks like one, an equal sign and a quotation mark, in UTF-8 and in UTF-16.
+    /// What looks like one, an equal sign and a quotation mark, in all encodings that pass.
     void CountAttributes(std::string_view piece) {
         for (const char byte : piece) {
             if (isBehindEqualSign && (byte == '"' || byte == '\'')) {
@@ -103,6 +108,9 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     }
 
     bool Check(int result) {
+        if (encoding.IsRefused()) {
+            encoding.Throw();
+        }
         if (refusal == nullptr && !isDeclarationChecked) {
             CheckDeclarations();
         }
@@ -132,7 +140,8 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     std::string text;
     std::istream* stream = nullptr;  ///< in place of the text
     std::size_t supplied = 0;        ///< to the parser, in bytes
-    int attributes = 0;              ///< or what looks like it, since the parser last got on
+    XmlEncoding encoding;
+    int attributes = 0;  ///< or what looks like it, since the parser last got on
     bool isBehindEqualSign = false;
     int lastLine = 0;
     int lastColumn = 0;

@@ -122,6 +122,9 @@ void XmlWriter::Element(const std::string& name, const std::string& text) {
 void XmlWriter::Attribute(const std::string& name, const std::string& value) {
     CheckName(name, true);
     CheckText(value);
+    if (name == "xmlns" || name.compare(0, 6, "xmlns:") == 0) {
+        CheckNamespace(name.size() > 6 ? name.substr(6) : std::string(), value);
+    }
     _impl->CheckAttribute(name);
     _impl->Do(xmlTextWriterWriteAttribute, ToXml(name), ToXml(value));
     _impl->attributes.push_back(name);
@@ -142,11 +145,22 @@ void XmlWriter::Text(const std::string& text) {
 void XmlWriter::CData(const std::string& text) {
     CheckText(text);
     _impl->CheckOpen();
-    // The end mark inside is divided between two sections.
+    // The end mark inside is divided between two sections. A carriage return is escaped between two: in one
+    // it would be read as a line feed.
     std::size_t begin = 0;
-    for (std::size_t end = text.find("]]>"); end != std::string::npos; end = text.find("]]>", begin)) {
-        _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, end + 2 - begin)));
-        begin = end + 2;
+    for (std::size_t at = text.find_first_of("]\r"); at != std::string::npos;
+         at = text.find_first_of("]\r", at)) {
+        if (text[at] == '\r') {
+            _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
+            _impl->Do(xmlTextWriterWriteString, ToXml("\r"));
+            begin = ++at;
+        } else if (text.compare(at, 3, "]]>") == 0) {
+            at += 2;
+            _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
+            begin = at;
+        } else {
+            ++at;
+        }
     }
     _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin)));
     _impl->mayHaveAttributes = false;

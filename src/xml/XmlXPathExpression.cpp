@@ -22,6 +22,10 @@ struct ObjectDelete {
     void operator()(xmlXPathObject* object) const { xmlXPathFreeObject(object); }
 };
 
+/// What an evaluation may cost: each node that is looked at counts. A condition that looks through a whole
+/// document for each of its elements soon takes longer than anybody waits.
+constexpr unsigned long kMaxOperations = 20'000'000;
+
 using Object = std::unique_ptr<xmlXPathObject, ObjectDelete>;
 
 [[noreturn]] void Throw(const std::string& text) {
@@ -35,6 +39,7 @@ struct ZARIP_HIDDEN XmlXPathExpression::Impl {
         const ErrorScope errors;
         context->doc = start->doc;
         context->node = start;
+        context->opCount = 0;
         Object object(xmlXPathCompiledEval(expression.get(), context.get()));
         context->doc = nullptr;
         context->node = nullptr;
@@ -60,6 +65,7 @@ XmlXPathExpression::XmlXPathExpression(const std::string& expression,
     : _impl(std::make_unique<Impl>()) {
     InitializeXml();
     _impl->context.reset(Made(xmlXPathNewContext(nullptr)));
+    _impl->context->opLimit = kMaxOperations;
     for (const auto& [prefix, uri] : namespaces) {
         CheckName(prefix, false);
         if (xmlXPathRegisterNs(_impl->context.get(), ToXml(prefix), ToXml(uri)) != 0) {

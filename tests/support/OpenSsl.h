@@ -26,9 +26,4 @@ inline int RunOpenSsl(const std::string& arguments, std::string* output = nullpt
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-inline bool HasOpenSsl() {
-    static const bool s_has = RunOpenSsl("version") == 0;
-    return s_has;
-}
-
 }  // namespace zarip::test

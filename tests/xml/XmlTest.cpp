@@ -173,6 +173,15 @@ string Numbered(const string& before, const string& behind, int count) {
     return all;
 }
 
+/// In UTF-16, of ASCII.
+string Wide(const string& text, bool isBig = false) {
+    string wide = isBig ? "\xFE\xFF" : "\xFF\xFE";
+    for (const char c : text) {
+        wide += isBig ? string{'\0', c} : string{c, '\0'};
+    }
+    return wide;
+}
+
 TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     string laughs = "<!DOCTYPE r [<!ENTITY l0 \"lol\">";
     for (int i = 1; i < 10; ++i) {
@@ -191,10 +200,16 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
          none},
         {"<!DOCTYPE r [<!NOTATION n SYSTEM 'n'><!ENTITY x SYSTEM 'x' NDATA n>]><r/>", none},
         {"<!DOCTYPE r [<!ATTLIST r a CDATA 'x'>]><r/>", "attribute declarations are not allowed (line 1, "},
-        {"<!DOCTYPE r [" + Numbered("<!ATTLIST r a", " CDATA 'x'>", 5'000) + "]><r>" + Repeat("<r/>", 50'000),
+        {"<!DOCTYPE r [" + Numbered("<!ATTLIST r a", " CDATA 'x'>", 4'000) + "]><r>" + Repeat("<r/>", 50'000),
          "attribute declarations are not allowed (line 1, "},
         {"<r" + Numbered(" a", "=''", 120'000) + "/>", "too many attributes (line 1, column "},
         {"<r><b" + Numbered(" xmlns:a", "='u'", 60'000) + "/></r>", "too many attributes (line 1, column "},
+        {"<?xml version='1.0' encoding='UTF-7'?>\n<r><b" + Numbered(" a", "+AD0-''", 60'000) + "/></r>",
+         "encoding 'UTF-7' is not supported (line 1, column 31)"},
+        {"<?xml version='1.0'\n encoding = \"ISO-2022-JP\" ?><r><b" + Numbered(" a", "=\x1B(B''", 60'000),
+         "encoding 'ISO-2022-JP' is not supported (line 2, column 14)"},
+        {"<?xml version='1.0'" + string(1'024, ' ') + "encoding='UTF-7'?><r/>",
+         "the XML declaration is too long (line 1, column 1)"},
         {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
         {Repeat("<d>", 100'000),
          "Excessive depth in document: 256 use XML_PARSE_HUGE option (line 1, column "},
@@ -207,9 +222,20 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         {"<r/><r/>", "Extra content at the end of the document (line 1, column 5)"},
         {string("<r>\0</r>", 8), ""},
     };
+    std::vector<std::pair<string, string>> texts(std::begin(cases), std::end(cases));
+    for (const auto& [text, error] : cases) {
+        if (text.find('\xFF') == string::npos) {
+            texts.emplace_back(Wide(text), error);
+        }
+    }
+    // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
+    texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
+    for (const string& wide : {string("\0\0\0<", 4), string("<\0\0\0", 4), string("\xFF\xFE\0\0", 4)}) {
+        texts.emplace_back(wide + "r", "encoding 'UCS-4' is not supported (line 1, column 1)");
+    }
     rusage before{};
     ::getrusage(RUSAGE_SELF, &before);
-    for (const auto& [given, error] : cases) {
+    for (const auto& [given, error] : texts) {
         const string& text = given;
         const string shown = text.substr(0, 60);
         const string asDocument = ErrorOf([&] { XmlDocument::Parse(text); });
@@ -229,7 +255,22 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     }
     rusage after{};
     ::getrusage(RUSAGE_SELF, &after);
-    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "KiB";
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 128 * 1024) << "KiB";
+
+    // Those that pass.
+    for (const string& text :
+         {string("<?xml version='1.0' encoding='iso-8859-1'?><r>\xE9</r>"),
+          string("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='yes'?><r>\xC3\xA9</r>"),
+          string("<?xml-stylesheet encoding='UTF-7'?><r>\xC3\xA9</r>"), Wide("<r>&#233;</r>"),
+          Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>", true),
+          Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>").substr(2)}) {
+        EXPECT_EQ(XmlDocument::Parse(text).GetRoot().GetText(), "\xC3\xA9") << text;
+        std::istringstream stream(text);
+        XmlReader reader(stream);
+        while (reader.Read() && reader.GetNodeType() != XmlReader::kElement) {
+        }
+        EXPECT_EQ(reader.ReadText(), "\xC3\xA9") << text;
+    }
 
     // What looks like many attributes but is none.
     const string signs(300'000, '=');
@@ -330,7 +371,7 @@ TEST(XmlWriterTest, WhatIsWrittenReadsBack) {
     writer.Element("empty", "");
     writer.StartElement("mixed");
     writer.Text("x");
-    writer.CData("]]>y]]>");
+    writer.CData("]]>\r\ny]]\r>]]>");
     writer.EndElement();
     writer.EndDocument();
     const string text = stream.str();
@@ -341,7 +382,7 @@ TEST(XmlWriterTest, WhatIsWrittenReadsBack) {
     string value;
     EXPECT_TRUE(document.GetRoot().GetAttribute("a", value, "urn:v"));
     EXPECT_EQ(value, "<\"&'\n>");
-    EXPECT_EQ(document.GetRoot().GetChild("mixed").GetText(), "x]]>y]]>");
+    EXPECT_EQ(document.GetRoot().GetChild("mixed").GetText(), "x]]>\r\ny]]\r>]]>");
 }
 
 TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
@@ -355,13 +396,20 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     EXPECT_EQ(ErrorOf([&] { writer.StartDocument(); }), "the document has begun");
     EXPECT_EQ(ErrorOf([&] { writer.Namespace("p", ""); }), "invalid namespace 'p' ''");
     EXPECT_EQ(ErrorOf([&] { writer.Namespace("xmlns", "urn:x"); }), "invalid namespace 'xmlns' 'urn:x'");
+    EXPECT_EQ(ErrorOf([&] { writer.Attribute("xmlns:p", ""); }), "invalid namespace 'p' ''");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a=", ""); }), "invalid name 'a='");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "\xFF"); }), "invalid text");
     writer.Attribute("a", "1");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("a", "2"); }), "attribute 'a' twice");
     EXPECT_EQ(ErrorOf([&] { writer.Comment("a--b"); }), "invalid comment");
     EXPECT_EQ(ErrorOf([&] { writer.Comment("a-"); }), "invalid comment");
-    EXPECT_EQ(ErrorOf([&] { writer.Text(string("a\0", 2)); }), "invalid text");
+    for (const string& text : {string("a\0", 2), string("\x1B"), string("\xC3"), string("\xEF\xBF\xBF")}) {
+        EXPECT_EQ(ErrorOf([&] { writer.Text(text); }), "invalid text");
+        EXPECT_EQ(ErrorOf([&] { writer.CData(text); }), "invalid text");
+        EXPECT_EQ(ErrorOf([&] { writer.Comment(text); }), "invalid text");
+        EXPECT_EQ(ErrorOf([&] { writer.Element("b", text); }), "invalid text");
+        EXPECT_EQ(ErrorOf([&] { writer.StartElement("b" + text); }).substr(0, 12), "invalid name");
+    }
     writer.Text("t");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("b", "1"); }),
               "attributes stand at the beginning of an element");
@@ -406,6 +454,17 @@ TEST(XmlXPathTest, ExpressionsAreCompiledOnceAndGiveEveryKind) {
     EXPECT_EQ(ErrorOf([&] { XmlXPathExpression("1 + 1").EvaluateNodes(root); }),
               "XPath: the result is no set of nodes");
     EXPECT_EQ(ErrorOf([] { XmlXPathExpression("a").EvaluateText(XmlElement()); }), "no element");
+
+    const XmlDocument large = XmlDocument::Parse("<r>" + Repeat("<a><b/></a>", 20'000) + "</r>");
+    const XmlXPathExpression costly("//a[count(//b) > 1]");
+    const XmlXPathExpression cheap("count(//a[b])");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(ErrorOf([&] { costly.EvaluateNodes(large.GetRoot()); }), "XPath: Operation limit exceeded");
+        EXPECT_TRUE(costly.EvaluateNodes(root).empty());
+        EXPECT_EQ(cheap.EvaluateNumber(large.GetRoot()), 20'000);
+    }
+    EXPECT_EQ(ErrorOf([] { XmlXPathExpression(Repeat("(", 10'000)); }).substr(0, 31),
+              "XPath: Recursion limit exceeded");
 }
 
 }  // namespace

@@ -15,12 +15,16 @@ namespace zarip::crypto {
 /// | `kPKCS1` | "BEGIN RSA PUBLIC KEY"   | "BEGIN RSA PRIVATE KEY"   |
 /// | `kPKCS8` | "BEGIN PUBLIC KEY"       | "BEGIN PRIVATE KEY"       |
 ///
-/// Text before the first key is skipped, what follows it is not read. Loading throws `CryptoException`:
-/// - "no public key in this text", "no private key in this text" where none begins
+/// Where several stand in a text the first of the kind asked for counts: the first block whose label ends
+/// with "PUBLIC KEY" or "PRIVATE KEY". Other blocks, such as certificates, and text around the blocks are
+/// skipped; what follows the key is not read. Loading throws `CryptoException`:
+/// - "no public key in this text", "no private key in this text" where no block is of that kind
 /// - "encrypted keys are not supported"
-/// - "invalid PEM text": no end, other characters than base64, a text of more than 64 KiB
+/// - "invalid PEM text": a block that does not end with its own label, other characters than base64, a text
+///   of more than 64 KiB
 /// - "invalid key encoding": not in the exact form that DER prescribes, or something behind the key
-/// - "unsupported key": of another algorithm, with more than two primes, or not of 1024 to 8192 bits
+/// - "unsupported key": of another algorithm ("EC PRIVATE KEY" for example), with more than two primes, or
+///   not of 1024 to 8192 bits
 /// - "invalid key": numbers that do not belong together
 class ZARIP_EXPORT KeyFactory {
 public:

@@ -46,7 +46,7 @@ public:
     std::vector<unsigned char> Encrypt(RsaEncryption encryption, const void* data, unsigned int length) const;
 
     /// Whether the holder of the private key has signed just these data. What is no signature at all is
-    /// false, too.
+    /// false, too, and so is everything where the key is too short for the digest.
     bool Verify(RsaSignature kind, RsaHash hash, const void* data, unsigned int length,
                 const unsigned char* signature, unsigned int signatureLength) const;
 
@@ -61,6 +61,9 @@ private:
 };
 
 /// Decrypts and signs. Copies share the key, which is in secure memory. *Thread-safe*, except for assignment.
+///
+/// To decrypt or to sign, libgcrypt copies the key to ordinary memory, which it frees without wiping it: what
+/// reads the memory of the process afterwards can find the key.
 class ZARIP_EXPORT RsaPrivateKey {
 public:
     explicit RsaPrivateKey(std::shared_ptr<const RsaKeyImpl> impl);

@@ -34,13 +34,16 @@ public:
     /// An element with a text and nothing else.
     void Element(const std::string& name, const std::string& text);
 
-    /// For the element that was started last, before anything is written into it.
+    /// For the element that was started last, before anything is written into it. A name "xmlns" or
+    /// "xmlns:..." is a declaration, as `Namespace` makes it.
     void Attribute(const std::string& name, const std::string& value);
 
     /// Declares a namespace, the same way. @param prefix  empty for the default one.
     void Namespace(const std::string& prefix, const std::string& uri);
 
     void Text(const std::string& text);
+
+    /// Divides the text into several sections where one could not hold it.
     void CData(const std::string& text);
     void Comment(const std::string& text);
 

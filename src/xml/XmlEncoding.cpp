@@ -1,0 +1,131 @@
+#include "xml/XmlEncoding.h"
+
+#include <strings.h>
+
+#include <algorithm>
+
+#include "zarip/xml/XmlException.h"
+
+namespace zarip::xml {
+
+namespace {
+
+constexpr const char* kPassed[] = {"UTF-8",    "UTF8",       "UTF-16",   "UTF-16LE",
+                                   "UTF-16BE", "ISO-8859-1", "US-ASCII", "ASCII"};
+constexpr std::string_view kStart = "<?xml";
+constexpr std::string_view kBlanks = " \t\r\n";
+
+bool StartsWith(std::string_view text, std::string_view start) {
+    return text.substr(0, start.size()) == start;
+}
+
+bool Passes(const std::string& name) {
+    return std::any_of(std::begin(kPassed), std::end(kPassed),
+                       [&name](const char* passed) { return ::strcasecmp(name.c_str(), passed) == 0; });
+}
+
+/// How the parser tells encodings that are not written in the text, by the first four bytes.
+const char* FindRefused(std::string_view head) {
+    using namespace std::string_view_literals;
+    if (head == "\x4C\x6F\xA7\x94"sv) {
+        return "EBCDIC";
+    }
+    const bool isWide =
+        StartsWith(head, "\0\0"sv) || head == "<\0\0\0"sv || head == "\0<\0\0"sv || head == "\xFF\xFE\0\0"sv;
+    return isWide ? "UCS-4" : nullptr;
+}
+
+}  // namespace
+
+bool XmlEncoding::Add(std::string_view piece) {
+    if (_state == kLooking) {
+        _size += piece.copy(_head + _size, kMaxHead - _size);
+        Look();
+    }
+    return _state != kRefused;
+}
+
+void XmlEncoding::Look() {
+    if (_size < 4) {
+        return;
+    }
+    if (const char* const refused = FindRefused({_head, 4})) {
+        _name = refused;
+        _state = kRefused;
+        return;
+    }
+    char decoded[kMaxHead];
+    const std::string_view text(decoded, Decode(decoded));
+    if (text.size() <= kStart.size()) {
+        _state = kStart.substr(0, text.size()) == text ? kLooking : kPassed;
+        return;
+    }
+    if (!StartsWith(text, kStart) || kBlanks.find(text[kStart.size()]) == std::string_view::npos) {
+        _state = kPassed;
+        return;
+    }
+    const std::size_t end = text.find("?>");
+    if (end != std::string_view::npos) {
+        LookAtDeclaration(text.substr(0, end));
+    } else if (_size == kMaxHead) {
+        _state = kRefused;
+    }
+}
+
+/// The head as ASCII, with '?' for all other characters and without the mark of the byte order.
+std::size_t XmlEncoding::Decode(char* text) const {
+    const auto at = [this](std::size_t i) { return static_cast<unsigned char>(_head[i]); };
+    const bool isBig = (at(0) == 0xFE && at(1) == 0xFF) || (at(0) == 0 && at(1) == '<');
+    const bool isLittle = (at(0) == 0xFF && at(1) == 0xFE) || (at(0) == '<' && at(1) == 0);
+    const std::size_t width = isBig || isLittle ? 2 : 1;
+    std::size_t begin = 0;
+    if (width == 2) {
+        begin = at(0) >= 0xFE ? 2 : 0;
+    } else if (at(0) == 0xEF && at(1) == 0xBB && at(2) == 0xBF) {
+        begin = 3;
+    }
+    std::size_t length = 0;
+    for (std::size_t i = begin; i + width <= _size; i += width) {
+        const unsigned int code = width == 1 ? at(i)
+                                  : isBig    ? at(i) * 256U + at(i + 1)
+                                             : at(i + 1) * 256U + at(i);
+        text[length++] = code != 0 && code < 0x80 ? static_cast<char>(code) : '?';
+    }
+    return length;
+}
+
+void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
+    constexpr std::string_view kKey = "encoding";
+    _state = kPassed;
+    for (std::size_t at = declaration.find(kKey); at != std::string_view::npos;
+         at = declaration.find(kKey, at)) {
+        at += kKey.size();
+        // What is not written as it must be is for the parser to refuse.
+        std::size_t begin = declaration.find_first_not_of(kBlanks, at);
+        if (begin == std::string_view::npos || declaration[begin] != '=') {
+            continue;
+        }
+        begin = declaration.find_first_not_of(kBlanks, begin + 1);
+        if (begin == std::string_view::npos || (declaration[begin] != '"' && declaration[begin] != '\'')) {
+            continue;
+        }
+        const std::size_t end = declaration.find(declaration[begin], begin + 1);
+        const std::string name(declaration.substr(begin + 1, end - begin - 1));
+        if (!Passes(name)) {
+            const std::string_view before = declaration.substr(0, begin + 1);
+            _name = name;
+            _line = 1 + static_cast<unsigned int>(std::count(before.begin(), before.end(), '\n'));
+            _column = static_cast<unsigned int>(before.size() - (before.rfind('\n') + 1)) + 1;
+            _state = kRefused;
+            return;
+        }
+    }
+}
+
+void XmlEncoding::Throw() const {
+    throw XmlException(
+        _name.empty() ? "the XML declaration is too long" : "encoding '" + _name + "' is not supported",
+        _line, _column);
+}
+
+}  // namespace zarip::xml
