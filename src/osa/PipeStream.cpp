@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +9,7 @@
 #include <string>
 
 #include "osa/Errors.h"
+#include "osa/FileCalls.h"
 #include "osa/UniqueFd.h"
 #include "osa/Wait.h"
 #include "zarip/osa/Process.h"
@@ -21,28 +20,6 @@ namespace {
 
 constexpr std::size_t kMaxKept = 16U << 20U;
 constexpr std::size_t kBlockSize = 16'384;
-
-/// write() without the SIGPIPE that comes when nobody reads: it is for this thread, so it is blocked
-/// meanwhile and taken away.
-ssize_t WriteQuietly(int fd, const char* data, std::size_t length) {
-    sigset_t pipe;
-    sigset_t pending;
-    sigset_t old;
-    ::sigemptyset(&pipe);
-    ::sigaddset(&pipe, SIGPIPE);
-    ::sigpending(&pending);
-    ::pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    const ssize_t result = ::write(fd, data, length);
-    const int error = errno;
-    if (result < 0 && error == EPIPE && ::sigismember(&pending, SIGPIPE) == 0) {
-        const timespec none{};
-        while (::sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
-        }
-    }
-    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = error;
-    return result;
-}
 
 void MakeNonBlocking(const UniqueFd& fd) {
     if (!fd.IsValid()) {
