@@ -50,7 +50,8 @@ void SkipScalingList(BitStreamReader& reader, int size) {
 }
 
 bool HasChromaFormat(unsigned int profile) {
-    for (const unsigned int known : {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135}) {
+    for (const unsigned int known :
+         {100U, 110U, 122U, 244U, 44U, 83U, 86U, 118U, 128U, 138U, 139U, 134U, 135U}) {
         if (profile == known) {
             return true;
         }

@@ -18,7 +18,7 @@ using std::string;
 string Header(unsigned int columns, unsigned int rows, const std::vector<unsigned int>& crop) {
     core::BitStreamWriter bits;
     bits.WriteBits(0x6742001E, 32);
-    for (const unsigned int value : {0, 0, 0, 0, 1}) {
+    for (const unsigned int value : {0U, 0U, 0U, 0U, 1U}) {
         bits.WriteUnsignedGolomb(value);
     }
     bits.WriteBit(false);

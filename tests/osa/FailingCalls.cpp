@@ -67,15 +67,17 @@ void SetClockBackForOneLook() {
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
-#define CAN_FAIL(function, parameters, arguments)                                                \
+#define CAN_FAIL_AS(specifier, function, parameters, arguments)                                  \
     __attribute__((weak)) int __interceptor_##function parameters;                               \
-    __attribute__((visibility("default"))) int function parameters noexcept {                    \
+    __attribute__((visibility("default"))) int function parameters specifier {                   \
         if (const FailingCall* call = FailingCall::Find(#function)) {                            \
             return call->Result();                                                               \
         }                                                                                        \
         static const auto behind = Behind<int parameters>(&__interceptor_##function, #function); \
         return behind arguments;                                                                 \
     }
+
+#define CAN_FAIL(function, parameters, arguments) CAN_FAIL_AS(noexcept, function, parameters, arguments)
 
 extern "C" {
 
@@ -93,7 +95,7 @@ CAN_FAIL(pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
          (thread, attributes, entry, argument))
 CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
-CAN_FAIL(pthread_setcancelstate, (int state, int* old), (state, old))
+CAN_FAIL_AS(, pthread_setcancelstate, (int state, int* old), (state, old))
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
          (thread, policy, parameter))
 

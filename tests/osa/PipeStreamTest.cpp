@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <iterator>
+#include <limits>
 #include <thread>
 
 #include "support/ErrorOf.h"
@@ -159,7 +160,9 @@ TEST(PipeStreamTest, TimesOut) {
     // The limit also ends what never waits.
     Program dribbling("exec yes", kForEver);
     dribbling.stream.SetTimeLimit(50);
-    EXPECT_EQ(FailureOf(dribbling.stream, [&] { dribbling.stream.ignore(1LL << 60); }), "Timeout");
+    EXPECT_EQ(FailureOf(dribbling.stream,
+                        [&] { dribbling.stream.ignore(std::numeric_limits<std::streamsize>::max()); }),
+              "Timeout");
     dribbling.stream.clear();
     dribbling.stream.SetTimeLimit(kForEver);
     EXPECT_NE(dribbling.stream.get(), EOF);
