@@ -3,7 +3,7 @@
 //   run-logged SECONDS PROGRAM [ARGUMENT]...
 //
 // Exit status: that of the program; 124 when it took too long, 128 + N when signal N ended it, 125 when it
-// cannot be run.
+// cannot be run. A signal that is to end us (SIGHUP, SIGINT, SIGTERM) goes to the program.
 
 #include <signal.h>
 
@@ -13,9 +13,13 @@
 #include <zarip/osa/PipeStream.h>
 #include <zarip/osa/Process.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 using zarip::core::Logger;
@@ -44,6 +48,46 @@ void LogLines(PipeStream& output, Logger& logger) {
     }
 }
 
+/// Signals that would end us and leave the program behind; blocked from the start on.
+const sigset_t& EndSignals() {
+    static const sigset_t signals = [] {
+        sigset_t result;
+        sigemptyset(&result);
+        for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+            sigaddset(&result, signal);
+        }
+        return result;
+    }();
+    return signals;
+}
+
+/// Hands them over to the program.
+class Forwarder {
+public:
+    explicit Forwarder(Process& process) : _thread([this, &process] { Forward(process); }) {}
+    Forwarder(const Forwarder&) = delete;
+    Forwarder& operator=(const Forwarder&) = delete;
+    ~Forwarder() {
+        _isDone = true;
+        ::pthread_kill(_thread.native_handle(), SIGTERM);
+        _thread.join();
+    }
+
+private:
+    void Forward(Process& process) {
+        for (int signal = 0; ::sigwait(&EndSignals(), &signal) == 0 && !_isDone;) {
+            try {
+                process.Kill(signal);
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "run-logged: %s\n", e.what());
+            }
+        }
+    }
+
+    std::atomic<bool> _isDone{false};
+    std::thread _thread;
+};
+
 int Run(unsigned int limitMs, const std::string& program, const std::vector<std::string>& arguments) {
     Logger& logger = *Logger::GetLogger(zarip::osa::PathUtils::GetName(program).c_str());
     Process::Options options;
@@ -51,11 +95,16 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
     options.output = Process::Redirect::Pipe();
     options.error = Process::Redirect::Output();
     options.ownGroup = true;  // what it starts itself ends with it
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(limitMs);
     Process process(program, arguments, options);
+    const Forwarder forwarder(process);
     PipeStream output(process, kNoLimit);
     output.SetTimeLimit(limitMs);
     LogLines(output, logger);
-    if (output.bad()) {
+    // It may also close its output and go on.
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (output.bad() || !process.Wait(static_cast<unsigned int>(std::max<long long>(left, 0)))) {
         logger.Warning("took longer than %u ms", limitMs);
         process.Kill(SIGTERM);
         if (!process.Wait(kGraceMs)) {
@@ -63,7 +112,6 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
         }
         return 124;
     }
-    process.Wait();
     const int signal = process.GetSignal();
     logger.Information("ended with %s %d", signal != 0 ? "signal" : "status",
                        signal != 0 ? signal : process.GetExitStatus());
@@ -73,11 +121,13 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
 }  // namespace
 
 int main(int argc, char** argv) {
-    const long seconds = argc > 2 ? std::strtol(argv[1], nullptr, 10) : 0;
-    if (seconds < 1 || seconds > 1'000'000) {
+    char* rest = nullptr;
+    const long seconds = argc > 2 ? std::strtol(argv[1], &rest, 10) : 0;
+    if (seconds < 1 || seconds > 1'000'000 || *rest != '\0') {
         std::fprintf(stderr, "usage: run-logged SECONDS PROGRAM [ARGUMENT]...\n");
         return 125;
     }
+    ::pthread_sigmask(SIG_BLOCK, &EndSignals(), nullptr);
     try {
         zarip::core::IniFile settings;
         settings.SetValue("log", "log.stdout", "true");

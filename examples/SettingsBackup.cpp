@@ -99,16 +99,13 @@ std::string ReadFile(const std::string& path) {
     return content;
 }
 
-/// A file that takes the place of an older one only when it is whole.
+/// A file that takes the place of an older one only when it is whole. An attempt that is interrupted leaves
+/// ".settings-backup-...".
 class NewFile {
 public:
     /// @param folder  not owned, or AT_FDCWD
-    NewFile(int folder, const std::string& name, const std::string& content)
-        : _folder(folder), _name(name), _temporary(Split(name).first + "." + Split(name).second + ".new") {
-        ::unlinkat(_folder, _temporary.c_str(), 0);  // of an attempt that was interrupted
-        const Fd file(
-            Check(::openat(_folder, _temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600),
-                  _temporary.c_str()));
+    NewFile(int folder, const std::string& name, const std::string& content) : _folder(folder), _name(name) {
+        const Fd file(Check(Open(), name.c_str()));
         try {
             for (std::size_t at = 0; at < content.size();) {
                 at += static_cast<std::size_t>(
@@ -135,9 +132,21 @@ public:
     }
 
 private:
+    /// Opens one that nobody has, neither among the files to be written nor beside them.
+    int Open() {
+        static unsigned int s_count = 0;
+        const std::string stem = Split(_name).first + ".settings-backup-" + std::to_string(::getpid()) + "-";
+        int fd = -1;
+        do {
+            _temporary = stem + std::to_string(s_count++);
+            fd = ::openat(_folder, _temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        } while (fd < 0 && errno == EEXIST);
+        return fd;
+    }
+
     const int _folder;
     const std::string _name;
-    const std::string _temporary;
+    std::string _temporary;
     bool _isPut = false;
 };
 

@@ -10,17 +10,17 @@
 namespace {
 
 using zarip::core::BitStreamReader;
+using zarip::osa::Exception;
 using Bytes = std::vector<unsigned char>;
 
 Bytes FromHex(const std::string& text) {
     Bytes bytes;
     for (std::size_t i = 0; i < text.size(); i += 2) {
-        std::size_t used = 0;
         const std::string digits = text.substr(i, 2);
-        bytes.push_back(static_cast<unsigned char>(std::stoi(digits, &used, 16)));
-        if (used != 2) {
-            throw zarip::osa::Exception("'%s' is no byte", digits.c_str());
+        if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos || digits.size() != 2) {
+            throw Exception("'" + digits + "' is no byte");
         }
+        bytes.push_back(static_cast<unsigned char>(std::stoi(digits, nullptr, 16)));
     }
     return bytes;
 }
@@ -41,20 +41,38 @@ Bytes Unescape(const Bytes& escaped) {
 }
 
 void SkipScalingList(BitStreamReader& reader, int size) {
-    int next = 8;
-    for (int last = 8, i = 0; i < size && next != 0; ++i) {
-        next = (last + reader.ReadSignedGolomb()) & 0xFF;
+    unsigned int next = 8;
+    unsigned int last = 8;
+    for (int i = 0; i < size && next != 0; ++i) {
+        next = (last + static_cast<unsigned int>(reader.ReadSignedGolomb())) & 0xFFU;
         last = next != 0 ? next : last;
     }
 }
 
 bool HasChromaFormat(unsigned int profile) {
-    for (const unsigned int known : {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135}) {
+    for (const unsigned int known :
+         {100U, 110U, 122U, 244U, 44U, 83U, 86U, 118U, 128U, 138U, 139U, 134U, 135U}) {
         if (profile == known) {
             return true;
         }
     }
     return false;
+}
+
+/// What is shown of a picture's width or height.
+/// @param blocks  of 16 lines each
+unsigned int Crop(unsigned long long blocks, unsigned long long first, unsigned long long last,
+                  unsigned int unit) {
+    constexpr unsigned long long kMaxBlocks = 4096;
+    const unsigned long long size = blocks * 16;
+    const unsigned long long cut = (first + last) * unit;
+    if (blocks > kMaxBlocks) {
+        throw Exception("a picture of %llu lines is too large", size);
+    }
+    if (cut >= size) {
+        throw Exception("nothing is left of %llu lines without %llu", size, cut);
+    }
+    return static_cast<unsigned int>(size - cut);
 }
 
 struct Header {
@@ -68,7 +86,7 @@ Header ReadHeader(const Bytes& bytes) {
     BitStreamReader reader(bytes.data(), bytes.size());
     reader.SkipBits(3);
     if (reader.ReadBits(5) != 7) {
-        throw zarip::osa::Exception("no sequence parameter set");
+        throw Exception("no sequence parameter set");
     }
     Header header{};
     header.profile = static_cast<unsigned int>(reader.ReadBits(8));
@@ -106,25 +124,23 @@ Header ReadHeader(const Bytes& bytes) {
     }
     reader.ReadUnsignedGolomb();  // reference frames
     reader.SkipBits(1);
-    const unsigned int columns = reader.ReadUnsignedGolomb() + 1;
-    const unsigned int rows = reader.ReadUnsignedGolomb() + 1;
+    const unsigned long long columns = reader.ReadUnsignedGolomb() + 1ULL;
+    const unsigned long long rows = reader.ReadUnsignedGolomb() + 1ULL;
     const unsigned int fields = reader.ReadBit() ? 1 : 2;
     if (fields == 2) {
         reader.SkipBits(1);
     }
     reader.SkipBits(1);
-    header.width = columns * 16;
-    header.height = rows * 16 * fields;
+    unsigned int cut[4] = {};  // left, right, top, bottom
     if (reader.ReadBit()) {
-        const unsigned int unitX = chromaFormat == 1 || chromaFormat == 2 ? 2 : 1;
-        const unsigned int unitY = (chromaFormat == 1 ? 2 : 1) * fields;
-        const unsigned int left = reader.ReadUnsignedGolomb();
-        const unsigned int right = reader.ReadUnsignedGolomb();
-        const unsigned int top = reader.ReadUnsignedGolomb();
-        const unsigned int bottom = reader.ReadUnsignedGolomb();
-        header.width -= (left + right) * unitX;
-        header.height -= (top + bottom) * unitY;
+        for (unsigned int& side : cut) {
+            side = reader.ReadUnsignedGolomb();
+        }
     }
+    const unsigned int unitX = chromaFormat == 1 || chromaFormat == 2 ? 2 : 1;
+    const unsigned int unitY = (chromaFormat == 1 ? 2 : 1) * fields;
+    header.width = Crop(columns, cut[0], cut[1], unitX);
+    header.height = Crop(rows * fields, cut[2], cut[3], unitY);
     return header;
 }
 

@@ -14,6 +14,7 @@
 
 #include "core/ReadBlocks.h"
 #include "core/Text.h"
+#include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
 #include "osa/UniqueFd.h"
 #include "zarip/core/StringUtil.h"
@@ -254,12 +255,20 @@ void IniFile::Save(const char* path) const {
         }
     }
     osa::FileReplacement replacement(target);
-    if (replaceable && replacement.Open(exists ? 0600 : 0666) && (!exists || replacement.TakeOver(old))) {
-        if (!replacement.Write(text)) {
+    if (replaceable && replacement.Open(exists ? 0600 : 0666)) {
+        if (!osa::WriteAll(replacement.GetFd(), text)) {
             failToWrite();
         }
-        if (replacement.Commit()) {
-            return;
+        if (!exists || replacement.TakeOver(old)) {
+            if (!osa::Synchronise(replacement.GetFd())) {
+                failToWrite();
+            }
+            if (replacement.Commit()) {
+                if (!replacement.SynchroniseFolder()) {
+                    failToWrite();
+                }
+                return;
+            }
         }
         // It cannot be replaced: another file system is mounted on it.
     }

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "osa/FileCalls.h"
+
 namespace zarip::osa {
 
 namespace {
@@ -31,21 +33,6 @@ std::string FollowLinks(const std::string& path) {
         result = name[0] == '/' ? name : FolderOf(result) + name;
     }
     return path;
-}
-
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t result = ::write(fd, text.data(), text.size());
-        if (result < 0 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(result > 0 ? static_cast<std::size_t>(result) : 0);
-    }
-    return true;
-}
-
-bool Synchronise(int fd) {
-    return ::fsync(fd) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
 }
 
 FileReplacement::FileReplacement(const std::string& target) : _target(target), _folder(FolderOf(target)) {}
@@ -84,24 +71,24 @@ bool FileReplacement::OpenLink(const std::string& content) {
     return MakeTemporary([&](const char* path) { return ::symlink(content.c_str(), path) == 0; });
 }
 
-bool FileReplacement::TakeOwner(const struct stat& old) {
+FileReplacement::Taken FileReplacement::TakeOwner(const struct stat& old) {
     // Only root may give files away; anybody else may still set a group of its own.
     if (::fchown(_file.Get(), old.st_uid, old.st_gid) == 0) {
-        return true;
+        return Taken::kBoth;
     }
-    const bool given = ::fchown(_file.Get(), static_cast<uid_t>(-1), old.st_gid) == 0;
-    static_cast<void>(given);
-    return false;
+    return ::fchown(_file.Get(), static_cast<uid_t>(-1), old.st_gid) == 0 ? Taken::kGroup : Taken::kNone;
 }
 
 bool FileReplacement::TakeOver(const struct stat& old) {
-    // Nobody else's program runs with another owner's rights.
-    const mode_t bits = TakeOwner(old) ? 07777 : 0777;
-    return ::fchmod(_file.Get(), old.st_mode & bits) == 0;
-}
-
-bool FileReplacement::Write(std::string_view text) {
-    return WriteAll(_file.Get(), text) && Synchronise(_file.Get());
+    mode_t mode = old.st_mode & 07777;
+    const Taken taken = TakeOwner(old);
+    if (taken != Taken::kBoth) {
+        mode &= 0777;  // nobody else's program runs with another owner's rights
+    }
+    if (taken == Taken::kNone) {
+        mode &= 0707 | ((mode & 07) << 3);  // nor may another group what not everybody may
+    }
+    return ::fchmod(_file.Get(), mode) == 0;
 }
 
 bool FileReplacement::Commit() {
@@ -109,13 +96,17 @@ bool FileReplacement::Commit() {
         return false;
     }
     _path.clear();
-    // It is done; a folder that cannot be synchronised keeps the old file or the new one after a crash.
-    const UniqueFd opened(
-        ::open(_folder.empty() ? "." : _folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.IsValid()) {
-        ::fsync(opened.Get());
-    }
     return true;
+}
+
+bool FileReplacement::SynchroniseFolder() const {
+    const UniqueFd folder(
+        ::open(_folder.empty() ? "." : _folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.IsValid()) {
+        ::sync();  // one that may be written but not read is part of everything
+        return true;
+    }
+    return Synchronise(folder.Get());
 }
 
 }  // namespace zarip::osa

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <string>
-#include <string_view>
 
 #include "osa/UniqueFd.h"
 
@@ -12,13 +11,6 @@ namespace zarip::osa {
 /// The path that a chain of symbolic links leads to, whether there is something or not; one that leads in
 /// circles stays as it is.
 std::string FollowLinks(const std::string& path);
-
-/// Writes all of it; false with errno.
-bool WriteAll(int fd, std::string_view text);
-
-/// Has the disk keep what was written; false with errno. A special file (a pipe, /dev/stdout) knows no
-/// synchronisation, which is no failure.
-bool Synchronise(int fd);
 
 /// A file that is made beside another and then takes its place in one step; unless it has, it is removed
 /// again. *One thread at a time.* Operations return false with errno.
@@ -35,19 +27,23 @@ public:
     /// Makes a symbolic link instead of a file.
     bool OpenLink(const std::string& content);
 
-    /// Takes over owner and group as far as that is allowed; true when it was both.
-    bool TakeOwner(const struct stat& old);
+    enum class Taken { kNone, kGroup, kBoth };
 
-    /// Takes over mode, owner and group.
+    /// Takes over owner and group as far as that is allowed.
+    Taken TakeOwner(const struct stat& old);
+
+    /// Takes over mode, owner and group, as far as nobody gets a right by it that he had not. After writing,
+    /// by which a file loses the set-id bits.
     bool TakeOver(const struct stat& old);
 
+    /// To write, and to synchronise: what takes a place has to be on the disk before.
     int GetFd() const { return _file.Get(); }
-
-    /// Writes and synchronises: what takes a place has to be on the disk before.
-    bool Write(std::string_view text);
 
     /// False also where the target cannot be replaced (another file system is mounted on it).
     bool Commit();
+
+    /// After `Commit`: only then the disk keeps it in its place. It is there also when this fails.
+    bool SynchroniseFolder() const;
 
 private:
     template <class Make>

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "osa/Errors.h"
+#include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
 #include "osa/ReadBlocks.h"
 #include "osa/UniqueFd.h"
@@ -152,7 +153,7 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
     } else {
         Fail("Couldn't move", from, EXDEV);
     }
-    if (!replacement.Commit()) {
+    if (!replacement.Commit() || !replacement.SynchroniseFolder()) {
         Fail("Couldn't write", to);
     }
     if (::unlink(from.c_str()) != 0 && errno != ENOENT) {
@@ -386,7 +387,7 @@ void FileUtils::Copy(const std::string& from, const std::string& to) {
     }
     CopyBlocks(source.Get(), replacement.GetFd(), from, to);
     if (::fchmod(replacement.GetFd(), status.st_mode & 0777) != 0 || !Synchronise(replacement.GetFd()) ||
-        !replacement.Commit()) {
+        !replacement.Commit() || !replacement.SynchroniseFolder()) {
         Fail("Couldn't write", to);
     }
 }
@@ -424,17 +425,29 @@ bool FileUtils::DeleteTree(const std::string& path) {
     return TreeDeleter(path, parent, name).Run();
 }
 
-std::string FileUtils::Read(const std::string& path) {
+std::string FileUtils::Read(const std::string& path, unsigned int maxSize) {
+    struct stat status {};
+    const UniqueFd file = OpenSource(path, 0, status);
+    const auto check = [&](off_t size) {
+        if (size > static_cast<off_t>(maxSize)) {
+            Fail("Couldn't read", path, EFBIG);
+        }
+    };
+    check(status.st_size);  // 0 for what the kernel makes while it is read
     std::string content;
-    if (!ReadBlocks(Checked(path), [&content](std::string_view block) { content += block; })) {
+    const bool isRead = ReadBlocks(file.Get(), [&](std::string_view block) {
+        check(static_cast<off_t>(content.size() + block.size()));
+        content += block;
+    });
+    if (!isRead) {
         Fail("Couldn't read", path);
     }
     return content;
 }
 
 void FileUtils::Write(const std::string& path, const std::string& content) {
-    const UniqueFd file(::open(Checked(path), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666));
-    if (!file.IsValid() || !WriteAll(file.Get(), content)) {
+    UniqueFd file = OpenAtOnce(Checked(path), O_WRONLY | O_CREAT | O_TRUNC);
+    if (!file.IsValid() || !WriteAll(file.Get(), content) || !Close(std::move(file))) {
         Fail("Couldn't write", path);
     }
 }
@@ -443,8 +456,9 @@ void FileUtils::WriteAtomically(const std::string& path, const std::string& cont
     struct stat old {};
     const bool exists = FindReplaceable(path, "Couldn't write", old);
     FileReplacement replacement(FollowLinks(path));
-    if (!replacement.Open(exists ? 0600 : 0666) || (exists && !replacement.TakeOver(old)) ||
-        !replacement.Write(content) || !replacement.Commit()) {
+    if (!replacement.Open(exists ? 0600 : 0666) || !WriteAll(replacement.GetFd(), content) ||
+        (exists && !replacement.TakeOver(old)) || !Synchronise(replacement.GetFd()) ||
+        !replacement.Commit() || !replacement.SynchroniseFolder()) {
         Fail("Couldn't write", path);
     }
 }

@@ -2,15 +2,16 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <time.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <string>
 
 #include "osa/Errors.h"
+#include "osa/FileCalls.h"
 #include "osa/UniqueFd.h"
 #include "osa/Wait.h"
 #include "zarip/osa/Process.h"
@@ -21,28 +22,6 @@ namespace {
 
 constexpr std::size_t kMaxKept = 16U << 20U;
 constexpr std::size_t kBlockSize = 16'384;
-
-/// write() without the SIGPIPE that comes when nobody reads: it is for this thread, so it is blocked
-/// meanwhile and taken away.
-ssize_t WriteQuietly(int fd, const char* data, std::size_t length) {
-    sigset_t pipe;
-    sigset_t pending;
-    sigset_t old;
-    ::sigemptyset(&pipe);
-    ::sigaddset(&pipe, SIGPIPE);
-    ::sigpending(&pending);
-    ::pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    const ssize_t result = ::write(fd, data, length);
-    const int error = errno;
-    if (result < 0 && error == EPIPE && ::sigismember(&pending, SIGPIPE) == 0) {
-        const timespec none{};
-        while (::sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
-        }
-    }
-    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = error;
-    return result;
-}
 
 void MakeNonBlocking(const UniqueFd& fd) {
     if (!fd.IsValid()) {
@@ -58,9 +37,11 @@ void MakeNonBlocking(const UniqueFd& fd) {
 
 class PipeStream::Buffer final : public std::streambuf {
 public:
-    Buffer(UniqueFd read, UniqueFd write, unsigned int timeoutSeconds, unsigned int bufferSize)
+    /// @param isOne  both are of the same file or connection.
+    Buffer(UniqueFd read, UniqueFd write, bool isOne, unsigned int timeoutSeconds, unsigned int bufferSize)
         : _read(std::move(read)),
           _write(std::move(write)),
+          _isOne(isOne),
           _timeoutMs(timeoutSeconds == kWaitForEver ? kNever : timeoutSeconds * 1'000LL),
           _bufferSize(std::max(bufferSize, 1U)),
           _sendBuffer(new char[_bufferSize]) {
@@ -87,10 +68,10 @@ public:
         try {
             SendPending();
         } catch (...) {
-            _write = UniqueFd();
+            EndWriting();
             throw;
         }
-        _write = UniqueFd();
+        EndWriting();
     }
 
     void Cancel() { _cancel.Cancel(); }
@@ -101,7 +82,7 @@ protected:
         return 0;
     }
 
-    std::streamsize showmanyc() override { return static_cast<std::streamsize>(_kept.size()); }
+    std::streamsize showmanyc() override { return static_cast<std::streamsize>(_keptSize); }
 
     int_type underflow() override {
         if (gptr() != egptr()) {
@@ -116,8 +97,9 @@ protected:
         }
         setg(nullptr, nullptr, nullptr);
         if (!_kept.empty()) {
-            _received.swap(_kept);
-            _kept.clear();
+            _received.swap(_kept.front());
+            _kept.pop_front();
+            _keptSize -= _received.size();
         } else {
             _received.resize(_bufferSize);
             const std::size_t length = Receive();
@@ -213,7 +195,7 @@ private:
                 throw BrokenPipe();
             } else if (sent < 0 && errno == EAGAIN) {
                 // Whoever has to answer takes nothing while nobody reads the answer.
-                canKeep = canKeep && _kept.size() < kMaxKept;
+                canKeep = canKeep && _keptSize < kMaxKept;
                 Wait({_write.Get(), POLLOUT}, {canKeep ? _read.Get() : -1, POLLIN}, until);
                 canKeep = canKeep && Keep();
             } else if (errno != EINTR) {
@@ -224,11 +206,21 @@ private:
 
     /// Reads what is there; false when nothing more is to be expected.
     bool Keep() {
-        const std::size_t size = _kept.size();
-        _kept.resize(size + kBlockSize);
-        const ssize_t length = ::read(_read.Get(), &_kept[size], kBlockSize);
-        _kept.resize(size + static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-        return length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR));
+        if (_kept.empty() || _kept.back().size() == kBlockSize) {
+            _kept.emplace_back().reserve(kBlockSize);
+        }
+        std::string& block = _kept.back();
+        const std::size_t size = block.size();
+        block.resize(kBlockSize);
+        const ssize_t length = ::read(_read.Get(), &block[size], kBlockSize - size);
+        const int error = errno;
+        const std::size_t more = static_cast<std::size_t>(std::max<ssize_t>(length, 0));
+        block.resize(size + more);
+        _keptSize += more;
+        if (block.empty()) {
+            _kept.pop_back();
+        }
+        return length > 0 || (length < 0 && (error == EAGAIN || error == EINTR));
     }
 
     /// Returns 0 at the end.
@@ -247,14 +239,23 @@ private:
         }
     }
 
+    void EndWriting() {
+        if (_isOne && _write.IsValid()) {
+            ::shutdown(_write.Get(), SHUT_WR);  // only a socket has such an end
+        }
+        _write = UniqueFd();
+    }
+
     UniqueFd _read;
     UniqueFd _write;
+    const bool _isOne;
     const MonotonicMs _timeoutMs;
     MonotonicMs _limit = kNever;
     const unsigned int _bufferSize;
     const std::unique_ptr<char[]> _sendBuffer;
-    std::string _received;  // what is being read
-    std::string _kept;      // what comes behind it
+    std::string _received;          // what is being read
+    std::deque<std::string> _kept;  // what comes behind it, in blocks that go as they are read
+    std::size_t _keptSize = 0;
     CancelEvent _cancel;
 };
 
@@ -264,11 +265,15 @@ PipeStream::PipeStream(Process& process, unsigned int timeoutSeconds, unsigned i
 PipeStream::PipeStream(int readFd, int writeFd, unsigned int timeoutSeconds, unsigned int bufferSize)
     : std::iostream(nullptr) {
     UniqueFd read(readFd);
-    UniqueFd write(writeFd);
+    const bool isOne = readFd == writeFd && read.IsValid();
+    UniqueFd write(isOne ? ::fcntl(readFd, F_DUPFD_CLOEXEC, 0) : writeFd);
+    if (isOne && !write.IsValid()) {
+        ThrowIOErrno("fcntl failed");
+    }
     if (!read.IsValid() && !write.IsValid()) {
         throw IOException("Pipe is not open");
     }
-    _buffer = std::make_unique<Buffer>(std::move(read), std::move(write), timeoutSeconds, bufferSize);
+    _buffer = std::make_unique<Buffer>(std::move(read), std::move(write), isOne, timeoutSeconds, bufferSize);
     rdbuf(_buffer.get());
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "osa/Errors.h"
+#include "osa/FileCalls.h"
 #include "osa/ProcessStart.h"
 #include "osa/UniqueFd.h"
 #include "osa/Wait.h"
@@ -64,8 +65,7 @@ Pipe MakePipe() {
 }
 
 UniqueFd OpenFile(const std::string& path, int flags) {
-    return AboveStandard(UniqueFd(::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, 0666)), "Couldn't open",
-                         path);
+    return AboveStandard(OpenAtOnce(path.c_str(), flags), "Couldn't open", path);
 }
 
 void CheckText(const std::string& text) {
@@ -251,6 +251,10 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
     }
 
     report.write = UniqueFd();
+    if (plan.isDone) {
+        // No waiting for the end of the pipe, which whoever forks meanwhile keeps open.
+        ::fcntl(report.read.Get(), F_SETFL, O_NONBLOCK);
+    }
     StartFailure failure{};
     ssize_t length = 0;
     do {

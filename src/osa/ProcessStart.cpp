@@ -7,7 +7,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 namespace zarip::osa {
@@ -15,7 +17,7 @@ namespace zarip::osa {
 namespace {
 
 constexpr unsigned int kFirstOther = 3;
-constexpr rlim_t kMaxDescriptors = 65'536;
+constexpr rlim_t kUsualMaxDescriptors = 1U << 20U;  // fs.nr_open
 
 #ifdef SYS_close_range
 constexpr long kCloseRange = SYS_close_range;
@@ -30,24 +32,15 @@ void CloseOnExec(unsigned int fd) {
     }
 }
 
-/// Has all descriptors but the standard streams closed when the program is executed.
-void CloseOthersOnExec() {
-    if (::syscall(kCloseRange, kFirstOther, ~0U, kCloseOnExec) == 0) {
-        return;
-    }
-    // Before Linux 5.11. By system calls only: opendir allocates.
+/// By system calls only, as all that runs in there: opendir allocates. False when not all could be listed.
+bool CloseListedOnExec() {
     const int folder = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
-        rlimit limit{};
-        ::getrlimit(RLIMIT_NOFILE, &limit);
-        for (unsigned int fd = kFirstOther; fd < limit.rlim_cur && fd < kMaxDescriptors; ++fd) {
-            CloseOnExec(fd);
-        }
-        return;
+        return false;
     }
     constexpr long kLengthAt = 16;  // of linux_dirent64
     constexpr long kNameAt = 19;
-    char entries[1024];
+    alignas(8) char entries[1024];
     long size = 0;
     while ((size = ::syscall(SYS_getdents64, folder, entries, sizeof entries)) > 0) {
         for (long at = 0; at < size;) {
@@ -60,6 +53,22 @@ void CloseOthersOnExec() {
             std::memcpy(&length, entries + at + kLengthAt, sizeof length);
             at += length;
         }
+    }
+    return size == 0;
+}
+
+/// Has all descriptors but the standard streams closed when the program is executed.
+void CloseOthersOnExec() {
+    if (::syscall(kCloseRange, kFirstOther, ~0U, kCloseOnExec) == 0 || CloseListedOnExec()) {
+        return;
+    }
+    // Before Linux 5.11 and without /proc: slow, but all, as far as a process can get. Some may be beyond a
+    // limit that was lowered later.
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t end = std::clamp<rlim_t>(limit.rlim_max, kUsualMaxDescriptors, INT_MAX);
+    for (unsigned int fd = kFirstOther; fd < end; ++fd) {
+        CloseOnExec(fd);
     }
 }
 
@@ -84,7 +93,8 @@ int Execute(const ProcessPlan& plan) {
     return result;
 }
 
-[[noreturn]] void Run(const ProcessPlan& plan) {
+[[noreturn]] void Run(ProcessPlan& plan) {
+    plan.isDone = true;
     struct sigaction standard {};
     standard.sa_handler = SIG_DFL;
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -109,7 +119,7 @@ int Execute(const ProcessPlan& plan) {
 }
 
 /// On its own, as what shares the memory must not leave its caller's variables changed.
-__attribute__((noinline)) pid_t Fork(const ProcessPlan& plan) {
+__attribute__((noinline)) pid_t Fork(ProcessPlan& plan) {
     const pid_t pid = ::vfork();
     if (pid == 0) {
         Run(plan);
@@ -119,7 +129,7 @@ __attribute__((noinline)) pid_t Fork(const ProcessPlan& plan) {
 
 }  // namespace
 
-pid_t StartProcess(const ProcessPlan& plan) {
+pid_t StartProcess(ProcessPlan& plan) {
     // A handler of ours must not run in there, nor may this thread be cancelled meanwhile.
     sigset_t all;
     sigset_t old;

@@ -14,6 +14,11 @@ struct ProcessPlan {
     int streams[3];      // 3 and above, or -1 to stay; the last may be 1
     int report;          // 3 and above, closed when a program is executed; a failure is written there
     bool ownGroup;
+
+    /// Set by the new process where its memory is ours: then `StartProcess` returned when it was done, and a
+    /// failure that is to be reported has been. Emulators and sanitizers give it memory of its own and run
+    /// on.
+    volatile bool isDone;
 };
 
 struct StartFailure {
@@ -23,6 +28,6 @@ struct StartFailure {
 
 /// Makes the process; -1 with errno. It shares the memory until it executes the program, so nothing is
 /// copied, and no handler of pthread_atfork runs.
-pid_t StartProcess(const ProcessPlan& plan);
+pid_t StartProcess(ProcessPlan& plan);
 
 }  // namespace zarip::osa

@@ -11,16 +11,13 @@
 
 namespace zarip::osa {
 
-/// Hands a file to `take`, block by block; false, with errno, when it cannot be opened or read to its end.
+/// Hands what is left of a file to `take`, block by block; false, with errno, when it cannot be read to its
+/// end.
 template <class Take>
-bool ReadBlocks(const char* path, Take take) {
-    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!file.IsValid()) {
-        return false;
-    }
+bool ReadBlocks(int file, Take take) {
     char block[16'384];
     for (;;) {
-        const ssize_t length = ::read(file.Get(), block, sizeof block);
+        const ssize_t length = ::read(file, block, sizeof block);
         if (length > 0) {
             take(std::string_view(block, static_cast<std::size_t>(length)));
         } else if (length == 0) {
@@ -29,6 +26,13 @@ bool ReadBlocks(const char* path, Take take) {
             return false;
         }
     }
+}
+
+/// The same for a whole file; false also when it cannot be opened.
+template <class Take>
+bool ReadBlocks(const char* path, Take take) {
+    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    return file.IsValid() && ReadBlocks(file.Get(), take);
 }
 
 }  // namespace zarip::osa

@@ -28,6 +28,8 @@ TEST(RunLoggedTest, LogsLinesAndPassesTheEndOn) {
         {"echo begun; (trap '' TERM; echo child; exec sleep 1000)",
          124,
          {"begun", "child", "took longer than 1000 ms"}},
+        {"echo quiet; exec sleep 1000 >&- 2>&-", 124, {"quiet", "took longer than 1000 ms"}},
+        {"echo begun; exec sleep 1000", 143, {"begun", "ended with signal 15"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.script);
@@ -41,6 +43,9 @@ TEST(RunLoggedTest, LogsLinesAndPassesTheEndOn) {
             const std::size_t mark = line.find("] :: ");
             EXPECT_NE(line.find(" sh ["), string::npos) << line;
             messages.push_back(mark == string::npos ? line : line.substr(mark + 5));
+            if (row.status == 143) {
+                program.Kill();
+            }
         }
         EXPECT_TRUE(output.eof());  // nobody is left who could write
         EXPECT_EQ(messages, row.messages);

@@ -83,6 +83,15 @@ TEST(SettingsBackupTest, FilesComeBackAndLinksAreNotFollowed) {
     EXPECT_EQ(folder.Read("out" + settings), folder.Read("settings.ini"));
     EXPECT_EQ(RunBackup("restore " + archive + " " + folder.File("out")), 0) << "over what is there";
 
+    // Names that the program might have used for itself.
+    folder.Write(".backup.new", "mine");
+    const std::string temporary = folder.Write(".settings.ini.new", "other settings");
+    ASSERT_EQ(RunBackup("save " + folder.File("backup") + " " + settings + " " + temporary), 0);
+    EXPECT_EQ(folder.Read(".backup.new"), "mine");
+    ASSERT_EQ(RunBackup("restore " + folder.File("backup") + " " + folder.File("both")), 0);
+    EXPECT_EQ(folder.Read("both" + settings), folder.Read("settings.ini"));
+    EXPECT_EQ(folder.Read("both" + temporary), "other settings");
+
     // The first folder of the name is a link out of the target.
     const std::string first = settings.substr(1, settings.find('/', 1) - 1);
     fs::create_directory(folder.File("trap"));

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -66,15 +67,17 @@ void SetClockBackForOneLook() {
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
-#define CAN_FAIL(function, parameters, arguments)                                                \
+#define CAN_FAIL_AS(specifier, function, parameters, arguments)                                  \
     __attribute__((weak)) int __interceptor_##function parameters;                               \
-    __attribute__((visibility("default"))) int function parameters noexcept {                    \
+    __attribute__((visibility("default"))) int function parameters specifier {                   \
         if (const FailingCall* call = FailingCall::Find(#function)) {                            \
             return call->Result();                                                               \
         }                                                                                        \
         static const auto behind = Behind<int parameters>(&__interceptor_##function, #function); \
         return behind arguments;                                                                 \
     }
+
+#define CAN_FAIL(function, parameters, arguments) CAN_FAIL_AS(noexcept, function, parameters, arguments)
 
 extern "C" {
 
@@ -92,6 +95,7 @@ CAN_FAIL(pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
          (thread, attributes, entry, argument))
 CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
+CAN_FAIL_AS(, pthread_setcancelstate, (int state, int* old), (state, old))
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
          (thread, policy, parameter))
 
@@ -110,6 +114,27 @@ __attribute__((visibility("default"))) int pthread_cond_clockwait(pthread_cond_t
     static const auto behind = Behind<decltype(pthread_cond_clockwait)>(&__interceptor_pthread_cond_clockwait,
                                                                         "pthread_cond_clockwait");
     return behind(condition, mutex, clock, end);
+}
+
+// Folders only.
+__attribute__((weak)) int __interceptor_fsync(int fd);
+__attribute__((visibility("default"))) int fsync(int fd) {
+    struct stat status {};
+    const FailingCall* const call = FailingCall::Find("fsync");
+    if (call != nullptr && ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        return call->Result();
+    }
+    static const auto behind = Behind<int(int)>(&__interceptor_fsync, "fsync");
+    return behind(fd);
+}
+
+// It fails as that of a file system does, which closes all the same.
+__attribute__((weak)) int __interceptor_close(int fd);
+__attribute__((visibility("default"))) int close(int fd) {
+    static const auto behind = Behind<int(int)>(&__interceptor_close, "close");
+    const int result = behind(fd);
+    const FailingCall* const call = FailingCall::Find("close");
+    return call != nullptr ? call->Result() : result;
 }
 
 __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {

@@ -1,5 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include "support/SmallStack.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "zarip/core/IniFile.h"
 #include "zarip/osa/FileUtils.h"
 #include "zarip/osa/Process.h"
 
@@ -40,6 +43,7 @@ string Failed(const string& what, const string& path, const string& why) {
 }
 const string kNotThere = "2): No such file or directory";
 const string kIsFolder = "21): Is a directory";
+const string kBroken = "5): Input/output error";
 const string kInvalid = "22): Invalid argument";
 
 TEST(FileUtilsTest, TellsWhatIsThere) {
@@ -146,6 +150,38 @@ TEST(FileUtilsTest, ReadsAndWrites) {
     EXPECT_EQ(ErrorOf([&] { FileUtils::Write("/no/file", ""); }), Failed("write", "/no/file", kNotThere));
     EXPECT_EQ(ErrorOf([&] { FileUtils::Write("/dev/full", "x"); }),
               Failed("write", "/dev/full", "28): No space left on device"));
+    const FailingCall quota("close", -1, [] { errno = EDQUOT; });
+    EXPECT_EQ(ErrorOf([&] { FileUtils::Write(path, "x"); }),
+              Failed("write", path, "122): Disk quota exceeded"));
+}
+
+// Nor until the memory is full.
+TEST(FileUtilsTest, NeitherReadsNorWritesForEver) {
+    const TempDir folder;
+    const string fifo = folder.File("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const string& path : {fifo, string("/dev/zero")}) {
+        EXPECT_EQ(ErrorOf([&] { FileUtils::Read(path); }), Failed("read", path, kInvalid));
+    }
+    const string file = folder.Write("file", "12345");
+    EXPECT_EQ(FileUtils::Read(file, 5), "12345");
+    for (const string& path : {file, string("/proc/self/status")}) {
+        EXPECT_EQ(ErrorOf([&] { FileUtils::Read(path, 4); }), Failed("read", path, "27): File too large"));
+    }
+
+    EXPECT_EQ(ErrorOf([&] { FileUtils::Write(fifo, "x"); }),
+              Failed("write", fifo, "6): No such device or address"));
+    // A reader who goes does not end the process.
+    const auto handler = ::signal(SIGPIPE, SIG_DFL);
+    pollfd reader = {::open(fifo.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK), POLLIN, 0};
+    std::thread writer([&] {
+        EXPECT_EQ(ErrorOf([&] { FileUtils::Write(fifo, string(1U << 20U, 'x')); }),
+                  Failed("write", fifo, "32): Broken pipe"));
+    });
+    EXPECT_EQ(::poll(&reader, 1, -1), 1);
+    ::close(reader.fd);
+    writer.join();
+    ::signal(SIGPIPE, handler);
 }
 
 TEST(FileUtilsTest, Copies) {
@@ -228,6 +264,11 @@ TEST(FileUtilsTest, MovesAlsoToOtherFileSystems) {
         const test::FileSizeLimit fullDisk(100);
         EXPECT_EQ(ErrorOf([&] { FileUtils::Move(file, other + "/moved"); }),
                   Failed("write", other + "/moved", "27): File too large"));
+    }
+    {
+        const FailingCall broken("fsync", -1, [] { errno = EIO; });
+        EXPECT_EQ(ErrorOf([&] { FileUtils::Move(file, other + "/moved"); }),
+                  Failed("write", other + "/moved", kBroken));
     }
     EXPECT_EQ(folder.Read("file").size(), 1'000U);
     EXPECT_EQ(FileUtils::List(other), (Names{"link", "moved"}));
@@ -387,6 +428,56 @@ TEST(FileUtilsTest, WritesAtomically) {
     EXPECT_EQ(folder.Read("file"), "new");
     EXPECT_EQ(FileUtils::List(folder.Path()), (Names{"chain", "dangling", "fifo", "file", "sub"}));
     EXPECT_EQ(FileUtils::List(folder.File("sub")), (Names{"link", "target"}));
+}
+
+TEST(FileUtilsTest, TellsThatTheFolderIsNotOnTheDisk) {
+    const TempDir folder;
+    const string path = folder.Write("file", "old");
+    int error = EIO;
+    const FailingCall broken("fsync", -1, [&] { errno = error; });
+    EXPECT_EQ(ErrorOf([&] { FileUtils::WriteAtomically(path, "new"); }), Failed("write", path, kBroken));
+    EXPECT_EQ(folder.Read("file"), "new");
+    EXPECT_EQ(ErrorOf([&] { FileUtils::Copy(path, folder.File("copy")); }),
+              Failed("write", folder.File("copy"), kBroken));
+    core::IniFile ini;
+    EXPECT_EQ(ErrorOf([&] { ini.Save(path.c_str()); }), "Couldn't write file " + path);
+    error = EINVAL;  // a file system that does not know that
+    FileUtils::WriteAtomically(path, "newer");
+    EXPECT_EQ(FileUtils::List(folder.Path()), (Names{"copy", "file"}));
+}
+
+// Writing costs a file its set-id bits, and a group that cannot be kept has had rights of its own.
+TEST(FileUtilsTest, GivesNobodyMoreRights) {
+    const TempDir folder;
+    const uid_t self = ::geteuid();
+    if (self != 0) {
+        GTEST_SKIP() << "cannot become another user";
+    }
+    constexpr uid_t kNobody = 65'534;
+    constexpr gid_t kOther = 12'345;
+    fs::permissions(folder.Path(), fs::perms(0777));
+    const struct {
+        uid_t owner;
+        gid_t group;
+        mode_t mode, expected;
+    } rows[] = {
+        {kNobody, ::getegid(), 06'754, 06'754},
+        {kNobody, kOther, 0664, 0644},
+        {kNobody, kOther, 06'754, 0744},
+        {0, ::getegid(), 06'776, 0776},
+        {0, kOther, 0662, 0622},
+    };
+    for (const auto& row : rows) {
+        const string path = folder.Write("file", "old");
+        ASSERT_EQ(::chown(path.c_str(), row.owner, row.group), 0);
+        ASSERT_EQ(::chmod(path.c_str(), row.mode), 0);
+        ASSERT_EQ(::seteuid(kNobody), 0);
+        const string error = ErrorOf([&] { FileUtils::WriteAtomically(path, "new"); });
+        ASSERT_EQ(::seteuid(self), 0);
+        EXPECT_EQ(error, "no exception");
+        EXPECT_EQ(ModeOf(path), row.expected) << std::oct << row.mode;
+        fs::remove(path);
+    }
 }
 
 TEST(FileUtilsTest, KeepsFilesThatMayNotBeWritten) {

@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <iterator>
@@ -73,6 +75,11 @@ TEST(PipeStreamTest, TalksWithAProgram) {
     EXPECT_EQ(program.process.GetExitStatus(), 0);
 }
 
+std::size_t BytesInUse() {
+    const auto info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 // Either side would wait for the other to read when both pipes are full.
 TEST(PipeStreamTest, MuchGoesBothWaysWithoutReadingInBetween) {
     string text;
@@ -80,10 +87,37 @@ TEST(PipeStreamTest, MuchGoesBothWaysWithoutReadingInBetween) {
         text += std::to_string(i) + (i % 100 == 0 ? "\n" : " ");
     }
     Program program("cat", 60);
+    const std::size_t before = BytesInUse();
     program.stream << text.substr(0, 10) << text.substr(10);
     program.stream.CloseWrite();
     EXPECT_TRUE(program.ReadAll() == text);
     EXPECT_FALSE(program.stream.bad());
+    EXPECT_LT(BytesInUse(), before + (1U << 20U));  // what has been read is not kept
+}
+
+// A terminal's or a socket's.
+TEST(PipeStreamTest, ReadsAndWritesByOneDescriptor) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    PipeStream other(fds[1], fds[1]);
+    string text;
+    int taken = -1;
+    {
+        PipeStream stream(fds[0], fds[0]);
+        stream << "question\n" << std::flush;
+        other << "answer\n" << std::flush;
+        EXPECT_TRUE(std::getline(other, text));
+        EXPECT_EQ(text, "question");
+        stream.CloseWrite();
+        EXPECT_FALSE(std::getline(other, text));
+        EXPECT_TRUE(other.eof());
+        EXPECT_TRUE(std::getline(stream, text));
+        EXPECT_EQ(text, "answer");
+        taken = ::fcntl(0, F_DUPFD_CLOEXEC, 3);  // not one that is still to be closed
+    }
+    EXPECT_EQ(::fcntl(fds[0], F_GETFD), -1);
+    EXPECT_NE(::fcntl(taken, F_GETFD), -1);
+    ::close(taken);
 }
 
 TEST(PipeStreamTest, DestructionSendsWhatIsLeft) {
@@ -126,7 +160,9 @@ TEST(PipeStreamTest, TimesOut) {
     // The limit also ends what never waits.
     Program dribbling("exec yes", kForEver);
     dribbling.stream.SetTimeLimit(50);
-    EXPECT_EQ(FailureOf(dribbling.stream, [&] { dribbling.stream.ignore(std::numeric_limits<std::streamsize>::max() / 2); }), "Timeout");
+    EXPECT_EQ(FailureOf(dribbling.stream,
+                        [&] { dribbling.stream.ignore(std::numeric_limits<std::streamsize>::max()); }),
+              "Timeout");
     dribbling.stream.clear();
     dribbling.stream.SetTimeLimit(kForEver);
     EXPECT_NE(dribbling.stream.get(), EOF);

@@ -5,16 +5,21 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <thread>
 
+#include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
 #include "support/SmallStack.h"
 #include "support/TempDir.h"
@@ -88,6 +93,21 @@ TEST(ProcessTest, RedirectsStreams) {
     options.input = Redirect::File(folder.File("in"));
     EXPECT_EQ(OutputOf("sh", script, options), "input\nerror\n");
 
+    // Nobody writes to it, and then somebody does.
+    ASSERT_EQ(::mkfifo(folder.File("fifo").c_str(), 0600), 0);
+    options.input = Redirect::File(folder.File("fifo"));
+    EXPECT_EQ(OutputOf("sh", script, options), "error\n");
+    const int fifo = ::open(folder.File("fifo").c_str(), O_RDWR | O_CLOEXEC);
+    options.input = Redirect::File(folder.File("fifo"));
+    options.output = Redirect::Pipe();
+    {
+        Process head("head", {"-n", "1"}, options);
+        PipeStream fromHead(head, 30);
+        EXPECT_EQ(::write(fifo, "line\n", 5), 5);  // it waits for that
+        EXPECT_EQ(string(std::istreambuf_iterator<char>(fromHead), {}), "line\n");
+    }
+    ::close(fifo);
+
     options.output = options.error = Redirect::Pipe();
     Process apart("sh", {"-c", "echo one; echo two >&2"}, options);
     PipeStream output(apart);
@@ -130,6 +150,10 @@ TEST(ProcessTest, FailsToStart) {
     badFolder.folder = folder.File("none");
     Process::Options badFile;
     badFile.output = Redirect::File("/no/file");
+    const string fifo = folder.File("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    Process::Options badFifo;
+    badFifo.output = Redirect::Append(fifo);
     Process::Options badFd;
     badFd.input = Redirect::Descriptor(12'345);
     Process::Options badKind;
@@ -150,6 +174,7 @@ TEST(ProcessTest, FailsToStart) {
         {"true", badFolder,
          "Couldn't change to folder '" + folder.File("none") + "': errno(2): No such file or directory"},
         {"true", badFile, "Couldn't open '/no/file': errno(2): No such file or directory"},
+        {"true", badFifo, "Couldn't open '" + fifo + "': errno(6): No such device or address"},
         {"true", badFd, "Couldn't open '12345': errno(9): Bad file descriptor"},
         {"true", badKind, "Invalid parameter"},
         {"true", badName, "Invalid parameter"},
@@ -210,24 +235,33 @@ TEST(ProcessTest, ProgramsInheritNeitherDescriptorsNorSignals) {
     test::OnSmallStack([] { ExpectTidyPrograms(); });
 }
 
-TEST(ProcessTest, ManagesOnOldKernels) {
-    const Untidy untidy;
-    std::thread old([] {
-        // For this thread and its programs there is no such system call.
-        const auto refuse = static_cast<unsigned int>(SECCOMP_RET_ERRNO) | ENOSYS;
-        sock_filter filter[] = {
-            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 436, 1, 0),  // close_range
-            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 434, 0, 1),  // pidfd_open
-            BPF_STMT(BPF_RET | BPF_K, refuse),
-            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        };
-        const sock_fprog program = {5, filter};
+/// Runs an action on a thread that has not some of the system calls, nor have its programs.
+void Without(const std::vector<unsigned int>& calls, const std::function<void()>& action) {
+    std::thread old([&] {
+        std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+        for (const unsigned int call : calls) {
+            filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+            filter.push_back(
+                BPF_STMT(BPF_RET | BPF_K, static_cast<unsigned int>(SECCOMP_RET_ERRNO) | ENOSYS));
+        }
+        filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+        const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
         if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
             ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
             GTEST_SKIP() << "cannot filter system calls";
         }
-        ASSERT_EQ(::syscall(434, ::getpid(), 0), -1);
+        action();
+    });
+    old.join();
+}
+
+constexpr unsigned int kCloseRange = 436;
+constexpr unsigned int kPidFdOpen = 434;
+
+TEST(ProcessTest, ManagesOnOldKernels) {
+    const Untidy untidy;
+    Without({kCloseRange, kPidFdOpen}, [] {
+        ASSERT_EQ(::syscall(kPidFdOpen, ::getpid(), 0), -1);
         ExpectTidyPrograms();
         Process process("sleep", {"1000"});
         EXPECT_FALSE(process.Wait(0));
@@ -236,7 +270,56 @@ TEST(ProcessTest, ManagesOnOldKernels) {
         EXPECT_TRUE(process.Wait());
         EXPECT_EQ(process.GetSignal(), SIGTERM);
     });
-    old.join();
+}
+
+// Where the system does not list them either, and one is beyond the limit.
+TEST(ProcessTest, ProgramsInheritNoDescriptorsWhateverTheirNumbers) {
+    rlimit old{};
+    ::getrlimit(RLIMIT_NOFILE, &old);
+    const rlimit all = {old.rlim_max, old.rlim_max};
+    const rlimit few = {200, old.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &all);
+    const int low = ::fcntl(2, F_DUPFD, 3);
+    const int high = ::fcntl(2, F_DUPFD, static_cast<int>(std::min<rlim_t>(old.rlim_max, 100'001) - 1));
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    EXPECT_GT(high, 200);
+    Without({kCloseRange, SYS_getdents64}, [&] {
+        const string script = "for fd in 1 " + std::to_string(low) + " " + std::to_string(high) +
+                              "; do [ ! -e /proc/self/fd/$fd ] || echo $fd; done";
+        EXPECT_EQ(OutputOf("sh", {"-c", script}), "1\n");
+    });
+    ::setrlimit(RLIMIT_NOFILE, &old);
+    ::close(low);
+    ::close(high);
+}
+
+// Another thread's, at the worst moment.
+TEST(ProcessTest, DoesNotWaitForAForkedProcess) {
+    volatile bool isShared = false;
+    const pid_t child = ::vfork();
+    if (child == 0) {
+        isShared = true;
+        ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    if (!isShared) {
+        GTEST_SKIP() << "vfork is fork here";
+    }
+    pid_t forked = -1;
+    {
+        const FailingCall fork("pthread_setcancelstate", 0, [&] {
+            forked = forked < 0 ? ::fork() : forked;
+            if (forked == 0) {
+                ::pause();
+            }
+        });
+        Process process("true", {});
+        EXPECT_TRUE(process.Wait());
+        EXPECT_EQ(ErrorOf([] { Process("/no/program", {}); }),
+                  "Couldn't start '/no/program': errno(2): No such file or directory");
+    }
+    ::kill(forked, SIGKILL);
+    EXPECT_EQ(::waitpid(forked, nullptr, 0), forked);
 }
 
 // Where there is no standard stream, neither a file of ours nor a pipe takes its place.

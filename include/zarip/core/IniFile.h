@@ -42,7 +42,8 @@ public:
     /// Replaces the file in one step, so that a reader or a power cut meets the old or the new content,
     /// whole; mode and, where permitted, owner stay. Where the folder cannot be written the file is truncated
     /// and written in place. Throws "Couldn't open file " + path + " for writing" and, leaving the old file
-    /// unless it was written in place, "Couldn't write file " + path.
+    /// unless it was written in place or only the folder could not be synchronised, "Couldn't write file " +
+    /// path.
     void Save(const char* path) const;
 
     /// Each form that saves throws "IniFile: line feed in a group name", "... in a key" or "... in a value"

@@ -47,8 +47,8 @@ public:
     static void Copy(const std::string& from, const std::string& to);
 
     /// Renames a file, a folder or a link, and replaces a file or link, or an empty folder by a folder. To
-    /// another file system it copies a file with its owner and times, or a link, and then deletes it; a
-    /// folder does not go there: errno 18 (EXDEV).
+    /// another file system it copies a file with its mode, times and, if permitted, owner, or a link, and
+    /// deletes it when the copy is on the disk; a folder does not go there: errno 18 (EXDEV).
     static void Move(const std::string& from, const std::string& to);
 
     /// Deletes a file, a link or an empty folder; false when there is none.
@@ -60,16 +60,24 @@ public:
     /// grows with the depth, descriptors and stack do not. "/", "." and ".." at the end are "Invalid path".
     static bool DeleteTree(const std::string& path);
 
-    static std::string Read(const std::string& path);
+    /// The content of a file, also of one of /proc or /sys. Anything else is refused, so that nobody waits
+    /// for the other end of a named pipe: errno 22 (EINVAL), 21 (EISDIR) for a folder.
+    /// @param maxSize  in bytes; a larger file is errno 27 (EFBIG).
+    static std::string Read(const std::string& path, unsigned int maxSize = 64U << 20U);
 
-    /// Writes in place, so that after a failure a part is there. For pipes and devices, and for what may be
-    /// lost.
+    /// Writes in place, so that after a failure a part is there, and does not wait for the disk. For named
+    /// pipes and devices, and for what may be lost. A pipe that nobody reads is errno 6 (ENXIO), one whose
+    /// reader goes meanwhile errno 32 (EPIPE), without SIGPIPE; a reader who takes nothing is waited for.
     static void Write(const std::string& path, const std::string& content);
 
     /// Replaces a file in one step: whatever happens, it has the old content or the new, and from the return
-    /// on the new content is on the disk. The file keeps its mode and, if permitted, its owner; a symbolic
-    /// link keeps being one, the file behind it is replaced. What is no file, or may not be written, is
-    /// refused. After a crash a file ".zarip-<number>-<number>.tmp" may be left beside it.
+    /// on the new content is on the disk. When it throws because the folder cannot be synchronised (errno 5,
+    /// EIO), the new content is in its place, but a power cut may bring the old one back.
+    ///
+    /// The file keeps its mode and, if permitted, its owner and group; what its group may and others may not
+    /// is not passed on to another group, nor the set-id bits to another owner. A symbolic link keeps being
+    /// one, the file behind it is replaced; other hard links keep the old content. What is no file, or may
+    /// not be written, is refused. After a crash a file ".zarip-<number>-<number>.tmp" may be left beside it.
     static void WriteAtomically(const std::string& path, const std::string& content);
 };
 

@@ -18,10 +18,11 @@ class Process;
 /// others write is the end of file. No operation raises SIGPIPE.
 ///
 /// A program that answers may be written to without reading in between: while it takes nothing, up to 16 MiB
-/// of what it says are kept for reading; beyond that the time-out counts. Reading sends first what waits in
-/// the buffer, so that the program has got what it is to answer. One that answers when its input ends gets
-/// that by `CloseWrite`. Errors that go to a pipe of their own need a stream and a thread of their own, or
-/// the program stops when that pipe is full: `Process::Redirect::Output` has them come with the output.
+/// of what it says are kept until they are read; beyond that the time-out counts. Reading sends first what
+/// waits in the buffer, so that the program has got what it is to answer. One that answers when its input
+/// ends gets that by `CloseWrite`. Errors that go to a pipe of their own need a stream and a thread of their
+/// own, or the program stops when that pipe is full: `Process::Redirect::Output` has them come with the
+/// output.
 class ZARIP_EXPORT PipeStream : public std::iostream {
 public:
     /// Takes what the program has of pipes for input and output; throws `IOException` "Pipe is not open" when
@@ -29,7 +30,8 @@ public:
     explicit PipeStream(Process& process, unsigned int timeoutSeconds = 5, unsigned int bufferSize = 4096);
 
     /// @param readFd, writeFd  *takes ownership*, also when it throws, and makes them non-blocking; -1 for
-    ///     none.
+    ///     none. One descriptor for both, of a terminal or a socket, is owned once; the end of file that
+    ///     `CloseWrite` means is then told by a socket only.
     /// @param timeoutSeconds  0xFFFFFFFF waits without limit.
     /// @param bufferSize  bytes of the buffer for reading and of that for writing.
     PipeStream(int readFd, int writeFd, unsigned int timeoutSeconds = 5, unsigned int bufferSize = 4096);

@@ -15,6 +15,9 @@ namespace zarip::osa {
 /// blocked or ignored, as some are in our processes. It inherits user, umask, limits and the priority of the
 /// starting thread.
 ///
+/// What is forked meanwhile without executing a program has the other ends of its pipes, too, so that their
+/// ends of file come late.
+///
 /// Nobody else waits for it: `waitpid(-1)`, or ignoring SIGCHLD, costs its exit status, which is then not
 /// known.
 class ZARIP_EXPORT Process {
@@ -32,7 +35,9 @@ public:
         /// A pipe, whose other end a `PipeStream` takes.
         static Redirect Pipe();
 
-        /// A file, counted from the caller's folder: read as input, replaced as output.
+        /// A file, counted from the caller's folder: read as input, replaced as output. Nobody is waited for
+        /// at the other end of a named pipe: as output it is errno 6 (ENXIO) unless somebody reads it, as
+        /// input it ends at once unless somebody writes it. To wait, open it and hand over the descriptor.
         static Redirect File(const std::string& path);
 
         /// A file that output is appended to.
