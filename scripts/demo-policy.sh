@@ -33,10 +33,10 @@ make_accounts() {
     as_outsider=(setpriv --reuid "$client_user" --regid "$client_user" --clear-groups)
     # What they cannot reach, such as a build in somebody's home, they cannot run.
     local status=0
-    refusal=$("${as_service[@]}" "$folder/examples/security-service" 2>&1) || status=$?
+    refusal=$("${as_service[@]}" "$programs/security-service" 2>&1) || status=$?
     [ "$status" -eq 2 ] || return 1  # it has told its usage
-    refusal=$({ "${as_client[@]}" "$folder/stage/bin/zarip-bus" --help && "${as_client[@]}" ls -d "$shared/." &&
-        "${as_client[@]}" cat examples/web/index.html; } 2>&1 >/dev/null)
+    refusal=$({ "${as_client[@]}" "$zarip_bus" --help && "${as_client[@]}" ls -d "$shared/." &&
+        "${as_client[@]}" cat "$page"; } 2>&1 >/dev/null)
 }
 
 # remove_accounts: nothing may run as them any more.
@@ -59,7 +59,7 @@ remove_accounts() {
 guarded_bus() {
     mkdir "$temp/system.d"
     local policy
-    for policy in "$folder"/stage/share/dbus-1/system.d/*.conf; do
+    for policy in "$policies"/*.conf; do
         sed "s/user=\"zarip-[a-z]*\"/user=\"$service_user\"/; s/group=\"zarip\"/group=\"$group\"/" "$policy" \
             >"$temp/system.d/${policy##*/}"
     done
@@ -99,7 +99,7 @@ show_policies() {
         "$(outcome "${as_outsider[@]}" "$zarip_bus" call security GetNonce)" \
         "exit status 1: zarip-bus: DBUS call *::Introspect failed: Rejected send message*destination=\"$security\"*"
     step "The outsider calls without asking what there is: security-client users" \
-        "$(outcome "${as_outsider[@]}" "$folder/examples/security-client" users)" \
+        "$(outcome "${as_outsider[@]}" "$programs/security-client" users)" \
         "exit status 1: security-client: DBUS call $security::GetUsers failed: Rejected send message*"
     step "The outsider wants to own the service's name: gdbus call ... RequestName $security" \
         "$(outcome "${as_outsider[@]}" gdbus call --system --dest org.freedesktop.DBus --object-path / \
@@ -108,7 +108,7 @@ show_policies() {
 
     # The watching client has registered when the monitor shows it, and the bus has dealt with the forged signal when the
     # monitor shows that: the genuine one comes behind it.
-    "${as_client[@]}" "$folder/examples/security-client" watch >"$temp/watch.log" 2>&1 </dev/null &
+    "${as_client[@]}" "$programs/security-client" watch >"$temp/watch.log" 2>&1 </dev/null &
     pids[watch]=$!
     wait_for_line "$monitor_pid" "$temp/monitor.log" ".*\"member\":\"AddMatch\".*UsersChanged"
     "${as_outsider[@]}" gdbus emit --system --object-path "$path" --signal "$security.UsersChanged" false
