@@ -1,5 +1,5 @@
-#include <cstdio>
 #include <zarip/core/IniFile.h>
+#include <cstdio>
 #include <zarip/interfaces/ISecurityProvider>
 struct Security final : zarip::interfaces::ISecurityProvider {
     std::string GetUsers() const override { return "alice"; }
