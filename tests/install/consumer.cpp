@@ -1,6 +1,8 @@
-#include <zarip/core/IniFile.h>
 #include <cstdio>
+
+#include <zarip/core/IniFile.h>
 #include <zarip/interfaces/ISecurityProvider>
+
 struct Security final : zarip::interfaces::ISecurityProvider {
     std::string GetUsers() const override { return "alice"; }
 };
