@@ -64,10 +64,13 @@ void XmlEncoding::Look() {
         _state = kPassed;
         return;
     }
+    // Not only once the end is there: behind the encoding the parser reads in it, and may find an end that
+    // is written otherwise.
     const std::size_t end = text.find("?>");
-    if (end != std::string_view::npos) {
-        LookAtDeclaration(text.substr(0, end));
-    } else if (_size == kMaxHead) {
+    LookAtDeclaration(text.substr(0, end));
+    if (_state == kLooking && end != std::string_view::npos) {
+        _state = kPassed;
+    } else if (_state == kLooking && _size == kMaxHead) {
         _state = kRefused;
     }
 }
@@ -96,7 +99,6 @@ std::size_t XmlEncoding::Decode(char* text) const {
 
 void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
     constexpr std::string_view kKey = "encoding";
-    _state = kPassed;
     for (std::size_t at = declaration.find(kKey); at != std::string_view::npos;
          at = declaration.find(kKey, at)) {
         at += kKey.size();
@@ -110,8 +112,11 @@ void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
             continue;
         }
         const std::size_t end = declaration.find(declaration[begin], begin + 1);
+        if (end == std::string_view::npos) {
+            continue;
+        }
         const std::string name(declaration.substr(begin + 1, end - begin - 1));
-        if (!Passes(name)) {
+        if (!name.empty() && !Passes(name)) {
             const std::string_view before = declaration.substr(0, begin + 1);
             _name = name;
             _line = 1 + static_cast<unsigned int>(std::count(before.begin(), before.end(), '\n'));

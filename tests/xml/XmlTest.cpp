@@ -208,6 +208,10 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
          "encoding 'UTF-7' is not supported (line 1, column 31)"},
         {"<?xml version='1.0'\n encoding = \"ISO-2022-JP\" ?><r><b" + Numbered(" a", "=\x1B(B''", 60'000),
          "encoding 'ISO-2022-JP' is not supported (line 2, column 14)"},
+        {"<?xml version='1.0' encoding='UTF-7'+AD8-+AD4-<r>+AD0-</r>",  // its end is in UTF-7, too
+         "encoding 'UTF-7' is not supported (line 1, column 31)"},
+        {"<?xml version='1.0' encoding=''?><r/>", "Invalid XML encoding name (line 1, column 31)"},
+        {"<?xml version='1.0' encoding='UTF-7?><r/>", ""},
         {"<?xml version='1.0'" + string(1'024, ' ') + "encoding='UTF-7'?><r/>",
          "the XML declaration is too long (line 1, column 1)"},
         {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
