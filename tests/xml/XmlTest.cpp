@@ -232,6 +232,17 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
             texts.emplace_back(Wide(text), error);
         }
     }
+    // Not in what they say that they are in.
+    for (const auto& [text, name] :
+         {std::pair<string, string>{"\xEF\xBB\xBF<?xml version='1.0' encoding='", "ISO-8859-1"},
+          {"<?xml version='1.0' encoding='", "UTF-16LE"},
+          {Wide("<?xml version='1.0' encoding='"), "UTF-16BE"},
+          {Wide("<?xml version='1.0' encoding='", true), "utf-16le"}}) {
+        const string end = name + "'?><r/>";
+        texts.emplace_back(
+            text + (text[1] == '\xFE' || text[1] == '\xFF' ? Wide(end, text[0] == '\xFE').substr(2) : end),
+            "encoding '" + name + "' is not that of the document (line 1, column 31)");
+    }
     // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
     texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
     for (const string& wide : {string("\0\0\0<", 4), string("<\0\0\0", 4), string("\xFF\xFE\0\0", 4)}) {
@@ -267,6 +278,8 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
           string("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='yes'?><r>\xC3\xA9</r>"),
           string("<?xml-stylesheet encoding='UTF-7'?><r>\xC3\xA9</r>"), Wide("<r>&#233;</r>"),
           Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>", true),
+          Wide("<?xml version='1.0' encoding='UTF-16LE'?><r>&#xE9;</r>"),
+          Wide("<?xml version='1.0' encoding='UTF-8'?><r>&#xE9;</r>"),
           Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>").substr(2)}) {
         EXPECT_EQ(XmlDocument::Parse(text).GetRoot().GetText(), "\xC3\xA9") << text;
         std::istringstream stream(text);
