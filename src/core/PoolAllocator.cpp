@@ -118,8 +118,10 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
 
     void Give(Index block) { ListOf(OwnGroup()).Push(_next, block); }
 
+    static unsigned int ListOf(unsigned int group, unsigned int lists) { return lists >> (2 * group) & 3U; }
+
     FreeList& ListOf(unsigned int group) {
-        return _lists[_listOfGroup[group].load(std::memory_order_relaxed)];
+        return _lists[ListOf(group, _listsOfGroups.load(std::memory_order_relaxed))];
     }
 
     Index TakeElsewhere(unsigned int own) {
@@ -150,15 +152,19 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
         }
     }
 
-    /// Gives the group that list, and its own one to the group that has it.
+    /// Gives the group that list, and its own one to the group that has it; nothing where another exchanges
+    /// at the same moment. In one step, or two groups would share a list for good and leave another to
+    /// nobody.
     void Prefer(unsigned int group, unsigned int list) {
-        const unsigned char old = _listOfGroup[group].load(std::memory_order_relaxed);
-        for (std::atomic<unsigned char>& other : _listOfGroup) {
-            if (other.load(std::memory_order_relaxed) == list) {
-                other.store(old, std::memory_order_relaxed);
+        unsigned int lists = _listsOfGroups.load(std::memory_order_relaxed);
+        const unsigned int difference = ListOf(group, lists) ^ list;
+        unsigned int exchanged = lists;
+        for (unsigned int other = 0; other < kLists; ++other) {
+            if (other == group || ListOf(other, lists) == list) {
+                exchanged ^= difference << (2 * other);
             }
         }
-        _listOfGroup[group].store(static_cast<unsigned char>(list), std::memory_order_relaxed);
+        _listsOfGroups.compare_exchange_strong(lists, exchanged, std::memory_order_relaxed);
     }
 
     const std::size_t _blockSize;
@@ -167,7 +173,7 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
     const int _shift = internal::IsPowerOfTwo(_blockSize) ? __builtin_ctzll(_blockSize) : 0;
     std::unique_ptr<unsigned char[], AlignedDelete> _memory;
     Successors _next;
-    std::atomic<unsigned char> _listOfGroup[kLists] = {{0}, {1}, {2}, {3}};
+    std::atomic<unsigned int> _listsOfGroups{0U | 1U << 2U | 2U << 4U | 3U << 6U};  ///< two bits for each
     FreeList _lists[kLists];
     alignas(kCacheLine) std::atomic<Index> _fresh{0};
     std::atomic<unsigned long long> _failed{0};

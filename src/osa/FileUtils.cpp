@@ -433,7 +433,9 @@ std::string FileUtils::Read(const std::string& path, unsigned int maxSize) {
             Fail("Couldn't read", path, EFBIG);
         }
     };
-    check(status.st_size);  // 0 for what the kernel makes while it is read
+    if (status.st_blocks != 0) {
+        check(status.st_size);  // what the kernel makes while it is read says 0, or 4096, and has no blocks
+    }
     std::string content;
     const bool isRead = ReadBlocks(file.Get(), [&](std::string_view block) {
         check(static_cast<off_t>(content.size() + block.size()));

@@ -10,8 +10,24 @@ namespace zarip::xml {
 
 namespace {
 
-constexpr const char* kPassed[] = {"UTF-8",    "UTF8",       "UTF-16",   "UTF-16LE",
-                                   "UTF-16BE", "ISO-8859-1", "US-ASCII", "ASCII"};
+/// How ASCII stands in a document.
+enum Form : unsigned int { kBytes = 1, kMarkedBytes = 2, kBigEndian = 4, kLittleEndian = 8 };
+
+/// What may be declared, and with which forms. UTF-8 with all: documents in UTF-16 often say so, and are read
+/// as UTF-16. What else contradicts itself would be read wrong, or in two ways, one behind the other.
+constexpr struct {
+    const char* name;
+    unsigned int forms;
+} kPassed[] = {
+    {"UTF-8", kBytes | kMarkedBytes | kBigEndian | kLittleEndian},
+    {"UTF8", kBytes | kMarkedBytes | kBigEndian | kLittleEndian},
+    {"UTF-16", kBigEndian | kLittleEndian},
+    {"UTF-16BE", kBigEndian},
+    {"UTF-16LE", kLittleEndian},
+    {"ISO-8859-1", kBytes},
+    {"US-ASCII", kBytes | kMarkedBytes},
+    {"ASCII", kBytes | kMarkedBytes},
+};
 constexpr std::string_view kStart = "<?xml";
 constexpr std::string_view kBlanks = " \t\r\n";
 
@@ -19,9 +35,26 @@ bool StartsWith(std::string_view text, std::string_view start) {
     return text.substr(0, start.size()) == start;
 }
 
-bool Passes(const std::string& name) {
-    return std::any_of(std::begin(kPassed), std::end(kPassed),
-                       [&name](const char* passed) { return ::strcasecmp(name.c_str(), passed) == 0; });
+/// The forms that the encoding passes with; 0 for any other encoding.
+unsigned int FormsOf(const std::string& name) {
+    for (const auto& passed : kPassed) {
+        if (::strcasecmp(name.c_str(), passed.name) == 0) {
+            return passed.forms;
+        }
+    }
+    return 0;
+}
+
+/// By the first four bytes.
+Form FormOf(std::string_view head) {
+    using namespace std::string_view_literals;
+    if (StartsWith(head, "\xFE\xFF"sv) || StartsWith(head, "\0<"sv)) {
+        return kBigEndian;
+    }
+    if (StartsWith(head, "\xFF\xFE"sv) || StartsWith(head, "<\0"sv)) {
+        return kLittleEndian;
+    }
+    return StartsWith(head, "\xEF\xBB\xBF"sv) ? kMarkedBytes : kBytes;
 }
 
 /// How the parser tells encodings that are not written in the text, by the first four bytes.
@@ -64,10 +97,13 @@ void XmlEncoding::Look() {
         _state = kPassed;
         return;
     }
+    // Not only once the end is there: behind the encoding the parser reads in it, and may find an end that
+    // is written otherwise.
     const std::size_t end = text.find("?>");
-    if (end != std::string_view::npos) {
-        LookAtDeclaration(text.substr(0, end));
-    } else if (_size == kMaxHead) {
+    LookAtDeclaration(text.substr(0, end));
+    if (_state == kLooking && end != std::string_view::npos) {
+        _state = kPassed;
+    } else if (_state == kLooking && _size == kMaxHead) {
         _state = kRefused;
     }
 }
@@ -75,20 +111,14 @@ void XmlEncoding::Look() {
 /// The head as ASCII, with '?' for all other characters and without the mark of the byte order.
 std::size_t XmlEncoding::Decode(char* text) const {
     const auto at = [this](std::size_t i) { return static_cast<unsigned char>(_head[i]); };
-    const bool isBig = (at(0) == 0xFE && at(1) == 0xFF) || (at(0) == 0 && at(1) == '<');
-    const bool isLittle = (at(0) == 0xFF && at(1) == 0xFE) || (at(0) == '<' && at(1) == 0);
-    const std::size_t width = isBig || isLittle ? 2 : 1;
-    std::size_t begin = 0;
-    if (width == 2) {
-        begin = at(0) >= 0xFE ? 2 : 0;
-    } else if (at(0) == 0xEF && at(1) == 0xBB && at(2) == 0xBF) {
-        begin = 3;
-    }
+    const Form form = FormOf({_head, _size});
+    const std::size_t width = form == kBigEndian || form == kLittleEndian ? 2 : 1;
+    const std::size_t begin = form == kMarkedBytes ? 3 : width == 2 && at(0) >= 0xFE ? 2 : 0;
     std::size_t length = 0;
     for (std::size_t i = begin; i + width <= _size; i += width) {
-        const unsigned int code = width == 1 ? at(i)
-                                  : isBig    ? at(i) * 256U + at(i + 1)
-                                             : at(i + 1) * 256U + at(i);
+        const unsigned int code = width == 1           ? at(i)
+                                  : form == kBigEndian ? at(i) * 256U + at(i + 1)
+                                                       : at(i + 1) * 256U + at(i);
         text[length++] = code != 0 && code < 0x80 ? static_cast<char>(code) : '?';
     }
     return length;
@@ -96,7 +126,6 @@ std::size_t XmlEncoding::Decode(char* text) const {
 
 void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
     constexpr std::string_view kKey = "encoding";
-    _state = kPassed;
     for (std::size_t at = declaration.find(kKey); at != std::string_view::npos;
          at = declaration.find(kKey, at)) {
         at += kKey.size();
@@ -110,10 +139,15 @@ void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
             continue;
         }
         const std::size_t end = declaration.find(declaration[begin], begin + 1);
+        if (end == std::string_view::npos) {
+            continue;
+        }
         const std::string name(declaration.substr(begin + 1, end - begin - 1));
-        if (!Passes(name)) {
+        const unsigned int forms = FormsOf(name);
+        if (!name.empty() && (forms & FormOf({_head, _size})) == 0) {
             const std::string_view before = declaration.substr(0, begin + 1);
             _name = name;
+            _isContradiction = forms != 0;
             _line = 1 + static_cast<unsigned int>(std::count(before.begin(), before.end(), '\n'));
             _column = static_cast<unsigned int>(before.size() - (before.rfind('\n') + 1)) + 1;
             _state = kRefused;
@@ -123,9 +157,9 @@ void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
 }
 
 void XmlEncoding::Throw() const {
-    throw XmlException(
-        _name.empty() ? "the XML declaration is too long" : "encoding '" + _name + "' is not supported",
-        _line, _column);
+    const char* const error = _isContradiction ? "' is not that of the document" : "' is not supported";
+    throw XmlException(_name.empty() ? "the XML declaration is too long" : "encoding '" + _name + error,
+                       _line, _column);
 }
 
 }  // namespace zarip::xml

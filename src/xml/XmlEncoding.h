@@ -8,7 +8,8 @@ namespace zarip::xml {
 
 /// Looks at the beginning of a document for its encoding, before the parser does. UTF-8, UTF-16, ISO 8859-1
 /// and US-ASCII pass: in all of them every ASCII character is that byte, alone or beside a zero. Others could
-/// hide from who counts such bytes, and would have iconv run on what strangers send. *One thread at a time.*
+/// hide from who counts such bytes, and would have iconv run on what strangers send. One that the document is
+/// obviously not in is refused as well. *One thread at a time.*
 class XmlEncoding {
 public:
     static constexpr std::size_t kMaxHead = 1'024;
@@ -33,6 +34,7 @@ private:
     char _head[kMaxHead];
     std::size_t _size = 0;
     std::string _name;  ///< of the encoding that is refused; empty when the declaration is too long
+    bool _isContradiction = false;
     unsigned int _line = 1;
     unsigned int _column = 1;
 };

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -168,6 +169,10 @@ TEST(FileUtilsTest, NeitherReadsNorWritesForEver) {
     for (const string& path : {file, string("/proc/self/status")}) {
         EXPECT_EQ(ErrorOf([&] { FileUtils::Read(path, 4); }), Failed("read", path, "27): File too large"));
     }
+    const string online = "/sys/devices/system/cpu/online";  // says that it has 4096 bytes
+    string line;
+    EXPECT_TRUE(std::getline(std::ifstream(online), line));
+    EXPECT_EQ(FileUtils::Read(online, 200), line + "\n");
 
     EXPECT_EQ(ErrorOf([&] { FileUtils::Write(fifo, "x"); }),
               Failed("write", fifo, "6): No such device or address"));

@@ -208,6 +208,10 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
          "encoding 'UTF-7' is not supported (line 1, column 31)"},
         {"<?xml version='1.0'\n encoding = \"ISO-2022-JP\" ?><r><b" + Numbered(" a", "=\x1B(B''", 60'000),
          "encoding 'ISO-2022-JP' is not supported (line 2, column 14)"},
+        {"<?xml version='1.0' encoding='UTF-7'+AD8-+AD4-<r>+AD0-</r>",  // its end is in UTF-7, too
+         "encoding 'UTF-7' is not supported (line 1, column 31)"},
+        {"<?xml version='1.0' encoding=''?><r/>", "Invalid XML encoding name (line 1, column 31)"},
+        {"<?xml version='1.0' encoding='UTF-7?><r/>", ""},
         {"<?xml version='1.0'" + string(1'024, ' ') + "encoding='UTF-7'?><r/>",
          "the XML declaration is too long (line 1, column 1)"},
         {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
@@ -227,6 +231,17 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         if (text.find('\xFF') == string::npos) {
             texts.emplace_back(Wide(text), error);
         }
+    }
+    // Not in what they say that they are in.
+    for (const auto& [text, name] :
+         {std::pair<string, string>{"\xEF\xBB\xBF<?xml version='1.0' encoding='", "ISO-8859-1"},
+          {"<?xml version='1.0' encoding='", "UTF-16LE"},
+          {Wide("<?xml version='1.0' encoding='"), "UTF-16BE"},
+          {Wide("<?xml version='1.0' encoding='", true), "utf-16le"}}) {
+        const string end = name + "'?><r/>";
+        texts.emplace_back(
+            text + (text[1] == '\xFE' || text[1] == '\xFF' ? Wide(end, text[0] == '\xFE').substr(2) : end),
+            "encoding '" + name + "' is not that of the document (line 1, column 31)");
     }
     // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
     texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
@@ -263,6 +278,8 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
           string("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='yes'?><r>\xC3\xA9</r>"),
           string("<?xml-stylesheet encoding='UTF-7'?><r>\xC3\xA9</r>"), Wide("<r>&#233;</r>"),
           Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>", true),
+          Wide("<?xml version='1.0' encoding='UTF-16LE'?><r>&#xE9;</r>"),
+          Wide("<?xml version='1.0' encoding='UTF-8'?><r>&#xE9;</r>"),
           Wide("<?xml version='1.0' encoding='UTF-16'?><r>&#xE9;</r>").substr(2)}) {
         EXPECT_EQ(XmlDocument::Parse(text).GetRoot().GetText(), "\xC3\xA9") << text;
         std::istringstream stream(text);

@@ -15,9 +15,10 @@ namespace zarip::xml {
 /// and attributes that a document declares are refused ("entity declarations are not allowed", "attribute
 /// declarations are not allowed"), elements may be nested 256 deep and have some thousand attributes ("too
 /// many attributes"). So a document takes memory and time in proportion to its length and no more. It is in
-/// UTF-8, UTF-16, ISO-8859-1 or US-ASCII ("encoding '...' is not supported"), and its XML declaration has
-/// 1024 bytes at most ("the XML declaration is too long"). Whatever is wrong, a prefix without a namespace
-/// included, throws `XmlException` with line and column.
+/// UTF-8, UTF-16, ISO-8859-1 or US-ASCII ("encoding '...' is not supported", or "is not that of the document"
+/// when its first bytes show another), and its XML declaration has 1024 bytes at most ("the XML declaration
+/// is too long"). Whatever is wrong, a prefix without a namespace included, throws `XmlException` with line
+/// and column.
 class ZARIP_EXPORT XmlDocument {
 public:
     /// A new document with an empty root element.
