@@ -9,6 +9,7 @@
 // restored to.
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -37,10 +38,16 @@ std::pair<std::string, std::string> Split(const std::string& path) {
 /// Does not show what is typed, as long as it lives.
 class HiddenInput {
 public:
-    HiddenInput() : _isTerminal(::tcgetattr(STDIN_FILENO, &_before) == 0) {
+    HiddenInput() : _isTerminal(::tcgetattr(STDIN_FILENO, &s_before) == 0) {
         if (_isTerminal) {
+            struct sigaction action {};
+            action.sa_handler = &HiddenInput::Interrupt;
+            action.sa_flags = static_cast<int>(SA_RESETHAND);
+            for (const int signal : kSignals) {
+                ::sigaction(signal, &action, nullptr);
+            }
             std::fprintf(stderr, "Pass phrase: ");
-            termios hidden = _before;
+            termios hidden = s_before;
             hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
             ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
         }
@@ -49,14 +56,25 @@ public:
     HiddenInput& operator=(const HiddenInput&) = delete;
     ~HiddenInput() {
         if (_isTerminal) {
-            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &_before);
+            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &s_before);
             std::fprintf(stderr, "\n");
+            for (const int signal : kSignals) {
+                ::signal(signal, SIG_DFL);
+            }
         }
     }
 
 private:
-    termios _before{};
-    bool _isTerminal;
+    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGQUIT};
+
+    /// The signal ends the program, and the terminal shows again what is typed.
+    static void Interrupt(int signal) {
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &s_before);
+        ::raise(signal);
+    }
+
+    static inline termios s_before;
+    const bool _isTerminal;
 };
 
 SecureBuffer ReadLine(int fd) {

@@ -1,8 +1,11 @@
 #include "../../examples/common/SettingsArchive.h"
 
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -104,6 +107,32 @@ TEST(SettingsBackupTest, FilesComeBackAndLinksAreNotFollowed) {
     EXPECT_FALSE(fs::exists(folder.File("none")));
     EXPECT_EQ(RunBackup("save " + archive + " " + folder.File("out/../settings.ini")), 1);
     EXPECT_EQ(RunBackup("save " + archive), 2);
+}
+
+TEST(SettingsBackupTest, AnInterruptAtThePromptLeavesTheTerminalAsItWas) {
+    const test::TempDir folder;
+    const std::string archive = folder.File("archive");
+    const std::string settings = folder.Write("settings.ini", "secret");
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        ::execl(SETTINGS_BACKUP, SETTINGS_BACKUP, "save", archive.c_str(), settings.c_str(), nullptr);
+        ::_exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    termios mode{};
+    int status = 0;
+    do {
+        ASSERT_EQ(::waitpid(pid, &status, WNOHANG), 0);
+        ASSERT_EQ(::tcgetattr(terminal, &mode), 0);
+    } while ((mode.c_lflag & ECHO) != 0);
+    ASSERT_EQ(::write(terminal, "\x03", 1), 1);
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+    ASSERT_EQ(::tcgetattr(terminal, &mode), 0);
+    EXPECT_NE(mode.c_lflag & ECHO, 0U);
+    EXPECT_FALSE(fs::exists(archive));
+    ::close(terminal);
 }
 
 }  // namespace
