@@ -77,16 +77,35 @@ private:
 
 constexpr unsigned int kLists = 4;
 
-/// Threads are divided evenly into as many groups as there are lists.
-unsigned int OwnGroup() {
-    static std::atomic<unsigned int> s_threads{0};
-    // The library is loaded with the program or by it, once, so this costs no call.
-    static thread_local unsigned int s_own __attribute__((tls_model("initial-exec"))) = kLists;
-    if (s_own == kLists) {
-        s_own = s_threads.fetch_add(1, std::memory_order_relaxed) % kLists;
+/// Where the calling thread belongs: to the group that had the fewest living threads when it first asked.
+class OwnGroup {
+public:
+    static unsigned int Get() { return __builtin_expect(s_group != kLists, 1) ? s_group : Join(); }
+
+private:
+    struct Membership {
+        ~Membership() { s_threads[s_group].fetch_sub(1, std::memory_order_relaxed); }
+    };
+
+    static unsigned int Join() {
+        unsigned int group = 0;
+        for (unsigned int other = 1; other < kLists; ++other) {
+            if (s_threads[other].load(std::memory_order_relaxed) <
+                s_threads[group].load(std::memory_order_relaxed)) {
+                group = other;
+            }
+        }
+        s_threads[group].fetch_add(1, std::memory_order_relaxed);
+        s_group = group;
+        // Ends with the thread. One that asks later still, in the end of another object, is not counted.
+        static thread_local const Membership s_membership;
+        return group;
     }
-    return s_own;
-}
+
+    // The library is loaded with the program or by it, once, so this costs no call.
+    static inline thread_local unsigned int s_group __attribute__((tls_model("initial-exec"))) = kLists;
+    static inline std::atomic<unsigned int> s_threads[kLists] = {};
+};
 
 struct AlignedDelete {
     void operator()(unsigned char* memory) const { ::operator delete(memory, alignment); }
@@ -111,12 +130,12 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
           _next(count) {}
 
     Index Take() {
-        const unsigned int own = OwnGroup();
+        const unsigned int own = OwnGroup::Get();
         const Index block = ListOf(own).Pop(_next);
         return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(own);
     }
 
-    void Give(Index block) { ListOf(OwnGroup()).Push(_next, block); }
+    void Give(Index block) { ListOf(OwnGroup::Get()).Push(_next, block); }
 
     static unsigned int ListOf(unsigned int group, unsigned int lists) { return lists >> (2 * group) & 3U; }
 

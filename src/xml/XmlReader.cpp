@@ -25,6 +25,9 @@ constexpr std::size_t kMaxBeginning = 256 * 1024;
 /// The parser waits for the end of a start tag, and compares each attribute in it with all before.
 constexpr int kMaxAttributes = 4'096;
 
+/// Also what stands beside an ASCII character in UTF-16.
+constexpr std::string_view kSpaces(" \t\r\n\0", 5);
+
 int LeaveStream(void* /*stream*/) {
     return 0;
 }
@@ -78,13 +81,24 @@ struct ZARIP_HIDDEN XmlReader::Impl {
 
     /// What looks like one, an equal sign and a quotation mark, in all encodings that pass.
     void CountAttributes(std::string_view piece) {
-        for (const char byte : piece) {
-            if (isBehindEqualSign && (byte == '"' || byte == '\'')) {
+        std::size_t at = isBehindEqualSign ? 0 : FindBehindEqualSign(piece, 0);
+        while (at != std::string_view::npos) {
+            at = piece.find_first_not_of(kSpaces, at);
+            if (at == std::string_view::npos) {
+                isBehindEqualSign = true;
+                return;
+            }
+            if (piece[at] == '"' || piece[at] == '\'') {
                 ++attributes;
             }
-            const bool isSpace = byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n' || byte == '\0';
-            isBehindEqualSign = byte == '=' || (isBehindEqualSign && isSpace);
+            at = FindBehindEqualSign(piece, at);
         }
+        isBehindEqualSign = false;
+    }
+
+    static std::size_t FindBehindEqualSign(std::string_view piece, std::size_t at) {
+        const std::size_t found = piece.find('=', at);
+        return found == std::string_view::npos ? found : found + 1;
     }
 
     int Copy(char* buffer, int length) {
