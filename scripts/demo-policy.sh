@@ -22,6 +22,7 @@ make_accounts() {
             return 1
         }
     done
+    remove_lost_accounts
     # Before they exist, so that an interrupt leaves none behind.
     group=zarip-demo-$$
     service_user=$group-s
@@ -37,6 +38,18 @@ make_accounts() {
     [ "$status" -eq 2 ] || return 1  # it has told its usage
     refusal=$({ "${as_client[@]}" "$zarip_bus" --help && "${as_client[@]}" ls -d "$shared/." &&
         "${as_client[@]}" cat "$page"; } 2>&1 >/dev/null)
+}
+
+# remove_lost_accounts: of demos that were killed and could not do it.
+remove_lost_accounts() {
+    local kind remove name pid
+    for kind in passwd:userdel group:groupdel; do
+        remove=${kind#*:}
+        for name in $(getent "${kind%:*}" | sed -n 's/^\(zarip-demo-[0-9]*\(-[sc]\)\{0,1\}\):.*/\1/p'); do
+            pid=${name#zarip-demo-}
+            [ -d "/proc/${pid%-[sc]}" ] || "$remove" "$name" || true
+        done
+    done
 }
 
 # remove_accounts: nothing may run as them any more.
