@@ -2,12 +2,15 @@
 
 # What runs a program as the user of the services, as a client that is in the group, and as the same without that group.
 # As long as there are no such users nothing changes by it.
-as_service=(env)
-as_client=(env)
-as_outsider=(env)
-service_user=
-client_user=
-group=
+forget_accounts() {
+    as_service=(env)
+    as_client=(env)
+    as_outsider=(env)
+    service_user=
+    client_user=
+    group=
+}
+forget_accounts
 
 # make_accounts: makes the two users and the group. Otherwise false, and the reason is in $refusal.
 make_accounts() {
@@ -59,12 +62,7 @@ remove_accounts() {
         ! getent passwd "$account" >/dev/null || userdel "$account" || echo "The user $account is left behind" >&2
     done
     ! getent group "${group:-/}" >/dev/null || groupdel "$group" || echo "The group $group is left behind" >&2
-    as_service=(env)
-    as_client=(env)
-    as_outsider=(env)
-    service_user=
-    client_user=
-    group=
+    forget_accounts
 }
 
 # guarded_bus ADDRESS: the configuration of a bus with the policies that were installed, for those users, behind the
