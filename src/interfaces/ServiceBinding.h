@@ -182,7 +182,7 @@ protected:
           _service(service),
           _implementation(implementation),
           _handlers(bus),
-          _description(bus, service.path, DescriptionOf(service.name)) {}
+          _description(bus, service.path, service.name, DescriptionOf(service.name)) {}
 
     ~ServiceServer() override { Close(); }
 

@@ -9,6 +9,8 @@ namespace zarip::msgbus {
 
 namespace {
 
+constexpr std::size_t kMaxErrorText = 64 * 1024;
+
 /// ASCII, which nearly all text on this bus is, needs no decoding: eight bytes at a time.
 bool IsAscii(const char* text, std::size_t length) {
     constexpr std::uint64_t kHighBits = 0x8080808080808080U;
@@ -50,15 +52,22 @@ bool IsValidText(const char* text) {
            (IsAscii(text, std::strlen(text)) || dbus_validate_utf8(text, nullptr) != FALSE);
 }
 
-std::string ToValidText(const std::string& text) {
-    const std::string cut(text.c_str());
+std::string ToErrorText(const std::string& text) {
+    std::size_t end = std::strlen(text.c_str());
+    if (end > kMaxErrorText) {
+        end = kMaxErrorText;
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
+            --end;  // not in the middle of a character
+        }
+    }
+    const std::string cut = text.substr(0, end);
     if (IsValidText(cut.c_str())) {
         return cut;
     }
     std::string valid;
-    const char* const end = cut.c_str() + cut.size();
-    for (const char* at = cut.c_str(); at != end;) {
-        const std::size_t length = SequenceLength(at, end);
+    const char* const last = cut.c_str() + cut.size();
+    for (const char* at = cut.c_str(); at != last;) {
+        const std::size_t length = SequenceLength(at, last);
         if (length == 0) {
             valid += '?';
             ++at;

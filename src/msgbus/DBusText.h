@@ -9,8 +9,10 @@ namespace zarip::msgbus {
 /// Whether the text up to its first zero byte is what the bus takes as a string; null is not.
 bool IsValidText(const char* text);
 
-/// The text with every byte that is not part of valid UTF-8 replaced by '?'.
-std::string ToValidText(const std::string& text);
+/// The string with every byte that is not part of valid UTF-8 replaced by '?', and cut after 64 KiB: the text
+/// of an error may hold what a caller sent, several times over, and the bus closes the connection over a
+/// message that is too long.
+std::string ToErrorText(const std::string& text);
 
 bool IsValidBusName(const char* name);
 bool IsValidPath(const char* path);

@@ -1,7 +1,6 @@
 #include "msgbus/DBusWatcher.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -17,7 +16,7 @@ namespace zarip::msgbus {
 namespace {
 
 constexpr char kQuit = 'q';
-constexpr char kApply = 'a';
+constexpr char kAttend = 'a';
 
 const char* Describe(DBusWatch* watch) {
     switch (dbus_watch_get_flags(watch) & (DBUS_WATCH_READABLE | DBUS_WATCH_WRITABLE)) {
@@ -30,17 +29,6 @@ const char* Describe(DBusWatch* watch) {
     }
 }
 
-std::uint32_t ToEvents(unsigned int flags) {
-    std::uint32_t events = 0;
-    if ((flags & DBUS_WATCH_READABLE) != 0) {
-        events |= EPOLLIN;
-    }
-    if ((flags & DBUS_WATCH_WRITABLE) != 0) {
-        events |= EPOLLOUT;
-    }
-    return events;
-}
-
 unsigned int ToFlags(std::uint32_t events) {
     unsigned int flags = 0;
     if ((events & EPOLLIN) != 0) {
@@ -49,20 +37,18 @@ unsigned int ToFlags(std::uint32_t events) {
     if ((events & EPOLLOUT) != 0) {
         flags |= DBUS_WATCH_WRITABLE;
     }
-    if ((events & EPOLLHUP) != 0) {
-        flags |= DBUS_WATCH_HANGUP;
-    }
-    if ((events & EPOLLERR) != 0) {
-        flags |= DBUS_WATCH_ERROR;
+    if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
+        // Without "readable" libdbus would drop the messages that came before the end.
+        flags |= DBUS_WATCH_HANGUP | DBUS_WATCH_READABLE;
     }
     return flags;
 }
 
-bool AddTo(const osa::UniqueFd& set, const osa::UniqueFd& descriptor) {
+bool AddTo(int epoll, int descriptor) {
     epoll_event event{};
     event.events = EPOLLIN;
-    event.data.fd = descriptor.Get();
-    return ::epoll_ctl(set.Get(), EPOLL_CTL_ADD, descriptor.Get(), &event) == 0;
+    event.data.fd = descriptor;
+    return ::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
 }  // namespace
@@ -70,14 +56,15 @@ bool AddTo(const osa::UniqueFd& set, const osa::UniqueFd& descriptor) {
 DBusWatcher::DBusWatcher(core::Logger* logger, ReadyHandler ready)
     : _logger(logger),
       _ready(std::move(ready)),
-      _wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      _watcherSet(::epoll_create1(EPOLL_CLOEXEC)),
-      _listenerSet(::epoll_create1(EPOLL_CLOEXEC)) {
+      _dispatchAvailable(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    _watcherSet.epoll = osa::UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
+    _listenerSet.epoll = osa::UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
     int ends[2] = {-1, -1};
     const int result = ::pipe2(ends, O_CLOEXEC | O_NONBLOCK);
     _commandRead = osa::UniqueFd(ends[0]);
     _commandWrite = osa::UniqueFd(ends[1]);
-    if (result != 0 || !AddTo(_watcherSet, _commandRead) || !AddTo(_listenerSet, _wake)) {
+    if (result != 0 || !AddTo(_watcherSet.epoll.Get(), _commandRead.Get()) ||
+        !AddTo(_listenerSet.epoll.Get(), _dispatchAvailable.Get())) {
         throw osa::Exception("pipe failed");
     }
 }
@@ -85,11 +72,11 @@ DBusWatcher::DBusWatcher(core::Logger* logger, ReadyHandler ready)
 void DBusWatcher::Run() {
     _logger->Debug("Run thread started");
     try {
-        while (!_stopped) {
-            bool commanded = false;
-            const unsigned int flags = WaitIn(_watcherSet, _commandRead, commanded);
-            const bool apply = commanded && ReadCommand() == kApply;
-            if ((flags != 0 || apply) && !_stopped) {
+        while (!_isStopped) {
+            bool isCommanded = false;
+            const unsigned int flags = WaitIn(_watcherSet.epoll.Get(), _commandRead.Get(), isCommanded);
+            const bool attend = isCommanded && ReadCommand() == kAttend;
+            if ((flags != 0 || attend) && !_isStopped) {
                 _ready(flags);
             }
         }
@@ -102,12 +89,16 @@ void DBusWatcher::Run() {
 }
 
 void DBusWatcher::Stop() {
-    _stopped = true;
+    _isStopped = true;
     SendCommand(kQuit);
 }
 
+void DBusWatcher::Attend() {
+    SendCommand(kAttend);
+}
+
 void DBusWatcher::SendCommand(char command) {
-    // A pipe that is full wakes the thread anyway.
+    // A full pipe wakes the thread as well.
     while (::write(_commandWrite.Get(), &command, 1) < 0 && errno == EINTR) {
     }
 }
@@ -116,36 +107,35 @@ char DBusWatcher::ReadCommand() {
     char command = '\0';
     if (::read(_commandRead.Get(), &command, 1) != 1) {
         _logger->Error("read pipe failed");
-    } else if (command != kQuit && command != kApply) {
+    } else if (command != kQuit && command != kAttend) {
         _logger->Error("unknown command %c", command);
     }
     return command;
 }
 
 unsigned int DBusWatcher::Wait() {
-    bool woken = false;
-    const unsigned int flags = WaitIn(_listenerSet, _wake, woken);
-    if (woken) {
+    bool isWoken = false;
+    const unsigned int flags = WaitIn(_listenerSet.epoll.Get(), _dispatchAvailable.Get(), isWoken);
+    if (isWoken) {
         eventfd_t ignored = 0;
-        ::eventfd_read(_wake.Get(), &ignored);
+        ::eventfd_read(_dispatchAvailable.Get(), &ignored);
     }
     return flags;
 }
 
 void DBusWatcher::Wake() {
-    ::eventfd_write(_wake.Get(), 1);
+    ::eventfd_write(_dispatchAvailable.Get(), 1);
 }
 
-unsigned int DBusWatcher::WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& interrupt,
-                                 bool& interrupted) {
+unsigned int DBusWatcher::WaitIn(int epoll, int interrupt, bool& interrupted) {
     epoll_event events[2];
-    const int count = ::epoll_wait(set.Get(), events, 2, -1);
+    const int count = ::epoll_wait(epoll, events, 2, -1);
     if (count < 0 && errno != EINTR) {
         throw osa::Exception("select returned -1");
     }
     unsigned int flags = 0;
     for (int i = 0; i < count; ++i) {
-        if (events[i].data.fd == interrupt.Get()) {
+        if (events[i].data.fd == interrupt) {
             interrupted = true;
         } else {
             flags |= ToFlags(events[i].events);
@@ -155,18 +145,32 @@ unsigned int DBusWatcher::WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& 
 }
 
 void DBusWatcher::GiveAway() {
-    MoveTo(_listenerSet);
+    const osa::MutexAutoLock lock(&_watchMutex);
+    _isGivenAway = true;
+    UpdateSets();
 }
 
 void DBusWatcher::TakeBack() {
-    MoveTo(_watcherSet);
+    const osa::MutexAutoLock lock(&_watchMutex);
+    _isGivenAway = false;
+    UpdateSets();
 }
 
-void DBusWatcher::MoveTo(const osa::UniqueFd& set) {
-    Set({-1, 0});
-    _set = &set;
-    _isChanged = true;
-    Apply();
+void DBusWatcher::Pause() {
+    const osa::MutexAutoLock lock(&_watchMutex);
+    ++_pauses;
+    UpdateSets();
+}
+
+void DBusWatcher::Resume() {
+    const osa::MutexAutoLock lock(&_watchMutex);
+    --_pauses;
+    UpdateSets();
+}
+
+int DBusWatcher::GetFd() {
+    const osa::MutexAutoLock lock(&_watchMutex);
+    return _fd;
 }
 
 void DBusWatcher::Attach(DBusConnection* connection) {
@@ -174,7 +178,6 @@ void DBusWatcher::Attach(DBusConnection* connection) {
         FALSE) {
         throw osa::Exception("dbus_connection_set_watch_functions failed");
     }
-    Apply();
 }
 
 void DBusWatcher::Detach(DBusConnection* connection) {
@@ -201,33 +204,56 @@ void DBusWatcher::OnRemove(DBusWatch* watch, void* watcher) {
     self->_watches.erase(std::remove(self->_watches.begin(), self->_watches.end(), watch),
                          self->_watches.end());
     self->UpdateWanted();
-    if (self->_wanted.fd < 0) {
-        // Not later: the bus library closes the descriptor now, and another thread may get its number.
-        self->Set(self->_wanted);
-    }
 }
 
 void DBusWatcher::OnToggle(DBusWatch* /*watch*/, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
     const osa::MutexAutoLock lock(&self->_watchMutex);
-    const bool wasReading = (self->_wanted.events & EPOLLIN) != 0;
     self->UpdateWanted();
-    if (!wasReading && (self->_wanted.events & EPOLLIN) != 0) {
-        // Nobody may hold the connection, to apply this: whoever waits for the descriptor does.
-        self->Wake();
-        self->SendCommand(kApply);
-    }
 }
 
 void DBusWatcher::UpdateWanted() {
-    _isChanged = true;
-    _wanted = {-1, 0};
+    _fd = -1;
+    _wantsToRead = false;
+    _wantsToWrite = false;
     for (DBusWatch* const watch : _watches) {
-        _wanted.fd = dbus_watch_get_unix_fd(watch);
+        _fd = dbus_watch_get_unix_fd(watch);
         if (dbus_watch_get_enabled(watch) != FALSE) {
-            _wanted.events |= ToEvents(dbus_watch_get_flags(watch));
+            const unsigned int flags = dbus_watch_get_flags(watch);
+            _wantsToRead = _wantsToRead || (flags & DBUS_WATCH_READABLE) != 0;
+            _wantsToWrite = _wantsToWrite || (flags & DBUS_WATCH_WRITABLE) != 0;
         }
     }
+    UpdateSets();
+}
+
+void DBusWatcher::UpdateSets() {
+    const bool mayRead = _wantsToRead && _pauses == 0;
+    Change(_listenerSet, mayRead && _isGivenAway ? std::uint32_t{EPOLLIN} : 0);
+    Change(_watcherSet, (mayRead && !_isGivenAway ? std::uint32_t{EPOLLIN} : 0) |
+                            (_wantsToWrite ? std::uint32_t{EPOLLOUT} : 0));
+}
+
+void DBusWatcher::Change(Set& set, std::uint32_t events) {
+    if (set.fd == _fd && set.events == events) {
+        return;
+    }
+    epoll_event event{};
+    event.events = events;
+    event.data.fd = _fd;
+    if (set.fd == _fd) {
+        ::epoll_ctl(set.epoll.Get(), EPOLL_CTL_MOD, _fd, &event);
+    } else {
+        // At once, because libdbus closes the descriptor now, and another thread may get its number.
+        if (set.fd >= 0) {
+            ::epoll_ctl(set.epoll.Get(), EPOLL_CTL_DEL, set.fd, &event);
+        }
+        if (_fd >= 0) {
+            ::epoll_ctl(set.epoll.Get(), EPOLL_CTL_ADD, _fd, &event);
+        }
+    }
+    set.fd = _fd;
+    set.events = events;
 }
 
 bool DBusWatcher::Has(DBusWatch* watch) {
@@ -240,58 +266,9 @@ std::vector<DBusWatch*> DBusWatcher::GetWatches() {
     return _watches;
 }
 
-void DBusWatcher::Set(const Interest& interest) {
-    if (interest == _applied) {
-        return;
-    }
-    epoll_event event{};
-    event.events = interest.events;
-    event.data.fd = interest.fd;
-    if (interest.fd == _applied.fd) {
-        ::epoll_ctl(_set->Get(), EPOLL_CTL_MOD, interest.fd, &event);
-    } else {
-        if (_applied.fd >= 0) {
-            ::epoll_ctl(_set->Get(), EPOLL_CTL_DEL, _applied.fd, &event);
-        }
-        if (interest.fd >= 0) {
-            ::epoll_ctl(_set->Get(), EPOLL_CTL_ADD, interest.fd, &event);
-        }
-    }
-    _applied = interest;
-}
-
-void DBusWatcher::Apply() {
-    if (!_isChanged.load(std::memory_order_relaxed)) {
-        return;
-    }
-    _isChanged = false;
-    Interest interest{};
-    {
-        const osa::MutexAutoLock lock(&_watchMutex);
-        interest = _wanted;
-    }
-    if (_pauses > 0) {
-        interest.events = 0;
-    }
-    Set(interest);
-}
-
-void DBusWatcher::Pause() {
-    if (_pauses++ == 0) {
-        Set({_applied.fd, 0});
-    }
-}
-
-void DBusWatcher::Resume() {
-    if (--_pauses == 0) {
-        _isChanged = true;
-        Apply();
-    }
-}
-
 void DBusWatcher::Handle(unsigned int flags) {
     for (DBusWatch* const watch : GetWatches()) {
-        // The one before may have taken this one with it.
+        // The one before may have removed this one.
         if (!Has(watch) || dbus_watch_get_enabled(watch) == FALSE) {
             continue;
         }
@@ -300,20 +277,6 @@ void DBusWatcher::Handle(unsigned int flags) {
             dbus_watch_handle(watch, flags & wanted);
         }
     }
-}
-
-bool DBusWatcher::Write(int timeoutMs) {
-    pollfd descriptor{};
-    {
-        const osa::MutexAutoLock lock(&_watchMutex);
-        descriptor.fd = _wanted.fd;
-    }
-    descriptor.events = POLLOUT;
-    if (::poll(&descriptor, 1, timeoutMs) != 1) {
-        return false;
-    }
-    Handle(DBUS_WATCH_WRITABLE);
-    return true;
 }
 
 }  // namespace zarip::msgbus

@@ -17,97 +17,99 @@ class Logger;
 
 namespace zarip::msgbus {
 
-/// Keeps the watches of a connection and waits for its descriptor: on its own thread, "DBusWatcher", or on
-/// the listen thread in its stead, which saves a change of threads for each message that arrives.
+/// Keeps the watches of a connection and decides which thread waits for its descriptor.
 ///
-/// The bus library adds, removes and toggles watches with its own lock held, so `_watchMutex` guards the list
-/// alone and nothing is called under it. All functions but those of the first group are called with the
-/// connection's `_busMutex` held. What changes in the list takes effect at `Apply`, which the holder calls
-/// before it lets go of the connection: a watch that is switched on and off again meanwhile costs no system
-/// call.
+/// *Reading*: the listen thread while there is one (`GiveAway`), which saves a change of threads for each
+/// message; otherwise this object's own thread, "DBusWatcher"; nobody of the two while a waiting call reads
+/// for itself (`Pause`). *Writing*: always "DBusWatcher", because the listen thread may be busy with a
+/// handler.
+///
+/// Each of the two threads has an epoll set. A change of the roles changes the events in the sets, which
+/// wakes nobody. The loss of the connection is reported to both threads in every role.
+///
+/// The bus library adds, removes and toggles watches with its own lock held, so `_watchMutex` guards the
+/// roles, the list and the sets, and no function of libdbus is called under it except for getters.
 class DBusWatcher final : public osa::Runnable {
 public:
-    /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags or 0, to apply a change.
+    /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags, or 0 after `Attend`.
     using ReadyHandler = std::function<void(unsigned int flags)>;
 
     /// Throws "pipe failed".
     DBusWatcher(core::Logger* logger, ReadyHandler ready);
 
-    // Without any lock.
+    // On any thread, without the connection's lock or with it.
 
     void Run() override;
     void Stop() override;
 
+    /// Has "DBusWatcher" call its handler soon.
+    void Attend();
+
+    /// Ends `Wait`.
+    void Wake();
+
     /// The listen thread's wait: until the descriptor is ready, which returns DBUS_WATCH_... flags for
     /// `Handle`, or until `Wake`, which returns 0.
     unsigned int Wait();
-    void Wake();
 
-    // With `_busMutex`.
-
-    /// Has the listen thread wait from now on; `TakeBack` ends that.
+    /// Has the listen thread read from now on; `TakeBack` ends that.
     void GiveAway();
     void TakeBack();
+
+    /// A waiting call reads until `Resume`. Pauses nest.
+    void Pause();
+    void Resume();
+
+    /// The connection's descriptor; -1 once the connection is lost.
+    int GetFd();
+
+    // With the connection's lock.
 
     void Attach(DBusConnection* connection);
     void Detach(DBusConnection* connection);
 
-    void Apply();
-
-    /// False once the bus library has given the descriptor up, with which the connection is lost.
-    bool HasDescriptor() const { return _applied.fd >= 0; }
-
-    /// While paused nobody is woken by the descriptor, because a waiting call reads it. Pauses nest.
-    void Pause();
-    void Resume();
-
     /// Hands readiness to the watches that asked for it.
     void Handle(unsigned int flags);
 
-    /// Waits until the connection takes more bytes, and writes what it can; false when the time
-    /// (milliseconds) ran out.
-    bool Write(int timeoutMs);
-
 private:
+    /// An epoll set with the connection's descriptor, and what that is watched for.
+    struct Set {
+        osa::UniqueFd epoll;
+        int fd = -1;
+        std::uint32_t events = 0;
+    };
+
     static dbus_bool_t OnAdd(DBusWatch* watch, void* watcher);
     static void OnRemove(DBusWatch* watch, void* watcher);
     static void OnToggle(DBusWatch* watch, void* watcher);
 
     void UpdateWanted() ZARIP_REQUIRES(_watchMutex);
+    void UpdateSets() ZARIP_REQUIRES(_watchMutex);
+    void Change(Set& set, std::uint32_t events) ZARIP_REQUIRES(_watchMutex);
     bool Has(DBusWatch* watch);
     std::vector<DBusWatch*> GetWatches();
     char ReadCommand();
     void SendCommand(char command);
-    unsigned int WaitIn(const osa::UniqueFd& set, const osa::UniqueFd& interrupt, bool& interrupted);
-    void MoveTo(const osa::UniqueFd& set);
-
-    /// What the descriptor is watched for: a descriptor of -1 for nothing.
-    struct Interest {
-        int fd;
-        std::uint32_t events;
-        bool operator==(const Interest& other) const { return fd == other.fd && events == other.events; }
-    };
-    void Set(const Interest& interest);
+    static unsigned int WaitIn(int epoll, int interrupt, bool& interrupted);
 
     core::Logger* _logger;
     ReadyHandler _ready;
     osa::UniqueFd _commandRead;
     osa::UniqueFd _commandWrite;
-    osa::UniqueFd _wake;
-    // The epoll sets of the two threads that may wait. The connection's descriptor is in one of them.
-    osa::UniqueFd _watcherSet;   ///< with `_commandRead`
-    osa::UniqueFd _listenerSet;  ///< with `_wake`
-    const osa::UniqueFd* _set = &_watcherSet;
-    std::atomic<bool> _stopped{false};
-    Interest _applied{-1, 0};
-    int _pauses = 0;
-    /// What is wanted, since the last `Apply`. Letting go of a message can switch reading on again, on any
-    /// thread and without `_busMutex`.
-    std::atomic<bool> _isChanged{false};
+    /// A counting event, released when the listen thread has something to do. Not an `osa::Semaphore`,
+    /// because the thread waits for this and for the descriptor.
+    osa::UniqueFd _dispatchAvailable;
+    std::atomic<bool> _isStopped{false};
 
     osa::Mutex _watchMutex{"_watchMutex"};
     std::vector<DBusWatch*> _watches ZARIP_GUARDED_BY(_watchMutex);
-    Interest _wanted ZARIP_GUARDED_BY(_watchMutex){-1, 0};
+    Set _watcherSet;   ///< also has `_commandRead`
+    Set _listenerSet;  ///< also has `_dispatchAvailable`
+    int _fd ZARIP_GUARDED_BY(_watchMutex) = -1;
+    bool _wantsToRead ZARIP_GUARDED_BY(_watchMutex) = false;
+    bool _wantsToWrite ZARIP_GUARDED_BY(_watchMutex) = false;
+    bool _isGivenAway ZARIP_GUARDED_BY(_watchMutex) = false;
+    int _pauses ZARIP_GUARDED_BY(_watchMutex) = 0;
 };
 
 }  // namespace zarip::msgbus

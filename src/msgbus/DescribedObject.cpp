@@ -3,13 +3,9 @@
 #include <dbus/dbus.h>
 
 #include <algorithm>
-#include <memory>
 #include <set>
 #include <vector>
 
-#include "msgbus/MsgBusMsgImpl.h"
-#include "zarip/msgbus/IMsgBus.h"
-#include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Mutex.h"
 #include "zarip/osa/MutexAutoLock.h"
 
@@ -17,7 +13,7 @@ namespace zarip::msgbus {
 
 namespace {
 
-/// What every object has: libdbus answers the one and `AnswerIntrospect` the other.
+/// What every object has; the connection answers both.
 constexpr std::string_view kOwnInterfaces = R"xml(  <interface name="org.freedesktop.DBus.Introspectable">
     <method name="Introspect">
       <arg name="xml_data" type="s" direction="out"/>
@@ -42,12 +38,12 @@ Registry& GetRegistry() {
     return *registry;
 }
 
-std::string Document(const std::set<std::string_view>& interfaces, const std::set<std::string>& children) {
+std::string Document(const std::set<std::string_view>& descriptions, const std::set<std::string>& children) {
     std::string document = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE;
     document += "<node>\n";
     document += kOwnInterfaces;
-    for (const auto interface : interfaces) {
-        document += interface;
+    for (const auto description : descriptions) {
+        document += description;
     }
     for (const auto& child : children) {
         document += "  <node name=\"" + child + "\"/>\n";
@@ -57,8 +53,9 @@ std::string Document(const std::set<std::string_view>& interfaces, const std::se
 
 }  // namespace
 
-DescribedObject::DescribedObject(const IMsgBus* bus, const char* path, std::string_view interface)
-    : _bus(bus), _path(path), _interface(interface) {
+DescribedObject::DescribedObject(const IMsgBus* bus, const char* path, const char* interface,
+                                 std::string_view description)
+    : _bus(bus), _path(path), _name(interface), _description(description) {
     Registry& registry = GetRegistry();
     const osa::MutexAutoLock lock(&registry.mutex);
     registry.objects.push_back(this);
@@ -70,15 +67,30 @@ DescribedObject::~DescribedObject() {
     registry.objects.erase(std::find(registry.objects.begin(), registry.objects.end(), this));
 }
 
-bool AnswerIntrospect(const MsgBusMsg& call, IMsgBus& bus) {
-    if (dbus_message_is_method_call(call.GetDBusMessage(), DBUS_INTERFACE_INTROSPECTABLE, "Introspect") ==
-        FALSE) {
-        return false;
+DescribedObject::Place DescribedObject::Find(const IMsgBus& bus, std::string_view path,
+                                             std::string_view interface) {
+    Place place = Place::kAnywhere;
+    Registry& registry = GetRegistry();
+    const osa::MutexAutoLock lock(&registry.mutex);
+    for (const DescribedObject* object : registry.objects) {
+        if (object->_bus == &bus && object->_name == interface) {
+            if (object->_path == path) {
+                return Place::kServed;
+            }
+            place = Place::kElsewhere;
+        }
     }
-    const std::string path = call.GetPath();
+    return place;
+}
+
+bool DescribedObject::IsUnknown(const IMsgBus& bus, std::string_view path) {
+    return Describe(bus, std::string(path)).empty();
+}
+
+std::string DescribedObject::Describe(const IMsgBus& bus, const std::string& path) {
     const std::string above = path == "/" ? path : path + "/";
-    bool isOurs = false;
-    std::set<std::string_view> interfaces;  // two servers of one service describe it once
+    bool isDescribed = false;
+    std::set<std::string_view> descriptions;  // two servers of one service describe it once
     std::set<std::string> children;
     {
         Registry& registry = GetRegistry();
@@ -87,29 +99,20 @@ bool AnswerIntrospect(const MsgBusMsg& call, IMsgBus& bus) {
             if (object->_bus != &bus) {
                 continue;
             }
-            isOurs = true;
+            isDescribed = true;
             if (object->_path == path) {
-                interfaces.insert(object->_interface);
+                descriptions.insert(object->_description);
             } else if (object->_path.compare(0, above.size(), above) == 0) {
                 children.insert(
                     object->_path.substr(above.size(), object->_path.find('/', above.size()) - above.size()));
             }
         }
     }
-    if (isOurs && call.IsExpectingResponse()) {
-        std::unique_ptr<MsgBusMsg> reply;
-        if (interfaces.empty() && children.empty()) {
-            reply = std::make_unique<MsgBusMsg>(new MsgBusMsgImpl(
-                dbus_message_new_error_printf(call.GetDBusMessage(), DBUS_ERROR_UNKNOWN_OBJECT,
-                                              "There is no object %s", path.c_str()),
-                true));
-        } else {
-            reply.reset(call.MakeReplyMsg());
-            *reply << Document(interfaces, children);
-        }
-        bus.SendReply(*reply);
+    if (!isDescribed) {
+        // As libdbus answers for a connection that knows nothing of its objects.
+        return std::string(DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE) + "<node>\n</node>\n";
     }
-    return isOurs;
+    return descriptions.empty() && children.empty() ? "" : Document(descriptions, children);
 }
 
 }  // namespace zarip::msgbus

@@ -17,9 +17,11 @@ class Logger;
 
 namespace zarip::msgbus {
 
-/// Maps interface and member to handlers. *Thread-safe*: its own mutex guards the map and is never held while
-/// a handler runs. The connection dispatches one message at a time with its `_busMutex` held, so whoever has
-/// removed a handler and then taken that mutex knows that the handler does not run any more.
+/// Maps interface and member to handlers. *Thread-safe*.
+///
+/// `_handlerMapMutex` guards the map and is never held while a handler runs. Each entry has a recursive mutex
+/// of its own, which is held while its handler runs: `Remove` takes it to wait for that handler, and for no
+/// other. A handler that removes itself owns the mutex already and does not wait.
 class MessageDispatcher {
 public:
     /// Interface and member.
@@ -30,9 +32,16 @@ public:
     /// @param handler  *not owned*.
     void Add(const std::string& interface, const std::string& member, IMessageHandler* handler);
 
-    /// Removes the handler wherever it stands and returns where that was. A dispatching that has copied its
-    /// list of handlers already passes it by.
+    /// Removes the handler wherever it is registered and returns where that was. Waits until it does not run,
+    /// unless the caller is the handler.
     std::vector<Key> Remove(const IMessageHandler* handler);
+
+    /// Whether a handler takes such a message.
+    bool Takes(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
+
+    /// The one interface that has a handler for calls of this member; empty if there is none or more than
+    /// one.
+    std::string FindInterface(std::string_view member) const;
 
     /// Runs the handlers of a message: all that take signals for a signal, the first that takes calls for a
     /// call. What a handler throws is logged and answers a call that expects a reply. False when nobody takes
@@ -44,6 +53,7 @@ private:
     struct Entry {
         IMessageHandler* handler;
         std::atomic<bool> removed{false};
+        osa::Mutex running{"MessageHandler"};
     };
     using Entries = std::vector<std::shared_ptr<Entry>>;
     struct Less {
@@ -56,11 +66,12 @@ private:
         }
     };
 
-    bool Run(const Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const;
+    Entries FindTakers(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
+    bool Run(Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const;
     void Fail(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const;
 
     core::Logger* _logger;
-    osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};
+    mutable osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};
     std::map<Key, Entries, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
 };
 

@@ -9,11 +9,16 @@ namespace zarip::msgbus {
 MessageHandlerCollection::MessageHandlerCollection(IMsgBus* bus) : _bus(bus) {}
 
 MessageHandlerCollection::~MessageHandlerCollection() {
-    for (const auto& handler : _handlers) {
-        try {
-            _bus->UnregisterMessageHandler(handler.get());
-        } catch (...) {
-            // An implementation that breaks its promise must not keep the other handlers registered.
+    std::size_t unregistered = 0;
+    try {
+        for (; unregistered != _handlers.size(); ++unregistered) {
+            _bus->UnregisterMessageHandler(_handlers[unregistered].get());
+        }
+    } catch (...) {
+        // Deliberate: the first failure ends it. The handlers that are left are still registered, so they are
+        // not deleted: a message may reach them at any time.
+        for (; unregistered != _handlers.size(); ++unregistered) {
+            static_cast<void>(_handlers[unregistered].release());
         }
     }
 }

@@ -1,168 +1,95 @@
 #include "zarip/msgbus/MsgBus.h"
 
-#include <dbus/dbus.h>
-#include <poll.h>
-#include <pthread.h>
-
-#include <algorithm>
 #include <atomic>
-#include <deque>
+#include <limits>
 
+#include "msgbus/BusConnection.h"
 #include "msgbus/DBusText.h"
-#include "msgbus/DBusWatcher.h"
 #include "msgbus/DescribedObject.h"
+#include "msgbus/Inbox.h"
+#include "msgbus/ListenState.h"
 #include "msgbus/MessageDispatcher.h"
 #include "msgbus/MsgBusMsgImpl.h"
-#include "osa/Wait.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
-#include "zarip/osa/LockException.h"
 #include "zarip/osa/Mutex.h"
 #include "zarip/osa/MutexAutoLock.h"
 #include "zarip/osa/Runnable.h"
-#include "zarip/osa/Semaphore.h"
 #include "zarip/osa/Thread.h"
 
 namespace zarip::msgbus {
 
 namespace {
 
-constexpr unsigned int kWatcherStackSize = 32768;
 constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_FLAG_DO_NOT_QUEUE;
-/// The daemon closes the connection over a longer message; the rest is for the header.
-constexpr std::size_t kMaxBodySize = 32 * 1024 * 1024 - 4096;
-constexpr long kMaxOutgoingSize = 64 * 1024 * 1024;
-constexpr std::size_t kMaxBacklog = 1000;
-/// At twice this size the bus library stops reading, and then a waiting call would not get its reply.
-constexpr std::size_t kMaxBacklogSize = 32 * 1024 * 1024;
-/// How long a sender waits for a bus that does not read before it leaves the rest to the watcher.
-constexpr int kWriteLimitMs = 100;
-constexpr int kLastWriteLimitMs = 1000;
+/// How long names and rules are waited for, in milliseconds: when they are wanted, and when they are given
+/// up.
+constexpr int kAskLimitMs = 5000;
+constexpr int kGiveUpLimitMs = 800;
 
-/// What a queued message takes beside its arguments: an empty one costs memory as well.
-constexpr std::size_t kOverheadOfMessage = 512;
+constexpr std::size_t kInboxMemory = std::size_t{32} * 1024 * 1024;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+constexpr Inbox::Limits kWhileListening = {kInboxMemory, kNoLimit};
+constexpr Inbox::Limits kWhileNobodyListens = {kInboxMemory, 1000};
+/// A signal that no handler takes is kept only below this size; a handler may be registered later.
+constexpr std::size_t kLargeSignal = 64 * 1024;
+/// Each may hold sixteen descriptors, and a process has about a thousand.
+constexpr std::size_t kMaxWithDescriptors = 16;
 
 constexpr const char* kSendFailed = "dbus_connection_send failed";
 
-enum class Sent { kDone, kLost, kRefused };
-
-/// A libdbus error record, freed at the end of the scope.
-class Error {
-public:
-    Error() { dbus_error_init(&_error); }
-    Error(const Error&) = delete;
-    Error& operator=(const Error&) = delete;
-    ~Error() { dbus_error_free(&_error); }
-
-    DBusError* Get() { return &_error; }
-    bool IsSet() const { return dbus_error_is_set(&_error) != FALSE; }
-    std::string Message() const { return _error.message != nullptr ? _error.message : ""; }
-    const char* Name() const { return _error.name != nullptr ? _error.name : ""; }
-
-private:
-    DBusError _error{};
-};
-
-/// Sets a flag for the length of a scope.
-class Scope {
-public:
-    explicit Scope(bool& flag) : _flag(flag) { _flag = true; }
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-    ~Scope() { _flag = false; }
-
-private:
-    bool& _flag;
-};
-
-/// A reference to a message.
-class MessageRef {
-public:
-    explicit MessageRef(DBusMessage* message) : _message(dbus_message_ref(message)) {}
-    MessageRef(MessageRef&& other) noexcept : _message(std::exchange(other._message, nullptr)) {}
-    MessageRef& operator=(MessageRef&& other) noexcept {
-        std::swap(_message, other._message);
-        return *this;
-    }
-    ~MessageRef() {
-        if (_message != nullptr) {
-            dbus_message_unref(_message);
-        }
-    }
-    DBusMessage* Get() const { return _message; }
-
-private:
-    DBusMessage* _message;
-};
-
-std::string_view View(const char* text) {
-    return text != nullptr ? text : std::string_view();
-}
-
-const char* Text(const char* text) {
-    return text != nullptr ? text : "";
+bool IsCall(DBusMessage* message) {
+    return dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_CALL;
 }
 
 bool IsSignal(DBusMessage* message) {
     return dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL;
 }
 
-/// The bus library tells the size of a message only by writing it down.
-std::size_t MarshalledSize(DBusMessage* message) {
-    char* data = nullptr;
-    int size = 0;
-    if (dbus_message_marshal(message, &data, &size) == FALSE) {
-        return 0;
-    }
-    dbus_free(data);
-    return static_cast<std::size_t>(size);
+bool IsReply(DBusMessage* message) {
+    return !IsCall(message) && !IsSignal(message);
 }
 
-/// Whether the bus takes the message; it closes the connection over one that it does not.
-bool IsSendable(DBusMessage* message, std::size_t size) {
-    if (size > kMaxBodySize) {
-        return false;
+std::string MatchRule(const std::string& interface, const std::string& member) {
+    return "interface='" + interface + "',member='" + member + "'";
+}
+
+/// A call of the bus itself with one string.
+MessageRef MakeBusCall(const char* member, const std::string& argument) {
+    MessageRef call = MessageRef::Adopt(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
+    const char* const text = argument.c_str();
+    if (!call || dbus_message_append_args(call.Get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) == FALSE) {
+        throw osa::Exception("MsgBusMsg: Creating msg failed!");
     }
-    switch (dbus_message_get_type(message)) {
-        case DBUS_MESSAGE_TYPE_METHOD_CALL:
-            return dbus_message_get_path(message) != nullptr && dbus_message_get_member(message) != nullptr;
-        case DBUS_MESSAGE_TYPE_SIGNAL:
-            return dbus_message_get_path(message) != nullptr && dbus_message_get_member(message) != nullptr &&
-                   dbus_message_get_interface(message) != nullptr;
-        default:
-            return dbus_message_get_reply_serial(message) != 0;
-    }
+    return call;
 }
 
 }  // namespace
 
-/// The connection.
+/// The implementation: names, handlers and the listen thread, on top of a `BusConnection`, which sends,
+/// receives and waits for replies.
 ///
-/// `_busMutex` guards every libdbus call on it, and is held by the listen thread while it dispatches and by a
-/// waiting call until its reply is there. Whoever holds it also owns the right to send: the others put
-/// one-way messages into
-/// `_outgoing` (guarded by `_outgoingMutex`, a leaf) and leave; the holder sends them before and after it
-/// lets go.
-///
-/// Reading is done by the listen thread while it is idle, by DBusWatcher where there is none, and by a
-/// waiting call for itself. `_dispatchAvailable` tells the listen thread that somebody else has read whole
-/// messages. While nobody listens they are moved to `_backlog`.
+/// Received messages pass through `_inbox`. Whichever thread reads puts them there; the listen thread takes
+/// them out and runs the handlers, one at a time, with the recursive `_busMutex` held. Nothing else takes
+/// that mutex for longer than a moment, and no handler holds any other lock of the connection. So other
+/// threads send, call and get their replies while a handler runs or waits.
 ///
 /// `_serverMutex` guards starting and stopping; it is held while the listen thread is joined, so it is never
-/// taken on that thread. Order: `_serverMutex`, `_busMutex`, then `_watchMutex`, `_outgoingMutex` or the
-/// dispatcher's mutex.
-class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable {
+/// taken on that thread. Lock order: `_serverMutex`, `_busMutex`, a handler's mutex, the locks of the
+/// connection, the mutexes of the dispatcher, the inbox and the state.
+class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable, private BusConnection::Receiver {
 public:
     explicit MsgBusImpl(MsgBus* bus);
     ~MsgBusImpl() override;
 
     void Send(MsgBusMsgImpl& message);
-    DBusMessage* Call(MsgBusMsgImpl& message, int timeoutMs);
+    MsgBusMsg* Call(MsgBusMsgImpl& message, int timeoutMs);
     void SendReply(MsgBusMsgImpl& message);
-    void Start(unsigned int stackSize, signed char priority);
+    void StartServer(unsigned int stackSize, signed char priority);
     void StopServer(bool wait);
-    bool IsRunning() const { return _running; }
+    bool IsRunning() const { return _state.IsRunning(); }
     void RequestName(const std::string& name);
     void ReleaseName(const std::string& name);
     void Register(const std::string& member, const std::string& interface, IMessageHandler* handler);
@@ -171,567 +98,354 @@ public:
     void Run() override;
     void Stop() override;
 
-    core::Logger* GetLogger() const { return _logger; }
-
 private:
-    /// Holds the connection, and hands it on with nothing left to send.
-    class ZARIP_SCOPED_CAPABILITY BusLock {
-    public:
-        explicit BusLock(MsgBusImpl& impl) ZARIP_ACQUIRE(impl._busMutex) : _impl(impl) {
-            _impl._busMutex.Lock();
-        }
-        BusLock(const BusLock&) = delete;
-        BusLock& operator=(const BusLock&) = delete;
-        ~BusLock() ZARIP_RELEASE() { _impl.Leave(); }
+    void OnReceived(MessageRef message) override;
+    void OnLost() override;
+    void Keep(MessageRef message, bool isListening);
+    void WarnOfDropping(bool isListening);
 
-    private:
-        MsgBusImpl& _impl;
-    };
-
-    static DBusHandlerResult OnMessage(DBusConnection* connection, DBusMessage* message, void* impl);
-
-    Sent SendOneWay(DBusMessage* message, std::size_t size);
-    Sent TrySend(DBusMessage* message) ZARIP_REQUIRES(_busMutex);
-    bool Queue(DBusMessage* message, std::size_t size);
-    void SendQueued() ZARIP_REQUIRES(_busMutex);
-    void Write(int limitMs) ZARIP_REQUIRES(_busMutex);
-    void Leave() noexcept ZARIP_RELEASE(_busMutex);
-
-    void AfterReading() ZARIP_REQUIRES(_busMutex);
-    void WakeListenThread();
-    void OnReady(unsigned int flags);
-    void OnDisconnected() ZARIP_REQUIRES(_busMutex);
-    void KeepForLater(DBusMessage* message) ZARIP_REQUIRES(_busMutex);
-    void DropOldest() ZARIP_REQUIRES(_busMutex);
-    void DispatchAvailable() ZARIP_REQUIRES(_busMutex);
-    void DispatchBacklog() ZARIP_REQUIRES(_busMutex);
+    void Listen();
+    void Dispatch(DBusMessage* message);
     bool DispatchMsg(DBusMessage* message);
-    void RefuseUnknown(DBusMessage* call) ZARIP_REQUIRES(_busMutex);
-    void RequestStop();
+    bool DispatchToHandlers(DBusMessage* message);
+    void LogReceivedError(DBusMessage* message);
+    void LogLostName(DBusMessage* message);
+    bool AnswerIntrospect(const MsgBusMsg& call);
+    void Refuse(DBusMessage* call, const char* error, const std::string& text);
+    void RefuseUnknown(DBusMessage* call);
+
+    Outbox::Patience GetPatience() const;
+    bool IsListenThread() const { return t_listener == this; }
     void JoinListenThread() ZARIP_REQUIRES(_serverMutex);
+    MessageRef CallBus(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error);
     void AddMatch(const std::string& rule);
     void RemoveMatch(const std::string& rule);
-    bool IsListenThread() const;
-    bool IsConnected() const { return _connected; }
+
+    /// Of the calling thread: the connection whose listen thread it is.
+    static thread_local const MsgBusImpl* t_listener;
 
     MsgBus* _bus;
     core::Logger* _logger;
     osa::Mutex _busMutex{"_busMutex"};
-    DBusConnection* _connection ZARIP_GUARDED_BY(_busMutex) = nullptr;
-    osa::Semaphore _dispatchAvailable{"_dispatchAvailable", 100, 0};
     MessageDispatcher _dispatcher;
-    DBusWatcher _watcher;
-
-    std::atomic<bool> _connected{true};
-    std::atomic<bool> _running{false};
-    std::atomic<bool> _stopRequested{false};
-    std::atomic<bool> _joining{false};  ///< no handler takes back a stop that somebody waits for
-    std::atomic<pthread_t> _listenThreadId{};
-
-    bool _dispatching ZARIP_GUARDED_BY(_busMutex) = false;
-    bool _keeping ZARIP_GUARDED_BY(_busMutex) = false;
-    bool _backlogWarned ZARIP_GUARDED_BY(_busMutex) = false;
-    /// The bus did not read for kWriteLimitMs: senders do not wait for it until all was written.
-    bool _stalled ZARIP_GUARDED_BY(_busMutex) = false;
-    struct Kept {
-        MessageRef message;
-        std::size_t size;
-    };
-    std::deque<Kept> _backlog ZARIP_GUARDED_BY(_busMutex);
-    std::size_t _backlogSize ZARIP_GUARDED_BY(_busMutex) = 0;
-
-    osa::Mutex _outgoingMutex{"_outgoingMutex"};
-    std::deque<MessageRef> _outgoing ZARIP_GUARDED_BY(_outgoingMutex);
-    std::size_t _outgoingSize ZARIP_GUARDED_BY(_outgoingMutex) = 0;
-    std::atomic<std::size_t> _outgoingCount{0};
+    Inbox _inbox;
+    ListenState _state;
+    std::atomic<bool> _hasWarned{false};  ///< of messages dropped since the inbox was last empty
+    bool _isDispatching = false;          ///< of the listen thread
 
     osa::Mutex _serverMutex{"_serverMutex"};
     std::unique_ptr<osa::Thread> _listenThread ZARIP_GUARDED_BY(_serverMutex);
-    osa::Thread _watcherThread;
+
+    BusConnection _connection;  // last, because its thread uses the others
 };
 
-namespace {
-
-core::Logger* InitialiseLibrary() {
-    // Before the first connection, so that libdbus locks for its own part.
-    dbus_threads_init_default();
-    return core::Logger::GetLogger("MsgBus");
-}
-
-}  // namespace
+thread_local const MsgBus::MsgBusImpl* MsgBus::MsgBusImpl::t_listener = nullptr;
 
 MsgBus::MsgBusImpl::MsgBusImpl(MsgBus* bus)
     : _bus(bus),
-      _logger(InitialiseLibrary()),
+      _logger(core::Logger::GetLogger("MsgBus")),
       _dispatcher(_logger),
-      _watcher(_logger, [this](unsigned int flags) { OnReady(flags); }),
-      _watcherThread("DBusWatcher", &_watcher, kWatcherStackSize, 0) {
-    Error error;
-    DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
-    if (error.IsSet()) {
-        throw osa::Exception("dbus_bus_get_private failed: " + error.Message());
-    }
-    if (connection == nullptr) {
-        throw osa::Exception("dbus_bus_get_private returned NULL");
-    }
-    const BusLock lock(*this);
-    _connection = connection;
-    dbus_connection_set_exit_on_disconnect(_connection, FALSE);
-    try {
-        if (dbus_connection_add_filter(_connection, &OnMessage, this, nullptr) == FALSE) {
-            throw osa::Exception("dbus_connection_add_filter failed");
-        }
-        _watcher.Attach(_connection);
-    } catch (...) {
-        dbus_connection_close(_connection);
-        dbus_connection_unref(_connection);
-        _connection = nullptr;
-        throw;
-    }
-    AfterReading();
-    _watcherThread.Run();
+      _connection(_logger, this) {
+    _connection.Start();
 }
 
 MsgBus::MsgBusImpl::~MsgBusImpl() {
     StopServer(true);
-    {
-        const BusLock lock(*this);
-        SendQueued();
-        _stalled = false;
-        Write(kLastWriteLimitMs);
-    }
-    _watcher.Stop();
-    _watcherThread.Join();
-    const BusLock lock(*this);
-    // Closing gives up the names as well.
-    dbus_connection_remove_filter(_connection, &OnMessage, this);
-    _watcher.Detach(_connection);
-    dbus_connection_close(_connection);
-    dbus_connection_unref(_connection);
-    _connection = nullptr;
 }
 
 // ------------------------------------------------------------------------------------------------------------
 // Sending
 
+/// The listen thread waits for the bus as little as possible, because handlers wait for it.
+Outbox::Patience MsgBus::MsgBusImpl::GetPatience() const {
+    return IsListenThread() ? Outbox::Patience::kWaitsIfFull : Outbox::Patience::kWaits;
+}
+
 void MsgBus::MsgBusImpl::Send(MsgBusMsgImpl& message) {
     DBusMessage* const original = message.Get();
     if (_logger->IsEnabled(core::Logger::kTrace)) {
-        _logger->Trace("Sending %s on interface %s", Text(dbus_message_get_member(original)),
-                       Text(dbus_message_get_interface(original)));
+        _logger->Trace("Sending %s on interface %s", TextOf(dbus_message_get_member(original)),
+                       TextOf(dbus_message_get_interface(original)));
     }
-    if (message.IsSent()) {
-        // Its serial number is used up.
-        DBusMessage* const copy = dbus_message_copy(original);
-        MsgBusMsgImpl owner(copy, true);
-        owner.SetSize(message.GetSize());
-        Send(owner);
-        return;
+    if (IsReply(original) && message.IsSent()) {
+        throw osa::Exception("%s", kSendFailed);  // a call has one reply
     }
-    if (!IsSendable(original, message.GetSize())) {
-        throw osa::Exception("%s", kSendFailed);
-    }
-    if (dbus_message_get_type(original) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
+    MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
+    if (IsCall(original)) {
         // Nobody waits for a reply; without the flag the daemon would keep room for one for ever.
-        dbus_message_set_no_reply(original, TRUE);
+        dbus_message_set_no_reply(outgoing.message.Get(), TRUE);
     }
-    if (SendOneWay(original, message.GetSize()) != Sent::kDone) {
+    if (_connection.Send(std::move(outgoing.message), outgoing.size, GetPatience()) !=
+        Outbox::Result::kTaken) {
         throw osa::Exception("%s", kSendFailed);
     }
     message.MarkSent();
 }
 
 void MsgBus::MsgBusImpl::SendReply(MsgBusMsgImpl& message) {
-    if (!IsConnected()) {
+    if (_state.IsLost()) {
         return;
     }
-    if (message.IsSent() || !IsSendable(message.Get(), message.GetSize())) {
+    if (message.IsSent() || !IsReply(message.Get())) {
         throw osa::Exception("%s", kSendFailed);
     }
-    switch (SendOneWay(message.Get(), message.GetSize())) {
-        case Sent::kDone:
+    MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
+    switch (_connection.Send(std::move(outgoing.message), outgoing.size, GetPatience())) {
+        case Outbox::Result::kTaken:
             message.MarkSent();
             _logger->Trace("Done sending reply");
             break;
-        case Sent::kRefused:
+        case Outbox::Result::kFull:
             // Deliberately no exception: the handler that replies could only have it turned into another
             // reply.
             _logger->Error("dbus_connection_send() error: Out of Memory!");
             break;
-        case Sent::kLost:
+        case Outbox::Result::kClosed:
             break;
     }
 }
 
-Sent MsgBus::MsgBusImpl::SendOneWay(DBusMessage* message, std::size_t size) {
-    if (!_busMutex.TryLock()) {
-        // Somebody holds the connection, maybe for long. He looks at the queue after letting go; if he has
-        // let go before the message was in it, the lock is free now.
-        if (!IsConnected()) {
-            return Sent::kLost;
-        }
-        if (!Queue(message, size)) {
-            return Sent::kRefused;
-        }
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-        if (_busMutex.TryLock()) {
-            Leave();
-        }
-        return Sent::kDone;
-    }
-    Sent result = Sent::kRefused;
-    try {
-        SendQueued();
-        result = TrySend(message);
-        Write(kWriteLimitMs);
-    } catch (const std::bad_alloc&) {
-        // Refused, as the bus library does it where memory is short.
-    }
-    Leave();
-    return result;
-}
-
-Sent MsgBus::MsgBusImpl::TrySend(DBusMessage* message) {
-    if (dbus_connection_get_is_connected(_connection) == FALSE) {
-        return Sent::kLost;
-    }
-    const bool isFull = _stalled && dbus_connection_get_outgoing_size(_connection) > kMaxOutgoingSize;
-    return !isFull && dbus_connection_send(_connection, message, nullptr) != FALSE ? Sent::kDone
-                                                                                   : Sent::kRefused;
-}
-
-bool MsgBus::MsgBusImpl::Queue(DBusMessage* message, std::size_t size) {
-    const osa::MutexAutoLock lock(&_outgoingMutex);
-    if (_outgoingSize > static_cast<std::size_t>(kMaxOutgoingSize)) {
-        return false;
-    }
-    _outgoing.emplace_back(message);
-    _outgoingSize += size + kOverheadOfMessage;
-    _outgoingCount = _outgoing.size();
-    return true;
-}
-
-void MsgBus::MsgBusImpl::SendQueued() {
-    if (_outgoingCount == 0) {
-        return;
-    }
-    std::deque<MessageRef> messages;
-    {
-        const osa::MutexAutoLock lock(&_outgoingMutex);
-        messages.swap(_outgoing);
-        _outgoingSize = 0;
-        _outgoingCount = 0;
-    }
-    const auto failed = std::count_if(messages.begin(), messages.end(),
-                                      [this](const MessageRef& message) ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-                                          return TrySend(message.Get()) != Sent::kDone;
-                                      });
-    if (failed != 0) {
-        _logger->Error("%s: %td queued messages are lost", kSendFailed, failed);
-    }
-    Write(kWriteLimitMs);
-}
-
-void MsgBus::MsgBusImpl::Write(int limitMs) {
-    if (dbus_connection_has_messages_to_send(_connection) == FALSE) {
-        _stalled = false;
-        return;
-    }
-    if (_stalled) {
-        return;
-    }
-    const long long end = osa::NowMs() + limitMs;
-    while (dbus_connection_has_messages_to_send(_connection) != FALSE && IsConnected()) {
-        const long long left = end - osa::NowMs();
-        if (left <= 0 || !_watcher.Write(static_cast<int>(left))) {
-            _stalled = true;
-            break;
-        }
-    }
-}
-
-void MsgBus::MsgBusImpl::Leave() noexcept ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    do {
-        try {
-            SendQueued();
-            if (_connection != nullptr && IsConnected() && !_watcher.HasDescriptor()) {
-                // Sending met the end of the connection: its descriptor wakes nobody any more.
-                AfterReading();
-            }
-        } catch (...) {
-            _logger->Error("%s", kSendFailed);
-        }
-        _watcher.Apply();
-        _busMutex.Release();
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-    } while (_outgoingCount != 0 && _busMutex.TryLock());
-}
-
-DBusMessage* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
+MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
     DBusMessage* const original = message.Get();
-    if (_logger->IsEnabled(core::Logger::kTrace)) {
+    const bool isTracing = _logger->IsEnabled(core::Logger::kTrace);
+    if (isTracing) {
         _logger->Trace("in SendMsgWaitForReply()...");
-        _logger->Trace("Sending %s from interface %s", Text(dbus_message_get_member(original)),
-                       Text(dbus_message_get_interface(original)));
+        _logger->Trace("Sending %s from interface %s", TextOf(dbus_message_get_member(original)),
+                       TextOf(dbus_message_get_interface(original)));
     }
-    if (message.IsSent()) {
-        DBusMessage* const copy = dbus_message_copy(original);
-        MsgBusMsgImpl owner(copy, true);
-        owner.SetSize(message.GetSize());
-        return Call(owner, timeoutMs);
-    }
-    if (dbus_message_get_type(original) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        !IsSendable(original, message.GetSize())) {
+    if (!IsCall(original)) {
         throw osa::Exception("%s", kSendFailed);
     }
+    MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
     // It may be the copy of a message that was sent one-way.
-    dbus_message_set_no_reply(original, FALSE);
-    Error error;
-    DBusMessage* reply = nullptr;
-    {
-        const BusLock lock(*this);
-        SendQueued();
-        message.MarkSent();
-        // On the listen thread nobody else waits for the descriptor.
-        const bool others = !IsListenThread();
-        if (others) {
-            _watcher.Pause();
-        }
-        reply = dbus_connection_send_with_reply_and_block(_connection, original, std::max(timeoutMs, -1),
-                                                          error.Get());
-        if (others) {
-            _watcher.Resume();
-        }
-        AfterReading();
-    }
+    dbus_message_set_no_reply(outgoing.message.Get(), FALSE);
+    message.MarkSent();
+    DBusErrorRecord error;
+    MessageRef reply =
+        _connection.Call(std::move(outgoing.message), outgoing.size, timeoutMs, GetPatience(), error);
     if (error.IsSet()) {
-        throw osa::Exception("DBUS call " + std::string(Text(dbus_message_get_interface(original))) +
-                             "::" + Text(dbus_message_get_member(original)) + " failed: " + error.Message());
+        throw osa::Exception("DBUS call " + std::string(TextOf(dbus_message_get_interface(original))) + "::" +
+                             TextOf(dbus_message_get_member(original)) + " failed: " + error.GetMessage());
     }
-    if (reply == nullptr) {
+    if (!reply) {
         throw osa::Exception("failed to get reply");
     }
-    if (_logger->IsEnabled(core::Logger::kTrace)) {
+    if (isTracing) {
+        DBusMessage* const received = reply.Get();
         _logger->Trace("Creating MsgBusMsg");
         _logger->Trace("Reply: %s with name=%s on interface %s from %s",
-                       dbus_message_type_to_string(dbus_message_get_type(reply)),
-                       Text(dbus_message_get_member(reply)), Text(dbus_message_get_interface(reply)),
-                       Text(dbus_message_get_sender(reply)));
+                       dbus_message_type_to_string(dbus_message_get_type(received)),
+                       TextOf(dbus_message_get_member(received)),
+                       TextOf(dbus_message_get_interface(received)),
+                       TextOf(dbus_message_get_sender(received)));
         _logger->Trace("SendMsgWaitForReply() done.");
     }
-    return reply;
+    auto impl = std::make_unique<MsgBusMsgImpl>(reply.Get(), true);
+    reply.Release();
+    impl->MarkSent();
+    return new MsgBusMsg(impl.release());
 }
 
 // ------------------------------------------------------------------------------------------------------------
 // Receiving
 
-void MsgBus::MsgBusImpl::OnReady(unsigned int flags) {
-    const BusLock lock(*this);
-    _watcher.Handle(flags);
-    AfterReading();
-}
-
-/// Sees to it that what was read is dispatched: now on, by the thread that dispatches already; soon, by the
-/// listen thread; or later, from the backlog.
-void MsgBus::MsgBusImpl::AfterReading() {
-    if (_dispatching || dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_COMPLETE) {
-        return;
-    }
-    if (_running) {
-        WakeListenThread();
-        return;
-    }
-    const Scope keeping(_keeping);
-    DispatchAvailable();
-}
-
-void MsgBus::MsgBusImpl::WakeListenThread() {
+void MsgBus::MsgBusImpl::OnReceived(MessageRef message) {
     try {
-        _dispatchAvailable.Release();
-    } catch (const osa::LockException&) {
-        // Full: the thread was woken a hundred times and has not come to it yet.
-    }
-    _watcher.Wake();
-}
-
-void MsgBus::MsgBusImpl::DispatchAvailable() {
-    if (_dispatching) {
-        return;
-    }
-    const Scope dispatching(_dispatching);
-    for (;;) {
-        const DBusDispatchStatus status = dbus_connection_dispatch(_connection);
-        if (status == DBUS_DISPATCH_NEED_MEMORY) {
-            ::poll(nullptr, 0, 10);
-        } else if (status == DBUS_DISPATCH_COMPLETE || (!_keeping && _stopRequested)) {
-            break;
+        if (IsListenThread() && !_isDispatching) {
+            // It has found the inbox empty and dispatches this next: there is nothing to bound.
+            _inbox.Put(message, 0, {kNoLimit, kNoLimit});
+            return;
         }
-        SendQueued();
-    }
-}
-
-DBusHandlerResult MsgBus::MsgBusImpl::OnMessage(DBusConnection* /*connection*/, DBusMessage* message,
-                                                void* impl) ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    auto* const self = static_cast<MsgBusImpl*>(impl);
-    try {
-        if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected") != FALSE) {
-            self->OnDisconnected();
-            return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        const bool isListening = _state.IsRunning();
+        Keep(std::move(message), isListening);
+        if (isListening) {
+            _connection.WakeListener();
         }
-        if (self->_keeping) {
-            self->KeepForLater(message);
-            return DBUS_HANDLER_RESULT_HANDLED;
-        }
-        // A call that nobody takes is answered by the bus library: unknown method.
-        return self->DispatchMsg(message) ? DBUS_HANDLER_RESULT_HANDLED : DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    } catch (const std::exception& e) {
-        self->_logger->Error("Error handling incoming message: %s", e.what());
     } catch (...) {
-        self->_logger->Error("Error handling incoming message: %s", "unknown");
+        _logger->Error("Error handling incoming message: %s", "Out of Memory!");
     }
-    return DBUS_HANDLER_RESULT_HANDLED;
 }
 
-void MsgBus::MsgBusImpl::OnDisconnected() {
-    _connected = false;
-    _logger->Error("The connection to the bus is lost");
-    RequestStop();
-}
-
-void MsgBus::MsgBusImpl::KeepForLater(DBusMessage* message) {
-    if (dbus_message_contains_unix_fds(message) != FALSE) {
-        RefuseUnknown(message);  // no handler reads descriptors, so they are not left open
+/// Puts a message into the inbox that the listen thread cannot dispatch at once.
+void MsgBus::MsgBusImpl::Keep(MessageRef message, bool isListening) {
+    DBusMessage* const raw = message.Get();
+    if (dbus_message_contains_unix_fds(raw) != FALSE &&
+        (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
+        RefuseUnknown(raw);
         return;
     }
-    const std::size_t size = MarshalledSize(message);
-    while (!_backlog.empty() && (_backlog.size() >= kMaxBacklog || _backlogSize + size > kMaxBacklogSize)) {
-        DropOldest();
+    const std::size_t size = MeasureReceived(raw);
+    if (IsSignal(raw) && (isListening || size > kLargeSignal) &&
+        ViewOf(dbus_message_get_member(raw)) != "NameLost" &&
+        !_dispatcher.Takes(ViewOf(dbus_message_get_interface(raw)), ViewOf(dbus_message_get_member(raw)),
+                           IMessageHandler::kSignals)) {
+        return;
     }
-    _backlog.push_back({MessageRef(message), size});
-    _backlogSize += size;
+    switch (_inbox.Put(message, size, isListening ? kWhileListening : kWhileNobodyListens)) {
+        case Inbox::Result::kKept:
+            break;
+        case Inbox::Result::kDroppedSignals:
+            WarnOfDropping(isListening);
+            break;
+        case Inbox::Result::kFull:
+            WarnOfDropping(isListening);
+            Refuse(raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled");
+            break;
+    }
 }
 
-void MsgBus::MsgBusImpl::DropOldest() {
-    if (!_backlogWarned) {
-        _backlogWarned = true;
-        _logger->Warning("Nobody listens: dropping the oldest of %zu messages", _backlog.size());
+void MsgBus::MsgBusImpl::WarnOfDropping(bool isListening) {
+    if (!_hasWarned.exchange(true)) {
+        _logger->Warning("%s: dropping the oldest of %zu messages",
+                         isListening ? "The handlers are too slow" : "Nobody listens", _inbox.GetCount());
     }
-    auto oldest = std::find_if(_backlog.begin(), _backlog.end(),
-                               [](const Kept& kept) { return IsSignal(kept.message.Get()); });
-    if (oldest == _backlog.end()) {
-        oldest = _backlog.begin();
-        RefuseUnknown(oldest->message.Get());
-    }
-    _backlogSize -= oldest->size;
-    _backlog.erase(oldest);
 }
 
-void MsgBus::MsgBusImpl::DispatchBacklog() {
-    while (!_backlog.empty() && !_stopRequested) {
-        const MessageRef message = std::move(_backlog.front().message);
-        _backlogSize -= _backlog.front().size;
-        _backlog.pop_front();
-        try {
-            if (!DispatchMsg(message.Get())) {
-                RefuseUnknown(message.Get());
-            }
-        } catch (const std::exception& e) {
-            _logger->Error("Error handling incoming message: %s", e.what());
-        } catch (...) {
-            _logger->Error("Error handling incoming message: %s", "unknown");
+void MsgBus::MsgBusImpl::OnLost() {
+    _state.Lose();
+    _connection.WakeListener();
+}
+
+void MsgBus::MsgBusImpl::Dispatch(DBusMessage* message) {
+    const osa::MutexAutoLock lock(&_busMutex);
+    _isDispatching = true;
+    try {
+        if (!DispatchMsg(message)) {
+            RefuseUnknown(message);
         }
-        SendQueued();
+    } catch (const std::exception& e) {
+        _logger->Error("Error handling incoming message: %s", e.what());
+    } catch (...) {
+        _logger->Error("Error handling incoming message: %s", "unknown");
     }
-    _backlogWarned = false;
-}
-
-/// Answers a kept call that nobody takes, as the bus library does for one that was not kept.
-void MsgBus::MsgBusImpl::RefuseUnknown(DBusMessage* call) {
-    if (dbus_message_get_type(call) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        dbus_message_get_no_reply(call) != FALSE) {
-        return;
-    }
-    DBusMessage* const error =
-        dbus_message_new_error_printf(call, DBUS_ERROR_UNKNOWN_METHOD,
-                                      "Method \"%s\" with signature \"%s\" on interface \"%s\" doesn't exist",
-                                      Text(dbus_message_get_member(call)), dbus_message_get_signature(call),
-                                      Text(dbus_message_get_interface(call)));
-    if (error != nullptr) {
-        const MsgBusMsgImpl owner(error, true);
-        TrySend(error);
-    }
+    _isDispatching = false;
 }
 
 bool MsgBus::MsgBusImpl::DispatchMsg(DBusMessage* message) {
-    const char* const member = dbus_message_get_member(message);
-    const char* const interface = dbus_message_get_interface(message);
     const int type = dbus_message_get_type(message);
     if (_logger->IsEnabled(core::Logger::kTrace)) {
         _logger->Trace("Received a %s with name=%s on interface %s from %s",
-                       dbus_message_type_to_string(type), Text(member), Text(interface),
-                       Text(dbus_message_get_sender(message)));
+                       dbus_message_type_to_string(type), TextOf(dbus_message_get_member(message)),
+                       TextOf(dbus_message_get_interface(message)), TextOf(dbus_message_get_sender(message)));
     }
     switch (type) {
         case DBUS_MESSAGE_TYPE_METHOD_RETURN:
             _logger->Warning("Just rcvd a method reply, we're not supposed to!");
             return true;
-        case DBUS_MESSAGE_TYPE_ERROR: {
-            Error error;
-            dbus_set_error_from_message(error.Get(), message);
-            _logger->Error("Got ERROR: %s: %s", error.Name(), error.Message().c_str());
+        case DBUS_MESSAGE_TYPE_ERROR:
+            LogReceivedError(message);
             return true;
-        }
         case DBUS_MESSAGE_TYPE_METHOD_CALL:
+            return DispatchToHandlers(message);
         case DBUS_MESSAGE_TYPE_SIGNAL:
-            break;
+            if (ViewOf(dbus_message_get_member(message)) == "NameLost") {
+                LogLostName(message);
+                return true;
+            }
+            return DispatchToHandlers(message);
         default:
             return false;
     }
-    const bool isSignal = type == DBUS_MESSAGE_TYPE_SIGNAL;
-    if (isSignal && View(member) == "NameLost") {
-        const char* name = "";
-        dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
-        _logger->Information("Lost connection name: %s", Text(name));
-        return true;
-    }
+}
+
+void MsgBus::MsgBusImpl::LogReceivedError(DBusMessage* message) {
+    DBusErrorRecord error;
+    dbus_set_error_from_message(error.Get(), message);
+    _logger->Error("Got ERROR: %s: %s", error.GetName(), error.GetMessage().c_str());
+}
+
+void MsgBus::MsgBusImpl::LogLostName(DBusMessage* message) {
+    const char* name = "";
+    dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
+    _logger->Information("Lost connection name: %s", TextOf(name));
+}
+
+bool MsgBus::MsgBusImpl::DispatchToHandlers(DBusMessage* message) {
     const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
-    return _dispatcher.Dispatch(wrapped, View(interface), View(member), isSignal, *_bus) ||
-           AnswerIntrospect(wrapped, *_bus);
+    const std::string_view member = ViewOf(dbus_message_get_member(message));
+    std::string_view interface = ViewOf(dbus_message_get_interface(message));
+    if (IsSignal(message)) {
+        return _dispatcher.Dispatch(wrapped, interface, member, true, *_bus);
+    }
+    std::string found;
+    if (interface.empty()) {
+        // The interface of a call is optional: many clients leave it out.
+        found = _dispatcher.FindInterface(member);
+        interface = found;
+    }
+    if (DescribedObject::Find(*_bus, ViewOf(dbus_message_get_path(message)), interface) ==
+        DescribedObject::Place::kElsewhere) {
+        return false;
+    }
+    return _dispatcher.Dispatch(wrapped, interface, member, false, *_bus) || AnswerIntrospect(wrapped);
+}
+
+/// Answers the call if it is Introspect and the path is known.
+bool MsgBus::MsgBusImpl::AnswerIntrospect(const MsgBusMsg& call) {
+    const std::string interface = call.GetInterface();
+    if (call.GetName() != "Introspect" ||
+        (!interface.empty() && interface != DBUS_INTERFACE_INTROSPECTABLE)) {
+        return false;
+    }
+    const std::string document = DescribedObject::Describe(*_bus, call.GetPath());
+    if (!document.empty() && call.IsExpectingResponse()) {
+        const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
+        *reply << document;
+        _bus->SendReply(*reply);
+    }
+    return !document.empty();
+}
+
+/// Answers a call that expects it with an error; does nothing for other messages.
+void MsgBus::MsgBusImpl::Refuse(DBusMessage* call, const char* error, const std::string& text) {
+    if (IsCall(call) && dbus_message_get_no_reply(call) == FALSE) {
+        _connection.Post(MessageRef::Adopt(dbus_message_new_error(call, error, ToErrorText(text).c_str())));
+    }
+}
+
+/// Answers a call that nobody takes, as libdbus does it.
+void MsgBus::MsgBusImpl::RefuseUnknown(DBusMessage* call) {
+    if (!IsCall(call)) {
+        return;
+    }
+    const std::string path = TextOf(dbus_message_get_path(call));
+    if (DescribedObject::IsUnknown(*_bus, path)) {
+        Refuse(call, DBUS_ERROR_UNKNOWN_OBJECT, "There is no object " + path);
+        return;
+    }
+    Refuse(call, DBUS_ERROR_UNKNOWN_METHOD,
+           "Method \"" + std::string(TextOf(dbus_message_get_member(call))) + "\" with signature \"" +
+               dbus_message_get_signature(call) + "\" on interface \"" +
+               TextOf(dbus_message_get_interface(call)) + "\" doesn't exist\n");
 }
 
 // ------------------------------------------------------------------------------------------------------------
 // The listen thread
 
-bool MsgBus::MsgBusImpl::IsListenThread() const {
-    return _running && ::pthread_equal(_listenThreadId, ::pthread_self()) != 0;
-}
-
-void MsgBus::MsgBusImpl::Start(unsigned int stackSize, signed char priority) {
+void MsgBus::MsgBusImpl::StartServer(unsigned int stackSize, signed char priority) {
     if (IsListenThread()) {
-        // A handler that had asked to stop has thought better of it.
-        _stopRequested = false;
-        if (_joining || !IsConnected()) {
-            _stopRequested = true;
-        }
+        // A handler that had asked to stop may change its mind.
+        _state.TakeStopBack();
         _logger->Warning("listen thread already running");
         return;
     }
     const osa::MutexAutoLock lock(&_serverMutex);
-    if (_running && !_stopRequested) {
+    if (_state.IsListening()) {
         _logger->Warning("listen thread already running");
         return;
     }
-    if (_listenThread) {
-        JoinListenThread();
+    JoinListenThread();
+    if (!_state.Begin()) {
+        return;
     }
-    _listenThread = std::make_unique<osa::Thread>("MsgBusListenThread", this, stackSize, priority);
-    // In this order: the connection may be lost at any moment.
-    _stopRequested = false;
-    if (!IsConnected()) {
-        _stopRequested = true;
+    try {
+        _listenThread = std::make_unique<osa::Thread>("MsgBusListenThread", this, stackSize, priority);
+        _listenThread->Run();
+    } catch (...) {
+        _listenThread.reset();
+        _state.End();
+        throw;
     }
-    _running = true;
-    _listenThread->Run();
 }
 
 void MsgBus::MsgBusImpl::Stop() {
@@ -740,7 +454,8 @@ void MsgBus::MsgBusImpl::Stop() {
 
 void MsgBus::MsgBusImpl::StopServer(bool wait) {
     _logger->Debug("stopping the listen thread...");
-    RequestStop();
+    _state.RequestStop(false);
+    _connection.WakeListener();
     if (!wait || IsListenThread()) {
         return;
     }
@@ -752,70 +467,84 @@ void MsgBus::MsgBusImpl::StopServer(bool wait) {
     }
 }
 
-void MsgBus::MsgBusImpl::RequestStop() {
-    _stopRequested = true;
-    WakeListenThread();
-}
-
 void MsgBus::MsgBusImpl::JoinListenThread() {
-    _joining = true;
-    RequestStop();  // again: somebody may have started the thread, or gone on with it, since it was asked
-    _listenThread->Join();
-    _listenThread.reset();
-    _joining = false;
+    if (_listenThread) {
+        // Once more: somebody may have taken the first request back.
+        _state.RequestStop(true);
+        _connection.WakeListener();
+        _listenThread->Join();
+        _listenThread.reset();
+    }
 }
 
 void MsgBus::MsgBusImpl::Run() {
-    _listenThreadId = ::pthread_self();
+    t_listener = this;
     _logger->Debug("In MsgBus listen thread...");
+    _connection.BeginListening();
     try {
-        {
-            const BusLock lock(*this);
-            _watcher.GiveAway();
-            {
-                const Scope dispatching(_dispatching);
-                DispatchBacklog();
-            }
-            DispatchAvailable();
-        }
-        while (!_stopRequested) {
-            // Who released the semaphore may have read for this thread; otherwise it reads for itself.
-            const unsigned int ready = _dispatchAvailable.TryLock(0) ? 0 : _watcher.Wait();
-            const BusLock lock(*this);
-            _watcher.Handle(ready);
-            DispatchAvailable();
-        }
+        Listen();
     } catch (const std::exception& e) {
         _logger->Error("Run caught exception: %s", e.what());
     } catch (...) {
         _logger->Error("Run caught exception: %s", "unknown");
     }
     _logger->Debug("Listen loop exiting.");
-    const BusLock lock(*this);
-    _listenThreadId = pthread_t{};  // the next thread of the process may get this id
-    _running = false;
-    _watcher.TakeBack();
-    AfterReading();
+    _connection.EndListening();
+    _state.End();
+    t_listener = nullptr;
+}
+
+void MsgBus::MsgBusImpl::Listen() {
+    for (;;) {
+        const ListenState::Next next = _state.GetNext();
+        if (next == ListenState::Next::kLeave) {
+            return;
+        }
+        const MessageRef message = _inbox.Take();
+        if (message) {
+            Dispatch(message.Get());
+            continue;
+        }
+        if (next == ListenState::Next::kDispatchTheRest) {
+            return;
+        }
+        _hasWarned = false;
+        _connection.WaitAndRead();
+    }
 }
 
 // ------------------------------------------------------------------------------------------------------------
 // Names and handlers
+
+/// Calls the bus itself. After one time-out nothing is awaited until the bus has shown that it lives, unless
+/// the caller must have an answer: the call is sent, and counts as one that timed out.
+MessageRef MsgBus::MsgBusImpl::CallBus(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error) {
+    const bool waits = mustAsk || !_connection.IsUnresponsive();
+    dbus_message_set_no_reply(call.Get(), waits ? FALSE : TRUE);
+    constexpr std::size_t kSize = 1024;
+    MessageRef reply = _connection.Call(std::move(call), kSize, waits ? limitMs : 0, GetPatience(), error);
+    if (dbus_error_has_name(error.Get(), DBUS_ERROR_NO_REPLY) != FALSE) {
+        _connection.NoteUnresponsive();
+    }
+    return reply;
+}
 
 void MsgBus::MsgBusImpl::RequestName(const std::string& name) {
     _logger->Trace("calling dbus_bus_request_name() with name = %s", name.c_str());
     if (!IsValidBusName(name.c_str())) {
         throw osa::Exception("dbus_bus_request_name failed for " + name + "Requested bus name is not valid");
     }
-    Error error;
-    int result = 0;
-    {
-        const BusLock lock(*this);
-        SendQueued();
-        result = dbus_bus_request_name(_connection, name.c_str(), kNameFlags, error.Get());
-        AfterReading();
+    DBusErrorRecord error;
+    MessageRef call = MakeBusCall("RequestName", name);
+    const dbus_uint32_t flags = kNameFlags;
+    dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID);
+    const MessageRef reply = CallBus(std::move(call), kAskLimitMs, true, error);
+    dbus_uint32_t result = 0;
+    if (reply) {
+        dbus_message_get_args(reply.Get(), error.Get(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
     }
     if (error.IsSet()) {
-        throw osa::Exception("dbus_bus_request_name failed for " + name + error.Message());
+        throw osa::Exception("dbus_bus_request_name failed for " + name + error.GetMessage());
     }
     if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && result != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
         throw osa::Exception("error requesting name or not primary owner");
@@ -823,30 +552,19 @@ void MsgBus::MsgBusImpl::RequestName(const std::string& name) {
 }
 
 void MsgBus::MsgBusImpl::ReleaseName(const std::string& name) {
-    if (!IsConnected()) {
+    if (_state.IsLost()) {
         return;  // the bus gave it up with the connection
     }
-    Error error;
+    DBusErrorRecord error;
     if (IsValidBusName(name.c_str())) {
-        const BusLock lock(*this);
-        SendQueued();
-        dbus_bus_release_name(_connection, name.c_str(), error.Get());
-        AfterReading();
+        CallBus(MakeBusCall("ReleaseName", name), kGiveUpLimitMs, false, error);
     } else {
         dbus_set_error_const(error.Get(), DBUS_ERROR_INVALID_ARGS, "Bus name is not valid");
     }
     if (error.IsSet()) {
-        _logger->Error("dbus_bus_release_name(%s) failed: %s", name.c_str(), error.Message().c_str());
+        _logger->Error("dbus_bus_release_name(%s) failed: %s", name.c_str(), error.GetMessage().c_str());
     }
 }
-
-namespace {
-
-std::string MatchRule(const std::string& interface, const std::string& member) {
-    return "interface='" + interface + "',member='" + member + "'";
-}
-
-}  // namespace
 
 void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& interface,
                                   IMessageHandler* handler) {
@@ -860,35 +578,27 @@ void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& 
 }
 
 void MsgBus::MsgBusImpl::AddMatch(const std::string& rule) {
-    Error error;
+    DBusErrorRecord error;
     if (IsValidText(rule.c_str())) {
-        const BusLock lock(*this);
-        SendQueued();
-        dbus_bus_add_match(_connection, rule.c_str(), error.Get());
-        AfterReading();
+        CallBus(MakeBusCall("AddMatch", rule), kAskLimitMs, false, error);
     } else {
         dbus_set_error_const(error.Get(), DBUS_ERROR_MATCH_RULE_INVALID, "Match rule is not valid UTF-8");
     }
     if (error.IsSet()) {
-        _logger->Error("dbus_bus_add_match(%s) failed: %s", rule.c_str(), error.Message().c_str());
+        _logger->Error("dbus_bus_add_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
     } else {
         _logger->Trace("Match rule applied: %s", rule.c_str());
     }
 }
 
 void MsgBus::MsgBusImpl::RemoveMatch(const std::string& rule) {
-    Error error;
+    DBusErrorRecord error;
     _logger->Trace("Calling dbus_bus_remove_match(%s)", rule.c_str());
-    {
-        const BusLock lock(*this);
-        SendQueued();
-        if (IsConnected() && IsValidText(rule.c_str())) {
-            dbus_bus_remove_match(_connection, rule.c_str(), error.Get());
-            AfterReading();
-        }
+    if (!_state.IsLost() && IsValidText(rule.c_str())) {
+        CallBus(MakeBusCall("RemoveMatch", rule), kGiveUpLimitMs, false, error);
     }
     if (error.IsSet()) {
-        _logger->Error("dbus_bus_remove_match(%s) failed: %s", rule.c_str(), error.Message().c_str());
+        _logger->Error("dbus_bus_remove_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
     } else {
         _logger->Trace("Match rule removed: %s", rule.c_str());
     }
@@ -903,7 +613,6 @@ void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
         for (const auto& [interface, member] : places) {
             RemoveMatch(MatchRule(interface, member));
         }
-        // Each rule took `_busMutex`, under which handlers run: by now no other thread is inside this one.
     } catch (const std::exception& e) {
         _logger->Error("Failed to unregister message handler: %s", e.what());
     } catch (...) {
@@ -922,7 +631,7 @@ void MsgBus::SendMsg(const MsgBusMsg& message) {
 }
 
 void MsgBus::SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) {
-    reply = new MsgBusMsg(new MsgBusMsgImpl(_impl->Call(*message._impl, timeoutMs), true));
+    reply = _impl->Call(*message._impl, timeoutMs);
 }
 
 void MsgBus::SendReply(const MsgBusMsg& message) {
@@ -930,11 +639,11 @@ void MsgBus::SendReply(const MsgBusMsg& message) {
 }
 
 void MsgBus::StartServer() {
-    _impl->Start(0, 0);
+    _impl->StartServer(0, 0);
 }
 
 void MsgBus::StartServer(unsigned int stackSize, signed char priority) {
-    _impl->Start(stackSize, priority);
+    _impl->StartServer(stackSize, priority);
 }
 
 void MsgBus::StopServer() {

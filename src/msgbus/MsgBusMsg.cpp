@@ -38,16 +38,6 @@ MsgBusMsgImpl* NewMessage(MsgBusMsg::MsgBusMsgType type) {
     return new MsgBusMsgImpl(message, true);
 }
 
-MsgBusMsgImpl* CopyMessage(const MsgBusMsgImpl& original) {
-    DBusMessage* const message = dbus_message_copy(original.Get());
-    if (message == nullptr) {
-        throw osa::Exception("dbus_message_copy failed");
-    }
-    auto* const copy = new MsgBusMsgImpl(message, true);
-    copy->SetSize(original.GetSize());
-    return copy;
-}
-
 using Setter = dbus_bool_t (*)(DBusMessage*, const char*);
 using Validator = bool (*)(const char*);
 
@@ -76,11 +66,12 @@ MsgBusMsgArgumentReader ReadFirst(const MsgBusMsg& message, T& value) {
 
 MsgBusMsg::MsgBusMsg(MsgBusMsgType type) : _impl(NewMessage(type)) {}
 
-MsgBusMsg::MsgBusMsg(const MsgBusMsg& other) : _impl(CopyMessage(*other._impl)) {}
+MsgBusMsg::MsgBusMsg(const MsgBusMsg& other) : _impl(std::make_unique<MsgBusMsgImpl>(*other._impl)) {}
 
 MsgBusMsg::MsgBusMsg(DBusMessage* message)
     : _impl(std::make_unique<MsgBusMsgImpl>(message != nullptr ? dbus_message_ref(message) : nullptr, true)) {
     _impl->MarkSent();
+    _impl->Expose();
 }
 
 MsgBusMsg::MsgBusMsg(MsgBusMsgImpl* impl) : _impl(impl) {
@@ -145,11 +136,11 @@ MsgBusMsg* MsgBusMsg::MakeReplyMsg() const {
 MsgBusMsg* MsgBusMsg::MakeErrorMsg(const std::string& text) const {
     CheckAnswerable(_impl->Get());
     return new MsgBusMsg(new MsgBusMsgImpl(
-        dbus_message_new_error(_impl->Get(), DBUS_ERROR_FAILED, ToValidText(text).c_str()), true));
+        dbus_message_new_error(_impl->Get(), DBUS_ERROR_FAILED, ToErrorText(text).c_str()), true));
 }
 
 DBusMessage* MsgBusMsg::GetDBusMessage() const {
-    return _impl->Get();
+    return _impl->Expose();
 }
 
 MsgBusMsg& MsgBusMsg::operator<<(bool value) {

@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 
 namespace zarip::msgbus {
@@ -91,7 +92,7 @@ struct ZARIP_HIDDEN MsgBusMsgArgumentDumper::Impl {
 };
 
 MsgBusMsgArgumentDumper::MsgBusMsgArgumentDumper(const MsgBusMsg& message)
-    : _impl(std::make_unique<Impl>(message.GetDBusMessage())) {}
+    : _impl(std::make_unique<Impl>(message._impl->Get())) {}
 
 MsgBusMsgArgumentDumper::~MsgBusMsgArgumentDumper() = default;
 

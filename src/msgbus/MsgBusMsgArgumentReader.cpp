@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
 
@@ -72,7 +73,7 @@ void ReadVector(DBusMessageIter& position, int elementType, std::vector<T>& valu
 }  // namespace
 
 MsgBusMsgArgumentReader::MsgBusMsgArgumentReader(const MsgBusMsg& message)
-    : _state(std::make_unique<State>(message.GetDBusMessage())) {}
+    : _state(std::make_unique<State>(message._impl->Get())) {}
 
 MsgBusMsgArgumentReader::MsgBusMsgArgumentReader(const MsgBusMsgArgumentReader& other)
     : _state(std::make_unique<State>(*other._state)) {}

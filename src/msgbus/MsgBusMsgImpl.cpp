@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstring>
+#include <memory>
 
 #include "msgbus/DBusText.h"
 #include "zarip/osa/Exception.h"
@@ -10,6 +11,9 @@ namespace zarip::msgbus {
 
 namespace {
 
+constexpr std::size_t kMaxMessageSize = std::size_t{32} * 1024 * 1024;  ///< the daemon's limit
+/// What the fields of a message take at most, except for its path.
+constexpr std::size_t kMaxHeaderSize = 4096;
 constexpr std::size_t kOverheadOfValue = 8;  // alignment, or a length and a terminating zero
 
 /// An array container that is open for appending; abandoned, so that the message stays whole, unless closed.
@@ -50,19 +54,94 @@ private:
     throw osa::Exception("MsgBusMsg: Out of Memory trying to append to msg!");
 }
 
+[[noreturn]] void ThrowSendFailed() {
+    throw osa::Exception("dbus_connection_send failed");
+}
+
+MessageRef Copy(DBusMessage* message) {
+    MessageRef copy = MessageRef::Adopt(dbus_message_copy(message));
+    if (!copy) {
+        throw osa::Exception("dbus_message_copy failed");
+    }
+    return copy;
+}
+
+/// Whether the message has what its type needs, and no name that libdbus keeps for itself.
+bool HasValidFields(DBusMessage* message) {
+    const char* const path = dbus_message_get_path(message);
+    const char* const interface = dbus_message_get_interface(message);
+    if (ViewOf(path) == DBUS_PATH_LOCAL || ViewOf(interface) == DBUS_INTERFACE_LOCAL) {
+        return false;
+    }
+    const bool isAddressed = path != nullptr && dbus_message_get_member(message) != nullptr;
+    switch (dbus_message_get_type(message)) {
+        case DBUS_MESSAGE_TYPE_METHOD_CALL:
+            return isAddressed;
+        case DBUS_MESSAGE_TYPE_SIGNAL:
+            return isAddressed && interface != nullptr;
+        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+            return dbus_message_get_reply_serial(message) != 0;
+        case DBUS_MESSAGE_TYPE_ERROR:
+            return dbus_message_get_reply_serial(message) != 0 &&
+                   dbus_message_get_error_name(message) != nullptr;
+        default:
+            return false;
+    }
+}
+
+/// The size of a message on the wire, found by writing it down and reading it back as the daemon would. 0 for
+/// one that the daemon would not take.
+std::size_t MeasureOnWire(DBusMessage* message) {
+    const MessageRef copy = Copy(message);
+    dbus_message_set_serial(copy.Get(), 1);  // none is malformed
+    char* data = nullptr;
+    int size = 0;
+    if (dbus_message_marshal(copy.Get(), &data, &size) == FALSE) {
+        return 0;
+    }
+    const std::unique_ptr<char, void (*)(void*)> owner(data, &dbus_free);
+    if (static_cast<std::size_t>(size) > kMaxMessageSize) {
+        return 0;
+    }
+    DBusErrorRecord error;
+    return MessageRef::Adopt(dbus_message_demarshal(data, size, error.Get())) ? static_cast<std::size_t>(size)
+                                                                              : 0;
+}
+
 }  // namespace
 
 MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* message, bool owned)
-    : _message(message), _owned(owned), _sent(!owned) {
+    : _message(message), _owned(owned), _sent(!owned), _isSizeKnown(false) {
     if (_message == nullptr) {
         throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");
     }
+    _isSizeKnown = owned && *dbus_message_get_signature(message) == '\0';
 }
+
+MsgBusMsgImpl::MsgBusMsgImpl(const MsgBusMsgImpl& original)
+    : _message(Copy(original._message).Release()),
+      _owned(true),
+      _sent(false),
+      _isSizeKnown(original._isSizeKnown),
+      _size(original._size) {}
 
 MsgBusMsgImpl::~MsgBusMsgImpl() {
     if (_owned) {
         dbus_message_unref(_message);
     }
+}
+
+MsgBusMsgImpl::Outgoing MsgBusMsgImpl::MakeOutgoing() const {
+    if (!HasValidFields(_message)) {
+        ThrowSendFailed();
+    }
+    const std::size_t size = _isSizeKnown
+                                 ? _size + ViewOf(dbus_message_get_path(_message)).size() + kMaxHeaderSize
+                                 : MeasureOnWire(_message);
+    if (size == 0 || size > kMaxMessageSize) {
+        ThrowSendFailed();
+    }
+    return {_sent || !_isSizeKnown ? Copy(_message) : MessageRef::Share(_message), size};
 }
 
 void MsgBusMsgImpl::CheckAppend(std::size_t codes) const {

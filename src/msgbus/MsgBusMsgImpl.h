@@ -6,33 +6,53 @@
 #include <string>
 #include <vector>
 
+#include "msgbus/DBusHandles.h"
+
 namespace zarip::msgbus {
 
-/// The message of the bus library behind a `MsgBusMsg`. *One thread at a time.*
+/// The libdbus message of a `MsgBusMsg`. *One thread at a time.*
+///
+/// A message is *open* at first: arguments are appended and fields are set. It is *sent* once a connection
+/// has accepted it, or from the start if it was received; then nothing changes it any more, and sending it
+/// again sends a copy.
 class MsgBusMsgImpl {
 public:
     /// @param message  a reference that this object gives up at its end when `owned`; otherwise borrowed: the
-    ///     bus library keeps it for as long as this object lives, and it is as one that was sent.
+    ///     caller keeps it for as long as this object lives, and it counts as sent.
     /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
     MsgBusMsgImpl(DBusMessage* message, bool owned);
-    MsgBusMsgImpl(const MsgBusMsgImpl&) = delete;
+
+    /// An open copy. Throws "dbus_message_copy failed".
+    MsgBusMsgImpl(const MsgBusMsgImpl& original);
     MsgBusMsgImpl& operator=(const MsgBusMsgImpl&) = delete;
     ~MsgBusMsgImpl();
 
     DBusMessage* Get() const { return _message; }
+
+    /// For code that may change the message without this object's knowledge: its size is not known any more.
+    DBusMessage* Expose() {
+        _isSizeKnown = false;
+        return _message;
+    }
 
     void AppendToMsg(int typeCode, const void* value);
     void AppendTextToMsg(const char* text);
     void AppendArrayToMsg(int elementType, const void* data, std::size_t count, std::size_t elementSize);
     void AppendStringArrayToMsg(const std::vector<std::string>& strings);
 
-    /// From now on the message belongs to the bus library: whatever would change it throws.
     void MarkSent() { _sent = true; }
     bool IsSent() const { return _sent; }
 
-    /// The bytes appended here, headers not counted.
-    std::size_t GetSize() const { return _size; }
-    void SetSize(std::size_t size) { _size = size; }
+    /// The message in the form in which a connection sends it, and its size in bytes, at least. The message
+    /// itself, unless it was sent or somebody else may change it: then a copy of it.
+    struct Outgoing {
+        MessageRef message;
+        std::size_t size;
+    };
+
+    /// Throws "dbus_connection_send failed" for a message over which the bus would close the connection:
+    /// above 32 MiB, with names that are libdbus's own, without a field that its type needs, or malformed.
+    Outgoing MakeOutgoing() const;
 
 private:
     /// Throws unless `codes` more type codes may be appended.
@@ -41,7 +61,8 @@ private:
     DBusMessage* _message;
     bool _owned;
     bool _sent;
-    std::size_t _size = 0;
+    bool _isSizeKnown;
+    std::size_t _size = 0;  ///< of the arguments, at most
 };
 
 }  // namespace zarip::msgbus

@@ -711,7 +711,8 @@ TEST_F(LostBusTest, EndsAWaitingCallAndAHandlerThatRuns) {
     auto call = std::async(std::launch::async,
                            [&] { return ErrorOf([&] { Ask(client, kService, "Echo", "", 0x7FFFFFFF); }); });
     entered.Lock();
-    // Also messages without arguments fill what may wait to be sent meanwhile.
+    // Messages without arguments fill what may wait to be sent as well.
+    PrivateBus::Get().Freeze();
     const MsgBusSignal signal(kPath, kInterface, "Changed");
     string refused = "no exception";
     for (int i = 0; i < 200'000 && refused == "no exception"; ++i) {

@@ -11,6 +11,7 @@ struct DBusMessage;
 
 namespace zarip::msgbus {
 
+class MsgBusMsgArgumentDumper;
 class MsgBusMsgArgumentReader;
 class MsgBusMsgImpl;
 
@@ -65,11 +66,13 @@ public:
     /// where there is nothing to reply to, as in a call that was not sent.
     MsgBusMsg* MakeReplyMsg() const;
 
-    /// An error reply "org.freedesktop.DBus.Error.Failed" to this call, *caller owns*; bytes of the text that
-    /// are not UTF-8 are replaced. Throws as `MakeReplyMsg`.
+    /// An error reply "org.freedesktop.DBus.Error.Failed" to this call, *caller owns*. Bytes of the text that
+    /// are not UTF-8 are replaced, and it is cut after 64 KiB. Throws as `MakeReplyMsg`.
     MsgBusMsg* MakeErrorMsg(const std::string& text) const;
 
-    /// *Not owned*.
+    /// The message of libdbus, *not owned*, for programs that use that library, too. From then on a
+    /// connection sends a copy and checks it first, because this object does not know what the program has
+    /// changed.
     DBusMessage* GetDBusMessage() const;
 
     /// Append one argument. Throw "MsgBusMsg: text is not valid UTF-8!", "MsgBusMsg: too many arguments!" and
@@ -107,6 +110,8 @@ public:
 
 private:
     friend class MsgBus;
+    friend class MsgBusMsgArgumentDumper;
+    friend class MsgBusMsgArgumentReader;
 
     std::unique_ptr<MsgBusMsgImpl> _impl;
 };

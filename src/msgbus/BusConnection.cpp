@@ -1,0 +1,338 @@
+#include "msgbus/BusConnection.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <climits>
+
+#include "zarip/core/Logger.h"
+#include "zarip/osa/Exception.h"
+
+namespace zarip::msgbus {
+
+namespace {
+
+constexpr unsigned int kWatcherStackSize = 32768;
+constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
+constexpr int kLastWriteLimitMs = 250;
+/// How many messages a thread sends for others before the watcher's thread continues.
+constexpr int kBatch = 64;
+
+// The texts of libdbus's own waiting calls.
+constexpr const char* kTimedOut =
+    "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
+    "message "
+    "bus security policy blocked the reply, the reply timeout expired, or the network connection was broken.";
+constexpr const char* kDisconnected = "Connection was disconnected before a reply was received";
+constexpr const char* kClosed = "Connection is closed";
+
+core::Logger* WithThreads(core::Logger* logger) {
+    // Before the first connection, so that libdbus locks its own data.
+    dbus_threads_init_default();
+    return logger;
+}
+
+DBusConnection* Connect() {
+    DBusErrorRecord error;
+    DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
+    if (error.IsSet()) {
+        throw osa::Exception("dbus_bus_get_private failed: " + error.GetMessage());
+    }
+    if (connection == nullptr) {
+        throw osa::Exception("dbus_bus_get_private returned NULL");
+    }
+    dbus_connection_set_exit_on_disconnect(connection, FALSE);
+    // Never reached: what is received is bounded by its receivers, and a reply must always get through.
+    dbus_connection_set_max_received_size(connection, INT_MAX / 2);
+    return connection;
+}
+
+bool IsLocalDisconnected(DBusMessage* message) {
+    return dbus_message_get_sender(message) == nullptr &&
+           dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected") != FALSE;
+}
+
+/// The answer to a call of the interface that every connection has; null for any other message.
+MessageRef AnswerPeer(DBusMessage* message) {
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
+        dbus_message_has_interface(message, DBUS_INTERFACE_PEER) == FALSE) {
+        return {};
+    }
+    if (dbus_message_has_member(message, "Ping") != FALSE) {
+        return MessageRef::Adopt(dbus_message_new_method_return(message));
+    }
+    if (dbus_message_has_member(message, "GetMachineId") == FALSE) {
+        return MessageRef::Adopt(
+            dbus_message_new_error(message, DBUS_ERROR_UNKNOWN_METHOD,
+                                   "Unknown method invoked on org.freedesktop.DBus.Peer interface"));
+    }
+    DBusErrorRecord error;
+    char* id = dbus_try_get_local_machine_id(error.Get());
+    MessageRef reply = MessageRef::Adopt(dbus_message_new_method_return(message));
+    if (id == nullptr) {
+        return MessageRef::Adopt(
+            dbus_message_new_error(message, error.GetName(), error.GetMessage().c_str()));
+    }
+    if (reply) {
+        dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID);
+    }
+    dbus_free(id);
+    return reply;
+}
+
+}  // namespace
+
+/// Holds the connection; hands libdbus what waits to be sent before letting go.
+class ZARIP_SCOPED_CAPABILITY BusConnection::Use {
+public:
+    explicit Use(BusConnection& connection) ZARIP_ACQUIRE(connection._lock) : _connection(connection) {
+        _connection._lock.Lock();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+    ~Use() ZARIP_RELEASE() {
+        _connection.Drain();
+        _connection._lock.Release();
+        _connection.Flush();
+    }
+
+private:
+    BusConnection& _connection;
+};
+
+BusConnection::BusConnection(core::Logger* logger, Receiver* receiver)
+    : _logger(WithThreads(logger)),
+      _receiver(receiver),
+      _watcher(logger, [this](unsigned int flags) { OnReady(flags); }),
+      _watcherThread("DBusWatcher", &_watcher, kWatcherStackSize, 0) {
+    const Use use(*this);
+    _connection = Connect();
+    try {
+        _watcher.Attach(_connection);
+    } catch (...) {
+        dbus_connection_close(_connection);
+        dbus_connection_unref(_connection);
+        _connection = nullptr;
+        throw;
+    }
+}
+
+BusConnection::~BusConnection() {
+    _outbox.WaitUntilWritten(kLastWriteLimitMs);
+    _watcher.Stop();
+    _watcherThread.Join();
+    _outbox.Close();
+    const Use use(*this);
+    _watcher.Detach(_connection);
+    dbus_connection_close(_connection);
+    dbus_connection_unref(_connection);
+    _connection = nullptr;
+}
+
+void BusConnection::Start() {
+    {
+        const Use use(*this);
+        TakeIncoming();
+    }
+    _watcherThread.Run();
+}
+
+// ------------------------------------------------------------------------------------------------------------
+// Sending
+
+dbus_uint32_t BusConnection::Number(DBusMessage* message) {
+    if (dbus_message_get_serial(message) == 0) {
+        dbus_uint32_t serial = 0;
+        while (serial == 0) {
+            serial = ++_lastSerial;
+        }
+        dbus_message_set_serial(message, serial);
+    }
+    return dbus_message_get_serial(message);
+}
+
+Outbox::Result BusConnection::Send(MessageRef message, std::size_t size, Outbox::Patience patience) {
+    Number(message.Get());
+    const Outbox::Result result = _outbox.Put(std::move(message), size, patience);
+    Flush();
+    return result;
+}
+
+void BusConnection::Post(MessageRef message) {
+    if (message) {
+        // If the calling thread holds the lock, `Flush` does nothing and the end of that `Use` sends it.
+        Send(std::move(message), 0, Outbox::Patience::kNever);
+    }
+}
+
+/// Sends what waits, unless somebody else is about to: whoever has the lock looks at the outbox after letting
+/// go.
+void BusConnection::Flush() {
+    for (int round = 0; _outbox.HasWork(); ++round) {
+        if (round == 2) {
+            _watcher.Attend();
+            return;
+        }
+        if (!_lock.TryLock()) {
+            return;
+        }
+        Drain();
+        _lock.Release();
+    }
+}
+
+void BusConnection::Drain() {
+    if (_connection == nullptr || _isLost) {
+        return;
+    }
+    for (int i = 0; i < kBatch; ++i) {
+        if (dbus_connection_get_is_connected(_connection) == FALSE) {
+            TakeIncoming();  // which ends with the news of the loss
+            return;
+        }
+        if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
+            _outbox.NoteBlocked();
+            return;
+        }
+        const MessageRef message = _outbox.Take();
+        if (!message) {
+            return;
+        }
+        if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
+            _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
+        }
+    }
+}
+
+// ------------------------------------------------------------------------------------------------------------
+// Calling
+
+MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeoutMs, Outbox::Patience patience,
+                               DBusErrorRecord& error) {
+    const int limitMs = timeoutMs < 0 ? kDefaultTimeoutMs : timeoutMs;
+    const osa::MonotonicMs until = limitMs == DBUS_TIMEOUT_INFINITE ? osa::kNever : osa::NowMs() + limitMs;
+    PendingCalls::Call call(Number(message.Get()));
+    _pending.Add(call);
+    const Outbox::Result result = _outbox.Put(std::move(message), size, patience, until);
+    if (result == Outbox::Result::kTaken) {
+        if (_pending.Begin(call)) {
+            _watcher.Pause();
+        }
+        Flush();
+        ReadUntilDone(call, until);
+    }
+    if (_pending.Remove(call)) {
+        _watcher.Resume();
+    }
+    if (result == Outbox::Result::kClosed) {
+        dbus_set_error_const(error.Get(), DBUS_ERROR_DISCONNECTED, kClosed);
+    } else if (!call.isDone) {
+        _outbox.Withdraw(call.serial);
+        dbus_set_error_const(error.Get(), DBUS_ERROR_NO_REPLY, kTimedOut);
+    } else if (!call.reply) {
+        dbus_set_error_const(error.Get(), DBUS_ERROR_DISCONNECTED, kDisconnected);
+    } else if (dbus_set_error_from_message(error.Get(), call.reply.Get()) != FALSE) {
+        call.reply = MessageRef();
+    }
+    return std::move(call.reply);
+}
+
+void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs until) {
+    bool isLate = false;
+    while (!_pending.IsDone(call) && !isLate) {
+        isLate = until != osa::kNever && osa::NowMs() >= until;  // one look also when there is no time at all
+        if (!call.leads) {
+            if (!isLate) {
+                _pending.Wait(call, until);
+            }
+            continue;
+        }
+        pollfd descriptors[] = {{_watcher.GetFd(), POLLIN, 0}, {_pending.GetWakeFd(), POLLIN, 0}};
+        const osa::MonotonicMs left = until == osa::kNever ? INT_MAX : until - osa::NowMs();
+        const int timeout = static_cast<int>(std::clamp<osa::MonotonicMs>(left, 0, INT_MAX));
+        ::poll(descriptors, 2, timeout);
+        if (descriptors[1].revents != 0) {
+            _pending.ClearWake();
+        }
+        if (descriptors[0].revents != 0) {
+            const Use use(*this);
+            Read(DBUS_WATCH_READABLE);
+        }
+    }
+}
+
+// ------------------------------------------------------------------------------------------------------------
+// Receiving
+
+void BusConnection::OnReady(unsigned int flags) {
+    const Use use(*this);
+    if ((flags & DBUS_WATCH_WRITABLE) != 0) {
+        _outbox.NoteProgress();
+    }
+    Read(flags);
+}
+
+void BusConnection::WaitAndRead() {
+    const unsigned int flags = _watcher.Wait();
+    if (flags != 0) {
+        const Use use(*this);
+        Read(flags);
+    }
+}
+
+void BusConnection::Read(unsigned int flags) {
+    if (_isLost) {
+        return;
+    }
+    _watcher.Handle(flags);
+    TakeIncoming();
+}
+
+void BusConnection::TakeIncoming() {
+    for (int attempts = 0; !_isLost && attempts < 100;) {
+        MessageRef message = MessageRef::Adopt(dbus_connection_pop_message(_connection));
+        if (message) {
+            Route(std::move(message));
+        } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
+            ::poll(nullptr, 0, 10);
+            ++attempts;
+        } else {
+            break;
+        }
+    }
+}
+
+void BusConnection::Route(MessageRef message) {
+    DBusMessage* const raw = message.Get();
+    if (_isUnresponsive.load(std::memory_order_relaxed)) {
+        _isUnresponsive = false;
+    }
+    const int type = dbus_message_get_type(raw);
+    const bool isReply = type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
+    if (isReply && _pending.Complete(message)) {
+        return;
+    }
+    if (IsLocalDisconnected(raw)) {
+        Lose();
+        return;
+    }
+    MessageRef answer = AnswerPeer(raw);
+    if (!answer) {
+        _receiver->OnReceived(std::move(message));
+    } else if (dbus_message_get_no_reply(raw) == FALSE) {
+        Post(std::move(answer));
+    }
+}
+
+void BusConnection::Lose() {
+    _isLost = true;
+    _logger->Error("The connection to the bus is lost");
+    const std::size_t lost = _outbox.Close();
+    if (lost != 0) {
+        _logger->Error("dbus_connection_send failed: %zu queued messages are lost", lost);
+    }
+    _pending.FailAll();
+    _receiver->OnLost();
+}
+
+}  // namespace zarip::msgbus
