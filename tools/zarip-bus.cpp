@@ -402,6 +402,35 @@ void PrintResults(const std::string& results) {
     }
 }
 
+void PrintReply(const MsgBusMsg& reply, const Options& options) {
+    const std::string results = msgbus::MsgBusMsgArgumentDumper(reply).AsJson(false);
+    if (options.json) {
+        Print(results);
+    } else {
+        PrintResults(results);
+    }
+}
+
+/// Calls a member without arguments that the service does not describe: a reply whose signature varies cannot
+/// be described.
+int CallUnlisted(MsgBus& bus, const Options& options, const std::string& service, int timeout) {
+    const std::string& name = options.words[2];
+    const std::string unknown = service + " has no member " + name + "; see zarip-bus describe";
+    if (options.words.size() != 3 || !dbus_validate_member(name.c_str(), nullptr)) {
+        throw Failure(kUsageError, unknown);
+    }
+    try {
+        PrintReply(*Send(bus, msgbus::MsgBusRemoteMethod(Selector(service, service), name.c_str()), timeout),
+                   options);
+    } catch (const Failure& e) {
+        if (std::string(e.what()).find("Method \"" + name + "\"") != std::string::npos) {
+            throw Failure(kUsageError, unknown);
+        }
+        throw;
+    }
+    return kDone;
+}
+
 int Call(MsgBus& bus, const Options& options) {
     const std::string service = Require(bus, options.words[1]);
     const std::string& name = options.words[2];
@@ -411,7 +440,7 @@ int Call(MsgBus& bus, const Options& options) {
         return candidate.name == name && !candidate.isSignal;
     });
     if (member == members.end()) {
-        throw Failure(kUsageError, service + " has no member " + name + "; see zarip-bus describe");
+        return CallUnlisted(bus, options, service, timeout);
     }
     if (options.words.size() != 3 + member->in.size()) {
         throw Failure(kUsageError, name + " takes " + std::to_string(member->in.size()) + " arguments, not " +
@@ -427,16 +456,10 @@ int Call(MsgBus& bus, const Options& options) {
     }
     if (member->isOneWay) {
         bus.SendMsg(message);
-        AskBus<std::string>(bus, "GetId");  // answered behind the call, which the bus then has passed on
+        AskBus<std::string>(bus, "GetId");  // is answered after the bus has passed the call on
         return kDone;
     }
-    const Message reply = Send(bus, message, timeout);
-    const std::string results = msgbus::MsgBusMsgArgumentDumper(*reply).AsJson(false);
-    if (options.json) {
-        Print(results);
-    } else {
-        PrintResults(results);
-    }
+    PrintReply(*Send(bus, message, timeout), options);
     return kDone;
 }
 

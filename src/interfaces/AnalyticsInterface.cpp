@@ -1,6 +1,8 @@
 #include "zarip/interfaces/AnalyticsInterface.h"
 
 #include "interfaces/CountedList.h"
+#include "interfaces/Descriptions.h"
+#include "msgbus/DescribedObject.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBus.h"
 #include "zarip/msgbus/MsgBusSignal.h"
@@ -37,16 +39,23 @@ void AnalyticsAlert::Serialize(msgbus::MsgBusMsg& message) const {
             << description << startTime << endTime;
 }
 
+namespace {
+
+constexpr const char* kName = "com.brelk.analytics";
+
+}  // namespace
+
 class ZARIP_HIDDEN AnalyticsInterface::AnalyticsInterfaceImpl {
 public:
     AnalyticsInterfaceImpl(const char* path, msgbus::MsgBus* bus)
         : _logger(core::Logger::GetLogger("AnalyticsInterface")),
           _bus(bus),
-          _path(path != nullptr ? path : "") {}
+          _path(path != nullptr ? path : ""),
+          _description(bus, _path.c_str(), kName, DescriptionOf(kName)) {}
 
     void BroadcastAnalyticsAlert(const AnalyticsAlert& alert) {
         _logger->Information("BroadcastAnalyticsAlert");
-        msgbus::MsgBusSignal signal(_path.c_str(), "com.brelk.analytics", "AnalyticsAlert");
+        msgbus::MsgBusSignal signal(_path.c_str(), kName, "AnalyticsAlert");
         alert.Serialize(signal);
         _logger->Debug("send BroadcastAnalyticsAlert Dbus signal...");
         _bus->SendMsg(signal);
@@ -57,6 +66,7 @@ private:
     core::Logger* _logger;
     msgbus::MsgBus* _bus;
     std::string _path;
+    msgbus::DescribedObject _description;
 };
 
 AnalyticsInterface::AnalyticsInterface(msgbus::MsgBus* bus)

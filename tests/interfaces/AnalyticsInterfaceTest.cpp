@@ -176,8 +176,8 @@ TEST(AnalyticsInterfaceTest, AlertsReachWhoListens) {
 
     const auto file = test::Description::OfFile("com.brelk.analytics");
     EXPECT_EQ(file.GetPath(), "/com/brelk/analytics");
-    EXPECT_EQ(file.GetMembers("com.brelk.analytics"),
-              std::vector<string>{"signal AnalyticsAlert(ssssiisissss)"});
+    // Its signature varies, so no description fits; see the two above.
+    EXPECT_EQ(file.GetMembers("com.brelk.analytics"), std::vector<string>());
 }
 
 }  // namespace

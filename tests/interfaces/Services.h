@@ -39,6 +39,7 @@ struct Member {
     const char* received;   // what the implementation gets
     const char* returned;   // what the caller gets
     std::function<string(Provider&)> call;
+    bool variesInSignature = false;  // so it is not in the description
 };
 
 /// What arrived, on any thread.
@@ -363,7 +364,7 @@ struct AudioLineOut {
                 {"Disconnect", "i", "s", "-3", "\"Disconnect|-3\"",
                  [](auto& p) { return Show(p.Disconnect(-3)); }},
                 {"KeepAlive", "i", "s", "4", "\"KeepAlive|4\"", [](auto& p) { return Show(p.KeepAlive(4)); }},
-                {"Query", "", "i", nullptr, "", &ShowQuery}};
+                {"Query", "", "i", nullptr, "", &ShowQuery, true}};
     }
     static vector<Signal<Provider>> Signals() { return {}; }
 };

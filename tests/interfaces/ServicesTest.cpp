@@ -159,8 +159,10 @@ TYPED_TEST(ServiceTest, TheDescriptionIsWhatTheCodeSendsAndTakes) {
         // What the adapter does does not depend on how the proxy asks.
         const string error = ErrorOfCall(bus, sent);
         EXPECT_EQ(error, waits ? "no exception" : "no reply") << member.name;
-        members.push_back(sent.GetName() + "(" + Signature(sent) +
-                          (waits ? ")->(" + bus._replySignature + ")" : ") one-way"));
+        if (!member.variesInSignature) {
+            members.push_back(sent.GetName() + "(" + Signature(sent) +
+                              (waits ? ")->(" + bus._replySignature + ")" : ") one-way"));
+        }
     }
     for (const auto& signal : this->_signals) {
         signal.fire(this->_implementation);
@@ -275,7 +277,8 @@ TYPED_TEST(ServiceTest, IsShownByGdbus) {
                                   " --object-path " + TypeParam::kPath);
     EXPECT_NE(shown.find(string("interface ") + TypeParam::kName + " {"), string::npos) << shown;
     for (const auto& member : this->_members) {
-        EXPECT_NE(shown.find(string("      ") + member.name + "("), string::npos) << member.name;
+        EXPECT_EQ(shown.find(string("      ") + member.name + "(") == string::npos, member.variesInSignature)
+            << member.name;
     }
     for (const auto& signal : this->_signals) {
         EXPECT_NE(shown.find(string("      ") + signal.name + "("), string::npos) << signal.name;

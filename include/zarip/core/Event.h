@@ -15,46 +15,46 @@ namespace zarip::core {
 
 namespace internal {
 
-/// What `Event0` and `Event1` share. The list and the depth of nested firings are guarded by the event's
-/// mutex, which is held while delegates run.
+/// What `Event0` and `Event1` share. The state is an object of its own, which a firing keeps: so an event may
+/// be deleted by one of its delegates. The event's mutex guards the state and is held while delegates run.
 template <class Delegate>
 class EventList {
 public:
-    EventList() = default;
+    EventList() : _state(std::make_shared<State>()) {}
     EventList(const EventList&) = delete;
     EventList& operator=(const EventList&) = delete;
+
+    /// Waits for a firing on another thread. In a firing on the calling thread no further delegate is called.
+    ~EventList() {
+        _state->RemoveIf([](const Delegate&) { return true; });
+    }
 
     /// *Takes ownership*. A delegate added while the event fires is called from the next firing on.
     void AddDelegate(Delegate* delegate) {
         std::unique_ptr<Delegate> owned(delegate);
-        osa::MutexAutoLock lock(&_mutex);
         if (owned) {
-            _delegates.push_back(std::move(owned));
+            osa::MutexAutoLock lock(&_state->mutex);
+            _state->delegates.push_back(std::move(owned));
         }
     }
 
     /// Deletes the delegates that are bound to `object`. Once it has returned none of them runs or will run,
     /// unless the caller is one of them: then it is deleted when the firing has ended.
     void RemoveDelegate(const void* object) {
-        osa::MutexAutoLock lock(&_mutex);
-        for (auto& delegate : _delegates) {
-            if (delegate && delegate->Matches(object)) {
-                _removed.emplace_back(std::move(delegate));
-            }
-        }
-        Tidy();
+        _state->RemoveIf([object](const Delegate& delegate) { return delegate.Matches(object); });
     }
 
 protected:
     template <class... A>
     void Fire(const A&... argument) {
-        osa::MutexAutoLock lock(&_mutex);
+        const std::shared_ptr<State> state = _state;
+        osa::MutexAutoLock lock(&state->mutex);
         std::exception_ptr failure;
-        ++_depth;
+        ++state->depth;
         // Delegates may add to the list (so no iterators) and remove from it (which leaves null until the
         // end).
-        for (std::size_t i = 0, end = _delegates.size(); i < end; ++i) {
-            if (Delegate* delegate = _delegates[i].get()) {
+        for (std::size_t i = 0, end = state->delegates.size(); i < end; ++i) {
+            if (Delegate* delegate = state->delegates[i].get()) {
                 try {
                     delegate->Call(argument...);
                 } catch (...) {
@@ -64,28 +64,43 @@ protected:
                 }
             }
         }
-        --_depth;
-        Tidy();
+        --state->depth;
+        state->Tidy();
         if (failure) {
             std::rethrow_exception(failure);
         }
     }
 
 private:
-    void Tidy() ZARIP_REQUIRES(_mutex) {
-        if (_depth > 0) {
-            return;
+    struct State {
+        template <class Predicate>
+        void RemoveIf(Predicate predicate) {
+            osa::MutexAutoLock lock(&mutex);
+            for (auto& delegate : delegates) {
+                if (delegate && predicate(*delegate)) {
+                    removed.emplace_back(std::move(delegate));
+                }
+            }
+            Tidy();
         }
-        _delegates.erase(std::remove(_delegates.begin(), _delegates.end(), nullptr), _delegates.end());
-        // Taken out first: what a delegate owns may, as it goes, remove others.
-        const std::vector<std::unique_ptr<Delegate>> removed = std::move(_removed);
-        _removed.clear();
-    }
 
-    osa::Mutex _mutex{"Event"};
-    std::vector<std::unique_ptr<Delegate>> _delegates ZARIP_GUARDED_BY(_mutex);
-    std::vector<std::unique_ptr<Delegate>> _removed ZARIP_GUARDED_BY(_mutex);
-    int _depth ZARIP_GUARDED_BY(_mutex) = 0;
+        void Tidy() ZARIP_REQUIRES(mutex) {
+            if (depth > 0) {
+                return;
+            }
+            delegates.erase(std::remove(delegates.begin(), delegates.end(), nullptr), delegates.end());
+            // Taken out first: what a delegate owns may, when it is deleted, remove others.
+            const std::vector<std::unique_ptr<Delegate>> deleted = std::move(removed);
+            removed.clear();
+        }
+
+        osa::Mutex mutex{"Event"};
+        std::vector<std::unique_ptr<Delegate>> delegates ZARIP_GUARDED_BY(mutex);
+        std::vector<std::unique_ptr<Delegate>> removed ZARIP_GUARDED_BY(mutex);
+        int depth ZARIP_GUARDED_BY(mutex) = 0;  ///< of nested firings
+    };
+
+    std::shared_ptr<State> _state;
 };
 
 }  // namespace internal

@@ -14,8 +14,9 @@ namespace zarip::msgbus {
 /// reply. An argument or result may be a record: a type with `operator>>` on a reader and `operator<<` on a
 /// message.
 ///
-/// They *take ownership* of the delegate, which is *called on MsgBusListenThread*. Arguments beyond those
-/// read are ignored; missing or wrong ones throw the reader's exception, which becomes the error reply.
+/// They *take ownership* of the delegate, which is *called on MsgBusListenThread* and may delete the handler.
+/// Arguments beyond those read are ignored; missing or wrong ones throw the reader's exception, which becomes
+/// the error reply.
 
 namespace internal {
 
@@ -43,12 +44,13 @@ class MessageHandler0 final : public IMessageHandler {
 public:
     explicit MessageHandler0(core::IDelegate0<R>* delegate) : _delegate(delegate) {}
     void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) override {
-        internal::Reply<R>(message, bus, _delegate->Call());
+        const auto delegate = _delegate;  // which may delete this handler
+        internal::Reply<R>(message, bus, delegate->Call());
     }
     Kind GetKind() const override { return kMethodCalls; }
 
 private:
-    std::unique_ptr<core::IDelegate0<R>> _delegate;
+    std::shared_ptr<core::IDelegate0<R>> _delegate;
 };
 
 template <class R, class A>
@@ -56,12 +58,13 @@ class MessageHandler1 final : public IMessageHandler {
 public:
     explicit MessageHandler1(core::IDelegate1<R, A>* delegate) : _delegate(delegate) {}
     void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) override {
-        internal::Reply<R>(message, bus, _delegate->Call(internal::ReadArgument<A>(message)));
+        const auto delegate = _delegate;  // which may delete this handler
+        internal::Reply<R>(message, bus, delegate->Call(internal::ReadArgument<A>(message)));
     }
     Kind GetKind() const override { return kMethodCalls; }
 
 private:
-    std::unique_ptr<core::IDelegate1<R, A>> _delegate;
+    std::shared_ptr<core::IDelegate1<R, A>> _delegate;
 };
 
 /// Sends no reply, also where the caller expects one: what returns nothing is one-way.
@@ -69,11 +72,14 @@ class VoidMessageHandler0 final : public IMessageHandler {
 public:
     explicit VoidMessageHandler0(core::IVoidDelegate0* delegate, Kind kind = kBoth)
         : _delegate(delegate), _kind(kind) {}
-    void HandleMessage(const MsgBusMsg& /*message*/, IMsgBus& /*bus*/) override { _delegate->Call(); }
+    void HandleMessage(const MsgBusMsg& /*message*/, IMsgBus& /*bus*/) override {
+        const auto delegate = _delegate;  // which may delete this handler
+        delegate->Call();
+    }
     Kind GetKind() const override { return _kind; }
 
 private:
-    std::unique_ptr<core::IVoidDelegate0> _delegate;
+    std::shared_ptr<core::IVoidDelegate0> _delegate;
     Kind _kind;
 };
 
@@ -83,12 +89,13 @@ public:
     explicit VoidMessageHandler1(core::IVoidDelegate1<A>* delegate, Kind kind = kBoth)
         : _delegate(delegate), _kind(kind) {}
     void HandleMessage(const MsgBusMsg& message, IMsgBus& /*bus*/) override {
-        _delegate->Call(internal::ReadArgument<A>(message));
+        const auto delegate = _delegate;  // which may delete this handler
+        delegate->Call(internal::ReadArgument<A>(message));
     }
     Kind GetKind() const override { return _kind; }
 
 private:
-    std::unique_ptr<core::IVoidDelegate1<A>> _delegate;
+    std::shared_ptr<core::IVoidDelegate1<A>> _delegate;
     Kind _kind;
 };
 
