@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Calls and signals through a private bus: this library against raw libdbus, GDBus and sdbus-c++.
+"""Calls and signals through a private bus: this library against raw libdbus, GDBus and sdbus-c++; then several threads
+on one connection.
 
-The bus, both ends and this driver share one CPU, because a hand-over between two CPUs would cost more than everything
+In the comparison the bus, both ends and this driver share one CPU, because a hand-over between two CPUs would cost more than everything
 that is compared here. In each round every pair runs once; tables show medians over the rounds and, as ratios, the
-medians of what a pair took in a round divided by what raw libdbus took in it.
+medians of what a pair took in a round divided by what raw libdbus took in it. The threads use all CPUs.
 """
 
 import argparse
@@ -211,16 +212,46 @@ class Bench:
         columns = ["client early", "server early", "client end", "server end"]
         print_table(f"Memory in KiB after {early} and after {total} calls", columns, rows)
 
+    def threads(self):
+        calls = 4000 if self._quick else 40000
+        duration = 1000 if self._quick else 10000
+        program = os.path.join(self._programs, "zarip-bench-bus-threads")
+
+        def run(*role):
+            output = subprocess.run([program, *map(str, role)], stdout=subprocess.PIPE, check=True, timeout=PATIENCE)
+            return list(map(float, output.stdout.split()))
+
+        rates = []
+        tails = []
+        with self._peer("zarip", "serve"):
+            for _ in range(self._rounds):
+                rates.append((run("call", 1, calls)[0], run("call", 4, calls)[0]))
+            for _ in range(3):
+                tails.append(run("beside-hung", calls // 10))
+        one, four = map(statistics.median, zip(*rates))
+        ratio = statistics.median(after / before for before, after in rates)
+        rows = [("one thread", f"{one:.0f}", "1.00"), ("four threads", f"{four:.0f}", f"{ratio:.2f}")]
+        print_table("Calls a second on one connection", ["calls", "ratio"], rows)
+        alone, beside = map(statistics.median, zip(*tails))
+        ratio = statistics.median(after / before for before, after in tails)
+        rows = [("undisturbed", f"{alone:.0f}", "1.00"), ("beside a hung service", f"{beside:.0f}", f"{ratio:.2f}")]
+        print_table("p99 of a call while another thread waits on the connection", ["us", "ratio"], rows)
+        sent, refused, lost, slowest = run("send", 4, 1024, duration)
+        rows = [("four threads", f"{sent:.0f}", f"{refused:.0f}", f"{lost:.0f}", f"{slowest:.1f}")]
+        title = f"Signals of 1 KiB without a pause for {duration / 1000:.0f} s"
+        print_table(title, ["sent", "refused", "lost", "slowest ms"], rows)
+
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("programs", help="the folder of the zarip-bench-peer-* programs")
     parser.add_argument("--quick", action="store_true", help="measure less")
     parser.add_argument("--rounds", type=int, default=0, help="how many, 9 unless given")
-    parser.add_argument("--only", choices=["calls", "signals", "memory"], help="one kind of measurement")
+    parser.add_argument("--only", choices=["calls", "signals", "memory", "threads"], help="one kind of measurement")
     options = parser.parse_args()
 
-    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    processors = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {min(processors)})
     bench = Bench(options.programs, options.quick, options.rounds)
     with private_bus():
         if options.only in (None, "calls"):
@@ -231,6 +262,10 @@ def main():
             bench.signals()
         if options.only in (None, "memory"):
             bench.memory()
+    if options.only in (None, "threads"):
+        os.sched_setaffinity(0, processors)
+        with private_bus():
+            bench.threads()
 
 
 if __name__ == "__main__":

@@ -135,13 +135,18 @@ MsgBusMsgImpl::Outgoing MsgBusMsgImpl::MakeOutgoing() const {
     if (!HasValidFields(_message)) {
         ThrowSendFailed();
     }
-    const std::size_t size = _isSizeKnown
-                                 ? _size + ViewOf(dbus_message_get_path(_message)).size() + kMaxHeaderSize
-                                 : MeasureOnWire(_message);
-    if (size == 0 || size > kMaxMessageSize) {
+    if (_isSizeKnown) {
+        const std::size_t size = _size + ViewOf(dbus_message_get_path(_message)).size();
+        if (size + kMaxHeaderSize > kMaxMessageSize) {
+            ThrowSendFailed();
+        }
+        return {_sent ? Copy(_message) : MessageRef::Share(_message), size};
+    }
+    const std::size_t size = MeasureOnWire(_message);
+    if (size == 0) {
         ThrowSendFailed();
     }
-    return {_sent || !_isSizeKnown ? Copy(_message) : MessageRef::Share(_message), size};
+    return {Copy(_message), size};
 }
 
 void MsgBusMsgImpl::CheckAppend(std::size_t codes) const {

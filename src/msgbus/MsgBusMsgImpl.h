@@ -43,8 +43,8 @@ public:
     void MarkSent() { _sent = true; }
     bool IsSent() const { return _sent; }
 
-    /// The message in the form in which a connection sends it, and its size in bytes, at least. The message
-    /// itself, unless it was sent or somebody else may change it: then a copy of it.
+    /// The message in the form in which a connection sends it, and its size in bytes without the short
+    /// fields. The message itself, unless it was sent or somebody else may change it: then a copy of it.
     struct Outgoing {
         MessageRef message;
         std::size_t size;

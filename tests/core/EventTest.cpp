@@ -116,6 +116,22 @@ TEST_F(EventTest, ADelegateMayChangeTheListItIsCalledFrom) {
     EXPECT_EQ(Take(), Calls{"added2"});
 }
 
+TEST_F(EventTest, ADelegateMayDeleteTheEventInAFiringInsideAFiring) {
+    auto event = std::make_unique<Event1<int>>();
+    Event1<int>* const same = event.get();
+    Add(*event, &a, [&, same](int value) {
+        calls.push_back("a" + std::to_string(value));
+        if (value < 2) {
+            same->FireEvent(value + 1);
+        } else {
+            event.reset();
+        }
+    });
+    Add(*event, &b, "b");
+    same->FireEvent(0);
+    EXPECT_EQ(Take(), (Calls{"a0", "a1", "a2"}));
+}
+
 TEST_F(EventTest, AFiringInsideAFiringKeepsTheListTogether) {
     Event1<int> event;
     Add(event, &a, [&](int value) {

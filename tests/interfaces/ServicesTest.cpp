@@ -372,6 +372,47 @@ TEST(Introspection, EveryFileIsThatOfAService) {
     EXPECT_EQ(files, expected);
 }
 
+/// A call as other libraries send it. Returns the name of the error that answers it, or "".
+string CallRaw(const string& destination, const string& path, const char* interface, const char* member) {
+    DBusError error = DBUS_ERROR_INIT;
+    DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
+    DBusMessage* const call =
+        dbus_message_new_method_call(destination.c_str(), path.c_str(), interface, member);
+    DBusMessage* const reply = dbus_connection_send_with_reply_and_block(connection, call, 60'000, &error);
+    const string name = reply == nullptr ? error.name : "";
+    if (reply != nullptr) {
+        dbus_message_unref(reply);
+    }
+    dbus_error_free(&error);
+    dbus_message_unref(call);
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+    return name;
+}
+
+TEST(ServicesOnTheBus, ServeTheirOwnPathAlsoToClientsThatNameNoInterface) {
+    test::PrivateBus::Get();
+    msgbus::MsgBus bus;
+    StreamInfo::Implementation implementation;
+    const std::unique_ptr<InterfaceServer> server(IStreamInfoProvider::CreateServer(&bus, &implementation));
+    bus.StartServer();
+    const char* const member = "GetCurrentVideoConnections";
+    for (const char* interface : {static_cast<const char*>(nullptr), StreamInfo::kName}) {
+        EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, interface, member), "");
+        EXPECT_EQ(CallRaw(StreamInfo::kName, "/com/brelk/video", interface, member),
+                  DBUS_ERROR_UNKNOWN_OBJECT);
+        EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, interface, "Missing"),
+                  DBUS_ERROR_UNKNOWN_METHOD);
+    }
+    EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, nullptr, "Introspect"), "");
+    // As long as a call can be, so the answer must not repeat it all. Had it been sent, the bus would have
+    // closed the connection.
+    const string path = "/" + string(33'554'432 - 152, 'x');
+    EXPECT_EQ(CallRaw(StreamInfo::kName, path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
+              DBUS_ERROR_UNKNOWN_OBJECT);
+    EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, nullptr, member), "");
+}
+
 TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
     test::PrivateBus::Get();
     msgbus::MsgBus bus;

@@ -5,34 +5,16 @@
 
 #include <atomic>
 #include <future>
-#include <mutex>
 #include <thread>
 
-#include "support/LogCapture.h"
-#include "support/Messages.h"
-#include "support/PrivateBus.h"
-#include "support/WaitUntil.h"
+#include "msgbus/BusFixture.h"
 #include "zarip/core/Delegate.h"
 #include "zarip/msgbus/MessageHandler.h"
 #include "zarip/msgbus/MessageHandlerCollection.h"
-#include "zarip/osa/Semaphore.h"
 #include "zarip/osa/Thread.h"
 
 namespace zarip::msgbus {
 namespace {
-
-using std::string;
-using test::Answering;
-using test::Ask;
-using test::ErrorOf;
-using test::FunctionHandler;
-using test::PrivateBus;
-using test::WaitUntil;
-
-constexpr const char* kName = "org.camera.test";
-constexpr const char* kPath = "/org/camera/test";
-constexpr const char* kInterface = "org.camera.test";
-const MsgBusObjectSelector kService(kName, kPath, kInterface);
 
 int CountEntries(const char* folder) {
     int count = 0;
@@ -43,56 +25,6 @@ int CountEntries(const char* folder) {
     ::closedir(directory);
     return count;
 }
-
-/// What a handler has received, in order.
-class Record {
-public:
-    void Add(const string& text) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _texts.push_back(text);
-    }
-    std::vector<string> Get() const {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        return _texts;
-    }
-    bool Contains(const string& text) const {
-        const auto texts = Get();
-        return std::find(texts.begin(), texts.end(), text) != texts.end();
-    }
-    FunctionHandler Handler(IMessageHandler::Kind kind = IMessageHandler::kSignals) {
-        return FunctionHandler(
-            [this](const MsgBusMsg& message, IMsgBus&) {
-                string text;
-                message >> text;
-                Add(text);
-            },
-            kind);
-    }
-
-private:
-    mutable std::mutex _mutex;
-    std::vector<string> _texts;
-};
-
-void Signal(IMsgBus& bus, const char* member, const string& text) {
-    MsgBusSignal signal(kPath, kInterface, member);
-    signal << text;
-    bus.SendMsg(signal);
-}
-
-class MsgBusTest : public testing::Test {
-protected:
-    MsgBusTest() { PrivateBus::Get(); }
-
-    /// A connection that owns the service's name; handlers are registered before `Serve`.
-    struct Service {
-        Service() { bus.RegisterDestinationName(kName); }
-        void Handle(const char* member, IMessageHandler& handler) {
-            bus.RegisterMessageHandler(member, kInterface, &handler);
-        }
-        MsgBus bus;
-    };
-};
 
 TEST_F(MsgBusTest, CarriesACallAndItsReplyBetweenConnections) {
     Service service;

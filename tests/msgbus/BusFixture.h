@@ -1,0 +1,108 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/LogCapture.h"
+#include "support/Messages.h"
+#include "support/PrivateBus.h"
+#include "support/WaitUntil.h"
+#include "zarip/msgbus/MsgBus.h"
+#include "zarip/osa/Semaphore.h"
+
+namespace zarip::msgbus {
+
+using std::string;
+using test::Answering;
+using test::Ask;
+using test::ErrorOf;
+using test::FunctionHandler;
+using test::PrivateBus;
+using test::WaitUntil;
+
+constexpr const char* kName = "org.camera.test";
+constexpr const char* kPath = "/org/camera/test";
+constexpr const char* kInterface = "org.camera.test";
+inline const MsgBusObjectSelector kService(kName, kPath, kInterface);
+
+/// What a handler has received, in order.
+class Record {
+public:
+    void Add(const string& text) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _texts.push_back(text);
+    }
+    std::vector<string> Get() const {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return _texts;
+    }
+    bool Contains(const string& text) const {
+        const auto texts = Get();
+        return std::find(texts.begin(), texts.end(), text) != texts.end();
+    }
+    FunctionHandler Handler(IMessageHandler::Kind kind = IMessageHandler::kSignals) {
+        return FunctionHandler(
+            [this](const MsgBusMsg& message, IMsgBus&) {
+                string text;
+                message >> text;
+                Add(text);
+            },
+            kind);
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<string> _texts;
+};
+
+inline void Signal(IMsgBus& bus, const char* member, const string& text) {
+    MsgBusSignal signal(kPath, kInterface, member);
+    signal << text;
+    bus.SendMsg(signal);
+}
+
+/// A connection that owns the service's name; handlers are registered before it is started.
+struct Service {
+    Service() { bus.RegisterDestinationName(kName); }
+    void Handle(const char* member, IMessageHandler& handler) {
+        bus.RegisterMessageHandler(member, kInterface, &handler);
+    }
+    MsgBus bus;
+};
+
+/// A running service that answers "Echo" with its argument.
+struct EchoService : Service {
+    EchoService() {
+        Handle("Echo", echo);
+        bus.StartServer();
+    }
+    ~EchoService() { bus.StopServer(); }
+    FunctionHandler echo = Answering([](const string& text) { return text; });
+};
+
+class MsgBusTest : public testing::Test {
+protected:
+    MsgBusTest() { PrivateBus::Get(); }
+};
+
+/// Keeps a handler inside itself until the test lets it go.
+class Gate {
+public:
+    /// By the handler.
+    void Pass() {
+        _entered.Release();
+        _open.Lock();
+    }
+    void WaitForEntry() { _entered.Lock(); }
+    void Open() { _open.Release(); }
+
+private:
+    osa::Semaphore _entered{"entered", 1, 0};
+    osa::Semaphore _open{"open", 1, 0};
+};
+
+}  // namespace zarip::msgbus
