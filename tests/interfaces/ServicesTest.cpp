@@ -393,24 +393,24 @@ string CallRaw(const string& destination, const string& path, const char* interf
 TEST(ServicesOnTheBus, ServeTheirOwnPathAlsoToClientsThatNameNoInterface) {
     test::PrivateBus::Get();
     msgbus::MsgBus bus;
-    StreamInfo::Implementation implementation;
-    const std::unique_ptr<InterfaceServer> server(IStreamInfoProvider::CreateServer(&bus, &implementation));
+    PtzSerial::Implementation implementation;
+    const std::unique_ptr<InterfaceServer> server(IPtzSerialProvider::CreateServer(&bus, &implementation));
     bus.StartServer();
-    const char* const member = "GetCurrentVideoConnections";
-    for (const char* interface : {static_cast<const char*>(nullptr), StreamInfo::kName}) {
-        EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, interface, member), "");
-        EXPECT_EQ(CallRaw(StreamInfo::kName, "/com/brelk/video", interface, member),
+    const char* const member = "GetPtzPollingState";
+    for (const char* interface : {static_cast<const char*>(nullptr), PtzSerial::kName}) {
+        EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, interface, member), "");
+        EXPECT_EQ(CallRaw(PtzSerial::kName, "/nowhere", interface, member),
                   DBUS_ERROR_UNKNOWN_OBJECT);
-        EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, interface, "Missing"),
+        EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, interface, "Missing"),
                   DBUS_ERROR_UNKNOWN_METHOD);
     }
-    EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, nullptr, "Introspect"), "");
+    EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, nullptr, "Introspect"), "");
     // As long as a call can be, so the answer must not repeat it all. Had it been sent, the bus would have
     // closed the connection.
     const string path = "/" + string(33'554'432 - 152, 'x');
-    EXPECT_EQ(CallRaw(StreamInfo::kName, path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
+    EXPECT_EQ(CallRaw(PtzSerial::kName, path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
               DBUS_ERROR_UNKNOWN_OBJECT);
-    EXPECT_EQ(CallRaw(StreamInfo::kName, StreamInfo::kPath, nullptr, member), "");
+    EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, nullptr, member), "");
 }
 
 TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
