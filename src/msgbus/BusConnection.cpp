@@ -318,7 +318,7 @@ void BusConnection::Route(MessageRef message) {
     }
     MessageRef answer = AnswerPeer(raw);
     if (!answer) {
-        _receiver->OnReceived(std::move(message));
+        _receiver->OnReceived(*this, std::move(message));
     } else if (dbus_message_get_no_reply(raw) == FALSE) {
         Post(std::move(answer));
     }
@@ -332,7 +332,7 @@ void BusConnection::Lose() {
         _logger->Error("dbus_connection_send failed: %zu queued messages are lost", lost);
     }
     _pending.FailAll();
-    _receiver->OnLost();
+    _receiver->OnLost(*this);
 }
 
 }  // namespace zarip::msgbus

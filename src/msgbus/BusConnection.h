@@ -43,9 +43,9 @@ public:
     public:
         virtual ~Receiver() = default;
         /// A signal, a call, or a reply that no call waits for.
-        virtual void OnReceived(MessageRef message) = 0;
+        virtual void OnReceived(BusConnection& connection, MessageRef message) = 0;
         /// Nothing comes after this.
-        virtual void OnLost() = 0;
+        virtual void OnLost(BusConnection& connection) = 0;
     };
 
     /// Throws "dbus_bus_get_private failed: <reason>", "dbus_bus_get_private returned NULL", "pipe failed".

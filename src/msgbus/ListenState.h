@@ -2,9 +2,12 @@
 
 #include <mutex>
 
+#include "msgbus/Outbox.h"
+
 namespace zarip::msgbus {
 
-/// Whether a connection lives and whether its listen thread runs. *Thread-safe*; its mutex is a leaf.
+/// Whether a connection lives, whether its listen thread runs, and which thread that is. *Thread-safe*; its
+/// mutex is a leaf.
 ///
 ///     kIdle ----- Begin -----> kListening --- RequestStop(false) ---> kStopping      (a handler may take it
 ///     back)
@@ -19,6 +22,23 @@ class ListenState {
 public:
     /// What the listen thread does next.
     enum class Next { kListen, kDispatchTheRest, kLeave };
+
+    /// Marks the calling thread as the listen thread for the length of a scope.
+    class OnThisThread {
+    public:
+        explicit OnThisThread(const ListenState* state) { s_ofThisThread = state; }
+        OnThisThread(const OnThisThread&) = delete;
+        OnThisThread& operator=(const OnThisThread&) = delete;
+        ~OnThisThread() { s_ofThisThread = nullptr; }
+    };
+
+    bool IsListenThread() const { return s_ofThisThread == this; }
+
+    /// How the calling thread deals with a slow bus: the listen thread waits for it as little as possible,
+    /// because handlers wait for the listen thread.
+    Outbox::Patience GetPatience() const {
+        return IsListenThread() ? Outbox::Patience::kWaitsIfFull : Outbox::Patience::kWaits;
+    }
 
     /// The listen thread is about to be started; false if the connection is lost.
     bool Begin() {
@@ -99,6 +119,8 @@ private:
     bool IsLostState() const {
         return _state == State::kLost || _state == State::kLostListening || _state == State::kLostStopping;
     }
+
+    static inline thread_local const ListenState* s_ofThisThread = nullptr;
 
     mutable std::mutex _mutex;
     State _state = State::kIdle;

@@ -1,14 +1,10 @@
 #include "zarip/msgbus/MsgBus.h"
 
-#include <atomic>
-#include <limits>
-
 #include "msgbus/BusConnection.h"
-#include "msgbus/DBusText.h"
-#include "msgbus/DescribedObject.h"
-#include "msgbus/Inbox.h"
+#include "msgbus/BusDaemon.h"
 #include "msgbus/ListenState.h"
 #include "msgbus/MessageDispatcher.h"
+#include "msgbus/MessageReceiver.h"
 #include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBusMsg.h"
@@ -21,21 +17,6 @@
 namespace zarip::msgbus {
 
 namespace {
-
-constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_FLAG_DO_NOT_QUEUE;
-/// How long names and rules are waited for, in milliseconds: when they are wanted, and when they are given
-/// up.
-constexpr int kAskLimitMs = 5000;
-constexpr int kGiveUpLimitMs = 800;
-
-constexpr std::size_t kInboxMemory = std::size_t{32} * 1024 * 1024;
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-constexpr Inbox::Limits kWhileListening = {kInboxMemory, kNoLimit};
-constexpr Inbox::Limits kWhileNobodyListens = {kInboxMemory, 1000};
-/// A signal that no handler takes is kept only below this size; a handler may be registered later.
-constexpr std::size_t kLargeSignal = 64 * 1024;
-/// Each may hold sixteen descriptors, and a process has about a thousand.
-constexpr std::size_t kMaxWithDescriptors = 16;
 
 constexpr const char* kSendFailed = "dbus_connection_send failed";
 
@@ -55,31 +36,22 @@ std::string MatchRule(const std::string& interface, const std::string& member) {
     return "interface='" + interface + "',member='" + member + "'";
 }
 
-/// A call of the bus itself with one string.
-MessageRef MakeBusCall(const char* member, const std::string& argument) {
-    MessageRef call = MessageRef::Adopt(
-        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
-    const char* const text = argument.c_str();
-    if (!call || dbus_message_append_args(call.Get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) == FALSE) {
-        throw osa::Exception("MsgBusMsg: Creating msg failed!");
-    }
-    return call;
-}
-
 }  // namespace
 
-/// The implementation: names, handlers and the listen thread, on top of a `BusConnection`, which sends,
-/// receives and waits for replies.
-///
-/// Received messages pass through `_inbox`. Whichever thread reads puts them there; the listen thread takes
-/// them out and runs the handlers, one at a time, with the recursive `_busMutex` held. Nothing else takes
-/// that mutex for longer than a moment, and no handler holds any other lock of the connection. So other
-/// threads send, call and get their replies while a handler runs or waits.
+/// The implementation puts the parts together: `BusConnection` sends, receives and waits for replies,
+/// `MessageReceiver` keeps and dispatches what was received, `BusDaemon` asks for names and rules. This class
+/// owns the listen thread.
 ///
 /// `_serverMutex` guards starting and stopping; it is held while the listen thread is joined, so it is never
-/// taken on that thread. Lock order: `_serverMutex`, `_busMutex`, a handler's mutex, the locks of the
-/// connection, the mutexes of the dispatcher, the inbox and the state.
-class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable, private BusConnection::Receiver {
+/// taken on that thread. Lock order: `_serverMutex`, `_busMutex`, a handler's mutex, the connection's lock,
+/// the mutexes of the dispatcher, the inbox, the outbox, the pending calls, the watcher and the state.
+///
+/// Why it is built so: one mutex that a waiting call, a handler and a sender share, as simple as it is, lets
+/// each of them stop the others for as long as a peer pleases, and turns a lock of the program into a
+/// deadlock. A thread that does all reading and writing costs a change of threads for each message, which
+/// doubles the time of a call. A connection for each purpose costs the bus a name and the program its order
+/// of messages.
+class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable {
 public:
     explicit MsgBusImpl(MsgBus* bus);
     ~MsgBusImpl() override;
@@ -90,8 +62,7 @@ public:
     void StartServer(unsigned int stackSize, signed char priority);
     void StopServer(bool wait);
     bool IsRunning() const { return _state.IsRunning(); }
-    void RequestName(const std::string& name);
-    void ReleaseName(const std::string& name);
+    BusDaemon& GetDaemon() { return _daemon; }
     void Register(const std::string& member, const std::string& interface, IMessageHandler* handler);
     void Unregister(IMessageHandler* handler);
 
@@ -99,53 +70,25 @@ public:
     void Stop() override;
 
 private:
-    void OnReceived(MessageRef message) override;
-    void OnLost() override;
-    void Keep(MessageRef message, bool isListening);
-    void WarnOfDropping(bool isListening);
-
     void Listen();
-    void Dispatch(DBusMessage* message);
-    bool DispatchMsg(DBusMessage* message);
-    bool DispatchToHandlers(DBusMessage* message);
-    void LogReceivedError(DBusMessage* message);
-    void LogLostName(DBusMessage* message);
-    bool AnswerIntrospect(const MsgBusMsg& call);
-    void Refuse(DBusMessage* call, const char* error, const std::string& text);
-    void RefuseUnknown(DBusMessage* call);
-
-    Outbox::Patience GetPatience() const;
-    bool IsListenThread() const { return t_listener == this; }
     void JoinListenThread() ZARIP_REQUIRES(_serverMutex);
-    MessageRef CallBus(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error);
-    void AddMatch(const std::string& rule);
-    void RemoveMatch(const std::string& rule);
 
-    /// Of the calling thread: the connection whose listen thread it is.
-    static thread_local const MsgBusImpl* t_listener;
-
-    MsgBus* _bus;
     core::Logger* _logger;
-    osa::Mutex _busMutex{"_busMutex"};
-    MessageDispatcher _dispatcher;
-    Inbox _inbox;
     ListenState _state;
-    std::atomic<bool> _hasWarned{false};  ///< of messages dropped since the inbox was last empty
-    bool _isDispatching = false;          ///< of the listen thread
-
+    MessageDispatcher _dispatcher;
+    MessageReceiver _receiver;
     osa::Mutex _serverMutex{"_serverMutex"};
     std::unique_ptr<osa::Thread> _listenThread ZARIP_GUARDED_BY(_serverMutex);
-
-    BusConnection _connection;  // last, because its thread uses the others
+    BusConnection _connection;  // after what its thread uses
+    BusDaemon _daemon;
 };
 
-thread_local const MsgBus::MsgBusImpl* MsgBus::MsgBusImpl::t_listener = nullptr;
-
 MsgBus::MsgBusImpl::MsgBusImpl(MsgBus* bus)
-    : _bus(bus),
-      _logger(core::Logger::GetLogger("MsgBus")),
+    : _logger(core::Logger::GetLogger("MsgBus")),
       _dispatcher(_logger),
-      _connection(_logger, this) {
+      _receiver(bus, _logger, &_state, &_dispatcher),
+      _connection(_logger, &_receiver),
+      _daemon(_logger, &_state, &_connection) {
     _connection.Start();
 }
 
@@ -155,11 +98,6 @@ MsgBus::MsgBusImpl::~MsgBusImpl() {
 
 // ------------------------------------------------------------------------------------------------------------
 // Sending
-
-/// The listen thread waits for the bus as little as possible, because handlers wait for it.
-Outbox::Patience MsgBus::MsgBusImpl::GetPatience() const {
-    return IsListenThread() ? Outbox::Patience::kWaitsIfFull : Outbox::Patience::kWaits;
-}
 
 void MsgBus::MsgBusImpl::Send(MsgBusMsgImpl& message) {
     DBusMessage* const original = message.Get();
@@ -175,7 +113,7 @@ void MsgBus::MsgBusImpl::Send(MsgBusMsgImpl& message) {
         // Nobody waits for a reply; without the flag the daemon would keep room for one for ever.
         dbus_message_set_no_reply(outgoing.message.Get(), TRUE);
     }
-    if (_connection.Send(std::move(outgoing.message), outgoing.size, GetPatience()) !=
+    if (_connection.Send(std::move(outgoing.message), outgoing.size, _state.GetPatience()) !=
         Outbox::Result::kTaken) {
         throw osa::Exception("%s", kSendFailed);
     }
@@ -190,7 +128,7 @@ void MsgBus::MsgBusImpl::SendReply(MsgBusMsgImpl& message) {
         throw osa::Exception("%s", kSendFailed);
     }
     MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
-    switch (_connection.Send(std::move(outgoing.message), outgoing.size, GetPatience())) {
+    switch (_connection.Send(std::move(outgoing.message), outgoing.size, _state.GetPatience())) {
         case Outbox::Result::kTaken:
             message.MarkSent();
             _logger->Trace("Done sending reply");
@@ -222,7 +160,7 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
     message.MarkSent();
     DBusErrorRecord error;
     MessageRef reply =
-        _connection.Call(std::move(outgoing.message), outgoing.size, timeoutMs, GetPatience(), error);
+        _connection.Call(std::move(outgoing.message), outgoing.size, timeoutMs, _state.GetPatience(), error);
     if (error.IsSet()) {
         throw osa::Exception("DBUS call " + std::string(TextOf(dbus_message_get_interface(original))) + "::" +
                              TextOf(dbus_message_get_member(original)) + " failed: " + error.GetMessage());
@@ -247,183 +185,10 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
 }
 
 // ------------------------------------------------------------------------------------------------------------
-// Receiving
-
-void MsgBus::MsgBusImpl::OnReceived(MessageRef message) {
-    try {
-        if (IsListenThread() && !_isDispatching) {
-            // It has found the inbox empty and dispatches this next: there is nothing to bound.
-            _inbox.Put(message, 0, {kNoLimit, kNoLimit});
-            return;
-        }
-        const bool isListening = _state.IsRunning();
-        Keep(std::move(message), isListening);
-        if (isListening) {
-            _connection.WakeListener();
-        }
-    } catch (...) {
-        _logger->Error("Error handling incoming message: %s", "Out of Memory!");
-    }
-}
-
-/// Puts a message into the inbox that the listen thread cannot dispatch at once.
-void MsgBus::MsgBusImpl::Keep(MessageRef message, bool isListening) {
-    DBusMessage* const raw = message.Get();
-    if (dbus_message_contains_unix_fds(raw) != FALSE &&
-        (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
-        RefuseUnknown(raw);
-        return;
-    }
-    const std::size_t size = MeasureReceived(raw);
-    if (IsSignal(raw) && (isListening || size > kLargeSignal) &&
-        ViewOf(dbus_message_get_member(raw)) != "NameLost" &&
-        !_dispatcher.Takes(ViewOf(dbus_message_get_interface(raw)), ViewOf(dbus_message_get_member(raw)),
-                           IMessageHandler::kSignals)) {
-        return;
-    }
-    switch (_inbox.Put(message, size, isListening ? kWhileListening : kWhileNobodyListens)) {
-        case Inbox::Result::kKept:
-            break;
-        case Inbox::Result::kDroppedSignals:
-            WarnOfDropping(isListening);
-            break;
-        case Inbox::Result::kFull:
-            WarnOfDropping(isListening);
-            Refuse(raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled");
-            break;
-    }
-}
-
-void MsgBus::MsgBusImpl::WarnOfDropping(bool isListening) {
-    if (!_hasWarned.exchange(true)) {
-        _logger->Warning("%s: dropping the oldest of %zu messages",
-                         isListening ? "The handlers are too slow" : "Nobody listens", _inbox.GetCount());
-    }
-}
-
-void MsgBus::MsgBusImpl::OnLost() {
-    _state.Lose();
-    _connection.WakeListener();
-}
-
-void MsgBus::MsgBusImpl::Dispatch(DBusMessage* message) {
-    const osa::MutexAutoLock lock(&_busMutex);
-    _isDispatching = true;
-    try {
-        if (!DispatchMsg(message)) {
-            RefuseUnknown(message);
-        }
-    } catch (const std::exception& e) {
-        _logger->Error("Error handling incoming message: %s", e.what());
-    } catch (...) {
-        _logger->Error("Error handling incoming message: %s", "unknown");
-    }
-    _isDispatching = false;
-}
-
-bool MsgBus::MsgBusImpl::DispatchMsg(DBusMessage* message) {
-    const int type = dbus_message_get_type(message);
-    if (_logger->IsEnabled(core::Logger::kTrace)) {
-        _logger->Trace("Received a %s with name=%s on interface %s from %s",
-                       dbus_message_type_to_string(type), TextOf(dbus_message_get_member(message)),
-                       TextOf(dbus_message_get_interface(message)), TextOf(dbus_message_get_sender(message)));
-    }
-    switch (type) {
-        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
-            _logger->Warning("Just rcvd a method reply, we're not supposed to!");
-            return true;
-        case DBUS_MESSAGE_TYPE_ERROR:
-            LogReceivedError(message);
-            return true;
-        case DBUS_MESSAGE_TYPE_METHOD_CALL:
-            return DispatchToHandlers(message);
-        case DBUS_MESSAGE_TYPE_SIGNAL:
-            if (ViewOf(dbus_message_get_member(message)) == "NameLost") {
-                LogLostName(message);
-                return true;
-            }
-            return DispatchToHandlers(message);
-        default:
-            return false;
-    }
-}
-
-void MsgBus::MsgBusImpl::LogReceivedError(DBusMessage* message) {
-    DBusErrorRecord error;
-    dbus_set_error_from_message(error.Get(), message);
-    _logger->Error("Got ERROR: %s: %s", error.GetName(), error.GetMessage().c_str());
-}
-
-void MsgBus::MsgBusImpl::LogLostName(DBusMessage* message) {
-    const char* name = "";
-    dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
-    _logger->Information("Lost connection name: %s", TextOf(name));
-}
-
-bool MsgBus::MsgBusImpl::DispatchToHandlers(DBusMessage* message) {
-    const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
-    const std::string_view member = ViewOf(dbus_message_get_member(message));
-    std::string_view interface = ViewOf(dbus_message_get_interface(message));
-    if (IsSignal(message)) {
-        return _dispatcher.Dispatch(wrapped, interface, member, true, *_bus);
-    }
-    std::string found;
-    if (interface.empty()) {
-        // The interface of a call is optional: many clients leave it out.
-        found = _dispatcher.FindInterface(member);
-        interface = found;
-    }
-    if (DescribedObject::Find(*_bus, ViewOf(dbus_message_get_path(message)), interface) ==
-        DescribedObject::Place::kElsewhere) {
-        return false;
-    }
-    return _dispatcher.Dispatch(wrapped, interface, member, false, *_bus) || AnswerIntrospect(wrapped);
-}
-
-/// Answers the call if it is Introspect and the path is known.
-bool MsgBus::MsgBusImpl::AnswerIntrospect(const MsgBusMsg& call) {
-    const std::string interface = call.GetInterface();
-    if (call.GetName() != "Introspect" ||
-        (!interface.empty() && interface != DBUS_INTERFACE_INTROSPECTABLE)) {
-        return false;
-    }
-    const std::string document = DescribedObject::Describe(*_bus, call.GetPath());
-    if (!document.empty() && call.IsExpectingResponse()) {
-        const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
-        *reply << document;
-        _bus->SendReply(*reply);
-    }
-    return !document.empty();
-}
-
-/// Answers a call that expects it with an error; does nothing for other messages.
-void MsgBus::MsgBusImpl::Refuse(DBusMessage* call, const char* error, const std::string& text) {
-    if (IsCall(call) && dbus_message_get_no_reply(call) == FALSE) {
-        _connection.Post(MessageRef::Adopt(dbus_message_new_error(call, error, ToErrorText(text).c_str())));
-    }
-}
-
-/// Answers a call that nobody takes, as libdbus does it.
-void MsgBus::MsgBusImpl::RefuseUnknown(DBusMessage* call) {
-    if (!IsCall(call)) {
-        return;
-    }
-    const std::string path = TextOf(dbus_message_get_path(call));
-    if (DescribedObject::IsUnknown(*_bus, path)) {
-        Refuse(call, DBUS_ERROR_UNKNOWN_OBJECT, "There is no object " + path);
-        return;
-    }
-    Refuse(call, DBUS_ERROR_UNKNOWN_METHOD,
-           "Method \"" + std::string(TextOf(dbus_message_get_member(call))) + "\" with signature \"" +
-               dbus_message_get_signature(call) + "\" on interface \"" +
-               TextOf(dbus_message_get_interface(call)) + "\" doesn't exist\n");
-}
-
-// ------------------------------------------------------------------------------------------------------------
 // The listen thread
 
 void MsgBus::MsgBusImpl::StartServer(unsigned int stackSize, signed char priority) {
-    if (IsListenThread()) {
+    if (_state.IsListenThread()) {
         // A handler that had asked to stop may change its mind.
         _state.TakeStopBack();
         _logger->Warning("listen thread already running");
@@ -456,7 +221,7 @@ void MsgBus::MsgBusImpl::StopServer(bool wait) {
     _logger->Debug("stopping the listen thread...");
     _state.RequestStop(false);
     _connection.WakeListener();
-    if (!wait || IsListenThread()) {
+    if (!wait || _state.IsListenThread()) {
         return;
     }
     const osa::MutexAutoLock lock(&_serverMutex);
@@ -478,7 +243,7 @@ void MsgBus::MsgBusImpl::JoinListenThread() {
 }
 
 void MsgBus::MsgBusImpl::Run() {
-    t_listener = this;
+    const ListenState::OnThisThread mark(&_state);
     _logger->Debug("In MsgBus listen thread...");
     _connection.BeginListening();
     try {
@@ -491,7 +256,6 @@ void MsgBus::MsgBusImpl::Run() {
     _logger->Debug("Listen loop exiting.");
     _connection.EndListening();
     _state.End();
-    t_listener = nullptr;
 }
 
 void MsgBus::MsgBusImpl::Listen() {
@@ -500,71 +264,18 @@ void MsgBus::MsgBusImpl::Listen() {
         if (next == ListenState::Next::kLeave) {
             return;
         }
-        const MessageRef message = _inbox.Take();
-        if (message) {
-            Dispatch(message.Get());
+        if (_receiver.DispatchNext(_connection)) {
             continue;
         }
         if (next == ListenState::Next::kDispatchTheRest) {
             return;
         }
-        _hasWarned = false;
         _connection.WaitAndRead();
     }
 }
 
 // ------------------------------------------------------------------------------------------------------------
-// Names and handlers
-
-/// Calls the bus itself. After one time-out nothing is awaited until the bus has shown that it lives, unless
-/// the caller must have an answer: the call is sent, and counts as one that timed out.
-MessageRef MsgBus::MsgBusImpl::CallBus(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error) {
-    const bool waits = mustAsk || !_connection.IsUnresponsive();
-    dbus_message_set_no_reply(call.Get(), waits ? FALSE : TRUE);
-    constexpr std::size_t kSize = 1024;
-    MessageRef reply = _connection.Call(std::move(call), kSize, waits ? limitMs : 0, GetPatience(), error);
-    if (dbus_error_has_name(error.Get(), DBUS_ERROR_NO_REPLY) != FALSE) {
-        _connection.NoteUnresponsive();
-    }
-    return reply;
-}
-
-void MsgBus::MsgBusImpl::RequestName(const std::string& name) {
-    _logger->Trace("calling dbus_bus_request_name() with name = %s", name.c_str());
-    if (!IsValidBusName(name.c_str())) {
-        throw osa::Exception("dbus_bus_request_name failed for " + name + "Requested bus name is not valid");
-    }
-    DBusErrorRecord error;
-    MessageRef call = MakeBusCall("RequestName", name);
-    const dbus_uint32_t flags = kNameFlags;
-    dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID);
-    const MessageRef reply = CallBus(std::move(call), kAskLimitMs, true, error);
-    dbus_uint32_t result = 0;
-    if (reply) {
-        dbus_message_get_args(reply.Get(), error.Get(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
-    }
-    if (error.IsSet()) {
-        throw osa::Exception("dbus_bus_request_name failed for " + name + error.GetMessage());
-    }
-    if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && result != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
-        throw osa::Exception("error requesting name or not primary owner");
-    }
-}
-
-void MsgBus::MsgBusImpl::ReleaseName(const std::string& name) {
-    if (_state.IsLost()) {
-        return;  // the bus gave it up with the connection
-    }
-    DBusErrorRecord error;
-    if (IsValidBusName(name.c_str())) {
-        CallBus(MakeBusCall("ReleaseName", name), kGiveUpLimitMs, false, error);
-    } else {
-        dbus_set_error_const(error.Get(), DBUS_ERROR_INVALID_ARGS, "Bus name is not valid");
-    }
-    if (error.IsSet()) {
-        _logger->Error("dbus_bus_release_name(%s) failed: %s", name.c_str(), error.GetMessage().c_str());
-    }
-}
+// Handlers
 
 void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& interface,
                                   IMessageHandler* handler) {
@@ -574,34 +285,7 @@ void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& 
     _logger->Information("Registering interface %s and name %s for callback", interface.c_str(),
                          member.c_str());
     _dispatcher.Add(interface, member, handler);
-    AddMatch(MatchRule(interface, member));
-}
-
-void MsgBus::MsgBusImpl::AddMatch(const std::string& rule) {
-    DBusErrorRecord error;
-    if (IsValidText(rule.c_str())) {
-        CallBus(MakeBusCall("AddMatch", rule), kAskLimitMs, false, error);
-    } else {
-        dbus_set_error_const(error.Get(), DBUS_ERROR_MATCH_RULE_INVALID, "Match rule is not valid UTF-8");
-    }
-    if (error.IsSet()) {
-        _logger->Error("dbus_bus_add_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
-    } else {
-        _logger->Trace("Match rule applied: %s", rule.c_str());
-    }
-}
-
-void MsgBus::MsgBusImpl::RemoveMatch(const std::string& rule) {
-    DBusErrorRecord error;
-    _logger->Trace("Calling dbus_bus_remove_match(%s)", rule.c_str());
-    if (!_state.IsLost() && IsValidText(rule.c_str())) {
-        CallBus(MakeBusCall("RemoveMatch", rule), kGiveUpLimitMs, false, error);
-    }
-    if (error.IsSet()) {
-        _logger->Error("dbus_bus_remove_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
-    } else {
-        _logger->Trace("Match rule removed: %s", rule.c_str());
-    }
+    _daemon.AddMatch(MatchRule(interface, member));
 }
 
 void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
@@ -611,7 +295,7 @@ void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
             throw osa::Exception("the handler is not registered");
         }
         for (const auto& [interface, member] : places) {
-            RemoveMatch(MatchRule(interface, member));
+            _daemon.RemoveMatch(MatchRule(interface, member));
         }
     } catch (const std::exception& e) {
         _logger->Error("Failed to unregister message handler: %s", e.what());
@@ -655,11 +339,11 @@ void MsgBus::StopServer(bool wait) {
 }
 
 void MsgBus::RegisterDestinationName(const std::string& name) {
-    _impl->RequestName(name);
+    _impl->GetDaemon().RequestName(name);
 }
 
 void MsgBus::UnregisterDestinationName(const std::string& name) {
-    _impl->ReleaseName(name);
+    _impl->GetDaemon().ReleaseName(name);
 }
 
 bool MsgBus::IsRunning() const {

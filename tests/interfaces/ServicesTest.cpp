@@ -399,8 +399,7 @@ TEST(ServicesOnTheBus, ServeTheirOwnPathAlsoToClientsThatNameNoInterface) {
     const char* const member = "GetPtzPollingState";
     for (const char* interface : {static_cast<const char*>(nullptr), PtzSerial::kName}) {
         EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, interface, member), "");
-        EXPECT_EQ(CallRaw(PtzSerial::kName, "/nowhere", interface, member),
-                  DBUS_ERROR_UNKNOWN_OBJECT);
+        EXPECT_EQ(CallRaw(PtzSerial::kName, "/nowhere", interface, member), DBUS_ERROR_UNKNOWN_OBJECT);
         EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, interface, "Missing"),
                   DBUS_ERROR_UNKNOWN_METHOD);
     }

@@ -1,0 +1,108 @@
+#include "msgbus/BusDaemon.h"
+
+#include "msgbus/DBusText.h"
+#include "zarip/core/Logger.h"
+#include "zarip/osa/Exception.h"
+
+namespace zarip::msgbus {
+
+namespace {
+
+constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_FLAG_DO_NOT_QUEUE;
+/// How long names and rules are waited for, in milliseconds: when they are wanted, and when they are given
+/// up.
+constexpr int kAskLimitMs = 5000;
+constexpr int kGiveUpLimitMs = 800;
+
+/// A call of the bus itself with one string.
+MessageRef MakeCall(const char* member, const std::string& argument) {
+    MessageRef call = MessageRef::Adopt(
+        dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
+    const char* const text = argument.c_str();
+    if (!call || dbus_message_append_args(call.Get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) == FALSE) {
+        throw osa::Exception("MsgBusMsg: Creating msg failed!");
+    }
+    return call;
+}
+
+}  // namespace
+
+/// Calls the bus itself. After one time-out nothing is awaited until the bus has shown that it lives, unless
+/// the caller must have an answer: the call is sent, and counts as one that timed out.
+MessageRef BusDaemon::Call(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error) {
+    const bool waits = mustAsk || !_connection->IsUnresponsive();
+    dbus_message_set_no_reply(call.Get(), waits ? FALSE : TRUE);
+    constexpr std::size_t kSize = 1024;
+    MessageRef reply =
+        _connection->Call(std::move(call), kSize, waits ? limitMs : 0, _state->GetPatience(), error);
+    if (dbus_error_has_name(error.Get(), DBUS_ERROR_NO_REPLY) != FALSE) {
+        _connection->NoteUnresponsive();
+    }
+    return reply;
+}
+
+void BusDaemon::RequestName(const std::string& name) {
+    _logger->Trace("calling dbus_bus_request_name() with name = %s", name.c_str());
+    if (!IsValidBusName(name.c_str())) {
+        throw osa::Exception("dbus_bus_request_name failed for " + name + "Requested bus name is not valid");
+    }
+    DBusErrorRecord error;
+    MessageRef call = MakeCall("RequestName", name);
+    const dbus_uint32_t flags = kNameFlags;
+    dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID);
+    const MessageRef reply = Call(std::move(call), kAskLimitMs, true, error);
+    dbus_uint32_t result = 0;
+    if (reply) {
+        dbus_message_get_args(reply.Get(), error.Get(), DBUS_TYPE_UINT32, &result, DBUS_TYPE_INVALID);
+    }
+    if (error.IsSet()) {
+        throw osa::Exception("dbus_bus_request_name failed for " + name + error.GetMessage());
+    }
+    if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && result != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
+        throw osa::Exception("error requesting name or not primary owner");
+    }
+}
+
+void BusDaemon::ReleaseName(const std::string& name) {
+    if (_state->IsLost()) {
+        return;  // the bus gave it up with the connection
+    }
+    DBusErrorRecord error;
+    if (IsValidBusName(name.c_str())) {
+        Call(MakeCall("ReleaseName", name), kGiveUpLimitMs, false, error);
+    } else {
+        dbus_set_error_const(error.Get(), DBUS_ERROR_INVALID_ARGS, "Bus name is not valid");
+    }
+    if (error.IsSet()) {
+        _logger->Error("dbus_bus_release_name(%s) failed: %s", name.c_str(), error.GetMessage().c_str());
+    }
+}
+
+void BusDaemon::AddMatch(const std::string& rule) {
+    DBusErrorRecord error;
+    if (IsValidText(rule.c_str())) {
+        Call(MakeCall("AddMatch", rule), kAskLimitMs, false, error);
+    } else {
+        dbus_set_error_const(error.Get(), DBUS_ERROR_MATCH_RULE_INVALID, "Match rule is not valid UTF-8");
+    }
+    if (error.IsSet()) {
+        _logger->Error("dbus_bus_add_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
+    } else {
+        _logger->Trace("Match rule applied: %s", rule.c_str());
+    }
+}
+
+void BusDaemon::RemoveMatch(const std::string& rule) {
+    DBusErrorRecord error;
+    _logger->Trace("Calling dbus_bus_remove_match(%s)", rule.c_str());
+    if (!_state->IsLost() && IsValidText(rule.c_str())) {
+        Call(MakeCall("RemoveMatch", rule), kGiveUpLimitMs, false, error);
+    }
+    if (error.IsSet()) {
+        _logger->Error("dbus_bus_remove_match(%s) failed: %s", rule.c_str(), error.GetMessage().c_str());
+    } else {
+        _logger->Trace("Match rule removed: %s", rule.c_str());
+    }
+}
+
+}  // namespace zarip::msgbus

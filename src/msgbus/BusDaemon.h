@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+
+#include "msgbus/BusConnection.h"
+#include "msgbus/ListenState.h"
+
+namespace zarip::msgbus {
+
+/// The bus daemon as a connection uses it: names and match rules. *Thread-safe*; holds no lock.
+///
+/// Every call has a time limit. After one time-out on a connection, rules and releases are sent but not
+/// awaited until something comes from the bus, so that destroying many objects on a stopped bus takes no
+/// longer than destroying one.
+class BusDaemon {
+public:
+    /// All are *not owned* and must outlive this object.
+    BusDaemon(core::Logger* logger, ListenState* state, BusConnection* connection)
+        : _logger(logger), _state(state), _connection(connection) {}
+
+    /// Throws "dbus_bus_request_name failed for <name><reason>" and "error requesting name or not primary
+    /// owner".
+    void RequestName(const std::string& name);
+
+    // Failures are logged.
+
+    void ReleaseName(const std::string& name);
+    void AddMatch(const std::string& rule);
+    void RemoveMatch(const std::string& rule);
+
+private:
+    MessageRef Call(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error);
+
+    core::Logger* _logger;
+    ListenState* _state;
+    BusConnection* _connection;
+};
+
+}  // namespace zarip::msgbus
