@@ -66,7 +66,11 @@ MessageDispatcher::Entries MessageDispatcher::FindTakers(std::string_view interf
 
 bool MessageDispatcher::Takes(std::string_view interface, std::string_view member,
                               IMessageHandler::Kind kind) const {
-    return !FindTakers(interface, member, kind).empty();
+    const osa::MutexAutoLock lock(&_handlerMapMutex);
+    const auto place = _handlers.find(std::pair(interface, member));
+    return place != _handlers.end() &&
+           std::any_of(place->second.begin(), place->second.end(),
+                       [kind](const auto& entry) { return (entry->handler->GetKind() & kind) != 0; });
 }
 
 std::string MessageDispatcher::FindInterface(std::string_view member) const {

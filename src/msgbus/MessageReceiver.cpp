@@ -39,19 +39,31 @@ MessageReceiver::MessageReceiver(IMsgBus* bus, core::Logger* logger, ListenState
 
 void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) {
     try {
-        if (_state->IsListenThread() && !_isDispatching) {
+        const bool isListening = _state->IsRunning();
+        if (isListening && IsUnwanted(message.Get())) {
+            LogReceived(message.Get());
+        } else if (_state->IsListenThread() && !_isDispatching) {
             // It has found the inbox empty and dispatches this next: there is nothing to bound.
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
-            return;
-        }
-        const bool isListening = _state->IsRunning();
-        Keep(connection, std::move(message), isListening);
-        if (isListening) {
-            connection.WakeListener();
+        } else {
+            Keep(connection, std::move(message), isListening);
+            if (isListening) {
+                connection.WakeListener();
+            }
         }
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
     }
+}
+
+/// Whether it is a signal that no handler takes, which anybody may send.
+bool MessageReceiver::IsUnwanted(DBusMessage* message) const {
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL) {
+        return false;
+    }
+    const std::string_view member = ViewOf(dbus_message_get_member(message));
+    return member != "NameLost" && !_dispatcher->Takes(ViewOf(dbus_message_get_interface(message)), member,
+                                                       IMessageHandler::kSignals);
 }
 
 /// Puts a message into the inbox that the listen thread cannot dispatch at once.
@@ -63,10 +75,7 @@ void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool i
         return;
     }
     const std::size_t size = MeasureReceived(raw);
-    if (dbus_message_get_type(raw) == DBUS_MESSAGE_TYPE_SIGNAL && (isListening || size > kLargeSignal) &&
-        ViewOf(dbus_message_get_member(raw)) != "NameLost" &&
-        !_dispatcher->Takes(ViewOf(dbus_message_get_interface(raw)), ViewOf(dbus_message_get_member(raw)),
-                            IMessageHandler::kSignals)) {
+    if (size > kLargeSignal && IsUnwanted(raw)) {
         return;
     }
     switch (_inbox.Put(message, size, isListening ? kWhileListening : kWhileNobodyListens)) {
@@ -139,6 +148,15 @@ bool MessageReceiver::DispatchMsg(DBusMessage* message) {
             return DispatchToHandlers(message);
         default:
             return false;
+    }
+}
+
+void MessageReceiver::LogReceived(DBusMessage* message) {
+    if (_logger->IsEnabled(core::Logger::kTrace)) {
+        _logger->Trace("Received a %s with name=%s on interface %s from %s",
+                       dbus_message_type_to_string(dbus_message_get_type(message)),
+                       TextOf(dbus_message_get_member(message)), TextOf(dbus_message_get_interface(message)),
+                       TextOf(dbus_message_get_sender(message)));
     }
 }
 

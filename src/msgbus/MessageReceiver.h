@@ -30,10 +30,12 @@ public:
     bool DispatchNext(BusConnection& connection);
 
 private:
+    bool IsUnwanted(DBusMessage* message) const;
     void Keep(BusConnection& connection, MessageRef message, bool isListening);
     void WarnOfDropping(bool isListening);
     bool DispatchMsg(DBusMessage* message);
     bool DispatchToHandlers(DBusMessage* message);
+    void LogReceived(DBusMessage* message);
     void LogReceivedError(DBusMessage* message);
     void LogLostName(DBusMessage* message);
     bool AnswerIntrospect(const MsgBusMsg& call);
