@@ -1,6 +1,7 @@
 #include "msgbus/BusConnection.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <climits>
@@ -17,6 +18,10 @@ constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
 /// How many messages a thread sends for others before the watcher's thread continues.
 constexpr int kBatch = 64;
+/// What libdbus reads at a time, and what is read of one long message before others get the connection.
+constexpr int kLibraryReads = 2048;
+constexpr int kReadStep = 32 * 1024;
+constexpr int kMaxReadSteps = 32;
 
 // The texts of libdbus's own waiting calls.
 constexpr const char* kTimedOut =
@@ -280,18 +285,32 @@ void BusConnection::WaitAndRead() {
     }
 }
 
+/// libdbus reads 2 KiB at a time. While a longer message arrives this reads on without waiting, because the
+/// bus drops replies to a connection that falls behind by more than 127 MiB, which strangers may send it.
 void BusConnection::Read(unsigned int flags) {
     if (_isLost) {
         return;
     }
     _watcher.Handle(flags);
-    TakeIncoming();
+    for (int step = 0; !TakeIncoming() && !_isLost && step < kMaxReadSteps; ++step) {
+        int available = 0;
+        if ((flags & DBUS_WATCH_READABLE) == 0 || ::ioctl(_watcher.GetFd(), FIONREAD, &available) != 0 ||
+            available < kReadStep) {
+            break;
+        }
+        for (int read = 0; read < available && read < kReadStep; read += kLibraryReads) {
+            _watcher.Handle(DBUS_WATCH_READABLE);
+        }
+    }
 }
 
-void BusConnection::TakeIncoming() {
+/// Takes what libdbus has parsed; false if that is nothing.
+bool BusConnection::TakeIncoming() {
+    bool hasTaken = false;
     for (int attempts = 0; !_isLost && attempts < 100;) {
         MessageRef message = MessageRef::Adopt(dbus_connection_pop_message(_connection));
         if (message) {
+            hasTaken = true;
             Route(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
             ::poll(nullptr, 0, 10);
@@ -300,6 +319,7 @@ void BusConnection::TakeIncoming() {
             break;
         }
     }
+    return hasTaken;
 }
 
 void BusConnection::Route(MessageRef message) {

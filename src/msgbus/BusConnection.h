@@ -91,7 +91,7 @@ private:
     void OnReady(unsigned int flags);
     void ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs until);
     void Read(unsigned int flags) ZARIP_REQUIRES(_lock);
-    void TakeIncoming() ZARIP_REQUIRES(_lock);
+    bool TakeIncoming() ZARIP_REQUIRES(_lock);
     void Route(MessageRef message) ZARIP_REQUIRES(_lock);
     void Lose() ZARIP_REQUIRES(_lock);
     void Drain() ZARIP_REQUIRES(_lock);
