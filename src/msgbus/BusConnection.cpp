@@ -96,7 +96,9 @@ public:
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;
     ~Use() ZARIP_RELEASE() {
-        _connection.Drain();
+        if (!_connection._outbox.IsIdle()) {
+            _connection.Drain();
+        }
         _connection._lock.Release();
         _connection.Flush();
     }
@@ -191,21 +193,20 @@ void BusConnection::Drain() {
         return;
     }
     for (int i = 0; i < kBatch; ++i) {
-        if (dbus_connection_get_is_connected(_connection) == FALSE) {
-            TakeIncoming();  // which ends with the news of the loss
-            return;
-        }
         if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
             _outbox.NoteBlocked();
-            return;
+            break;
         }
         const MessageRef message = _outbox.Take();
         if (!message) {
-            return;
+            break;
         }
         if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
             _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
         }
+    }
+    if (dbus_connection_get_is_connected(_connection) == FALSE) {
+        TakeIncoming();  // which ends with the news of the loss
     }
 }
 

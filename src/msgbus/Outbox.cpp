@@ -136,7 +136,8 @@ void Outbox::WaitUntilWritten(int limitMs) {
 }
 
 void Outbox::Update() {
-    _hasWork = !_queue.empty() && !_isBlocked;
+    _hasWork.store(!_queue.empty() && !_isBlocked, std::memory_order_release);
+    _isIdle.store(_queue.empty() && _takenMemory == 0, std::memory_order_release);
 }
 
 }  // namespace zarip::msgbus

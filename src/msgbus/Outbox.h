@@ -43,6 +43,9 @@ public:
     /// Whether there is something to send that the bus may take.
     bool HasWork() const { return _hasWork; }
 
+    /// Whether nothing waits and all is written.
+    bool IsIdle() const { return _isIdle; }
+
     // By the holder of the connection's lock.
 
     /// Everything that was taken before is written. The next message, or null.
@@ -85,7 +88,9 @@ private:
     bool _isClosed = false;
     int _waiters = 0;
     osa::MonotonicMs _lastProgress = 0;  ///< valid while blocked
+    // Derived from the others, for readers without the mutex.
     std::atomic<bool> _hasWork{false};
+    std::atomic<bool> _isIdle{true};
 };
 
 }  // namespace zarip::msgbus

@@ -380,6 +380,17 @@ std::vector<Hostile> HostileMessages() {
         add("a path that is too long",
             [](DBusMessage* m) { dbus_message_set_path(m, ("/" + string(kTooLong, 'x')).c_str()); });
         add("variants that are too deep", [](DBusMessage* m) { Nest(m, 70); });
+        add("no destination", [](DBusMessage* m) { dbus_message_set_destination(m, nullptr); });
+        add("the bus as destination",
+            [](DBusMessage* m) { dbus_message_set_destination(m, DBUS_SERVICE_DBUS); });
+        add("somebody else as sender", [](DBusMessage* m) { dbus_message_set_sender(m, ":1.0"); });
+        add("no error name", [](DBusMessage* m) { dbus_message_set_error_name(m, nullptr); });
+        add("the serial number of a reply", [](DBusMessage* m) { dbus_message_set_reply_serial(m, 1); });
+        add("its own serial number", [](DBusMessage* m) { dbus_message_set_serial(m, 1); });
+        add("a descriptor", [](DBusMessage* m) {
+            const int fd = STDERR_FILENO;
+            dbus_message_append_args(m, DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        });
     }
     return messages;
 }

@@ -109,7 +109,8 @@ private:
 /// event take turns and a delegate that waits for another thread must not wait for one that uses the same
 /// event.
 ///
-/// Every delegate is called, also after one has thrown; the first exception then leaves `FireEvent`.
+/// Every delegate is called, also after one has thrown; the first exception then leaves `FireEvent`. A
+/// delegate may add and remove delegates of the event, and delete the event.
 class Event0 : public internal::EventList<IVoidDelegate0> {
 public:
     void FireEvent() { Fire(); }

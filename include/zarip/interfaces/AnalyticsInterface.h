@@ -16,8 +16,9 @@ namespace zarip::interfaces {
 /// Publishes video-analytics alerts as the signal "AnalyticsAlert" of interface "com.brelk.analytics".
 /// *Thread-safe*.
 ///
-/// There is no proxy: whoever wants alerts registers an `IMessageHandler` for interface and member, and makes
-/// an `AnalyticsAlert` of the message that it gets. Anybody on the bus may send one.
+/// There is no proxy: a program that wants alerts registers an `IMessageHandler` for interface and member,
+/// and makes an `AnalyticsAlert` of the message that it gets. Anybody on the bus may send one. The object
+/// describes its interface without the signal, whose signature varies with the number of points.
 class ZARIP_EXPORT AnalyticsInterface {
 public:
     /// One alert. *One thread at a time.* The meaning of the fields is the publisher's.

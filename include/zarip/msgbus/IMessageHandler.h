@@ -14,9 +14,9 @@ public:
 
     virtual ~IMessageHandler() = default;
 
-    /// *Called on MsgBusListenThread* with the connection held (`_busMutex`), one message at a time. It may
-    /// send, reply and make waiting calls on `bus`. What it throws is logged, and is the error reply of a
-    /// call that expects one.
+    /// *Called on MsgBusListenThread* with the connection's `_busMutex` held, one message at a time. It may
+    /// send, reply, make waiting calls on `bus`, unregister handlers, this one included, and delete this
+    /// handler after that. What it throws is logged, and is the error reply of a call that expects one.
     /// @param message  *not owned*, valid during the call.
     virtual void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) = 0;
 

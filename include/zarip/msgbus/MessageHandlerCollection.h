@@ -20,7 +20,9 @@ public:
     MessageHandlerCollection(const MessageHandlerCollection&) = delete;
     MessageHandlerCollection& operator=(const MessageHandlerCollection&) = delete;
 
-    /// Once it has returned no handler runs any more. Not to be called by one of the handlers.
+    /// Once it has returned no handler runs any more, except for one that calls it. If the bus fails to
+    /// unregister a handler (`MsgBus` never does), that one and those after it stay registered, and are not
+    /// deleted.
     ~MessageHandlerCollection();
 
     /// Registers the handler; *takes ownership*, also when this throws.

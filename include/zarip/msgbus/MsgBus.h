@@ -10,9 +10,9 @@ namespace zarip::msgbus {
 
 /// The process's connection to the system bus, private to this object. *Thread-safe*.
 ///
-/// Threads: "DBusWatcher" waits for the bus and reads; "MsgBusListenThread" (from `StartServer` on) runs the
-/// handlers.
-/// `_busMutex` guards the connection and is held while handlers run.
+/// Threads: "MsgBusListenThread" (from `StartServer` on) runs the handlers, one at a time, with the recursive
+/// `_busMutex` held, which nothing else takes. "DBusWatcher" writes what the bus does not take at once, and
+/// reads while there is neither a listen thread nor a waiting call.
 ///
 /// The environment variable DBUS_SYSTEM_BUS_ADDRESS overrides the address; it is read once in a process. The
 /// bus library ignores SIGPIPE for the whole process.
@@ -23,8 +23,9 @@ public:
     MsgBus(const MsgBus&) = delete;
     MsgBus& operator=(const MsgBus&) = delete;
 
-    /// Stops the threads, hands the last one-way messages to the bus (for a second at the most), gives up its
-    /// names and closes the connection. Not to be called by a handler of this connection.
+    /// Waits for a running handler, hands the last one-way messages to the bus (for at most a quarter of a
+    /// second, and not to one that takes nothing), gives up its names and closes the connection. Not to be
+    /// called by a handler of this connection.
     ~MsgBus() override;
 
     void SendMsg(const MsgBusMsg& message) override;
