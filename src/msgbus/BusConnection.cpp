@@ -107,6 +107,25 @@ private:
     BusConnection& _connection;
 };
 
+/// Enters a call for the length of a scope, at the end of which another leads.
+class BusConnection::Pending {
+public:
+    Pending(BusConnection& connection, PendingCalls::Call& call) : _connection(connection), _call(call) {
+        _connection._pending.Add(_call);
+    }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+    ~Pending() {
+        if (_connection._pending.Remove(_call)) {
+            _connection._watcher.Resume();
+        }
+    }
+
+private:
+    BusConnection& _connection;
+    PendingCalls::Call& _call;
+};
+
 BusConnection::BusConnection(core::Logger* logger, Receiver* receiver)
     : _logger(WithThreads(logger)),
       _receiver(receiver),
@@ -218,17 +237,17 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
     const int limitMs = timeoutMs < 0 ? kDefaultTimeoutMs : timeoutMs;
     const osa::MonotonicMs until = limitMs == DBUS_TIMEOUT_INFINITE ? osa::kNever : osa::NowMs() + limitMs;
     PendingCalls::Call call(Number(message.Get()));
-    _pending.Add(call);
-    const Outbox::Result result = _outbox.Put(std::move(message), size, patience, until);
-    if (result == Outbox::Result::kTaken) {
-        if (_pending.Begin(call)) {
-            _watcher.Pause();
+    Outbox::Result result = Outbox::Result::kFull;
+    {
+        const Pending pending(*this, call);
+        result = _outbox.Put(std::move(message), size, patience, until);
+        if (result == Outbox::Result::kTaken) {
+            if (_pending.Begin(call)) {
+                _watcher.Pause();
+            }
+            Flush();
+            ReadUntilDone(call, until);
         }
-        Flush();
-        ReadUntilDone(call, until);
-    }
-    if (_pending.Remove(call)) {
-        _watcher.Resume();
     }
     if (result == Outbox::Result::kClosed) {
         dbus_set_error_const(error.Get(), DBUS_ERROR_DISCONNECTED, kClosed);
@@ -312,7 +331,7 @@ bool BusConnection::TakeIncoming() {
         MessageRef message = MessageRef::Adopt(dbus_connection_pop_message(_connection));
         if (message) {
             hasTaken = true;
-            Route(std::move(message));
+            TryToRoute(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
             ::poll(nullptr, 0, 10);
             ++attempts;
@@ -321,6 +340,15 @@ bool BusConnection::TakeIncoming() {
         }
     }
     return hasTaken;
+}
+
+/// A message for which there is no memory is lost, but not the connection.
+void BusConnection::TryToRoute(MessageRef message) noexcept {
+    try {
+        Route(std::move(message));
+    } catch (...) {
+        _logger->Error("Error handling incoming message: %s", "Out of Memory!");
+    }
 }
 
 void BusConnection::Route(MessageRef message) {

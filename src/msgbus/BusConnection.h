@@ -87,11 +87,13 @@ public:
 
 private:
     class Use;
+    class Pending;
 
     void OnReady(unsigned int flags);
     void ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs until);
     void Read(unsigned int flags) ZARIP_REQUIRES(_lock);
     bool TakeIncoming() ZARIP_REQUIRES(_lock);
+    void TryToRoute(MessageRef message) noexcept ZARIP_REQUIRES(_lock);
     void Route(MessageRef message) ZARIP_REQUIRES(_lock);
     void Lose() ZARIP_REQUIRES(_lock);
     void Drain() ZARIP_REQUIRES(_lock);

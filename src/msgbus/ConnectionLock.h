@@ -1,7 +1,6 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <utility>
 
@@ -27,7 +26,8 @@ public:
             return;
         }
         Waiter self;
-        _line.push_back(&self);
+        (_first != nullptr ? _last->next : _first) = &self;
+        _last = &self;
         self.turn.wait(lock, [&self] { return self.isTurn; });
     }
 
@@ -38,12 +38,11 @@ public:
 
     void Release() ZARIP_RELEASE() {
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (_line.empty()) {
+        if (_first == nullptr) {
             _isHeld = false;
             return;
         }
-        Waiter* const next = _line.front();
-        _line.pop_front();
+        Waiter* const next = std::exchange(_first, _first->next);
         next->isTurn = true;
         // Under the mutex: once it is free the waiter may have left and be gone.
         next->turn.notify_one();
@@ -53,11 +52,14 @@ private:
     struct Waiter {
         std::condition_variable turn;
         bool isTurn = false;
+        Waiter* next = nullptr;
     };
 
     std::mutex _mutex;
-    std::deque<Waiter*> _line;  ///< not empty only while the lock is held
     bool _isHeld = false;
+    // The threads that wait, on whose stacks these are. There are none unless the lock is held.
+    Waiter* _first = nullptr;
+    Waiter* _last = nullptr;
 };
 
 }  // namespace zarip::msgbus

@@ -186,24 +186,26 @@ void DBusWatcher::Detach(DBusConnection* connection) {
 
 dbus_bool_t DBusWatcher::OnAdd(DBusWatch* watch, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
-    try {
-        self->_logger->Trace("watching for %s on fd %d", Describe(watch), dbus_watch_get_unix_fd(watch));
-        const osa::MutexAutoLock lock(&self->_watchMutex);
-        self->_watches.push_back(watch);
-        self->UpdateWanted();
-        return TRUE;
-    } catch (...) {
-        return FALSE;
-    }
+    self->_logger->Trace("watching for %s on fd %d", Describe(watch), dbus_watch_get_unix_fd(watch));
+    return self->Replace(nullptr, watch) ? TRUE : FALSE;
 }
 
 void DBusWatcher::OnRemove(DBusWatch* watch, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
     self->_logger->Trace("cancelling watch for %s on fd %d", Describe(watch), dbus_watch_get_unix_fd(watch));
-    const osa::MutexAutoLock lock(&self->_watchMutex);
-    self->_watches.erase(std::remove(self->_watches.begin(), self->_watches.end(), watch),
-                         self->_watches.end());
-    self->UpdateWanted();
+    self->Replace(watch, nullptr);
+}
+
+/// Puts one watch, or none, into the place of another; false if there is no such place.
+bool DBusWatcher::Replace(DBusWatch* old, DBusWatch* replacement) {
+    const osa::MutexAutoLock lock(&_watchMutex);
+    const auto place = std::find(_watches.begin(), _watches.end(), old);
+    if (place == _watches.end()) {
+        return false;
+    }
+    *place = replacement;
+    UpdateWanted();
+    return true;
 }
 
 void DBusWatcher::OnToggle(DBusWatch* /*watch*/, void* watcher) {
@@ -217,6 +219,9 @@ void DBusWatcher::UpdateWanted() {
     _wantsToRead = false;
     _wantsToWrite = false;
     for (DBusWatch* const watch : _watches) {
+        if (watch == nullptr) {
+            continue;
+        }
         _fd = dbus_watch_get_unix_fd(watch);
         if (dbus_watch_get_enabled(watch) != FALSE) {
             const unsigned int flags = dbus_watch_get_flags(watch);
@@ -261,15 +266,15 @@ bool DBusWatcher::Has(DBusWatch* watch) {
     return std::find(_watches.begin(), _watches.end(), watch) != _watches.end();
 }
 
-std::vector<DBusWatch*> DBusWatcher::GetWatches() {
-    const osa::MutexAutoLock lock(&_watchMutex);
-    return _watches;
-}
-
 void DBusWatcher::Handle(unsigned int flags) {
-    for (DBusWatch* const watch : GetWatches()) {
+    std::array<DBusWatch*, 4> watches{};
+    {
+        const osa::MutexAutoLock lock(&_watchMutex);
+        watches = _watches;
+    }
+    for (DBusWatch* const watch : watches) {
         // The one before may have removed this one.
-        if (!Has(watch) || dbus_watch_get_enabled(watch) == FALSE) {
+        if (watch == nullptr || !Has(watch) || dbus_watch_get_enabled(watch) == FALSE) {
             continue;
         }
         const unsigned int wanted = dbus_watch_get_flags(watch) | DBUS_WATCH_HANGUP | DBUS_WATCH_ERROR;

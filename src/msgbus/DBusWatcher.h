@@ -2,10 +2,10 @@
 
 #include <dbus/dbus.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <vector>
 
 #include "osa/UniqueFd.h"
 #include "zarip/osa/Mutex.h"
@@ -83,11 +83,11 @@ private:
     static void OnRemove(DBusWatch* watch, void* watcher);
     static void OnToggle(DBusWatch* watch, void* watcher);
 
+    bool Replace(DBusWatch* old, DBusWatch* replacement);
     void UpdateWanted() ZARIP_REQUIRES(_watchMutex);
     void UpdateSets() ZARIP_REQUIRES(_watchMutex);
     void Change(Set& set, std::uint32_t events) ZARIP_REQUIRES(_watchMutex);
     bool Has(DBusWatch* watch);
-    std::vector<DBusWatch*> GetWatches();
     char ReadCommand();
     void SendCommand(char command);
     static unsigned int WaitIn(int epoll, int interrupt, bool& interrupted);
@@ -102,7 +102,8 @@ private:
     std::atomic<bool> _isStopped{false};
 
     osa::Mutex _watchMutex{"_watchMutex"};
-    std::vector<DBusWatch*> _watches ZARIP_GUARDED_BY(_watchMutex);
+    /// libdbus has two, for reading and for writing; free places are null.
+    std::array<DBusWatch*, 4> _watches ZARIP_GUARDED_BY(_watchMutex){};
     Set _watcherSet;   ///< also has `_commandRead`
     Set _listenerSet;  ///< also has `_dispatchAvailable`
     int _fd ZARIP_GUARDED_BY(_watchMutex) = -1;
