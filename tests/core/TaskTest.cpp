@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/WaitUntil.h"
 #include "zarip/core/AsyncCall.h"
@@ -24,6 +26,7 @@ namespace zarip::core {
 namespace {
 
 using osa::TimeSpan;
+using test::ErrorOf;
 
 /// A task that calls a function and counts those of its kind that exist.
 class Task : public IVoidDelegate0 {
@@ -131,21 +134,13 @@ TEST_F(TaskTest, AFullQueueRefusesAndDeletesAndStaysUsableForEver) {
         for (int i = 0; i < 500; ++i) {
             tasks.QueueTask(Note(i));
         }
-        try {
-            tasks.QueueTask(Note(500));
-            FAIL();
-        } catch (const osa::Exception& e) {
-            EXPECT_EQ(e.ToString(), "maxCount was reached");
-        }
+        EXPECT_EQ(ErrorOf([&] { tasks.QueueTask(Note(500)); }), "maxCount was reached");
         EXPECT_EQ(Task::s_alive, 500);
         tasks.ExecuteQueuedTasks();
         EXPECT_EQ(Task::s_alive, 0);
     }
-    try {
-        tasks.QueueTask(TimeSpan::FromDays(200 * 365), Note(0));
-        FAIL();
-    } catch (const osa::Exception& e) {
-        EXPECT_EQ(e.ToString(), "Invalid parameter");
+    for (const long long days : {200 * 365LL, -20'000LL, 100'000'000LL, -100'000'000LL}) {
+        EXPECT_EQ(ErrorOf([&] { tasks.QueueTask(TimeSpan::FromDays(days), Note(0)); }), "Invalid parameter");
     }
     EXPECT_EQ(_order.size(), 1500U);
 }
@@ -259,20 +254,72 @@ TEST_F(TaskTest, ManyThreadsQueueAndRun) {
     }
 }
 
-TEST_F(TaskTest, ThePoolHasOneThreadAndEndsBehindWhatIsDue) {
-    std::atomic<int> ran{0};
-    std::string name;
-    {
-        ThreadPool pool;
-        pool.GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task([&] { ran = -1; }));
-        pool.GetTaskQueue()->QueueTask(
-            new Task([&] { name = osa::Thread::CurrentThread::ThreadPtr()->GetName(); }));
-        for (int i = 0; i < 100; ++i) {
-            pool.GetTaskQueue()->QueueTask(new Task([&] { ++ran; }));
+// With a task that is not due for long, and without: the tasks then wait in different places.
+TEST_F(TaskTest, ThePoolHasOneThreadAndEndsAfterWhatIsDue) {
+    for (int round = 0; round < 400; ++round) {
+        std::atomic<int> ran{0};
+        std::string name;
+        {
+            ThreadPool pool;
+            if (round % 4 != 0) {
+                pool.GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task([&] { ran = -1; }));
+            }
+            pool.GetTaskQueue()->QueueTask(
+                new Task([&] { name = osa::Thread::CurrentThread::ThreadPtr()->GetName(); }));
+            for (int i = 0; i < 8; ++i) {
+                pool.GetTaskQueue()->QueueTask(new Task([&] { ++ran; }));
+            }
         }
+        ASSERT_EQ(ran, 8);
+        EXPECT_EQ(name, "ThreadPool");
     }
-    EXPECT_EQ(ran, 100);
-    EXPECT_EQ(name, "ThreadPool");
+}
+
+TEST_F(TaskTest, TasksDueAtTheSameTimeRunInTheOrderInWhichTheyWereQueued) {
+    FakeClock clock;
+    std::mt19937 random(3);
+    int target = 0;
+    for (int round = 0; round < 200; ++round) {
+        TaskManager tasks(&clock, false);
+        std::vector<std::pair<int, int>> expected;  // delay and number
+        std::vector<std::pair<int, int>> ran;
+        for (int i = 0; i < 60; ++i) {
+            const int delay = static_cast<int>(random() % 3) - 1;
+            const bool isDropped = random() % 4 == 0;
+            tasks.QueueTask(
+                TimeSpan::FromMilliseconds(delay),
+                new Task([&ran, delay, i] { ran.emplace_back(delay, i); }, isDropped ? &target : nullptr));
+            if (!isDropped) {
+                expected.emplace_back(delay, i);
+            }
+            if (random() % 8 == 0) {
+                tasks.DequeueTasksByTarget(&target);
+            }
+        }
+        tasks.DequeueTasksByTarget(&target);
+        clock.Advance(1'000);
+        tasks.ExecuteQueuedTasks();
+        std::sort(expected.begin(), expected.end());
+        ASSERT_EQ(ran, expected);
+    }
+}
+
+// It ends the worker; what is still queued is deleted with the pool.
+TEST_F(TaskTest, ATaskMayEndItsThread) {
+    auto [call, result] = CreateAsyncCall(new Task([] { ::pthread_exit(nullptr); }));
+    const std::unique_ptr<AsyncResult> owned(result);
+    ThreadPool pool;
+    pool.GetTaskQueue()->QueueTask(call);
+    EXPECT_EQ(ErrorOf([&] { owned->GetResult(); }), "AsyncCall was deleted without having been called");
+    pool.GetTaskQueue()->QueueTask(new Task);
+}
+
+TEST_F(TaskTest, APoolHoldsAsManyTasksAsItIsGivenRoomFor) {
+    ThreadPool pool(2);
+    const auto queue = [&] { pool.GetTaskQueue()->QueueTask(TimeSpan::FromHours(1), new Task); };
+    queue();
+    queue();
+    EXPECT_EQ(ErrorOf(queue), "maxCount was reached");
 }
 
 TEST_F(TaskTest, APoolWhoseQueueIsFullEndsAtOnce) {

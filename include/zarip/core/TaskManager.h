@@ -11,10 +11,11 @@ class ITimeSource;
 
 namespace zarip::core {
 
-/// A queue of tasks in the order of their due times, run by whoever calls `WaitAndExecuteTask` or
-/// `ExecuteQueuedTasks`. *Thread-safe*: any number of threads may queue and run. Tasks run without any lock
-/// and may queue and drop others; those due at the same time run in no particular order. What a task throws
-/// is logged as "Exception running task: ...".
+/// A queue of tasks in the order of their due times; tasks due at the same time keep the order in which they
+/// were queued. They run on the threads that call `WaitAndExecuteTask` or `ExecuteQueuedTasks`.
+///
+/// *Thread-safe*: any number of threads may queue and run. No lock is held while a task runs, so it may queue
+/// and drop others. What a task throws is logged as "Exception running task: ...".
 class ZARIP_EXPORT TaskManager : public ITaskQueue {
 public:
     /// Keeps time by the monotonic clock and at most 500 tasks.
