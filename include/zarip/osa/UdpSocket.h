@@ -86,6 +86,7 @@ private:
     struct Impl;
 
     bool PauseAfterFailure() const;
+    bool ReceiveWaiting(unsigned char* buffer, unsigned int length, Info& info, unsigned int& received) const;
 
     std::unique_ptr<Impl> _impl;
 };
