@@ -177,6 +177,9 @@ TEST_F(MutexTest, ResultsOfTheSystemBecomeExceptions) UNCHECKED {
             << row.result;
     }
     const FailingCall failing("clock_gettime", -1);
+    EXPECT_TRUE(mutex.TryLockFor(1)) << "a free mutex needs no clock";
+    mutex.Release();
+    const FailingCall busy("pthread_mutex_trylock", EBUSY);
     EXPECT_EQ(OutcomeOf([this]() UNCHECKED { mutex.TryLockFor(1); }),
               (LockOutcome{"clock_gettime failed", 0}));
 }
