@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 #include <sched.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -38,6 +39,24 @@ Microseconds ToMicroseconds(const osa::TimeStruct& time) {
     return static_cast<Microseconds>(time.seconds) * 1'000'000 + time.microseconds;
 }
 
+/// The monotonic clock as it was at the system's last tick: a quarter of the cost of the exact time, and late
+/// by less than `GetTicks`.
+Microseconds LastTick() {
+    timespec tick{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
+    return static_cast<Microseconds>(tick.tv_sec) * 1'000'000 + tick.tv_nsec / 1'000;
+}
+
+/// Two ticks, since one may be overdue.
+Microseconds GetTicks() {
+    static const Microseconds ticks = [] {
+        timespec resolution{};
+        ::clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
+        return static_cast<Microseconds>(resolution.tv_nsec / 1'000) * 2;
+    }();
+    return ticks;
+}
+
 /// The time after `delay`; throws for one that a `TimeStruct` cannot express.
 Microseconds After(Microseconds now, Microseconds delay) {
     if (delay > kLatest - now || delay < -now) {
@@ -50,8 +69,7 @@ Microseconds After(Microseconds now, Microseconds delay) {
 /// were queued. *One thread at a time.*
 ///
 /// Tasks without a delay are queued in that order anyway, so they wait in a list; all others wait in a heap.
-/// Whichever of the two first items comes first in the order is the next task. One heap for everything would
-/// be shorter, but it takes more than twice as long when a million tasks without a delay wait.
+/// Of the first items of the two, the one that comes first in the order is the next task.
 class DueQueue {
 public:
     DueQueue() = default;
@@ -72,16 +90,30 @@ public:
     /// The due time of the next task; the queue must not be empty.
     Microseconds GetNextDue() const { return IsNextInList() ? _list.front().due : _heap.front().due; }
 
-    void Push(Microseconds due, bool isDelayed, std::unique_ptr<IVoidDelegate0> task) {
-        const Item item{due, _pushed++, task.get()};
-        // Threads that queue at the same time, or a clock that was set back, may break the order.
-        if (isDelayed || (!_list.empty() && IsBefore(item, _list.back()))) {
-            _heap.push_back(item);
-            std::push_heap(_heap.begin(), _heap.end(), IsAfter);
-        } else {
-            _list.push_back(item);
-        }
+    void PushDelayed(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
+        _heap.push_back({due, _pushed++, task.get()});
+        std::push_heap(_heap.begin(), _heap.end(), IsAfter);
         static_cast<void>(task.release());
+    }
+
+    /// For a task without a delay. Its due time must not be before those of the others in the list.
+    void PushInOrder(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
+        _list.push_back({due, _pushed++, task.get()});
+        static_cast<void>(task.release());
+    }
+
+    /// The latest due time in the list, 0 if it is empty.
+    Microseconds GetLastInList() const { return _list.empty() ? 0 : _list.back().due; }
+
+    /// Whether a task with a delay is due by `time`.
+    bool HasDelayed(Microseconds time) const { return !_heap.empty() && _heap.front().due <= time; }
+
+    /// Sets the due times in the list to the latest that they may be: `margin` later, but not after `now`.
+    void Postpone(Microseconds margin, Microseconds now) {
+        for (auto item = _list.rbegin(); item != _list.rend() && item->number >= _firstEarly; ++item) {
+            item->due = std::min(item->due + margin, now);
+        }
+        _firstEarly = _pushed;
     }
 
     std::unique_ptr<IVoidDelegate0> TakeNext() {
@@ -124,12 +156,8 @@ private:
         IVoidDelegate0* task;
     };
 
-    // Without a branch: which of two items comes first is a guess that the processor would often lose.
     static bool IsBefore(const Item& a, const Item& b) {
-        const bool isEarlier = a.due < b.due;
-        const bool isSameTime = a.due == b.due;
-        const bool isOlder = a.number < b.number;
-        return isEarlier | (isSameTime & isOlder);
+        return __builtin_expect(a.due == b.due, 0) ? a.number < b.number : a.due < b.due;
     }
     static bool IsAfter(const Item& a, const Item& b) { return IsBefore(b, a); }
 
@@ -159,6 +187,7 @@ private:
     std::deque<Item> _list;
     std::vector<Item> _heap;
     unsigned long long _pushed = 0;
+    unsigned long long _firstEarly = 0;  ///< items from this number on were not postponed yet
 };
 
 /// Rounded up: a wait must not end before its time.
@@ -194,6 +223,26 @@ private:
         _timeSource->GetTime(now);
         return ToMicroseconds(now);
     }
+
+    /// One call of `WaitAndExecute`.
+    struct Call {
+        explicit Call(int milliseconds) : timeoutMs(milliseconds) {}
+
+        const int timeoutMs;
+        Microseconds target = kNever;  ///< when the wait ends
+        bool hasYielded = false;
+        bool hasSlept = false;
+        bool wasWoken = false;     ///< out of that sleep
+        bool isLastSleep = false;  ///< the sleep lasts until `target`
+        unsigned int sleepMs = 0;
+        std::unique_ptr<IVoidDelegate0> task;
+    };
+    enum class Step { kRunTask, kGiveUp, kYield, kSleep };
+    Step GetNextStep(Call& call);
+
+    void Push(Microseconds now, Microseconds delay, std::unique_ptr<IVoidDelegate0> task)
+        ZARIP_REQUIRES(_mutex);
+    void PushUndelayed(Microseconds lastTick, std::unique_ptr<IVoidDelegate0> task) ZARIP_REQUIRES(_mutex);
     bool IsDue() ZARIP_REQUIRES(_mutex);
     void Run(IVoidDelegate0& task) const;
 
@@ -213,17 +262,20 @@ private:
 
 void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
                                          bool evenIfFull) {
-    const Microseconds now = Now();
     const Microseconds wait = delay.GetTotalMicroseconds();
-    const Microseconds due = After(now, wait);
+    const bool isUndelayed = wait == 0 && _isMonotonic;
+    const Microseconds now = isUndelayed ? LastTick() : Now();
     bool wakes = false;
     {
         const osa::MutexAutoLock lock(&_mutex);
         if (!evenIfFull && static_cast<long long>(_queue.GetSize()) >= _maxCount) {
             throw osa::Exception("maxCount was reached");
         }
-        _queue.Push(due, wait != 0, std::move(task));
-        _lastNow = std::max(_lastNow, now);
+        if (isUndelayed) {
+            PushUndelayed(now, std::move(task));
+        } else {
+            Push(now, wait, std::move(task));
+        }
         // More units than tasks that may wait would find nothing to do, and no room in `_wakeUp`.
         wakes = _woken < std::min(_waiting, _maxWoken);
         _woken += wakes ? 1 : 0;
@@ -231,6 +283,29 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     if (wakes) {
         _wakeUp.Release();
     }
+}
+
+void TaskManager::TaskManagerImpl::Push(Microseconds now, Microseconds delay,
+                                        std::unique_ptr<IVoidDelegate0> task) {
+    const Microseconds due = After(now, delay);
+    if (delay == 0 && due >= _queue.GetLastInList()) {
+        _queue.PushInOrder(due, std::move(task));
+        return;
+    }
+    if (delay < 0 && _isMonotonic) {
+        _queue.Postpone(GetTicks(), now);
+    }
+    _queue.PushDelayed(due, std::move(task));
+}
+
+/// The due time is the time of the last tick, unless a task with a delay is due so soon that only the exact
+/// time tells which of the two comes first.
+void TaskManager::TaskManagerImpl::PushUndelayed(Microseconds lastTick,
+                                                 std::unique_ptr<IVoidDelegate0> task) {
+    const Microseconds now = _queue.HasDelayed(lastTick + GetTicks()) ? Now() : lastTick;
+    const Microseconds due = std::max(now, _queue.GetLastInList());
+    _lastNow = std::max(_lastNow, due);
+    _queue.PushInOrder(due, std::move(task));
 }
 
 void TaskManager::TaskManagerImpl::Dequeue(void* target) {
@@ -263,61 +338,64 @@ bool TaskManager::TaskManagerImpl::IsDue() {
     return _queue.GetNextDue() <= _lastNow;
 }
 
-bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
-    Microseconds target = kNever;
-    if (timeoutMs > 0) {
-        target = Now() + static_cast<Microseconds>(timeoutMs) * 1'000;
+TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Call& call) {
+    const osa::MutexAutoLock lock(&_mutex);
+    if (std::exchange(call.hasSlept, false)) {
+        --_waiting;
+        _woken -= call.wasWoken ? 1 : 0;
+        if (!call.wasWoken && (call.isLastSleep || Now() >= call.target)) {
+            return Step::kGiveUp;
+        }
     }
-    bool hasYielded = false;
-    bool hasWaited = false;
-    bool woken = false;
-    bool isLast = false;
+    if (IsDue()) {
+        call.task = _queue.TakeNext();
+        return Step::kRunTask;
+    }
+    if (call.timeoutMs == 0) {
+        return Step::kGiveUp;
+    }
+    if (_queue.IsEmpty() && !std::exchange(call.hasYielded, true)) {
+        return Step::kYield;
+    }
+    if (!_queue.IsEmpty()) {
+        call.target = std::min(call.target, _queue.GetNextDue());
+    }
+    call.isLastSleep = false;
+    call.sleepMs = kNoLimit;
+    if (call.target != kNever) {
+        const long long wait = ToMilliseconds(call.target - Now());
+        if (wait < 0) {
+            return Step::kGiveUp;
+        }
+        call.isLastSleep = wait <= kLookAgainMs;
+        call.sleepMs = static_cast<unsigned int>(std::min(wait, kLookAgainMs));
+    }
+    call.hasSlept = true;
+    ++_waiting;
+    return Step::kSleep;
+}
+
+bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
+    Call call(timeoutMs);
+    if (timeoutMs > 0) {
+        call.target = Now() + static_cast<Microseconds>(timeoutMs) * 1'000;
+    }
     for (;;) {
-        std::unique_ptr<IVoidDelegate0> task;
-        bool yields = false;
-        long long wait = 0;
-        {
-            const osa::MutexAutoLock lock(&_mutex);
-            if (hasWaited) {
-                hasWaited = false;
-                --_waiting;
-                _woken -= woken ? 1 : 0;
-                if (!woken && (isLast || Now() >= target)) {
-                    return false;
-                }
-            }
-            if (IsDue()) {
-                task = _queue.TakeNext();
-            } else if (timeoutMs == 0) {
+        switch (GetNextStep(call)) {
+            case Step::kRunTask:
+                Run(*call.task);
+                return true;
+            case Step::kGiveUp:
                 return false;
-            } else if (_queue.IsEmpty() && !hasYielded) {
-                yields = true;
-            } else {
-                if (!_queue.IsEmpty()) {
-                    target = std::min(target, _queue.GetNextDue());
-                }
-                wait = target == kNever ? kNever : ToMilliseconds(target - Now());
-                if (wait < 0) {
-                    return false;
-                }
-                ++_waiting;
-            }
+            case Step::kYield:
+                // The thread that queued the last task may be about to queue more. If it does so now, it need
+                // not wake this one.
+                ::sched_yield();
+                break;
+            case Step::kSleep:
+                call.wasWoken = _wakeUp.TryLock(call.sleepMs);
+                break;
         }
-        if (task) {
-            Run(*task);
-            return true;
-        }
-        if (yields) {
-            // The thread that queued the last task may be about to queue more. If it does so now, it need
-            // not wake this one.
-            ::sched_yield();
-            hasYielded = true;
-            continue;
-        }
-        isLast = wait <= kLookAgainMs;
-        woken = _wakeUp.TryLock(wait == kNever ? kNoLimit
-                                               : static_cast<unsigned int>(std::min(wait, kLookAgainMs)));
-        hasWaited = true;
     }
 }
 

@@ -11,7 +11,7 @@
 
 namespace zarip::osa {
 
-struct Semaphore::Context {
+struct ZARIP_HIDDEN Semaphore::Context {
     bool Take(unsigned int timeoutMs);
     bool Wait(unsigned int timeoutMs);
     void UnlockAndSignal();

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -302,6 +304,47 @@ TEST_F(TaskTest, TasksDueAtTheSameTimeRunInTheOrderInWhichTheyWereQueued) {
         std::sort(expected.begin(), expected.end());
         ASSERT_EQ(ran, expected);
     }
+}
+
+// By the real clock a due time is known to lie between two looks at the clock around the queuing.
+TEST_F(TaskTest, TasksWithAndWithoutDelaysKeepTheOrderOfTheRealClock) {
+    using Clock = std::chrono::steady_clock;
+    struct Due {
+        Clock::time_point earliest;
+        Clock::time_point latest;
+    };
+    TaskManager tasks(2'000);
+    std::mt19937 random(5);
+    std::vector<Due> due;
+    const long long delays[] = {0, 0, 0, 1, 40, 300, 3'000, 9'000};
+    while (due.size() < 2'000) {
+        const std::size_t i = due.size();
+        const long long delay = delays[random() % std::size(delays)];
+        const auto asSpan = std::chrono::microseconds(delay);
+        due.push_back({Clock::now() + asSpan, {}});
+        tasks.QueueTask(TimeSpan::FromMicroseconds(delay), Note(static_cast<int>(i)));
+        due.back().latest = Clock::now() + asSpan;
+        if (random() % 50 == 0) {
+            tasks.ExecuteQueuedTasks();
+        }
+    }
+    EXPECT_TRUE(test::WaitUntil([&] {
+        tasks.ExecuteQueuedTasks();
+        return _order.size() == due.size();
+    }));
+    // Whatever ran in one go did so in order; a microsecond is the clock's step.
+    Clock::time_point latestBegin;
+    for (const int i : _order) {
+        const Due& task = due[static_cast<std::size_t>(i)];
+        EXPECT_LE(latestBegin, task.latest + std::chrono::microseconds(1));
+        latestBegin = std::max(latestBegin, task.earliest);
+    }
+    _order.clear();
+    tasks.QueueTask(Note(1));
+    tasks.QueueTask(TimeSpan::FromMilliseconds(-500), Note(0));
+    tasks.QueueTask(Note(2));
+    tasks.ExecuteQueuedTasks();
+    EXPECT_EQ(_order, (std::vector<int>{0, 1, 2}));
 }
 
 // It ends the worker; what is still queued is deleted with the pool.

@@ -19,8 +19,13 @@ namespace zarip::core {
 class ZARIP_EXPORT TaskManager : public ITaskQueue {
 public:
     /// Keeps time by the monotonic clock and at most 500 tasks.
+    ///
+    /// A task without a delay is due at once. Where it stands among tasks with a delay is decided by the
+    /// exact time, with one exception: a task with a negative delay may run before those without a delay that
+    /// were queued up to two ticks of the system (8 to 20 ms) before its due time.
     TaskManager();
 
+    /// The same with another number of tasks.
     /// @param maxCount  the most tasks that may wait.
     explicit TaskManager(int maxCount);
 
