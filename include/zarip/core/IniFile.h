@@ -107,7 +107,7 @@ public:
     static const std::string& GetValueFromGroup(const Group& group, const std::string& key);
 
     /// The typed getters fetch as `GetValue` and `GetValueFromGroup` do and throw "value " + key + " must be
-    /// a valid " + "integer", "double" or "boolean" for a value that is none. Those with a default return it
+    /// a valid " + "integer", "double" or "boolean" for any other value. Those with a default return it
     /// when the key or the group is missing, and throw like the others when the value is there and does not
     /// convert. Integers are decimal; "true", "1", "false" and "0" are booleans, in upper or lower case;
     /// white space around any of them is allowed.
@@ -135,13 +135,13 @@ public:
     static void SetDoubleToGroup(Group& group, const std::string& key, double value);
     static void SetBoolToGroup(Group& group, const std::string& key, bool value);
 
-    /// A group as a list: stores the value under "0" in an empty group, else under the key that
-    /// `GetNextKeyName` puts behind the group's greatest one.
+    /// A group as a list: stores the value under "0" in an empty group, otherwise under the key that
+    /// `GetNextKeyName` makes of the group's greatest one.
     void ValueListAppend(const std::string& group, const std::string& value);
     void ValueListAppendUnique(const std::string& group, const std::string& value);
     bool ValueListContains(const std::string& group, const std::string& value) const;
 
-    /// The text behind the last '#' of a group's name; throws "Group name " + group + " does not contain a
+    /// The text after the last '#' of a group's name; throws "Group name " + group + " does not contain a
     /// '#' character".
     static std::string GetGroupIndexStr(const std::string& group);
 
@@ -149,7 +149,7 @@ public:
     static int GetGroupIndex(const std::string& group);
 
     /// Advances the key like an odometer over 0-9, A-Z, a-z of constant length. Deliberate: a key that cannot
-    /// advance (empty, all 'z', or with another character behind which only 'z' stand) gets '0' appended,
+    /// advance (empty, all 'z', or with another character followed by nothing but 'z') gets '0' appended,
     /// (sqrt(8 * length + 1) + 1) / 2 of them: "" becomes "0", "z" "z00", "zzz" "zzz000". So generated keys
     /// sort in the order in which they were made.
     static void GetNextKeyName(std::string& key);

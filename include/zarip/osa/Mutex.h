@@ -46,7 +46,7 @@ private:
         pthread_mutex_t mutex;
     };
 
-    /// Throws what a failed lock call stands for.
+    /// Throws the exception for the result of a failed lock call.
     [[noreturn]] static void ThrowLockFailure(int result);
 
     std::unique_ptr<Context> _context;

@@ -25,7 +25,7 @@ class Runnable;
 /// refuses them: the constructor then throws "Create Thread Error", and `SetPriority` changes nothing.
 ///
 /// The owner stops the runnable and calls `Join()` before it destroys the object: the destructor does
-/// neither. A thread that was never run ends with its object; one that is still running goes on, and its
+/// neither. A thread that was never run ends with its object; one that still runs is left alone, and its
 /// resources are freed when it ends.
 ///
 /// *Thread-safe*, except `Join()` and destruction, which belong to the owner. The thread that loads the

@@ -34,7 +34,7 @@ public:
     ~UdpServer() override;
 
     /// The receive loop; run by the thread that `Start` makes. A datagram that cannot be received, and what
-    /// the callback throws, is logged and the loop goes on; it ends when the socket has become unusable.
+    /// the callback throws, is logged and the loop continues. It ends when the socket has become unusable.
     /// Throws `Exception` "UdpServer::Run(): Server has not been started".
     void Run() override;
 
