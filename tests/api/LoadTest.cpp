@@ -8,14 +8,20 @@
 #include <cstdio>
 #include <thread>
 
+namespace zarip::osa {
+class Thread;
+}
+
 namespace {
 
-void* (*g_threadPtr)() = nullptr;
+using zarip::osa::Thread;
+using Function = Thread*();
+Function* g_threadPtr = nullptr;
 
 void Load(const char* library) {
     if (void* const handle = ::dlopen(library, RTLD_NOW | RTLD_LOCAL)) {
         g_threadPtr =
-            reinterpret_cast<void* (*)()>(::dlsym(handle, "_ZN5zarip3osa6Thread13CurrentThread9ThreadPtrEv"));
+            reinterpret_cast<Function*>(::dlsym(handle, "_ZN5zarip3osa6Thread13CurrentThread9ThreadPtrEv"));
     }
 }
 
@@ -25,8 +31,8 @@ int main(int argc, char** argv) {
     if (argc != 2) {
         return 2;
     }
-    void* loading = nullptr;
-    void* later = nullptr;
+    Thread* loading = nullptr;
+    Thread* later = nullptr;
     std::thread([&] {
         Load(argv[1]);
         loading = g_threadPtr != nullptr ? g_threadPtr() : nullptr;
