@@ -133,33 +133,15 @@ private:
 
 namespace internal {
 
-/// The parameter of something that is called with one argument.
+// The parameter of a function, a method or a callable object; never defined, only asked for their type.
+template <class R, class A>
+A ParameterOf(R (*function)(A));
+template <class C, class R, class A>
+A ParameterOf(R (C::*method)(A));
+template <class C, class R, class A>
+A ParameterOf(R (C::*method)(A) const);
 template <class Callable>
-struct ParameterOf : ParameterOf<decltype(&Callable::operator())> {};
-template <class R, class A>
-struct ParameterOf<R (*)(A)> {
-    using Type = A;
-};
-template <class R, class A>
-struct ParameterOf<R (*)(A) noexcept> {
-    using Type = A;
-};
-template <class C, class R, class A>
-struct ParameterOf<R (C::*)(A)> {
-    using Type = A;
-};
-template <class C, class R, class A>
-struct ParameterOf<R (C::*)(A) const> {
-    using Type = A;
-};
-template <class C, class R, class A>
-struct ParameterOf<R (C::*)(A) noexcept> {
-    using Type = A;
-};
-template <class C, class R, class A>
-struct ParameterOf<R (C::*)(A) const noexcept> {
-    using Type = A;
-};
+auto ParameterOf(const Callable&) -> decltype(ParameterOf(&Callable::operator()));
 
 template <class A>
 constexpr void RequireConstArgument() {
@@ -224,7 +206,7 @@ auto* MakeDelegate(Callable callable) {
             return new CallableDelegate0<R, Callable>(std::move(callable));
         }
     } else {
-        using Parameter = typename internal::ParameterOf<Callable>::Type;
+        using Parameter = decltype(internal::ParameterOf(std::declval<const Callable&>()));
         internal::RequireConstArgument<Parameter>();
         using A = std::decay_t<Parameter>;
         using R = std::decay_t<std::invoke_result_t<Callable&, const A&>>;
