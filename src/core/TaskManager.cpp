@@ -121,6 +121,9 @@ public:
         if (IsNextInList()) {
             std::unique_ptr<IVoidDelegate0> task(_list.front().task);
             _list.pop_front();
+            if (!_list.empty()) {
+                __builtin_prefetch(_list.front().task);  // in a long queue it has left the cache by now
+            }
             return task;
         }
         std::unique_ptr<IVoidDelegate0> task(_heap.front().task);
