@@ -39,8 +39,9 @@ Microseconds ToMicroseconds(const osa::TimeStruct& time) {
     return static_cast<Microseconds>(time.seconds) * 1'000'000 + time.microseconds;
 }
 
-/// The monotonic clock as it was at the system's last tick: a quarter of the cost of the exact time, and late
-/// by less than `GetTicks`.
+/// The monotonic clock as it was at the system's last tick, at a quarter of the cost of the exact time. It is
+/// late by less than `GetTicks`, unless the processor that counts the ticks of a virtual machine is
+/// suspended.
 Microseconds LastTick() {
     timespec tick{};
     ::clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
@@ -56,6 +57,9 @@ Microseconds GetTicks() {
     }();
     return ticks;
 }
+
+/// A task with a delay that is due this soon makes the exact time necessary.
+constexpr Microseconds kSoon = 100'000;
 
 /// The time after `delay`; throws for one that a `TimeStruct` cannot express.
 Microseconds After(Microseconds now, Microseconds delay) {
@@ -293,7 +297,8 @@ private:
 void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
                                          bool evenIfFull) {
     const Microseconds wait = delay.GetTotalMicroseconds();
-    const bool isUndelayed = wait == 0 && _isMonotonic;
+    // The task that ends a pool comes after all that are due, so it needs the exact time.
+    const bool isUndelayed = wait == 0 && _isMonotonic && !evenIfFull;
     const Microseconds now = isUndelayed ? LastTick() : Now();
     bool wakes = false;
     {
@@ -332,7 +337,7 @@ void TaskManager::TaskManagerImpl::Push(Microseconds now, Microseconds delay,
 /// time tells which of the two comes first.
 void TaskManager::TaskManagerImpl::PushUndelayed(Microseconds lastTick,
                                                  std::unique_ptr<IVoidDelegate0> task) {
-    const Microseconds now = _queue.HasDelayed(lastTick + GetTicks()) ? Now() : lastTick;
+    const Microseconds now = _queue.HasDelayed(lastTick + kSoon) ? Now() : lastTick;
     const Microseconds due = std::max(now, _queue.GetLastInList());
     _lastNow = std::max(_lastNow, due);
     _queue.PushInOrder(due, std::move(task));
