@@ -274,7 +274,7 @@ private:
     enum class Step { kRunTask, kGiveUp, kYield, kSleep };
     Step GetNextStep(Call& call);
 
-    void Push(Microseconds now, Microseconds delay, std::unique_ptr<IVoidDelegate0> task)
+    void Push(Microseconds due, Microseconds delay, std::unique_ptr<IVoidDelegate0> task)
         ZARIP_REQUIRES(_mutex);
     void PushUndelayed(Microseconds lastTick, std::unique_ptr<IVoidDelegate0> task) ZARIP_REQUIRES(_mutex);
     bool IsDue() ZARIP_REQUIRES(_mutex);
@@ -299,7 +299,7 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     const Microseconds wait = delay.GetTotalMicroseconds();
     // The task that ends a pool comes after all that are due, so it needs the exact time.
     const bool isUndelayed = wait == 0 && _isMonotonic && !evenIfFull;
-    const Microseconds now = isUndelayed ? LastTick() : Now();
+    const Microseconds due = isUndelayed ? LastTick() : After(Now(), wait);
     bool wakes = false;
     {
         const osa::MutexAutoLock lock(&_mutex);
@@ -307,9 +307,9 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
             throw osa::Exception("maxCount was reached");
         }
         if (isUndelayed) {
-            PushUndelayed(now, std::move(task));
+            PushUndelayed(due, std::move(task));
         } else {
-            Push(now, wait, std::move(task));
+            Push(due, wait, std::move(task));
         }
         // More units than tasks that may wait would find nothing to do, and no room in `_wakeUp`.
         wakes = _woken < std::min(_waiting, _maxWoken);
@@ -320,15 +320,14 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     }
 }
 
-void TaskManager::TaskManagerImpl::Push(Microseconds now, Microseconds delay,
+void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
                                         std::unique_ptr<IVoidDelegate0> task) {
-    const Microseconds due = After(now, delay);
     if (delay == 0 && due >= _queue.GetLastInList()) {
         _queue.PushInOrder(due, std::move(task));
         return;
     }
     if (delay < 0 && _isMonotonic) {
-        _queue.Postpone(GetTicks(), now);
+        _queue.Postpone(GetTicks(), due - delay);
     }
     _queue.PushDelayed(due, std::move(task));
 }
