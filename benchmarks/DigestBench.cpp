@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <zarip/crypto/DigestUtils.h>
 #include <zarip/crypto/Digests.h>
 
 #include "Rounds.h"
@@ -47,6 +48,24 @@ void Compare(const char* name, int algorithm, Digest& digest, std::size_t size,
     ::gcry_md_close(handle);
 }
 
+void CompareTexts(const bench::Options& options) {
+    const std::string data(64, 'x');
+    bench::Rounds rounds("MD5 of 64 bytes as a text", options);
+    rounds.Add("libgcrypt, gcry_md_hash_buffer", [&data] {
+        unsigned char out[16];
+        ::gcry_md_hash_buffer(GCRY_MD_MD5, out, data.data(), data.size());
+        std::string text(32, ' ');
+        for (std::size_t i = 0; i < sizeof out; ++i) {
+            text[2 * i] = "0123456789abcdef"[out[i] >> 4U];
+            text[2 * i + 1] = "0123456789abcdef"[out[i] & 15U];
+        }
+        bench::Keep(text);
+    });
+    rounds.Add("zarip::crypto::DigestUtils",
+               [&data] { bench::Keep(zarip::crypto::DigestUtils::GenerateMd5(data)); });
+    rounds.Run();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -57,4 +76,5 @@ int main(int argc, char** argv) {
         Compare("MD5", GCRY_MD_MD5, md5, size, options);
         Compare("SHA-256", GCRY_MD_SHA256, sha256, size, options);
     }
+    CompareTexts(options);
 }

@@ -3,12 +3,14 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include <pthread.h>
 #include <semaphore.h>
 
 #include <zarip/osa/Mutex.h>
+#include <zarip/osa/MutexAutoLock.h>
 #include <zarip/osa/Semaphore.h>
 
 #include "Rounds.h"
@@ -48,7 +50,7 @@ private:
     unsigned int _count;
 };
 
-void CompareMutexes(const bench::Options& options) {
+void CompareMutexes(const bench::Options& options, bool isNested) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
@@ -56,26 +58,57 @@ void CompareMutexes(const bench::Options& options) {
     pthread_mutex_init(&raw, &attributes);
     std::recursive_mutex standard;
     zarip::osa::Mutex ours("bench");
+    if (isNested) {
+        pthread_mutex_lock(&raw);
+        standard.lock();
+        ours.Lock();
+    }
 
-    bench::Rounds rounds("Recursive mutex, taken and released", options);
+    bench::Rounds rounds(
+        isNested ? "Recursive mutex, taken again and released" : "Recursive mutex, taken and released",
+        options);
     rounds.Add("pthread recursive mutex", [&raw] {
         pthread_mutex_lock(&raw);
         bench::Keep(raw);
         pthread_mutex_unlock(&raw);
     });
-    rounds.Add("std::recursive_mutex", [&standard] {
-        standard.lock();
+    rounds.Add("std::lock_guard", [&standard] {
+        const std::lock_guard<std::recursive_mutex> lock(standard);
         bench::Keep(standard);
-        standard.unlock();
     });
-    rounds.Add("zarip::osa::Mutex", [&ours] {
+    rounds.Add("zarip::osa::MutexAutoLock", [&ours] {
+        const zarip::osa::MutexAutoLock lock(&ours);
+        bench::Keep(ours);
+    });
+    rounds.Add("zarip::osa::Mutex, Lock and Release", [&ours] {
         ours.Lock();
         bench::Keep(ours);
         ours.Release();
     });
     rounds.Run();
-    pthread_mutex_destroy(&raw);
-    pthread_mutexattr_destroy(&attributes);
+}
+
+void CompareTimedForms(const bench::Options& options) {
+    zarip::osa::Mutex mutex("bench");
+    zarip::osa::Semaphore semaphore("bench", 100, 1);
+    bench::Rounds mutexes("A free mutex, tried and released", options);
+    mutexes.Add("TryLock()", [&mutex] {
+        bench::Keep(mutex.TryLock());
+        mutex.Release();
+    });
+    mutexes.Add("TryLockFor(1000)", [&mutex] {
+        bench::Keep(mutex.TryLockFor(1000));
+        mutex.Release();
+    });
+    mutexes.Run();
+    bench::Rounds semaphores("A free unit of a semaphore, tried and given back", options);
+    for (const unsigned int timeoutMs : {0U, 1000U}) {
+        semaphores.Add("TryLock(" + std::to_string(timeoutMs) + ")", [&semaphore, timeoutMs] {
+            bench::Keep(semaphore.TryLock(timeoutMs));
+            semaphore.Release();
+        });
+    }
+    semaphores.Run();
 }
 
 void CompareSemaphores(const bench::Options& options) {
@@ -108,8 +141,10 @@ int main(int argc, char** argv) {
     // The C library takes shortcuts in a process of one thread, which no service is.
     std::promise<void> done;
     std::thread other([future = done.get_future()] { future.wait(); });
-    CompareMutexes(options);
+    CompareMutexes(options, false);
+    CompareMutexes(options, true);
     CompareSemaphores(options);
+    CompareTimedForms(options);
     done.set_value();
     other.join();
 }

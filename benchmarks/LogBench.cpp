@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include <zarip/core/FileAppender.h>
 #include <zarip/core/Logger.h>
@@ -49,6 +50,18 @@ int main(int argc, char** argv) {
     record.Add("spdlog", [&] { spd->error("request {} from {}", 12345, client); });
     record.Add("zarip", [&] { logger->Error("request %d from %s", 12345, client); });
     record.Run();
+
+    // Whose name is not known to the library.
+    std::thread([&] {
+        bench::Rounds foreign("log record, flushed, on a thread made without osa::Thread", options);
+        foreign.Add("write(2), same text", [&] {
+            if (::write(fd, text.data(), text.size()) < 0) {
+                std::abort();
+            }
+        });
+        foreign.Add("zarip", [&] { logger->Error("request %d from %s", 12345, client); });
+        foreign.Run();
+    }).join();
 
     // The loggers are hidden from the compiler each time, or it would test the level once.
     bench::Rounds off("log record whose level is off", options);

@@ -84,11 +84,21 @@ void HandOver(const bench::Options& options, int burst) {
         },
         static_cast<std::size_t>(burst));
     rounds.Add(
-        "zarip::core::ThreadPool",
+        "zarip::core::ThreadPool, a method",
         [&] {
             countdown.Expect(burst);
             for (int task = 0; task < burst; ++task) {
                 pool.GetTaskQueue()->QueueTask(zarip::core::MakeDelegate(&countdown, &Countdown::Work));
+            }
+            countdown.Wait();
+        },
+        static_cast<std::size_t>(burst));
+    rounds.Add(
+        "zarip::core::ThreadPool, a lambda",
+        [&] {
+            countdown.Expect(burst);
+            for (int task = 0; task < burst; ++task) {
+                pool.GetTaskQueue()->QueueTask(zarip::core::MakeDelegate([&countdown] { countdown.Work(); }));
             }
             countdown.Wait();
         },

@@ -1,5 +1,7 @@
 #include "zarip/core/AsyncCall.h"
 
+#include <cxxabi.h>
+
 #include <exception>
 #include <memory>
 
@@ -27,6 +29,8 @@ public:
     void Call() override {
         try {
             _target->Call();
+        } catch (const abi::__forced_unwind&) {
+            throw;  // pthread_exit: the call ends with its deletion
         } catch (const std::exception& e) {
             _marshaller->OnException(e.what());
             return;

@@ -104,17 +104,25 @@ private:
     std::string _begun;
 };
 
-void RefuseLineFeed(const std::string& text, const char* what) {
-    if (text.find('\n') != std::string::npos) {
-        throw osa::Exception(std::string("IniFile: line feed in a ") + what);
+void Refuse(bool isWrong, const char* what) {
+    if (isWrong) {
+        throw osa::Exception(std::string("IniFile: ") + what);
     }
 }
 
+bool Contains(const std::string& text, char c) {
+    return text.find(c) != std::string::npos;
+}
+
+/// Refuses what would be read back as another line, another group or another key.
 void CheckGroup(const std::string& name, const IniFile::Group& group) {
-    RefuseLineFeed(name, "group name");
+    Refuse(Contains(name, '\n'), "line feed in a group name");
+    Refuse(Contains(name, ']'), "']' in a group name");
     for (const auto& [key, value] : group) {
-        RefuseLineFeed(key, "key");
-        RefuseLineFeed(value, "value");
+        Refuse(Contains(key, '\n'), "line feed in a key");
+        Refuse(Contains(key, '='), "'=' in a key");
+        Refuse(!key.empty() && key[0] == '[', "'[' at the start of a key");
+        Refuse(Contains(value, '\n'), "line feed in a value");
     }
 }
 
@@ -128,6 +136,54 @@ void WriteKeys(std::ostream& stream, const IniFile::Group& group) {
 void WriteGroup(std::ostream& stream, const std::string& name, const IniFile::Group& group) {
     stream << '[' << name << "]\n";
     WriteKeys(stream, group);
+}
+
+/// Opens a file for writing and brings `status` up to date. False for a pipe, a device or whatever else is
+/// not a file; opening one of these may wait, or have an effect, so they are recognised before.
+bool OpenFile(const std::string& path, struct stat& status, osa::UniqueFd& file) {
+    if (!S_ISREG(status.st_mode)) {
+        return false;
+    }
+    file = osa::UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+    return file.IsValid() && ::fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+enum class Replaced { kDone, kNotOpened, kNotWritten };
+
+/// Writes a new file that takes the place of the old one, if there is one. On failure errno is set.
+Replaced Replace(const std::string& target, const struct stat* old, const std::string& text) {
+    osa::FileReplacement replacement(target);
+    if (!replacement.Open(old != nullptr ? 0600 : 0666)) {
+        return Replaced::kNotOpened;
+    }
+    if (!osa::WriteAll(replacement.GetFd(), text) || (old != nullptr && !replacement.TakeOver(*old)) ||
+        !osa::Synchronise(replacement.GetFd())) {
+        return Replaced::kNotWritten;
+    }
+    if (!replacement.Commit()) {
+        return Replaced::kNotOpened;
+    }
+    return replacement.SynchroniseFolder() ? Replaced::kDone : Replaced::kNotWritten;
+}
+
+/// Whether a file that could not be replaced may well be written: its folder or its file system does not
+/// permit it, or another file system is mounted on it.
+bool IsOnlyIrreplaceable(int error) {
+    return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
+}
+
+/// Overwrites a file. The room is reserved first, so that a full disk leaves the old text. False with errno.
+bool WriteInPlace(int fd, off_t oldSize, const std::string& text) {
+    const auto size = static_cast<off_t>(text.size());
+    if (size > oldSize) {
+        const int error = ::posix_fallocate(fd, oldSize, size - oldSize);
+        if (error != 0) {
+            static_cast<void>(::ftruncate(fd, oldSize) == 0);
+            errno = error;
+            return false;
+        }
+    }
+    return osa::WriteAll(fd, text) && ::ftruncate(fd, size) == 0 && osa::Synchronise(fd);
 }
 
 [[noreturn]] void ThrowNotConverted(const std::string& key, const char* type) {
@@ -233,51 +289,24 @@ void IniFile::Save(const char* path) const {
     const std::string name = path != nullptr ? path : "";
     const std::string text = SaveToString();
     const std::string target = osa::FollowLinks(name);
-    const auto failToOpen = [&] { throw osa::Exception("Couldn't open file " + name + " for writing"); };
-    const auto failToWrite = [&] { throw osa::Exception("Couldn't write file " + name); };
 
-    // A file that may not be written is not to be replaced either. What is no plain file is written where it
-    // is.
+    // A file that may not be written is not replaced either.
     struct stat old {};
-    bool exists = false;
-    bool replaceable = true;
-    {
-        const osa::UniqueFd probe(::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-        exists = probe.IsValid();
-        if (!exists && errno != ENOENT && errno != ENXIO) {
-            failToOpen();
-        }
-        struct stat named {};
-        if (exists) {
-            replaceable = ::fstat(probe.Get(), &old) == 0 && S_ISREG(old.st_mode);
-        } else {
-            replaceable = ::lstat(target.c_str(), &named) != 0;
+    osa::UniqueFd file;
+    const bool exists = ::lstat(target.c_str(), &old) == 0;
+    Replaced result = Replaced::kNotOpened;
+    if (exists ? OpenFile(target, old, file) : errno == ENOENT) {
+        result = Replace(target, exists ? &old : nullptr, text);
+        if (result != Replaced::kDone && exists) {
+            const bool isDone = IsOnlyIrreplaceable(errno) && WriteInPlace(file.Get(), old.st_size, text);
+            result = isDone ? Replaced::kDone : Replaced::kNotWritten;
         }
     }
-    osa::FileReplacement replacement(target);
-    if (replaceable && replacement.Open(exists ? 0600 : 0666)) {
-        if (!osa::WriteAll(replacement.GetFd(), text)) {
-            failToWrite();
-        }
-        if (!exists || replacement.TakeOver(old)) {
-            if (!osa::Synchronise(replacement.GetFd())) {
-                failToWrite();
-            }
-            if (replacement.Commit()) {
-                if (!replacement.SynchroniseFolder()) {
-                    failToWrite();
-                }
-                return;
-            }
-        }
-        // It cannot be replaced: another file system is mounted on it.
+    if (result == Replaced::kNotOpened) {
+        throw osa::Exception("Couldn't open file " + name + " for writing");
     }
-    const osa::UniqueFd file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file.IsValid()) {
-        failToOpen();
-    }
-    if (!osa::WriteAll(file.Get(), text) || !osa::Synchronise(file.Get())) {
-        failToWrite();
+    if (result == Replaced::kNotWritten) {
+        throw osa::Exception("Couldn't write file " + name);
     }
 }
 

@@ -61,7 +61,7 @@ File OpenLocked(const char* path) {
         if (!file) {
             return file;
         }
-        // Not without limit: whoever may read the file can hold this lock for ever.
+        // Not without limit: any process that may read the file can hold this lock for ever.
         for (int i = 0; i < kLockLooks && ::flock(::fileno(file.get()), LOCK_EX | LOCK_NB) != 0; ++i) {
             ::poll(nullptr, 0, kLockPauseMs);
         }

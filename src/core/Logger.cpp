@@ -12,6 +12,7 @@
 #include "core/AppenderGuard.h"
 #include "core/CompositeAppenderBody.h"
 #include "core/LogRotate.h"
+#include "osa/CurrentThread.h"
 #include "zarip/core/CompositeAppender.h"
 #include "zarip/core/FileAppender.h"
 #include "zarip/core/IniFile.h"
@@ -19,7 +20,6 @@
 #include "zarip/core/StdoutAppender.h"
 #include "zarip/core/SyslogAppender.h"
 #include "zarip/osa/Exception.h"
-#include "zarip/osa/Thread.h"
 
 namespace zarip::core {
 
@@ -225,26 +225,18 @@ void Logger::LogMessage(LogLevel level, const char* format, ...) const {
 
 void Logger::LogMessageV(LogLevel level, const char* format, va_list args) const {
     const int savedErrno = errno;
-    const char* threadName = kUnknownThread;
-    try {
-        if (const osa::Thread* const thread = osa::Thread::CurrentThread::ThreadPtr()) {
-            threadName = thread->GetName().c_str();
-        }
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        threadName = kUnknownThread;
-    }
+    const char* const threadName = osa::CurrentThreadName();
     try {
         const ILogAppender* const appender = _appender.load(std::memory_order_acquire);
         AppenderGuard guard(appender);
         if (guard.MayRun()) {
-            appender->AppendV(level, threadName, _name.c_str(), format, args);
+            appender->AppendV(level, threadName != nullptr ? threadName : kUnknownThread, _name.c_str(),
+                              format, args);
         }
     } catch (const abi::__forced_unwind&) {
         throw;  // the thread is being cancelled: that cannot be dropped
     } catch (...) {
-        // Deliberate: whoever logs is not to fail because of it.
+        // Deliberate: a caller that logs must not fail because of it.
     }
     errno = savedErrno;
 }

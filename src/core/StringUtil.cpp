@@ -88,6 +88,21 @@ bool ParseNarrow(const std::string& text, Wide least, Wide greatest, Narrow& out
     return true;
 }
 
+/// Without the white space of the "C" locale.
+std::string_view TrimClassic(std::string_view text) {
+    constexpr const char* kSpaces = " \t\n\v\f\r";
+    const std::size_t first = text.find_first_not_of(kSpaces);
+    return first == std::string_view::npos ? std::string_view()
+                                           : text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
+}
+
+/// What a stream makes of a number that is too large, which fails, or too small, which is zero.
+bool ExtractOutOfRange(std::string_view number, double& out) {
+    std::istringstream stream{std::string(number)};
+    stream.imbue(std::locale::classic());
+    return static_cast<bool>(stream >> out);
+}
+
 }  // namespace
 
 bool StringUtil::StartsWith(const std::string& text, const std::string& prefix) {
@@ -287,10 +302,22 @@ bool StringUtil::TryParse(const std::string& text, unsigned char& out) {
 }
 
 bool StringUtil::TryParse(const std::string& text, double& out) {
-    std::istringstream stream(text);
-    stream.imbue(std::locale::classic());
+    std::string_view number = TrimClassic(text);
+    // from_chars knows the minus sign only, and "inf" and "nan", which a stream does not.
+    if (number.size() > 1 && number[0] == '+' && number[1] != '-') {
+        number.remove_prefix(1);
+    }
+    const std::size_t first = !number.empty() && number[0] == '-' ? 1 : 0;
+    if (first == number.size() || (number[first] != '.' && (number[first] < '0' || number[first] > '9'))) {
+        return false;
+    }
     double value = 0;
-    if (!(stream >> value) || !(stream >> std::ws).eof()) {
+    const char* const end = number.data() + number.size();
+    const auto result = std::from_chars(number.data(), end, value);
+    if (result.ptr != end || result.ec == std::errc::invalid_argument) {
+        return false;
+    }
+    if (result.ec == std::errc::result_out_of_range && !ExtractOutOfRange(number, value)) {
         return false;
     }
     out = value;

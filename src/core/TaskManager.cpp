@@ -1,6 +1,8 @@
 #include "zarip/core/TaskManager.h"
 
+#include <cxxabi.h>
 #include <sched.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -24,57 +26,108 @@ namespace {
 constexpr int kMaxCount = 500;
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
-/// A clock that jumps changes what a wait is for; so nobody waits longer without looking at it.
+/// A clock that jumps changes how long a wait has to be, so no wait is longer without a look at the clock.
 constexpr long long kLookAgainMs = 1'000;
 
-/// Microseconds of the time source; `kNever` lies behind all that it can tell.
+/// Microseconds of the time source. `kLatest` is the last that a `TimeStruct` can express; `kNever` is later
+/// than every time of a task.
 using Microseconds = long long;
+constexpr Microseconds kLatest = 4'294'967'295'999'999;
 constexpr Microseconds kNever = 0x7FFFFFFFFFFFFFFFLL;
 
 Microseconds ToMicroseconds(const osa::TimeStruct& time) {
     return static_cast<Microseconds>(time.seconds) * 1'000'000 + time.microseconds;
 }
 
-/// The tasks and their due times. *One thread at a time.*
+/// The monotonic clock as it was at the system's last tick, at a quarter of the cost of the exact time. It is
+/// late by less than `GetTicks`, unless the processor that counts the ticks of a virtual machine is
+/// suspended.
+Microseconds LastTick() {
+    timespec tick{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
+    return static_cast<Microseconds>(tick.tv_sec) * 1'000'000 + tick.tv_nsec / 1'000;
+}
+
+/// Two ticks, since one may be overdue.
+Microseconds GetTicks() {
+    static const Microseconds ticks = [] {
+        timespec resolution{};
+        ::clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
+        return static_cast<Microseconds>(resolution.tv_nsec / 1'000) * 2;
+    }();
+    return ticks;
+}
+
+/// A task with a delay that is due this soon makes the exact time necessary.
+constexpr Microseconds kSoon = 100'000;
+
+/// The time after `delay`; throws for one that a `TimeStruct` cannot express.
+Microseconds After(Microseconds now, Microseconds delay) {
+    if (delay > kLatest - now || delay < -now) {
+        throw osa::Exception("Invalid parameter");
+    }
+    return now + delay;
+}
+
+/// The tasks in the order of their due times, and among those due at the same time in the order in which they
+/// were queued. *One thread at a time.*
 ///
-/// Tasks mostly come in the order of their due times; those stand in a list, and only the others go through
-/// the heap.
+/// Tasks without a delay are queued in that order anyway, so they wait in a list; all others wait in a heap.
+/// Of the first items of the two, the one that comes first in the order is the next task.
 class DueQueue {
 public:
     DueQueue() = default;
     DueQueue(const DueQueue&) = delete;
     DueQueue& operator=(const DueQueue&) = delete;
     ~DueQueue() {
-        Delete(_inOrder);
-        Delete(_heap);
+        for (const Item& item : _list) {
+            delete item.task;
+        }
+        for (const Item& item : _heap) {
+            delete item.task;
+        }
     }
 
-    bool IsEmpty() const { return _inOrder.empty() && _heap.empty(); }
-    std::size_t GetSize() const { return _inOrder.size() + _heap.size(); }
+    bool IsEmpty() const { return _list.empty() && _heap.empty(); }
+    std::size_t GetSize() const { return _list.size() + _heap.size(); }
 
-    /// The due time of the task that comes first; the queue must not be empty.
-    Microseconds GetNextDue() const {
-        if (_inOrder.empty()) {
-            return _heap.front().due;
-        }
-        return _heap.empty() ? _inOrder.front().due : std::min(_inOrder.front().due, _heap.front().due);
+    /// The due time of the next task; the queue must not be empty.
+    Microseconds GetNextDue() const { return IsNextInList() ? _list.front().due : _heap.front().due; }
+
+    void PushDelayed(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
+        const Item item{due, _pushed++, task.get()};
+        _heap.push_back(item);
+        static_cast<void>(task.release());
+        Rise(_heap.size() - 1, item);
     }
 
-    void Push(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
-        const Item item{due, task.get()};
-        if (_inOrder.empty() || _inOrder.back().due <= due) {
-            _inOrder.push_back(item);
-        } else {
-            _heap.push_back(item);
-            std::push_heap(_heap.begin(), _heap.end());
-        }
+    /// For a task without a delay. Its due time must not be before those of the others in the list.
+    void PushInOrder(Microseconds due, std::unique_ptr<IVoidDelegate0> task) {
+        _list.push_back({due, _pushed++, task.get()});
         static_cast<void>(task.release());
     }
 
+    /// The latest due time in the list, 0 if it is empty.
+    Microseconds GetLastInList() const { return _list.empty() ? 0 : _list.back().due; }
+
+    /// Whether a task with a delay is due by `time`.
+    bool HasDelayed(Microseconds time) const { return !_heap.empty() && _heap.front().due <= time; }
+
+    /// Sets the due times in the list to the latest that they may be: `margin` later, but not after `now`.
+    void Postpone(Microseconds margin, Microseconds now) {
+        for (auto item = _list.rbegin(); item != _list.rend() && item->number >= _firstEarly; ++item) {
+            item->due = std::min(item->due + margin, now);
+        }
+        _firstEarly = _pushed;
+    }
+
     std::unique_ptr<IVoidDelegate0> TakeNext() {
-        if (!_inOrder.empty() && (_heap.empty() || _inOrder.front().due <= _heap.front().due)) {
-            std::unique_ptr<IVoidDelegate0> task(_inOrder.front().task);
-            _inOrder.pop_front();
+        if (IsNextInList()) {
+            std::unique_ptr<IVoidDelegate0> task(_list.front().task);
+            _list.pop_front();
+            if (!_list.empty()) {
+                __builtin_prefetch(_list.front().task);  // in a long queue it has left the cache by now
+            }
             return task;
         }
         std::unique_ptr<IVoidDelegate0> task(_heap.front().task);
@@ -82,61 +135,93 @@ public:
         return task;
     }
 
-    /// Takes out what is bound to `target`.
+    /// Takes out the tasks that are bound to `target`; nothing changes if this throws.
     std::vector<std::unique_ptr<IVoidDelegate0>> Remove(const void* target) {
-        std::vector<std::unique_ptr<IVoidDelegate0>> removed;
-        removed.reserve(GetSize());
-        const auto takes = [target, &removed](const Item& item) {
-            if (!item.task->Matches(target)) {
-                return false;
-            }
-            removed.emplace_back(item.task);
-            return true;
-        };
-        _inOrder.erase(std::remove_if(_inOrder.begin(), _inOrder.end(), takes), _inOrder.end());
-        _heap.erase(std::remove_if(_heap.begin(), _heap.end(), takes), _heap.end());
-        std::make_heap(_heap.begin(), _heap.end());
+        std::deque<Item> list;
+        std::vector<Item> heap;
+        std::vector<IVoidDelegate0*> bound;
+        for (const Item& item : _list) {
+            item.task->Matches(target) ? bound.push_back(item.task) : list.push_back(item);
+        }
+        for (const Item& item : _heap) {
+            item.task->Matches(target) ? bound.push_back(item.task) : heap.push_back(item);
+        }
+        std::vector<std::unique_ptr<IVoidDelegate0>> removed(bound.size());
+        _list.swap(list);
+        _heap.swap(heap);
+        std::sort(_heap.begin(), _heap.end(), IsBefore);
+        for (std::size_t i = 0; i < bound.size(); ++i) {
+            removed[i].reset(bound[i]);
+        }
         return removed;
     }
 
 private:
-    /// A plain pointer, *owned* by the queue: the heap moves items all the time.
+    /// The queue owns the task. A plain pointer, because the heap moves items all the time.
     struct Item {
         Microseconds due;
+        unsigned long long number;
         IVoidDelegate0* task;
-
-        /// Reversed: the top of the heap is the task that is due soonest.
-        friend bool operator<(const Item& a, const Item& b) { return b.due < a.due; }
     };
 
-    template <class Items>
-    static void Delete(const Items& items) {
-        for (const Item& item : items) {
-            delete item.task;
-        }
+    static bool IsBefore(const Item& a, const Item& b) {
+        return __builtin_expect(a.due == b.due, 0) ? a.number < b.number : a.due < b.due;
     }
 
-    /// Like std::pop_heap, but the choice between two children is no jump that the CPU has to guess: the gap
-    /// at the top sinks to the bottom, and the last item rises from there.
+    bool IsNextInList() const {
+        return !_list.empty() && (_heap.empty() || IsBefore(_list.front(), _heap.front()));
+    }
+
+    /// Puts an item into the gap, or as far above it as it belongs.
+    void Rise(std::size_t gap, const Item& item) {
+        while (gap > 0) {
+            const std::size_t parent = (gap - 1) / kChildren;
+            if (!IsBefore(item, _heap[parent])) {
+                break;
+            }
+            _heap[gap] = _heap[parent];
+            gap = parent;
+        }
+        _heap[gap] = item;
+    }
+
+    std::size_t GetEarlier(std::size_t a, std::size_t b) const {
+        return IsBefore(_heap[b], _heap[a]) ? b : a;
+    }
+
+    /// Takes the first item out: the gap at the top sinks to the bottom, and the last item rises from there.
     void PopHeap() {
         const Item last = _heap.back();
         _heap.pop_back();
         const std::size_t size = _heap.size();
-        if (size == 0) {
-            return;
-        }
         std::size_t gap = 0;
-        for (std::size_t child = 1; child < size; child = 2 * gap + 1) {
-            child += static_cast<std::size_t>(child + 1 < size && _heap[child + 1].due < _heap[child].due);
-            _heap[gap] = _heap[child];
-            gap = child;
+        std::size_t child = 1;
+        for (; child + kChildren <= size; child = kChildren * gap + 1) {
+            const std::size_t earliest =
+                GetEarlier(GetEarlier(child, child + 1), GetEarlier(child + 2, child + 3));
+            _heap[gap] = _heap[earliest];
+            gap = earliest;
         }
-        _heap[gap] = last;
-        std::push_heap(_heap.begin(), _heap.begin() + static_cast<std::ptrdiff_t>(gap) + 1);
+        if (child < size) {
+            std::size_t earliest = child;
+            while (++child < size) {
+                earliest = GetEarlier(earliest, child);
+            }
+            _heap[gap] = _heap[earliest];
+            gap = earliest;
+        }
+        if (size > 0) {
+            Rise(gap, last);
+        }
     }
 
-    std::deque<Item> _inOrder;
+    /// Four keep the heap flat, so that fewer items are looked at that are not in the processor's cache.
+    static constexpr std::size_t kChildren = 4;
+
+    std::deque<Item> _list;
     std::vector<Item> _heap;
+    unsigned long long _pushed = 0;
+    unsigned long long _firstEarly = 0;  ///< items from this number on were not postponed yet
 };
 
 /// Rounded up: a wait must not end before its time.
@@ -148,8 +233,9 @@ long long ToMilliseconds(Microseconds duration) {
 
 void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 
-/// `_mutex` guards the queue and who waits. A task that is queued while somebody waits releases `_wakeUp`,
-/// but not more often than there are those who wait: a burst of tasks wakes a worker once.
+/// `_mutex` guards the queue and the numbers of waiting threads. A task that is queued while a thread waits
+/// releases `_wakeUp`, but not more often than there are threads that wait: a burst of tasks wakes a worker
+/// once.
 class ZARIP_HIDDEN TaskManager::TaskManagerImpl {
 public:
     /// @param isMonotonic  whether the time source never goes back.
@@ -166,11 +252,31 @@ public:
     bool WaitAndExecute(int timeoutMs);
 
 private:
-    osa::TimeStruct Now() const {
+    Microseconds Now() const {
         osa::TimeStruct now;
         _timeSource->GetTime(now);
-        return now;
+        return ToMicroseconds(now);
     }
+
+    /// One call of `WaitAndExecute`.
+    struct Call {
+        explicit Call(int milliseconds) : timeoutMs(milliseconds) {}
+
+        const int timeoutMs;
+        Microseconds target = kNever;  ///< when the wait ends
+        bool hasYielded = false;
+        bool hasSlept = false;
+        bool wasWoken = false;     ///< out of that sleep
+        bool isLastSleep = false;  ///< the sleep lasts until `target`
+        unsigned int sleepMs = 0;
+        std::unique_ptr<IVoidDelegate0> task;
+    };
+    enum class Step { kRunTask, kGiveUp, kYield, kSleep };
+    Step GetNextStep(Call& call);
+
+    void Push(Microseconds due, Microseconds delay, std::unique_ptr<IVoidDelegate0> task)
+        ZARIP_REQUIRES(_mutex);
+    void PushUndelayed(Microseconds lastTick, std::unique_ptr<IVoidDelegate0> task) ZARIP_REQUIRES(_mutex);
     bool IsDue() ZARIP_REQUIRES(_mutex);
     void Run(IVoidDelegate0& task) const;
 
@@ -183,22 +289,28 @@ private:
     osa::Semaphore _wakeUp;
     int _maxCount;
     DueQueue _queue ZARIP_GUARDED_BY(_mutex);
-    Microseconds _lastNow ZARIP_GUARDED_BY(_mutex) = 0;
+    Microseconds _lastNow ZARIP_GUARDED_BY(_mutex) = 0;  ///< the latest time read by any thread
     int _waiting ZARIP_GUARDED_BY(_mutex) = 0;
-    int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that nobody has taken yet
+    int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that no thread has taken yet
 };
 
 void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
                                          bool evenIfFull) {
-    osa::TimeStruct due = Now();
-    due += delay.GetTotalMicroseconds();
+    const Microseconds wait = delay.GetTotalMicroseconds();
+    // The task that ends a pool comes after all that are due, so it needs the exact time.
+    const bool isUndelayed = wait == 0 && _isMonotonic && !evenIfFull;
+    const Microseconds due = isUndelayed ? LastTick() : After(Now(), wait);
     bool wakes = false;
     {
         const osa::MutexAutoLock lock(&_mutex);
         if (!evenIfFull && static_cast<long long>(_queue.GetSize()) >= _maxCount) {
             throw osa::Exception("maxCount was reached");
         }
-        _queue.Push(ToMicroseconds(due), std::move(task));
+        if (isUndelayed) {
+            PushUndelayed(due, std::move(task));
+        } else {
+            Push(due, wait, std::move(task));
+        }
         // More units than tasks that may wait would find nothing to do, and no room in `_wakeUp`.
         wakes = _woken < std::min(_waiting, _maxWoken);
         _woken += wakes ? 1 : 0;
@@ -206,6 +318,28 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     if (wakes) {
         _wakeUp.Release();
     }
+}
+
+void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
+                                        std::unique_ptr<IVoidDelegate0> task) {
+    if (delay == 0 && due >= _queue.GetLastInList()) {
+        _queue.PushInOrder(due, std::move(task));
+        return;
+    }
+    if (delay < 0 && _isMonotonic) {
+        _queue.Postpone(GetTicks(), due - delay);
+    }
+    _queue.PushDelayed(due, std::move(task));
+}
+
+/// The due time is the time of the last tick, unless a task with a delay is due so soon that only the exact
+/// time tells which of the two comes first.
+void TaskManager::TaskManagerImpl::PushUndelayed(Microseconds lastTick,
+                                                 std::unique_ptr<IVoidDelegate0> task) {
+    const Microseconds now = _queue.HasDelayed(lastTick + kSoon) ? Now() : lastTick;
+    const Microseconds due = std::max(now, _queue.GetLastInList());
+    _lastNow = std::max(_lastNow, due);
+    _queue.PushInOrder(due, std::move(task));
 }
 
 void TaskManager::TaskManagerImpl::Dequeue(void* target) {
@@ -218,6 +352,8 @@ void TaskManager::TaskManagerImpl::Dequeue(void* target) {
 void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
     try {
         task.Call();
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit ends the thread
     } catch (const std::exception& e) {
         _logger->Error("Exception running task: %s", e.what());
     } catch (...) {
@@ -231,65 +367,69 @@ bool TaskManager::TaskManagerImpl::IsDue() {
         return false;
     }
     if (!_isMonotonic || _queue.GetNextDue() > _lastNow) {
-        _lastNow = ToMicroseconds(Now());
+        _lastNow = Now();
     }
     return _queue.GetNextDue() <= _lastNow;
 }
 
-bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
-    Microseconds target = kNever;
-    if (timeoutMs > 0) {
-        target = ToMicroseconds(Now()) + static_cast<Microseconds>(timeoutMs) * 1'000;
+TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Call& call) {
+    const osa::MutexAutoLock lock(&_mutex);
+    if (std::exchange(call.hasSlept, false)) {
+        --_waiting;
+        _woken -= call.wasWoken ? 1 : 0;
+        if (!call.wasWoken && (call.isLastSleep || Now() >= call.target)) {
+            return Step::kGiveUp;
+        }
     }
-    bool hasYielded = false;
-    bool hasWaited = false;
-    bool woken = false;
-    bool isLast = false;
+    if (IsDue()) {
+        call.task = _queue.TakeNext();
+        return Step::kRunTask;
+    }
+    if (call.timeoutMs == 0) {
+        return Step::kGiveUp;
+    }
+    if (_queue.IsEmpty() && !std::exchange(call.hasYielded, true)) {
+        return Step::kYield;
+    }
+    if (!_queue.IsEmpty()) {
+        call.target = std::min(call.target, _queue.GetNextDue());
+    }
+    call.isLastSleep = false;
+    call.sleepMs = kNoLimit;
+    if (call.target != kNever) {
+        const long long wait = ToMilliseconds(call.target - Now());
+        if (wait < 0) {
+            return Step::kGiveUp;
+        }
+        call.isLastSleep = wait <= kLookAgainMs;
+        call.sleepMs = static_cast<unsigned int>(std::min(wait, kLookAgainMs));
+    }
+    call.hasSlept = true;
+    ++_waiting;
+    return Step::kSleep;
+}
+
+bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
+    Call call(timeoutMs);
+    if (timeoutMs > 0) {
+        call.target = Now() + static_cast<Microseconds>(timeoutMs) * 1'000;
+    }
     for (;;) {
-        std::unique_ptr<IVoidDelegate0> task;
-        bool yields = false;
-        long long wait = 0;
-        {
-            const osa::MutexAutoLock lock(&_mutex);
-            if (hasWaited) {
-                hasWaited = false;
-                --_waiting;
-                _woken -= woken ? 1 : 0;
-                if (!woken && (isLast || ToMicroseconds(Now()) >= target)) {
-                    return false;
-                }
-            }
-            if (IsDue()) {
-                task = _queue.TakeNext();
-            } else if (timeoutMs == 0) {
+        switch (GetNextStep(call)) {
+            case Step::kRunTask:
+                Run(*call.task);
+                return true;
+            case Step::kGiveUp:
                 return false;
-            } else if (_queue.IsEmpty() && !hasYielded) {
-                yields = true;
-            } else {
-                if (!_queue.IsEmpty()) {
-                    target = std::min(target, _queue.GetNextDue());
-                }
-                wait = target == kNever ? kNever : ToMilliseconds(target - ToMicroseconds(Now()));
-                if (wait < 0) {
-                    return false;
-                }
-                ++_waiting;
-            }
+            case Step::kYield:
+                // The thread that queued the last task may be about to queue more. If it does so now, it need
+                // not wake this one.
+                ::sched_yield();
+                break;
+            case Step::kSleep:
+                call.wasWoken = _wakeUp.TryLock(call.sleepMs);
+                break;
         }
-        if (task) {
-            Run(*task);
-            return true;
-        }
-        if (yields) {
-            // Whoever queued the last task may be about to queue more, and need not wake us for them.
-            ::sched_yield();
-            hasYielded = true;
-            continue;
-        }
-        isLast = wait <= kLookAgainMs;
-        woken = _wakeUp.TryLock(wait == kNever ? kNoLimit
-                                               : static_cast<unsigned int>(std::min(wait, kLookAgainMs)));
-        hasWaited = true;
     }
 }
 

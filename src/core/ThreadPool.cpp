@@ -19,6 +19,9 @@ constexpr unsigned int kStackSize = 32'768;
 /// Shared with the worker while it runs, so that a task may destroy the pool.
 class ZARIP_HIDDEN ThreadPool::ThreadPoolImpl final : public osa::Runnable {
 public:
+    ThreadPoolImpl() = default;
+    explicit ThreadPoolImpl(int maxCount) : _tasks(maxCount) {}
+
     void Start(std::shared_ptr<ThreadPoolImpl> self) {
         _self = std::move(self);
         _logger->Debug("Spawning thread");
@@ -37,7 +40,7 @@ public:
         }
     }
 
-    /// Has the worker end behind what is due by now; that cannot be refused, however full the queue is.
+    /// Queues the task that ends the worker, after those that are due by now. A full queue takes it, too.
     void Stop() override { _tasks.QueueEvenIfFull(MakeDelegate(this, &ThreadPoolImpl::SetStopFlag)); }
 
     void SetStopFlag() { _stop = true; }
@@ -50,6 +53,10 @@ public:
 };
 
 ThreadPool::ThreadPool() : _impl(std::make_shared<ThreadPoolImpl>()) {
+    _impl->Start(_impl);
+}
+
+ThreadPool::ThreadPool(int maxCount) : _impl(std::make_shared<ThreadPoolImpl>(maxCount)) {
     _impl->Start(_impl);
 }
 

@@ -1,10 +1,16 @@
 #include "osa/FileReplacement.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/file.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 
 #include "osa/FileCalls.h"
 
@@ -14,9 +20,60 @@ namespace {
 
 constexpr int kMaxLinks = 40;
 
+constexpr time_t kMaxLinkAge = 60;
+
 /// With its slash; empty for a name in the current folder.
 std::string FolderOf(const std::string& path) {
     return path.substr(0, path.rfind('/') + 1);
+}
+
+/// For a file just made: false with EEXIST if another writer was quicker and takes it for abandoned.
+bool Lock(int fd) {
+    struct stat status {};
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            return true;  // a file system without locks: nobody takes the file for abandoned
+        }
+    } else if (::fstat(fd, &status) != 0 || status.st_nlink != 0) {
+        return true;
+    }
+    errno = EEXIST;
+    return false;
+}
+
+/// Whether the file of that name is one that its writer does not lock, so that the writer was killed. A link
+/// cannot be locked, but it exists only for a moment, so its age tells. `file` holds the lock afterwards.
+bool IsAbandoned(int folder, const char* name, UniqueFd& file) {
+    struct stat named {};
+    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    if (S_ISLNK(named.st_mode)) {
+        return std::abs(::time(nullptr) - named.st_mtime) > kMaxLinkAge;
+    }
+    file = UniqueFd(::openat(folder, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    return S_ISREG(named.st_mode) && file.IsValid() && ::flock(file.Get(), LOCK_EX | LOCK_NB) == 0 &&
+           ::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && ::fstat(file.Get(), &status) == 0 &&
+           status.st_ino == named.st_ino && status.st_dev == named.st_dev;
+}
+
+void RemoveAbandoned(const std::string& folder) {
+    struct CloseFolder {
+        void operator()(DIR* opened) const { ::closedir(opened); }
+    };
+    const std::unique_ptr<DIR, CloseFolder> opened(::opendir(folder.empty() ? "." : folder.c_str()));
+    if (!opened) {
+        return;  // one that may be written but not read
+    }
+    const int fd = ::dirfd(opened.get());
+    while (const dirent* const entry = ::readdir(opened.get())) {
+        UniqueFd file;
+        if (::fnmatch(".zarip-[0-9]*-[0-9]*.tmp", entry->d_name, 0) == 0 &&
+            IsAbandoned(fd, entry->d_name, file)) {
+            ::unlinkat(fd, entry->d_name, 0);
+        }
+    }
 }
 
 }  // namespace
@@ -27,7 +84,7 @@ std::string FollowLinks(const std::string& path) {
         char target[4096];
         const ssize_t length = ::readlink(result.c_str(), target, sizeof target);
         if (length < 0) {
-            return result;  // no link, nothing there, or the caller will fail there, too
+            return result;  // not a link, nothing there, or the caller will fail there, too
         }
         const std::string name(target, static_cast<std::size_t>(length));
         result = name[0] == '/' ? name : FolderOf(result) + name;
@@ -61,9 +118,10 @@ bool FileReplacement::MakeTemporary(Make make) {
 }
 
 bool FileReplacement::Open(mode_t mode) {
+    RemoveAbandoned(_folder);
     return MakeTemporary([&](const char* path) {
         _file = UniqueFd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
-        return _file.IsValid();
+        return _file.IsValid() && Lock(_file.Get());
     });
 }
 

@@ -12,16 +12,22 @@ namespace zarip::osa {
 /// circles stays as it is.
 std::string FollowLinks(const std::string& path);
 
-/// A file that is made beside another and then takes its place in one step; unless it has, it is removed
+/// A file that is made beside another one and then takes its place in one step. If it does not, it is removed
 /// again. *One thread at a time.* Operations return false with errno.
+///
+/// It is named ".zarip-<process>-<number>.tmp" and locked (flock) for as long as it is open. If its writer is
+/// killed, the lock ends and the file stays; the next writer in that folder removes such files. A process id
+/// in the name would not do for that: the system gives it to other processes, and another container has its
+/// own ids.
 class FileReplacement {
 public:
-    /// @param target  no symbolic link, or that itself is replaced.
+    /// @param target  not a symbolic link: that would itself be replaced.
     explicit FileReplacement(const std::string& target);
     FileReplacement(const FileReplacement&) = delete;
     FileReplacement& operator=(const FileReplacement&) = delete;
     ~FileReplacement();
 
+    /// Makes the file, after those of killed writers were removed.
     bool Open(mode_t mode);
 
     /// Makes a symbolic link instead of a file.
@@ -32,17 +38,18 @@ public:
     /// Takes over owner and group as far as that is allowed.
     Taken TakeOwner(const struct stat& old);
 
-    /// Takes over mode, owner and group, as far as nobody gets a right by it that he had not. After writing,
+    /// Takes over mode, owner and group, as far as this gives nobody more rights. To be called after writing,
     /// by which a file loses the set-id bits.
     bool TakeOver(const struct stat& old);
 
     /// To write, and to synchronise: what takes a place has to be on the disk before.
     int GetFd() const { return _file.Get(); }
 
-    /// False also where the target cannot be replaced (another file system is mounted on it).
+    /// False also if the target cannot be replaced (another file system is mounted on it).
     bool Commit();
 
-    /// After `Commit`: only then the disk keeps it in its place. It is there also when this fails.
+    /// To be called after `Commit`: only then the disk keeps the file in its place. It is in its place also
+    /// if this fails.
     bool SynchroniseFolder() const;
 
 private:

@@ -5,24 +5,14 @@
 
 namespace zarip::osa {
 
-namespace {
-
-/// Never destroyed: threads that are still alive at exit may count.
-Mutex& InterlockedMutex() {
-    static Mutex* const mutex = new Mutex("InterlockedMutex");
-    return *mutex;
-}
-
-}  // namespace
-
+// Deliberate: no mutex. A child would inherit one that another thread of its parent held at the fork, and
+// wait for ever.
 int Interlocked::Increment(int& value) {
-    const MutexAutoLock lock(&InterlockedMutex());
-    return ++value;
+    return __atomic_add_fetch(&value, 1, __ATOMIC_SEQ_CST);
 }
 
 int Interlocked::Decrement(int& value) {
-    const MutexAutoLock lock(&InterlockedMutex());
-    return --value;
+    return __atomic_sub_fetch(&value, 1, __ATOMIC_SEQ_CST);
 }
 
 InterlockedObj::InterlockedObj() : _mutex("InterlockedObj") {}

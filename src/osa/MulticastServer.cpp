@@ -1,5 +1,7 @@
 #include "zarip/osa/MulticastServer.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -95,6 +97,9 @@ void MulticastServer::Run() {
             FireOnStartEvents();
             _impl->Loop(Impl::Failures::kThrow);
             return;
+        } catch (const abi::__forced_unwind&) {
+            _impl->_running = false;
+            throw;  // pthread_exit ends the thread
         } catch (const std::exception& e) {
             _multicast->_logger.Error("Failed to start MulticastServer, reason: %s", e.what());
         } catch (...) {
@@ -117,6 +122,8 @@ void MulticastServer::Run() {
     }
     try {
         FireOnErrorEvents();
+    } catch (const abi::__forced_unwind&) {
+        throw;
     } catch (const std::exception& e) {
         _multicast->_logger.Error("Caught exception telling of the failure: %s", e.what());
     } catch (...) {

@@ -16,11 +16,6 @@
 
 namespace zarip::osa {
 
-struct Mutex::Context {
-    const char* name;
-    pthread_mutex_t mutex;
-};
-
 namespace {
 
 struct LockRow {
@@ -29,7 +24,7 @@ struct LockRow {
     LockException::LockError code;
 };
 
-// Searched from the top; the last row stands for any other result.
+// Searched from the top; the last row is for any other result.
 constexpr LockRow kLockRows[] = {
     {EAGAIN, "Max recursions reached", LockException::LockFailed},
     {EBUSY, "Timeout", LockException::LockTimeout},
@@ -84,7 +79,9 @@ int LockFor(pthread_mutex_t* mutex, unsigned int timeoutMs) {
     if (timeoutMs == 0) {
         return ::pthread_mutex_trylock(mutex);
     }
-    return LockUntil(mutex, Deadline(timeoutMs));
+    // Mostly it is free; then the clock need not be read.
+    const int result = ::pthread_mutex_trylock(mutex);
+    return result == EBUSY ? LockUntil(mutex, Deadline(timeoutMs)) : result;
 }
 
 bool TryResult(int result) {
@@ -98,6 +95,10 @@ bool TryResult(int result) {
 }
 
 }  // namespace
+
+void Mutex::ThrowLockFailure(int result) {
+    Throw(kLockRows, result);
+}
 
 Mutex::Mutex(const char* name) : _context(std::make_unique<Context>()) {
     _context->name = name != nullptr ? name : "(unknown)";

@@ -1,3 +1,4 @@
+#define ZARIP_MUTEX_AUTO_LOCK_INLINE
 #include "zarip/osa/MutexAutoLock.h"
 
 #include <cstdio>
@@ -15,14 +16,8 @@ MutexAutoLock::MutexAutoLock(Mutex* mutex, unsigned int timeoutMs,
     }
 }
 
-MutexAutoLock::~MutexAutoLock() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    if (_locked && _mutex != nullptr) {
-        try {
-            _mutex->Release();
-        } catch (...) {
-            std::fputs("Error: MutexAutoLock::~MutexAutoLock", stdout);
-        }
-    }
+void MutexAutoLock::ReportFailedRelease() {
+    std::fputs("Error: MutexAutoLock::~MutexAutoLock", stdout);
 }
 
 }  // namespace zarip::osa

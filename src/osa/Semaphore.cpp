@@ -4,7 +4,6 @@
 #include <time.h>
 
 #include <atomic>
-#include <optional>
 #include <string>
 
 #include "osa/Deadline.h"
@@ -12,7 +11,11 @@
 
 namespace zarip::osa {
 
-struct Semaphore::Context {
+struct ZARIP_HIDDEN Semaphore::Context {
+    bool Take(unsigned int timeoutMs);
+    bool Wait(unsigned int timeoutMs);
+    void UnlockAndSignal();
+
     const char* name;
     pthread_mutex_t mutex;
     pthread_cond_t available;
@@ -20,26 +23,29 @@ struct Semaphore::Context {
     int count;
     int maxCount;
     int waiters;
-    std::atomic<int> signalling{0};  ///< those in `Release` who still have to signal `available`
+    std::atomic<int> signalling{0};  ///< threads in `Release` that still have to signal `available`
 };
 
 namespace {
 
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
-void LockRecord(pthread_mutex_t* mutex) {
+// Out of line, so that the functions that throw them stay small.
+[[noreturn, gnu::cold, gnu::noinline]] void Throw(const char* text, LockException::LockError error) {
+    throw LockException(text, error);
+}
+
+inline void LockRecord(pthread_mutex_t* mutex) {
     if (__builtin_expect(::pthread_mutex_lock(mutex) != 0, 0)) {
-        throw LockException("pthread_mutex_lock failed", LockException::LockFailed);
+        Throw("pthread_mutex_lock failed", LockException::LockFailed);
     }
 }
 
-/// A waiter, which holds the lock except while it sleeps: a clock that cannot be read ends the wait.
+/// A thread that waits, with the lock. The wait may end by an exception (a clock that cannot be read) or by
+/// the thread being cancelled; the lock is held then, too.
 class Waiter {
 public:
-    Waiter(pthread_mutex_t* mutex, int& waiters) : _mutex(mutex), _waiters(waiters) {
-        LockRecord(_mutex);
-        ++_waiters;
-    }
+    Waiter(pthread_mutex_t* mutex, int& waiters) : _mutex(mutex), _waiters(waiters) { ++_waiters; }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
     ~Waiter() {
@@ -78,63 +84,84 @@ Semaphore::~Semaphore() {
     ::pthread_mutex_destroy(&_context->mutex);
 }
 
-bool Semaphore::TryLock(unsigned int timeoutMs) {
-    Context* context = _context.get();
-    if (context == nullptr) {
-        throw LockException("_context was NULL", LockException::LockInvalid);
-    }
-    // Taken before the lock: time spent waiting for the lock is part of the time-out.
-    std::optional<Deadline> deadline;
-    if (timeoutMs != 0 && timeoutMs != kNoLimit) {
-        deadline.emplace(timeoutMs);
-    }
-    const Waiter waiter(&context->mutex, context->waiters);
-    while (context->count <= 0) {
-        if (timeoutMs == kNoLimit) {
-            ::pthread_cond_wait(&context->available, &context->mutex);
-        } else if (!deadline || deadline->HasPassed()) {
-            break;
-        } else {
-            const timespec look = deadline->NextLook();
-            ::pthread_cond_clockwait(&context->available, &context->mutex, Deadline::kLookClock, &look);
+/// Called with the lock, which it gives back. Waits for a unit and takes it.
+[[gnu::noinline]] bool Semaphore::Context::Wait(unsigned int timeoutMs) {
+    const Waiter waiter(&mutex, waiters);
+    if (timeoutMs == kNoLimit) {
+        while (count <= 0) {
+            ::pthread_cond_wait(&available, &mutex);
+        }
+    } else {
+        const Deadline deadline(timeoutMs);
+        while (count <= 0 && !deadline.HasPassed()) {
+            const timespec look = deadline.NextLook();
+            ::pthread_cond_clockwait(&available, &mutex, Deadline::kLookClock, &look);
+        }
+        if (count <= 0) {
+            return false;
         }
     }
-    if (context->count <= 0) {
-        return false;
-    }
-    --context->count;
+    --count;
     return true;
 }
 
+/// Called with the lock, which it gives back: a woken thread that runs at once, on one CPU, would only find
+/// it taken. A waiter that takes the unit may destroy the semaphore meanwhile; its destructor waits.
+[[gnu::noinline]] void Semaphore::Context::UnlockAndSignal() {
+    signalling.fetch_add(1, std::memory_order_relaxed);
+    ::pthread_mutex_unlock(&mutex);
+    ::pthread_cond_signal(&available);
+    signalling.fetch_sub(1, std::memory_order_release);
+}
+
+inline bool Semaphore::Context::Take(unsigned int timeoutMs) {
+    LockRecord(&mutex);
+    // Mostly there is a unit; then the clock need not be read.
+    if (__builtin_expect(count <= 0, 0)) {
+        if (timeoutMs != 0) {
+            return Wait(timeoutMs);
+        }
+        ::pthread_mutex_unlock(&mutex);
+        return false;
+    }
+    --count;
+    ::pthread_mutex_unlock(&mutex);
+    return true;
+}
+
+bool Semaphore::TryLock(unsigned int timeoutMs) {
+    if (_context == nullptr) {
+        Throw("_context was NULL", LockException::LockInvalid);
+    }
+    return _context->Take(timeoutMs);
+}
+
 void Semaphore::Lock(unsigned int timeoutMs) {
-    if (!TryLock(timeoutMs)) {
-        throw LockException("Semaphore::Lock timeout after " + std::to_string(timeoutMs) + "ms",
-                            LockException::LockTimeout);
+    if (_context == nullptr) {
+        Throw("_context was NULL", LockException::LockInvalid);
+    }
+    if (!_context->Take(timeoutMs)) {
+        Throw(("Semaphore::Lock timeout after " + std::to_string(timeoutMs) + "ms").c_str(),
+              LockException::LockTimeout);
     }
 }
 
 void Semaphore::Release() {
-    Context* context = _context.get();
+    Context* const context = _context.get();
     if (context != nullptr) {
         LockRecord(&context->mutex);
-        if (context->count < context->maxCount) {
+        if (__builtin_expect(context->count < context->maxCount, 1)) {
             ++context->count;
-            const bool wakes = context->waiters > 0;
-            if (wakes) {
-                context->signalling.fetch_add(1, std::memory_order_relaxed);
-            }
-            ::pthread_mutex_unlock(&context->mutex);
-            // Signalled without the lock: on one CPU the waiter runs at once and would only find it taken.
-            // A waiter that takes this unit may destroy the semaphore meanwhile; its destructor waits.
-            if (wakes) {
-                ::pthread_cond_signal(&context->available);
-                context->signalling.fetch_sub(1, std::memory_order_release);
+            if (context->waiters == 0) {
+                ::pthread_mutex_unlock(&context->mutex);
+            } else {
+                context->UnlockAndSignal();
             }
             return;
         }
         ::pthread_mutex_unlock(&context->mutex);
     }
-    throw LockException("maxCount was reached", LockException::LockInvalid);
+    Throw("maxCount was reached", LockException::LockInvalid);
 }
 
 }  // namespace zarip::osa

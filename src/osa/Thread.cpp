@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <exception>
 
+#include "osa/CurrentThread.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -20,18 +21,43 @@
 
 namespace zarip::osa {
 
-/// What the object and its thread share; it lives as long as either of them. Everything but the atomics is
+namespace {
+
+/// What a thread needs to know of itself. It lives until the thread has ended, whatever happens to the
+/// object, so the thread reads it without a lock.
+struct Identity {
+    /// Set before the thread is released.
+    std::string name;
+    /// The object; null once it is gone.
+    std::atomic<Thread*> owner{nullptr};
+};
+
+/// That of the calling thread; null on a thread that this class has not made.
+thread_local const Identity* t_identity __attribute__((tls_model("initial-exec"))) = nullptr;
+
+/// Keeps the record of the calling thread. It is made before all other objects of the thread's storage, so it
+/// is destroyed after them, and their destructors can still log.
+struct IdentityHolder {
+    IdentityHolder() = default;
+    IdentityHolder(const IdentityHolder&) = delete;
+    IdentityHolder& operator=(const IdentityHolder&) = delete;
+    ~IdentityHolder() { t_identity = nullptr; }
+
+    std::shared_ptr<const Identity> identity;
+};
+thread_local IdentityHolder t_holder;
+
+}  // namespace
+
+/// What the object and its thread share; it lives as long as either of them. Everything except the atomics is
 /// set before the thread is released.
-struct Thread::StartRecord {
+struct Thread::StartRecord : Identity {
     core::Logger* logger = nullptr;
     /// Taken by the new thread before anything else, given by `Run()` or by the destructor of a thread never
     /// run.
     Semaphore start{"Thread::start", 1, 0};
     Runnable* runnable = nullptr;
     int priority = 0;
-    std::string name;
-    /// The object, for the thread that asks which one it is; null once the object is gone.
-    std::atomic<Thread*> owner{nullptr};
     std::atomic<bool> cancelled{false};
     /// Somebody waits in `Join()`, or it has succeeded.
     std::atomic<bool> joining{false};
@@ -68,8 +94,8 @@ bool IsRealTime(int priority) {
     return priority < kLowestNicePriority;
 }
 
-// Deliberate: a priority below -119 maps beyond the system's range and is handed on, so that a caller gets
-// the strongest that the system accepts, and an unprivileged one keeps running with what it has.
+// Deliberate: a priority below -119 maps beyond the system's range and is passed on. The system refuses it: a
+// thread that runs keeps its class and priority, and a new one cannot be created.
 int ToSystemPriority(int priority) {
     return RoundRobinMin() - RoundRobinRange() * (priority + 21) / 98;
 }
@@ -156,15 +182,13 @@ private:
     pthread_attr_t _attributes;
 };
 
-/// The record of the calling thread, for threads of this class and the loading thread: finds the object
-/// without a lock.
-thread_local std::atomic<Thread*>* t_owner __attribute__((tls_model("initial-exec"))) = nullptr;
-
 }  // namespace
 
 const char* const Thread::kMainThreadName = "ZARIP";
 
-// Neither of these is ever destroyed: threads that are alive at exit still look here.
+// Which threads have come by, for a debugger: no code looks a thread up here, as the system gives the id of a
+// thread that has ended to another one. Neither of these is ever destroyed, because threads that are alive at
+// exit still use them.
 std::map<pthread_t, Thread*>& Thread::s_threads() {
     static auto* const threads = new std::map<pthread_t, Thread*>;
     return *threads;
@@ -185,7 +209,7 @@ Mutex& Thread::s_threadsLock() {
 Thread* Thread::s_main = [] {
     s_threadsLock();  // before the locks of the logger, so that a fork takes it after them
     auto* const main = new Thread;
-    t_owner = &main->_context->owner;
+    t_identity = main->_context.get();
     return main;
 }();
 
@@ -277,7 +301,8 @@ void* Thread::Entry(void* argument) {
     if (record->cancelled) {
         return nullptr;
     }
-    t_owner = &record->owner;
+    t_holder.identity = record;
+    t_identity = record.get();
     if (!IsRealTime(record->priority)) {
         SetNiceValue(record->priority);
     }
@@ -285,7 +310,6 @@ void* Thread::Entry(void* argument) {
     try {
         record->runnable->Run();
     } catch (const abi::__forced_unwind&) {
-        t_owner = nullptr;
         throw;  // pthread_exit: the body ends in its own way
     } catch (const std::exception& e) {
         record->logger->Error("Unhandled exception from thread entry point: %s", e.what());
@@ -296,7 +320,6 @@ void* Thread::Entry(void* argument) {
         record->logger->Error("Application will terminate");
         throw;
     }
-    t_owner = nullptr;
     return nullptr;
 }
 
@@ -424,15 +447,16 @@ void Thread::CurrentThread::SetPriority(signed char priority) {
 }
 
 Thread* Thread::CurrentThread::ThreadPtr() {
-    if (t_owner != nullptr) {
-        if (Thread* const owner = *t_owner) {
-            return owner;
-        }
+    if (t_identity != nullptr) {
+        return t_identity->owner;
     }
     const MutexAutoLock lock(&s_threadsLock());
-    Thread* const entered = s_threads()[::pthread_self()];
-    // The entry of a thread that was joined is of no more use: this is another one that got its id.
-    return entered != nullptr && entered->_context->joined ? nullptr : entered;
+    s_threads().emplace(::pthread_self(), nullptr);
+    return nullptr;
+}
+
+const char* CurrentThreadName() {
+    return t_identity != nullptr && t_identity->owner != nullptr ? t_identity->name.c_str() : nullptr;
 }
 
 }  // namespace zarip::osa

@@ -1,5 +1,7 @@
 #include "zarip/osa/UdpServer.h"
 
+#include <cxxabi.h>
+
 #include <exception>
 #include <utility>
 
@@ -13,20 +15,6 @@ namespace zarip::osa {
 namespace {
 
 constexpr unsigned int kStackSize = 1'024;
-
-core::Logger& GetLogger() {
-    return *core::Logger::GetLogger("UdpServer");
-}
-
-/// One byte wakes a loop that waits in an unusual way; the loop is cancelled as well, so it may be lost.
-void SendWakeUp(unsigned short port) {
-    try {
-        const unsigned char byte = 0;
-        UdpSocket("0.0.0.0", 0, 0).SendTo(&byte, 1, "127.0.0.1", port);
-    } catch (const std::exception& e) {
-        GetLogger().Debug("no wake-up datagram: %s", e.what());
-    }
-}
 
 }  // namespace
 
@@ -48,14 +36,8 @@ void UdpServer::Impl::StartThread(const char* name, UdpServer* server, unsigned 
 unsigned int UdpServer::Impl::ReceiveNewest(const UdpSocket& socket, UdpSocket::Info& info) {
     const auto size = static_cast<unsigned int>(_buffer.size());
     unsigned int length = socket.RecvFrom(_buffer.data(), size, info, kWaitForEver);
-    while ((_options & kNewestOnly) != 0) {
-        try {
-            length = socket.RecvFrom(_buffer.data(), size, info, 0);
-        } catch (const SocketException& e) {
-            if (e.GetError() != SocketException::SocketTimeout) {
-                throw;
-            }
-            break;
+    if ((_options & kNewestOnly) != 0) {
+        while (_running && socket.ReceiveWaiting(_buffer.data(), size, info, length)) {
         }
     }
     return length;
@@ -70,11 +52,30 @@ bool UdpServer::Impl::Receive(const UdpSocket& socket, UdpSocket::Info& info, un
         if (!_running) {
             return false;
         }
-        GetLogger().Error("Cannot receive a datagram: %s", e.what());
+        _logger.Error("Cannot receive a datagram: %s", e.what());
         if (!socket.PauseAfterFailure()) {
             throw;
         }
         return false;
+    }
+}
+
+void UdpServer::Impl::Deliver(IUdpBufferAccept& callback, unsigned int length, const UdpSocket::Info& info,
+                              Failures failures) {
+    try {
+        callback.AcceptBuffer(_buffer.data(), length, info);
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit ends the thread
+    } catch (const std::exception& e) {
+        if (failures == Failures::kThrow) {
+            throw;
+        }
+        _logger.Error("Caught exception handling datagram: %s", e.what());
+    } catch (...) {
+        if (failures == Failures::kThrow) {
+            throw;
+        }
+        _logger.Error("Caught exception handling datagram: unknown");
     }
 }
 
@@ -87,50 +88,34 @@ void UdpServer::Impl::Loop(Failures callbackFailures) {
         socket = _socket;
         callback = _callback;
     }
-    if (socket == nullptr || callback == nullptr) {
-        throw Exception("UdpServer::Run(): Server has not been started");
-    }
     while (_running) {
         UdpSocket::Info info{};
         unsigned int length = 0;
-        if (!Receive(*socket, info, length) || !_running) {
-            continue;
-        }
-        try {
-            callback->AcceptBuffer(_buffer.data(), length, info);
-        } catch (const std::exception& e) {
-            if (callbackFailures == Failures::kThrow) {
-                throw;
-            }
-            GetLogger().Error("Caught exception handling datagram: %s", e.what());
-        } catch (...) {
-            if (callbackFailures == Failures::kThrow) {
-                throw;
-            }
-            GetLogger().Error("Caught exception handling datagram: unknown");
+        if (Receive(*socket, info, length) && _running) {
+            Deliver(*callback, length, info, callbackFailures);
         }
     }
 }
 
+bool UdpServer::Impl::IsStarted() const {
+    const MutexAutoLock lock(&_mutex);
+    return _socket != nullptr && _callback != nullptr;
+}
+
 UdpServer::Impl::Stopped UdpServer::Impl::Stop() {
     Thread* thread = nullptr;
-    unsigned short port = 0;
     {
         const MutexAutoLock lock(&_mutex);
         if (_thread == nullptr) {
             return Stopped::kHadNoThread;
         }
         if (_running.exchange(false)) {
-            port = _socket->GetLocalPort();
             _socket->CancelRecv();
         }
         if (Thread::CurrentThread::ThreadPtr() == _thread.get()) {
             return Stopped::kIsAsked;
         }
         thread = _thread.get();
-    }
-    if (port != 0) {
-        SendWakeUp(port);
     }
     thread->Join();
     const MutexAutoLock lock(&_mutex);
@@ -152,12 +137,21 @@ UdpServer::~UdpServer() {
 }
 
 void UdpServer::Run() {
+    if (!_impl->IsStarted()) {
+        throw Exception("UdpServer::Run(): Server has not been started");
+    }
     try {
         _impl->Loop(Impl::Failures::kLogAndGoOn);
-    } catch (const SocketException& e) {
-        GetLogger().Error("The socket is lost, no datagrams are received any more: %s", e.what());
+        return;
+    } catch (const abi::__forced_unwind&) {
         _impl->_running = false;
+        throw;
+    } catch (const std::exception& e) {
+        _impl->_logger.Error("The socket is lost, no datagrams are received any more: %s", e.what());
+    } catch (...) {
+        _impl->_logger.Error("The socket is lost, no datagrams are received any more: unknown");
     }
+    _impl->_running = false;
 }
 
 void UdpServer::Stop() {

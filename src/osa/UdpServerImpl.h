@@ -29,7 +29,13 @@ public:
     void StartThread(const char* name, UdpServer* server, unsigned int stackSize, signed char priority)
         ZARIP_REQUIRES(_mutex);
 
+    /// Whether there are a socket and a callback, as `Loop` needs.
+    bool IsStarted() const;
+
+    /// What happens to exceptions of the callback.
     enum class Failures { kLogAndGoOn, kThrow };
+
+    /// Throws what makes receiving impossible, and with `kThrow` what the callback throws.
     void Loop(Failures callbackFailures);
 
     enum class Stopped { kHadNoThread, kIsAsked, kHasEnded };
@@ -42,7 +48,10 @@ public:
     /// Whether the loop runs or is about to; cleared by `Stop`, which no later step of the loop takes back.
     std::atomic<bool> _running{false};
 
-    Mutex _mutex{"UdpServer::_mutex"};
+    /// Looked up here, because an exception handler that looks it up may fail for lack of memory.
+    core::Logger& _logger = *core::Logger::GetLogger("UdpServer");
+
+    mutable Mutex _mutex{"UdpServer::_mutex"};
     IUdpBufferAccept* _callback ZARIP_GUARDED_BY(_mutex) = nullptr;
     std::set<std::string> _groups ZARIP_GUARDED_BY(_mutex);
     std::shared_ptr<UdpSocket> _socket ZARIP_GUARDED_BY(_mutex);
@@ -52,6 +61,8 @@ private:
     bool Receive(const UdpSocket& socket, UdpSocket::Info& info, unsigned int& length)
         ZARIP_REQUIRES(_loopMutex);
     unsigned int ReceiveNewest(const UdpSocket& socket, UdpSocket::Info& info) ZARIP_REQUIRES(_loopMutex);
+    void Deliver(IUdpBufferAccept& callback, unsigned int length, const UdpSocket::Info& info,
+                 Failures failures) ZARIP_REQUIRES(_loopMutex);
 
     Mutex _loopMutex{"UdpServer"};
     std::vector<unsigned char> _buffer ZARIP_GUARDED_BY(_loopMutex);

@@ -262,7 +262,14 @@ unsigned short UdpSocket::GetLocalPort() const {
     return _impl->port;
 }
 
-/// False when a descriptor is no socket any more: somebody else's slip may have closed it. Otherwise some
+/// Receives a datagram that waits already; false when none does.
+bool UdpSocket::ReceiveWaiting(unsigned char* buffer, unsigned int length, Info& info,
+                               unsigned int& received) const {
+    return _impl->ReceiveNow(_impl->ipv4.Get(), buffer, length, info, received) ||
+           _impl->ReceiveNow(_impl->ipv6.Get(), buffer, length, info, received);
+}
+
+/// False when a descriptor is not a socket any more: other code may have closed it by mistake. Otherwise some
 /// shortage has made receiving fail, which is not tried again at full speed.
 bool UdpSocket::PauseAfterFailure() const {
     for (const UniqueFd* fd : {&_impl->ipv4, &_impl->ipv6}) {

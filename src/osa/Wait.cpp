@@ -25,7 +25,7 @@ CancelEvent::~CancelEvent() {
 }
 
 void CancelEvent::Cancel() {
-    // The order matters: whoever makes the descriptor publishes it and then looks at the flag.
+    // The order matters: a thread that makes the descriptor publishes it and then looks at the flag.
     _cancelled = true;
     const int fd = _fd;
     if (fd >= 0) {

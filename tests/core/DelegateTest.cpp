@@ -66,6 +66,36 @@ TEST(DelegateTest, CallsAreVirtualAndObjectsMayBeConst) {
     EXPECT_EQ(get->Call(), 5);
 }
 
+int Twice(int value) noexcept {
+    return 2 * value;
+}
+
+TEST(DelegateTest, OwnsWhatItCalls) {
+    auto owned = std::make_unique<int>(7);
+    auto shared = std::make_shared<int>(0);
+    std::string heard;
+    const std::unique_ptr<IDelegate0<int>> get(MakeDelegate([owned = std::move(owned)] { return *owned; }));
+    std::unique_ptr<IVoidDelegate0> count(MakeDelegate([shared, n = 0]() mutable { *shared = ++n; }));
+    const std::unique_ptr<IVoidDelegate1<std::string>> hear(
+        MakeDelegate([&heard](const std::string& text) { heard = text; }));
+    const std::unique_ptr<IDelegate1<int, int>> twice(MakeDelegate(&Twice));
+    const std::unique_ptr<IDelegate1<bool, int>> isOdd(
+        MakeDelegate([](int n) mutable { return n % 2 != 0; }));
+    const std::unique_ptr<IDelegate0<std::string>> title(
+        MakeDelegate([&heard]() -> const std::string& { return heard; }));
+    EXPECT_EQ(get->Call(), 7);
+    count->Call();
+    count->Call();
+    EXPECT_EQ(*shared, 2);
+    EXPECT_FALSE(count->Matches(shared.get()) || count->Matches(nullptr));
+    count.reset();
+    EXPECT_EQ(shared.use_count(), 1);
+    hear->Call("%s");
+    EXPECT_EQ(title->Call(), "%s");
+    EXPECT_EQ(twice->Call(4), 8);
+    EXPECT_TRUE(isOdd->Call(5));
+}
+
 TEST(DelegateTest, MatchesOnlyItsOwnObject) {
     Camera one;
     Camera two;

@@ -3,6 +3,7 @@
 #include <zarip/osa/Semaphore.h>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <functional>
@@ -51,6 +52,17 @@ struct EventTest : testing::Test {
     int a = 0;
     int b = 0;
 };
+
+TEST_F(EventTest, ADelegateMayEndItsThread) {
+    Event1<int> event;
+    Add(event, &a, [](int) { ::pthread_exit(nullptr); });
+    Add(event, &b, "b");
+    std::thread([&] { event.FireEvent(1); }).join();
+    event.RemoveDelegate(&a);
+    EXPECT_EQ(Probe::s_alive, 1);
+    event.FireEvent(2);
+    EXPECT_EQ(Take(), Calls{"b2"});
+}
 
 TEST_F(EventTest, WhatADelegateOwnsMayRemoveOthersAsItGoes) {
     Event1<int> event;

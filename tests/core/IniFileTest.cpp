@@ -1,6 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <zarip/core/IniFile.h>
@@ -19,6 +25,7 @@
 #include "support/ErrorOf.h"
 #include "support/FileSizeLimit.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace zarip::core {
 namespace {
@@ -27,6 +34,17 @@ using test::ErrorOf;
 
 using test::TempDir;
 using Group = IniFile::Group;
+
+using Names = std::vector<std::string>;
+
+Names NamesIn(const TempDir& folder) {
+    Names names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 IniFile FromString(const std::string& text) {
     IniFile ini;
@@ -159,19 +177,88 @@ TEST(IniFileTest, SaveReplacesTheFileInOneStep) {
     std::filesystem::create_symlink("target", folder.File("dangling"));
     ini.Save(folder.File("dangling").c_str());
     EXPECT_EQ(folder.Read("target"), "a = 1\n\n");
-    ASSERT_EQ(::mkfifo(folder.File("fifo").c_str(), 0600), 0);
-    const int fifo = ::open(folder.File("fifo").c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-    ini.Save(folder.File("fifo").c_str());
-    char received[20];
-    EXPECT_EQ(::read(fifo, received, sizeof received), 7);
-    ::close(fifo);
+    EXPECT_EQ(NamesIn(folder), (Names{"dangling", "file", "link", "new", "target"}));
+}
 
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
-        names.push_back(entry.path().filename());
+TEST(IniFileTest, SaveRemovesWhatKilledWritersLeft) {
+    const TempDir folder;
+    const IniFile ini = FromString("a = " + std::string(1 << 20, 'x') + "\n");
+    const std::string path = folder.Write("file", "");
+    const auto hasTemporary = [&] {
+        const Names names = NamesIn(folder);
+        return std::any_of(names.begin(), names.end(), [](const auto& name) { return name[0] == '.'; });
+    };
+    // One that is killed while it writes, if need be at the second attempt.
+    EXPECT_TRUE(test::WaitUntil([&] {
+        const pid_t child = ::fork();
+        while (child == 0) {
+            ini.Save(path.c_str());
+        }
+        test::WaitUntil(hasTemporary);
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        return hasTemporary();
+    }));
+    // A writer that is still there holds a lock.
+    const int alive = ::open(folder.File(".zarip-1-0.tmp").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(alive, LOCK_EX), 0);
+    folder.Write(".zarip-2-0.tmp", "");
+    folder.Write(".zarip-of-somebody-else.tmp", "");
+    std::filesystem::create_symlink("young", folder.File(".zarip-3-0.tmp"));
+    std::filesystem::create_symlink("old", folder.File(".zarip-4-0.tmp"));
+    const timespec longAgo[2] = {{1, 0}, {1, 0}};
+    ::utimensat(AT_FDCWD, folder.File(".zarip-4-0.tmp").c_str(), longAgo, AT_SYMLINK_NOFOLLOW);
+    ini.Save(path.c_str());
+    EXPECT_EQ(NamesIn(folder),
+              (Names{".zarip-1-0.tmp", ".zarip-3-0.tmp", ".zarip-of-somebody-else.tmp", "file"}));
+    ::close(alive);
+}
+
+TEST(IniFileTest, PipesAndDevicesAreRefusedAtOnce) {
+    const TempDir folder;
+    const std::string fifo = folder.File("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo, std::string("/dev/null")}) {
+        EXPECT_EQ(ErrorOf([&] { IniFile().Save(path.c_str()); }),
+                  "Couldn't open file " + path + " for writing");
     }
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"dangling", "fifo", "file", "link", "new", "target"}));
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+}
+
+// On a file system of its own that has no room, once for another file and once for more data.
+TEST(IniFileTest, AFullFileSystemKeepsTheOldFile) {
+    const TempDir folder;
+    std::string refusal;
+    std::thread([&] {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("none", folder.Path().c_str(), "tmpfs", 0, "size=64k,nr_inodes=3") != 0) {
+            refusal = "no file system of its own";
+            return;
+        }
+        const std::string path = folder.Write("file", "old = 1\n");
+        folder.Write("last", "");
+        const std::string other = folder.File("other");
+        const std::string large = "b = " + std::string(100'000, 'x') + "\n";
+        for (const std::string& text : {std::string("a = 1\n"), large}) {
+            const IniFile ini = FromString(text);
+            EXPECT_EQ(ErrorOf([&] { ini.Save(path.c_str()); }), "Couldn't write file " + path);
+            EXPECT_EQ(ErrorOf([&] { ini.Save(other.c_str()); }),
+                      text == large ? "Couldn't write file " + other
+                                    : "Couldn't open file " + other + " for writing");
+            EXPECT_EQ(folder.Read("file"), "old = 1\n");
+            std::filesystem::remove(folder.File("last"));
+        }
+        EXPECT_EQ(NamesIn(folder), Names{"file"});
+        // A file that something is mounted on cannot be replaced, and is written in place.
+        ASSERT_EQ(::mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+        EXPECT_EQ(ErrorOf([&] { FromString(large).Save(path.c_str()); }), "Couldn't write file " + path);
+        EXPECT_EQ(folder.Read("file"), "old = 1\n");
+        EXPECT_EQ(ErrorOf([&] { FromString("a = 1\n").Save(path.c_str()); }), "no exception");
+        EXPECT_EQ(folder.Read("file"), "a = 1\n\n");
+    }).join();
+    if (!refusal.empty()) {
+        GTEST_SKIP() << refusal;
+    }
 }
 
 TEST(IniFileTest, FailedSaveKeepsTheOldFile) {
@@ -191,18 +278,20 @@ TEST(IniFileTest, FailedSaveKeepsTheOldFile) {
     }
     expectUntouched();
 
-    // A line feed would become a line, or a group, of its own.
+    // Each would be read back as a line, a group or a key of its own.
     const struct {
         const char* group;
         const char* key;
         const char* value;
         const char* what;
     } rows[] = {
-        {"g\nh", "k", "v", "group name"}, {"g", "k\nx", "v", "key"}, {"g", "k", "v\n[admin]", "value"}};
+        {"g\nh", "k", "v", "line feed in a group name"},    {"admin]x", "k", "v", "']' in a group name"},
+        {"g", "k\nx", "v", "line feed in a key"},           {"g", "bob=admin;", "v", "'=' in a key"},
+        {"g", "[admin]", "v", "'[' at the start of a key"}, {"g", "k", "v\n[admin]", "line feed in a value"}};
     for (const auto& row : rows) {
         IniFile forged = FromString("a = 1\n");
         forged.SetValue(row.group, row.key, row.value);
-        const std::string message = std::string("IniFile: line feed in a ") + row.what;
+        const std::string message = std::string("IniFile: ") + row.what;
         std::ostringstream stream;
         EXPECT_EQ(ErrorOf([&] { forged.Save(path.c_str()); }), message);
         EXPECT_EQ(ErrorOf([&] { forged.SaveToStream(stream); }), message);
@@ -226,14 +315,14 @@ TEST(IniFileTest, SaveIntoAFolderThatCannotBeWritten) {
     std::string cut;
     {
         const test::FileSizeLimit limit(4);
-        cut = ErrorOf([&] { FromString("b = 1\n").Save(path.c_str()); });
+        cut = ErrorOf([&] { FromString("b = 12\n").Save(path.c_str()); });
     }
     const std::string other = ErrorOf([&] { IniFile().Save(folder.File("other").c_str()); });
     ::chmod(path.c_str(), 0444);
     EXPECT_EQ(::seteuid(self), 0);
     EXPECT_EQ(message, "no exception");
     EXPECT_EQ(cut, "Couldn't write file " + path);
-    EXPECT_EQ(folder.Read("file"), "b = ");
+    EXPECT_EQ(folder.Read("file"), "a = 1\n\n");
     EXPECT_EQ(other, "Couldn't open file " + folder.File("other") + " for writing");
     ::chmod(folder.Path().c_str(), 0777);
 
@@ -244,7 +333,7 @@ TEST(IniFileTest, SaveIntoAFolderThatCannotBeWritten) {
     }
     EXPECT_EQ(ErrorOf([&] { IniFile().Save(path.c_str()); }), "Couldn't open file " + path + " for writing");
     EXPECT_EQ(::seteuid(self), 0);
-    EXPECT_EQ(folder.Read("file"), "b = ");
+    EXPECT_EQ(folder.Read("file"), "a = 1\n\n");
 }
 
 TEST(IniFileTest, GroupsMergeAndCompare) {

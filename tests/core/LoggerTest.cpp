@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <functional>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -162,7 +163,10 @@ TEST(LoggerTest, RecordCarriesThreadLoggerAndLevel) {
     named.Join();
     std::thread([&] { logger->Error("foreign"); }).join();
     errno = ENOTDIR;
-    logger->Error("main");
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"  // ISO C++ does not know it
+    logger->Error("main: %m");
+#pragma GCC diagnostic pop
     EXPECT_EQ(errno, ENOTDIR);
 
     ASSERT_EQ(records.size(), 3U);
@@ -171,7 +175,40 @@ TEST(LoggerTest, RecordCarriesThreadLoggerAndLevel) {
     EXPECT_EQ(records[2].thread, "ZARIP");
     EXPECT_EQ(records[2].logger, "");
     EXPECT_EQ(records[2].level, Logger::kError);
-    EXPECT_EQ(records[2].message, "main");
+    EXPECT_EQ(records[2].message, "main: Not a directory");
+}
+
+// The thread reads the name while its object goes; an appender that destroys it makes the moment certain.
+TEST(LoggerTest, ARecordOutlivesTheThreadObject) {
+    class Destroyer : public ILogAppender {
+    public:
+        void AppendV(Logger::LogLevel, const char* threadName, const char*, const char*,
+                     va_list) const override {
+            thread.reset();
+            names.emplace_back(threadName);
+        }
+        mutable std::unique_ptr<osa::Thread> thread;
+        mutable Texts names;
+    } appender;
+    const std::unique_ptr<Logger> logger(Logger::CreateLogger("", &appender));
+    class Body : public osa::Runnable {
+    public:
+        explicit Body(const Logger& log) : _log(log) {}
+        void Run() override {
+            _log.Error("%s", "first");
+            _log.Error("%s", "second");
+            ended.set_value();
+        }
+        void Stop() override {}
+        std::promise<void> ended;
+
+    private:
+        const Logger& _log;
+    } body(*logger);
+    appender.thread = std::make_unique<osa::Thread>("a name too long to be kept in place", &body, 0, 0);
+    appender.thread->Run();
+    body.ended.get_future().wait();
+    EXPECT_EQ(appender.names, (Texts{"a name too long to be kept in place", "!!UNKNOWN!!"}));
 }
 
 TEST(LoggerTest, EveryAppenderGetsTheSameArguments) {

@@ -4,7 +4,10 @@
 #include <zarip/osa/MutexAutoLock.h>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <future>
@@ -174,6 +177,9 @@ TEST_F(MutexTest, ResultsOfTheSystemBecomeExceptions) UNCHECKED {
             << row.result;
     }
     const FailingCall failing("clock_gettime", -1);
+    EXPECT_TRUE(mutex.TryLockFor(1)) << "a free mutex needs no clock";
+    mutex.Release();
+    const FailingCall busy("pthread_mutex_trylock", EBUSY);
     EXPECT_EQ(OutcomeOf([this]() UNCHECKED { mutex.TryLockFor(1); }),
               (LockOutcome{"clock_gettime failed", 0}));
 }
@@ -254,6 +260,30 @@ TEST(InterlockedTest, CountersChangeByOneAndReturnTheNewValue) {
     }
     EXPECT_EQ(shared, 8'000);
     EXPECT_EQ(own, 8'000);
+}
+
+TEST(InterlockedTest, AForkedChildCountsWhateverOtherThreadsDidThen) {
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        for (int value = 0; !stop;) {
+            Interlocked::Increment(value);
+        }
+    });
+    int failed = 0;
+    for (int i = 0; i < 100 && failed == 0; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(10);
+            int value = 0;
+            ::_exit(Interlocked::Increment(value) == 1 ? 0 : 1);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        failed += status != 0;
+    }
+    stop = true;
+    other.join();
+    EXPECT_EQ(failed, 0);
 }
 
 TEST(InterlockedTest, AnObjectsMutexHoldsSeveralOperationsTogether) UNCHECKED {

@@ -16,6 +16,7 @@
 
 #include "support/LogCapture.h"
 #include "support/OwnNetwork.h"
+#include "support/ShortMemory.h"
 #include "support/WaitUntil.h"
 #include "zarip/core/Delegate.h"
 #include "zarip/osa/IUdpBufferAccept.h"
@@ -346,6 +347,52 @@ TEST(UdpServerTest, ACallbackMayThrowAndStopItAndALostDescriptorEndsNothingElse)
     }
     EXPECT_EQ(log.Count("deliberate"), 2);
     EXPECT_EQ(receiver.Get(), (Texts{"stop", "lose it"}));
+}
+
+// The callback fails for lack of memory, and there is none either for whatever handles that.
+TEST(UdpServerTest, ServesOnWhenMemoryWasShort) {
+    if (!test::ShortMemory::IsSupported()) {
+        GTEST_SKIP() << "the sanitizer has an allocator of its own";
+    }
+    core::Logger::Shutdown();  // so that no logger is there before it is asked for
+    Receiver receiver;
+    UdpServer server("127.0.0.1", 0, 100, 0);
+    server.Start(&receiver);
+    {
+        const test::ShortMemory shortage("UdpSocketThread");
+        EXPECT_TRUE(WaitUntil([&] {
+            Send("lost", server.GetLocalPort());
+            return test::ShortMemory::GetFailures() > 2;
+        }));
+    }
+    Send("end", server.GetLocalPort());
+    EXPECT_TRUE(receiver.WaitFor("end"));
+}
+
+TEST(UdpServerTest, StoppingOneOfTwoOnAPortIsNoDatagramForTheOther) {
+    Receiver receiver;
+    UdpServer first("127.0.0.1", 0, 100, 0);
+    first.Start(&receiver);
+    UdpServer second("127.0.0.1", first.GetLocalPort(), 100, 0);
+    second.Start(&receiver);
+    const unsigned short port = second.GetLocalPort();
+    first.Stop();
+    Send("end", port);
+    EXPECT_TRUE(receiver.WaitFor("end"));
+    EXPECT_EQ(receiver.Get(), Texts{"end"});
+}
+
+TEST(UdpServerTest, ACallbackMayEndItsThread) {
+    Receiver receiver([](const string&) { ::pthread_exit(nullptr); });
+    UdpServer server("127.0.0.1", 0, 100, 0);
+    MulticastServer multicast("127.0.0.1", 0, 100, 0);
+    for (UdpServer* const each : {&server, static_cast<UdpServer*>(&multicast)}) {
+        each->Start(&receiver);
+        EXPECT_TRUE(WaitUntil([&] { return each->IsRunning(); }));
+        Send("end", each->GetLocalPort());
+        EXPECT_TRUE(WaitUntil([&] { return !each->IsRunning(); }));
+        each->Stop();
+    }
 }
 
 TEST(UdpServerTest, DeliversTheNewestOfABurst) {

@@ -22,7 +22,7 @@ public:
     /// Deletes the object with the last reference.
     void RemoveRef();
 
-    /// Waits for the end of the call. Deliberate: it can be waited for once; whoever waits again waits for
+    /// Waits for the end of the call. Deliberate: it can be waited for once; a second wait lasts for
     /// ever. Callers read a result once.
     void Join();
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <type_traits>
+#include <utility>
 
 namespace zarip::core {
 
@@ -89,7 +90,64 @@ private:
     Method _method;
 };
 
+/// Own a callable, such as a lambda and what it captures. `MakeDelegate` finds the types.
+template <class R, class Callable>
+class CallableDelegate0 final : public IDelegate0<R> {
+public:
+    explicit CallableDelegate0(Callable callable) : _callable(std::move(callable)) {}
+    R Call() override { return _callable(); }
+
+private:
+    Callable _callable;
+};
+
+template <class R, class A, class Callable>
+class CallableDelegate1 final : public IDelegate1<R, A> {
+public:
+    explicit CallableDelegate1(Callable callable) : _callable(std::move(callable)) {}
+    R Call(const A& argument) override { return _callable(argument); }
+
+private:
+    Callable _callable;
+};
+
+template <class Callable>
+class VoidCallableDelegate0 final : public IVoidDelegate0 {
+public:
+    explicit VoidCallableDelegate0(Callable callable) : _callable(std::move(callable)) {}
+    void Call() override { _callable(); }
+
+private:
+    Callable _callable;
+};
+
+template <class A, class Callable>
+class VoidCallableDelegate1 final : public IVoidDelegate1<A> {
+public:
+    explicit VoidCallableDelegate1(Callable callable) : _callable(std::move(callable)) {}
+    void Call(const A& argument) override { _callable(argument); }
+
+private:
+    Callable _callable;
+};
+
 namespace internal {
+
+// The parameter of a function, a method or a callable object; never defined, only asked for their type.
+template <class R, class A>
+A ParameterOf(R (*function)(A));
+template <class C, class R, class A>
+A ParameterOf(R (C::*method)(A));
+template <class C, class R, class A>
+A ParameterOf(R (C::*method)(A) const);
+template <class Callable>
+auto ParameterOf(const Callable&) -> decltype(ParameterOf(&Callable::operator()));
+
+template <class A>
+constexpr void RequireConstArgument() {
+    static_assert(!std::is_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>,
+                  "a delegate hands its argument on by value or const reference");
+}
 
 template <class R, class T, class Method>
 auto* NewDelegate0(T* object, Method method) {
@@ -102,8 +160,7 @@ auto* NewDelegate0(T* object, Method method) {
 
 template <class R, class A, class T, class Method>
 auto* NewDelegate1(T* object, Method method) {
-    static_assert(!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>,
-                  "a delegate hands its argument on by value or const reference");
+    RequireConstArgument<A>();
     if constexpr (std::is_void_v<R>) {
         return new VoidObjectMethodDelegate1<std::decay_t<A>, T, Method>(object, method);
     } else {
@@ -133,6 +190,32 @@ auto* MakeDelegate(T* object, R (C::*method)(A)) {
 template <class T, class C, class R, class A>
 auto* MakeDelegate(T* object, R (C::*method)(A) const) {
     return internal::NewDelegate1<R, A>(object, method);
+}
+
+/// Makes a delegate that owns a callable and what that owns: `MakeDelegate([file = std::move(file)] { ...
+/// })`. It is one object on the heap (*caller owns*). The callable takes nothing, or one argument of a type
+/// that it names; what it returns comes as a value. Such a delegate is bound to no object, so `Matches` is
+/// false for all.
+template <class Callable>
+auto* MakeDelegate(Callable callable) {
+    if constexpr (std::is_invocable_v<Callable&>) {
+        using R = std::decay_t<std::invoke_result_t<Callable&>>;
+        if constexpr (std::is_void_v<R>) {
+            return new VoidCallableDelegate0<Callable>(std::move(callable));
+        } else {
+            return new CallableDelegate0<R, Callable>(std::move(callable));
+        }
+    } else {
+        using Parameter = decltype(internal::ParameterOf(std::declval<const Callable&>()));
+        internal::RequireConstArgument<Parameter>();
+        using A = std::decay_t<Parameter>;
+        using R = std::decay_t<std::invoke_result_t<Callable&, const A&>>;
+        if constexpr (std::is_void_v<R>) {
+            return new VoidCallableDelegate1<A, Callable>(std::move(callable));
+        } else {
+            return new CallableDelegate1<R, A, Callable>(std::move(callable));
+        }
+    }
 }
 
 }  // namespace zarip::core

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <exception>
@@ -57,6 +59,9 @@ protected:
             if (Delegate* delegate = state->delegates[i].get()) {
                 try {
                     delegate->Call(argument...);
+                } catch (const abi::__forced_unwind&) {
+                    --_depth;  // pthread_exit: the thread ends, the event stays usable
+                    throw;
                 } catch (...) {
                     if (!failure) {
                         failure = std::current_exception();

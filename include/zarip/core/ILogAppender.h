@@ -11,8 +11,8 @@ namespace zarip::core {
 /// only, which hands it one record at a time.
 class ZARIP_EXPORT ILogAppender {
 public:
-    /// Writes one record. `args` belongs to this call alone. What it throws is dropped by whoever delivers
-    /// the record.
+    /// Writes one record. `args` belongs to this call alone. The code that delivers the record drops what
+    /// this throws.
     virtual void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                          const char* format, va_list args) const ZARIP_PRINTF(5, 0) = 0;
 

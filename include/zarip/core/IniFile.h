@@ -8,7 +8,7 @@
 
 namespace zarip::core {
 
-/// A table of named groups, each a table of text keys and values, read from and written to INI text. *One
+/// A table of named groups, each a table of keys and values, read from and written to INI text. *One
 /// thread at a time*; several may read while none changes it.
 ///
 /// The text: lines "key = value" below a "[group]" line; those before the first belong to "__GLOBAL__". Lines
@@ -40,15 +40,20 @@ public:
     void LoadFromString(const std::string& text);
 
     /// Replaces the file in one step, so that a reader or a power cut meets the old or the new content,
-    /// whole; mode and, where permitted, owner stay. Where the folder cannot be written the file is truncated
-    /// and written in place. Throws "Couldn't open file " + path + " for writing" and, leaving the old file
-    /// unless it was written in place or only the folder could not be synchronised, "Couldn't write file " +
-    /// path.
+    /// whole. The mode stays and, if permitted, the owner. A file that may be written but not replaced (its
+    /// folder cannot be written, or another file system is mounted on it) is overwritten in place, once room
+    /// for the new content is reserved.
+    ///
+    /// Throws "Couldn't open file " + path + " for writing", also for a pipe or a device, which is not
+    /// touched, and "Couldn't write file " + path. The old content is then still there, whole, with two
+    /// exceptions: overwriting in place failed half-way for another reason than a full disk, or the new file
+    /// is in its place and only the folder could not be synchronised.
     void Save(const char* path) const;
 
-    /// Each form that saves throws "IniFile: line feed in a group name", "... in a key" or "... in a value"
-    /// and writes nothing where a line feed would start a line of its own. A failed stream is left to the
-    /// caller.
+    /// Each form that saves refuses names and values that would be read back as something else. It writes
+    /// nothing then and throws "IniFile: " and "line feed in a group name", "']' in a group name", "line feed
+    /// in a key", "'=' in a key", "'[' at the start of a key" or "line feed in a value". A failed stream is
+    /// left to the caller.
     void SaveToStream(std::ostream& stream) const;
     std::string SaveToString() const;
 
@@ -102,7 +107,7 @@ public:
     static const std::string& GetValueFromGroup(const Group& group, const std::string& key);
 
     /// The typed getters fetch as `GetValue` and `GetValueFromGroup` do and throw "value " + key + " must be
-    /// a valid " + "integer", "double" or "boolean" for a value that is none. Those with a default return it
+    /// a valid " + "integer", "double" or "boolean" for any other value. Those with a default return it
     /// when the key or the group is missing, and throw like the others when the value is there and does not
     /// convert. Integers are decimal; "true", "1", "false" and "0" are booleans, in upper or lower case;
     /// white space around any of them is allowed.
@@ -130,13 +135,13 @@ public:
     static void SetDoubleToGroup(Group& group, const std::string& key, double value);
     static void SetBoolToGroup(Group& group, const std::string& key, bool value);
 
-    /// A group as a list: stores the value under "0" in an empty group, else under the key that
-    /// `GetNextKeyName` puts behind the group's greatest one.
+    /// A group as a list: stores the value under "0" in an empty group, otherwise under the key that
+    /// `GetNextKeyName` makes of the group's greatest one.
     void ValueListAppend(const std::string& group, const std::string& value);
     void ValueListAppendUnique(const std::string& group, const std::string& value);
     bool ValueListContains(const std::string& group, const std::string& value) const;
 
-    /// The text behind the last '#' of a group's name; throws "Group name " + group + " does not contain a
+    /// The text after the last '#' of a group's name; throws "Group name " + group + " does not contain a
     /// '#' character".
     static std::string GetGroupIndexStr(const std::string& group);
 
@@ -144,7 +149,7 @@ public:
     static int GetGroupIndex(const std::string& group);
 
     /// Advances the key like an odometer over 0-9, A-Z, a-z of constant length. Deliberate: a key that cannot
-    /// advance (empty, all 'z', or with another character behind which only 'z' stand) gets '0' appended,
+    /// advance (empty, all 'z', or with another character followed by nothing but 'z') gets '0' appended,
     /// (sqrt(8 * length + 1) + 1) / 2 of them: "" becomes "0", "z" "z00", "zzz" "zzz000". So generated keys
     /// sort in the order in which they were made.
     static void GetNextKeyName(std::string& key);

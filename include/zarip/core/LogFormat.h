@@ -138,8 +138,8 @@ constexpr bool FormatMatches(const char* format) {
             return false;
         }
         ++format;
-        if (conversion == '%' && length == '\0') {
-            continue;
+        if ((conversion == '%' || conversion == 'm') && length == '\0') {
+            continue;  // "%m" is the text of errno
         }
         const FormatArgument wanted = ArgumentOf(length, conversion);
         const FormatArgument given = *next;

@@ -11,15 +11,21 @@ class ITimeSource;
 
 namespace zarip::core {
 
-/// A queue of tasks in the order of their due times, run by whoever calls `WaitAndExecuteTask` or
-/// `ExecuteQueuedTasks`. *Thread-safe*: any number of threads may queue and run. Tasks run without any lock
-/// and may queue and drop others; those due at the same time run in no particular order. What a task throws
-/// is logged as "Exception running task: ...".
+/// A queue of tasks in the order of their due times; tasks due at the same time keep the order in which they
+/// were queued. They run on the threads that call `WaitAndExecuteTask` or `ExecuteQueuedTasks`.
+///
+/// *Thread-safe*: any number of threads may queue and run. No lock is held while a task runs, so it may queue
+/// and drop others. What a task throws is logged as "Exception running task: ...".
 class ZARIP_EXPORT TaskManager : public ITaskQueue {
 public:
     /// Keeps time by the monotonic clock and at most 500 tasks.
+    ///
+    /// A task without a delay is due at once. Where it stands among tasks with a delay is decided by the
+    /// exact time, with one exception: a task with a negative delay may run before those without a delay that
+    /// were queued up to two ticks of the system (8 to 20 ms) before its due time.
     TaskManager();
 
+    /// The same with another number of tasks.
     /// @param maxCount  the most tasks that may wait.
     explicit TaskManager(int maxCount);
 

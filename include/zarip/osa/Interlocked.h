@@ -4,8 +4,9 @@
 
 namespace zarip::osa {
 
-/// Counters shared between threads. *Thread-safe*: all of a process take turns on one mutex,
-/// "InterlockedMutex".
+/// Counters shared between threads. *Thread-safe*, without a lock: a child can use them whatever other
+/// threads of its parent did when it was forked. What a thread wrote before it changed a counter is visible
+/// to those that change the counter after it.
 class ZARIP_EXPORT Interlocked {
 public:
     /// Adds one and returns the new value.

@@ -16,8 +16,11 @@ namespace zarip::osa {
 /// A `UdpServer` that opens its socket on its own thread, "MulticastSocketThread", and tries again when that
 /// fails: an interface may appear late. Delegates learn when it receives, and when it has given up.
 ///
-/// An attempt also ends, and counts, when the callback throws. Both pauses are cut short by `Stop`. Delegates
-/// are *called on MulticastSocketThread* with the mutex of their list held. *Thread-safe* as `UdpServer` is.
+/// Mind that an attempt also ends, and counts, when the callback throws: the socket is closed, and after the
+/// last attempt the server receives no more. A callback that parses what strangers send catches everything.
+///
+/// `Stop` cuts both pauses short. Delegates are *called on MulticastSocketThread* with the mutex of their
+/// list held. *Thread-safe* as `UdpServer` is.
 class ZARIP_EXPORT MulticastServer : public UdpServer {
 public:
     /// @param attempts  tries to open the socket, in all; at least one is made.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <memory>
 
 #include <zarip/osa/Export.h>
@@ -37,7 +39,16 @@ public:
     void Release() ZARIP_RELEASE();
 
 private:
-    struct Context;
+    friend class MutexAutoLock;  // locks without a call into the library
+
+    struct Context {
+        const char* name;
+        pthread_mutex_t mutex;
+    };
+
+    /// Throws the exception for the result of a failed lock call.
+    [[noreturn]] static void ThrowLockFailure(int result);
+
     std::unique_ptr<Context> _context;
 };
 

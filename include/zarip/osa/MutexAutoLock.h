@@ -1,21 +1,30 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <zarip/osa/Mutex.h>
+
+// The library's own source leaves it empty, so that the library has these functions as well: programs built
+// with version 0.1.0 call the destructor there.
+#ifndef ZARIP_MUTEX_AUTO_LOCK_INLINE
+#define ZARIP_MUTEX_AUTO_LOCK_INLINE inline
+#endif
 
 namespace zarip::osa {
 
-/// Holds a `Mutex` for the length of a scope. One thread at a time.
+/// Holds a `Mutex` for the length of a scope. *One thread at a time.*
 class ZARIP_EXPORT ZARIP_SCOPED_CAPABILITY MutexAutoLock {
 public:
+    /// Waits without limit. This is the usual form, and inline.
     /// @param mutex  *not owned*.
+    explicit MutexAutoLock(Mutex* mutex) ZARIP_ACQUIRE(mutex);
+
     /// @param timeoutMs  as in `Mutex`.
     /// @param throwOnTimeout  when false, a wait that ran out builds an object that holds, and later
-    /// releases, nothing;
-    ///     nothing tells the two cases apart, so this form suits only callers that can go on without the
-    ///     lock.
+    ///     releases, nothing. Nothing tells the two cases apart, so this form suits only callers that can go
+    ///     on without the lock.
     /// Throws `LockException` "Timeout", `LockTimeout`.
-    explicit MutexAutoLock(Mutex* mutex, unsigned int timeoutMs = 0xFFFFFFFFU, bool throwOnTimeout = true)
-        ZARIP_ACQUIRE(mutex);
+    MutexAutoLock(Mutex* mutex, unsigned int timeoutMs, bool throwOnTimeout = true) ZARIP_ACQUIRE(mutex);
     MutexAutoLock(const MutexAutoLock&) = delete;
     MutexAutoLock& operator=(const MutexAutoLock&) = delete;
 
@@ -23,8 +32,25 @@ public:
     ~MutexAutoLock() ZARIP_RELEASE();
 
 private:
+    static void ReportFailedRelease();
+
     Mutex* _mutex;
     bool _locked;
 };
+
+ZARIP_MUTEX_AUTO_LOCK_INLINE MutexAutoLock::MutexAutoLock(Mutex* mutex) ZARIP_NO_THREAD_SAFETY_ANALYSIS
+    : _mutex(mutex),
+      _locked(true) {
+    const int result = ::pthread_mutex_lock(&mutex->_context->mutex);
+    if (__builtin_expect(result != 0, 0)) {
+        Mutex::ThrowLockFailure(result);
+    }
+}
+
+ZARIP_MUTEX_AUTO_LOCK_INLINE MutexAutoLock::~MutexAutoLock() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+    if (_locked && __builtin_expect(::pthread_mutex_unlock(&_mutex->_context->mutex) != 0, 0)) {
+        ReportFailedRelease();
+    }
+}
 
 }  // namespace zarip::osa

@@ -27,8 +27,8 @@ public:
     void WriteLock(unsigned int timeoutMs = 0xFFFFFFFFU);
 
     /// Releases either kind. Deliberate: the kind is that of the last lock taken by anybody, not what the
-    /// calling thread holds, so whoever locks must be the one who releases. Throws "No locks" (`LockFailed`)
-    /// when nothing is held.
+    /// calling thread holds, so the thread that locks must be the one that releases. Throws "No locks"
+    /// (`LockFailed`) when nothing is held.
     void Release();
 
 private:

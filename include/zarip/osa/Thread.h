@@ -20,14 +20,15 @@ class Runnable;
 
 /// A named POSIX thread that is created suspended and runs a `Runnable` from `Run()` on.
 ///
-/// Priorities stand on one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to
-/// -119 (highest) the real-time round-robin class. Values below -119 are passed on unchecked.
+/// Priorities have one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to
+/// -119 (highest) the real-time round-robin class. Values below -119 are passed on unchecked, and the system
+/// refuses them: the constructor then throws "Create Thread Error", and `SetPriority` changes nothing.
 ///
 /// The owner stops the runnable and calls `Join()` before it destroys the object: the destructor does
-/// neither. A thread that was never run ends with its object; one that is still running goes on, and its
+/// neither. A thread that was never run ends with its object; one that still runs is left alone, and its
 /// resources are freed when it ends.
 ///
-/// *Thread-safe*, but for `Join()` and destruction, which belong to the owner. The thread that loads the
+/// *Thread-safe*, except `Join()` and destruction, which belong to the owner. The thread that loads the
 /// library is wrapped in an object named "ZARIP". Failures throw `Exception`.
 class ZARIP_EXPORT Thread {
 public:
@@ -46,8 +47,9 @@ public:
         static signed char GetPriority();
         static void SetPriority(signed char priority);
 
-        /// The object of the calling thread, *not owned*, or null. Deliberate: a foreign thread that asks is
-        /// entered with a null object, so the registry shows which threads have come by.
+        /// The object of the calling thread, *not owned*, or null. Deliberate: a thread that this class has
+        /// not made is entered in the registry with a null object, so the registry shows which threads have
+        /// come by.
         static Thread* ThreadPtr();
     };
 
@@ -76,7 +78,8 @@ public:
     /// before).
     int Join();
 
-    /// Sends a signal to the thread; throws "invalid pid" when it has ended and "invalid signal".
+    /// Sends a signal to the thread and returns 0. A thread that has ended and was not joined yet gets none,
+    /// which is no failure. Throws "invalid pid" once it was joined, and "invalid signal".
     int Signal(int signal);
 
     /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with an

@@ -12,9 +12,11 @@ class IUdpBufferAccept;
 
 /// Receives datagrams on a thread of its own, "UdpSocketThread", and hands each to an `IUdpBufferAccept`.
 ///
-/// *Thread-safe*, but for `Start`, `Stop` and destruction, which belong to the owner; the callback may call
+/// *Thread-safe*, except `Start`, `Stop` and destruction, which belong to the owner; the callback may call
 /// `Stop`, too. A stopped server can be started again. The port is bound so that others may bind it as well,
 /// see `UdpSocket`. A class derived from this one stops it in its own destructor.
+///
+/// No exception leaves the server's thread, also when memory is short.
 class ZARIP_EXPORT UdpServer : public Runnable {
 public:
     /// Bit of `options`: of the datagrams that wait only the newest is delivered. A sender that never pauses,
@@ -32,7 +34,7 @@ public:
     ~UdpServer() override;
 
     /// The receive loop; run by the thread that `Start` makes. A datagram that cannot be received, and what
-    /// the callback throws, is logged and the loop goes on; it ends when the socket has become unusable.
+    /// the callback throws, is logged and the loop continues. It ends when the socket has become unusable.
     /// Throws `Exception` "UdpServer::Run(): Server has not been started".
     void Run() override;
 

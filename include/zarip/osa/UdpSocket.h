@@ -9,7 +9,7 @@ namespace zarip::osa {
 /// A bound datagram socket. One that is bound to an IPv6 address receives IPv4 on the same port too, on every
 /// IPv4 address of the machine.
 ///
-/// *Thread-safe*, but for `OpenAndBindSocket`, `Close` and destruction, which no other operation may overlap.
+/// *Thread-safe*, except `OpenAndBindSocket`, `Close` and destruction, which no other operation may overlap.
 /// Time-outs are in whole seconds, 0xFFFFFFFF waits without limit and 0 does not wait. Failures throw
 /// `SocketException`; with `SocketGeneralError` where nothing else is said. Signals end no operation, and no
 /// descriptor is inherited by programs that the process starts.
@@ -29,8 +29,8 @@ public:
         unsigned short remotePort;
     };
 
-    /// Binds; port 0 takes a free one, see `GetLocalPort`. "::" falls back to "0.0.0.0" where there is no
-    /// IPv6. Throws "Invalid Address" (`SocketConfigError`), "Failed to create pipe" and what
+    /// Binds; port 0 takes a free one, see `GetLocalPort`. "::" falls back to "0.0.0.0" on a machine
+    /// without IPv6. Throws "Invalid Address" (`SocketConfigError`), "Failed to create pipe" and what
     /// `OpenAndBindSocket` throws.
     /// @param address  numeric, IPv4 or IPv6.
     /// @param reuse  whether others may bind the same port; for IPv6 they always may.
@@ -86,6 +86,7 @@ private:
     struct Impl;
 
     bool PauseAfterFailure() const;
+    bool ReceiveWaiting(unsigned char* buffer, unsigned int length, Info& info, unsigned int& received) const;
 
     std::unique_ptr<Impl> _impl;
 };

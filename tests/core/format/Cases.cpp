@@ -16,6 +16,9 @@ void Log(const zarip::core::Logger& log, const char* text, void* pointer, std::s
     static constexpr const char* kNamed = "named %s";
     log.Error("plain");
     log.Error("100 %%");
+#ifdef __clang__  // g++ refuses it with -Wpedantic, as ISO C++ does not know it
+    log.Error("%s: %m, %-20.5m", text);
+#endif
     log.Error(kNamed, text);
     log.Warning("%d %u %5x %c %i", 1, 2U, record.bits, 'x', kRed);
     log.Information("%s %-10.3s %.*s", text, array, 2, "abc");
@@ -46,6 +49,10 @@ void Log(const zarip::core::Logger& log, const char* text, void* pointer, std::s
     log.Error("%Q", 1);
 #elif CASE == 12
     log.Error(text);
+#elif CASE == 13
+    log.Error("format %m", 1);
+#elif CASE == 14
+    log.Error("%lm");
 #endif
     static_cast<void>(log), static_cast<void>(text), static_cast<void>(pointer), static_cast<void>(size);
     static_cast<void>(record), static_cast<void>(array);
