@@ -1,5 +1,7 @@
 #include "msgbus/MessageDispatcher.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <exception>
 #include <iterator>
@@ -108,6 +110,8 @@ bool MessageDispatcher::Run(Entry& entry, const MsgBusMsg& message, bool isSigna
     }
     try {
         entry.handler->HandleMessage(message, bus);
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit
     } catch (const std::exception& e) {
         Fail(message, isSignal, bus, e.what());
     } catch (...) {

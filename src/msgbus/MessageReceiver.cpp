@@ -1,5 +1,7 @@
 #include "msgbus/MessageReceiver.h"
 
+#include <cxxabi.h>
+
 #include <limits>
 
 #include "msgbus/DBusText.h"
@@ -22,6 +24,18 @@ constexpr Inbox::Limits kWhileNobodyListens = {kInboxMemory, 1000};
 constexpr std::size_t kLargeSignal = 64 * 1024;
 /// Each may hold sixteen descriptors, and a process has about a thousand.
 constexpr std::size_t kMaxWithDescriptors = 16;
+
+/// Sets a flag for the length of a scope.
+class Scope {
+public:
+    explicit Scope(bool& flag) : _flag(flag) { _flag = true; }
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+    ~Scope() { _flag = false; }
+
+private:
+    bool& _flag;
+};
 
 /// Answers a call that expects it with an error; does nothing for other messages.
 void Refuse(BusConnection& connection, DBusMessage* call, const char* error, const std::string& text) {
@@ -110,17 +124,18 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         return false;
     }
     const osa::MutexAutoLock lock(&_busMutex);
-    _isDispatching = true;
+    const Scope dispatching(_isDispatching);
     try {
         if (!DispatchMsg(message.Get())) {
             RefuseUnknown(connection, message.Get());
         }
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit
     } catch (const std::exception& e) {
         _logger->Error("Error handling incoming message: %s", e.what());
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "unknown");
     }
-    _isDispatching = false;
     return true;
 }
 

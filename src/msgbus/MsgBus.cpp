@@ -1,5 +1,7 @@
 #include "zarip/msgbus/MsgBus.h"
 
+#include <cxxabi.h>
+
 #include "msgbus/BusConnection.h"
 #include "msgbus/BusDaemon.h"
 #include "msgbus/ListenState.h"
@@ -70,6 +72,8 @@ public:
     void Stop() override;
 
 private:
+    class Listening;
+
     void Listen();
     void JoinListenThread() ZARIP_REQUIRES(_serverMutex);
 
@@ -242,20 +246,37 @@ void MsgBus::MsgBusImpl::JoinListenThread() {
     }
 }
 
+/// The calling thread is the listen thread for the length of a scope, which pthread_exit may end as well.
+class MsgBus::MsgBusImpl::Listening {
+public:
+    explicit Listening(MsgBusImpl& impl) : _impl(impl), _mark(&impl._state) {
+        _impl._logger->Debug("In MsgBus listen thread...");
+        _impl._connection.BeginListening();
+    }
+    Listening(const Listening&) = delete;
+    Listening& operator=(const Listening&) = delete;
+    ~Listening() {
+        _impl._logger->Debug("Listen loop exiting.");
+        _impl._connection.EndListening();
+        _impl._state.End();
+    }
+
+private:
+    MsgBusImpl& _impl;
+    const ListenState::OnThisThread _mark;
+};
+
 void MsgBus::MsgBusImpl::Run() {
-    const ListenState::OnThisThread mark(&_state);
-    _logger->Debug("In MsgBus listen thread...");
-    _connection.BeginListening();
+    const Listening listening(*this);
     try {
         Listen();
+    } catch (const abi::__forced_unwind&) {
+        throw;  // pthread_exit in a handler
     } catch (const std::exception& e) {
         _logger->Error("Run caught exception: %s", e.what());
     } catch (...) {
         _logger->Error("Run caught exception: %s", "unknown");
     }
-    _logger->Debug("Listen loop exiting.");
-    _connection.EndListening();
-    _state.End();
 }
 
 void MsgBus::MsgBusImpl::Listen() {

@@ -171,14 +171,15 @@ TEST_F(MsgBusLoadTest, TheFlowRecoversAsSoonAsAPausedBusReads) {
     receiver.StartServer();
     MsgBus sender;
     PrivateBus::Get().Freeze();
-    constexpr int kWhileFrozen = 20'000;  // more than a socket takes, less than an outbox
-    constexpr int kTotal = 60'000;
+    const string text(10'000, 'x');
+    constexpr int kWhileFrozen = 3'000;  // more than a socket takes, less than an outbox
+    constexpr int kTotal = 20'000;       // more than an outbox
     int refused = 0;
     for (int i = 0; i < kTotal; ++i) {
         if (i == kWhileFrozen) {
             PrivateBus::Get().Thaw();
         }
-        refused += ErrorOf([&] { Signal(sender, "Changed", "x"); }) == kNoException ? 0 : 1;
+        refused += ErrorOf([&] { Signal(sender, "Changed", text); }) == kNoException ? 0 : 1;
     }
     EXPECT_EQ(refused, 0);
     EXPECT_TRUE(WaitUntil([&] { return received == kTotal; }, std::chrono::seconds(60)));
@@ -506,6 +507,18 @@ TEST_F(MsgBusLoadTest, AHandlerMayDeleteItself) {
     EXPECT_EQ(ErrorOf([&] { Ask(client, kService, "Once", ""); }),
               "DBUS call org.camera.test::Once failed: from one that is gone");
     EXPECT_EQ(deletions, 1);
+}
+
+TEST_F(MsgBusLoadTest, AHandlerMayEndItsThreadAndTheConnectionLives) {
+    EchoService service;
+    FunctionHandler ending([](const MsgBusMsg&, IMsgBus&) { ::pthread_exit(nullptr); });
+    service.Handle("End", ending);
+    MsgBus client;
+    client.SendMsg(MsgBusRemoteMethod(kService, "End"));
+    EXPECT_TRUE(WaitUntil([&] { return !service.bus.IsRunning(); }));
+    service.bus.StartServer();
+    EXPECT_EQ(Ask(client, kService, "Echo", "again"), "again");
+    service.bus.UnregisterMessageHandler(&ending);
 }
 
 TEST_F(MsgBusLoadTest, ACollectionOfHandlersMayBeDeletedByOneOfThem) {

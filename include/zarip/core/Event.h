@@ -60,7 +60,7 @@ protected:
                 try {
                     delegate->Call(argument...);
                 } catch (const abi::__forced_unwind&) {
-                    --_depth;  // pthread_exit: the thread ends, the event stays usable
+                    --state->depth;  // pthread_exit: the thread ends, the event stays usable
                     throw;
                 } catch (...) {
                     if (!failure) {
