@@ -1,5 +1,7 @@
 #include "xml/XmlScanner.h"
 
+#include <cstring>
+
 #include "xml/XmlLimits.h"
 
 namespace zarip::xml {
@@ -8,6 +10,12 @@ namespace {
 
 bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80;
+}
+
+/// Where the character stands first between two places; the second of them where it does not.
+std::size_t FindFirst(std::string_view bytes, std::size_t begin, std::size_t end, char character) {
+    const void* const found = std::memchr(bytes.data() + begin, character, end - begin);
+    return found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data()) : end;
 }
 
 /// The length without a character in UTF-8 that is cut off at the end.
@@ -31,19 +39,23 @@ std::size_t XmlScanner::Scan(std::string_view bytes) {
 }
 
 std::size_t XmlScanner::ScanBytes(std::string_view bytes) {
+    const std::size_t zero = FindFirst(bytes, 0, bytes.size(), '\0');
     std::size_t whole = 0;
-    for (std::size_t at = 0; at < bytes.size() && _refusal == nullptr;) {
-        const std::size_t next = SkipPlain(bytes, at);
+    for (std::size_t at = 0; at < zero && _refusal == nullptr;) {
+        const std::size_t next = SkipPlain(bytes.substr(0, zero), at);
         if (IsInMarkup()) {
             Count(next - at);
         } else {
             whole = next;
         }
         at = next;
-        if (at < bytes.size() && _refusal == nullptr) {
+        if (at < zero && _refusal == nullptr) {
             Take(static_cast<unsigned char>(bytes[at++]));
             whole = IsInMarkup() || _refusal != nullptr ? whole : at;
         }
+    }
+    if (zero < bytes.size()) {
+        Refuse(kZeroByte);
     }
     return whole == bytes.size() ? WithoutHalfCharacter(bytes) : whole;
 }
@@ -67,36 +79,18 @@ std::size_t XmlScanner::ScanPairs(std::string_view bytes) {
 
 /// Where the next byte stands that means something in this state.
 std::size_t XmlScanner::SkipPlain(std::string_view bytes, std::size_t at) const {
-    using namespace std::string_view_literals;
-    const auto skipTo = [&](std::string_view some) {
-        while (at < bytes.size() && some.find(bytes[at]) == std::string_view::npos) {
-            ++at;
-        }
-        return at;
-    };
+    const auto skipTo = [&](std::size_t end, char c) { return FindFirst(bytes, at, end, c); };
+    const std::size_t size = bytes.size();
     switch (_state) {
         case kText:
-            while (at < bytes.size() && bytes[at] != '<' && bytes[at] != '&' && bytes[at] != '\0') {
-                ++at;
-            }
-            return at;
+            return skipTo(skipTo(size, '<'), '&');
         case kTag:
-            if (_quote != 0) {
-                const char quote = static_cast<char>(_quote);
-                while (at < bytes.size() && bytes[at] != quote && bytes[at] != '\0') {
-                    ++at;
-                }
-                return at;
-            }
-            while (at < bytes.size() && bytes[at] != '>' && bytes[at] != '"' && bytes[at] != '\'' &&
-                   bytes[at] != '\0') {
-                ++at;
-            }
-            return at;
+            return _quote != 0 ? skipTo(size, static_cast<char>(_quote))
+                               : skipTo(skipTo(skipTo(size, '>'), '"'), '\'');
         case kComment:
-            return _run == 0 ? skipTo("-\0"sv) : at;
+            return _run == 0 ? skipTo(size, '-') : at;
         case kCData:
-            return _run == 0 ? skipTo("]\0"sv) : at;
+            return _run == 0 ? skipTo(size, ']') : at;
         default:
             return at;
     }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 
+#include "cutil/utf8.h"
 #include "xml/XmlLimits.h"
 #include "zarip/xml/XmlException.h"
 
@@ -41,31 +42,12 @@ void InitializeXml() {
 
 namespace {
 
-constexpr unsigned int kNoCharacter = 0xFFFFFFFF;
-
-/// Takes the next character from text in UTF-8; `kNoCharacter` for what is not UTF-8 or XML cannot hold:
-/// longer forms than needed, surrogates (U+D800 to U+DFFF), U+FFFE and U+FFFF, control characters.
+/// Takes the next character; `cutil::kNoCharacter` for what is not UTF-8 and for what XML cannot hold:
+/// U+FFFE, U+FFFF and control characters.
 unsigned int TakeCharacter(std::string_view& text) {
-    const auto first = static_cast<unsigned char>(text[0]);
-    const std::size_t size = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-    if ((first >= 0x80 && first < 0xC2) || first > 0xF4 || size > text.size()) {
-        return kNoCharacter;
-    }
-    unsigned int code = size == 1 ? first : first & (0x7FU >> size);
-    for (std::size_t i = 1; i < size; ++i) {
-        const auto next = static_cast<unsigned char>(text[i]);
-        if ((next & 0xC0U) != 0x80) {
-            return kNoCharacter;
-        }
-        code = code << 6U | (next & 0x3FU);
-    }
+    const unsigned int code = cutil::utf8_take(text);
     const bool isControl = code < 0x20 && code != '\t' && code != '\n' && code != '\r';
-    if (isControl || (size == 3 && code < 0x800) || (size == 4 && (code < 0x10000 || code > 0x10FFFF)) ||
-        (code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF) {
-        return kNoCharacter;
-    }
-    text.remove_prefix(size);
-    return code;
+    return isControl || code == 0xFFFE || code == 0xFFFF ? cutil::kNoCharacter : code;
 }
 
 struct Range {
@@ -124,7 +106,7 @@ void CheckText(std::string_view text) {
         throw XmlException(kTooLongText);
     }
     while (!text.empty()) {
-        if (TakeCharacter(text) == kNoCharacter) {
+        if (TakeCharacter(text) == cutil::kNoCharacter) {
             throw XmlException("invalid text");
         }
     }
