@@ -1,6 +1,5 @@
 #include "zarip/crypto/DigestUtils.h"
 
-#include <cstddef>
 #include <string_view>
 
 #include "core/ReadBlocks.h"
@@ -11,18 +10,6 @@
 namespace zarip::crypto {
 
 namespace {
-
-/// A digest takes 32-bit lengths.
-constexpr std::size_t kBlock = std::size_t{1} << 30U;
-
-void Add(MD5& md5, std::string_view data) {
-    while (!data.empty()) {
-        const std::string_view block = data.substr(0, kBlock);
-        md5.Update(reinterpret_cast<const unsigned char*>(block.data()),
-                   static_cast<unsigned int>(block.size()));
-        data.remove_prefix(block.size());
-    }
-}
 
 std::string Finish(MD5& md5) {
     unsigned char digest[16];
@@ -39,13 +26,13 @@ bool AreEqual(const std::string& a, const std::string& b) {
 
 std::string DigestUtils::GenerateMd5(const std::string& data) {
     MD5 md5;
-    Add(md5, data);
+    md5.Update(data);
     return Finish(md5);
 }
 
 std::string DigestUtils::GenerateFileMd5(const std::string& path) {
     MD5 md5;
-    core::ReadFileBlocks(path, [&md5](std::string_view block) { Add(md5, block); });
+    core::ReadFileBlocks(path, [&md5](std::string_view block) { md5.Update(block); });
     return Finish(md5);
 }
 
