@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <limits>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -97,12 +98,20 @@ public:
 private:
     // Block k has room for 2^(k+1) elements, so none ever moves and an array of one is small. Elements after
     // the last one are `Null`.
+    using Block = std::unique_ptr<UnknownElement[]>;
+
     static std::size_t BlockOf(std::size_t index);
     static std::size_t FirstOf(std::size_t block) { return (std::size_t{2} << block) - 2; }
+    std::size_t CountBlocks() const {
+        return _more != nullptr ? _more->size() + 1 : _first != nullptr ? 1 : 0;
+    }
+    void AddBlock();
+    void RemoveBlock();
     UnknownElement& At(std::size_t index) const;
     void Cut(std::size_t size);
 
-    std::vector<std::unique_ptr<UnknownElement[]>> _blocks;
+    Block _first;
+    std::unique_ptr<std::vector<Block>> _more;  // the other blocks; null if there are none
     std::size_t _size = 0;
 };
 
@@ -292,10 +301,11 @@ inline Array::Array(const Array& other) {
 }
 
 inline Array::Array(Array&& other) noexcept
-    : _blocks(std::move(other._blocks)), _size(std::exchange(other._size, 0)) {}
+    : _first(std::move(other._first)), _more(std::move(other._more)), _size(std::exchange(other._size, 0)) {}
 
 inline Array& Array::operator=(Array other) noexcept {
-    _blocks.swap(other._blocks);
+    _first.swap(other._first);
+    _more.swap(other._more);
     std::swap(_size, other._size);
     return *this;
 }
@@ -336,8 +346,37 @@ inline std::size_t Array::BlockOf(std::size_t index) {
 }
 
 inline UnknownElement& Array::At(std::size_t index) const {
+    if (index < 2) {
+        return _first[index];
+    }
     const std::size_t block = BlockOf(index);
-    return _blocks[block][index - FirstOf(block)];
+    return (*_more)[block - 1][index - FirstOf(block)];
+}
+
+inline void Array::AddBlock() {
+    const std::size_t count = CountBlocks();
+    if (count == 0) {
+        _first.reset(new UnknownElement[2]);
+        return;
+    }
+    Block block(new UnknownElement[std::size_t{2} << count]);
+    if (_more == nullptr) {
+        auto more = std::make_unique<std::vector<Block>>();
+        more->push_back(std::move(block));
+        _more = std::move(more);
+    } else {
+        _more->push_back(std::move(block));
+    }
+}
+
+inline void Array::RemoveBlock() {
+    if (_more == nullptr) {
+        _first.reset();
+    } else if (_more->size() > 1) {
+        _more->pop_back();
+    } else {
+        _more.reset();
+    }
 }
 
 inline Array::iterator Array::Insert(UnknownElement element) {
@@ -363,9 +402,8 @@ inline void Array::Resize(std::size_t size) {
     if (size < _size) {
         Cut(size);
     }
-    while (size > FirstOf(_blocks.size())) {
-        _blocks.reserve(_blocks.size() + 1);
-        _blocks.emplace_back(new UnknownElement[std::size_t{2} << _blocks.size()]);
+    while (size > FirstOf(CountBlocks())) {
+        AddBlock();
     }
     _size = size;
 }
@@ -374,19 +412,18 @@ inline void Array::Cut(std::size_t size) {
     for (; _size > size; --_size) {
         At(_size - 1) = UnknownElement();
     }
-    while (!_blocks.empty() && FirstOf(_blocks.size() - 1) >= size) {
-        _blocks.pop_back();
+    for (std::size_t blocks = CountBlocks(); blocks != 0 && FirstOf(blocks - 1) >= size; --blocks) {
+        RemoveBlock();
     }
 }
 
 inline void Array::Clear() {
-    _blocks.clear();
-    _size = 0;
+    *this = Array();
 }
 
 inline UnknownElement& Array::operator[](std::size_t index) {
     if (index >= _size) {
-        if (index > _blocks.max_size()) {
+        if (index > std::numeric_limits<std::size_t>::max() / 4 / sizeof(UnknownElement)) {
             throw Exception("Array out of bounds");
         }
         Resize(index + 1);
