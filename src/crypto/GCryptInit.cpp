@@ -16,7 +16,8 @@ namespace {
 constexpr int kSecureBytes = 65'536;
 
 /// What libgcrypt has to say goes to the log; otherwise it would go to standard error.
-void Log(void* /*opaque*/, int /*level*/, const char* format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void Log(void* /*opaque*/, int /*level*/, const char* format,
+                                               va_list arguments) {
     char text[512];
     std::vsnprintf(text, sizeof text, format, arguments);
     core::Logger::GetLogger("libgcrypt")->Debug("%s", text);

@@ -32,8 +32,10 @@ bool IsText(XmlReader::NodeType type) {
 const XmlNodeQueue::Node XmlNodeQueue::_none;
 
 void XmlNodeQueue::Attach(xmlParserCtxt& parser) {
-    XmlVerdict::Attach(parser);
     xmlSAXHandler& handlers = *parser.sax;
+    handlers = {};  // those that would build a document
+    handlers.initialized = XML_SAX2_MAGIC;
+    XmlVerdict::Attach(parser);
     handlers.startElementNs = OnStart;
     handlers.endElementNs = OnEnd;
     handlers.characters = OnText;

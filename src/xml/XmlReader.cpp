@@ -26,7 +26,10 @@ constexpr std::size_t kFirstPiece = 4;  ///< what the encoding is told by
 constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES | XML_PARSE_NOENT;
 
 struct ParserDelete {
-    void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
+    void operator()(xmlParserCtxt* parser) const {
+        xmlFreeDoc(parser->myDoc);  // made for what was declared, even if nobody wants a document
+        xmlFreeParserCtxt(parser);
+    }
 };
 
 }  // namespace

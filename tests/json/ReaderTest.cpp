@@ -97,6 +97,8 @@ TEST(Reader, NumbersAreTheNearestDouble) {
               "[1,\"0e400\",-12.5,0]");
     EXPECT_EQ(Outcome("[0e400,01]"), "parse 0:8:8 0:9:9");
     EXPECT_EQ(Outcome("[0e400, 1e400]"), "scan 0:8:8");
+    EXPECT_NE(Outcome("0e400e40"), "read");
+    EXPECT_NE(Outcome("[0e999,1-999]"), "read");
 
     for (const std::string& tooBig : {std::string("1e400"), std::string("-1e309"), std::string("1.8e308"),
                                       std::string("1e99999999999999999999"), "1" + Repeat("0", 400),

@@ -338,11 +338,7 @@ inline Array::const_iterator Array::end() const {
 }
 
 inline std::size_t Array::BlockOf(std::size_t index) {
-    std::size_t block = 0;
-    for (index = index / 2 + 1; index > 1; index /= 2) {
-        ++block;
-    }
-    return block;
+    return 63U - static_cast<std::size_t>(__builtin_clzll(index / 2 + 1));
 }
 
 inline UnknownElement& Array::At(std::size_t index) const {

@@ -140,14 +140,20 @@ private:
             }
             _shown = _text;
             for (std::size_t at = 0; at < _text.size();) {
-                const std::size_t end = _text[at] == '"' ? FindTokenEnd(at) : FindNumberEnd(at);
+                const bool isNumber = _text[at] == '-' || (_text[at] >= '0' && _text[at] <= '9');
+                const std::size_t end = _text[at] == '"' ? FindTokenEnd(at)
+                                        : isNumber       ? _text.find_first_not_of("0123456789+-.eE", at)
+                                                         : at + 1;
+                const std::size_t next = std::min(end, _text.size());
                 double value = 0.0;
-                if (_text[at] != '"' && end - at > 2 && detail::ToDouble(_text.substr(at, end - at), value)) {
+                // What only begins as a number, such as 0e400e1, must stay as broken as it is.
+                if (isNumber && next - at > 2 && FindNumberEnd(at) == next &&
+                    detail::ToDouble(_text.substr(at, next - at), value)) {
                     _replaced[at] = value;
-                    std::fill(&_shown[at], &_shown[end], '0');
+                    std::fill(&_shown[at], &_shown[next], '0');
                     _shown[at + 1] = '.';
                 }
-                at = std::max(at + 1, end);
+                at = next;
             }
             _begin = _shown.data();
             _at = _begin;
@@ -212,7 +218,9 @@ private:
             }
             if (skip("eE")) {
                 skip("+-");
-                return skipDigits() ? at : begin;
+                if (!skipDigits()) {
+                    return begin;
+                }
             }
             return at;
         }
