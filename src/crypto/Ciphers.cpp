@@ -297,7 +297,7 @@ std::string Cipher::Update(std::string_view data) {
     });
 }
 
-std::string Cipher::DoFinal() {
+std::string Cipher::Finish() {
     return Written(GetBlockSize(),
                    [this](unsigned char* out, unsigned int size) { return DoFinal(out, size); });
 }

@@ -20,7 +20,7 @@ void Digest::Update(std::string_view data) {
     }
 }
 
-std::string Digest::DoFinal() {
+std::string Digest::Finish() {
     std::string digest(GetDigestSize(), '\0');
     DoFinal(reinterpret_cast<unsigned char*>(digest.data()), static_cast<unsigned int>(digest.size()));
     return digest;

@@ -75,7 +75,7 @@ bool Hmac::Verify(const unsigned char* expected, unsigned int length) {
 }
 
 bool Hmac::Verify(std::string_view expected) {
-    const std::string digest = DoFinal();
+    const std::string digest = Finish();
     return expected.size() == digest.size() &&
            CryptoUtils::AreEqual(digest.data(), expected.data(), static_cast<unsigned int>(digest.size()));
 }

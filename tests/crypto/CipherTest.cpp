@@ -417,11 +417,11 @@ TEST(CipherTest, StringsGoInAndComeOut) {
     cipher.Init(Cipher::kEncrypt, buffer, vector);
     std::string secret = cipher.Update("four");
     secret += cipher.Update(std::string(30, 'x'));
-    secret += cipher.DoFinal();
+    secret += cipher.Finish();
     EXPECT_EQ(secret.size(), 48U);
     cipher.Init(Cipher::kDecrypt, buffer, vector);
     std::string plain = cipher.Update(secret);
-    plain += cipher.DoFinal();
+    plain += cipher.Finish();
     EXPECT_EQ(plain, "four" + std::string(30, 'x'));
     cipher.Reset();
     EXPECT_EQ(CryptoErrorOf([&] { cipher.Reset("short"); }), "invalid vector length");

@@ -113,7 +113,7 @@ TEST(HmacTest, KeyedDigestsAreThePublishedOnes) {
         }
         digest->Update("Hi ");
         digest->Update(std::string("There"));
-        EXPECT_EQ(ToHex(ToBytes(digest->DoFinal())), expected);
+        EXPECT_EQ(ToHex(ToBytes(digest->Finish())), expected);
     }
     HmacSHA256 hashed(longKey.data(), SizeOf(longKey));
     const Bytes message = ToBytes("Test Using Larger Than Block-Size Key - Hash Key First");
@@ -138,7 +138,7 @@ TEST(HmacTest, KeyedDigestsAreThePublishedOnes) {
     EXPECT_FALSE(checked.Verify(nullptr, 32));
     HmacSHA512 secret(SecureBuffer(key.data(), SizeOf(key)));
     secret.Update("Hi There");
-    EXPECT_EQ(ToHex(ToBytes(secret.DoFinal())), rows[2].second);
+    EXPECT_EQ(ToHex(ToBytes(secret.Finish())), rows[2].second);
 }
 
 TEST(CryptoUtilsTest, BytesAreComparedAndMadeAtRandom) {

@@ -74,12 +74,12 @@ public:
     /// these two the message has ended.
     virtual unsigned int DoFinal(unsigned char* out, unsigned int size) = 0;
 
-    /// The same for strings of bytes. What was decrypted is not wiped when a string ends: for secrets take
-    /// the functions above and a `SecureBuffer`.
+    /// The same for strings of bytes; `Finish` is `DoFinal` and returns the rest. What was decrypted is not
+    /// wiped when a string ends: for secrets take the functions above and a `SecureBuffer`.
     void Init(Direction direction, const SecureBuffer& key, std::string_view vector = {});
     void Reset(std::string_view vector);
     std::string Update(std::string_view data);
-    std::string DoFinal();
+    std::string Finish();
 };
 
 struct CipherFamily;
@@ -90,7 +90,6 @@ class ZARIP_EXPORT GCryptCipher : public Cipher {
 public:
     ~GCryptCipher() override;
 
-    using Cipher::DoFinal;
     using Cipher::Init;
     using Cipher::Reset;
     using Cipher::Update;

@@ -36,9 +36,10 @@ public:
     /// Throws `CryptoException`: "null output buffer", or "invalid buffer length" for one that is too small.
     virtual void DoFinal(unsigned char* out, unsigned int length) = 0;
 
-    /// The same for strings of bytes; the digest is `GetDigestSize()` bytes, not hexadecimal digits.
+    /// The same for strings of bytes. `Finish` is `DoFinal` and returns the digest: `GetDigestSize()` bytes,
+    /// not hexadecimal digits.
     void Update(std::string_view data);
-    std::string DoFinal();
+    std::string Finish();
 };
 
 /// A digest of libgcrypt.
@@ -56,7 +57,6 @@ public:
     GCryptDigest& operator=(const GCryptDigest& other);
     ~GCryptDigest() override;
 
-    using Digest::DoFinal;
     using Digest::Update;
     const char* GetAlgorithmName() const override;
     unsigned int GetDigestSize() const override;

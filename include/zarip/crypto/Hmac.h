@@ -28,7 +28,6 @@ public:
     void Update(unsigned char byte) override;
     void Update(const unsigned char* data, unsigned int length) override;
     void DoFinal(unsigned char* out, unsigned int length) override;
-    using Digest::DoFinal;
     using Digest::Update;
 
     /// Ends the message as `DoFinal` does; whether its digest is this one, all of it. The time it takes does
