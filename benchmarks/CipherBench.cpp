@@ -61,7 +61,7 @@ void Compare(const Contest& contest, Cipher::Direction direction, std::size_t si
         "zarip::crypto",
         [&] {
             for (std::size_t i = 0; i < repeats; ++i) {
-                contest.cipher.Reset();
+                contest.cipher.Reset(vector.data(), vectorLength);
                 contest.cipher.Update(data.data(), length, out.data(), length);
                 contest.cipher.DoFinal(nullptr, 0);
                 bench::Keep(out[0]);

@@ -28,10 +28,10 @@
 #include <unistd.h>
 
 #include <cajun/json/elements.h>
-#include <cajun/json/reader.h>
 #include <cajun/json/writer.h>
 
 #include <zarip/core/IniFile.h>
+#include <zarip/core/JsonUtils.h>
 #include <zarip/core/Logger.h>
 #include <zarip/core/StringUtil.h>
 #include <zarip/interfaces/INetworkingV2Provider.h>
@@ -58,6 +58,7 @@
 namespace {
 
 using zarip::core::IniFile;
+using zarip::core::JsonUtils;
 using zarip::core::StringUtil;
 using zarip::interfaces::INetworkingV2Provider;
 using zarip::osa::Exception;
@@ -206,13 +207,6 @@ std::string ToJson(const Element& element) {
     return text.str();
 }
 
-json::Object Parse(const std::string& text) {
-    std::istringstream stream(text);
-    json::Object object;
-    json::Reader::Read(object, stream);
-    return object;
-}
-
 // The service -----------------------------------------------------------------------------------------------
 
 class NetworkingService final : public INetworkingV2Provider {
@@ -221,7 +215,7 @@ public:
 
     std::string Get(const std::string& query) override {
         try {
-            const json::Object request = Parse(query);
+            const json::Object request = JsonUtils::ParseObject(query);
             const json::Array& names = request["settings"];
             const auto actual = GetActual();
             json::Object answer;
@@ -245,7 +239,7 @@ public:
 
     std::string Set(const std::string& settings) override {
         try {
-            const json::Object wanted = Parse(settings);
+            const json::Object wanted = JsonUtils::ParseObject(settings);
             IniFile changed = _ini;
             for (const json::Object::Member& member : wanted) {
                 const std::string& value = static_cast<const json::String&>(member.element).Value();

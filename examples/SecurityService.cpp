@@ -7,12 +7,13 @@
 // none. GetPassphrases gives names. The file holds passwords as salted digests and pass phrases as they are,
 // so it is readable by its owner only.
 
-#include <gcrypt.h>
 #include <sys/stat.h>
 
 #include <zarip/core/IniFile.h>
 #include <zarip/core/Logger.h>
 #include <zarip/core/StringUtil.h>
+#include <zarip/crypto/CryptoUtils.h>
+#include <zarip/crypto/SecureBuffer.h>
 #include <zarip/interfaces/ISecurityProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
@@ -35,6 +36,8 @@ namespace {
 using zarip::core::IniFile;
 using zarip::core::Logger;
 using zarip::core::StringUtil;
+using zarip::crypto::CryptoUtils;
+using zarip::crypto::SecureBuffer;
 using zarip::interfaces::ISecurityProvider;
 using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
@@ -54,7 +57,7 @@ constexpr std::size_t kMinPassword = 8;
 constexpr std::size_t kMaxText = 256;
 constexpr std::size_t kMaxUsersInCall = 16;  // a digest takes its time on purpose
 constexpr std::size_t kMaxSessions = 1000;
-constexpr unsigned long kIterations = 20'000;
+constexpr unsigned int kIterations = 20'000;
 
 std::string ToHex(const unsigned char* bytes, std::size_t count) {
     std::string text;
@@ -67,26 +70,22 @@ std::string ToHex(const unsigned char* bytes, std::size_t count) {
 
 std::string Random() {
     unsigned char bytes[16];
-    gcry_randomize(bytes, sizeof bytes, GCRY_STRONG_RANDOM);
+    CryptoUtils::Randomize(bytes, sizeof bytes);
     return ToHex(bytes, sizeof bytes);
 }
 
-std::string Digest(const std::string& password, const std::string& salt, unsigned long iterations) {
-    unsigned char bytes[32];
-    if (gcry_kdf_derive(password.data(), password.size(), GCRY_KDF_PBKDF2, GCRY_MD_SHA256, salt.data(),
-                        salt.size(), iterations, sizeof bytes, bytes) != 0) {
-        throw zarip::osa::Exception("The digest of a password cannot be made");
-    }
-    return ToHex(bytes, sizeof bytes);
+/// Of the file's own number of iterations, which an administrator may have made smaller.
+std::string Digest(const std::string& password, const std::string& salt, unsigned int iterations) {
+    const SecureBuffer digest =
+        CryptoUtils::DeriveWeakKey(password.data(), static_cast<unsigned int>(password.size()), salt.data(),
+                                   static_cast<unsigned int>(salt.size()), iterations, 32);
+    return ToHex(digest.GetData(), digest.GetSize());
 }
 
 /// Takes the same time wherever the texts differ.
 bool AreEqual(const std::string& a, const std::string& b) {
-    unsigned int difference = a.size() != b.size();
-    for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
-        difference |= static_cast<unsigned char>(a[i]) ^ static_cast<unsigned char>(b[i]);
-    }
-    return difference == 0;
+    return a.size() == b.size() &&
+           CryptoUtils::AreEqual(a.data(), b.data(), static_cast<unsigned int>(a.size()));
 }
 
 /// Whether a text may be a key of the file: nothing in it has a meaning there, in our lists or in a log.
@@ -276,7 +275,7 @@ private:
     /// As in the file: "role iterations salt digest".
     struct User {
         std::string role;
-        unsigned long iterations = kIterations;
+        unsigned int iterations = kIterations;
         std::string salt = "-";
         std::string digest = "-";
     };
@@ -432,8 +431,6 @@ int main(int argc, char** argv) {
     try {
         const WaitForStop stop;
         ::umask(077);
-        gcry_check_version(nullptr);
-        gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
 
         SecurityService service(argv[1]);
         zarip::msgbus::MsgBus bus;

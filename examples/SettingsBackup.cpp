@@ -6,7 +6,7 @@
 //
 // The pass phrase is the first line of the file, or of standard input. Nothing is written when it is wrong or
 // the archive was changed. Files keep the folders in their names, but never leave the folder they are
-// restored to.
+// restored to. "saved" and "restored" are printed when the disk has it all.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -14,9 +14,13 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/Fd.h"
@@ -84,6 +88,7 @@ SecureBuffer ReadLine(int fd) {
         // Byte by byte and straight into the buffer: no other one keeps a copy.
         unsigned char* const next = line.GetData() + length;
         if (Check(static_cast<int>(::read(fd, next, 1)), "read") == 0 || *next == '\n') {
+            length -= length > 0 && next[-1] == '\r' ? 1 : 0;  // a file that was written on another system
             line.Shrink(length);
             if (length == 0) {
                 throw Exception("the pass phrase is empty");
@@ -117,65 +122,25 @@ std::string ReadFile(const std::string& path) {
     return content;
 }
 
-/// A file that takes the place of an older one only when it is whole. An attempt that is interrupted leaves
-/// ".settings-backup-...".
-class NewFile {
-public:
-    /// @param folder  not owned, or AT_FDCWD
-    NewFile(int folder, const std::string& name, const std::string& content) : _folder(folder), _name(name) {
-        const Fd file(Check(Open(), name.c_str()));
-        try {
-            for (std::size_t at = 0; at < content.size();) {
-                at += static_cast<std::size_t>(
-                    Check(static_cast<int>(::write(file.Get(), content.data() + at, content.size() - at)),
-                          name.c_str()));
-            }
-            Check(::fsync(file.Get()), name.c_str());
-        } catch (...) {
-            ::unlinkat(_folder, _temporary.c_str(), 0);
-            throw;
-        }
+/// Has the disk keep the entries of a folder; some file systems do that by themselves and know no such call.
+void Synchronise(int folder, const std::string& name) {
+    if (::fsync(folder) != 0 && errno != EINVAL) {
+        Check(-1, name.c_str());
     }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-    ~NewFile() {
-        if (!_isPut) {
-            ::unlinkat(_folder, _temporary.c_str(), 0);
-        }
-    }
+}
 
-    void Put() {
-        Check(::renameat(_folder, _temporary.c_str(), _folder, _name.c_str()), _name.c_str());
-        _isPut = true;
-    }
-
-private:
-    /// Opens one that nobody has, neither among the files to be written nor beside them.
-    int Open() {
-        static unsigned int s_count = 0;
-        const std::string stem = Split(_name).first + ".settings-backup-" + std::to_string(::getpid()) + "-";
-        int fd = -1;
-        do {
-            _temporary = stem + std::to_string(s_count++);
-            fd = ::openat(_folder, _temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        } while (fd < 0 && errno == EEXIST);
-        return fd;
-    }
-
-    const int _folder;
-    const std::string _name;
-    std::string _temporary;
-    bool _isPut = false;
-};
+using FolderPtr = std::unique_ptr<Fd>;
 
 /// Opens what is in a folder step by step, and makes what is missing; a symbolic link on the way ends it.
-std::unique_ptr<Fd> OpenFolder(int root, const std::string& path) {
+FolderPtr OpenFolder(int root, const std::string& path) {
     auto folder =
         std::make_unique<Fd>(Check(::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), "open"));
     for (std::size_t begin = 0; begin < path.size();) {
         const std::size_t end = path.find('/', begin);
         const std::string part = path.substr(begin, end - begin);
-        if (::mkdirat(folder->Get(), part.c_str(), 0700) != 0 && errno != EEXIST) {
+        if (::mkdirat(folder->Get(), part.c_str(), 0700) == 0) {
+            Synchronise(folder->Get(), part);
+        } else if (errno != EEXIST) {
             Check(-1, part.c_str());
         }
         folder = std::make_unique<Fd>(
@@ -186,34 +151,116 @@ std::unique_ptr<Fd> OpenFolder(int root, const std::string& path) {
     return folder;
 }
 
+/// A file that takes the place of an older one only when it is whole. It is open only while it is written, so
+/// there may be any number of them. An attempt that is interrupted leaves ".settings-backup-...".
+class NewFile {
+public:
+    using Open = std::function<FolderPtr()>;
+
+    /// @param openFolder  opens the folder of the file, whenever it is needed
+    NewFile(Open openFolder, std::string name, const std::string& content)
+        : _openFolder(std::move(openFolder)), _name(std::move(name)) {
+        const FolderPtr folder = _openFolder();
+        const Fd file(Check(Make(folder->Get()), _name.c_str()));
+        try {
+            for (std::size_t at = 0; at < content.size();) {
+                at += static_cast<std::size_t>(
+                    Check(static_cast<int>(::write(file.Get(), content.data() + at, content.size() - at)),
+                          _name.c_str()));
+            }
+            Check(::fsync(file.Get()), _name.c_str());
+        } catch (...) {
+            ::unlinkat(folder->Get(), _temporary.c_str(), 0);
+            throw;
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile() {
+        try {
+            if (!_isPut) {
+                ::unlinkat(_openFolder()->Get(), _temporary.c_str(), 0);
+            }
+        } catch (const Exception&) {
+            // The folder is gone, and the file with it.
+        }
+    }
+
+    void Put() {
+        const FolderPtr folder = _openFolder();
+        Check(::renameat(folder->Get(), _temporary.c_str(), folder->Get(), _name.c_str()), _name.c_str());
+        _isPut = true;
+        Synchronise(folder->Get(), _name);
+    }
+
+private:
+    /// Opens one that nobody has, neither among the files to be written nor beside them.
+    int Make(int folder) {
+        static unsigned int s_count = 0;
+        const std::string stem = ".settings-backup-" + std::to_string(::getpid()) + "-";
+        int fd = -1;
+        do {
+            _temporary = stem + std::to_string(s_count++);
+            fd = ::openat(folder, _temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        } while (fd < 0 && errno == EEXIST);
+        return fd;
+    }
+
+    const Open _openFolder;
+    const std::string _name;
+    std::string _temporary;
+    bool _isPut = false;
+};
+
+/// A folder by its path; the current one for none.
+FolderPtr OpenPath(const std::string& path) {
+    return std::make_unique<Fd>(
+        Check(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path.c_str()));
+}
+
+/// The name of a file in the archive: relative, and without parts that mean nothing ("", ".").
+std::string NameOf(const std::string& path) {
+    std::string name;
+    for (std::size_t begin = 0; begin < path.size();) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string part = path.substr(begin, end - begin);
+        if (!part.empty() && part != ".") {
+            name += (name.empty() ? "" : "/") + part;
+        }
+        begin = end + 1;
+    }
+    return name;
+}
+
 void Save(const char* archive, char** paths, const SecureBuffer& passPhrase) {
     Files files;
     for (; *paths != nullptr; ++paths) {
-        std::string name = *paths;
-        name.erase(0, name.find_first_not_of('/'));
-        while (name.compare(0, 2, "./") == 0) {
-            name.erase(0, 2);
-        }
+        const std::string name = NameOf(*paths);
         if (!files.emplace(name, ReadFile(*paths)).second) {
             throw Exception(name + ": given twice");
         }
     }
-    NewFile(AT_FDCWD, archive, settings_archive::Seal(files, passPhrase)).Put();
+    const auto [folder, name] = Split(archive);
+    NewFile([path = folder] { return OpenPath(path); }, name, settings_archive::Seal(files, passPhrase))
+        .Put();
     std::printf("%zu saved\n", files.size());
 }
 
 void Restore(const Files& files, const char* folder) {
-    if (::mkdir(folder, 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(folder, 0700) == 0) {
+        const std::string path = folder;
+        const std::string parent = Split(path.substr(0, path.find_last_not_of('/') + 1)).first;
+        Synchronise(OpenPath(parent)->Get(), parent);
+    } else if (errno != EEXIST) {
         Check(-1, folder);
     }
-    const Fd root(Check(::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC), folder));
+    const FolderPtr root = OpenPath(folder);
     // All are written before the first one takes its place.
-    std::vector<std::unique_ptr<Fd>> folders;
     std::vector<std::unique_ptr<NewFile>> restored;
     for (const auto& [path, content] : files) {
         const auto [inside, name] = Split(path);
-        folders.push_back(OpenFolder(root.Get(), inside));
-        restored.push_back(std::make_unique<NewFile>(folders.back()->Get(), name, content));
+        restored.push_back(std::make_unique<NewFile>(
+            [&root, path = inside] { return OpenFolder(root->Get(), path); }, name, content));
     }
     for (const auto& file : restored) {
         file->Put();

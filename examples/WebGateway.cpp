@@ -27,11 +27,11 @@
 // session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
 
 #include <cajun/json/elements.h>
-#include <cajun/json/reader.h>
 #include <cajun/json/writer.h>
 
 #include <zarip/core/Delegate.h>
 #include <zarip/core/IniFile.h>
+#include <zarip/core/JsonUtils.h>
 #include <zarip/core/Logger.h>
 #include <zarip/core/StringUtil.h>
 #include <zarip/inet/HttpRequest.h>
@@ -69,6 +69,7 @@
 
 namespace {
 
+using zarip::core::JsonUtils;
 using zarip::core::StringUtil;
 using zarip::inet::HttpRequest;
 using zarip::inet::HttpResponse;
@@ -92,14 +93,6 @@ std::string ToJson(const Element& element) {
 
 std::string Quote(const std::string& text) {
     return ToJson(json::String(text));
-}
-
-template <class Element>
-Element Parse(const std::string& text) {
-    std::istringstream stream(text);
-    Element element;
-    json::Reader::Read(element, stream);
-    return element;
 }
 
 std::string Now() {
@@ -507,7 +500,7 @@ json::Object NetworkOf(const Services& services) {
     constexpr const char* query =
         R"({"settings":["[System]Hostname","[IPv4/Actual]Address","[IPv6/Actual]Addresses",)"
         R"("[NIC/eth0]EUI64","[NIC/eth0]MTU"]})";
-    return Parse<json::Object>(services.network->Get(query));
+    return JsonUtils::ParseObject(services.network->Get(query));
 }
 
 json::Object ViewersOf(const Services& services) {
@@ -543,7 +536,7 @@ json::Object RegistrationOf(const Services& services) {
 }
 
 json::Array ServicesOf(const Services& services) {
-    return Parse<json::Array>(services.directory->GetAllServices());
+    return JsonUtils::ParseArray(services.directory->GetAllServices());
 }
 
 void CameraStatus(Camera& camera, const HttpRequest& request, HttpResponse& response) {

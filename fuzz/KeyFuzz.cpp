@@ -54,8 +54,8 @@ void TryPublic(const std::string& text) {
 
 void TryPrivate(const std::string& text) {
     try {
-        const RsaPrivateKey key =
-            KeyFactory::LoadPrivateKey(text.data(), static_cast<unsigned int>(text.size()));
+        const RsaPrivateKey key = KeyFactory::LoadPrivateKey(
+            SecureBuffer(text.data(), static_cast<unsigned int>(text.size())), SecureBuffer("horse", 5));
         for (const KeyFactory::Format format : kFormats) {
             const SecureBuffer saved = KeyFactory::SavePrivateKey(key, format);
             Check(ToText(KeyFactory::SavePrivateKey(KeyFactory::LoadPrivateKey(saved), format)) ==
@@ -83,6 +83,7 @@ void Key(const std::string& input) {
     TryPublic(Wrap("PUBLIC KEY", input));
     TryPrivate(Wrap("RSA PRIVATE KEY", input));
     TryPrivate(Wrap("PRIVATE KEY", input));
+    TryPrivate(Wrap("ENCRYPTED PRIVATE KEY", input));
 }
 
 }  // namespace fuzz

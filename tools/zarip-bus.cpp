@@ -1,11 +1,8 @@
 // Looks at the services on the bus and calls them: see kUsage.
 
 #include <cajun/json/elements.h>
-#include <cajun/json/reader.h>
 #include <cajun/json/writer.h>
 #include <dbus/dbus.h>
-#include <libxml/parser.h>
-#include <libxml/tree.h>
 
 #include <zarip/core/Delegate.h>
 #include <zarip/core/JsonUtils.h>
@@ -20,6 +17,8 @@
 #include <zarip/osa/DateTime.h>
 #include <zarip/osa/LockException.h>
 #include <zarip/osa/Semaphore.h>
+#include <zarip/xml/XmlDocument.h>
+#include <zarip/xml/XmlException.h>
 
 #include <algorithm>
 #include <charconv>
@@ -40,6 +39,7 @@ namespace {
 using namespace zarip;
 using msgbus::MsgBus;
 using msgbus::MsgBusMsg;
+using xml::XmlElement;
 using Strings = std::vector<std::string>;
 
 constexpr char kUsage[] = R"(usage: zarip-bus [OPTION]... COMMAND [ARGUMENT]...
@@ -202,33 +202,35 @@ struct Member {
     std::vector<Argument> out;
 };
 
-std::string Attribute(xmlNode* node, const char* name) {
-    const std::unique_ptr<xmlChar, decltype(xmlFree)> value(
-        xmlGetProp(node, reinterpret_cast<const xmlChar*>(name)), xmlFree);
-    return value ? reinterpret_cast<const char*>(value.get()) : "";
+Member ReadMember(XmlElement element, bool isSignal) {
+    Member member{element.GetAttributeOr("name", ""), isSignal, false, {}, {}};
+    for (const XmlElement argument : element.GetChildren("arg")) {
+        const bool isOut = isSignal || argument.GetAttributeOr("direction", "") == "out";
+        (isOut ? member.out : member.in)
+            .push_back({argument.GetAttributeOr("name", ""), argument.GetAttributeOr("type", "")});
+    }
+    for (const XmlElement annotation : element.GetChildren("annotation")) {
+        member.isOneWay |= annotation.GetAttributeOr("name", "") == "org.freedesktop.DBus.Method.NoReply" &&
+                           annotation.GetAttributeOr("value", "") == "true";
+    }
+    return member;
 }
 
-template <class Visit>
-void ForEachChild(xmlNode* node, const char* element, Visit visit) {
-    for (xmlNode* child = node->children; child != nullptr; child = child->next) {
-        if (child->type == XML_ELEMENT_NODE &&
-            xmlStrEqual(child->name, reinterpret_cast<const xmlChar*>(element)) != 0) {
-            visit(child);
+/// The members of one interface in the description of a service.
+std::vector<Member> ReadInterface(const xml::XmlDocument& description, const std::string& name) {
+    std::vector<Member> members;
+    for (const XmlElement interface : description.GetRoot().GetChildren("interface")) {
+        if (interface.GetAttributeOr("name", "") != name) {
+            continue;
+        }
+        for (const XmlElement method : interface.GetChildren("method")) {
+            members.push_back(ReadMember(method, false));
+        }
+        for (const XmlElement signal : interface.GetChildren("signal")) {
+            members.push_back(ReadMember(signal, true));
         }
     }
-}
-
-Member ReadMember(xmlNode* node, bool isSignal) {
-    Member member{Attribute(node, "name"), isSignal, false, {}, {}};
-    ForEachChild(node, "arg", [&](xmlNode* arg) {
-        const bool isOut = isSignal || Attribute(arg, "direction") == "out";
-        (isOut ? member.out : member.in).push_back({Attribute(arg, "name"), Attribute(arg, "type")});
-    });
-    ForEachChild(node, "annotation", [&](xmlNode* annotation) {
-        member.isOneWay |= Attribute(annotation, "name") == "org.freedesktop.DBus.Method.NoReply" &&
-                           Attribute(annotation, "value") == "true";
-    });
-    return member;
+    return members;
 }
 
 msgbus::MsgBusObjectSelector Selector(const std::string& service, const std::string& interface) {
@@ -245,21 +247,11 @@ std::vector<Member> ReadMembers(MsgBus& bus, const std::string& service, int tim
     const msgbus::MsgBusRemoteMethod message(object, "Introspect");
     std::string text;
     msgbus::MsgBusMsgArgumentReader(*Send(bus, message, timeoutMs)) >> text;
-    constexpr int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-    const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
-        xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options), xmlFreeDoc);
-    if (!document) {
-        throw Failure(kFailed, service + " describes itself in what is not XML");
+    try {
+        return ReadInterface(xml::XmlDocument::Parse(text), service);
+    } catch (const xml::XmlException& e) {
+        throw Failure(kFailed, service + " describes itself in what is not XML: " + e.ToString());
     }
-    std::vector<Member> members;
-    ForEachChild(xmlDocGetRootElement(document.get()), "interface", [&](xmlNode* interface) {
-        if (Attribute(interface, "name") != service) {
-            return;
-        }
-        ForEachChild(interface, "method", [&](xmlNode* node) { members.push_back(ReadMember(node, false)); });
-        ForEachChild(interface, "signal", [&](xmlNode* node) { members.push_back(ReadMember(node, true)); });
-    });
-    return members;
 }
 
 std::string TypeText(const std::string& type) {
@@ -324,10 +316,7 @@ bool ParseBool(const std::string& text, const std::string& type) {
 
 Strings ParseList(const std::string& text, const std::string& type) {
     try {
-        std::istringstream stream(text);
-        json::Array array;
-        json::Reader::Read(array, stream);
-        return core::JsonUtils::AsStringVector(array);
+        return core::JsonUtils::AsStringVector(core::JsonUtils::ParseArray(text));
     } catch (const json::Exception&) {
         RefuseArgument(text, type);
     }
@@ -393,10 +382,8 @@ struct PlainPrinter final : core::JsonUtils::ConstVisitor {
 };
 
 void PrintResults(const std::string& results) {
-    std::istringstream stream(results);
-    json::Array array;
-    json::Reader::Read(array, stream);
     PlainPrinter printer;
+    const json::Array array = core::JsonUtils::ParseArray(results);
     for (const json::UnknownElement& result : array) {
         result.Accept(printer);
     }

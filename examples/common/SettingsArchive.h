@@ -1,26 +1,31 @@
 #pragma once
 
+#include <zarip/crypto/AuthenticatedCipher.h>
 #include <zarip/crypto/Ciphers.h>
+#include <zarip/crypto/CryptoException.h>
 #include <zarip/crypto/CryptoUtils.h>
 #include <zarip/crypto/Hmac.h>
 #include <zarip/osa/Exception.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <string>
 
 /// Files in one piece, which only those who know a pass phrase can read or change.
 ///
-///     "ZARIPBAK"  version  iterations  salt  counter  | names and contents, encrypted | check
-///      8 bytes    4        4           16    16                                        32
+///     "ZARIPBAK"  version  iterations  salt | names and contents, sealed
+///      8 bytes    4        4           16
 ///
 /// Numbers have four bytes, the most significant first. PBKDF2 makes a key of the pass phrase and the salt,
-/// and HMAC-SHA256 makes two of that: one for AES-256 in counter mode, one for the check, which is
-/// HMAC-SHA256 of all that stands before it. Nothing is decrypted unless the check is right.
+/// and `AuthenticatedCipher` with ChaCha20-Poly1305 seals the rest, with all that stands before it as
+/// associated data.
+///
+/// Archives of version 1 are still read: AES-256 in counter mode, then HMAC-SHA256 of all that stands before
+/// it.
 namespace settings_archive {
 
+using zarip::crypto::AuthenticatedCipher;
 using zarip::crypto::CryptoUtils;
 using zarip::crypto::SecureBuffer;
 using zarip::osa::Exception;
@@ -28,20 +33,17 @@ using zarip::osa::Exception;
 using Files = std::map<std::string, std::string>;  ///< contents by name
 
 constexpr char kMagic[] = "ZARIPBAK";
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kOldVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr std::uint32_t kIterations = 200'000;
 // What comes from a file is believed only so far: fewer are no protection, more only keep the device busy.
 constexpr std::uint32_t kMinIterations = 10'000;
 constexpr std::uint32_t kMaxIterations = 5'000'000;
 constexpr std::size_t kSaltAt = 16;
-constexpr std::size_t kCounterAt = 32;
-constexpr std::size_t kHeader = 48;
-constexpr std::size_t kCheck = 32;
+constexpr std::size_t kSaltSize = 16;
+constexpr std::size_t kHeader = kSaltAt + kSaltSize;
 constexpr std::size_t kMaxSize = 16 << 20;
-
-inline const unsigned char* Bytes(const std::string& text, std::size_t at = 0) {
-    return reinterpret_cast<const unsigned char*>(text.data()) + at;
-}
+constexpr char kRefusal[] = "the pass phrase is wrong or the archive was changed";
 
 inline void AppendNumber(std::string& out, std::size_t number) {
     for (int shift = 24; shift >= 0; shift -= 8) {
@@ -73,47 +75,46 @@ inline bool IsGoodName(const std::string& name) {
     }
 }
 
-/// A key for one purpose only.
-inline SecureBuffer MakeKey(const SecureBuffer& master, const char* purpose) {
-    SecureBuffer key(32);
-    zarip::crypto::HmacSHA256 hmac(master.GetData(), master.GetSize());
-    hmac.Update(reinterpret_cast<const unsigned char*>(purpose),
-                static_cast<unsigned int>(std::strlen(purpose)));
-    hmac.DoFinal(key.GetData(), key.GetSize());
-    return key;
+/// What a header says that the pass phrase has to be turned into.
+inline SecureBuffer MakeKey(const SecureBuffer& passPhrase, const std::string& header) {
+    return CryptoUtils::DeriveKey(passPhrase.GetData(), passPhrase.GetSize(), header.data() + kSaltAt,
+                                  kSaltSize, ReadNumber(header, 12), AuthenticatedCipher::kKeySize);
 }
 
-/// The two keys for a header.
-struct Keys {
-    SecureBuffer forContent;
-    SecureBuffer forCheck;
-
-    Keys(const SecureBuffer& passPhrase, const std::string& header) {
-        const SecureBuffer master =
-            CryptoUtils::DeriveKey(passPhrase.GetData(), passPhrase.GetSize(), header.data() + kSaltAt, 16,
-                                   ReadNumber(header, 12), 32);
-        forContent = MakeKey(master, "content");
-        forCheck = MakeKey(master, "check");
+/// Reads the sealed part of version 1: counter, encrypted bytes, check.
+inline std::string OpenOld(const std::string& archive, const SecureBuffer& master) {
+    constexpr std::size_t kCounter = 16;
+    constexpr std::size_t kCheck = 32;
+    if (archive.size() < kHeader + kCounter + kCheck) {
+        throw Exception("this is no archive of settings");
     }
-};
-
-inline std::string MakeCheck(const Keys& keys, const std::string& archive, std::size_t length) {
-    zarip::crypto::HmacSHA256 hmac(keys.forCheck.GetData(), keys.forCheck.GetSize());
-    hmac.Update(Bytes(archive), static_cast<unsigned int>(length));
-    unsigned char check[kCheck];
-    hmac.DoFinal(check, sizeof(check));
-    return {reinterpret_cast<const char*>(check), sizeof(check)};
+    const auto makeKey = [&master](const char* purpose) {
+        SecureBuffer key(32);
+        zarip::crypto::HmacSHA256 hmac(master);
+        hmac.Update(purpose);
+        hmac.DoFinal(key.GetData(), key.GetSize());
+        return key;
+    };
+    const std::size_t end = archive.size() - kCheck;
+    zarip::crypto::HmacSHA256 hmac(makeKey("check"));
+    hmac.Update(archive.substr(0, end));
+    if (!hmac.Verify(archive.substr(end))) {
+        throw Exception(kRefusal);
+    }
+    zarip::crypto::AES aes(zarip::crypto::Cipher::kCTR);
+    aes.Init(zarip::crypto::Cipher::kDecrypt, makeKey("content"), archive.substr(kHeader, kCounter));
+    return aes.Update(archive.substr(kHeader + kCounter, end - kHeader - kCounter));
 }
 
-inline std::string Crypt(zarip::crypto::Cipher::Direction direction, const Keys& keys,
-                         const std::string& header, const std::string& data) {
-    zarip::crypto::AES aes(zarip::crypto::Cipher::kCTR);
-    aes.Init(direction, keys.forContent.GetData(), keys.forContent.GetSize(), Bytes(header, kCounterAt), 16);
-    std::string out(data.size(), '\0');
-    const auto length = static_cast<unsigned int>(data.size());
-    aes.Update(Bytes(data), length, reinterpret_cast<unsigned char*>(out.data()), length);
-    aes.DoFinal(nullptr, 0);
-    return out;
+/// Nothing comes out unless the pass phrase is right and no byte was changed.
+inline std::string OpenSealed(const std::string& archive, const SecureBuffer& key) {
+    try {
+        const AuthenticatedCipher cipher(AuthenticatedCipher::kChaCha20Poly1305, key);
+        const SecureBuffer plain = cipher.Open(archive.substr(kHeader), archive.substr(0, kHeader));
+        return {reinterpret_cast<const char*>(plain.GetData()), plain.GetSize()};
+    } catch (const zarip::crypto::CryptoException&) {
+        throw Exception(kRefusal);
+    }
 }
 
 /// The archive of these files. Throws `osa::Exception` for a name that `IsGoodName` refuses, and for too
@@ -129,44 +130,38 @@ inline std::string Seal(const Files& files, const SecureBuffer& passPhrase,
         plain += name;
         AppendNumber(plain, content.size());
         plain += content;
-        if (plain.size() > kMaxSize - kHeader - kCheck) {
+        if (plain.size() > kMaxSize - kHeader - AuthenticatedCipher::kOverhead) {
             throw Exception("too much for one archive");
         }
     }
-    unsigned char random[32];
-    CryptoUtils::Randomize(random, sizeof(random));
+    unsigned char salt[kSaltSize];
+    CryptoUtils::Randomize(salt, sizeof(salt));
     std::string archive = kMagic;
     AppendNumber(archive, kVersion);
     AppendNumber(archive, iterations);
-    archive.append(reinterpret_cast<const char*>(random), sizeof(random));
-    const Keys keys(passPhrase, archive);
-    archive += Crypt(zarip::crypto::Cipher::kEncrypt, keys, archive, plain);
-    return archive + MakeCheck(keys, archive, archive.size());
+    archive.append(reinterpret_cast<const char*>(salt), sizeof(salt));
+    const AuthenticatedCipher cipher(AuthenticatedCipher::kChaCha20Poly1305, MakeKey(passPhrase, archive));
+    return archive + cipher.Seal(plain, archive);
 }
 
 /// What `Seal` was given. Throws `osa::Exception` for a wrong pass phrase, and for an archive of which a
 /// single bit has changed; the two look the same.
 inline Files Open(const std::string& archive, const SecureBuffer& passPhrase) {
-    if (archive.size() < kHeader + kCheck || archive.compare(0, 8, kMagic) != 0 ||
-        archive.size() > kMaxSize) {
+    if (archive.size() < kHeader || archive.compare(0, 8, kMagic) != 0 || archive.size() > kMaxSize) {
         throw Exception("this is no archive of settings");
     }
-    if (ReadNumber(archive, 8) != kVersion) {
+    const std::uint32_t version = ReadNumber(archive, 8);
+    if (version != kVersion && version != kOldVersion) {
         throw Exception("the archive is of an unknown version");
     }
     const std::uint32_t iterations = ReadNumber(archive, 12);
     if (iterations < kMinIterations || iterations > kMaxIterations) {
         throw Exception("the archive is damaged");
     }
-    const std::size_t end = archive.size() - kCheck;
-    const Keys keys(passPhrase, archive);
-    if (!CryptoUtils::AreEqual(MakeCheck(keys, archive, end).data(), archive.data() + end, kCheck)) {
-        throw Exception("the pass phrase is wrong or the archive was changed");
-    }
-    const std::string plain =
-        Crypt(zarip::crypto::Cipher::kDecrypt, keys, archive, archive.substr(kHeader, end - kHeader));
+    const SecureBuffer key = MakeKey(passPhrase, archive);
+    const std::string plain = version == kVersion ? OpenSealed(archive, key) : OpenOld(archive, key);
 
-    // Whoever made this knew the pass phrase; that is no reason to let it write anywhere.
+    // The maker of this knew the pass phrase; that is no reason to let it write anywhere.
     Files files;
     std::size_t at = 0;
     const auto take = [&plain, &at] {

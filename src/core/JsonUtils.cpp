@@ -1,9 +1,16 @@
 #include "zarip/core/JsonUtils.h"
 
 #include <cajun/json/elements.h>
+#include <cajun/json/reader.h>
+#include <cajun/json/writer.h>
 
 #include <cmath>
+#include <istream>
 #include <limits>
+#include <sstream>
+#include <streambuf>
+
+#include "core/JsonCheck.h"
 
 namespace zarip::core {
 
@@ -24,6 +31,69 @@ Int Truncate(double value) {
     }
     return static_cast<Int>(value);
 }
+
+/// A text as a source of characters, without a copy.
+class TextBuffer : public std::streambuf {
+public:
+    explicit TextBuffer(std::string_view text) {
+        char* const begin = const_cast<char*>(text.data());  // reading does not change it
+        setg(begin, begin, begin + text.size());
+    }
+};
+
+template <class Element>
+Element Read(std::string_view text) {
+    CheckJson(text);
+    TextBuffer buffer(text);
+    std::istream stream(&buffer);
+    Element element;
+    json::Reader::Read(element, stream);
+    return element;
+}
+
+/// For a document of one kind, by the character that it begins with.
+template <class Element>
+Element ReadKind(std::string_view text, char first) {
+    const std::size_t begin = text.find_first_not_of(" \t\r\n");
+    if (begin == std::string_view::npos || text[begin] != first) {
+        CheckJson(text);
+        throw json::Exception("Bad cast");
+    }
+    return Read<Element>(text);
+}
+
+template <class Plain, class Element>
+Plain GetPlain(const json::Object& object, const std::string& name, const Plain& fallback,
+               Plain (*convert)(const Element&)) {
+    struct NullVisitor : JsonUtils::ConstVisitor {
+        using JsonUtils::ConstVisitor::Visit;
+        void Visit(const json::Null& /*null*/) override { isNull = true; }
+        bool isNull = false;
+    } visitor;
+    const json::Object::const_iterator member = object.Find(name);
+    if (member == object.End()) {
+        return fallback;
+    }
+    member->element.Accept(visitor);
+    return visitor.isNull ? fallback : convert(static_cast<const Element&>(member->element));
+}
+
+/// Writes an element of any kind as it is asked for; models write some kinds in one way only.
+class TextVisitor final : public JsonUtils::ConstVisitor {
+public:
+    explicit TextVisitor(bool pretty) : _pretty(pretty) {}
+    void Visit(const json::Array& array) override { json::Writer::Write(array, _stream, _pretty); }
+    void Visit(const json::Object& object) override { json::Writer::Write(object, _stream, _pretty); }
+    void Visit(const json::Number& number) override { json::Writer::Write(number, _stream); }
+    void Visit(const json::String& text) override { json::Writer::Write(text, _stream); }
+    void Visit(const json::Boolean& value) override { json::Writer::Write(value, _stream); }
+    void Visit(const json::Null& null) override { json::Writer::Write(null, _stream); }
+    std::string GetText() const { return _stream.str(); }
+
+private:
+    const bool _pretty;
+    std::ostringstream _stream;
+};
 
 }  // namespace
 
@@ -57,6 +127,48 @@ std::vector<std::string> JsonUtils::AsStringVector(const json::Array& array) {
         texts.push_back(text.Value());
     }
     return texts;
+}
+
+const json::UnknownElement JsonUtils::Parse(std::string_view text) {
+    return Read<json::UnknownElement>(text);
+}
+
+json::Object JsonUtils::ParseObject(std::string_view text) {
+    return ReadKind<json::Object>(text, '{');
+}
+
+json::Array JsonUtils::ParseArray(std::string_view text) {
+    return ReadKind<json::Array>(text, '[');
+}
+
+std::string JsonUtils::ToString(const json::UnknownElement& element, bool pretty) {
+    TextVisitor visitor(pretty);
+    element.Accept(visitor);
+    return visitor.GetText();
+}
+
+std::string JsonUtils::Get(const json::Object& object, const std::string& name, const std::string& fallback) {
+    return GetPlain(object, name, fallback, AsString);
+}
+
+std::string JsonUtils::Get(const json::Object& object, const std::string& name, const char* fallback) {
+    return Get(object, name, std::string(fallback));
+}
+
+int JsonUtils::Get(const json::Object& object, const std::string& name, int fallback) {
+    return GetPlain(object, name, fallback, AsInt);
+}
+
+unsigned JsonUtils::Get(const json::Object& object, const std::string& name, unsigned fallback) {
+    return GetPlain(object, name, fallback, AsUnsigned);
+}
+
+double JsonUtils::Get(const json::Object& object, const std::string& name, double fallback) {
+    return GetPlain(object, name, fallback, AsDouble);
+}
+
+bool JsonUtils::Get(const json::Object& object, const std::string& name, bool fallback) {
+    return GetPlain(object, name, fallback, AsBool);
 }
 
 JsonUtils::ConstVisitor::~ConstVisitor() = default;

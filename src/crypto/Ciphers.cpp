@@ -2,10 +2,12 @@
 
 #include <gcrypt.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <utility>
+#include <limits>
 
+#include "crypto/CipherHandle.h"
 #include "zarip/crypto/CryptoException.h"
 #include "zarip/crypto/CryptoUtils.h"
 #include "zarip/crypto/GCryptException.h"
@@ -58,29 +60,6 @@ int FindAlgorithm(const CipherFamily& family, unsigned int keyLength) {
     throw CryptoException("invalid key length");
 }
 
-class Handle {
-public:
-    Handle() = default;
-    Handle(int algorithm, int mode) {
-        gcry_error_t error = ::gcry_cipher_open(&_handle, algorithm, mode, GCRY_CIPHER_SECURE);
-        if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
-            error = ::gcry_cipher_open(&_handle, algorithm, mode, 0);  // secure memory is short
-        }
-        if (error != 0) {
-            throw GCryptException("gcry_cipher_open", error);
-        }
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    ~Handle() { ::gcry_cipher_close(_handle); }
-
-    gcry_cipher_hd_t Get() const { return _handle; }
-    void Swap(Handle& other) { std::swap(_handle, other._handle); }
-
-private:
-    gcry_cipher_hd_t _handle = nullptr;
-};
-
 /// All bits where a < b, otherwise none; without a branch. Both are small.
 unsigned int MaskLess(unsigned int a, unsigned int b) {
     return 0U - ((a - b) >> 31U);
@@ -107,7 +86,7 @@ struct GCryptCipherImpl {
     const Cipher::Padding _padding;
     const bool _isStream;  ///< writes every byte at once
 
-    Handle _handle;
+    CipherHandle _handle;
     Cipher::Direction _direction = Cipher::kEncrypt;
     State _state = kNoKey;
     unsigned char _vector[kMaxBlock] = {};
@@ -130,7 +109,7 @@ struct GCryptCipherImpl {
         }
     }
 
-    void SetKey(const Handle& handle, const unsigned char* key, unsigned int length) const {
+    void SetKey(const CipherHandle& handle, const unsigned char* key, unsigned int length) const {
         unsigned char whole[24];
         const bool isTriple = &_family == &kTripleDES;
         if (isTriple) {
@@ -278,6 +257,51 @@ struct GCryptCipherImpl {
 
 Cipher::~Cipher() = default;
 
+namespace {
+
+const unsigned char* BytesOf(std::string_view text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+unsigned int SizeOf(std::string_view text) {
+    if (text.size() > std::numeric_limits<unsigned int>::max()) {
+        throw CryptoException("data too long");
+    }
+    return static_cast<unsigned int>(text.size());
+}
+
+/// Calls a function that writes at most so many bytes.
+template <class Write>
+std::string Written(unsigned long long size, Write write) {
+    std::string out(static_cast<std::size_t>(
+                        std::min<unsigned long long>(size, std::numeric_limits<unsigned int>::max())),
+                    '\0');
+    out.resize(write(reinterpret_cast<unsigned char*>(out.data()), static_cast<unsigned int>(out.size())));
+    return out;
+}
+
+}  // namespace
+
+void Cipher::Init(Direction direction, const SecureBuffer& key, std::string_view vector) {
+    Init(direction, key.GetData(), key.GetSize(), vector.empty() ? nullptr : BytesOf(vector), SizeOf(vector));
+}
+
+void Cipher::Reset(std::string_view vector) {
+    Reset(BytesOf(vector), SizeOf(vector));
+}
+
+std::string Cipher::Update(std::string_view data) {
+    const unsigned int length = SizeOf(data);
+    return Written(GetOutputSize(length), [&](unsigned char* out, unsigned int size) {
+        return Update(BytesOf(data), length, out, size);
+    });
+}
+
+std::string Cipher::Finish() {
+    return Written(GetBlockSize(),
+                   [this](unsigned char* out, unsigned int size) { return DoFinal(out, size); });
+}
+
 GCryptCipher::GCryptCipher(const CipherFamily& family, Mode mode, Padding padding)
     : _impl(std::make_unique<GCryptCipherImpl>(family, mode, padding)) {
     GCryptInit::InitializeGcrypt();
@@ -298,7 +322,7 @@ void GCryptCipher::Init(Direction direction, const unsigned char* key, unsigned 
     if (key == nullptr) {
         throw CryptoException("null key");
     }
-    Handle handle(FindAlgorithm(_impl->_family, keyLength), kModes[_impl->_mode]);
+    CipherHandle handle(FindAlgorithm(_impl->_family, keyLength), kModes[_impl->_mode]);
     _impl->CheckVector(vector, vectorLength);
     _impl->SetKey(handle, key, keyLength);
     _impl->_handle.Swap(handle);
@@ -310,6 +334,9 @@ void GCryptCipher::Init(Direction direction, const unsigned char* key, unsigned 
 void GCryptCipher::Reset() {
     if (_impl->_state == GCryptCipherImpl::kNoKey) {
         throw CryptoException("cipher has no key");
+    }
+    if (_impl->_direction == kEncrypt && _impl->_mode != kECB) {
+        throw CryptoException("another message needs another vector");
     }
     _impl->Start();
 }

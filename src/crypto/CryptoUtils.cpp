@@ -40,29 +40,67 @@ void CryptoUtils::Wipe(void* data, unsigned int length) noexcept {
     }
 }
 
-SecureBuffer CryptoUtils::DeriveKey(const void* passPhrase, unsigned int passPhraseLength, const void* salt,
-                                    unsigned int saltLength, unsigned int iterations,
-                                    unsigned int keyLength) {
-    if (passPhrase == nullptr || passPhraseLength == 0) {
-        throw CryptoException("empty pass phrase");
+namespace {
+
+constexpr unsigned int kMinSalt = 16;
+constexpr unsigned int kMinIterations = 10'000;
+constexpr unsigned int kMinCost = 16'384;
+constexpr unsigned int kMaxCost = 1'048'576;
+constexpr unsigned int kMaxParallelization = 16;
+
+struct Secret {
+    const void* data;
+    unsigned int length;
+};
+
+void Require(bool holds, const char* otherwise) {
+    if (!holds) {
+        throw CryptoException(otherwise);
     }
-    if (salt == nullptr || saltLength == 0) {
-        throw CryptoException("empty salt");
-    }
-    if (iterations == 0) {
-        throw CryptoException("no iterations");
-    }
-    if (keyLength == 0) {
-        throw CryptoException("invalid key length");
-    }
+}
+
+SecureBuffer Derive(int algorithm, int variant, Secret passPhrase, Secret salt, unsigned long iterations,
+                    unsigned int keyLength) {
+    Require(passPhrase.data != nullptr && passPhrase.length != 0, "empty pass phrase");
+    Require(salt.data != nullptr && salt.length != 0, "empty salt");
+    Require(iterations != 0, "no iterations");
+    Require(keyLength != 0, "invalid key length");
     SecureBuffer key(keyLength);
     const gcry_error_t error =
-        ::gcry_kdf_derive(passPhrase, passPhraseLength, GCRY_KDF_PBKDF2, GCRY_MD_SHA256, salt, saltLength,
+        ::gcry_kdf_derive(passPhrase.data, passPhrase.length, algorithm, variant, salt.data, salt.length,
                           iterations, keyLength, key.GetData());
     if (error != 0) {
         throw GCryptException("gcry_kdf_derive", error);
     }
     return key;
+}
+
+}  // namespace
+
+SecureBuffer CryptoUtils::DeriveKey(const void* passPhrase, unsigned int passPhraseLength, const void* salt,
+                                    unsigned int saltLength, unsigned int iterations,
+                                    unsigned int keyLength) {
+    Require(salt == nullptr || saltLength == 0 || saltLength >= kMinSalt, "salt too short");
+    Require(iterations == 0 || iterations >= kMinIterations, "too few iterations");
+    return DeriveWeakKey(passPhrase, passPhraseLength, salt, saltLength, iterations, keyLength);
+}
+
+SecureBuffer CryptoUtils::DeriveWeakKey(const void* passPhrase, unsigned int passPhraseLength,
+                                        const void* salt, unsigned int saltLength, unsigned int iterations,
+                                        unsigned int keyLength) {
+    return Derive(GCRY_KDF_PBKDF2, GCRY_MD_SHA256, {passPhrase, passPhraseLength}, {salt, saltLength},
+                  iterations, keyLength);
+}
+
+SecureBuffer CryptoUtils::DeriveKeyScrypt(const void* passPhrase, unsigned int passPhraseLength,
+                                          const void* salt, unsigned int saltLength, unsigned int cost,
+                                          unsigned int parallelization, unsigned int keyLength) {
+    Require(salt == nullptr || saltLength == 0 || saltLength >= kMinSalt, "salt too short");
+    Require(cost >= kMinCost && cost <= kMaxCost && (cost & (cost - 1)) == 0 && parallelization >= 1 &&
+                parallelization <= kMaxParallelization,
+            "invalid cost");
+    return Derive(GCRY_KDF_SCRYPT, static_cast<int>(cost), {passPhrase, passPhraseLength}, {salt, saltLength},
+                  parallelization, keyLength);
 }
 
 }  // namespace zarip::crypto

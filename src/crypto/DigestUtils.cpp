@@ -1,6 +1,5 @@
 #include "zarip/crypto/DigestUtils.h"
 
-#include <cstddef>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -13,9 +12,6 @@
 namespace zarip::crypto {
 
 namespace {
-
-/// A digest takes 32-bit lengths.
-constexpr std::size_t kBlock = std::size_t{1} << 30U;
 
 /// A digest that the thread keeps between two texts, as opening one takes half as long as the digest of a
 /// short text.
@@ -52,15 +48,6 @@ private:
     static inline thread_local bool t_isOver = false;
 };
 
-void Add(MD5& md5, std::string_view data) {
-    while (!data.empty()) {
-        const std::string_view block = data.substr(0, kBlock);
-        md5.Update(reinterpret_cast<const unsigned char*>(block.data()),
-                   static_cast<unsigned int>(block.size()));
-        data.remove_prefix(block.size());
-    }
-}
-
 std::string Finish(MD5& md5) {
     unsigned char digest[16];
     md5.DoFinal(digest, sizeof digest);
@@ -76,7 +63,7 @@ bool AreEqual(const std::string& a, const std::string& b) {
 
 std::string DigestUtils::GenerateMd5(const std::string& data) {
     std::unique_ptr<MD5> md5 = KeptMd5::Take();
-    Add(*md5, data);
+    md5->Update(data);
     std::string text = Finish(*md5);
     KeptMd5::GiveBack(std::move(md5));  // one that failed is not kept
     return text;
@@ -84,7 +71,7 @@ std::string DigestUtils::GenerateMd5(const std::string& data) {
 
 std::string DigestUtils::GenerateFileMd5(const std::string& path) {
     MD5 md5;
-    core::ReadFileBlocks(path, [&md5](std::string_view block) { Add(md5, block); });
+    core::ReadFileBlocks(path, [&md5](std::string_view block) { md5.Update(block); });
     return Finish(md5);
 }
 

@@ -2,6 +2,7 @@
 
 #include <gcrypt.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "zarip/crypto/CryptoException.h"
@@ -10,6 +11,20 @@
 namespace zarip::crypto {
 
 Digest::~Digest() = default;
+
+void Digest::Update(std::string_view data) {
+    constexpr std::size_t kBlock = std::size_t{1} << 30U;  // lengths have 32 bits
+    for (; !data.empty(); data.remove_prefix(std::min(data.size(), kBlock))) {
+        Update(reinterpret_cast<const unsigned char*>(data.data()),
+               static_cast<unsigned int>(std::min(data.size(), kBlock)));
+    }
+}
+
+std::string Digest::Finish() {
+    std::string digest(GetDigestSize(), '\0');
+    DoFinal(reinterpret_cast<unsigned char*>(digest.data()), static_cast<unsigned int>(digest.size()));
+    return digest;
+}
 
 GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullptr), _opened(nullptr) {
     GCryptInit::InitializeGcrypt();

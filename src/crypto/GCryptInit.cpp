@@ -2,8 +2,11 @@
 
 #include <gcrypt.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <mutex>
 
+#include "zarip/core/Logger.h"
 #include "zarip/crypto/CryptoException.h"
 
 namespace zarip::crypto {
@@ -12,15 +15,24 @@ namespace {
 
 constexpr int kSecureBytes = 65'536;
 
+/// What libgcrypt has to say goes to the log; otherwise it would go to standard error.
+__attribute__((format(printf, 3, 0))) void Log(void* /*opaque*/, int /*level*/, const char* format,
+                                               va_list arguments) {
+    char text[512];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    core::Logger::GetLogger("libgcrypt")->Debug("%s", text);
+}
+
 void Initialize() {
     if (::gcry_check_version("1.2.3") == nullptr) {
         throw CryptoException("libgcrypt is too old");
     }
     if (::gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) != 0) {
-        return;  // somebody else in this process has done it, in his way
+        return;  // the process has done it itself, in its own way
     }
-    // Locked memory may be short or forbidden; libgcrypt then works with plain memory, and says so on
-    // standard error unless told not to.
+    ::gcry_set_log_handler(Log, nullptr);
+    // Locked memory may be short or forbidden; libgcrypt then works with plain memory, and says so unless
+    // told not to.
     ::gcry_control(GCRYCTL_DISABLE_SECMEM_WARN);
     ::gcry_control(GCRYCTL_DISABLE_PRIV_DROP);
     ::gcry_control(GCRYCTL_INIT_SECMEM, kSecureBytes, 0);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "zarip/crypto/CryptoException.h"
+#include "zarip/crypto/CryptoUtils.h"
 #include "zarip/crypto/GCryptException.h"
 #include "zarip/crypto/GCryptInit.h"
 
@@ -26,6 +27,10 @@ Hmac::Hmac(int algorithm, const unsigned char* key, unsigned int length)
         throw GCryptException("HMAC", error);
     }
 }
+
+Hmac::Hmac(int algorithm, std::string_view key)
+    : Hmac(algorithm, reinterpret_cast<const unsigned char*>(key.data()),
+           static_cast<unsigned int>(key.size())) {}
 
 Hmac::~Hmac() {
     ::gcry_md_close(_handle);
@@ -65,8 +70,24 @@ void Hmac::DoFinal(unsigned char* out, unsigned int length) {
     Reset();
 }
 
+bool Hmac::Verify(const unsigned char* expected, unsigned int length) {
+    return Verify({reinterpret_cast<const char*>(expected), expected != nullptr ? length : 0});
+}
+
+bool Hmac::Verify(std::string_view expected) {
+    const std::string digest = Finish();
+    return expected.size() == digest.size() &&
+           CryptoUtils::AreEqual(digest.data(), expected.data(), static_cast<unsigned int>(digest.size()));
+}
+
 HmacSHA1::HmacSHA1(const unsigned char* key, unsigned int length) : Hmac(GCRY_MD_SHA1, key, length) {}
+HmacSHA1::HmacSHA1(std::string_view key) : Hmac(GCRY_MD_SHA1, key) {}
+HmacSHA1::HmacSHA1(const SecureBuffer& key) : HmacSHA1(key.GetData(), key.GetSize()) {}
 HmacSHA256::HmacSHA256(const unsigned char* key, unsigned int length) : Hmac(GCRY_MD_SHA256, key, length) {}
+HmacSHA256::HmacSHA256(std::string_view key) : Hmac(GCRY_MD_SHA256, key) {}
+HmacSHA256::HmacSHA256(const SecureBuffer& key) : HmacSHA256(key.GetData(), key.GetSize()) {}
 HmacSHA512::HmacSHA512(const unsigned char* key, unsigned int length) : Hmac(GCRY_MD_SHA512, key, length) {}
+HmacSHA512::HmacSHA512(std::string_view key) : Hmac(GCRY_MD_SHA512, key) {}
+HmacSHA512::HmacSHA512(const SecureBuffer& key) : HmacSHA512(key.GetData(), key.GetSize()) {}
 
 }  // namespace zarip::crypto

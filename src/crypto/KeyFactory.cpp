@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "crypto/Der.h"
+#include "crypto/KeyFile.h"
 #include "crypto/Pem.h"
+#include "crypto/Pkcs8.h"
 #include "crypto/RsaKeyImpl.h"
 #include "zarip/crypto/CryptoException.h"
 #include "zarip/crypto/GCryptException.h"
@@ -20,6 +22,7 @@ namespace {
 
 constexpr const char* kPublicLabels[] = {"RSA PUBLIC KEY", "PUBLIC KEY"};
 constexpr const char* kPrivateLabels[] = {"RSA PRIVATE KEY", "PRIVATE KEY"};
+constexpr const char* kEncryptedLabel = "ENCRYPTED PRIVATE KEY";
 
 constexpr unsigned int kMinBits = 1'024;
 constexpr unsigned int kMaxBits = 8'192;
@@ -307,16 +310,22 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivateInfo(ByteView der) {
 using Decoder = std::shared_ptr<const RsaKeyImpl> (*)(ByteView);
 
 /// Loads the first key of a kind, which is how its labels end; `decoders` stand in the order of `labels`.
+/// @param passPhrase  null if there is none
 std::shared_ptr<const RsaKeyImpl> Load(std::string_view text, const char* kind,
                                        const char* const (&labels)[2], const Decoder (&decoders)[2],
-                                       const char* none) {
+                                       const char* none, const SecureBuffer* passPhrase = nullptr) {
     GCryptInit::InitializeGcrypt();
     const std::optional<PemBlock> block = FindPem(text, kind);
     if (!block) {
         throw CryptoException(none);
     }
-    if (block->label == "ENCRYPTED PRIVATE KEY") {
-        throw CryptoException("encrypted keys are not supported");
+    if (block->label == kEncryptedLabel) {
+        if (passPhrase == nullptr) {
+            throw CryptoException("the key needs a pass phrase");
+        }
+        const SecureBytes encrypted = DecodePem(*block);
+        const SecureBytes der = DecryptPkcs8({encrypted.data(), encrypted.size()}, *passPhrase);
+        return DecodePrivateInfo({der.data(), der.size()});
     }
     for (int i = 0; i < 2; ++i) {
         if (block->label == labels[i]) {
@@ -411,13 +420,26 @@ RsaPublicKey KeyFactory::LoadPublicKey(const std::string& pem) {
                              "no public key in this text"));
 }
 
+namespace {
+
+std::shared_ptr<const RsaKeyImpl> LoadPrivate(const void* pem, unsigned int length,
+                                              const SecureBuffer* passPhrase) {
+    return Load({static_cast<const char*>(pem), length}, "PRIVATE KEY", kPrivateLabels,
+                {DecodePrivate, DecodePrivateInfo}, "no private key in this text", passPhrase);
+}
+
+}  // namespace
+
 RsaPrivateKey KeyFactory::LoadPrivateKey(const void* pem, unsigned int length) {
-    return RsaPrivateKey(Load({static_cast<const char*>(pem), length}, "PRIVATE KEY", kPrivateLabels,
-                              {DecodePrivate, DecodePrivateInfo}, "no private key in this text"));
+    return RsaPrivateKey(LoadPrivate(pem, length, nullptr));
 }
 
 RsaPrivateKey KeyFactory::LoadPrivateKey(const SecureBuffer& pem) {
     return LoadPrivateKey(pem.GetData(), pem.GetSize());
+}
+
+RsaPrivateKey KeyFactory::LoadPrivateKey(const SecureBuffer& pem, const SecureBuffer& passPhrase) {
+    return RsaPrivateKey(LoadPrivate(pem.GetData(), pem.GetSize(), &passPhrase));
 }
 
 std::string KeyFactory::SavePublicKey(const RsaPublicKey& key, Format format) {
@@ -428,6 +450,29 @@ std::string KeyFactory::SavePublicKey(const RsaPublicKey& key, Format format) {
 SecureBuffer KeyFactory::SavePrivateKey(const RsaPrivateKey& key, Format format) {
     const SecureBytes text = EncodePem(EncodePrivate(key.GetImpl(), format), kPrivateLabels[format]);
     return {text.data(), static_cast<unsigned int>(text.size())};
+}
+
+SecureBuffer KeyFactory::SavePrivateKey(const RsaPrivateKey& key, const SecureBuffer& passPhrase) {
+    const SecureBytes info = EncodePrivate(key.GetImpl(), kPKCS8);
+    const SecureBytes text = EncodePem(EncryptPkcs8({info.data(), info.size()}, passPhrase), kEncryptedLabel);
+    return {text.data(), static_cast<unsigned int>(text.size())};
+}
+
+void KeyFactory::SavePrivateKeyFile(const std::string& path, const RsaPrivateKey& key) {
+    WriteKeyFile(path, SavePrivateKey(key));
+}
+
+void KeyFactory::SavePrivateKeyFile(const std::string& path, const RsaPrivateKey& key,
+                                    const SecureBuffer& passPhrase) {
+    WriteKeyFile(path, SavePrivateKey(key, passPhrase));
+}
+
+RsaPrivateKey KeyFactory::LoadPrivateKeyFile(const std::string& path) {
+    return LoadPrivateKey(ReadKeyFile(path));
+}
+
+RsaPrivateKey KeyFactory::LoadPrivateKeyFile(const std::string& path, const SecureBuffer& passPhrase) {
+    return LoadPrivateKey(ReadKeyFile(path), passPhrase);
 }
 
 }  // namespace zarip::crypto

@@ -12,6 +12,7 @@ namespace {
 constexpr std::size_t kMaxText = 65'536;
 constexpr std::size_t kLineLength = 64;
 constexpr std::string_view kDashes = "-----";
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some editors put it at the beginning
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 void Require(bool holds) {
@@ -101,6 +102,9 @@ private:
 
 std::optional<PemBlock> FindPem(std::string_view text, std::string_view kind) {
     Require(text.size() <= kMaxText);
+    if (StartsWith(text, kByteOrderMark)) {
+        text.remove_prefix(kByteOrderMark.size());
+    }
     while (!text.empty()) {
         const std::string_view label = GetLabel(TakeLine(text), "-----BEGIN ");
         if (label.empty()) {

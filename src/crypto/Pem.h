@@ -13,13 +13,13 @@ struct PemBlock {
     std::string_view body;
 };
 
-/// The first block whose label is `kind`, or ends with a blank and `kind`; nothing where there is none. Other
-/// blocks, and text outside of blocks, are skipped. Throws `CryptoException` "invalid PEM text" for a block
-/// up to there that does not end with its own label.
+/// The first block whose label is `kind`, or ends with a blank and `kind`; nothing if there is no such block.
+/// Other blocks, and text outside of blocks, are skipped. Throws `CryptoException` "invalid PEM text" for a
+/// block up to there that does not end with its own label.
 std::optional<PemBlock> FindPem(std::string_view text, std::string_view kind);
 
 /// The bytes of a block. Throws `CryptoException` "invalid PEM text", or "encrypted keys are not supported"
-/// where its headers say so.
+/// if its headers say so.
 SecureBytes DecodePem(const PemBlock& block);
 
 SecureBytes EncodePem(const SecureBytes& bytes, std::string_view label);

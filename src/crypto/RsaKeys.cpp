@@ -66,7 +66,7 @@ void CheckDigest(RsaHash hash, const unsigned char* digest, unsigned int length)
     }
 }
 
-/// Whether a signature with this digest fits the key.
+/// Whether a signature that we make with this digest fits the key.
 bool HasRoom(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash) {
     const unsigned int size = RowOf(hash).size;
     // The longest prefix that PKCS #1 puts before a digest has 19 bytes, with 11 of padding at the least.
@@ -74,16 +74,66 @@ bool HasRoom(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash) {
 }
 
 /// The data that are signed.
-Sexp BuildDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest, unsigned int length) {
+Sexp BuildDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest, unsigned int length,
+                 unsigned int saltLength) {
     const HashRow& row = RowOf(hash);
     Sexp data;
     Check(kind == RsaSignature::kPSS
               ? ::gcry_sexp_build(data.Address(), nullptr, "(data (flags pss)(salt-length %d)(hash %s %b))",
-                                  static_cast<int>(row.size), row.name, static_cast<int>(length), digest)
+                                  static_cast<int>(saltLength), row.name, static_cast<int>(length), digest)
               : ::gcry_sexp_build(data.Address(), nullptr, "(data (flags pkcs1)(hash %s %b))", row.name,
                                   static_cast<int>(length), digest),
           "gcry_sexp_build");
     return data;
+}
+
+/// Takes the mask away that PSS makes of a seed with MGF1.
+void Unmask(const HashRow& row, std::vector<unsigned char> seed, unsigned char* data, unsigned int length) {
+    const std::size_t size = seed.size();
+    seed.resize(size + 4);
+    for (unsigned int counter = 0; counter * row.size < length; ++counter) {
+        for (unsigned int i = 0; i < 4; ++i) {
+            seed[size + i] = static_cast<unsigned char>(counter >> (24 - 8 * i) & 0xFFU);
+        }
+        unsigned char mask[kMaxDigest];
+        ::gcry_md_hash_buffer(row.algorithm, mask, seed.data(), seed.size());
+        for (unsigned int i = 0; i < row.size && counter * row.size + i < length; ++i) {
+            data[counter * row.size + i] ^= mask[i];
+        }
+    }
+}
+
+/// How long the salt of a PSS signature is; false when it is no such signature. Others choose it as long as
+/// it fits, and libgcrypt has to be told. This only looks for the length: libgcrypt verifies the signature.
+bool FindSaltLength(const RsaKeyImpl& key, RsaHash hash, const unsigned char* signature, unsigned int length,
+                    unsigned int& saltLength) {
+    Sexp value;
+    Check(::gcry_sexp_build(value.Address(), nullptr, "(data (flags raw)(value %b))",
+                            static_cast<int>(length), signature),
+          "gcry_sexp_build");
+    Sexp result;
+    Check(::gcry_pk_encrypt(result.Address(), value.Get(), key._key.Get()), "gcry_pk_encrypt");
+    std::vector<unsigned char> message = GetNumber(result, "a", length);
+    if ((key._bits - 1) % 8 == 0) {
+        message.erase(message.begin());  // the encoded message is a bit shorter than the modulus
+    }
+    // A masked block with the salt at its end, a digest, and a mark.
+    const HashRow& row = RowOf(hash);
+    if (message.size() < row.size + 2 || message.back() != 0xBC) {
+        return false;
+    }
+    const auto block = static_cast<unsigned int>(message.size()) - row.size - 1;
+    Unmask(row, {message.begin() + block, message.end() - 1}, message.data(), block);
+    message[0] &= static_cast<unsigned char>(0xFFU >> (8 * (block + row.size + 1) - (key._bits - 1)));
+    unsigned int at = 0;
+    while (at < block && message[at] == 0) {
+        ++at;
+    }
+    if (at == block || message[at] != 1) {
+        return false;
+    }
+    saltLength = block - at - 1;
+    return true;
 }
 
 /// Calls `then` with the digest of the data.
@@ -191,10 +241,13 @@ bool RsaPublicKey::VerifyDigest(RsaSignature kind, RsaHash hash, const unsigned 
                                 unsigned int digestLength, const unsigned char* signature,
                                 unsigned int signatureLength) const {
     CheckDigest(hash, digest, digestLength);
-    if (!HasRoom(*_impl, kind, hash) || !IsInRange(*_impl, signature, signatureLength)) {
+    unsigned int saltLength = 0;
+    if (!IsInRange(*_impl, signature, signatureLength) ||
+        !(kind == RsaSignature::kPSS ? FindSaltLength(*_impl, hash, signature, signatureLength, saltLength)
+                                     : HasRoom(*_impl, kind, hash))) {
         return false;
     }
-    const Sexp data = BuildDigest(kind, hash, digest, digestLength);
+    const Sexp data = BuildDigest(kind, hash, digest, digestLength, saltLength);
     Sexp signatureData;
     Check(::gcry_sexp_build(signatureData.Address(), nullptr, "(sig-val (rsa (s %b)))",
                             static_cast<int>(signatureLength), signature),
@@ -266,7 +319,7 @@ std::vector<unsigned char> RsaPrivateKey::SignDigest(RsaSignature kind, RsaHash 
     if (!HasRoom(*_impl, kind, hash)) {
         throw CryptoException("key too short for the digest");
     }
-    const Sexp data = BuildDigest(kind, hash, digest, digestLength);
+    const Sexp data = BuildDigest(kind, hash, digest, digestLength, RowOf(hash).size);
     Sexp signature;
     Check(::gcry_pk_sign(signature.Address(), data.Get(), _impl->_key.Get()), "gcry_pk_sign");
     return GetNumber(signature, "s", GetSize());

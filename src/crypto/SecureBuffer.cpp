@@ -62,9 +62,10 @@ SecureBuffer& SecureBuffer::operator=(const SecureBuffer& other) {
 }
 
 SecureBuffer& SecureBuffer::operator=(SecureBuffer&& other) noexcept {
-    std::swap(_data, other._data);
-    std::swap(_size, other._size);
-    std::swap(_capacity, other._capacity);
+    SecureBuffer taken(std::move(other));  // leaves nothing in `other`, and the old bytes are wiped here
+    std::swap(_data, taken._data);
+    std::swap(_size, taken._size);
+    std::swap(_capacity, taken._capacity);
     return *this;
 }
 

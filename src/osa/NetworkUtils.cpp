@@ -2,15 +2,13 @@
 
 #include <arpa/inet.h>
 #include <cajun/json/elements.h>
-#include <cajun/json/reader.h>
-#include <cajun/json/writer.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <memory>
-#include <sstream>
 
+#include "zarip/core/JsonUtils.h"
 #include "zarip/core/Logger.h"
 #include "zarip/interfaces/INetworkingV2Provider.h"
 #include "zarip/msgbus/MsgBus.h"
@@ -44,9 +42,7 @@ std::string Request(const char* key) {
     keys.Insert(json::String(key));
     json::Object request;
     request.Insert(json::Object::Member("settings", keys));
-    std::ostringstream text;
-    json::Writer::Write(request, text, false);
-    return text.str();
+    return core::JsonUtils::ToString(request);
 }
 
 /// The value stands at the top level of the answer or under "settings".
@@ -60,11 +56,7 @@ std::string ValueOf(const json::Object& answer, const char* key) {
 std::string Query(const char* key, const char* failure) {
     std::string reason;
     try {
-        const std::string text = NetworkUtils::GetProvider()->Get(Request(key));
-        std::istringstream stream(text);
-        json::Object answer;
-        json::Reader::Read(answer, stream);
-        return ValueOf(answer, key);
+        return ValueOf(core::JsonUtils::ParseObject(NetworkUtils::GetProvider()->Get(Request(key))), key);
     } catch (const std::exception& e) {
         reason = e.what();
     } catch (...) {

@@ -7,8 +7,9 @@
 #include <climits>
 
 #include "xml/XmlDocumentImpl.h"
-#include "xml/XmlEncoding.h"
+#include "xml/XmlScanner.h"
 #include "xml/XmlText.h"
+#include "xml/XmlVerdict.h"
 #include "zarip/osa/FileUtils.h"
 #include "zarip/xml/XmlException.h"
 
@@ -20,72 +21,41 @@ struct ContextDelete {
     void operator()(xmlParserCtxt* context) const { xmlFreeParserCtxt(context); }
 };
 
-/// A text on its way to the parser.
+/// A document on its way to the parser.
 struct Source {
-    ~Source() { xmlResetError(&error); }
-
-    void Refuse(const char* text) {
-        if (refusal == nullptr) {
-            refusal = text;
-            const xmlParserInput* const input = parser->input;
-            line = input != nullptr ? static_cast<unsigned int>(input->line) : 1;
-            column = input != nullptr ? static_cast<unsigned int>(input->col) : 1;
-        }
-    }
-
     xmlParserCtxt* parser;
     std::string_view left;
-    xmlError error{};               ///< the first one
-    const char* refusal = nullptr;  ///< the parser's own error is then about something else
-    unsigned int line = 0;
-    unsigned int column = 0;
+    XmlScanner scanner{};
+    XmlVerdict verdict{};
 };
 
-void Refuse(void* context, const char* text) {
-    auto* const parser = static_cast<xmlParserCtxt*>(context);
-    static_cast<Source*>(parser->_private)->Refuse(text);
-    xmlStopParser(parser);
-}
-
-/// In place of the handlers that would keep the declaration: what is never declared is never expanded.
-void RefuseEntity(void* context, const xmlChar* /*name*/, int /*type*/, const xmlChar* /*publicId*/,
-                  const xmlChar* /*systemId*/, xmlChar* /*content*/) {
-    Refuse(context, kNoEntities);
-}
-
-void RefuseUnparsed(void* context, const xmlChar* /*name*/, const xmlChar* /*publicId*/,
-                    const xmlChar* /*systemId*/, const xmlChar* /*notation*/) {
-    Refuse(context, kNoEntities);
-}
-
-/// Each element would be compared with all its declared attributes, and each of them with all others.
-void RefuseAttribute(void* context, const xmlChar* /*element*/, const xmlChar* /*name*/, int /*type*/,
-                     int /*kind*/, const xmlChar* /*value*/, xmlEnumeration* values) {
-    xmlFreeEnumeration(values);
-    Refuse(context, kNoAttributes);
-}
-
-void KeepError(void* context, xmlError* error) {
-    xmlError& kept = static_cast<Source*>(static_cast<xmlParserCtxt*>(context)->_private)->error;
-    if (kept.message == nullptr && error->level >= XML_ERR_ERROR) {
-        xmlCopyError(error, &kept);
-    }
-}
-
-/// The tables of the parser grow while it reads a start tag, and each attribute is compared with all before.
-constexpr int kMaxAttributes = 2'048;
-
-/// Called by the parser in the middle of what it reads, so that a start tag without end is seen in time.
+/// Called by the parser in the middle of what it reads: each part of the document has been looked at before
+/// the parser gets it.
 int ReadSource(void* context, char* buffer, int length) {
     auto& source = *static_cast<Source*>(context);
-    const xmlParserCtxt& parser = *source.parser;
-    if (parser.maxatts > 5 * kMaxAttributes || parser.nsMax > 2 * kMaxAttributes) {
-        source.Refuse(kTooManyAttributes);
-        return -1;
+    const std::size_t count = source.left.copy(buffer, static_cast<std::size_t>(length));
+    source.left.remove_prefix(count);
+    source.scanner.Scan({buffer, count});
+    if (!source.scanner.IsRefused()) {
+        return static_cast<int>(count);
     }
-    const std::size_t read = source.left.copy(buffer, static_cast<std::size_t>(length));
-    source.left.remove_prefix(read);
-    return static_cast<int>(read);
+    if (source.scanner.GetRefusal() != nullptr) {
+        source.verdict.Keep(source.parser, source.scanner.GetRefusal());
+    }
+    return -1;
+}
+
+/// Also where the namespaces of an element are known, which the scanner does not look for.
+void StartElement(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
+                  int namespaceCount, const xmlChar** namespaces, int attributeCount, int defaultedCount,
+                  const xmlChar** attributes) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    XmlVerdict& verdict = XmlVerdict::Of(parser);
+    verdict.CheckElement(parser);
+    if (!verdict.IsBad()) {
+        xmlSAX2StartElementNs(parser, local, prefix, uri, namespaceCount, namespaces, attributeCount,
+                              defaultedCount, attributes);
+    }
 }
 
 constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
@@ -115,25 +85,19 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
     if (text.size() > INT_MAX) {
         throw XmlException("the document is too large");
     }
-    XmlEncoding encoding;
-    if (!encoding.Add(text)) {
-        encoding.Throw();
-    }
     auto impl = std::make_unique<Impl>();
+    const ErrorScope errors;
     const std::unique_ptr<xmlParserCtxt, ContextDelete> context(Made(xmlNewParserCtxt()));
     Source source{context.get(), text};
-    context->_private = &source;
-    context->sax->entityDecl = RefuseEntity;
-    context->sax->unparsedEntityDecl = RefuseUnparsed;
-    context->sax->attributeDecl = RefuseAttribute;
-    context->sax->serror = KeepError;
+    source.verdict.Attach(*context);
+    context->sax->startElementNs = StartElement;
     impl->document.reset(
         xmlCtxtReadIO(context.get(), ReadSource, nullptr, &source, nullptr, nullptr, kOptions));
-    if (source.refusal != nullptr) {
-        throw XmlException(source.refusal, source.line, source.column);
+    if (source.scanner.IsEncodingRefused()) {
+        source.scanner.ThrowEncoding();
     }
-    if (!impl->document || source.error.message != nullptr) {
-        ThrowError(&source.error);
+    if (!impl->document || source.verdict.IsBad()) {
+        source.verdict.Throw();
     }
     return XmlDocument(std::move(impl));
 }
@@ -147,6 +111,7 @@ XmlElement XmlDocument::GetRoot() const {
 }
 
 std::string XmlDocument::ToString(bool indent) const {
+    const ErrorScope errors;
     xmlChar* text = nullptr;
     int length = 0;
     xmlDocDumpFormatMemoryEnc(_impl->document.get(), &text, &length, "UTF-8", indent ? 1 : 0);
@@ -157,7 +122,9 @@ std::string XmlDocument::ToString(bool indent) const {
 }
 
 void XmlDocument::SaveFile(const std::string& path, bool indent) const {
-    osa::FileUtils::WriteAtomically(path, ToString(indent));
+    const std::string text = ToString(indent);
+    Parse(text);  // a document can be made of valid parts and not be valid: one `xml:id` twice, for example
+    osa::FileUtils::WriteAtomically(path, text);
 }
 
 }  // namespace zarip::xml

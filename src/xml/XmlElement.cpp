@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "xml/XmlLimits.h"
 #include "xml/XmlText.h"
 #include "zarip/xml/XmlException.h"
 
@@ -22,7 +23,16 @@ bool HasName(const xmlNode* node, const std::string& name, const std::string* na
             ToView(node->ns != nullptr ? node->ns->href : nullptr) == *namespaceUri);
 }
 
-/// The node behind one in the order of the document, inside `top`; null behind the last.
+/// How many elements there are from the root to this one.
+int DepthOf(const xmlNode* node) {
+    int depth = 0;
+    for (; node != nullptr && node->type == XML_ELEMENT_NODE; node = node->parent) {
+        ++depth;
+    }
+    return depth;
+}
+
+/// The node after another in the order of the document, inside `top`; null after the last.
 const xmlNode* Following(const xmlNode* node, const xmlNode* top) {
     if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
         return node->children;
@@ -220,6 +230,9 @@ std::vector<XmlElement> XmlElement::GetChildren(const std::string& name) const {
 
 XmlElement XmlElement::Add(const std::string& name, const std::string* namespaceUri) {
     CheckName(name, false);
+    if (DepthOf(Node()) >= kMaxDepth) {
+        throw XmlException("elements are nested too deep");
+    }
     xmlNs* declared = Node()->ns;
     const bool isOther =
         namespaceUri != nullptr && ToView(declared != nullptr ? declared->href : nullptr) != *namespaceUri;

@@ -14,7 +14,7 @@ namespace {
 enum Form : unsigned int { kBytes = 1, kMarkedBytes = 2, kBigEndian = 4, kLittleEndian = 8 };
 
 /// What may be declared, and with which forms. UTF-8 with all: documents in UTF-16 often say so, and are read
-/// as UTF-16. What else contradicts itself would be read wrong, or in two ways, one behind the other.
+/// as UTF-16. Other contradictions would be read wrong, or in one way first and then in another.
 constexpr struct {
     const char* name;
     unsigned int forms;
@@ -70,6 +70,14 @@ const char* FindRefused(std::string_view head) {
 
 }  // namespace
 
+bool XmlEncoding::IsWide() const {
+    return (FormOf({_head, _size}) & (kBigEndian | kLittleEndian)) != 0;
+}
+
+bool XmlEncoding::IsBigEndian() const {
+    return FormOf({_head, _size}) == kBigEndian;
+}
+
 bool XmlEncoding::Add(std::string_view piece) {
     if (_state == kLooking) {
         _size += piece.copy(_head + _size, kMaxHead - _size);
@@ -97,8 +105,8 @@ void XmlEncoding::Look() {
         _state = kPassed;
         return;
     }
-    // Not only once the end is there: behind the encoding the parser reads in it, and may find an end that
-    // is written otherwise.
+    // Not only once the end is there: after the encoding the parser reads in it, and may find an end that is
+    // written otherwise.
     const std::size_t end = text.find("?>");
     LookAtDeclaration(text.substr(0, end));
     if (_state == kLooking && end != std::string_view::npos) {

@@ -8,8 +8,8 @@ namespace zarip::xml {
 
 /// Looks at the beginning of a document for its encoding, before the parser does. UTF-8, UTF-16, ISO 8859-1
 /// and US-ASCII pass: in all of them every ASCII character is that byte, alone or beside a zero. Others could
-/// hide from who counts such bytes, and would have iconv run on what strangers send. One that the document is
-/// obviously not in is refused as well. *One thread at a time.*
+/// hide markup from `XmlScanner`, and would have iconv run on what strangers send. An encoding that the
+/// document is obviously not in is refused as well. *One thread at a time.*
 class XmlEncoding {
 public:
     static constexpr std::size_t kMaxHead = 1'024;
@@ -19,6 +19,10 @@ public:
     bool Add(std::string_view piece);
 
     bool IsRefused() const { return _state == kRefused; }
+
+    /// Whether each character has two bytes, and which of them comes first; known after four bytes.
+    bool IsWide() const;
+    bool IsBigEndian() const;
 
     /// Throws `XmlException` for a document that is refused.
     [[noreturn]] void Throw() const;

@@ -1,233 +1,248 @@
 #include "zarip/xml/XmlReader.h"
 
 #include <libxml/parser.h>
-#include <libxml/xmlreader.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <exception>
 
-#include "xml/XmlEncoding.h"
+#include "xml/XmlNodeQueue.h"
+#include "xml/XmlScanner.h"
 #include "xml/XmlText.h"
+#include "zarip/osa/IOException.h"
 #include "zarip/xml/XmlException.h"
 
 namespace zarip::xml {
 
 namespace {
 
-constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
+/// As the document is used up by the parser: it takes time for each, and the queue holds what it makes of
+/// one.
+constexpr std::size_t kPiece = 4'096;
+constexpr std::size_t kFirstPiece = 4;  ///< what the encoding is told by
 
-/// Until the first element: what is declared counts for all behind it that is read before it is looked at.
-constexpr int kFirstPiece = 16;
-constexpr std::size_t kMaxBeginning = 256 * 1024;
+/// Entities in attributes are replaced: those that there are, as others cannot be declared.
+constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES | XML_PARSE_NOENT;
 
-/// The parser waits for the end of a start tag, and compares each attribute in it with all before.
-constexpr int kMaxAttributes = 4'096;
-
-/// Also what stands beside an ASCII character in UTF-16.
-constexpr std::string_view kSpaces(" \t\r\n\0", 5);
-
-int LeaveStream(void* /*stream*/) {
-    return 0;
-}
+struct ParserDelete {
+    void operator()(xmlParserCtxt* parser) const {
+        xmlFreeDoc(parser->myDoc);  // made for what was declared, even if nobody wants a document
+        xmlFreeParserCtxt(parser);
+    }
+};
 
 }  // namespace
 
+/// The document goes from the stream, as it arrives, through the scanner to `held`, from there to the parser
+/// as far as pieces of markup are whole, and from the parser's handlers to the queue.
 struct ZARIP_HIDDEN XmlReader::Impl {
-    ~Impl() {
-        xmlFreeTextReader(reader);
-        xmlFreeDoc(document);
-        xmlResetError(&error);
-    }
-
-    void Open() {
-        InitializeXml();
-        const ErrorScope errors;
-        reader = Made(xmlReaderForIO(ReadSource, LeaveStream, this, nullptr, nullptr, kOptions));
-        xmlTextReaderSetStructuredErrorHandler(reader, OnError, this);
-    }
-
-    static int ReadSource(void* impl, char* buffer, int length) {
-        return static_cast<Impl*>(impl)->Supply(buffer, length);
-    }
-
-    /// Hands the next piece to the parser, which is as far as it gets with what it has.
-    int Supply(char* buffer, int length) {
-        const int wanted = isDeclarationChecked ? length : std::min(length, kFirstPiece);
-        const int line = reader != nullptr ? xmlTextReaderGetParserLineNumber(reader) : 0;
-        const int column = reader != nullptr ? xmlTextReaderGetParserColumnNumber(reader) : 0;
-        if (line != lastLine || column != lastColumn) {
-            attributes = 0;
-            lastLine = line;
-            lastColumn = column;
-        }
-        if (attributes > kMaxAttributes) {
-            refusal = kTooManyAttributes;
-        } else if (!isDeclarationChecked && supplied > kMaxBeginning) {
-            refusal = "too much before the first element";
-        }
-        const int count = refusal == nullptr ? Copy(buffer, wanted) : -1;
-        if (count > 0) {
-            const std::string_view piece(buffer, static_cast<std::size_t>(count));
-            supplied += piece.size();
-            if (!encoding.Add(piece)) {
-                return -1;
+    /// Goes to the next node. Before an error all nodes in front of it are delivered.
+    bool Read() {
+        while (!queue.Advance(isComplete)) {
+            if (isComplete) {
+                return false;
             }
-            CountAttributes(piece);
-        }
-        return count;
-    }
-
-    /// What looks like one, an equal sign and a quotation mark, in all encodings that pass.
-    void CountAttributes(std::string_view piece) {
-        std::size_t at = isBehindEqualSign ? 0 : FindBehindEqualSign(piece, 0);
-        while (at != std::string_view::npos) {
-            at = piece.find_first_not_of(kSpaces, at);
-            if (at == std::string_view::npos) {
-                isBehindEqualSign = true;
-                return;
+            if (queue.IsBad() || scanner.IsRefused() || hasFailed) {
+                Throw();
             }
-            if (piece[at] == '"' || piece[at] == '\'') {
-                ++attributes;
-            }
-            at = FindBehindEqualSign(piece, at);
+            Parse(Supply());
         }
-        isBehindEqualSign = false;
+        return true;
     }
 
-    static std::size_t FindBehindEqualSign(std::string_view piece, std::size_t at) {
-        const std::size_t found = piece.find('=', at);
-        return found == std::string_view::npos ? found : found + 1;
+    [[noreturn]] void Throw() {
+        if (queue.IsBad()) {
+            queue.Throw();
+        }
+        if (hasFailed) {
+            throw osa::IOException("XmlReader: reading failed");
+        }
+        if (scanner.IsEncodingRefused()) {
+            scanner.ThrowEncoding();
+        }
+        const xmlParserInput* const input = parser ? parser->input : nullptr;
+        throw XmlException(scanner.GetRefusal(),
+                           static_cast<unsigned int>(input != nullptr ? std::max(input->line, 1) : 1),
+                           static_cast<unsigned int>(input != nullptr ? std::max(input->col, 1) : 1));
     }
 
-    int Copy(char* buffer, int length) {
+    /// Adds to `held` what comes next. Returns how much of it the parser can take.
+    std::size_t Supply() {
+        const std::size_t before = held.size();
+        while (held.size() == before || (!parser && held.size() < kFirstPiece)) {
+            if (!Append()) {
+                isAtEnd = !hasFailed;
+                break;
+            }
+        }
+        const std::size_t whole = scanner.Scan(std::string_view(held).substr(scanned));
+        const std::size_t ready = whole == 0 ? 0 : scanned + whole;
+        scanned = held.size();
+        return isAtEnd && !scanner.IsRefused() ? held.size() : ready;
+    }
+
+    /// One piece; false at the end of the document and when reading fails.
+    bool Append() {
         if (stream == nullptr) {
-            const std::size_t count = text.copy(buffer, static_cast<std::size_t>(length), supplied);
-            return static_cast<int>(count);
+            const std::string_view piece = std::string_view(text).substr(taken, kPiece);
+            held += piece;
+            taken += piece.size();
+            return !piece.empty();
         }
         try {
-            stream->read(buffer, length);
-            return stream->bad() ? -1 : static_cast<int>(stream->gcount());
+            return AppendArrived();
         } catch (const std::exception&) {
-            return -1;  // one that throws by its mask; a C library stands between
+            hasFailed = true;  // its source of characters, or itself by its mask
+            return false;
         }
     }
 
-    static void OnError(void* impl, xmlError* error) {
-        xmlError& kept = static_cast<Impl*>(impl)->error;
-        if (kept.message == nullptr && error->level >= XML_ERR_ERROR) {
-            xmlCopyError(error, &kept);
+    /// What has arrived; waits only when nothing has.
+    bool AppendArrived() {
+        using Traits = std::istream::traits_type;
+        std::streambuf* const source = stream->rdbuf();
+        if (stream->fail() || source == nullptr) {
+            hasFailed = true;
+            return false;
+        }
+        if (stream->eof() || Traits::eq_int_type(source->sgetc(), Traits::eof())) {
+            stream->setstate(std::ios_base::eofbit);
+            return false;
+        }
+        const std::streamsize arrived =
+            std::clamp<std::streamsize>(source->in_avail(), 1, static_cast<std::streamsize>(kPiece));
+        const std::size_t before = held.size();
+        held.resize(before + static_cast<std::size_t>(arrived));
+        held.resize(before + static_cast<std::size_t>(source->sgetn(&held[before], arrived)));
+        return true;
+    }
+
+    void Parse(std::size_t ready) {
+        const ErrorScope errors;  // some are told to nobody in particular
+        std::size_t parsed = 0;
+        if (!parser) {
+            if (ready < kFirstPiece && !isAtEnd) {
+                return;
+            }
+            parsed = std::min(ready, kFirstPiece);
+            parser.reset(Made(
+                xmlCreatePushParserCtxt(nullptr, nullptr, held.data(), static_cast<int>(parsed), nullptr)));
+            xmlCtxtUseOptions(parser.get(), kOptions);
+            queue.Attach(*parser);
+        }
+        if (ready > parsed) {
+            xmlParseChunk(parser.get(), &held[parsed], static_cast<int>(ready - parsed), 0);
+        }
+        held.erase(0, ready);
+        scanned -= ready;
+        if (held.capacity() > 16 * kPiece && held.size() < kPiece) {
+            held.shrink_to_fit();  // there was an unusually long piece of markup
+        }
+        if (isAtEnd && !scanner.IsRefused() && !queue.IsBad()) {
+            xmlParseChunk(parser.get(), nullptr, 0, 1);
+            isComplete = !queue.IsBad();
         }
     }
 
-    bool Check(int result) {
-        if (encoding.IsRefused()) {
-            encoding.Throw();
+    /// The attribute of the current element that fits; null when there is none.
+    template <class Fits>
+    const XmlNodeQueue::Attribute* FindAttribute(Fits fits) const {
+        const XmlNodeQueue::Node& node = queue.Current();
+        for (std::size_t i = 0; i < node.attributes; ++i) {
+            const XmlNodeQueue::Attribute& attribute = queue.AttributeAt(node.firstAttribute + i);
+            if (fits(attribute.name)) {
+                return &attribute;
+            }
         }
-        if (refusal == nullptr && !isDeclarationChecked) {
-            CheckDeclarations();
-        }
-        if (refusal != nullptr) {
-            throw XmlException(refusal, static_cast<unsigned int>(xmlTextReaderGetParserLineNumber(reader)),
-                               static_cast<unsigned int>(xmlTextReaderGetParserColumnNumber(reader)));
-        }
-        if (result < 0 || error.message != nullptr) {
-            ThrowError(&error);
-        }
-        return result == 1;
+        return nullptr;
     }
 
-    /// All declarations stand before the root element. Were entities let pass here, attributes would expand
-    /// them.
-    void CheckDeclarations() {
-        document = xmlTextReaderCurrentDoc(reader);  // the reader no longer frees what it was asked for
-        const xmlDtd* const subset = document != nullptr ? document->intSubset : nullptr;
-        if (subset != nullptr && (subset->entities != nullptr || subset->pentities != nullptr)) {
-            refusal = kNoEntities;
-        } else if (subset != nullptr && subset->attributes != nullptr) {
-            refusal = kNoAttributes;
+    bool Take(const XmlNodeQueue::Attribute* attribute, std::string& value) const {
+        if (attribute != nullptr) {
+            value = queue.TextOf(attribute->value);
         }
-        isDeclarationChecked = xmlTextReaderNodeType(reader) == XML_READER_TYPE_ELEMENT;
+        return attribute != nullptr;
     }
 
     std::string text;
+    std::size_t taken = 0;           ///< of the text
     std::istream* stream = nullptr;  ///< in place of the text
-    std::size_t supplied = 0;        ///< to the parser, in bytes
-    XmlEncoding encoding;
-    int attributes = 0;  ///< or what looks like it, since the parser last got on
-    bool isBehindEqualSign = false;
-    int lastLine = 0;
-    int lastColumn = 0;
-    const char* refusal = nullptr;
-    std::string lines;  ///< of the value that was asked for
-    xmlTextReader* reader = nullptr;
-    xmlDoc* document = nullptr;
-    xmlError error{};
-    bool isDeclarationChecked = false;
+    bool hasFailed = false;          ///< the stream
+    bool isAtEnd = false;
+    bool isComplete = false;  ///< the parser has seen the end and is content
+    XmlScanner scanner;
+    std::string held;         ///< what the parser has not yet been given
+    std::size_t scanned = 0;  ///< of that
+    XmlNodeQueue queue;
+    std::unique_ptr<xmlParserCtxt, ParserDelete> parser;
+    std::string name;   ///< the value of `GetName`
+    std::string lines;  ///< the value of `GetValue`
 };
 
 XmlReader::XmlReader(std::string_view text) : _impl(std::make_unique<Impl>()) {
+    InitializeXml();
     if (text.size() > INT_MAX) {
         throw XmlException("the document is too large");
     }
     _impl->text = text;
-    _impl->Open();
 }
 
 XmlReader::XmlReader(std::istream& stream) : _impl(std::make_unique<Impl>()) {
+    InitializeXml();
     _impl->stream = &stream;
-    _impl->Open();
 }
 
 XmlReader::~XmlReader() = default;
 
 bool XmlReader::Read() {
-    return _impl->Check(xmlTextReaderRead(_impl->reader));
+    return _impl->Read();
 }
 
 bool XmlReader::Skip() {
-    return _impl->Check(xmlTextReaderNext(_impl->reader));
+    if (GetNodeType() == kElement && !IsEmptyElement()) {
+        const int depth = GetDepth();
+        while (Read() && (GetNodeType() != kEndElement || GetDepth() != depth)) {
+        }
+    }
+    return Read();
 }
 
 XmlReader::NodeType XmlReader::GetNodeType() const {
-    switch (xmlTextReaderNodeType(_impl->reader)) {
-        case XML_READER_TYPE_NONE:
-            return kNone;
-        case XML_READER_TYPE_ELEMENT:
-            return kElement;
-        case XML_READER_TYPE_END_ELEMENT:
-            return kEndElement;
-        case XML_READER_TYPE_TEXT:
-            return kText;
-        case XML_READER_TYPE_CDATA:
-            return kCData;
-        case XML_READER_TYPE_WHITESPACE:
-        case XML_READER_TYPE_SIGNIFICANT_WHITESPACE:
-            return kWhitespace;
-        case XML_READER_TYPE_COMMENT:
-            return kComment;
-        case XML_READER_TYPE_PROCESSING_INSTRUCTION:
-            return kProcessingInstruction;
-        default:
-            return kOther;
-    }
+    return _impl->queue.Current().type;
 }
 
 std::string_view XmlReader::GetName() const {
-    return ToView(xmlTextReaderConstName(_impl->reader));
+    const XmlNodeQueue::Name& name = _impl->queue.Current().name;
+    if (name.prefix == nullptr) {
+        return GetLocalName();
+    }
+    _impl->name = ToView(name.prefix);
+    _impl->name += ':';
+    _impl->name += ToView(name.local);
+    return _impl->name;
 }
 
 std::string_view XmlReader::GetLocalName() const {
-    return ToView(xmlTextReaderConstLocalName(_impl->reader));
+    switch (GetNodeType()) {
+        case kText:
+        case kWhitespace:
+            return "#text";
+        case kCData:
+            return "#cdata-section";
+        case kComment:
+            return "#comment";
+        default:
+            return ToView(_impl->queue.Current().name.local);
+    }
 }
 
 std::string_view XmlReader::GetNamespaceUri() const {
-    return ToView(xmlTextReaderConstNamespaceUri(_impl->reader));
+    return ToView(_impl->queue.Current().name.uri);
 }
 
 std::string_view XmlReader::GetValue() const {
-    const std::string_view value = ToView(xmlTextReaderConstValue(_impl->reader));
+    const std::string_view value = _impl->queue.TextOf(_impl->queue.Current().value);
     // libxml2 leaves the ends of lines as they are written in a CDATA section that it reads piece by piece.
     if (GetNodeType() != kCData || value.find('\r') == std::string_view::npos) {
         return value;
@@ -245,29 +260,32 @@ std::string_view XmlReader::GetValue() const {
 }
 
 int XmlReader::GetDepth() const {
-    return xmlTextReaderDepth(_impl->reader);
+    return _impl->queue.Current().depth;
 }
 
 bool XmlReader::IsEmptyElement() const {
-    return xmlTextReaderIsEmptyElement(_impl->reader) == 1;
+    return _impl->queue.Current().isEmpty;
 }
 
 bool XmlReader::GetAttribute(const char* name, std::string& value) const {
-    xmlChar* const found = xmlTextReaderGetAttribute(_impl->reader, ToXml(name));
-    if (found == nullptr) {
-        return false;
-    }
-    value = TakeString(found);
-    return true;
+    const std::string_view wanted = name;
+    const auto fits = [wanted](const XmlNodeQueue::Name& found) {
+        const std::string_view local = ToView(found.local);
+        const std::string_view prefix = ToView(found.prefix);
+        return prefix.empty() ? local == wanted
+                              : wanted.size() == prefix.size() + 1 + local.size() &&
+                                    wanted.substr(0, prefix.size()) == prefix &&
+                                    wanted[prefix.size()] == ':' && wanted.substr(prefix.size() + 1) == local;
+    };
+    return _impl->Take(_impl->FindAttribute(fits), value);
 }
 
 bool XmlReader::GetAttribute(const char* localName, const char* namespaceUri, std::string& value) const {
-    xmlChar* const found = xmlTextReaderGetAttributeNs(_impl->reader, ToXml(localName), ToXml(namespaceUri));
-    if (found == nullptr) {
-        return false;
-    }
-    value = TakeString(found);
-    return true;
+    const std::string_view uri = namespaceUri != nullptr ? namespaceUri : "";
+    const auto fits = [localName, uri](const XmlNodeQueue::Name& found) {
+        return ToView(found.local) == localName && ToView(found.uri) == uri;
+    };
+    return _impl->Take(_impl->FindAttribute(fits), value);
 }
 
 std::string XmlReader::ReadText() {
@@ -293,7 +311,7 @@ std::string XmlReader::ReadText() {
 }
 
 unsigned int XmlReader::GetLine() const {
-    return static_cast<unsigned int>(std::max(xmlGetLineNo(xmlTextReaderCurrentNode(_impl->reader)), 0L));
+    return _impl->queue.Current().line;
 }
 
 }  // namespace zarip::xml

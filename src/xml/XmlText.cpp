@@ -1,12 +1,16 @@
 #include "xml/XmlText.h"
 
 #include <libxml/parser.h>
+#include <libxml/uri.h>
 #include <libxml/xmlmemory.h>
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <mutex>
 
+#include "cutil/utf8.h"
+#include "xml/XmlLimits.h"
 #include "zarip/xml/XmlException.h"
 
 namespace zarip::xml {
@@ -38,28 +42,44 @@ void InitializeXml() {
 
 namespace {
 
-/// Whether it is UTF-8 that XML can hold: no longer forms than needed, no surrogates (U+D800 to U+DFFF),
-/// neither U+FFFE nor U+FFFF, nothing beyond U+10FFFF.
-bool IsUtf8(const std::string& text) {
-    for (std::size_t i = 0; i < text.size();) {
-        const auto first = static_cast<unsigned char>(text[i++]);
-        if (first < 0x80) {
-            continue;
-        }
-        if (first < 0xC2 || first > 0xF4) {
-            return false;
-        }
-        const int more = first < 0xE0 ? 1 : first < 0xF0 ? 2 : 3;
-        unsigned int code = first & (0x3FU >> static_cast<unsigned int>(more));
-        for (int k = 0; k < more; ++k) {
-            const unsigned int next = i < text.size() ? static_cast<unsigned char>(text[i++]) : 0;
-            if ((next & 0xC0U) != 0x80) {
-                return false;
-            }
-            code = code << 6U | (next & 0x3FU);
-        }
-        if ((more == 2 && code < 0x800) || (more == 3 && code < 0x10000) || code > 0x10FFFF ||
-            (code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF) {
+/// Takes the next character; `cutil::kNoCharacter` for what is not UTF-8 and for what XML cannot hold:
+/// U+FFFE, U+FFFF and control characters.
+unsigned int TakeCharacter(std::string_view& text) {
+    const unsigned int code = cutil::utf8_take(text);
+    const bool isControl = code < 0x20 && code != '\t' && code != '\n' && code != '\r';
+    return isControl || code == 0xFFFE || code == 0xFFFF ? cutil::kNoCharacter : code;
+}
+
+struct Range {
+    unsigned int first;
+    unsigned int last;
+};
+
+/// What a name begins with, the colon excepted.
+constexpr Range kNameStart[] = {
+    {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},     {0xD8, 0xF6},
+    {0xF8, 0x2FF},    {0x370, 0x37D},   {0x37F, 0x1FFF},  {0x200C, 0x200D}, {0x2070, 0x218F},
+    {0x2C00, 0x2FEF}, {0x3001, 0xD7FF}, {0xF900, 0xFDCF}, {0xFDF0, 0xFFFD}, {0x10000, 0xEFFFF},
+};
+/// What else may be inside.
+constexpr Range kNameMore[] = {
+    {'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040},
+};
+
+template <std::size_t Size>
+bool IsIn(const Range (&ranges)[Size], unsigned int character) {
+    return std::any_of(std::begin(ranges), std::end(ranges), [character](const Range& range) {
+        return character >= range.first && character <= range.last;
+    });
+}
+
+bool IsPlainName(std::string_view name) {
+    if (name.empty() || name.size() > kMaxName || !IsIn(kNameStart, TakeCharacter(name))) {
+        return false;
+    }
+    while (!name.empty()) {
+        const unsigned int character = TakeCharacter(name);
+        if (!IsIn(kNameStart, character) && !IsIn(kNameMore, character)) {
             return false;
         }
     }
@@ -68,23 +88,27 @@ bool IsUtf8(const std::string& text) {
 
 }  // namespace
 
-void CheckName(const std::string& name, bool withPrefix) {
-    // A zero byte would end the name for libxml2, and hide what comes behind.
-    const bool isValid =
-        name.find('\0') == std::string::npos && IsUtf8(name) &&
-        (withPrefix ? xmlValidateQName(ToXml(name), 0) : xmlValidateNCName(ToXml(name), 0)) == 0;
-    if (!isValid) {
-        throw XmlException("invalid name '" + name + "'");
+bool IsName(std::string_view name, bool withPrefix) {
+    const std::size_t colon = withPrefix ? name.find(':') : std::string_view::npos;
+    return colon == std::string_view::npos
+               ? IsPlainName(name)
+               : IsPlainName(name.substr(0, colon)) && IsPlainName(name.substr(colon + 1));
+}
+
+void CheckName(std::string_view name, bool withPrefix) {
+    if (!IsName(name, withPrefix)) {
+        throw XmlException("invalid name '" + std::string(name) + "'");
     }
 }
 
-void CheckText(const std::string& text) {
-    const auto isAllowed = [](char character) {
-        const auto byte = static_cast<unsigned char>(character);
-        return byte >= 0x20 || byte == '\t' || byte == '\n' || byte == '\r';
-    };
-    if (!std::all_of(text.begin(), text.end(), isAllowed) || !IsUtf8(text)) {
-        throw XmlException("invalid text");
+void CheckText(std::string_view text) {
+    if (text.size() > kMaxText) {
+        throw XmlException(kTooLongText);
+    }
+    while (!text.empty()) {
+        if (TakeCharacter(text) == cutil::kNoCharacter) {
+            throw XmlException("invalid text");
+        }
     }
 }
 
@@ -93,9 +117,11 @@ void CheckNamespace(const std::string& prefix, const std::string& namespaceUri) 
         CheckName(prefix, false);
     }
     CheckText(namespaceUri);
-    // Both of XML's own are declared everywhere; and a prefix always stands for a namespace.
+    const std::unique_ptr<xmlURI, void (*)(xmlURI*)> uri(xmlParseURI(namespaceUri.c_str()), xmlFreeURI);
+    // Both of XML's own are declared everywhere; and a prefix always has a namespace.
     if (prefix == "xml" || prefix == "xmlns" || namespaceUri == "http://www.w3.org/XML/1998/namespace" ||
-        namespaceUri == "http://www.w3.org/2000/xmlns/" || (!prefix.empty() && namespaceUri.empty())) {
+        namespaceUri == "http://www.w3.org/2000/xmlns/" || (!prefix.empty() && namespaceUri.empty()) ||
+        (!namespaceUri.empty() && !uri)) {
         throw XmlException("invalid namespace '" + prefix + "' '" + namespaceUri + "'");
     }
 }

@@ -43,9 +43,13 @@ std::string TakeString(xmlChar* text);
 /// Makes libxml2 ready, once; before anything else of it is called.
 void InitializeXml();
 
+/// Whether it is a name as the parser takes it, of the letters that XML 1.0 has had since its fifth edition,
+/// and in UTF-8. @param withPrefix  a prefix and a colon may stand before it.
+bool IsName(std::string_view name, bool withPrefix);
+
 /// Throw `XmlException` for what a document cannot hold.
-void CheckName(const std::string& name, bool withPrefix);
-void CheckText(const std::string& text);
+void CheckName(std::string_view name, bool withPrefix);
+void CheckText(std::string_view text);
 void CheckNamespace(const std::string& prefix, const std::string& namespaceUri);
 
 /// Throws the last error of a parser.
@@ -70,9 +74,5 @@ private:
     void* _context;
     std::string _text;
 };
-
-constexpr char kNoEntities[] = "entity declarations are not allowed";
-constexpr char kNoAttributes[] = "attribute declarations are not allowed";
-constexpr char kTooManyAttributes[] = "too many attributes";
 
 }  // namespace zarip::xml

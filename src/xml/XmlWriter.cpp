@@ -2,8 +2,12 @@
 
 #include <libxml/xmlwriter.h>
 
+#include <algorithm>
+#include <set>
+#include <utility>
 #include <vector>
 
+#include "xml/XmlLimits.h"
 #include "xml/XmlText.h"
 #include "zarip/osa/IOException.h"
 #include "zarip/xml/XmlException.h"
@@ -26,9 +30,45 @@ int LeaveStream(void* /*stream*/) {
     return 0;
 }
 
+constexpr std::string_view kDeclaration = "xmlns";
+
+/// The names that the reader counts are a few more than those written: XML's own.
+constexpr std::size_t kMaxWrittenNames = static_cast<std::size_t>(kMaxNames) - 100;
+
+std::pair<std::string_view, std::string_view> SplitName(std::string_view name) {
+    const std::size_t colon = name.find(':');
+    return colon == std::string_view::npos ? std::make_pair(std::string_view(), name)
+                                           : std::make_pair(name.substr(0, colon), name.substr(colon + 1));
+}
+
+/// The most bytes that it takes in an attribute, escaped.
+std::size_t EscapedSize(std::string_view value) {
+    std::size_t size = value.size();
+    for (const char c : value) {
+        size += c == '"' || c == '&' || c == '<' || c == '>' || static_cast<unsigned char>(c) < 0x20 ? 5 : 0;
+    }
+    return size;
+}
+
 }  // namespace
 
+/// The start tag that is open is kept until something is written after it: only then it is known whether all
+/// prefixes in it are declared. libxml2 writes, without its indentation, which changes mixed text.
 struct ZARIP_HIDDEN XmlWriter::Impl {
+    struct Attribute {
+        std::string name;
+        std::string value;
+    };
+
+    struct Level {
+        std::vector<std::pair<std::string, std::string>> namespaces;  ///< prefix and name, declared here
+        bool hasText;                                                 ///< it, or an element around it
+        bool isEmpty;
+    };
+
+    explicit Impl(std::ostream& output, bool isIndented) : stream(output), indent(isIndented) {}
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
     ~Impl() {
         const ErrorScope errors;  // it flushes, and would tell standard error
         xmlFreeTextWriter(writer);
@@ -39,37 +79,146 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
     void Do(Function function, const Arguments&... argument) {
         const ErrorScope errors;
         if (function(writer, argument...) < 0) {
-            throw osa::IOException("XmlWriter: writing failed");
+            Fail();
         }
     }
 
+    [[noreturn]] static void Fail() { throw osa::IOException("XmlWriter: writing failed"); }
+
     void CheckOpen() const {
-        if (depth == 0) {
+        if (levels.empty()) {
             throw XmlException(isComplete ? "the document is complete" : "no element is open");
         }
     }
 
-    void CheckAttribute(const std::string& name) {
+    void CheckAttribute(const std::string& name) const {
         CheckOpen();
-        if (!mayHaveAttributes) {
+        if (!isTagOpen) {
             throw XmlException("attributes stand at the beginning of an element");
         }
-        for (const std::string& other : attributes) {
-            if (other == name) {
+        for (const Attribute& other : attributes) {
+            if (other.name == name) {
                 throw XmlException("attribute '" + name + "' twice");
+            }
+        }
+        if (attributes.size() == kMaxAttributes) {
+            throw XmlException(kTooManyAttributes);
+        }
+    }
+
+    /// The namespace of a prefix, or null.
+    const std::string* FindNamespace(std::string_view prefix) const {
+        for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
+            for (const auto& declared : level->namespaces) {
+                if (declared.first == prefix) {
+                    return &declared.second;
+                }
+            }
+        }
+        return nullptr;
+    }
+
+    const std::string& NamespaceOf(std::string_view prefix) const {
+        static const std::string s_xml(reinterpret_cast<const char*>(XML_XML_NAMESPACE));
+        const std::string* const found = prefix == "xml" ? &s_xml : FindNamespace(prefix);
+        if (found == nullptr) {
+            throw XmlException("undeclared prefix '" + std::string(prefix) + "'");
+        }
+        return *found;
+    }
+
+    /// Whether the open start tag can be read again; changes nothing.
+    void CheckTag() const {
+        std::size_t size = 2 * tag.size() + 16;
+        std::vector<std::pair<std::string_view, std::string_view>> found;  // namespace and local name
+        if (const auto [prefix, local] = SplitName(tag); !prefix.empty()) {
+            NamespaceOf(prefix);
+        }
+        for (const Attribute& attribute : attributes) {
+            size += attribute.name.size() + EscapedSize(attribute.value) + 4;
+            const auto [prefix, local] = SplitName(attribute.name);
+            if (!prefix.empty() && prefix != kDeclaration) {
+                found.emplace_back(NamespaceOf(prefix), local);
+            }
+        }
+        std::sort(found.begin(), found.end());
+        const auto twice = std::adjacent_find(found.begin(), found.end());
+        if (twice != found.end()) {
+            throw XmlException("attribute '" + std::string(twice->second) + "' twice");
+        }
+        std::size_t declared = 0;
+        for (const Level& level : levels) {
+            declared += level.namespaces.size();
+        }
+        if (declared > static_cast<std::size_t>(kMaxNamespaces)) {
+            throw XmlException(kTooManyNamespaces);
+        }
+        if (size > kMaxMarkup) {
+            throw XmlException(kTooLongMarkup);
+        }
+    }
+
+    /// Writes the open start tag, if there is one.
+    void CloseTag() {
+        if (!isTagOpen) {
+            return;
+        }
+        CheckTag();
+        Do(xmlTextWriterStartElement, ToXml(tag));
+        for (const Attribute& attribute : attributes) {
+            Do(xmlTextWriterWriteAttribute, ToXml(attribute.name), ToXml(attribute.value));
+        }
+        isTagOpen = false;
+    }
+
+    /// Before an element, a comment or the end of an element: begins a line, unless that would change a text.
+    void BeginLine(std::size_t depth) {
+        textSize = 0;
+        if (indent && !(levels.empty() ? isAtStart : levels.back().hasText)) {
+            Do(xmlTextWriterWriteRaw, ToXml("\n" + std::string(2 * depth, ' ')));
+        }
+        isAtStart = false;
+    }
+
+    /// Before text or a section in the element that is open.
+    void BeginText(std::size_t size) {
+        CheckOpen();
+        if (size > kMaxText - textSize) {
+            throw XmlException(kTooLongText);
+        }
+        CloseTag();
+        textSize += size;
+        levels.back().hasText = true;
+        levels.back().isEmpty = false;
+    }
+
+    void CheckNewNames(std::initializer_list<std::string_view> used) {
+        for (const std::string_view name : used) {
+            if (names.find(name) == names.end()) {
+                if (names.size() >= kMaxWrittenNames) {
+                    throw XmlException(kTooManyNames);
+                }
+                names.emplace(name);
             }
         }
     }
 
+    std::ostream& stream;
+    const bool indent;
     xmlTextWriter* writer = nullptr;
-    int depth = 0;
+    std::vector<Level> levels;  ///< of open elements
     bool isBegun = false;
     bool isComplete = false;
-    bool mayHaveAttributes = false;
-    std::vector<std::string> attributes;  ///< of the element that was started last
+    bool isAtStart = true;  ///< of a line, outside of the root element
+    bool isTagOpen = false;
+    std::string tag;  ///< of the element that was started last
+    std::vector<Attribute> attributes;
+    std::size_t textSize = 0;  ///< since the last tag or comment
+    std::set<std::string, std::less<>> names;
+    std::set<std::string> ids;
 };
 
-XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique<Impl>()) {
+XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique<Impl>(stream, indent)) {
     InitializeXml();
     xmlOutputBuffer* const buffer = Made(xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr));
     _impl->writer = xmlNewTextWriter(buffer);
@@ -77,8 +226,6 @@ XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique
         xmlOutputBufferClose(buffer);
         throw std::bad_alloc();
     }
-    xmlTextWriterSetIndent(_impl->writer, indent ? 1 : 0);
-    xmlTextWriterSetIndentString(_impl->writer, ToXml("  "));
 }
 
 XmlWriter::~XmlWriter() = default;
@@ -96,18 +243,33 @@ void XmlWriter::StartElement(const std::string& name) {
     if (_impl->isComplete) {
         throw XmlException("the document is complete");
     }
+    if (_impl->levels.size() == static_cast<std::size_t>(kMaxDepth)) {
+        throw XmlException("elements are nested too deep");
+    }
+    const auto [prefix, local] = SplitName(name);
+    _impl->CheckNewNames({prefix, local});
+    _impl->CloseTag();
+    _impl->BeginLine(_impl->levels.size());
     _impl->isBegun = true;
-    _impl->Do(xmlTextWriterStartElement, ToXml(name));
-    ++_impl->depth;
-    _impl->mayHaveAttributes = true;
+    if (!_impl->levels.empty()) {
+        _impl->levels.back().isEmpty = false;
+    }
+    _impl->levels.push_back({{}, !_impl->levels.empty() && _impl->levels.back().hasText, true});
+    _impl->isTagOpen = true;
+    _impl->tag = name;
     _impl->attributes.clear();
 }
 
 void XmlWriter::EndElement() {
     _impl->CheckOpen();
+    _impl->CloseTag();
+    if (!_impl->levels.back().isEmpty) {
+        _impl->BeginLine(_impl->levels.size() - 1);
+    }
+    _impl->textSize = 0;
     _impl->Do(xmlTextWriterEndElement);
-    _impl->mayHaveAttributes = false;
-    _impl->isComplete = --_impl->depth == 0;
+    _impl->levels.pop_back();
+    _impl->isComplete = _impl->levels.empty();
 }
 
 void XmlWriter::Element(const std::string& name, const std::string& text) {
@@ -122,12 +284,24 @@ void XmlWriter::Element(const std::string& name, const std::string& text) {
 void XmlWriter::Attribute(const std::string& name, const std::string& value) {
     CheckName(name, true);
     CheckText(value);
-    if (name == "xmlns" || name.compare(0, 6, "xmlns:") == 0) {
-        CheckNamespace(name.size() > 6 ? name.substr(6) : std::string(), value);
+    const auto [prefix, local] = SplitName(name);
+    const bool isDeclaration = name == kDeclaration || prefix == kDeclaration;
+    if (isDeclaration) {
+        CheckNamespace(name == kDeclaration ? std::string() : std::string(local), value);
     }
     _impl->CheckAttribute(name);
-    _impl->Do(xmlTextWriterWriteAttribute, ToXml(name), ToXml(value));
-    _impl->attributes.push_back(name);
+    if (name == "xml:id") {
+        if (!IsName(value, false) || _impl->ids.count(value) != 0) {
+            throw XmlException(IsName(value, false) ? kDoubledId : kInvalidId);
+        }
+        _impl->ids.insert(value);
+    }
+    _impl->CheckNewNames({prefix, local, isDeclaration ? std::string_view(value) : prefix});
+    if (isDeclaration) {
+        _impl->levels.back().namespaces.emplace_back(name == kDeclaration ? std::string_view() : local,
+                                                     value);
+    }
+    _impl->attributes.push_back({name, value});
 }
 
 void XmlWriter::Namespace(const std::string& prefix, const std::string& uri) {
@@ -137,16 +311,15 @@ void XmlWriter::Namespace(const std::string& prefix, const std::string& uri) {
 
 void XmlWriter::Text(const std::string& text) {
     CheckText(text);
-    _impl->CheckOpen();
+    _impl->BeginText(text.size());
     _impl->Do(xmlTextWriterWriteString, ToXml(text));
-    _impl->mayHaveAttributes = false;
 }
 
 void XmlWriter::CData(const std::string& text) {
     CheckText(text);
-    _impl->CheckOpen();
-    // The end mark inside is divided between two sections. A carriage return is escaped between two: in one
-    // it would be read as a line feed.
+    _impl->BeginText(text.size());
+    // The end mark inside is divided between two sections. A carriage return is escaped between two: inside
+    // of a section it would be read as a line feed.
     std::size_t begin = 0;
     for (std::size_t at = text.find_first_of("]\r"); at != std::string::npos;
          at = text.find_first_of("]\r", at)) {
@@ -163,7 +336,6 @@ void XmlWriter::CData(const std::string& text) {
         }
     }
     _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin)));
-    _impl->mayHaveAttributes = false;
 }
 
 void XmlWriter::Comment(const std::string& text) {
@@ -171,20 +343,35 @@ void XmlWriter::Comment(const std::string& text) {
     if (text.find("--") != std::string::npos || (!text.empty() && text.back() == '-')) {
         throw XmlException("invalid comment");
     }
+    if (text.size() > kMaxMarkup - 16) {
+        throw XmlException(kTooLongMarkup);
+    }
+    _impl->CloseTag();
+    _impl->BeginLine(_impl->levels.size());
     _impl->isBegun = true;
+    if (!_impl->levels.empty()) {
+        _impl->levels.back().isEmpty = false;
+    }
     _impl->Do(xmlTextWriterWriteComment, ToXml(text));
-    _impl->mayHaveAttributes = false;
 }
 
 void XmlWriter::EndDocument() {
-    if (_impl->depth == 0 && !_impl->isComplete) {
+    if (_impl->levels.empty() && !_impl->isComplete) {
         throw XmlException("no element is open");
+    }
+    while (!_impl->levels.empty()) {
+        EndElement();
     }
     _impl->Do(xmlTextWriterEndDocument);
     _impl->Do(xmlTextWriterFlush);
-    _impl->depth = 0;
-    _impl->isComplete = true;
-    _impl->mayHaveAttributes = false;
+    try {
+        _impl->stream.flush();
+    } catch (const std::exception&) {
+        Impl::Fail();  // it throws by its mask
+    }
+    if (!_impl->stream) {
+        Impl::Fail();
+    }
 }
 
 }  // namespace zarip::xml

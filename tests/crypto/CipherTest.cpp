@@ -146,7 +146,7 @@ TEST(CipherTest, EveryAlgorithmGivesItsPublishedResults) {
         const Bytes key = FromHex(row.key);
         Init(*cipher, Cipher::kEncrypt, key, FromHex(row.vector));
         EXPECT_EQ(ToHex(Convert(*cipher, plain)), row.cipher) << row.where;
-        cipher->Reset();
+        cipher->Reset(ToText(FromHex(row.vector)));
         EXPECT_EQ(ToHex(Convert(*cipher, plain, 3)), row.cipher) << row.where;
         Init(*cipher, Cipher::kDecrypt, key, FromHex(row.vector));
         EXPECT_EQ(Convert(*cipher, FromHex(row.cipher)), plain) << row.where;
@@ -192,19 +192,20 @@ TEST(CipherTest, EveryLengthComesToTheSameHoweverItIsSplit) {
                 const auto decrypt = algorithm.make(mode, padding);
                 EXPECT_STREQ(encrypt->GetAlgorithmName(), algorithm.name);
                 EXPECT_EQ(encrypt->GetBlockSize(), algorithm.block);
+                const std::string vector = ToText(VectorFor(algorithm, mode));
                 Init(*encrypt, Cipher::kEncrypt, key, VectorFor(algorithm, mode));
                 Init(*decrypt, Cipher::kDecrypt, key, VectorFor(algorithm, mode));
                 for (std::size_t length = 0; length <= 4 * std::size_t{algorithm.block}; ++length) {
                     const Bytes plain = Pattern(length);
                     if (needsBlocks && length % algorithm.block != 0) {
                         EXPECT_EQ(CryptoErrorOf([&] { Convert(*encrypt, plain); }), "incomplete block");
-                        encrypt->Reset();
+                        encrypt->Reset(vector);
                         continue;
                     }
                     Bytes whole;
                     for (std::size_t split = 0; split <= length; ++split) {
                         const Bytes secret = Convert(*encrypt, plain, split);
-                        encrypt->Reset();
+                        encrypt->Reset(vector);
                         if (split == 0) {
                             whole = secret;
                             ASSERT_EQ(whole.size(), padding == Cipher::kNoPadding
@@ -307,7 +308,10 @@ TEST(CipherTest, KeysVectorsAndBuffersThatDoNotDoAreRefusedAndNothingIsLost) {
         ASSERT_EQ(cipher->DoFinal(out, block), block);
         EXPECT_EQ(CryptoErrorOf([&] { cipher->Update(bytes.data(), 1, out, 128); }), "cipher is finished");
         EXPECT_EQ(CryptoErrorOf([&] { cipher->DoFinal(out, 128); }), "cipher is finished");
-        cipher->Reset();
+        EXPECT_EQ(CryptoErrorOf([&] { cipher->Reset(); }), "another message needs another vector");
+        EXPECT_EQ(CryptoErrorOf([&] { cipher->DoFinal(out, 128); }), "cipher is finished");
+        cipher->Reset(bytes.data(), block);
+        EXPECT_EQ(CryptoErrorOf([&] { cipher->Reset(); }), "another message needs another vector");
         EXPECT_EQ(ToHex(Convert(*cipher, Bytes(bytes.begin(), bytes.begin() + 3))), ToHex(out, block));
         // Another vector gives something else; ECB takes none.
         cipher->Reset(bytes.data() + 7, block);
@@ -381,13 +385,16 @@ TEST(CipherTest, InputAndOutputMayBeTheSameWhereTheyAreInStep) {
     const Bytes plain = FromHex(kText);
     for (const Cipher::Mode mode : kModes) {
         AES cipher(mode);
-        Init(cipher, Cipher::kEncrypt, key, mode == Cipher::kECB ? Bytes() : FromHex(kVector));
+        const std::string vector = mode == Cipher::kECB ? "" : ToText(FromHex(kVector));
+        cipher.Init(Cipher::kEncrypt, SecureBuffer(key.data(), SizeOf(key)), vector);
         const Bytes secret = Convert(cipher, plain);
-        cipher.Reset();
+        cipher.Reset(vector);
+        EXPECT_EQ(cipher.Update(ToText(plain)), ToText(secret));
+        cipher.Reset(vector);
         Bytes data = plain;
         EXPECT_EQ(cipher.Update(data.data(), 64, data.data(), 64), 64U);
         EXPECT_EQ(data, secret);
-        cipher.Reset();
+        cipher.Reset(vector);
         data = plain;
         EXPECT_EQ(CryptoErrorOf([&] { cipher.Update(data.data(), 32, data.data() + 1, 63); }),
                   "overlapping buffers");
@@ -400,6 +407,24 @@ TEST(CipherTest, InputAndOutputMayBeTheSameWhereTheyAreInStep) {
     Bytes data = plain;
     cipher.Update(data.data(), 1, nullptr, 0);
     EXPECT_EQ(CryptoErrorOf([&] { cipher.Update(data.data(), 32, data.data(), 64); }), "overlapping buffers");
+}
+
+TEST(CipherTest, StringsGoInAndComeOut) {
+    const Bytes key = FromHex(kKey128);
+    AES cipher(Cipher::kCBC, Cipher::kPKCS7Padding);
+    const SecureBuffer buffer(key.data(), SizeOf(key));
+    const std::string vector(16, 'v');
+    cipher.Init(Cipher::kEncrypt, buffer, vector);
+    std::string secret = cipher.Update("four");
+    secret += cipher.Update(std::string(30, 'x'));
+    secret += cipher.Finish();
+    EXPECT_EQ(secret.size(), 48U);
+    cipher.Init(Cipher::kDecrypt, buffer, vector);
+    std::string plain = cipher.Update(secret);
+    plain += cipher.Finish();
+    EXPECT_EQ(plain, "four" + std::string(30, 'x'));
+    cipher.Reset();
+    EXPECT_EQ(CryptoErrorOf([&] { cipher.Reset("short"); }), "invalid vector length");
 }
 
 TEST(CipherTest, TheCounterRunsOverAndManyCiphersFitWhereSecureMemoryIsShort) {

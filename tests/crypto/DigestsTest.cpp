@@ -1,7 +1,9 @@
 #include <zarip/crypto/CryptoException.h>
 #include <zarip/crypto/DigestUtils.h>
 #include <zarip/crypto/Digests.h>
+#include <zarip/crypto/GCryptInit.h>
 
+#include <gcrypt.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -156,6 +158,13 @@ TEST(DigestUtilsTest, TextsAndFilesAreDigestedAndChecked) {
     const std::string missing = folder.File("missing");
     EXPECT_EQ(test::ErrorOf([&] { DigestUtils::GenerateFileMd5(missing); }),
               "File '" + missing + "' does not exist");
+}
+
+TEST(GCryptInitTest, LibgcryptWritesNothingToStandardError) {
+    GCryptInit::InitializeGcrypt();
+    ::testing::internal::CaptureStderr();
+    ::gcry_log_debug("%s", "not there");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace

@@ -14,8 +14,8 @@ namespace {
 std::string Derive(const std::string& passPhrase, const std::string& salt, unsigned int iterations,
                    unsigned int length) {
     const SecureBuffer key =
-        CryptoUtils::DeriveKey(passPhrase.data(), static_cast<unsigned int>(passPhrase.size()), salt.data(),
-                               static_cast<unsigned int>(salt.size()), iterations, length);
+        CryptoUtils::DeriveWeakKey(passPhrase.data(), static_cast<unsigned int>(passPhrase.size()),
+                                   salt.data(), static_cast<unsigned int>(salt.size()), iterations, length);
     return ToHex(key.GetData(), key.GetSize());
 }
 
@@ -38,6 +38,46 @@ TEST(KdfTest, PassPhrasesGiveThePublishedKeys) {
     EXPECT_EQ(CryptoErrorOf([] { Derive("password", "", 1, 32); }), "empty salt");
     EXPECT_EQ(CryptoErrorOf([] { Derive("password", "salt", 0, 32); }), "no iterations");
     EXPECT_EQ(CryptoErrorOf([] { Derive("password", "salt", 1, 0); }), "invalid key length");
+}
+
+TEST(KdfTest, WeakParametersHaveToBeAskedForByName) {
+    const auto derive = [](unsigned int salt, unsigned int iterations) {
+        return CryptoErrorOf(
+            [&] { CryptoUtils::DeriveKey("phrase", 6, "0123456789abcdef", salt, iterations, 32); });
+    };
+    EXPECT_EQ(derive(16, 10'000), "no exception");
+    EXPECT_EQ(derive(15, 10'000), "salt too short");
+    EXPECT_EQ(derive(16, 9'999), "too few iterations");
+    EXPECT_EQ(derive(0, 10'000), "empty salt");
+    EXPECT_EQ(derive(16, 0), "no iterations");
+    const SecureBuffer key = CryptoUtils::DeriveKey("phrase", 6, "0123456789abcdef", 16, 10'000, 32);
+    EXPECT_EQ(ToHex(key.GetData(), 32), Derive("phrase", "0123456789abcdef", 10'000, 32));
+}
+
+TEST(KdfTest, ScryptGivesTheKeysOfOthers) {
+    const auto derive = [](const std::string& passPhrase, unsigned int salt, unsigned int cost,
+                           unsigned int parallelization, unsigned int length) {
+        const SecureBuffer key =
+            CryptoUtils::DeriveKeyScrypt(passPhrase.data(), static_cast<unsigned int>(passPhrase.size()),
+                                         "0123456789abcdef", salt, cost, parallelization, length);
+        return ToHex(key.GetData(), key.GetSize());
+    };
+    EXPECT_EQ(derive("pass phrase", 16, 16'384, 1, 32),
+              "9928d3915ce01ea8c3ff96d2918c51042db34ee3f79cbf8d1335c4bd002c6036");
+    EXPECT_EQ(derive("pleaseletmein", 16, 32'768, 2, 40),
+              "3581a6e5269f69b9d0cce59096a53dbc3ab7b08cf8e6c29241ffe829c5d41e0dda04a106172b8eb8");
+    const struct {
+        unsigned int salt, cost, parallelization, length;
+        const char* error;
+    } rows[] = {{15, 16'384, 1, 32, "salt too short"},   {16, 8'192, 1, 32, "invalid cost"},
+                {16, 20'000, 1, 32, "invalid cost"},     {16, 2'097'152, 1, 32, "invalid cost"},
+                {16, 16'384, 0, 32, "invalid cost"},     {16, 16'384, 17, 32, "invalid cost"},
+                {16, 16'384, 1, 0, "invalid key length"}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(CryptoErrorOf([&] { derive("p", row.salt, row.cost, row.parallelization, row.length); }),
+                  row.error);
+    }
+    EXPECT_EQ(CryptoErrorOf([&] { derive("", 16, 16'384, 1, 32); }), "empty pass phrase");
 }
 
 std::string Finish(Digest& digest) {
@@ -71,6 +111,9 @@ TEST(HmacTest, KeyedDigestsAreThePublishedOnes) {
             digest->Update(text + 1, 7);
             EXPECT_EQ(Finish(*digest), expected);
         }
+        digest->Update("Hi ");
+        digest->Update(std::string("There"));
+        EXPECT_EQ(ToHex(ToBytes(digest->Finish())), expected);
     }
     HmacSHA256 hashed(longKey.data(), SizeOf(longKey));
     const Bytes message = ToBytes("Test Using Larger Than Block-Size Key - Hash Key First");
@@ -79,6 +122,23 @@ TEST(HmacTest, KeyedDigestsAreThePublishedOnes) {
     HmacSHA256 none(nullptr, 0);
     EXPECT_EQ(Finish(none), "b613679a0814d9ec772f95d778c35fc5ff1697c493715653c6c712144292c5ad");
     EXPECT_EQ(CryptoErrorOf([] { Hmac(12'345, nullptr, 0); }).substr(0, 6), "HMAC: ");
+
+    HmacSHA256 checked(ToText(key));
+    const std::string good = ToText(FromHex(rows[1].second));
+    const std::pair<std::string, bool> checks[] = {
+        {good, true},         {good.substr(0, 31), false},    {good + '\0', false}, {"", false},
+        {ToText(key), false}, {'\1' + good.substr(1), false}, {good, true},
+    };
+    for (const auto& [expected, isGood] : checks) {
+        checked.Update("Hi There");
+        EXPECT_EQ(checked.Verify(expected), isGood) << ToHex(ToBytes(expected));
+    }
+    checked.Update("Hi There");
+    EXPECT_TRUE(checked.Verify(reinterpret_cast<const unsigned char*>(good.data()), 32));
+    EXPECT_FALSE(checked.Verify(nullptr, 32));
+    HmacSHA512 secret(SecureBuffer(key.data(), SizeOf(key)));
+    secret.Update("Hi There");
+    EXPECT_EQ(ToHex(ToBytes(secret.Finish())), rows[2].second);
 }
 
 TEST(CryptoUtilsTest, BytesAreComparedAndMadeAtRandom) {
@@ -95,7 +155,7 @@ TEST(CryptoUtilsTest, BytesAreComparedAndMadeAtRandom) {
     CryptoUtils::Randomize(two.GetData(), 32);
     EXPECT_FALSE(CryptoUtils::AreEqual(one.GetData(), two.GetData(), 32));
     EXPECT_GT(std::count_if(one.GetData(), one.GetData() + 32, [](unsigned char c) { return c != 0; }), 20);
-    EXPECT_EQ(two.GetData()[32] + two.GetData()[33], 0) << "written behind the buffer";
+    EXPECT_EQ(two.GetData()[32] + two.GetData()[33], 0) << "written after the buffer";
     CryptoUtils::Wipe(two.GetData(), 32);
     EXPECT_EQ(std::count(two.GetData(), two.GetData() + 34, 0), 34);
 }
@@ -115,6 +175,14 @@ TEST(SecureBufferTest, BuffersAreCopiedMovedAndCutAndThereAreEnough) {
     EXPECT_EQ(ToHex(data, 6), "536500000000") << "the rest is wiped";
     buffer = copy;
     EXPECT_EQ(buffer.GetSize(), 6U);
+    SecureBuffer target("old secret", 10);
+    target = std::move(buffer);
+    EXPECT_EQ(target.GetSize(), 6U);
+    EXPECT_EQ(buffer.GetSize(), 0U) << "not what the target held";
+    EXPECT_EQ(buffer.GetData(), nullptr);
+    SecureBuffer& itself = target;
+    target = std::move(itself);
+    EXPECT_EQ(target.GetSize(), 6U);
     EXPECT_EQ(SecureBuffer().GetSize(), 0U);
     EXPECT_EQ(SecureBuffer(0).GetData(), nullptr);
 

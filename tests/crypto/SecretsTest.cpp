@@ -1,3 +1,4 @@
+#include <zarip/crypto/AuthenticatedCipher.h>
 #include <zarip/crypto/Ciphers.h>
 #include <zarip/crypto/CryptoUtils.h>
 #include <zarip/crypto/Hmac.h>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "Bytes.h"
+#include "support/TempDir.h"
 
 namespace zarip::crypto {
 namespace {
@@ -119,6 +121,11 @@ TEST(SecretsTest, WhatKeyFactoryHasWorkedWithIsNowhereInMemoryAfterwards) {
     for (const KeyFactory::Format format : {KeyFactory::kPKCS1, KeyFactory::kPKCS8}) {
         key = KeyFactory::LoadPrivateKey(KeyFactory::SavePrivateKey(*key, format));
     }
+    const test::TempDir folder;
+    const SecureBuffer passPhrase("horse", 5);
+    key = KeyFactory::LoadPrivateKey(KeyFactory::SavePrivateKey(*key, passPhrase), passPhrase);
+    KeyFactory::SavePrivateKeyFile(folder.File("key"), *key);
+    key = KeyFactory::LoadPrivateKeyFile(folder.File("key"));
     EXPECT_GE(prime.Count(), 1U);
     key.reset();
     EXPECT_EQ(prime.Count(), 0U);
@@ -143,10 +150,16 @@ TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
             block = 8;
         }
     }
+    {
+        const AuthenticatedCipher sealing(AuthenticatedCipher::kAES256GCM, CryptoUtils::GenerateKey(32));
+        const SecureBuffer opened = sealing.Open(sealing.Seal(*text));
+        const std::string changed = sealing.Seal(*text) + "x";
+        EXPECT_EQ(CryptoErrorOf([&] { sealing.Open(changed); }), "authentication failed");
+    }
     HmacSHA256 hmac(key->GetData(), 24);
     unsigned char digest[32];
     hmac.DoFinal(digest, sizeof digest);
-    std::optional<SecureBuffer> derived(CryptoUtils::DeriveKey("phrase", 6, vector, 16, 10, 32));
+    std::optional<SecureBuffer> derived(CryptoUtils::DeriveWeakKey("phrase", 6, vector, 16, 10, 32));
     needles.emplace_back(derived->GetData(), 24);
     SecureBuffer copy(*text);
     *text = copy;

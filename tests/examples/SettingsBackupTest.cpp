@@ -46,7 +46,7 @@ TEST(SettingsArchiveTest, OnlyTheWholeArchiveAndTheRightPassPhraseOpenIt) {
         EXPECT_EQ(ErrorOf([&] { Open(changed, PassPhrase("horse")); }),
                   i < 8                ? "this is no archive of settings"
                   : i < 12             ? "the archive is of an unknown version"
-                  : i == 12 || i == 13 ? "the archive is damaged"  // more iterations than one believes
+                  : i == 12 || i == 13 ? "the archive is damaged"  // more iterations than it believes
                                        : refusal)
             << "byte " << i;
     }
@@ -55,6 +55,25 @@ TEST(SettingsArchiveTest, OnlyTheWholeArchiveAndTheRightPassPhraseOpenIt) {
             << size;
     }
     EXPECT_EQ(ErrorOf([&] { Open(archive + '\0', PassPhrase("horse")); }), refusal);
+}
+
+TEST(SettingsArchiveTest, ArchivesOfVersion1AreStillRead) {
+    std::string archive;
+    const std::string digits =
+        "5a4152495042414b0000000100002710860203794a0dd664a964a7a60b116c90551781a2e84758a23f3dd0a0e4"
+        "b5f029206c8d73ca96a3cb5c9ee292e1d5ef5494db590c942b79b3069cceb98331ccac258ed85669a89cd12940"
+        "6b85166e80164b9f77e45d1fe939082877";
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+        archive += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    }
+    EXPECT_EQ(Open(archive, PassPhrase("horse")), (Files{{"a.ini", "x"}, {"etc/b", ""}}));
+    for (const std::size_t i : {std::size_t{16}, std::size_t{40}, std::size_t{60}, archive.size() - 1}) {
+        std::string changed = archive;
+        changed[i] = static_cast<char>(changed[i] ^ 1);
+        EXPECT_EQ(ErrorOf([&] { Open(changed, PassPhrase("horse")); }),
+                  "the pass phrase is wrong or the archive was changed");
+    }
+    EXPECT_NE(ErrorOf([&] { Open(archive.substr(0, 79), PassPhrase("horse")); }), "no exception");
 }
 
 TEST(SettingsArchiveTest, NamesThatLeaveTheFolderAreRefused) {
@@ -69,10 +88,10 @@ TEST(SettingsArchiveTest, NamesThatLeaveTheFolderAreRefused) {
     EXPECT_FALSE(settings_archive::IsGoodName(std::string("a\0b", 3)));
 }
 
-/// Runs the program with "horse" as the pass phrase.
-int RunBackup(const std::string& arguments) {
-    const int status =
-        std::system(("echo horse | " SETTINGS_BACKUP " " + arguments + " >/dev/null 2>&1").c_str());
+/// Runs the program with "horse" as the pass phrase. @param before  of the shell
+int RunBackup(const std::string& arguments, const std::string& before = "") {
+    const int status = std::system(
+        (before + " echo horse | " + SETTINGS_BACKUP + " " + arguments + " >/dev/null 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -107,6 +126,45 @@ TEST(SettingsBackupTest, FilesComeBackAndLinksAreNotFollowed) {
     EXPECT_FALSE(fs::exists(folder.File("none")));
     EXPECT_EQ(RunBackup("save " + archive + " " + folder.File("out/../settings.ini")), 1);
     EXPECT_EQ(RunBackup("save " + archive), 2);
+}
+
+TEST(SettingsBackupTest, AnyNumberOfFilesAndNamesWithDotsComeBack) {
+    const test::TempDir folder;
+    fs::create_directories(folder.File("many/deep"));
+    std::string names;
+    for (int i = 0; i < 100; ++i) {
+        const std::string name = (i % 2 == 0 ? "many/./" : ".//many/deep/./") + std::to_string(i);
+        folder.Write(name, std::to_string(i));
+        names += " " + name;
+    }
+    const std::string there = "cd " + folder.Path() + "; ulimit -n 20;";
+    ASSERT_EQ(RunBackup("save archive" + names, there), 0);
+    ASSERT_EQ(RunBackup("restore archive out", there), 0);
+    EXPECT_EQ(folder.Read("out/many/98"), "98");
+    EXPECT_EQ(folder.Read("out/many/deep/99"), "99");
+    const std::string phrase = folder.Write("phrase", "horse\r\nnot this\n");
+    EXPECT_EQ(RunBackup("--pass-phrase " + phrase + " list archive", there), 0);
+}
+
+TEST(SettingsBackupTest, FoldersAreOnTheDiskBeforeItSaysSo) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer has to be preloaded first";
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    GTEST_SKIP() << "a sanitizer has to be preloaded first";
+#endif
+#endif
+    const test::TempDir folder;
+    folder.Write("a", "1");
+    const std::string there = "cd " + folder.Path() +
+                              "; export LD_PRELOAD=" CALL_LOG_LIBRARY " CALL_LOG=" + folder.File("log") + ";";
+    ASSERT_EQ(RunBackup("save archive a " + folder.File("a"), there), 0);
+    EXPECT_EQ(folder.Read("log"), "file rename folder ");
+    fs::remove(folder.File("log"));
+    fs::create_directory(folder.File("out"));
+    ASSERT_EQ(RunBackup("restore archive out", there), 0);
+    EXPECT_EQ(folder.Read("log").substr(0, 18), "file mkdir folder ");
+    EXPECT_EQ(folder.Read("log").substr(folder.Read("log").size() - 28), "rename folder rename folder ");
 }
 
 TEST(SettingsBackupTest, AnInterruptAtThePromptLeavesTheTerminalAsItWas) {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cmath>
 #include <fstream>
@@ -80,6 +81,8 @@ TEST(Reader, NumbersAreTheNearestDouble) {
         {"1e-2147483639", 0.0},
         {"0.000000000000000000001e-2147483639", 0.0},
         {"1e-99999999999999999999", 0.0},
+        {"0e400", 0.0},
+        {"0.000E+99999999999999999999", 0.0},
     };
     for (const auto& [text, value] : cases) {
         EXPECT_EQ(Parse<Number>(text).Value(), value) << text;
@@ -89,6 +92,13 @@ TEST(Reader, NumbersAreTheNearestDouble) {
     EXPECT_EQ(Parse<Number>("0." + Repeat("0", 400) + "1e401").Value(), 1.0);
     EXPECT_EQ(Parse<Number>("0." + Repeat("0", 400) + "1e10").Value(), 0.0);
     EXPECT_EQ(Parse<Number>("0." + Repeat("3", 5000)).Value(), 1.0 / 3.0);
+    EXPECT_TRUE(std::signbit(Parse<Number>("-0e999").Value()));
+    EXPECT_EQ(ToText(Parse("[1" + Repeat("0", 400) + "e-400,\"0e400\",-12.5,0e400]"), false),
+              "[1,\"0e400\",-12.5,0]");
+    EXPECT_EQ(Outcome("[0e400,01]"), "parse 0:8:8 0:9:9");
+    EXPECT_EQ(Outcome("[0e400, 1e400]"), "scan 0:8:8");
+    EXPECT_NE(Outcome("0e400e40"), "read");
+    EXPECT_NE(Outcome("[0e999,1-999]"), "read");
 
     for (const std::string& tooBig : {std::string("1e400"), std::string("-1e309"), std::string("1.8e308"),
                                       std::string("1e99999999999999999999"), "1" + Repeat("0", 400),
@@ -218,6 +228,24 @@ TEST(Reader, LimitsTheDepth) {
     EXPECT_EQ(Outcome(Repeat("{\"a\":", 100000)), "parse 0:1000:1000 0:1001:1001");
 }
 
+TEST(Reader, BoundsTheNumberOfElements) {
+    EXPECT_EQ(Outcome("[" + Repeat("[],", 999'998) + "0]"), "read");
+    EXPECT_EQ(Outcome("[" + Repeat("0,", 1'000'000) + "0]").substr(0, 5), "parse");
+}
+
+TEST(Reader, EmptyContainersTakeNoMemoryOfTheirOwn) {
+    const auto count = [](const std::string& text) {
+        const auto before = ::mallinfo2().uordblks;
+        const UnknownElement element = Parse(text);
+        return ::mallinfo2().uordblks - before;
+    };
+    // Few enough that no block is large enough to be mapped by itself.
+    const auto nulls = count("[" + Repeat("null,", 1'000) + "0]");
+    EXPECT_EQ(count("[" + Repeat("[],", 1'000) + "0]"), nulls);
+    EXPECT_EQ(count("[" + Repeat("{},", 1'000) + "0]"), nulls);
+    EXPECT_LT(count("[" + Repeat("[0],", 1'000) + "0]"), nulls + 1'000 * 160);
+}
+
 TEST(Reader, TakesTheWholeStreamAndNoMore) {
     std::istringstream done("[1] ");
     UnknownElement element;
@@ -228,6 +256,8 @@ TEST(Reader, TakesTheWholeStreamAndNoMore) {
     std::istringstream failed("[1]");
     failed.setstate(std::ios_base::failbit);
     EXPECT_EQ(TextOfException([&] { json::Reader::Read(element, failed); }), "Unexpected end of document");
+    std::ifstream folder("/");
+    EXPECT_EQ(TextOfException([&] { json::Reader::Read(element, folder); }), "Reading failed");
     std::ifstream missing("/nonexistent/file");
     EXPECT_EQ(TextOfException([&] { json::Reader::Read(element, missing); }), "Unexpected end of document");
 

@@ -1,12 +1,18 @@
 #pragma once
 
+#include <locale.h>
+#include <stdlib.h>
+
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <ios>
 #include <istream>
 #include <limits>
+#include <map>
 #include <new>
 #include <set>
 #include <string>
@@ -20,6 +26,13 @@ namespace json::detail {
 
 [[noreturn]] inline void ThrowBrokenParser() {
     throw Exception("JSON parser: broken invariant");
+}
+
+// The value of a number that is written as JSON has it, whatever the locale; false when it does not fit.
+inline bool ToDouble(const std::string& number, double& value) {
+    static const locale_t s_classic = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    value = ::strtod_l(number.c_str(), nullptr, s_classic);
+    return std::isfinite(value);
 }
 
 }  // namespace json::detail
@@ -41,7 +54,8 @@ namespace json::detail {
 namespace json {
 
 /// Reads elements from text in UTF-8. The stream is read to its end and must hold one document, at most 200
-/// arrays and objects deep; numbers must fit a double. When reading fails, the element stays as it was.
+/// arrays and objects deep and of at most 1,000,000 elements; numbers must fit a double. When reading fails,
+/// the element stays as it was.
 class Reader {
 public:
     /// A place in the text; all three count from 0, columns and offsets in bytes.
@@ -60,9 +74,9 @@ public:
         Location m_locError;
     };
 
-    /// The tokens make no document, or not one of the kind asked for, or one that names a member twice or is
-    /// nested too deep. The locations are those of the offending token, both at the end of the text when a
-    /// token is missing.
+    /// The tokens make no document, or not one of the kind asked for, or one that names a member twice, is
+    /// nested too deep or has too many elements. The locations are those of the offending token, both at the
+    /// end of the text when a token is missing.
     class ParseException : public Exception {
     public:
         ParseException(const std::string& message, const Location& tokenBegin, const Location& tokenEnd)
@@ -85,6 +99,7 @@ public:
 
 private:
     static constexpr std::size_t kMaxDepth = 200;
+    static constexpr std::size_t kMaxElements = 1'000'000;
 
     // The whole text, in the form of a RapidJSON input stream: behind the end there are NULs only.
     class Source {
@@ -92,13 +107,13 @@ private:
         using Ch = char;
 
         explicit Source(std::istream& stream)
-            : _text(ReadAll(stream)), _at(_text.data()), _end(_at + _text.size()) {}
+            : _text(ReadAll(stream)), _begin(_text.data()), _at(_begin), _end(_at + _text.size()) {}
         Source(const Source&) = delete;
         Source& operator=(const Source&) = delete;
 
         Ch Peek() const { return *_at; }  // a string has a NUL at its end
         Ch Take() { return _at != _end ? *_at++ : '\0'; }
-        std::size_t Tell() const { return static_cast<std::size_t>(_at - _text.data()); }
+        std::size_t Tell() const { return static_cast<std::size_t>(_at - _begin); }
 
         // The characters up to the next that may need a look within a string, as taken.
         std::string_view TakePlain() {
@@ -116,6 +131,40 @@ private:
         std::size_t PutEnd(Ch* /*begin*/) { detail::ThrowBrokenParser(); }
 
         std::string_view Text() const { return _text; }
+
+        // Starts again, with 0.0 in place of every number: RapidJSON refuses some that fit a double by how
+        // they are written, such as 0e400. Returns false when that was done before.
+        bool ReplaceNumbers() {
+            if (!_shown.empty()) {
+                return false;
+            }
+            _shown = _text;
+            for (std::size_t at = 0; at < _text.size();) {
+                const bool isNumber = _text[at] == '-' || (_text[at] >= '0' && _text[at] <= '9');
+                const std::size_t end = _text[at] == '"' ? FindTokenEnd(at)
+                                        : isNumber       ? _text.find_first_not_of("0123456789+-.eE", at)
+                                                         : at + 1;
+                const std::size_t next = std::min(end, _text.size());
+                double value = 0.0;
+                // What only begins as a number, such as 0e400e1, must stay as broken as it is.
+                if (isNumber && next - at > 2 && FindNumberEnd(at) == next &&
+                    detail::ToDouble(_text.substr(at, next - at), value)) {
+                    _replaced[at] = value;
+                    std::fill(&_shown[at], &_shown[next], '0');
+                    _shown[at + 1] = '.';
+                }
+                at = next;
+            }
+            _begin = _shown.data();
+            _at = _begin;
+            _end = _begin + _shown.size();
+            return true;
+        }
+
+        const double* FindReplaced(std::size_t at) const {
+            const auto found = _replaced.find(at);
+            return found != _replaced.end() ? &found->second : nullptr;
+        }
 
         [[noreturn]] void ThrowScan(const std::string& message, std::size_t offset) const {
             throw ScanException(message, Locate(offset));
@@ -145,6 +194,37 @@ private:
             return std::max(begin + 1, std::min(end, _text.size()));
         }
 
+        // Where the number ends that begins here, or here if none does.
+        std::size_t FindNumberEnd(std::size_t begin) const {
+            std::size_t at = begin;
+            const auto skipDigits = [&] {
+                const std::size_t first = at;
+                while (at < _text.size() && _text[at] >= '0' && _text[at] <= '9') {
+                    ++at;
+                }
+                return at != first;
+            };
+            const auto skip = [&](const char* some) {
+                const bool isThere = at < _text.size() && _text[at] != '\0' && std::strchr(some, _text[at]);
+                at += isThere ? 1 : 0;
+                return isThere;
+            };
+            skip("-");
+            if (!skip("0") && !skipDigits()) {
+                return begin;
+            }
+            if (skip(".") && !skipDigits()) {
+                return begin;
+            }
+            if (skip("eE")) {
+                skip("+-");
+                if (!skipDigits()) {
+                    return begin;
+                }
+            }
+            return at;
+        }
+
         // Where the string begins whose closing quote is the last character taken.
         std::size_t FindStringBegin() const {
             std::size_t begin = Tell() - 1;
@@ -168,13 +248,21 @@ private:
                         throw ScanException("Document too long", Location());
                     }
                     text.resize(std::max(kFirstRead, 2 * used));
-                    used += static_cast<std::size_t>(
-                        stream.rdbuf()->sgetn(&text[used], static_cast<std::streamsize>(text.size() - used)));
+                    used += ReadSome(stream, &text[used], text.size() - used);
                 }
                 text.resize(used);
                 stream.setstate(std::ios_base::eofbit);
             }
             return text;
+        }
+
+        static std::size_t ReadSome(std::istream& stream, char* to, std::size_t size) {
+            try {
+                return static_cast<std::size_t>(
+                    stream.rdbuf()->sgetn(to, static_cast<std::streamsize>(size)));
+            } catch (const std::ios_base::failure&) {
+                throw Exception("Reading failed");  // a directory, for example
+            }
         }
 
         Location Locate(std::size_t offset) const {
@@ -189,8 +277,11 @@ private:
         }
 
         const std::string _text;
+        std::string _shown;  // in place of the text, once numbers have been replaced
+        std::map<std::size_t, double> _replaced;
+        const char* _begin;
         const char* _at;
-        const char* const _end;
+        const char* _end;
     };
 
     // UTF-8 that is validated and copied by the run, where nothing speaks against it, instead of by the
@@ -296,6 +387,9 @@ private:
         }
 
         UnknownElement& AddSlot() {
+            if (++_elements > kMaxElements) {
+                _source.ThrowParse("Too many elements", _source.Tell(), _source.Tell());
+            }
             if (_levels.empty()) {
                 return _root;
             }
@@ -337,33 +431,16 @@ private:
                 std::from_chars(begin, end, integer);
                 return static_cast<double>(integer);
             }
+            const std::size_t at = _source.Tell() - static_cast<std::size_t>(end - begin);
+            if (const double* const replaced = _source.FindReplaced(at)) {
+                return *replaced;
+            }
             double value = 0.0;
-            if (std::from_chars(begin, end, value).ec == std::errc::result_out_of_range) {
-                if (Magnitude(begin, end) > 0) {
-                    _source.ThrowScan(rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig),
-                                      _source.Tell() - static_cast<std::size_t>(end - begin));
-                }
-                value = *begin == '-' ? -0.0 : 0.0;
+            if (std::from_chars(begin, end, value).ec == std::errc::result_out_of_range &&
+                !detail::ToDouble(std::string(begin, end), value)) {
+                _source.ThrowScan(rapidjson::GetParseError_En(rapidjson::kParseErrorNumberTooBig), at);
             }
             return value;
-        }
-
-        // The power of ten of the first digit that is not 0, counted from the point: 2 for 12, -1 for 0.01.
-        static long long Magnitude(const char* begin, const char* end) {
-            const char* const exponentMark =
-                std::find_if(begin, end, [](char c) { return c == 'e' || c == 'E'; });
-            const char* const point = std::find(begin, exponentMark, '.');
-            const char* const first =
-                std::find_if(begin, exponentMark, [](char c) { return c >= '1' && c <= '9'; });
-            long long exponent = 0;
-            if (exponentMark != end) {
-                const char* const digits = exponentMark + (exponentMark[1] == '+' ? 2 : 1);
-                if (std::from_chars(digits, end, exponent).ec == std::errc::result_out_of_range) {
-                    exponent =
-                        *digits == '-' ? std::numeric_limits<int>::min() : std::numeric_limits<int>::max();
-                }
-            }
-            return exponent + (point - first) + (first > point ? 1 : 0);
         }
 
         const Source& _source;
@@ -371,6 +448,7 @@ private:
         UnknownElement _root;
         std::vector<Level> _levels;
         std::vector<std::size_t> _hashes;  // of the names in all levels
+        std::size_t _elements = 0;
     };
 
     // malloc() with the failures that RapidJSON does not look for.
@@ -409,6 +487,9 @@ private:
         Builder builder(source);
         rapidjson::GenericReader<Utf8, Utf8, Allocator> parser;
         const rapidjson::ParseResult result = parser.Parse<kFlags>(source, builder);
+        if (result.Code() == rapidjson::kParseErrorNumberTooBig && source.ReplaceNumbers()) {
+            return Parse(source);
+        }
         if (result.IsError()) {
             ThrowError(source, result.Code(), result.Offset());
         }

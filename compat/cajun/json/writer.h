@@ -49,8 +49,8 @@ public:
     static void Write(const Object& object, std::ostream& stream, bool pretty = false) {
         WriteAny(object, stream, pretty);
     }
-    static void Write(const UnknownElement& element, std::ostream& stream) {
-        Text text(stream, true);
+    static void Write(const UnknownElement& element, std::ostream& stream, bool pretty = true) {
+        Text text(stream, pretty);
         element.Accept(text);
         text.Flush();
     }

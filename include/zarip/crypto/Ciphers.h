@@ -1,13 +1,16 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
 
-#include <zarip/osa/Export.h>
+#include <zarip/crypto/SecureBuffer.h>
 
 namespace zarip::crypto {
 
-/// A block cipher: `Init` with a key, bytes go in and come out with `Update`, the rest with `DoFinal`.
-/// *One thread at a time.* All failures are `CryptoException`s.
+/// A block cipher, for formats that others have laid down; for data of one's own take `AuthenticatedCipher`.
+/// `Init` with a key, bytes go in and come out with `Update`, the rest with `DoFinal`. *One thread at a
+/// time.* All failures are `CryptoException`s.
 class ZARIP_EXPORT Cipher {
 public:
     enum Mode {
@@ -40,8 +43,9 @@ public:
     virtual void Init(Direction direction, const unsigned char* key, unsigned int keyLength,
                       const unsigned char* vector = nullptr, unsigned int vectorLength = 0) = 0;
 
-    /// Starts over, with the same key and the same vector. That is for reading again; whoever encrypts
-    /// another message gives it a vector of its own. "cipher has no key" before `Init`.
+    /// Starts over, with the same key and the same vector: for reading again, and with ECB. Two messages that
+    /// were encrypted with one vector show what they have in common, so encrypting in another mode throws
+    /// "another message needs another vector". "cipher has no key" before `Init`.
     virtual void Reset() = 0;
 
     /// Starts another message with the same key.
@@ -62,14 +66,20 @@ public:
                                 unsigned int size) = 0;
 
     /// Ends the message; `Reset` or `Init` starts the next one.
-    /// @param size  of `out`: with padding a block, also where less will be written; otherwise `out` may be
-    /// null
+    /// @param size  of `out`: with padding a block, even if less will be written; otherwise `out` may be null
     /// @return how many bytes were written.
     /// As `Update`; "incomplete block" for data that are no whole blocks, and "invalid padding" when
     /// decrypting with a wrong key or of changed data, which mostly but not always shows. (An `Hmac` tells
     /// for certain: check it first.) How long it takes does not tell what is wrong with the padding. After
     /// these two the message has ended.
     virtual unsigned int DoFinal(unsigned char* out, unsigned int size) = 0;
+
+    /// The same for strings of bytes; `Finish` is `DoFinal` and returns the rest. What was decrypted is not
+    /// wiped when a string ends: for secrets take the functions above and a `SecureBuffer`.
+    void Init(Direction direction, const SecureBuffer& key, std::string_view vector = {});
+    void Reset(std::string_view vector);
+    std::string Update(std::string_view data);
+    std::string Finish();
 };
 
 struct CipherFamily;
@@ -80,6 +90,9 @@ class ZARIP_EXPORT GCryptCipher : public Cipher {
 public:
     ~GCryptCipher() override;
 
+    using Cipher::Init;
+    using Cipher::Reset;
+    using Cipher::Update;
     const char* GetAlgorithmName() const override;
     unsigned int GetBlockSize() const override;
     void Init(Direction direction, const unsigned char* key, unsigned int keyLength,

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include <zarip/osa/Export.h>
 
 struct gcry_md_handle;
@@ -29,9 +32,14 @@ public:
     virtual void Update(const unsigned char* data, unsigned int length) = 0;
 
     /// Writes the digest and resets the object for the next message.
-    /// @param length  the size of `out` in bytes; what lies behind the digest is left as it is.
+    /// @param length  the size of `out` in bytes; what follows the digest is left as it is.
     /// Throws `CryptoException`: "null output buffer", or "invalid buffer length" for one that is too small.
     virtual void DoFinal(unsigned char* out, unsigned int length) = 0;
+
+    /// The same for strings of bytes. `Finish` is `DoFinal` and returns the digest: `GetDigestSize()` bytes,
+    /// not hexadecimal digits.
+    void Update(std::string_view data);
+    std::string Finish();
 };
 
 /// A digest of libgcrypt.
@@ -49,6 +57,7 @@ public:
     GCryptDigest& operator=(const GCryptDigest& other);
     ~GCryptDigest() override;
 
+    using Digest::Update;
     const char* GetAlgorithmName() const override;
     unsigned int GetDigestSize() const override;
     void Reset() override;
@@ -62,11 +71,13 @@ private:
     gcry_md_handle* _opened;  ///< by the constructor, to be closed by the destructor
 };
 
+/// For old data only, and for checksums: two messages with one digest are made in seconds.
 class ZARIP_EXPORT MD5 : public GCryptDigest {
 public:
     MD5();
 };
 
+/// For old data only: two messages with one digest have been made.
 class ZARIP_EXPORT SHA1 : public GCryptDigest {
 public:
     SHA1();
@@ -87,12 +98,13 @@ public:
     SHA512();
 };
 
+/// For old data only: two messages with one digest are made by hand.
 class ZARIP_EXPORT MD4 : public GCryptDigest {
 public:
     MD4();
 };
 
-/// The checksum of Ethernet and ZIP files, most significant byte first.
+/// The checksum of Ethernet and ZIP files, most significant byte first. It finds accidents, no attackers.
 class ZARIP_EXPORT CRC32 : public GCryptDigest {
 public:
     CRC32();

@@ -1,17 +1,20 @@
 #pragma once
 
 #include <zarip/crypto/Digests.h>
+#include <zarip/crypto/SecureBuffer.h>
 
 namespace zarip::crypto {
 
-/// A digest that only holders of a key can make and check: it tells that data are as they were written, and
-/// by whom. Compare it with `CryptoUtils::AreEqual`. *One thread at a time.*
+/// A digest that only holders of a key can make and check: it shows that data are as they were written, and
+/// by whom. Check one with `Verify`; comparing it in another way can show an attacker how much of it was
+/// right. *One thread at a time.*
 class ZARIP_EXPORT Hmac : public Digest {
 public:
     /// @param algorithm  libgcrypt's number of the digest.
     /// @param key  of any length; that of the digest is best. Null for none.
     /// Throws `GCryptException` where libgcrypt refuses them.
     Hmac(int algorithm, const unsigned char* key, unsigned int length);
+    Hmac(int algorithm, std::string_view key);
     Hmac(const Hmac&) = delete;
     Hmac& operator=(const Hmac&) = delete;
     ~Hmac() override;
@@ -25,25 +28,38 @@ public:
     void Update(unsigned char byte) override;
     void Update(const unsigned char* data, unsigned int length) override;
     void DoFinal(unsigned char* out, unsigned int length) override;
+    using Digest::Update;
+
+    /// Ends the message as `DoFinal` does; whether its digest is this one, all of it. The time it takes does
+    /// not show how many bytes are right.
+    bool Verify(const unsigned char* expected, unsigned int length);
+    bool Verify(std::string_view expected);
 
 private:
     int _algorithm;
     gcry_md_handle* _handle;
 };
 
+/// For old data and old peers only; take SHA-256 for anything new.
 class ZARIP_EXPORT HmacSHA1 : public Hmac {
 public:
     HmacSHA1(const unsigned char* key, unsigned int length);
+    explicit HmacSHA1(std::string_view key);
+    explicit HmacSHA1(const SecureBuffer& key);
 };
 
 class ZARIP_EXPORT HmacSHA256 : public Hmac {
 public:
     HmacSHA256(const unsigned char* key, unsigned int length);
+    explicit HmacSHA256(std::string_view key);
+    explicit HmacSHA256(const SecureBuffer& key);
 };
 
 class ZARIP_EXPORT HmacSHA512 : public Hmac {
 public:
     HmacSHA512(const unsigned char* key, unsigned int length);
+    explicit HmacSHA512(std::string_view key);
+    explicit HmacSHA512(const SecureBuffer& key);
 };
 
 }  // namespace zarip::crypto

@@ -21,7 +21,7 @@ enum class RsaEncryption {
 
 enum class RsaSignature {
     kPKCS1,  ///< version 1.5
-    kPSS,    ///< the salt is as long as the digest, MGF1 has the same digest
+    kPSS,    ///< MGF1 has the same digest; the salt is as long as that, and of any length when verifying
 };
 
 /// Encrypts and verifies. Copies share the key. *Thread-safe*, except for assignment. `KeyFactory` makes and
@@ -46,7 +46,7 @@ public:
     std::vector<unsigned char> Encrypt(RsaEncryption encryption, const void* data, unsigned int length) const;
 
     /// Whether the holder of the private key has signed just these data. What is no signature at all is
-    /// false, too, and so is everything where the key is too short for the digest.
+    /// false, too, and so is everything if the key is too short for the digest.
     bool Verify(RsaSignature kind, RsaHash hash, const void* data, unsigned int length,
                 const unsigned char* signature, unsigned int signatureLength) const;
 

@@ -22,6 +22,7 @@ public:
     /// A copy of `length` bytes.
     SecureBuffer(const void* data, unsigned int length);
     SecureBuffer(const SecureBuffer& other);
+    /// A buffer that was moved from is empty.
     SecureBuffer(SecureBuffer&& other) noexcept;
     SecureBuffer& operator=(const SecureBuffer& other);
     SecureBuffer& operator=(SecureBuffer&& other) noexcept;
@@ -31,7 +32,7 @@ public:
     const unsigned char* GetData() const noexcept { return _data; }
     unsigned int GetSize() const noexcept { return _size; }
 
-    /// Gives up, and wipes, all behind the first `size` bytes; does nothing when there are no more.
+    /// Gives up, and wipes, all after the first `size` bytes; does nothing when there are no more.
     void Shrink(unsigned int size) noexcept;
 
     /// Whether this is libgcrypt's secure memory.

@@ -14,8 +14,9 @@ namespace zarip::xml {
 /// one around it, is removed, and until the document ends. *One thread at a time* for a whole document.
 ///
 /// Names are local names; `namespaceUri` is the name of a namespace, empty for none. Text is UTF-8. Setters
-/// throw `XmlException` "invalid name '...'" and "invalid text" (for what is not UTF-8 and for control
-/// characters that XML cannot hold), all others "no element" for a reference to nothing.
+/// throw `XmlException` "invalid name '...'", "invalid text" (for what is not UTF-8 and for control
+/// characters that XML cannot hold) and "text of more than 10000000 bytes"; all functions throw "no element"
+/// for a reference to nothing.
 class ZARIP_EXPORT XmlElement {
 public:
     /// Refers to nothing; what looks for an element and finds none returns this.
@@ -45,20 +46,20 @@ public:
     std::string GetAttributeOr(const std::string& name, const std::string& otherwise) const;
 
     /// Adds or replaces it. One with a namespace takes the prefix that is declared for it here or around, and
-    /// throws "undeclared namespace '...'" where there is none.
+    /// throws "undeclared namespace '...'" if there is none.
     void SetAttribute(const std::string& name, const std::string& value,
                       const std::string& namespaceUri = {});
 
     /// False when there was none.
     bool RemoveAttribute(const std::string& name, const std::string& namespaceUri = {});
 
-    /// Names and values in the order of the document; declarations of namespaces are none.
+    /// Names and values in the order of the document; declarations of namespaces are left out.
     std::vector<std::pair<std::string, std::string>> GetAttributes() const;
 
     /// Declares a namespace for this element and those inside. @param prefix  empty for the default one.
     /// Throws "prefix '...' is declared already", "prefix '...' is in use" when this element or one inside
     /// means another namespace by it, or, for the default one, none, and "invalid namespace '...' '...'" for
-    /// XML's own and for a prefix without a namespace.
+    /// XML's own, for one that is not a URI and for a prefix without a namespace.
     void DeclareNamespace(const std::string& prefix, const std::string& namespaceUri);
 
     XmlElement GetParent() const;
@@ -70,7 +71,8 @@ public:
     std::vector<XmlElement> GetChildren() const;
     std::vector<XmlElement> GetChildren(const std::string& name) const;
 
-    /// Adds a child behind the others, in the namespace of this element unless another is given.
+    /// Adds a child after the others, in the namespace of this element unless another is given. Throws
+    /// "elements are nested too deep" after 256.
     XmlElement AddChild(const std::string& name);
     XmlElement AddChild(const std::string& name, const std::string& namespaceUri);
 

@@ -10,14 +10,13 @@
 namespace zarip::xml {
 
 /// Reads a document piece by piece, whatever its length, with the memory of the piece. *One thread at a
-/// time.* Safe with documents from strangers as `XmlDocument` is, and throws `XmlException` as that does;
-/// only a single text may be as long as the document. A comment or a CDATA section counts as an element where
-/// attributes are limited: it may not look like 4096 of them. The first element begins within 256 KiB ("too
-/// much before the first element").
+/// time.* It is as safe with documents from strangers as `XmlDocument` is, has the same limits and throws the
+/// same `XmlException`, after it has delivered what stands before the error. It differs in one thing: two
+/// equal `xml:id` are found if they are among the first 4096 of a document.
 class ZARIP_EXPORT XmlReader {
 public:
     enum NodeType {
-        kNone,  ///< before the first and behind the last
+        kNone,  ///< before the first and after the last
         kElement,
         kEndElement,
         kText,
@@ -31,7 +30,9 @@ public:
     /// Reads a text, which is copied.
     explicit XmlReader(std::string_view text);
 
-    /// Reads a stream, *not owned*, which must outlive the reader.
+    /// Reads a stream, *not owned*, which must outlive the reader. It takes what has arrived and waits for
+    /// more only when that holds no further node: a text is there when the markup after it is. `Read` throws
+    /// `osa::IOException` "XmlReader: reading failed" for a stream that fails or whose buffer throws.
     explicit XmlReader(std::istream& stream);
     XmlReader(const XmlReader&) = delete;
     XmlReader& operator=(const XmlReader&) = delete;
@@ -40,12 +41,13 @@ public:
     /// Goes to the next node; false at the end of the document.
     bool Read();
 
-    /// Goes on behind the element that it stands on, with all inside; false at the end.
+    /// Goes to the node after the element that it stands on, with all inside; false at the end.
     bool Skip();
 
     NodeType GetNodeType() const;
 
-    /// These are valid until the next `Read`; empty where the node has none.
+    /// These are valid until the next `Read`; empty if the node has none. The name of a text is "#text", that
+    /// of a section "#cdata-section" and that of a comment "#comment".
     std::string_view GetName() const;  ///< with its prefix
     std::string_view GetLocalName() const;
     std::string_view GetNamespaceUri() const;
@@ -57,15 +59,19 @@ public:
     /// Whether the element is written as `<name/>`; then no kEndElement follows.
     bool IsEmptyElement() const;
 
-    /// False when the element has no such attribute; `value` stays as it is then.
+    /// False when the element has no such attribute, and at its end; `value` stays as it is then.
+    /// @param name  as it is written, with its prefix; "xmlns" and "xmlns:..." are the declarations.
     bool GetAttribute(const char* name, std::string& value) const;
+
+    /// @param namespaceUri  empty or null for an attribute of no namespace, which has no prefix.
     bool GetAttribute(const char* localName, const char* namespaceUri, std::string& value) const;
 
-    /// The text inside the element that it stands on; goes on to its end. Throws "element '<name>' holds
+    /// The text inside the element that it stands on; goes to its end. Throws "element '<name>' holds
     /// more than text" when there is an element inside.
     std::string ReadText();
 
-    /// Where the node stands, from 1; 0 before the first.
+    /// The line on which the node begins, for an element that on which its tag ends, from 1; 0 before the
+    /// first.
     unsigned int GetLine() const;
 
 private:

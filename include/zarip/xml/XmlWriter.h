@@ -8,15 +8,22 @@
 
 namespace zarip::xml {
 
-/// Writes a document piece by piece. *One thread at a time.*
+/// Writes a document piece by piece, which `XmlDocument` and `XmlReader` can read. *One thread at a time.*
 ///
-/// What cannot stand in a document is refused: `XmlException` "invalid name '...'", "invalid text" (not
-/// UTF-8, or a control character), "invalid namespace '...' '...'" (one of XML's own, or a prefix without
-/// any), "invalid comment", "attribute '...' twice", "attributes stand at the beginning of an element", "no
-/// element is open", "the document is complete". Special characters are escaped as they must be.
+/// What they could not read is refused before anything of it is written: `XmlException` "invalid name '...'",
+/// "invalid text" (not UTF-8, or a control character), "invalid namespace '...' '...'" (one of XML's own, no
+/// URI, or a prefix without any), "invalid comment", "attribute '...' twice", "attributes stand at the
+/// beginning of an element", "xml:id is not a name", "xml:id is not the only one of its value", "no element
+/// is open", "elements are nested too deep", "the document is complete", and the limits of `XmlDocument`.
+/// Special characters are escaped as they must be.
+///
+/// A start tag is written when something follows it. Until then its prefixes may be declared in any order;
+/// the call that follows throws "undeclared prefix '...'", and the missing declaration can still be made.
 class ZARIP_EXPORT XmlWriter {
 public:
-    /// Writes to a stream, *not owned*, which must outlive the writer. @param indent  an element a line.
+    /// Writes to a stream, *not owned*, which must outlive the writer.
+    /// @param indent  an element a line. Nothing is put between a text and what comes after it in the same
+    /// element; in an element where text may come after a child, do not indent.
     explicit XmlWriter(std::ostream& stream, bool indent = false);
     XmlWriter(const XmlWriter&) = delete;
     XmlWriter& operator=(const XmlWriter&) = delete;
@@ -27,7 +34,7 @@ public:
     /// The XML declaration; only at the very beginning, and not needed.
     void StartDocument();
 
-    /// @param name  with a prefix where the namespace has one: declare it with `Namespace`.
+    /// @param name  with a prefix if its namespace has one: declare that with `Namespace`.
     void StartElement(const std::string& name);
     void EndElement();
 
@@ -43,12 +50,12 @@ public:
 
     void Text(const std::string& text);
 
-    /// Divides the text into several sections where one could not hold it.
+    /// Divides the text into several sections if one could not hold it.
     void CData(const std::string& text);
     void Comment(const std::string& text);
 
-    /// Ends what is open and hands everything to the stream. Throws `osa::IOException` "XmlWriter: writing
-    /// failed" when the stream has not taken all of it.
+    /// Ends what is open, hands everything to the stream and flushes that. Throws `osa::IOException`
+    /// "XmlWriter: writing failed" when the stream, or its file, has not taken all of it.
     void EndDocument();
 
 private:

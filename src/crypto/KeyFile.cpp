@@ -1,0 +1,81 @@
+#include "crypto/KeyFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "osa/Errors.h"
+#include "osa/FileCalls.h"
+#include "osa/FileReplacement.h"
+#include "osa/UniqueFd.h"
+#include "zarip/crypto/CryptoException.h"
+#include "zarip/osa/IOException.h"
+
+namespace zarip::crypto {
+
+namespace {
+
+constexpr unsigned int kMaxSize = 65'537;
+constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+
+/// The path as the system takes it, which would silently use the part before a zero byte.
+const char* Checked(const std::string& path) {
+    if (path.find('\0') != std::string::npos) {
+        throw osa::IOException("Invalid path");
+    }
+    return path.c_str();
+}
+
+/// Whether only the user of this process, or root, can open the file.
+bool IsPrivate(const struct stat& status) {
+    const uid_t user = ::geteuid();
+    return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
+           (status.st_uid == user || status.st_uid == 0 || user == 0);
+}
+
+}  // namespace
+
+void WriteKeyFile(const std::string& path, const SecureBuffer& content) {
+    osa::FileReplacement replacement(osa::FollowLinks(Checked(path)));
+    const std::string_view text(reinterpret_cast<const char*>(content.GetData()), content.GetSize());
+    // The mode is set before the key is in the file: a umask may have taken the owner's rights.
+    if (!replacement.Open(kOwnerOnly) || ::fchmod(replacement.GetFd(), kOwnerOnly) != 0 ||
+        !osa::WriteAll(replacement.GetFd(), text) || !osa::Synchronise(replacement.GetFd()) ||
+        !replacement.Commit() || !replacement.SynchroniseFolder()) {
+        osa::ThrowIOErrno("Couldn't write", path);
+    }
+}
+
+SecureBuffer ReadKeyFile(const std::string& path) {
+    const osa::UniqueFd file = osa::OpenAtOnce(Checked(path), O_RDONLY);
+    struct stat status {};
+    if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
+        osa::ThrowIOErrno("Couldn't read", path);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        osa::ThrowIOErrno("Couldn't read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    if (!IsPrivate(status)) {
+        throw CryptoException("key file '" + path + "' is open to others");
+    }
+    SecureBuffer content(kMaxSize);
+    unsigned int size = 0;
+    while (size < kMaxSize) {
+        const ssize_t length = ::read(file.Get(), content.GetData() + size, kMaxSize - size);
+        if (length == 0) {
+            break;
+        }
+        if (length > 0) {
+            size += static_cast<unsigned int>(length);
+        } else if (errno != EINTR) {
+            osa::ThrowIOErrno("Couldn't read", path);
+        }
+    }
+    content.Shrink(size);
+    return content;
+}
+
+}  // namespace zarip::crypto

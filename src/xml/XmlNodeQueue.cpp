@@ -1,0 +1,200 @@
+#include "xml/XmlNodeQueue.h"
+
+#include "xml/XmlLimits.h"
+#include "xml/XmlText.h"
+
+namespace zarip::xml {
+
+namespace {
+
+/// Doubled ones are looked for among so many; in a long document the memory of all would not be that of a
+/// piece.
+constexpr std::size_t kMaxIds = 4'096;
+
+constexpr std::string_view kSpaces = " \t\r\n";
+
+XmlNodeQueue& QueueOf(void* parser) {
+    return static_cast<XmlNodeQueue&>(XmlVerdict::Of(parser));
+}
+
+/// Of an attribute as the parser hands it over: local name, prefix, namespace, begin and end of the value.
+std::string_view ValueOf(const xmlChar** attribute) {
+    return {reinterpret_cast<const char*>(attribute[3]),
+            static_cast<std::size_t>(attribute[4] - attribute[3])};
+}
+
+bool IsText(XmlReader::NodeType type) {
+    return type == XmlReader::kText || type == XmlReader::kCData;
+}
+
+}  // namespace
+
+const XmlNodeQueue::Node XmlNodeQueue::_none;
+
+void XmlNodeQueue::Attach(xmlParserCtxt& parser) {
+    xmlSAXHandler& handlers = *parser.sax;
+    handlers = {};  // those that would build a document
+    handlers.initialized = XML_SAX2_MAGIC;
+    XmlVerdict::Attach(parser);
+    handlers.startElementNs = OnStart;
+    handlers.endElementNs = OnEnd;
+    handlers.characters = OnText;
+    handlers.ignorableWhitespace = OnText;
+    handlers.cdataBlock = OnCData;
+    handlers.comment = OnComment;
+    handlers.processingInstruction = OnInstruction;
+    handlers.internalSubset = OnType;
+}
+
+bool XmlNodeQueue::Advance(bool isComplete) {
+    const std::size_t next = _isDelivered ? _at + 1 : _at;
+    const bool isThere =
+        next + 1 < _nodes.size() || (next < _nodes.size() && (isComplete || !IsText(_nodes[next].type)));
+    _at = next;
+    _isDelivered = isThere;
+    if (!isThere) {
+        DropDelivered();
+        return false;
+    }
+    Node& node = _nodes[_at];
+    if (node.type == XmlReader::kText &&
+        TextOf(node.value).find_first_not_of(kSpaces) == std::string_view::npos) {
+        node.type = XmlReader::kWhitespace;
+    }
+    return true;
+}
+
+/// Keeps at most a text that is not whole.
+void XmlNodeQueue::DropDelivered() {
+    const bool hasOpenText = _at < _nodes.size();
+    const std::size_t dropped = hasOpenText ? _nodes[_at].value.begin : _texts.size();
+    _nodes.erase(_nodes.begin(), _nodes.begin() + static_cast<std::ptrdiff_t>(_at));
+    _attributes.clear();
+    _texts.erase(0, dropped);
+    if (hasOpenText) {
+        _nodes.front().value.begin = 0;
+    } else if (_texts.capacity() > 65'536) {
+        _texts = {};  // it was an unusually long one
+    }
+    _at = 0;
+}
+
+XmlNodeQueue::Slice XmlNodeQueue::Append(std::string_view text) {
+    const Slice slice = {_texts.size(), text.size()};
+    _texts += text;
+    return slice;
+}
+
+XmlNodeQueue::Node& XmlNodeQueue::Add(xmlParserCtxt* parser, XmlReader::NodeType type) {
+    Node& node = _nodes.emplace_back();
+    node.type = type;
+    node.depth = _depth;
+    node.line = static_cast<unsigned int>(parser->input->line);
+    return node;
+}
+
+/// The parser hands over long texts in parts.
+void XmlNodeQueue::AddText(xmlParserCtxt* parser, XmlReader::NodeType type, std::string_view text) {
+    const bool isMore = !_nodes.empty() && _nodes.back().type == type;
+    Node& node = isMore ? _nodes.back() : Add(parser, type);
+    const Slice slice = Append(text);
+    node.value = isMore ? Slice{node.value.begin, node.value.size + slice.size} : slice;
+    if (node.value.size > kMaxText) {
+        Refuse(parser, kTooLongText);
+    }
+}
+
+void XmlNodeQueue::AddAttribute(const Name& name, std::string_view value) {
+    _attributes.push_back({name, Append(value)});
+}
+
+void XmlNodeQueue::CheckId(xmlParserCtxt* parser, std::string_view id) {
+    if (!IsName(id, false)) {
+        Refuse(parser, kInvalidId);
+    } else if (_ids.size() < kMaxIds ? !_ids.emplace(id).second : _ids.count(std::string(id)) != 0) {
+        Refuse(parser, kDoubledId);
+    }
+}
+
+void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
+                           int namespaceCount, const xmlChar** namespaces, int attributeCount,
+                           int /*defaultedCount*/, const xmlChar** attributes) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    XmlNodeQueue& queue = QueueOf(parser);
+    queue.CheckElement(parser);
+    if (queue._depth > kMaxDepth) {
+        queue.Refuse(parser, kTooDeep);
+    }
+    for (const xmlChar** one = attributes; one != attributes + 5 * attributeCount; one += 5) {
+        if (ToView(one[1]) == "xml" && ToView(one[0]) == "id") {
+            queue.CheckId(parser, ValueOf(one));
+        }
+    }
+    if (queue.IsBad()) {
+        return;
+    }
+    Node& node = queue.Add(parser, XmlReader::kElement);
+    const xmlChar* const end = parser->input->cur;  // of the tag, as the parser keeps a zero after the input
+    node.isEmpty = end[0] == '/' && end[1] == '>';
+    node.name = {local, prefix, uri};
+    node.firstAttribute = queue._attributes.size();
+    node.attributes = static_cast<std::size_t>(namespaceCount) + static_cast<std::size_t>(attributeCount);
+    for (const xmlChar** one = namespaces; one != namespaces + 2 * namespaceCount; one += 2) {
+        const bool isDefault = one[0] == nullptr;
+        queue.AddAttribute({isDefault ? ToXml("xmlns") : one[0], isDefault ? nullptr : ToXml("xmlns"),
+                            ToXml("http://www.w3.org/2000/xmlns/")},
+                           ToView(one[1]));
+    }
+    for (const xmlChar** one = attributes; one != attributes + 5 * attributeCount; one += 5) {
+        queue.AddAttribute({one[0], one[1], one[2]}, ValueOf(one));
+    }
+    ++queue._depth;
+}
+
+void XmlNodeQueue::OnEnd(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    XmlNodeQueue& queue = QueueOf(parser);
+    --queue._depth;
+    if (!queue._nodes.empty() && queue._nodes.back().isEmpty && queue._nodes.back().depth == queue._depth) {
+        return;
+    }
+    queue.Add(parser, XmlReader::kEndElement).name = {local, prefix, uri};
+}
+
+void XmlNodeQueue::OnText(void* context, const xmlChar* text, int length) {
+    QueueOf(context).AddText(static_cast<xmlParserCtxt*>(context), XmlReader::kText,
+                             {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+}
+
+void XmlNodeQueue::OnCData(void* context, const xmlChar* text, int length) {
+    QueueOf(context).AddText(static_cast<xmlParserCtxt*>(context), XmlReader::kCData,
+                             {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+}
+
+void XmlNodeQueue::OnComment(void* context, const xmlChar* text) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    if (parser->inSubset == 0) {
+        XmlNodeQueue& queue = QueueOf(parser);
+        queue.Add(parser, XmlReader::kComment).value = queue.Append(ToView(text));
+    }
+}
+
+void XmlNodeQueue::OnInstruction(void* context, const xmlChar* target, const xmlChar* data) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    if (parser->inSubset == 0) {
+        XmlNodeQueue& queue = QueueOf(parser);
+        Node& node = queue.Add(parser, XmlReader::kProcessingInstruction);
+        node.name.local = target;
+        node.value = queue.Append(ToView(data));
+    }
+}
+
+void XmlNodeQueue::OnType(void* context, const xmlChar* name, const xmlChar* /*publicId*/,
+                          const xmlChar* /*systemId*/) {
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    Node& node = QueueOf(parser).Add(parser, XmlReader::kOther);
+    node.name.local = name;
+    node.line = 0;
+}
+
+}  // namespace zarip::xml

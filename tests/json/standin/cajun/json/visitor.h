@@ -1,0 +1,5 @@
+#pragma once
+
+#ifndef ZARIP_STANDIN_ELEMENTS
+#error "visitor.h needs elements.h before it"
+#endif

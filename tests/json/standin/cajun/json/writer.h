@@ -1,0 +1,4 @@
+#pragma once
+
+#include "../../../../../compat/cajun/json/writer.h"
+#include "elements.h"
