@@ -19,6 +19,8 @@ struct ZARIP_HIDDEN TcpSocket::Impl {
     bool connected = false;
     unsigned short family = 0;
     unsigned short port = 0;
+    /// What `SetBufferSize` was given, for the sockets that `Connect` makes; 0 if nothing.
+    unsigned int bufferSize = 0;
     std::string address;
     /// Ends receiving.
     CancelEvent cancel;
