@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 
 #include "inet/BadRequest.h"
 #include "inet/Text.h"
@@ -16,17 +15,6 @@ constexpr std::size_t kMaxProtocol = 64;
 constexpr std::size_t kMaxHeaderName = 256;
 constexpr std::size_t kMaxHeaderValue = 4096;
 constexpr std::size_t kMaxBody = 0x100000;
-
-bool HoldsLineEndOrZero(const std::string& text) {
-    // Without an early end and without wider numbers, so that the compiler can test many bytes at once. Most
-    // texts hold none of the lowest characters.
-    unsigned char low = 0;
-    for (const char c : text) {
-        low = static_cast<unsigned char>(low |
-                                         static_cast<unsigned char>(static_cast<unsigned char>(c) <= '\r'));
-    }
-    return low != 0 && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
-}
 
 }  // namespace
 

@@ -13,6 +13,10 @@ constexpr unsigned char ToLowerAscii(char c) {
     return static_cast<unsigned char>(byte - 'A') < 26 ? static_cast<unsigned char>(byte | 0x20U) : byte;
 }
 
+constexpr bool IsControl(char c) {
+    return static_cast<unsigned char>(c) < ' ' || c == '\x7F';
+}
+
 constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
     if (left.size() != right.size()) {
         return false;
@@ -23,6 +27,18 @@ constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right)
         }
     }
     return true;
+}
+
+/// Whether the text holds what ends a line of a message, or hides the rest of it.
+inline bool HoldsLineEndOrZero(const std::string& text) {
+    // Without an early end and without wider numbers, so that the compiler can test many bytes at once. Most
+    // texts hold none of the lowest characters.
+    unsigned char low = 0;
+    for (const char c : text) {
+        low = static_cast<unsigned char>(low |
+                                         static_cast<unsigned char>(static_cast<unsigned char>(c) <= '\r'));
+    }
+    return low != 0 && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
 }
 
 /// As `StringUtil::ToUpper`, for the many short texts of a message.

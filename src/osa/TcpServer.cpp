@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 
 #include "osa/CaptureControl.h"
 #include "osa/Errors.h"
@@ -23,6 +24,9 @@ namespace zarip::osa {
 
 namespace {
 
+/// Has the library keep the type's description, to which programs may be linked.
+[[gnu::used]] const std::type_info* const kAcceptorType = &typeid(ITcpSocketAccept);
+
 constexpr unsigned int kStackSize = 32'768;
 constexpr std::size_t kMaxReadAhead = 4'095;
 constexpr MonotonicMs kControlWaitMs = 2'000;
@@ -36,14 +40,19 @@ constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,  
 
 }  // namespace
 
-/// The server. It is shared with its thread, so that the acceptor may delete the server.
+struct ZARIP_HIDDEN TcpServer::Impl {
+    class Loop;
+    std::shared_ptr<Loop> loop;
+};
+
+/// The accept loop. It is shared with its thread, so that the acceptor may delete the server.
 ///
-/// The accept loop alone touches the listening socket once it runs, and the connections it holds. `_stop` is
-/// set once and never cleared. `_mutex` guards the thread, for which several may call `Stop`; it is never
+/// The loop's thread alone touches the listening socket once it runs, and the connections it holds. `_stop`
+/// is set once and never cleared. `_mutex` guards the thread, for which several may call `Stop`; it is never
 /// held while the acceptor runs or the thread is joined.
-class ZARIP_HIDDEN TcpServer::Impl {
+class ZARIP_HIDDEN TcpServer::Impl::Loop {
 public:
-    Impl(const char* address, unsigned short port) : _listener(address, port) {}
+    Loop(const char* address, unsigned short port) : _listener(address, port) {}
 
     void Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
                signed char priority);
@@ -66,7 +75,7 @@ private:
     };
 
     void Listen();
-    void Loop();
+    void RunLoop();
     void AcceptWaiting();
     void MakeRoom();
     void Welcome(Listener::Accepted& accepted);
@@ -95,8 +104,8 @@ private:
     std::unique_ptr<Thread> _thread ZARIP_GUARDED_BY(_mutex);
 };
 
-void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
-                            unsigned int stackSize, signed char priority) {
+void TcpServer::Impl::Loop::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
+                                  unsigned int stackSize, signed char priority) {
     if (acceptor == nullptr) {
         throw SocketException("Invalid acceptor", SocketException::SocketGeneralError);
     }
@@ -121,7 +130,7 @@ void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsig
     }
 }
 
-void TcpServer::Impl::Run() {
+void TcpServer::Impl::Loop::Run() {
     _logger = core::Logger::GetLogger("TcpServer");
     _runLock.Lock();
     bool listens = false;
@@ -134,7 +143,7 @@ void TcpServer::Impl::Run() {
     }
     _listening.Release();
     if (listens) {
-        Loop();
+        RunLoop();
         // Whatever has ended the loop: nobody will accept any more.
         _listener.Close();
     }
@@ -142,12 +151,12 @@ void TcpServer::Impl::Run() {
     _runLock.Release();
 }
 
-void TcpServer::Impl::Listen() {
+void TcpServer::Impl::Loop::Listen() {
     _listener.Listen(_backlog, _isReady != nullptr);
     _held.Open(_listener.GetSocket().getHandle(), _stopEvent->GetFd());
 }
 
-void TcpServer::Impl::Loop() {
+void TcpServer::Impl::Loop::RunLoop() {
     while (!_stop && !_isFatal) {
         try {
             _held.Wait();
@@ -170,7 +179,7 @@ void TcpServer::Impl::Loop() {
 }
 
 /// Accepts what waits, but not for ever: held connections need a look as well.
-void TcpServer::Impl::AcceptWaiting() {
+void TcpServer::Impl::Loop::AcceptWaiting() {
     for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
         Listener::Accepted accepted;
         switch (_listener.Accept(accepted)) {
@@ -189,7 +198,7 @@ void TcpServer::Impl::AcceptWaiting() {
     }
 }
 
-void TcpServer::Impl::MakeRoom() {
+void TcpServer::Impl::Loop::MakeRoom() {
     if (HeldConnection* const first = _held.GetFirst()) {
         _held.Release(*first);
     } else if (!_listener.Refuse()) {
@@ -197,7 +206,7 @@ void TcpServer::Impl::MakeRoom() {
     }
 }
 
-void TcpServer::Impl::Welcome(Listener::Accepted& accepted) {
+void TcpServer::Impl::Loop::Welcome(Listener::Accepted& accepted) {
     auto connection = std::make_unique<HeldConnection>();
     connection->fd = std::move(accepted.fd);
     connection->port = accepted.port;
@@ -215,7 +224,7 @@ void TcpServer::Impl::Welcome(Listener::Accepted& accepted) {
 }
 
 /// Looks at a held connection, which may have said something or whose time is over.
-void TcpServer::Impl::Look(HeldConnection& held, bool isOver) {
+void TcpServer::Impl::Loop::Look(HeldConnection& held, bool isOver) {
     State state = Classify(held);
     if (state == State::kWaiting && isOver) {
         // Without a test it was only waited for a command; it is served like any other.
@@ -227,7 +236,7 @@ void TcpServer::Impl::Look(HeldConnection& held, bool isOver) {
     }
 }
 
-TcpServer::Impl::State TcpServer::Impl::Classify(HeldConnection& connection) {
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Classify(HeldConnection& connection) {
     if (_isReady != nullptr) {
         return ReadAhead(connection);
     }
@@ -235,7 +244,7 @@ TcpServer::Impl::State TcpServer::Impl::Classify(HeldConnection& connection) {
 }
 
 /// Reads what has come, up to kMaxReadAhead bytes, for the acceptor.
-TcpServer::Impl::State TcpServer::Impl::ReadAhead(HeldConnection& connection) {
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::ReadAhead(HeldConnection& connection) {
     char bytes[kMaxReadAhead];
     std::string& said = connection.bytes;
     for (;;) {
@@ -260,7 +269,7 @@ TcpServer::Impl::State TcpServer::Impl::ReadAhead(HeldConnection& connection) {
 }
 
 /// Looks at what has come and leaves it there. A peer that has begun a control command is waited for.
-TcpServer::Impl::State TcpServer::Impl::Peek(HeldConnection& connection) {
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Peek(HeldConnection& connection) {
     char bytes[CaptureControl::kMaxLength];
     const ssize_t peeked = ::recv(connection.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
     if (peeked < 0) {
@@ -276,7 +285,7 @@ TcpServer::Impl::State TcpServer::Impl::Peek(HeldConnection& connection) {
 }
 
 /// Carries out a command; false if it is none.
-bool TcpServer::Impl::HasControlled(HeldConnection& connection, CaptureControl::Command command) {
+bool TcpServer::Impl::Loop::HasControlled(HeldConnection& connection, CaptureControl::Command command) {
     if (command != CaptureControl::Command::kStart && command != CaptureControl::Command::kStop) {
         return false;
     }
@@ -285,14 +294,14 @@ bool TcpServer::Impl::HasControlled(HeldConnection& connection, CaptureControl::
     return true;
 }
 
-void TcpServer::Impl::Finish(HeldConnection& connection, State state) {
+void TcpServer::Impl::Loop::Finish(HeldConnection& connection, State state) {
     if (state == State::kReady || state == State::kOver) {
         Serve(connection, state == State::kOver);
     }
 }
 
 /// Within a handler of exceptions: a connection that fails is no reason to end the loop.
-void TcpServer::Impl::LogCaught() {
+void TcpServer::Impl::Loop::LogCaught() {
     try {
         try {
             throw;
@@ -306,7 +315,7 @@ void TcpServer::Impl::LogCaught() {
     }
 }
 
-void TcpServer::Impl::Serve(HeldConnection& held, bool isOver) {
+void TcpServer::Impl::Loop::Serve(HeldConnection& held, bool isOver) {
     const auto connection = std::make_shared<TcpSocket::Impl>();
     connection->fd = std::move(held.fd);
     connection->readAhead = std::move(held.bytes);
@@ -330,7 +339,7 @@ void TcpServer::Impl::Serve(HeldConnection& held, bool isOver) {
     connection->isServed = false;
 }
 
-void TcpServer::Impl::Stop() {
+void TcpServer::Impl::Loop::Stop() {
     Thread* thread = nullptr;
     {
         const MutexAutoLock lock(&_mutex);
@@ -353,18 +362,18 @@ void TcpServer::Impl::Stop() {
 }
 
 /// The acceptor deletes the server: the thread must not look at it again, and ends with the loop.
-void TcpServer::Impl::LetGoOfOwnThread() {
+void TcpServer::Impl::Loop::LetGoOfOwnThread() {
     const MutexAutoLock lock(&_mutex);
     _thread.reset();
 }
 
 TcpServer::TcpServer(const char* address, unsigned short port)
-    : _impl(std::make_shared<Impl>(address, port)) {}
+    : _impl(std::make_unique<Impl>(Impl{std::make_shared<Impl::Loop>(address, port)})) {}
 
 TcpServer::~TcpServer() {
     try {
         Stop();
-        _impl->LetGoOfOwnThread();
+        _impl->loop->LetGoOfOwnThread();
     } catch (...) {
         // Nothing more can be done for the thread.
     }
@@ -372,7 +381,7 @@ TcpServer::~TcpServer() {
 
 void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
                       signed char priority) {
-    _impl->Start(this, acceptor, backlog, stackSize, priority);
+    _impl->loop->Start(this, acceptor, backlog, stackSize, priority);
 }
 
 void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog) {
@@ -380,25 +389,25 @@ void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog) {
 }
 
 void TcpServer::Run() {
-    const std::shared_ptr<Impl> impl = _impl;  // the acceptor may delete the server
-    impl->Run();
+    const std::shared_ptr<Impl::Loop> loop = _impl->loop;  // the acceptor may delete the server
+    loop->Run();
 }
 
 void TcpServer::Stop() {
-    _impl->Stop();
+    _impl->loop->Stop();
 }
 
 void TcpServer::HoldConnections(ReadyTest isReady, unsigned int limitMs) {
-    _impl->_isReady = isReady;
-    _impl->_limitMs = limitMs;
+    _impl->loop->_isReady = isReady;
+    _impl->loop->_limitMs = limitMs;
 }
 
 void TcpServer::SetBufferSize(unsigned int bytes) const {
-    _impl->_listener.GetSocket().SetBufferSize(bytes);
+    _impl->loop->_listener.GetSocket().SetBufferSize(bytes);
 }
 
 unsigned short TcpServer::GetLocalPort() const {
-    return _impl->_listener.GetSocket().GetLocalPort();
+    return _impl->loop->_listener.GetSocket().GetLocalPort();
 }
 
 bool TcpServer::IsFatalError(int error) {
@@ -408,12 +417,12 @@ bool TcpServer::IsFatalError(int error) {
 void TcpServer::DumpPacket(unsigned short sourcePort, unsigned short destinationPort, const void* data,
                            int length) {
     if (length > 0) {
-        _impl->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
+        _impl->loop->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
     }
 }
 
 std::shared_ptr<PacketCapture> TcpServer::GetCapture() const {
-    return _impl->_capture;
+    return _impl->loop->_capture;
 }
 
 }  // namespace zarip::osa

@@ -187,6 +187,18 @@ TcpSocket::TcpSocket(unsigned int fd, unsigned short pseudoPort, TcpServer* serv
 
 TcpSocket::TcpSocket(std::shared_ptr<Impl> impl) : _impl(std::move(impl)) {}
 
+std::unique_ptr<TcpSocket> AcceptedSocket::Make(Origin origin) {
+    const auto impl = std::make_shared<TcpSocket::Impl>();
+    impl->fd = std::move(origin.fd);
+    impl->connected = true;
+    impl->family = origin.family;
+    impl->port = origin.port;
+    impl->readAhead = std::move(origin.readAhead);
+    impl->isReadAheadCaptured = true;
+    impl->capture = std::move(origin.capture);
+    return std::unique_ptr<TcpSocket>(new TcpSocket(impl));
+}
+
 TcpSocket::~TcpSocket() {
     Close();
 }
@@ -321,7 +333,7 @@ unsigned int TcpSocket::Impl::TakeReadAhead(void* buffer, unsigned int length, b
     std::memcpy(buffer, readAhead.data() + readAheadUsed, count);
     if (!isPeek) {
         readAheadUsed += count;
-        if (capture != nullptr) {
+        if (capture != nullptr && !isReadAheadCaptured) {
             capture->Dump(port, 0, buffer, count);
         }
     }

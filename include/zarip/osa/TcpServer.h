@@ -71,11 +71,11 @@ public:
 
 private:
     friend class TcpSocket;
-    class Impl;
+    struct Impl;
 
     std::shared_ptr<PacketCapture> GetCapture() const;
 
-    std::shared_ptr<Impl> _impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::osa

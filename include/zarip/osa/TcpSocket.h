@@ -100,6 +100,7 @@ public:
     void SetBufferSize(unsigned int bytes) const;
 
 private:
+    friend class AcceptedSocket;
     friend class TcpServer;
     friend class TcpSocketStreamBuf;
     struct Impl;
