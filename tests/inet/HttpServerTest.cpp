@@ -425,15 +425,20 @@ TEST_F(HttpServerTest, AHandlerMayStopTheServerAndDeleteIt) {
     for (const bool deletes : {false, true}) {
         _server = std::make_unique<HttpServer>("127.0.0.1", 0);
         _server->SetWorkers(3);
+        std::atomic<bool> hasEnded{false};
         Handler ends([&](const HttpRequest&, HttpResponse& response) {
             deletes ? _server.reset() : _server->StopServerThread();
             response.SetCode(200);
+            hasEnded = true;
         });
         _server->AddHandler("*", &ends);
         _server->StartServerThread();
         const unsigned short port = _server->GetLocalPort();
         EXPECT_EQ(Ask("GET / HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK\r\n\r\n");
         EXPECT_TRUE(WaitUntil([&] {
+            if (!hasEnded) {
+                return false;
+            }
             try {
                 osa::TcpSocket().Connect("127.0.0.1", port, 10);
                 return false;
