@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "inet/BadRequest.h"
 #include "inet/Text.h"
@@ -30,7 +31,7 @@ bool HttpBase::CaseInsensitive::operator()(const std::string& left, const std::s
     return left.size() < right.size();
 }
 
-HttpBase::HttpBase() : _body(1) {}
+HttpBase::HttpBase() = default;
 
 HttpBase::HttpBase(const HttpBase& other) = default;
 HttpBase& HttpBase::operator=(const HttpBase& other) = default;
@@ -48,6 +49,10 @@ void HttpBase::SetProtocol(const std::string& protocol) {
 }
 
 void HttpBase::SetHeader(const std::string& name, const std::string& value) {
+    StoreHeader(name, value);
+}
+
+void HttpBase::StoreHeader(std::string_view name, std::string_view value) {
     if (name.size() > kMaxHeaderName || value.size() > kMaxHeaderValue || HoldsLineEndOrZero(name) ||
         HoldsLineEndOrZero(value)) {
         ThrowBadRequest();
@@ -75,11 +80,11 @@ void HttpBase::RemoveHeader(const std::string& name) {
 }
 
 const char* HttpBase::GetBody() const {
-    return _body.data();
+    return _body.empty() ? "" : _body.data();
 }
 
 unsigned int HttpBase::GetBodyLength() const {
-    return static_cast<unsigned int>(_body.size() - 1);
+    return _body.empty() ? 0 : static_cast<unsigned int>(_body.size() - 1);
 }
 
 void HttpBase::SetBody(const char* text) {

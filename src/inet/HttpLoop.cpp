@@ -56,7 +56,7 @@ void HttpLoop::SetTimeLimit(unsigned int seconds) {
 }
 
 void HttpLoop::Listen() {
-    _listener.Listen(kBacklog, false);
+    _listener.Listen(kBacklog, true);
     _wakeUp = osa::UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     _held.Open(_listener.GetSocket().getHandle(), _wakeUp.Get());
 }

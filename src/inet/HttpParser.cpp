@@ -7,6 +7,7 @@
 #include <cstring>
 #include <istream>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "cutil/url.h"
@@ -14,7 +15,7 @@
 #include "inet/MessageReader.h"
 #include "inet/Text.h"
 #include "inet/UrlText.h"
-#include "zarip/inet/HttpRequestBase.h"
+#include "zarip/inet/HttpRequest.h"
 #include "zarip/inet/HttpResponseBase.h"
 #include "zarip/inet/ParserException.h"
 
@@ -38,7 +39,7 @@ std::string_view TakeToken(std::string_view& text) {
 
 /// Digits from the first character on; what follows them is ignored. A number that does not fit is the
 /// greatest.
-std::uint64_t ParseContentLength(const std::string& value) {
+std::uint64_t ParseContentLength(std::string_view value) {
     std::uint64_t length = 0;
     std::size_t digits = 0;
     for (; digits < value.size() && value[digits] >= '0' && value[digits] <= '9'; ++digits) {
@@ -175,18 +176,22 @@ unsigned long long HttpParser::ParseHead(std::istream& in, HttpRequestBase& requ
 unsigned long long HttpParser::ReadHead(MessageReader& reader, HttpRequestBase& request) const {
     ParseRequestLine(reader.ReadFirst(), request);
     std::uint64_t length = 0;
-    std::string name;
-    std::string value;
-    while (char* const line = reader.ReadHeader()) {
-        char* nameText = nullptr;
-        char* valueText = nullptr;
-        ParseHeader(line, nameText, valueText);
-        name = nameText;
-        value = valueText;
-        request.SetHeader(name, value);
-        if (EqualsIgnoringCase(name, "Content-Length")) {
-            length = ParseContentLength(value);
-        } else if (IsTransferEncoding(name)) {
+    // Classes of others get texts through the functions that they may have overridden; our own need no
+    // copies.
+    const bool isPlainParser = typeid(*this) == typeid(HttpParser);
+    const bool isPlainRequest = typeid(request) == typeid(HttpRequest);
+    std::size_t size = 0;
+    while (char* const line = reader.ReadHeader(size)) {
+        // A zero byte is refused as a part of a name or value.
+        const Header header = isPlainParser ? SplitHeader({line, size}) : SplitWithParser(line, size);
+        if (isPlainRequest) {
+            request.StoreRequestHeader(header.name, header.value);
+        } else {
+            request.SetHeader(std::string(header.name), std::string(header.value));
+        }
+        if (EqualsIgnoringCase(header.name, "Content-Length")) {
+            length = ParseContentLength(header.value);
+        } else if (IsTransferEncoding(header.name)) {
             ThrowBadRequest();  // its body would be taken for empty
         }
     }
@@ -213,11 +218,10 @@ void HttpParser::ReadBody(MessageReader& reader, unsigned long long length, Http
 void HttpParser::Parse(std::istream& in, HttpResponseBase& response) const {
     StreamReader reader(in);
     ParseResponseLine(reader.ReadFirst(), response);
-    while (char* const line = reader.ReadHeader()) {
-        char* name = nullptr;
-        char* value = nullptr;
-        ParseHeader(line, name, value);
-        response.SetHeader(name, value);
+    std::size_t size = 0;
+    while (char* const line = reader.ReadHeader(size)) {
+        const Header header = SplitWithParser(line, size);
+        response.SetHeader(std::string(header.name), std::string(header.value));
     }
     std::string body;
     std::size_t held = 0;
@@ -270,28 +274,38 @@ void HttpParser::ParseResponseLine(char* line, HttpResponseBase& response) const
     response.SetCode(static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX)));
 }
 
-void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
-    while (*line == ':') {
-        ++line;
-    }
-    char* end = line;
-    while (*end != '\0' && *end != ':') {
-        ++end;
-    }
-    if (end == line) {
+HttpParser::Header HttpParser::SplitHeader(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(':'), line.size()));
+    if (line.empty()) {
         ThrowBadRequest();
     }
-    if (*end != '\0') {
-        if (IsBlank(*line) || IsBlank(end[-1])) {
-            ThrowBadRequest();  // other programs may take it for the name without white space
-        }
-        *end++ = '\0';
-        while (*end == ' ') {
-            ++end;
-        }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) {
+        return {line, line.substr(line.size())};
     }
-    name = line;
-    value = end;
+    if (IsBlank(line.front()) || IsBlank(line[colon - 1])) {
+        ThrowBadRequest();  // other programs may take it for the name without white space
+    }
+    const std::size_t value = std::min(line.find_first_not_of(' ', colon + 1), line.size());
+    return {line.substr(0, colon), line.substr(value)};
+}
+
+void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
+    const Header header = SplitHeader(line);
+    name = line + (header.name.data() - line);
+    value = line + (header.value.data() - line);
+    name[header.name.size()] = '\0';
+}
+
+/// Has `ParseHeader`, which a derived class may have overridden, split a line.
+HttpParser::Header HttpParser::SplitWithParser(char* line, std::size_t size) const {
+    if (MessageReader::HoldsZero(line, size)) {
+        ThrowBadRequest();
+    }
+    char* name = nullptr;
+    char* value = nullptr;
+    ParseHeader(line, name, value);
+    return {name, value};
 }
 
 void HttpParser::ParseQuery(HttpRequestBase& request, std::string query, bool isForm) {

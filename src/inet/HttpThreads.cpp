@@ -10,7 +10,10 @@ using osa::MutexAutoLock;
 
 namespace {
 
-constexpr unsigned int kLookMs = 2;
+constexpr unsigned int kLookMs = 4;
+/// What counts as a handler that takes long.
+constexpr osa::MonotonicMs kLongMs = 2;
+constexpr unsigned int kEagerTurns = 16;
 /// After so many looks at a server that rests the watcher sleeps until the next request.
 constexpr unsigned int kQuietLooks = 5;
 
@@ -31,21 +34,33 @@ void HttpThreads::Run() {
     }
 }
 
-std::uint64_t HttpThreads::BeginWork() {
+HttpThreads::Turn HttpThreads::BeginWork() {
     ++_running;
-    const std::uint64_t turn = ++_turn;
-    if (_watcherSleeps) {
+    Turn turn = {++_turn, 0};
+    if (_eager > 0) {
+        turn.begin = osa::NowMs();
+        if (!_isNudged.exchange(true)) {
+            _watch.Release();
+        }
+    } else {
         WakeWatcher();
     }
     return turn;
 }
 
-bool HttpThreads::EndWork(std::uint64_t turn) {
-    if (!_turn.compare_exchange_strong(turn, turn + 1)) {
-        return false;
+bool HttpThreads::EndWork(Turn turn) {
+    std::uint64_t number = turn.number;
+    if (_turn.compare_exchange_strong(number, number + 1)) {
+        if (turn.begin != 0) {
+            --_eager;
+        }
+        --_running;
+        return true;
     }
-    --_running;
-    return true;
+    if (turn.begin == 0 || osa::NowMs() - turn.begin >= kLongMs) {
+        _eager = kEagerTurns;
+    }
+    return false;
 }
 
 /// Waits until this thread is to lead; false at the end.
@@ -79,8 +94,9 @@ bool HttpThreads::Watch() {
     std::uint64_t seen = kNobody;
     unsigned int quiet = 0;
     while (!_ended) {
+        const bool isNudged = _isNudged.exchange(false);
         std::uint64_t turn = _turn;
-        const bool isHeldUp = turn % 2 == 1 && turn == seen;
+        const bool isHeldUp = turn % 2 == 1 && (turn == seen || isNudged);
         if (isHeldUp && _turn.compare_exchange_strong(turn, turn + 1)) {
             return true;
         }
@@ -102,7 +118,7 @@ bool HttpThreads::Watch() {
 }
 
 void HttpThreads::WakeWatcher() {
-    if (_watcherSleeps.exchange(false)) {
+    if (_watcherSleeps && _watcherSleeps.exchange(false)) {
         _watch.Release();
     }
 }

@@ -31,11 +31,11 @@ public:
 /// has one of the n + 1 threads: the leader.
 ///
 /// A request that finds fewer than n handlers running costs no change of threads: the leader itself runs its
-/// handler. Meanwhile another thread, the watcher, looks after it every two milliseconds. If it finds the
+/// handler. Meanwhile another thread, the watcher, looks after it every four milliseconds. If it finds the
 /// same handler at two looks in a row it takes the lead over, and the leader goes on as a worker. So a
-/// handler delays the loop by at most four milliseconds, however long it runs. A loop on a thread of its own
-/// would do without this, and would cost every request two changes of threads, which is more than serving it
-/// does.
+/// handler delays the loop by at most eight milliseconds, however long it runs. Once one has taken long, the
+/// watcher is woken for the next sixteen at once. A loop on a thread of its own would do without all this,
+/// and would cost every request two changes of threads, which is more than serving it does.
 ///
 /// `_turn` says who leads. It is even while the leader is in its loop and odd while it runs a handler. The
 /// leader makes it odd before the handler. After it, leader and watcher compete to make it even again, and
@@ -71,7 +71,7 @@ public:
         if (_running >= _workers) {
             return Outcome::kBusy;
         }
-        std::uint64_t turn = BeginWork();
+        const Turn turn = BeginWork();
         handler();
         return EndWork(turn) ? Outcome::kLeads : Outcome::kLostLead;
     }
@@ -96,8 +96,13 @@ private:
     /// The turn in which nobody has led yet.
     static constexpr std::uint64_t kNobody = 1;
 
-    std::uint64_t BeginWork();
-    bool EndWork(std::uint64_t turn);
+    struct Turn {
+        std::uint64_t number;
+        osa::MonotonicMs begin;  // 0 if it was not eager
+    };
+
+    Turn BeginWork();
+    bool EndWork(Turn turn);
     bool TakeLead();
     bool Watch();
     void WakeWatcher();
@@ -109,8 +114,11 @@ private:
     std::atomic<std::uint64_t> _turn{kNobody};
     std::atomic<unsigned int> _running{0};
     std::atomic<bool> _ended{false};
+    /// For how many handlers more the watcher is woken at once.
+    std::atomic<unsigned int> _eager{0};
     std::atomic<bool> _watcherSleeps{false};
-    osa::Semaphore _watch{"HttpThreads::_watch", 1, 0};
+    std::atomic<bool> _isNudged{false};  // the watcher is to take the lead without a second look
+    osa::Semaphore _watch{"HttpThreads::_watch", 8, 0};
     osa::Semaphore _idle{"HttpThreads::_idle", kMaxWorkers, 0};
 
     mutable osa::Mutex _mutex{"HttpThreads"};

@@ -9,19 +9,32 @@
 
 namespace zarip::inet {
 
-char* MessageReader::ReadHeader() {
-    const std::size_t extracted = Read();
+char* MessageReader::ReadFirst() {
+    std::size_t length = 0;
+    Read(length);
+    if (HoldsZero(_line, length)) {
+        ThrowBadRequest();
+    }
+    return _line;
+}
+
+char* MessageReader::ReadHeader(std::size_t& length) {
+    const std::size_t extracted = Read(length);
     _text += extracted;
     if (extracted > kMaxHeaderLine || _text > kMaxHeaderText) {
         ThrowBadRequest();
     }
-    if (_line[0] == '\0') {
+    if (length == 0) {
         return nullptr;
     }
     if (++_headers > kMaxHeaders) {
         ThrowBadRequest();
     }
     return _line;
+}
+
+bool MessageReader::HoldsZero(const char* line, std::size_t length) {
+    return std::memchr(line, '\0', length) != nullptr;
 }
 
 std::pair<char*, std::size_t> MessageReader::ReadBody(std::uint64_t length) {
@@ -38,13 +51,10 @@ std::pair<char*, std::size_t> MessageReader::ReadBody(std::uint64_t length) {
     return {isShort ? _line : _body.data(), held};
 }
 
-std::size_t MessageReader::Read() {
-    std::size_t length = 0;
+/// Reads a line into the buffer, and stores its length without its end. Returns the characters taken.
+std::size_t MessageReader::Read(std::size_t& length) {
     const std::size_t extracted = TakeLine(_line, kLineBuffer, length);
-    if (std::strlen(_line) != length) {
-        ThrowBadRequest();  // a zero byte: the rest of the line would go unseen
-    }
-    cutil::chomp(_line, length);
+    length = cutil::chomp(_line, length);
     return extracted;
 }
 

@@ -26,13 +26,14 @@ public:
 
     /// Deliberate: the first line has no limit of its own, what does not fit into the buffer is cut off. The
     /// message then ends with that line.
-    char* ReadFirst() {
-        Read();
-        return _line;
-    }
+    /// Throws "BadRequest" for a zero byte, after which the rest of the line would go unseen.
+    char* ReadFirst();
 
-    /// Null after the last header.
-    char* ReadHeader();
+    /// Null after the last header; `length` is set for each. The line may hold zero bytes.
+    char* ReadHeader(std::size_t& length);
+
+    /// Whether a line of that length has a zero byte within it.
+    static bool HoldsZero(const char* line, std::size_t length);
 
     /// The bytes that arrive, at most `length` and no more than one beyond the limit of a body. Valid while
     /// the reader is.
@@ -53,7 +54,7 @@ protected:
     virtual std::size_t TakeLine(char* line, std::size_t size, std::size_t& length) = 0;
 
 private:
-    std::size_t Read();
+    std::size_t Read(std::size_t& length);
 
     char _line[kLineBuffer];
     std::string _body;

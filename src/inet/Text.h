@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -30,15 +32,21 @@ constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right)
 }
 
 /// Whether the text holds what ends a line of a message, or hides the rest of it.
-inline bool HoldsLineEndOrZero(const std::string& text) {
-    // Without an early end and without wider numbers, so that the compiler can test many bytes at once. Most
-    // texts hold none of the lowest characters.
-    unsigned char low = 0;
-    for (const char c : text) {
-        low = static_cast<unsigned char>(low |
-                                         static_cast<unsigned char>(static_cast<unsigned char>(c) <= '\r'));
+inline bool HoldsLineEndOrZero(std::string_view text) {
+    // Most texts hold no character up to the carriage return, which eight at a time can be looked at for.
+    constexpr std::uint64_t kOnes = 0x0101010101010101;
+    const char* next = text.data();
+    const char* const end = next + text.size();
+    bool isLow = false;
+    for (; end - next >= 8 && !isLow; next += 8) {
+        std::uint64_t eight = 0;
+        std::memcpy(&eight, next, sizeof(eight));
+        isLow = ((eight - kOnes * ('\r' + 1)) & ~eight & kOnes * 0x80) != 0;
     }
-    return low != 0 && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
+    for (; next != end && !isLow; ++next) {
+        isLow = static_cast<unsigned char>(*next) <= '\r';
+    }
+    return isLow && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
 
 /// As `StringUtil::ToUpper`, for the many short texts of a message.

@@ -327,6 +327,38 @@ TEST_F(HttpServerTest, AHandlerThatTakesLongDelaysOnlyTheRequestsThatWaitForOne)
     }
 }
 
+TEST_F(HttpServerTest, NeverRunsMoreHandlersThanItMayHoweverLongTheyTake) {
+    for (const int workers : {1, 3}) {
+        std::atomic<int> running{0};
+        std::atomic<int> most{0};
+        std::atomic<int> calls{0};
+        Handler naps([&](const HttpRequest&, HttpResponse& response) {
+            const int now = ++running;
+            for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(++calls % 4 * 2));
+            --running;
+            response.SetCode(200);
+        });
+        _server = std::make_unique<HttpServer>("127.0.0.1", 0);
+        _server->AddHandler("*", &naps);
+        _server->SetWorkers(static_cast<unsigned int>(workers));
+        _server->StartServerThread();
+        std::vector<std::future<void>> clients;
+        for (int i = 0; i < 6; ++i) {
+            clients.push_back(std::async(std::launch::async, [&] {
+                for (int k = 0; k < 20; ++k) {
+                    EXPECT_EQ(Ask("GET / HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK\r\n\r\n");
+                }
+            }));
+        }
+        clients.clear();  // waits for them
+        _server->StopServerThread();
+        EXPECT_EQ(calls, 120);
+        EXPECT_LE(most, workers);
+    }
+}
+
 TEST_F(HttpServerTest, HandlersKnowTheClientAndHaveAMebibyteOfStack) {
     Handler tells([](const HttpRequest& request, HttpResponse& response) {
         volatile char used[800 * 1024];

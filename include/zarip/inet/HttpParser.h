@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include <zarip/osa/Export.h>
 
@@ -64,6 +65,12 @@ private:
     friend class HttpExchange;
 
     ZARIP_HIDDEN unsigned long long ReadHead(MessageReader& reader, HttpRequestBase& request) const;
+    struct Header {
+        std::string_view name;
+        std::string_view value;
+    };
+    ZARIP_HIDDEN static Header SplitHeader(std::string_view line);
+    ZARIP_HIDDEN Header SplitWithParser(char* line, std::size_t size) const;
     ZARIP_HIDDEN void ReadBody(MessageReader& reader, unsigned long long length,
                                HttpRequestBase& request) const;
 };
