@@ -76,7 +76,7 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         servers = {}
         for name, program in [("bare accept/recv/send/close", "bare"), ("zarip HttpServer", "zarip"),
-                              ("cpp-httplib", "httplib"), ("Poco HTTPServer", "poco")]:
+                              ("Boost.Beast", "beast"), ("cpp-httplib", "httplib"), ("Poco HTTPServer", "poco")]:
             path = options.programs / f"zarip-bench-http-{program}"
             if os.access(path, os.X_OK):
                 servers[name] = start(path)

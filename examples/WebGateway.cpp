@@ -618,6 +618,7 @@ int main(int argc, char** argv) {
             {"/fault", {camera, "GET", &Fault}},
         };
         zarip::inet::HttpServer server("127.0.0.1", port);
+        server.SetStandardResponses(true);
         server.AddHandler("/", &page);
         if (argc > 3) {
             server.AddHandler("/device.xml", &description);

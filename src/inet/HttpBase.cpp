@@ -17,17 +17,6 @@ constexpr std::size_t kMaxHeaderName = 256;
 constexpr std::size_t kMaxHeaderValue = 4096;
 constexpr std::size_t kMaxBody = 0x100000;
 
-bool HoldsLineEndOrZero(const std::string& text) {
-    // Without an early end and without wider numbers, so that the compiler can test many bytes at once. Most
-    // texts hold none of the lowest characters.
-    unsigned char low = 0;
-    for (const char c : text) {
-        low = static_cast<unsigned char>(low |
-                                         static_cast<unsigned char>(static_cast<unsigned char>(c) <= '\r'));
-    }
-    return low != 0 && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
-}
-
 }  // namespace
 
 bool HttpBase::CaseInsensitive::operator()(const std::string& left, const std::string& right) const {
@@ -42,7 +31,7 @@ bool HttpBase::CaseInsensitive::operator()(const std::string& left, const std::s
     return left.size() < right.size();
 }
 
-HttpBase::HttpBase() : _body(1) {}
+HttpBase::HttpBase() = default;
 
 HttpBase::HttpBase(const HttpBase& other) = default;
 HttpBase& HttpBase::operator=(const HttpBase& other) = default;
@@ -60,6 +49,10 @@ void HttpBase::SetProtocol(const std::string& protocol) {
 }
 
 void HttpBase::SetHeader(const std::string& name, const std::string& value) {
+    StoreHeader(name, value);
+}
+
+void HttpBase::StoreHeader(std::string_view name, std::string_view value) {
     if (name.size() > kMaxHeaderName || value.size() > kMaxHeaderValue || HoldsLineEndOrZero(name) ||
         HoldsLineEndOrZero(value)) {
         ThrowBadRequest();
@@ -87,11 +80,11 @@ void HttpBase::RemoveHeader(const std::string& name) {
 }
 
 const char* HttpBase::GetBody() const {
-    return _body.data();
+    return _body.empty() ? "" : _body.data();
 }
 
 unsigned int HttpBase::GetBodyLength() const {
-    return static_cast<unsigned int>(_body.size() - 1);
+    return _body.empty() ? 0 : static_cast<unsigned int>(_body.size() - 1);
 }
 
 void HttpBase::SetBody(const char* text) {

@@ -1,5 +1,6 @@
 #include "zarip/inet/HttpDispatcher.h"
 
+#include <exception>
 #include <istream>
 #include <map>
 #include <ostream>
@@ -10,7 +11,9 @@
 #include "zarip/inet/HttpParser.h"
 #include "zarip/inet/HttpRequest.h"
 #include "zarip/inet/HttpResponse.h"
-#include "zarip/inet/IHttpHandler.h"
+#include "zarip/inet/IHttpConnection.h"
+#include "zarip/inet/IHttpStreamHandler.h"
+#include "zarip/inet/ParserException.h"
 
 namespace zarip::inet {
 
@@ -49,23 +52,54 @@ bool Read(std::istream& in, HttpRequest& request) {
 }  // namespace
 
 struct HttpDispatcherImpl {
-    void Answer(const HttpRequest& request, HttpResponse& response) const;
+    struct Entry {
+        IHttpHandler* handler;       // not owned
+        IHttpStreamHandler* stream;  // the same object if it is one, else null
+    };
+
+    const Entry* Find(const std::string& path) const;
+    void Trace(const HttpRequest& request) const;
+    void AnswerMissing(const HttpRequest& request, HttpResponse& response) const;
+    void LogCaught(const HttpRequest& request) const noexcept;
+
+    /// Calls `answer(entry)` with the handler for the request, if there is one.
+    template <class Answer>
+    void Serve(const HttpRequest& request, HttpResponse& response, Answer answer) const {
+        try {
+            Trace(request);
+            if (const Entry* const entry = Find(request.GetPath())) {
+                answer(*entry);
+            } else {
+                AnswerMissing(request, response);
+            }
+        } catch (...) {
+            LogCaught(request);
+            response.SetCode(500);
+        }
+    }
 
     core::Logger* _logger = core::Logger::GetLogger("HttpDispatcher");  // not owned
-    std::map<std::string, IHttpHandler*, LongerFirst> _handlers;        // not owned
+    std::map<std::string, Entry, LongerFirst> _handlers;
+    bool _hasStreams = false;
 };
 
-void HttpDispatcherImpl::Answer(const HttpRequest& request, HttpResponse& response) const {
+const HttpDispatcherImpl::Entry* HttpDispatcherImpl::Find(const std::string& path) const {
+    for (const auto& [pattern, entry] : _handlers) {
+        if (core::StringUtil::MatchesPattern(pattern, path)) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+void HttpDispatcherImpl::Trace(const HttpRequest& request) const {
     if (_logger->IsEnabled(core::Logger::kTrace)) {
         _logger->Trace("Got %s request for %s", Printable(request.GetMethodName()).c_str(),
                        Printable(request.GetPath()).c_str());
     }
-    for (const auto& [pattern, handler] : _handlers) {
-        if (core::StringUtil::MatchesPattern(pattern, request.GetPath())) {
-            handler->HandleRequest(request, response);
-            return;
-        }
-    }
+}
+
+void HttpDispatcherImpl::AnswerMissing(const HttpRequest& request, HttpResponse& response) const {
     if (_logger->IsEnabled(core::Logger::kInformation)) {
         _logger->Information("Missing handler for %s", Printable(request.GetPath()).c_str());
     }
@@ -74,18 +108,38 @@ void HttpDispatcherImpl::Answer(const HttpRequest& request, HttpResponse& respon
     response.SetBody(response.GetCodeText());
 }
 
+/// Within a handler of exceptions.
+void HttpDispatcherImpl::LogCaught(const HttpRequest& request) const noexcept {
+    try {
+        const std::string path = Printable(request.GetPath());
+        try {
+            throw;
+        } catch (const std::exception& e) {
+            _logger->Error("Handler for %s threw exception: %s", path.c_str(), Printable(e.what()).c_str());
+        } catch (const char* text) {
+            _logger->Error("Handler for %s threw exception: %s", path.c_str(), Printable(text).c_str());
+        } catch (...) {
+            _logger->Error("Handler for %s threw exception: %s", path.c_str(), "unknown");
+        }
+    } catch (...) {
+        // There is not even memory for the record.
+    }
+}
+
 HttpDispatcher::HttpDispatcher() : _impl(std::make_unique<HttpDispatcherImpl>()) {}
 
 HttpDispatcher::~HttpDispatcher() = default;
 
 void HttpDispatcher::AddHandler(const std::string& pattern, IHttpHandler* handler) {
-    _impl->_handlers[pattern] = handler;
+    auto* const stream = dynamic_cast<IHttpStreamHandler*>(handler);
+    _impl->_handlers[pattern] = {handler, stream};
+    _impl->_hasStreams = _impl->_hasStreams || stream != nullptr;
 }
 
 void HttpDispatcher::RemoveHandler(IHttpHandler* handler) {
     auto& handlers = _impl->_handlers;
     for (auto entry = handlers.begin(); entry != handlers.end();) {
-        entry = entry->second == handler ? handlers.erase(entry) : std::next(entry);
+        entry = entry->second.handler == handler ? handlers.erase(entry) : std::next(entry);
     }
 }
 
@@ -94,17 +148,47 @@ void HttpDispatcher::HandleRequest(std::istream& in, std::ostream& out) {
     response.SetProtocol("HTTP/1.1");
     HttpRequest request;
     if (Read(in, request)) {
-        try {
-            _impl->Answer(request, response);
-        } catch (...) {
-            response.SetCode(500);
-        }
+        HandleRequest(request, response);
     } else {
         response.SetCode(400);
     }
     // Where both are one stream, reading may have ended in a failure, and nothing would be written.
     out.clear();
-    out << response;
+    try {
+        out << response;
+    } catch (const ParserException&) {
+        // The handler's protocol is not one line.
+        HttpResponse failure;
+        failure.SetProtocol("HTTP/1.1");
+        failure.SetCode(500);
+        out << failure;
+    }
+}
+
+void HttpDispatcher::HandleRequest(const HttpRequest& request, HttpResponse& response) {
+    _impl->Serve(request, response, [&](const HttpDispatcherImpl::Entry& entry) {
+        entry.handler->HandleRequest(request, response);
+    });
+}
+
+bool HttpDispatcher::IsStream(const std::string& path) const {
+    const HttpDispatcherImpl::Entry* const entry = _impl->_hasStreams ? _impl->Find(path) : nullptr;
+    return entry != nullptr && entry->stream != nullptr;
+}
+
+void HttpDispatcher::HandleHead(const HttpRequest& head, HttpResponse& response,
+                                IHttpConnection& connection) {
+    _impl->Serve(head, response, [&](const HttpDispatcherImpl::Entry& entry) {
+        if (entry.stream == nullptr) {
+            _impl->AnswerMissing(head, response);
+        } else {
+            entry.stream->HandleHead(head, response, connection);
+        }
+    });
+}
+
+void IHttpStreamHandler::HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) {
+    response.SetCode(501);
 }
 
 }  // namespace zarip::inet

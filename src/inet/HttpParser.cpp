@@ -7,14 +7,15 @@
 #include <cstring>
 #include <istream>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
-#include "cutil/chomp.h"
 #include "cutil/url.h"
 #include "inet/BadRequest.h"
+#include "inet/MessageReader.h"
 #include "inet/Text.h"
 #include "inet/UrlText.h"
-#include "zarip/inet/HttpRequestBase.h"
+#include "zarip/inet/HttpRequest.h"
 #include "zarip/inet/HttpResponseBase.h"
 #include "zarip/inet/ParserException.h"
 
@@ -22,92 +23,11 @@ namespace zarip::inet {
 
 namespace {
 
-constexpr std::size_t kLineBuffer = 4096;
-constexpr std::streamsize kMaxHeaderLine = 4094;  // its end included
-constexpr std::size_t kMaxHeaders = 1000;
-constexpr std::size_t kMaxHeaderText = 0x100000;
-constexpr std::uint64_t kMaxBody = 0x100000;
-constexpr std::size_t kBodyStep = 4096;
+constexpr std::size_t kBodyStep = MessageReader::kBodyStep;
 constexpr std::size_t kMaxResponseBody = 0x100000 - kBodyStep;  // the last read that succeeds starts below
+constexpr std::size_t kMaxParameters = 10'000;
 constexpr std::size_t kMaxProtocol = 64;
 constexpr std::size_t kMaxCode = 32;
-
-/// One message on its way in: lines at first, then the body.
-class Reader {
-public:
-    explicit Reader(std::istream& in) : _in(in) { _line[0] = '\0'; }
-
-    /// Deliberate: the first line has no limit of its own, what does not fit into the buffer is cut off. The
-    /// stream has failed then, which ends the message behind that line.
-    char* ReadFirst() {
-        Read();
-        return _line;
-    }
-
-    /// Null behind the last header.
-    char* ReadHeader() {
-        const std::streamsize extracted = Read();
-        _text += static_cast<std::size_t>(extracted);
-        if (extracted > kMaxHeaderLine || _text > kMaxHeaderText) {
-            ThrowBadRequest();
-        }
-        if (_line[0] == '\0') {
-            return nullptr;
-        }
-        if (++_headers > kMaxHeaders) {
-            ThrowBadRequest();
-        }
-        return _line;
-    }
-
-    /// The bytes that arrive, `length` at the most and no more than one beyond the limit of a body. Valid
-    /// while the reader is.
-    std::pair<char*, std::size_t> ReadBody(std::uint64_t length) {
-        const auto wanted = static_cast<std::size_t>(std::min(length, kMaxBody + 1));
-        const bool isShort = wanted < kLineBuffer;
-        std::size_t held = 0;
-        while (held < wanted && _in.good()) {
-            const std::size_t step = std::min(wanted - held, kBodyStep);
-            if (!isShort) {
-                _body.resize(held + step);
-            }
-            held += ReadBytes(isShort ? _line : _body.data() + held, step);
-        }
-        return {isShort ? _line : _body.data(), held};
-    }
-
-    /// The bytes that arrive, `size` at the most: their count.
-    std::size_t ReadBytes(char* data, std::size_t size) {
-        _in.read(data, static_cast<std::streamsize>(size));
-        if (_in.bad()) {
-            ThrowBadRequest();
-        }
-        return static_cast<std::size_t>(_in.gcount());
-    }
-
-private:
-    /// The count of characters taken from the stream.
-    std::streamsize Read() {
-        _in.getline(_line, kLineBuffer);
-        if (_in.bad()) {
-            ThrowBadRequest();
-        }
-        const std::streamsize extracted = _in.gcount();
-        // A line that ended the stream, or did not fit, had no line feed.
-        const std::streamsize length = _in.good() ? extracted - 1 : extracted;
-        if (std::strlen(_line) != static_cast<std::size_t>(length)) {
-            ThrowBadRequest();  // a zero byte: the rest of the line would go unseen
-        }
-        cutil::chomp(_line, static_cast<std::size_t>(length));
-        return extracted;
-    }
-
-    std::istream& _in;
-    char _line[kLineBuffer];
-    std::string _body;
-    std::size_t _headers = 0;
-    std::size_t _text = 0;
-};
 
 /// Takes the next piece between spaces off the begin of the text; empty when there is none.
 std::string_view TakeToken(std::string_view& text) {
@@ -119,7 +39,7 @@ std::string_view TakeToken(std::string_view& text) {
 
 /// Digits from the first character on; what follows them is ignored. A number that does not fit is the
 /// greatest.
-std::uint64_t ParseContentLength(const std::string& value) {
+std::uint64_t ParseContentLength(std::string_view value) {
     std::uint64_t length = 0;
     std::size_t digits = 0;
     for (; digits < value.size() && value[digits] >= '0' && value[digits] <= '9'; ++digits) {
@@ -130,6 +50,10 @@ std::uint64_t ParseContentLength(const std::string& value) {
         ThrowBadRequest();
     }
     return length;
+}
+
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t';
 }
 
 bool IsTransferEncoding(std::string_view name) {
@@ -219,7 +143,10 @@ void ParsePairs(HttpRequestBase& request, char* query, std::size_t size, bool is
     QueryReader reader(query, size);
     std::string name;
     std::string value;
-    while (!reader.AtEnd()) {
+    for (std::size_t count = 0; !reader.AtEnd(); ++count) {
+        if (count == kMaxParameters) {
+            ThrowBadRequest();
+        }
         reader.ReadPair(name, value);
         if (isForm) {
             request.SetFormParameter(name, value);
@@ -237,48 +164,64 @@ HttpParser& HttpParser::operator=(const HttpParser& other) = default;
 HttpParser::~HttpParser() = default;
 
 void HttpParser::Parse(std::istream& in, HttpRequestBase& request) const {
-    Reader reader(in);
+    StreamReader reader(in);
+    ReadBody(reader, ReadHead(reader, request), request);
+}
+
+unsigned long long HttpParser::ParseHead(std::istream& in, HttpRequestBase& request) const {
+    StreamReader reader(in);
+    return ReadHead(reader, request);
+}
+
+unsigned long long HttpParser::ReadHead(MessageReader& reader, HttpRequestBase& request) const {
     ParseRequestLine(reader.ReadFirst(), request);
     std::uint64_t length = 0;
-    std::string contentType;
-    std::string name;
-    std::string value;
-    while (char* const line = reader.ReadHeader()) {
-        char* nameText = nullptr;
-        char* valueText = nullptr;
-        ParseHeader(line, nameText, valueText);
-        name = nameText;
-        value = valueText;
-        request.SetHeader(name, value);
-        if (EqualsIgnoringCase(name, "Content-Length")) {
-            length = ParseContentLength(value);
-        } else if (EqualsIgnoringCase(name, "Content-Type")) {
-            contentType = value;
-        } else if (IsTransferEncoding(name)) {
+    // Classes of others get texts through the functions that they may have overridden; our own need no
+    // copies.
+    const bool isPlainParser = typeid(*this) == typeid(HttpParser);
+    const bool isPlainRequest = typeid(request) == typeid(HttpRequest);
+    std::size_t size = 0;
+    while (char* const line = reader.ReadHeader(size)) {
+        // A zero byte is refused as a part of a name or value.
+        const Header header = isPlainParser ? SplitHeader({line, size}) : SplitWithParser(line, size);
+        if (isPlainRequest) {
+            request.StoreRequestHeader(header.name, header.value);
+        } else {
+            request.SetHeader(std::string(header.name), std::string(header.value));
+        }
+        if (EqualsIgnoringCase(header.name, "Content-Length")) {
+            length = ParseContentLength(header.value);
+        } else if (IsTransferEncoding(header.name)) {
             ThrowBadRequest();  // its body would be taken for empty
         }
     }
-    if (length == 0 || !in.good()) {
+    return length;
+}
+
+void HttpParser::ReadBody(MessageReader& reader, unsigned long long length, HttpRequestBase& request) const {
+    if (length == 0 || !reader.IsGood()) {
         return;
     }
     const auto [body, size] = reader.ReadBody(length);
     request.SetBody(body, static_cast<unsigned int>(size));
+    if (!EqualsIgnoringCase(request.GetMethodName(), "POST")) {
+        return;
+    }
     // Deliberate: with parameters such as a charset the type is another one, and the handler reads the body
     // for itself.
-    if (contentType == "application/x-www-form-urlencoded" &&
-        EqualsIgnoringCase(request.GetMethodName(), "POST")) {
+    const std::string* const type = request.GetHeader("Content-Type");
+    if (type != nullptr && *type == "application/x-www-form-urlencoded") {
         ParsePairs(request, body, size, true);
     }
 }
 
 void HttpParser::Parse(std::istream& in, HttpResponseBase& response) const {
-    Reader reader(in);
+    StreamReader reader(in);
     ParseResponseLine(reader.ReadFirst(), response);
-    while (char* const line = reader.ReadHeader()) {
-        char* name = nullptr;
-        char* value = nullptr;
-        ParseHeader(line, name, value);
-        response.SetHeader(name, value);
+    std::size_t size = 0;
+    while (char* const line = reader.ReadHeader(size)) {
+        const Header header = SplitWithParser(line, size);
+        response.SetHeader(std::string(header.name), std::string(header.value));
     }
     std::string body;
     std::size_t held = 0;
@@ -289,12 +232,15 @@ void HttpParser::Parse(std::istream& in, HttpResponseBase& response) const {
         if (before >= kMaxResponseBody) {
             throw ParserException("too much data");
         }
-    } while (in.good());
+    } while (reader.IsGood());
     response.SetBody(body.data(), static_cast<unsigned int>(held));
 }
 
 void HttpParser::ParseRequestLine(char* line, HttpRequestBase& request) const {
     std::string_view rest = line;
+    if (std::any_of(rest.begin(), rest.end(), IsControl)) {
+        ThrowBadRequest();
+    }
     const std::string_view method = TakeToken(rest);
     std::string_view target = TakeToken(rest);
     const std::string_view version = TakeToken(rest);
@@ -328,25 +274,38 @@ void HttpParser::ParseResponseLine(char* line, HttpResponseBase& response) const
     response.SetCode(static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX)));
 }
 
-void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
-    while (*line == ':') {
-        ++line;
-    }
-    char* end = line;
-    while (*end != '\0' && *end != ':') {
-        ++end;
-    }
-    if (end == line) {
+HttpParser::Header HttpParser::SplitHeader(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(':'), line.size()));
+    if (line.empty()) {
         ThrowBadRequest();
     }
-    if (*end != '\0') {
-        *end++ = '\0';
-        while (*end == ' ') {
-            ++end;
-        }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) {
+        return {line, line.substr(line.size())};
     }
-    name = line;
-    value = end;
+    if (IsBlank(line.front()) || IsBlank(line[colon - 1])) {
+        ThrowBadRequest();  // other programs may take it for the name without white space
+    }
+    const std::size_t value = std::min(line.find_first_not_of(' ', colon + 1), line.size());
+    return {line.substr(0, colon), line.substr(value)};
+}
+
+void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
+    const Header header = SplitHeader(line);
+    name = line + (header.name.data() - line);
+    value = line + (header.value.data() - line);
+    name[header.name.size()] = '\0';
+}
+
+/// Has `ParseHeader`, which a derived class may have overridden, split a line.
+HttpParser::Header HttpParser::SplitWithParser(char* line, std::size_t size) const {
+    if (MessageReader::HoldsZero(line, size)) {
+        ThrowBadRequest();
+    }
+    char* name = nullptr;
+    char* value = nullptr;
+    ParseHeader(line, name, value);
+    return {name, value};
 }
 
 void HttpParser::ParseQuery(HttpRequestBase& request, std::string query, bool isForm) {

@@ -58,14 +58,18 @@ void HttpRequestBase::SetQueryString(const std::string& query) {
 }
 
 void HttpRequestBase::SetHeader(const std::string& name, const std::string& value) {
+    StoreRequestHeader(name, value);
+}
+
+void HttpRequestBase::StoreRequestHeader(std::string_view name, std::string_view value) {
     const bool isCookie = EqualsIgnoringCase(name, "Cookie");
     if (isCookie && _cookies.size() + static_cast<std::size_t>(std::count(value.begin(), value.end(), ';')) >=
                         kMaxCookies) {
         ThrowBadRequest();
     }
-    HttpBase::SetHeader(name, value);
+    StoreHeader(name, value);
     if (isCookie) {
-        ParseCookies(value);
+        ParseCookies(std::string(value));
     }
 }
 

@@ -1,123 +1,151 @@
 #include "zarip/inet/HttpServer.h"
 
-#include <cstring>
-#include <iostream>
+#include <algorithm>
+#include <atomic>
+#include <vector>
 
-#include "zarip/core/Logger.h"
-#include "zarip/inet/HttpDispatcher.h"
-#include "zarip/osa/ITcpSocketAccept.h"
-#include "zarip/osa/TcpServer.h"
-#include "zarip/osa/TcpSocket.h"
-#include "zarip/osa/TcpSocketStreamBuf.h"
+#include "inet/HttpLoop.h"
+#include "zarip/osa/MutexAutoLock.h"
+#include "zarip/osa/Runnable.h"
+#include "zarip/osa/SocketException.h"
+#include "zarip/osa/Thread.h"
 
 namespace zarip::inet {
 
 namespace {
 
-constexpr unsigned short kBacklog = 10;
-constexpr unsigned int kReadTimeoutSeconds = 5;
-constexpr unsigned int kTimeLimitSeconds = 30;
-/// Most requests come, and most answers go, in one piece of this size.
-constexpr unsigned int kBufferSize = 8192;
-
-/// Whether an empty line has come, which ends the header.
-bool HasHeader(const char* bytes, std::size_t length) {
-    const char* const end = bytes + length;
-    while (const void* const found = std::memchr(bytes, '\n', static_cast<std::size_t>(end - bytes))) {
-        bytes = static_cast<const char*>(found) + 1;
-        const char* const next = bytes < end && *bytes == '\r' ? bytes + 1 : bytes;
-        if (next < end && *next == '\n') {
-            return true;
-        }
-    }
-    return false;
-}
+constexpr unsigned int kStackSize = 1024 * 1024;
 
 }  // namespace
 
-class ZARIP_HIDDEN HttpServer::HttpServerImpl final : public osa::ITcpSocketAccept {
+/// The server with its threads, which share it, so that a handler may delete the `HttpServer`. `_mutex`
+/// guards the threads' objects; it is never held while a handler runs or a thread is joined.
+class ServerThreads final : public osa::Runnable {
 public:
-    HttpServerImpl(const std::string& address, int port)
-        : _logger(core::Logger::GetLogger("HttpServer")),
-          _server(address.c_str(), static_cast<unsigned short>(static_cast<unsigned int>(port) % 65'536U)) {
-        SetTimeLimit(kTimeLimitSeconds);
-    }
+    ServerThreads(const std::string& address, int port)
+        : _loop(address.c_str(), static_cast<unsigned short>(static_cast<unsigned int>(port) % 65'536U)) {}
 
-    void SetTimeLimit(unsigned int seconds) {
-        constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-        _server.HoldConnections(&HasHeader, seconds < kNoLimit / 1000 ? seconds * 1000 : kNoLimit);
-    }
+    void Start(std::shared_ptr<ServerThreads> self);
+    void Run() override;
+    void Stop() override;
 
-    void AcceptSocket(osa::TcpSocket* accepted) override {
-        const std::unique_ptr<osa::TcpSocket> socket(accepted);
-        _logger->Trace("Accepted socket connection");
-        try {
-            Serve(*socket);
-            socket->Finish();
-        } catch (const std::exception& e) {
-            _logger->Error("Error in AcceptSocket:  %s", e.what());
-        } catch (...) {
-            _logger->Error("Error in AcceptSocket:  %s", "unknown");
+    HttpLoop _loop;
+
+private:
+    bool IsOwnThread() const ZARIP_REQUIRES(_mutex);
+
+    std::atomic<unsigned int> _left{0};
+    std::shared_ptr<ServerThreads> _self;  // until the last thread has ended
+
+    osa::Mutex _mutex{"HttpServer"};
+    std::vector<std::unique_ptr<osa::Thread>> _threads ZARIP_GUARDED_BY(_mutex);
+    bool _running ZARIP_GUARDED_BY(_mutex) = false;
+    bool _stopped ZARIP_GUARDED_BY(_mutex) = false;
+};
+
+void ServerThreads::Start(std::shared_ptr<ServerThreads> self) {
+    const osa::MutexAutoLock lock(&_mutex);
+    if (_stopped) {
+        throw osa::SocketException("Server was stopped", osa::SocketException::SocketGeneralError);
+    }
+    if (_running) {
+        return;
+    }
+    std::vector<std::unique_ptr<osa::Thread>> threads;
+    while (threads.size() <= _loop.GetThreads().GetWorkers()) {
+        threads.push_back(std::make_unique<osa::Thread>("TcpSocketThread", this, kStackSize, 0));
+    }
+    _loop.Listen();
+    _threads = std::move(threads);
+    _self = std::move(self);
+    _left = static_cast<unsigned int>(_threads.size());
+    _running = true;
+    for (const auto& thread : _threads) {
+        thread->Run();
+    }
+}
+
+void ServerThreads::Run() {
+    _loop.GetThreads().Run();
+    std::shared_ptr<ServerThreads> self;
+    if (--_left == 0) {
+        self = std::move(_self);
+    }
+}
+
+void ServerThreads::Stop() {
+    std::vector<std::unique_ptr<osa::Thread>> threads;
+    {
+        const osa::MutexAutoLock lock(&_mutex);
+        if (!_running) {
+            return;
         }
+        _stopped = true;
+        _loop.Stop();
+        if (IsOwnThread()) {
+            return;  // a handler: the loop ends after it
+        }
+        _running = false;
+        threads.swap(_threads);
     }
-
-    void Serve(osa::TcpSocket& socket) {
-        struct Connection {
-            Connection(osa::TcpSocketStreamBuf& opened, osa::TcpSocket& socket) : buffer(opened) {
-                buffer.Open(&socket);
-            }
-            Connection(const Connection&) = delete;
-            Connection& operator=(const Connection&) = delete;
-            ~Connection() { buffer.Close(); }
-            osa::TcpSocketStreamBuf& buffer;
-        };
-        const Connection connection(_buffer, socket);
-        _stream.clear();
-        _dispatcher.HandleRequest(_stream, _stream);
-        _stream.flush();
+    for (const auto& thread : threads) {
+        thread->Join();
     }
+}
 
-    core::Logger* _logger;
-    osa::TcpServer _server;
-    HttpDispatcher _dispatcher;
-    // One stream for all connections, which come one after the other: making one costs a fifth of a request.
-    osa::TcpSocketStreamBuf _buffer{nullptr, kReadTimeoutSeconds, kBufferSize};
-    std::iostream _stream{&_buffer};
+bool ServerThreads::IsOwnThread() const {
+    const osa::Thread* const current = osa::Thread::CurrentThread::ThreadPtr();
+    return std::any_of(_threads.begin(), _threads.end(),
+                       [current](const auto& thread) { return thread.get() == current; });
+}
+
+class ZARIP_HIDDEN HttpServer::HttpServerImpl {
+public:
+    std::shared_ptr<ServerThreads> server;
 };
 
 HttpServer::HttpServer(const std::string& address, int port)
-    : _impl(std::make_unique<HttpServerImpl>(address, port)) {}
+    : _impl(
+          std::make_unique<HttpServerImpl>(HttpServerImpl{std::make_shared<ServerThreads>(address, port)})) {}
 
 HttpServer::~HttpServer() {
     try {
         StopServerThread();
     } catch (...) {
-        // Nothing more can be done for the thread.
+        // Nothing more can be done for the threads.
     }
 }
 
 void HttpServer::AddHandler(const std::string& pattern, IHttpHandler* handler) {
-    _impl->_dispatcher.AddHandler(pattern, handler);
+    _impl->server->_loop.GetService().dispatcher.AddHandler(pattern, handler);
 }
 
 void HttpServer::RemoveHandler(IHttpHandler* handler) {
-    _impl->_dispatcher.RemoveHandler(handler);
+    _impl->server->_loop.GetService().dispatcher.RemoveHandler(handler);
 }
 
 void HttpServer::SetTimeLimit(unsigned int seconds) {
-    _impl->SetTimeLimit(seconds);
+    _impl->server->_loop.SetTimeLimit(seconds);
+}
+
+void HttpServer::SetWorkers(unsigned int count) {
+    _impl->server->_loop.GetThreads().SetWorkers(std::clamp(count, 1U, HttpThreads::kMaxWorkers));
+}
+
+void HttpServer::SetStandardResponses(bool on) {
+    _impl->server->_loop.GetService().isStandard = on;
 }
 
 void HttpServer::StartServerThread() {
-    _impl->_server.Start(_impl.get(), kBacklog);
+    _impl->server->Start(_impl->server);
 }
 
 void HttpServer::StopServerThread() {
-    _impl->_server.Stop();
+    _impl->server->Stop();
 }
 
 unsigned short HttpServer::GetLocalPort() const {
-    return _impl->_server.GetLocalPort();
+    return _impl->server->_loop.GetLocalPort();
 }
 
 }  // namespace zarip::inet

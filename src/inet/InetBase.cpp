@@ -1,13 +1,18 @@
 #include "zarip/inet/InetBase.h"
 
 #include "cutil/gettime.h"
-#include "inet/Address.h"
 #include "zarip/inet/Request.h"
 #include "zarip/inet/Response.h"
 
 namespace zarip::inet {
 
-InetBase::InetBase() : _timeStamp{}, _dest(ParseAddress("0.0.0.0:0")), _source(_dest) {
+namespace {
+
+constexpr _ipaddr_t kNoAddress = {"0.0.0.0", "", 0};
+
+}  // namespace
+
+InetBase::InetBase() : _timeStamp{}, _dest(kNoAddress), _source(kNoAddress) {
     cutil::gettime(_timeStamp.seconds, _timeStamp.microseconds);
 }
 

@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -11,6 +13,10 @@ namespace zarip::inet {
 constexpr unsigned char ToLowerAscii(char c) {
     const auto byte = static_cast<unsigned char>(c);
     return static_cast<unsigned char>(byte - 'A') < 26 ? static_cast<unsigned char>(byte | 0x20U) : byte;
+}
+
+constexpr bool IsControl(char c) {
+    return static_cast<unsigned char>(c) < ' ' || c == '\x7F';
 }
 
 constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right) {
@@ -23,6 +29,24 @@ constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right)
         }
     }
     return true;
+}
+
+/// Whether the text holds what ends a line of a message, or hides the rest of it.
+inline bool HoldsLineEndOrZero(std::string_view text) {
+    // Most texts hold no character up to the carriage return, which eight at a time can be looked at for.
+    constexpr std::uint64_t kOnes = 0x0101010101010101;
+    const char* next = text.data();
+    const char* const end = next + text.size();
+    bool isLow = false;
+    for (; end - next >= 8 && !isLow; next += 8) {
+        std::uint64_t eight = 0;
+        std::memcpy(&eight, next, sizeof(eight));
+        isLow = ((eight - kOnes * ('\r' + 1)) & ~eight & kOnes * 0x80) != 0;
+    }
+    for (; next != end && !isLow; ++next) {
+        isLow = static_cast<unsigned char>(*next) <= '\r';
+    }
+    return isLow && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
 
 /// As `StringUtil::ToUpper`, for the many short texts of a message.

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "zarip/core/Logger.h"
 #include "zarip/osa/MutexAutoLock.h"
 
 namespace zarip::osa {
@@ -21,6 +22,8 @@ constexpr std::uint32_t kPacketOverhead = 62;  // what stands before the payload
 constexpr std::uint32_t kSnapLength = 65'535;
 constexpr std::size_t kMaxPayload = kSnapLength - kPacketOverhead;
 constexpr unsigned int kUdp = 17;
+/// Captures are written to a folder in memory on most devices.
+constexpr std::size_t kMaxFile = 64 * 1024 * 1024;
 
 template <class T>
 void PutLittle(unsigned char* at, T value) {
@@ -57,9 +60,8 @@ std::string PacketCapture::FileFor(const std::string& address) {
 
 bool PacketCapture::Open(const std::string& path) {
     const MutexAutoLock lock(&_mutex);
-    _file = UniqueFd();
-    _isOpen = false;
-    // Not truncated before it is known to be ours: anybody may put a link or a file of his own into /tmp.
+    CloseFile();
+    // Not truncated before it is known to be ours: anybody may put a link or a file of their own into /tmp.
     UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666));
     struct stat status {};
     if (!file.IsValid() || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -76,14 +78,14 @@ bool PacketCapture::Open(const std::string& path) {
         return false;
     }
     _file = std::move(file);
+    _written = sizeof(header);
     _isOpen = true;
     return true;
 }
 
 void PacketCapture::Close() {
     const MutexAutoLock lock(&_mutex);
-    _file = UniqueFd();
-    _isOpen = false;
+    CloseFile();
 }
 
 void PacketCapture::Dump(unsigned short sourcePort, unsigned short destinationPort, const void* data,
@@ -91,14 +93,30 @@ void PacketCapture::Dump(unsigned short sourcePort, unsigned short destinationPo
     if (!_isOpen) {
         return;
     }
-    const MutexAutoLock lock(&_mutex);
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    while (length > 0 && _file.IsValid()) {
-        const std::size_t part = std::min(length, kMaxPayload);
-        DumpRecord(sourcePort, destinationPort, bytes, part);
-        bytes += part;
-        length -= part;
+    bool isFull = false;
+    {
+        const MutexAutoLock lock(&_mutex);
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        while (length > 0 && _file.IsValid()) {
+            const std::size_t part = std::min(length, kMaxPayload);
+            isFull = kPrefixSize + part > kMaxFile - _written;
+            if (isFull) {
+                CloseFile();
+                break;
+            }
+            DumpRecord(sourcePort, destinationPort, bytes, part);
+            bytes += part;
+            length -= part;
+        }
     }
+    if (isFull) {
+        core::Logger::GetLogger("TcpServer")->Warning("packet capture: stopped, the file has reached 64 MiB");
+    }
+}
+
+void PacketCapture::CloseFile() {
+    _file = UniqueFd();
+    _isOpen = false;
 }
 
 void PacketCapture::DumpRecord(unsigned short sourcePort, unsigned short destinationPort,
@@ -125,9 +143,9 @@ void PacketCapture::DumpRecord(unsigned short sourcePort, unsigned short destina
     const iovec parts[] = {{prefix, sizeof(prefix)}, {const_cast<unsigned char*>(data), length}};
     if (::writev(_file.Get(), parts, 2) != static_cast<ssize_t>(sizeof(prefix) + length)) {
         // A full disk: half a record would make the rest unreadable.
-        _file = UniqueFd();
-        _isOpen = false;
+        CloseFile();
     }
+    _written += sizeof(prefix) + length;
 }
 
 }  // namespace zarip::osa

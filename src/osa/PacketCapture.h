@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 
 #include "osa/UniqueFd.h"
@@ -20,17 +21,20 @@ public:
     bool Open(const std::string& path);
     void Close();
 
-    /// Appends a packet when a capture is open. A payload beyond what a record holds goes into several.
+    /// Appends a packet when a capture is open. A payload beyond what a record holds goes into several. The
+    /// capture ends, with a record in the log, before its file exceeds 64 MiB.
     void Dump(unsigned short sourcePort, unsigned short destinationPort, const void* data,
               std::size_t length);
 
 private:
+    void CloseFile() ZARIP_REQUIRES(_mutex);
     void DumpRecord(unsigned short sourcePort, unsigned short destinationPort, const unsigned char* data,
                     std::size_t length) ZARIP_REQUIRES(_mutex);
 
     std::atomic<bool> _isOpen{false};
     Mutex _mutex{"PacketCapture"};
     UniqueFd _file ZARIP_GUARDED_BY(_mutex);
+    std::size_t _written ZARIP_GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace zarip::osa

@@ -1,22 +1,18 @@
 #include "zarip/osa/TcpServer.h"
 
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <sys/epoll.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
 #include <iterator>
-#include <list>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 
+#include "osa/CaptureControl.h"
 #include "osa/Errors.h"
-#include "osa/SocketAddress.h"
+#include "osa/HeldConnections.h"
+#include "osa/Listener.h"
 #include "osa/TcpSocketImpl.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/ITcpSocketAccept.h"
@@ -28,97 +24,69 @@ namespace zarip::osa {
 
 namespace {
 
+/// Has the library keep the type's description, to which programs may be linked.
+[[gnu::used]] const std::type_info* const kAcceptorType = &typeid(ITcpSocketAccept);
+
 constexpr unsigned int kStackSize = 32'768;
-constexpr int kFirstPort = 1'024;
-constexpr int kPorts = 65'536;
-constexpr std::size_t kMaxHeld = 1'000;
 constexpr std::size_t kMaxReadAhead = 4'095;
-constexpr std::size_t kControlSize = 15;
 constexpr MonotonicMs kControlWaitMs = 2'000;
-constexpr int kShortageWaitMs = 100;
+constexpr MonotonicMs kShortageWaitMs = 100;
 constexpr int kMaxAcceptedAtOnce = 16;
-constexpr std::string_view kControl = "dump ";
-constexpr std::string_view kStartCapture = "dump start\n";
-constexpr std::string_view kStopCapture = "dump stop\n";
 
 // Everything else means that accepting will not work again.
 constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,       ENOPROTOOPT,
                                 EOPNOTSUPP, ENETDOWN,     ENETUNREACH, ECONNABORTED, ECONNRESET,
                                 EHOSTDOWN,  EHOSTUNREACH, 512 /* ERESTARTSYS */};
 
-/// Passing shortages, of which a server recovers although they are not in the list above.
-bool IsShortage(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EPERM;
-}
-
-/// Held connections leave half of the process's descriptors to others.
-std::size_t MaxHeld() {
-    rlimit limit{};
-    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur / 2 < kMaxHeld
-               ? static_cast<std::size_t>(limit.rlim_cur / 2)
-               : kMaxHeld;
-}
-
-bool BeginsWith(std::string_view text, std::string_view begin) {
-    return text.substr(0, begin.size()) == begin;
-}
-
-UniqueFd OpenSpare() {
-    return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-}
-
 }  // namespace
 
-/// The server.
+struct ZARIP_HIDDEN TcpServer::Impl {
+    class Loop;
+    std::shared_ptr<Loop> loop;
+};
+
+/// The accept loop. It is shared with its thread, so that the acceptor may delete the server.
 ///
-/// The accept loop alone touches the listening socket once it runs, the connections it holds and the pseudo
-/// port. `_stop` is set once and never cleared. `_mutex` guards the thread, which `Stop` may be called for by
-/// several; it is never held while the acceptor runs or the thread is joined.
-class ZARIP_HIDDEN TcpServer::Impl {
+/// The loop's thread alone touches the listening socket once it runs, and the connections it holds. `_stop`
+/// is set once and never cleared. `_mutex` guards the thread, for which several may call `Stop`; it is never
+/// held while the acceptor runs or the thread is joined.
+class ZARIP_HIDDEN TcpServer::Impl::Loop {
 public:
-    Impl(const char* address, unsigned short port) : _socket(address, port) {}
+    Loop(const char* address, unsigned short port) : _listener(address, port) {}
 
     void Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
                signed char priority);
     void Run();
     void Stop();
+    void LetGoOfOwnThread();
 
-    TcpSocket _socket;
+    Listener _listener;
     std::shared_ptr<PacketCapture> _capture = std::make_shared<PacketCapture>();
     ReadyTest _isReady = nullptr;
     unsigned int _limitMs = kWaitForEver;
 
 private:
-    /// A connection that has not said enough to be served.
-    struct Held {
-        UniqueFd fd;
-        unsigned short port;
-        MonotonicMs until = 0;
-        std::string readAhead = {};
-        bool isWatched = false;
-        bool isControl = false;
+    /// What a new connection turns out to be.
+    enum class State {
+        kWaiting,  ///< it has not said enough
+        kReady,    ///< the acceptor gets it
+        kOver,     ///< the acceptor gets it with its time used up
+        kControl,  ///< it has controlled the capture
     };
-    using HeldList = std::list<Held>;
 
     void Listen();
-    void Loop();
-    enum Acceptance { kAccepted, kNone, kFatal };
-    bool AcceptWaiting();
-    Acceptance Accept();
-    void Shed(int error);
-    bool Watch(int fd, std::uint32_t events, void* what);
-    bool IsUnix() const { return _socket.GetFamily() == AF_UNIX; }
-    void Hold(Held accepted);
-    void Look(HeldList::iterator held, bool isOver);
+    void RunLoop();
+    void AcceptWaiting();
+    void MakeRoom();
+    void Welcome(Listener::Accepted& accepted);
+    void Look(HeldConnection& held, bool isOver);
+    State Classify(HeldConnection& connection);
+    State ReadAhead(HeldConnection& connection);
+    State Peek(HeldConnection& connection);
+    bool HasControlled(HeldConnection& connection, CaptureControl::Command command);
+    void Finish(HeldConnection& connection, State state);
+    void Serve(HeldConnection& connection, bool isOver);
     void LogCaught();
-    void Control(Held& held, bool isStart);
-    bool HasSpoken(Held& held);
-    bool ReadAhead(Held& held);
-    bool Peek(Held& held);
-    bool IsControl(Held& held, std::string_view said);
-    void Serve(Held held, bool isOver);
-    void ExpireHeld();
-    int UntilNextExpiry() const;
 
     ITcpSocketAccept* _acceptor = nullptr;
     unsigned short _backlog = 1;
@@ -129,24 +97,24 @@ private:
     Semaphore _runLock{"TcpServer", 1, 1};
     Semaphore _listening{"TcpServer::listening", 1, 0};
     std::exception_ptr _startFailure;
-    int _nextPort = -1;
-    std::size_t _maxHeld = kMaxHeld;
-    UniqueFd _events;
-    UniqueFd _spare;
-    HeldList _held;  // the oldest, which expires first, in front
+    bool _isFatal = false;
+    HeldConnections _held;
 
     Mutex _mutex{"TcpServer::_mutex"};
     std::unique_ptr<Thread> _thread ZARIP_GUARDED_BY(_mutex);
 };
 
-void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
-                            unsigned int stackSize, signed char priority) {
+void TcpServer::Impl::Loop::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsigned short backlog,
+                                  unsigned int stackSize, signed char priority) {
     if (acceptor == nullptr) {
         throw SocketException("Invalid acceptor", SocketException::SocketGeneralError);
     }
     {
         const MutexAutoLock lock(&_mutex);
-        if (_thread != nullptr || _stop) {
+        if (_stop) {
+            throw SocketException("Server was stopped", SocketException::SocketGeneralError);
+        }
+        if (_thread != nullptr) {
             return;
         }
         _acceptor = acceptor;
@@ -162,7 +130,7 @@ void TcpServer::Impl::Start(TcpServer* server, ITcpSocketAccept* acceptor, unsig
     }
 }
 
-void TcpServer::Impl::Run() {
+void TcpServer::Impl::Loop::Run() {
     _logger = core::Logger::GetLogger("TcpServer");
     _runLock.Lock();
     bool listens = false;
@@ -175,250 +143,184 @@ void TcpServer::Impl::Run() {
     }
     _listening.Release();
     if (listens) {
-        Loop();
+        RunLoop();
+        // Whatever has ended the loop: nobody will accept any more.
+        _listener.Close();
     }
-    _held.clear();
+    _held.Clear();
     _runLock.Release();
 }
 
-void TcpServer::Impl::Listen() {
-    const int fd = _socket.getHandle();
-    if (_isReady != nullptr && !IsUnix()) {
-        // Most clients speak at once, and are then accepted with what they say. The kernel keeps a silent one
-        // to itself, but not for long, since it takes a place in the backlog there: where the system has no
-        // SYN cookies, a handful would keep everybody else out. After that the loop holds it.
-        const int seconds = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof(seconds));
-    }
-    if (::listen(fd, _backlog) != 0) {
-        throw SocketException("listen failed", SocketException::SocketGeneralError);
-    }
-    _events = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
-    const int stop = _stopEvent->GetFd();
-    if (!_events.IsValid() || stop < 0) {
-        throw SocketException("pipe failed", SocketException::SocketGeneralError);
-    }
-    _spare = OpenSpare();
-    _maxHeld = MaxHeld();
-    if (!Watch(stop, EPOLLIN, _stopEvent.get()) || !Watch(fd, EPOLLIN, &_socket)) {
-        ThrowErrno("select failed");
-    }
+void TcpServer::Impl::Loop::Listen() {
+    _listener.Listen(_backlog, _isReady != nullptr);
+    _held.Open(_listener.GetSocket().getHandle(), _stopEvent->GetFd());
 }
 
-bool TcpServer::Impl::Watch(int fd, std::uint32_t events, void* what) {
-    epoll_event event{};
-    event.events = events;
-    event.data.ptr = what;
-    return ::epoll_ctl(_events.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
-}
-
-void TcpServer::Impl::Loop() {
-    epoll_event events[16];
-    while (!_stop) {
-        const int count = ::epoll_wait(_events.Get(), events, 16, UntilNextExpiry());
-        for (int i = 0; i < count && !_stop; ++i) {
-            void* const what = events[i].data.ptr;
-            if (what == &_socket) {
-                if (!AcceptWaiting()) {
-                    return;
-                }
-            } else if (what != _stopEvent.get()) {
-                // One that was closed to make room since the events were fetched is not in the list any more.
-                const auto held =
-                    std::find_if(_held.begin(), _held.end(), [what](const Held& h) { return &h == what; });
-                if (held != _held.end()) {
-                    Look(held, false);
+void TcpServer::Impl::Loop::RunLoop() {
+    while (!_stop && !_isFatal) {
+        try {
+            _held.Wait();
+            HeldConnection* connection = nullptr;
+            for (auto ready = _held.Next(connection); ready != HeldConnections::Ready::kNothing && !_stop;
+                 ready = _held.Next(connection)) {
+                if (ready == HeldConnections::Ready::kListener) {
+                    AcceptWaiting();
+                } else if (ready == HeldConnections::Ready::kConnection) {
+                    Look(*connection, false);
                 }
             }
-        }
-        ExpireHeld();
-    }
-}
-
-/// Accepts what waits, but not for ever: held connections want to be looked at as well.
-bool TcpServer::Impl::AcceptWaiting() {
-    try {
-        for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
-            switch (Accept()) {
-                case kAccepted:
-                    break;
-                case kNone:
-                    return true;
-                case kFatal:
-                    return false;
+            while (!_stop && (connection = _held.GetExpired(NowMs())) != nullptr) {
+                Look(*connection, true);
             }
+        } catch (...) {
+            LogCaught();  // memory is short: a connection is lost, not the server
         }
-    } catch (...) {
-        LogCaught();  // memory is short: this connection is lost, not the server
     }
-    return true;
 }
 
-TcpServer::Impl::Acceptance TcpServer::Impl::Accept() {
-    UniqueFd fd(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!fd.IsValid()) {
-        const int error = errno;
-        if (error == EAGAIN || _stop) {
-            return kNone;
+/// Accepts what waits, but not for ever: held connections need a look as well.
+void TcpServer::Impl::Loop::AcceptWaiting() {
+    for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
+        Listener::Accepted accepted;
+        switch (_listener.Accept(accepted)) {
+            case Listener::Result::kAccepted:
+                Welcome(accepted);
+                break;
+            case Listener::Result::kShort:
+                MakeRoom();
+                return;
+            case Listener::Result::kFatal:
+                _isFatal = true;
+                return;
+            case Listener::Result::kNone:
+                return;
         }
-        if (IsShortage(error)) {
-            Shed(error);
-            return kNone;
-        }
-        if (IsFatalError(error)) {
-            _logger->Error("accept failed with fatal error %d, terminating ::Run loop", error);
-            return kFatal;
-        }
-        _logger->Warning("accept failed with recoverable error %d, retrying accept", error);
-        return kNone;
     }
-    _nextPort = std::max((_nextPort + 1) % kPorts, kFirstPort);
-    Held accepted{std::move(fd), static_cast<unsigned short>(_nextPort)};
-    if (_isReady != nullptr || IsUnix()) {
-        Hold(std::move(accepted));
-    } else {
-        Serve(std::move(accepted), false);
-    }
-    return kAccepted;
 }
 
-/// Makes room when the process or the system is short of something; refuses a connection rather than leave it
-/// waiting for ever.
-void TcpServer::Impl::Shed(int error) {
-    _logger->Error("accept failed with recoverable error %d, retrying accept", error);
-    if (!_held.empty()) {
-        _held.pop_front();
+void TcpServer::Impl::Loop::MakeRoom() {
+    if (HeldConnection* const first = _held.GetFirst()) {
+        _held.Release(*first);
+    } else if (!_listener.Refuse()) {
+        WaitFor(-1, 0, _stopEvent.get(), NowMs() + kShortageWaitMs);
+    }
+}
+
+void TcpServer::Impl::Loop::Welcome(Listener::Accepted& accepted) {
+    auto connection = std::make_unique<HeldConnection>();
+    connection->fd = std::move(accepted.fd);
+    connection->port = accepted.port;
+    const State state = Classify(*connection);
+    if (state != State::kWaiting) {
+        Finish(*connection, state);
         return;
     }
-    _spare = UniqueFd();
-    { const UniqueFd refused(::accept4(_socket.getHandle(), nullptr, nullptr, SOCK_CLOEXEC)); }
-    _spare = OpenSpare();
-    WaitFor(-1, 0, _stopEvent.get(), NowMs() + kShortageWaitMs);
-}
-
-void TcpServer::Impl::Hold(Held accepted) {
-    if (_held.size() >= _maxHeld) {
-        _held.pop_front();
+    if (_held.GetCount() >= _held.GetLimit()) {
+        _held.Release(*_held.GetFirst());
     }
     const MonotonicMs wait = _isReady != nullptr ? static_cast<MonotonicMs>(_limitMs) : kControlWaitMs;
-    accepted.until = NowMs() + wait;
-    _held.push_back(std::move(accepted));
-    Look(std::prev(_held.end()), false);
+    // By edges: what was only peeked at is still there and would be reported over and over.
+    _held.Hold(std::move(connection), EPOLLIN | EPOLLRDHUP | EPOLLET, NowMs() + wait);
 }
 
-/// Serves a held connection that has said enough, or whose time is over.
-void TcpServer::Impl::Look(HeldList::iterator held, bool isOver) {
-    bool isReady = false;
-    bool isLost = false;
-    try {
-        isReady = HasSpoken(*held);
-    } catch (...) {
-        LogCaught();
-        isLost = true;
+/// Looks at a held connection, which may have said something or whose time is over.
+void TcpServer::Impl::Loop::Look(HeldConnection& held, bool isOver) {
+    State state = Classify(held);
+    if (state == State::kWaiting && isOver) {
+        // Without a test it was only waited for a command; it is served like any other.
+        state = _isReady != nullptr ? State::kOver : State::kReady;
     }
-    if (!isLost && !isReady && !isOver) {
-        if (held->isWatched || Watch(held->fd.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, &*held)) {
-            held->isWatched = true;
-            return;
-        }
-        _logger->Error("connection dropped, it cannot be waited for: error %d", errno);
-        isLost = true;
+    if (state != State::kWaiting) {
+        const std::unique_ptr<HeldConnection> connection = _held.Release(held);
+        Finish(*connection, state);
     }
-    if (isLost || held->isControl) {
-        _held.erase(held);
-        return;
-    }
-    if (held->isWatched) {
-        ::epoll_ctl(_events.Get(), EPOLL_CTL_DEL, held->fd.Get(), nullptr);
-    }
-    Held served = std::move(*held);
-    _held.erase(held);
-    Serve(std::move(served), !isReady && _isReady != nullptr);
 }
 
-/// Whether the connection has said enough to be served, or it has been a control connection.
-bool TcpServer::Impl::HasSpoken(Held& held) {
-    return _isReady != nullptr ? ReadAhead(held) : Peek(held);
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Classify(HeldConnection& connection) {
+    if (_isReady != nullptr) {
+        return ReadAhead(connection);
+    }
+    return _listener.IsUnix() ? Peek(connection) : State::kReady;
 }
 
-/// Reads what has come, up to kMaxReadAhead bytes, for the one who will serve the connection.
-bool TcpServer::Impl::ReadAhead(Held& held) {
+/// Reads what has come, up to kMaxReadAhead bytes, for the acceptor.
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::ReadAhead(HeldConnection& connection) {
     char bytes[kMaxReadAhead];
+    std::string& said = connection.bytes;
     for (;;) {
-        const ssize_t count =
-            ::recv(held.fd.Get(), bytes, kMaxReadAhead - held.readAhead.size(), MSG_DONTWAIT);
-        if (count <= 0) {
-            return count == 0 || (errno != EAGAIN && errno != EINTR);
+        const ssize_t count = ::recv(connection.fd.Get(), bytes, kMaxReadAhead - said.size(), MSG_DONTWAIT);
+        if (count < 0 && errno == EINTR) {
+            continue;
         }
-        held.readAhead.append(bytes, static_cast<std::size_t>(count));
-        if (IsControl(held, held.readAhead) || held.readAhead.size() == kMaxReadAhead ||
-            _isReady(held.readAhead.data(), held.readAhead.size())) {
-            return true;
+        if (count < 0 && errno == EAGAIN) {
+            return State::kWaiting;
+        }
+        if (count <= 0) {
+            return State::kReady;  // the acceptor sees the end or the error itself
+        }
+        said.append(bytes, static_cast<std::size_t>(count));
+        if (_listener.IsUnix() && HasControlled(connection, CaptureControl::Find(said))) {
+            return State::kControl;
+        }
+        if (said.size() == kMaxReadAhead || _isReady(said.data(), said.size())) {
+            return State::kReady;
         }
     }
 }
 
 /// Looks at what has come and leaves it there. A peer that has begun a control command is waited for.
-bool TcpServer::Impl::Peek(Held& held) {
-    char bytes[kControlSize];
-    const ssize_t peeked = ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Peek(HeldConnection& connection) {
+    char bytes[CaptureControl::kMaxLength];
+    const ssize_t peeked = ::recv(connection.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
     if (peeked < 0) {
-        return errno != EAGAIN && errno != EINTR;
+        return errno == EAGAIN || errno == EINTR ? State::kWaiting : State::kReady;
     }
-    const std::string_view said(bytes, static_cast<std::size_t>(peeked));
-    if (IsControl(held, said)) {
+    const auto command = CaptureControl::Find({bytes, static_cast<std::size_t>(peeked)});
+    if (HasControlled(connection, command)) {
         // Taken off the connection, so that closing it is no reset to the peer.
-        ::recv(held.fd.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
-        return true;
+        ::recv(connection.fd.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
+        return State::kControl;
     }
-    return !BeginsWith(said, kControl) ||
-           !(BeginsWith(kStartCapture, said) || BeginsWith(kStopCapture, said));
+    return command == CaptureControl::Command::kMaybe ? State::kWaiting : State::kReady;
 }
 
-/// Whether the peer has said a control command, which is then carried out.
-bool TcpServer::Impl::IsControl(Held& held, std::string_view said) {
-    const bool isStart = BeginsWith(said, kStartCapture);
-    if (!IsUnix() || (!isStart && !BeginsWith(said, kStopCapture))) {
+/// Carries out a command; false if it is none.
+bool TcpServer::Impl::Loop::HasControlled(HeldConnection& connection, CaptureControl::Command command) {
+    if (command != CaptureControl::Command::kStart && command != CaptureControl::Command::kStop) {
         return false;
     }
-    held.isControl = true;
-    Control(held, isStart);
+    CaptureControl::Execute(command, connection.fd.Get(), _listener.GetSocket().GetLocalAddress(), *_capture,
+                            *_logger);
     return true;
 }
 
-void TcpServer::Impl::Control(Held& held, bool isStart) {
-    ucred peer{};
-    socklen_t size = sizeof(peer);
-    if (::getsockopt(held.fd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
-        (peer.uid != 0 && peer.uid != ::geteuid())) {
-        _logger->Warning("packet capture: user %u is not allowed to control it", peer.uid);
-    } else if (!isStart) {
-        _capture->Close();
-    } else {
-        const std::string file = PacketCapture::FileFor(_socket.GetLocalAddress());
-        if (!_capture->Open(file)) {
-            _logger->Error("packet capture: cannot write %s", file.c_str());
-        }
+void TcpServer::Impl::Loop::Finish(HeldConnection& connection, State state) {
+    if (state == State::kReady || state == State::kOver) {
+        Serve(connection, state == State::kOver);
     }
 }
 
-/// Within a handler: a connection that fails is no reason to end the loop.
-void TcpServer::Impl::LogCaught() {
+/// Within a handler of exceptions: a connection that fails is no reason to end the loop.
+void TcpServer::Impl::Loop::LogCaught() {
     try {
-        throw;
-    } catch (const std::exception& e) {
-        _logger->Error("Caught exception handling incoming socket connection: %s", e.what());
+        try {
+            throw;
+        } catch (const std::exception& e) {
+            _logger->Error("Caught exception handling incoming socket connection: %s", e.what());
+        } catch (...) {
+            _logger->Error("Caught exception handling incoming socket connection: unknown");
+        }
     } catch (...) {
-        _logger->Error("Caught exception handling incoming socket connection: unknown");
+        // There is not even memory for the record.
     }
 }
 
-void TcpServer::Impl::Serve(Held held, bool isOver) {
-    auto connection = std::make_shared<TcpSocket::Impl>();
+void TcpServer::Impl::Loop::Serve(HeldConnection& held, bool isOver) {
+    const auto connection = std::make_shared<TcpSocket::Impl>();
     connection->fd = std::move(held.fd);
-    connection->readAhead = std::move(held.readAhead);
+    connection->readAhead = std::move(held.bytes);
     connection->connected = true;
-    connection->family = _socket.GetFamily();
+    connection->family = _listener.GetSocket().GetFamily();
     connection->port = held.port;
     connection->capture = _capture;
     if (_isReady != nullptr && _limitMs != kWaitForEver) {
@@ -433,24 +335,11 @@ void TcpServer::Impl::Serve(Held held, bool isOver) {
     } catch (...) {
         LogCaught();
     }
-    // From here on the connection belongs to whoever kept it, on any thread.
+    // From here on the connection belongs to whatever thread the acceptor has handed it to.
     connection->isServed = false;
 }
 
-void TcpServer::Impl::ExpireHeld() {
-    while (!_held.empty() && !_stop && _held.front().until <= NowMs()) {
-        Look(_held.begin(), true);
-    }
-}
-
-int TcpServer::Impl::UntilNextExpiry() const {
-    if (_held.empty()) {
-        return -1;
-    }
-    return static_cast<int>(std::clamp<MonotonicMs>(_held.front().until - NowMs(), 0, 60'000));
-}
-
-void TcpServer::Impl::Stop() {
+void TcpServer::Impl::Loop::Stop() {
     Thread* thread = nullptr;
     {
         const MutexAutoLock lock(&_mutex);
@@ -468,18 +357,23 @@ void TcpServer::Impl::Stop() {
     _runLock.Lock();
     _runLock.Release();
     thread->Join();
-    // Nobody will accept: clients are refused at once instead of waiting in the backlog.
-    _socket.Close();
+    const MutexAutoLock lock(&_mutex);
+    _thread.reset();
+}
+
+/// The acceptor deletes the server: the thread must not look at it again, and ends with the loop.
+void TcpServer::Impl::Loop::LetGoOfOwnThread() {
     const MutexAutoLock lock(&_mutex);
     _thread.reset();
 }
 
 TcpServer::TcpServer(const char* address, unsigned short port)
-    : _impl(std::make_unique<Impl>(address, port)) {}
+    : _impl(std::make_unique<Impl>(Impl{std::make_shared<Impl::Loop>(address, port)})) {}
 
 TcpServer::~TcpServer() {
     try {
         Stop();
+        _impl->loop->LetGoOfOwnThread();
     } catch (...) {
         // Nothing more can be done for the thread.
     }
@@ -487,7 +381,7 @@ TcpServer::~TcpServer() {
 
 void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog, unsigned int stackSize,
                       signed char priority) {
-    _impl->Start(this, acceptor, backlog, stackSize, priority);
+    _impl->loop->Start(this, acceptor, backlog, stackSize, priority);
 }
 
 void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog) {
@@ -495,24 +389,25 @@ void TcpServer::Start(ITcpSocketAccept* acceptor, unsigned short backlog) {
 }
 
 void TcpServer::Run() {
-    _impl->Run();
+    const std::shared_ptr<Impl::Loop> loop = _impl->loop;  // the acceptor may delete the server
+    loop->Run();
 }
 
 void TcpServer::Stop() {
-    _impl->Stop();
+    _impl->loop->Stop();
 }
 
 void TcpServer::HoldConnections(ReadyTest isReady, unsigned int limitMs) {
-    _impl->_isReady = isReady;
-    _impl->_limitMs = limitMs;
+    _impl->loop->_isReady = isReady;
+    _impl->loop->_limitMs = limitMs;
 }
 
 void TcpServer::SetBufferSize(unsigned int bytes) const {
-    _impl->_socket.SetBufferSize(bytes);
+    _impl->loop->_listener.GetSocket().SetBufferSize(bytes);
 }
 
 unsigned short TcpServer::GetLocalPort() const {
-    return _impl->_socket.GetLocalPort();
+    return _impl->loop->_listener.GetSocket().GetLocalPort();
 }
 
 bool TcpServer::IsFatalError(int error) {
@@ -522,12 +417,12 @@ bool TcpServer::IsFatalError(int error) {
 void TcpServer::DumpPacket(unsigned short sourcePort, unsigned short destinationPort, const void* data,
                            int length) {
     if (length > 0) {
-        _impl->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
+        _impl->loop->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
     }
 }
 
 std::shared_ptr<PacketCapture> TcpServer::GetCapture() const {
-    return _impl->_capture;
+    return _impl->loop->_capture;
 }
 
 }  // namespace zarip::osa

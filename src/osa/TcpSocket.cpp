@@ -40,6 +40,12 @@ UniqueFd OpenSocket(int family) {
     return UniqueFd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
+void ApplyBufferSize(int fd, unsigned int bytes) {
+    const auto size = static_cast<int>(bytes);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+}
+
 SocketAddress PeerOf(int fd) {
     SocketAddress peer;
     peer.length = sizeof(peer.storage);
@@ -181,6 +187,18 @@ TcpSocket::TcpSocket(unsigned int fd, unsigned short pseudoPort, TcpServer* serv
 
 TcpSocket::TcpSocket(std::shared_ptr<Impl> impl) : _impl(std::move(impl)) {}
 
+std::unique_ptr<TcpSocket> AcceptedSocket::Make(Origin origin) {
+    const auto impl = std::make_shared<TcpSocket::Impl>();
+    impl->fd = std::move(origin.fd);
+    impl->connected = true;
+    impl->family = origin.family;
+    impl->port = origin.port;
+    impl->readAhead = std::move(origin.readAhead);
+    impl->isReadAheadCaptured = true;
+    impl->capture = std::move(origin.capture);
+    return std::unique_ptr<TcpSocket>(new TcpSocket(impl));
+}
+
 TcpSocket::~TcpSocket() {
     Close();
 }
@@ -188,6 +206,9 @@ TcpSocket::~TcpSocket() {
 void TcpSocket::Close() {
     _impl->connected = false;
     _impl->fd = UniqueFd();
+    _impl->readAhead.clear();
+    _impl->readAheadUsed = 0;
+    _impl->capture.reset();
 }
 
 void TcpSocket::Finish() {
@@ -216,14 +237,20 @@ void TcpSocket::Connect(const char* host, unsigned short port, unsigned int time
     if (addresses.empty()) {
         addresses.push_back(UnixAddress(NormaliseUnixName(name)));
     }
+    // A socket that is not connected yet may have options that the caller has set.
+    UniqueFd unused = _impl->connected || !_impl->address.empty() ? UniqueFd() : std::move(_impl->fd);
     Close();
     ConnectFailure failure{"Invalid Socket", 0};
     for (const auto& address : addresses) {
-        UniqueFd fd = OpenSocket(address.any.sa_family);
+        const bool isFitting = unused.IsValid() && address.any.sa_family == _impl->family;
+        UniqueFd fd = isFitting ? std::move(unused) : OpenSocket(address.any.sa_family);
         if (!fd.IsValid()) {
             continue;
         }
         SetBlocking(fd.Get(), false);
+        if (!isFitting && _impl->bufferSize != 0) {
+            ApplyBufferSize(fd.Get(), _impl->bufferSize);
+        }
         if (ConnectTo(fd.Get(), address, EndOfWait(timeoutSeconds, _impl->limit), failure)) {
             _impl->fd = std::move(fd);
             _impl->family = address.any.sa_family;
@@ -306,7 +333,7 @@ unsigned int TcpSocket::Impl::TakeReadAhead(void* buffer, unsigned int length, b
     std::memcpy(buffer, readAhead.data() + readAheadUsed, count);
     if (!isPeek) {
         readAheadUsed += count;
-        if (capture != nullptr) {
+        if (capture != nullptr && !isReadAheadCaptured) {
             capture->Dump(port, 0, buffer, count);
         }
     }
@@ -357,7 +384,9 @@ unsigned int TcpSocket::Peek(void* buffer, unsigned int length) {
 }
 
 void TcpSocket::CancelRecv() {
-    _impl->cancel.Cancel();
+    // The reader may be on its way as soon as it is told, and its owner may delete the socket.
+    const std::shared_ptr<Impl> impl = _impl;
+    impl->cancel.Cancel();
 }
 
 void TcpSocket::SetTimeLimit(unsigned int milliseconds) {
@@ -409,9 +438,8 @@ int TcpSocket::getHandle() const {
 }
 
 void TcpSocket::SetBufferSize(unsigned int bytes) const {
-    const auto size = static_cast<int>(bytes);
-    ::setsockopt(_impl->fd.Get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
-    ::setsockopt(_impl->fd.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+    _impl->bufferSize = bytes;
+    ApplyBufferSize(_impl->fd.Get(), bytes);
 }
 
 }  // namespace zarip::osa

@@ -19,6 +19,8 @@ struct ZARIP_HIDDEN TcpSocket::Impl {
     bool connected = false;
     unsigned short family = 0;
     unsigned short port = 0;
+    /// What `SetBufferSize` was given, for the sockets that `Connect` makes; 0 if nothing.
+    unsigned int bufferSize = 0;
     std::string address;
     /// Ends receiving.
     CancelEvent cancel;
@@ -26,6 +28,8 @@ struct ZARIP_HIDDEN TcpSocket::Impl {
     /// Read by the server while it held the connection; received first.
     std::string readAhead;
     std::size_t readAheadUsed = 0;
+    /// Whether what was read ahead is in the capture already.
+    bool isReadAheadCaptured = false;
     /// Set for the connections of a server.
     std::shared_ptr<PacketCapture> capture;
 
@@ -46,6 +50,19 @@ struct ZARIP_HIDDEN TcpSocket::Impl {
     unsigned int TakeReadAhead(void* buffer, unsigned int length, bool isPeek);
     unsigned int Receive(void* buffer, unsigned int length, unsigned int timeoutSeconds, int flags);
     unsigned int Send(const struct iovec* parts, int count);
+};
+
+/// Makes sockets of connections that a server of another layer has accepted.
+class AcceptedSocket {
+public:
+    struct Origin {
+        UniqueFd fd;
+        unsigned short family = 0;
+        unsigned short port = 0;  ///< the pseudo port
+        std::string readAhead;    ///< in the capture already
+        std::shared_ptr<PacketCapture> capture;
+    };
+    static std::unique_ptr<TcpSocket> Make(Origin origin);
 };
 
 }  // namespace zarip::osa

@@ -16,7 +16,9 @@
 #include <zarip/inet/HttpParser.h>
 #include <zarip/inet/HttpRequest.h>
 #include <zarip/inet/HttpResponse.h>
+#include <zarip/inet/IHttpConnection.h>
 #include <zarip/inet/IHttpHandler.h>
+#include <zarip/inet/IHttpStreamHandler.h>
 #include <zarip/inet/InetBase.h>
 #include <zarip/inet/ParserException.h>
 #include <zarip/inet/Request.h>
@@ -217,6 +219,8 @@ TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {
               static_cast<Response& (Response::*)(const Response&)>(&Response::operator=)),
         Table("HttpParser", 2, &Parser::ParseRequestLine, &Parser::ParseResponseLine, &Parser::ParseHeader),
         Table("IHttpHandler", 2, &inet::IHttpHandler::HandleRequest),
+        Table("IHttpStreamHandler", 3, &inet::IHttpStreamHandler::HandleHead),
+        Table("IHttpConnection", 2, &inet::IHttpConnection::Take, &inet::IHttpConnection::GetContentLength),
     };
     CheckPlaces(interfaces);
 }
@@ -308,6 +312,8 @@ TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
         {"UpnpResponse", End<inet::UpnpResponse>(), 15},
         {"HttpParser", End<inet::HttpParser>(), 5},
         {"IHttpHandler", End<inet::IHttpHandler>(), 3},
+        {"IHttpStreamHandler", End<inet::IHttpStreamHandler>(), 4},
+        {"IHttpConnection", End<inet::IHttpConnection>(), 4},
     };
     for (const auto& polymorphic : classes) {
         EXPECT_EQ(polymorphic.end, polymorphic.expected) << polymorphic.name;

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <zarip/inet/HttpFormatter.h>
 #include <zarip/inet/HttpRequest.h>
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/Url.h>
@@ -284,6 +286,23 @@ TEST(HttpMessageTest, ResponsesCountTheirBody) {
     EXPECT_EQ(HeadersOf(response), "Content-Length=2|");
     static_cast<HttpBase&>(response).SetBody("");
     EXPECT_EQ(HeadersOf(response), "Content-Length=0|");
+}
+
+TEST(HttpMessageTest, AFormattedFirstLineIsOneLine) {
+    for (const std::string& end : {"\r"s, "\n"s, "\0"s, "\r\nX: y"s}) {
+        HttpRequest requests[3];
+        requests[0].SetPath("/a" + end);
+        requests[1].SetProtocol("HTTP/1.1" + end);
+        requests[2].SetMethodName("GET / HTTP/1.1" + end);
+        std::ostringstream out;
+        for (const HttpRequest& request : requests) {
+            EXPECT_EQ(Thrown([&] { out << request; }), "BadRequest");
+        }
+        HttpResponse response;
+        response.SetProtocol("HTTP/1.1" + end);
+        EXPECT_EQ(Thrown([&] { out << response; }), "BadRequest");
+        EXPECT_EQ(out.str(), "");
+    }
 }
 
 TEST(HttpMessageTest, CopiesAreDeep) {

@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "support/LogCapture.h"
+#include "support/ShortMemory.h"
 #include "support/WaitUntil.h"
 #include "zarip/osa/IOException.h"
 #include "zarip/osa/ITcpSocketAccept.h"
@@ -90,6 +91,19 @@ public:
     std::unique_ptr<TcpSocket> _socket;
     Semaphore _accepted{"accepted", 1000, 0};
 };
+
+std::unique_ptr<TcpSocket> ConnectTo(const TcpServer& server) {
+    auto client = std::make_unique<TcpSocket>();
+    client->Connect("127.0.0.1", server.GetLocalPort(), 10);
+    return client;
+}
+
+int OptionOf(const TcpSocket& socket, int option) {
+    int value = 0;
+    socklen_t size = sizeof(value);
+    ::getsockopt(socket.getHandle(), SOL_SOCKET, option, &value, &size);
+    return value;
+}
 
 string ReceiveAll(TcpSocket& socket) {
     string text;
@@ -262,6 +276,69 @@ TEST(TcpSocket, ReceivingTimesOutPeeksAndIsCancelledForGood) {
     EXPECT_EQ(peer.Recv(buffer, 5, 10), 5U);
 }
 
+TEST(TcpSocket, TheReaderThatIsCancelledMayDeleteTheSocketAtOnce) {
+    for (int i = 0; i < 200; ++i) {
+        int ends[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        auto* const socket = new TcpSocket(static_cast<unsigned int>(ends[0]), 0, nullptr);
+        auto reading = std::async(std::launch::async, [socket] {
+            const std::unique_ptr<TcpSocket> owned(socket);
+            char byte = 0;
+            return OutcomeOf([&] { owned->Recv(&byte, 1, 10); });
+        });
+        socket->CancelRecv();
+        EXPECT_EQ(reading.get(), kClosed);
+        ::close(ends[1]);
+    }
+}
+
+TEST(TcpSocket, OptionsSetBeforeConnectAreTheConnections) {
+    Keeper keeper;
+    TcpServer ipv4("127.0.0.1", 0);
+    TcpServer named(UnixName("options").c_str(), 0);
+    ipv4.Start(&keeper, 5);
+    named.Start(&keeper, 5);
+    const int on = 1;
+    TcpSocket client;
+    client.SetBufferSize(20'000);
+    ::setsockopt(client.getHandle(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    client.Connect("127.0.0.1", ipv4.GetLocalPort(), 10);
+    EXPECT_EQ(OptionOf(client, SO_RCVBUF), 40'000);  // the kernel doubles it
+    EXPECT_EQ(OptionOf(client, SO_KEEPALIVE), 1);
+    // A socket of another family has to be made, and gets the size, too.
+    client.Connect(UnixName("options").c_str(), 0, 10);
+    EXPECT_EQ(OptionOf(client, SO_RCVBUF), 40'000);
+}
+
+TEST(TcpSocket, AClosedSocketHasForgottenWhatWasReadAheadAndTheCapture) {
+    const string name = UnixName("forgets");
+    const string file = "/tmp/" + name + ".pcap";
+    TcpServer server(name.c_str(), 0);
+    server.HoldConnections([](const char*, std::size_t length) { return length >= 5; }, 10'000);
+    Keeper keeper;
+    server.Start(&keeper, 5);
+    TcpSocket control;
+    control.Connect(name.c_str(), 0, 10);
+    control.SendAll("dump start\n", 11);
+    EXPECT_EQ(ReceiveAll(control), "");
+    TcpSocket client;
+    client.Connect(name.c_str(), 0, 10);
+    client.SendAll("stale", 5);
+    TcpSocket& peer = keeper.Wait();
+    peer.Close();
+    EXPECT_EQ(ReceiveAll(client), "");
+
+    Acceptor echo(Echo);
+    TcpServer other("127.0.0.1", 0);
+    other.Start(&echo, 5);
+    peer.Connect("127.0.0.1", other.GetLocalPort(), 10);
+    peer.SendAll("fresh", 5);
+    peer.ShutdownSend();
+    EXPECT_EQ(ReceiveAll(peer), "fresh");
+    EXPECT_EQ(ReadFile(file).size(), 24U);
+    ::unlink(file.c_str());
+}
+
 TEST(TcpSocket, ATimeLimitEndsAPeerThatDribblesAndOneThatDoesNotRead) {
     TcpServer server("127.0.0.1", 0);
     Keeper keeper;
@@ -371,6 +448,63 @@ TEST(TcpServer, AConnectionOutlivesItsServer) {
     peer.SendAll("alive", 5);
     char buffer[8] = {};
     EXPECT_EQ(client.Recv(buffer, 5, 10), 5U);
+}
+
+TEST(TcpServer, IsNotStartedAgainAndKeepsItsFirstAcceptor) {
+    Acceptor acceptor(Echo);
+    Keeper other;
+    TcpServer server("127.0.0.1", 0);
+    server.Start(&acceptor, 5);
+    server.Start(&other, 5);
+    const auto client = ConnectTo(server);
+    client->ShutdownSend();
+    EXPECT_EQ(ReceiveAll(*client), "");
+    server.Stop();
+    EXPECT_EQ(OutcomeOf([&] { server.Start(&acceptor, 5); }),
+              (Outcome{"Server was stopped", SocketException::SocketGeneralError}));
+}
+
+TEST(TcpServer, ItsAcceptorMayStopItAndDeleteIt) {
+    for (const bool deletes : {false, true}) {
+        std::unique_ptr<TcpServer> server = std::make_unique<TcpServer>("127.0.0.1", 0);
+        const unsigned short port = server->GetLocalPort();
+        Acceptor acceptor([&](TcpSocket&) { deletes ? server.reset() : server->Stop(); });
+        server->Start(&acceptor, 5);
+        const auto client = ConnectTo(*server);
+        ReceiveAll(*client);
+        // Nobody listens any more, also without a stop by anybody else.
+        EXPECT_TRUE(WaitUntil([&] {
+            TcpSocket late;
+            return OutcomeOf([&] { late.Connect("127.0.0.1", port, 10); }).code ==
+                   SocketException::SocketTimeout;
+        }));
+        EXPECT_TRUE(WaitUntil([&] { return acceptor._served == 1; }));
+        EXPECT_EQ(server == nullptr, deletes);
+    }
+}
+
+TEST(TcpServer, AFailedAllocationCostsAConnectionAndNotTheProcess) {
+    if (!test::ShortMemory::IsSupported()) {
+        GTEST_SKIP() << "the sanitizer has an allocator of its own";
+    }
+    for (const bool isUnix : {true, false}) {
+        const string name = UnixName("memory");
+        Acceptor acceptor(Echo);
+        TcpServer server(isUnix ? name.c_str() : "127.0.0.1", 0);
+        server.Start(&acceptor, 5);
+        TcpSocket unlucky;
+        {
+            const test::ShortMemory memory("TcpSocketThread");
+            unlucky.Connect(isUnix ? name.c_str() : "127.0.0.1", server.GetLocalPort(), 10);
+            unlucky.SendAll("x", 1);
+            EXPECT_TRUE(WaitUntil([&] { return test::ShortMemory::GetFailures() > 0; }));
+        }
+        TcpSocket client;
+        client.Connect(isUnix ? name.c_str() : "127.0.0.1", server.GetLocalPort(), 10);
+        client.SendAll("x", 1);
+        char byte = 0;
+        EXPECT_EQ(client.Recv(&byte, 1, 10), 1U);
+    }
 }
 
 TEST(TcpServer, TellsWhyItCannotListen) {
@@ -559,6 +693,21 @@ TEST_F(CaptureTest, LongPayloadsGoIntoSeveralRecordsAndConnectionsMayOutliveTheS
     server.reset();
     peer.SendAll("after", 5);
     EXPECT_EQ(ReadFile(_file).size(), 24U + 3 * 78U + 100'005U);
+}
+
+TEST_F(CaptureTest, EndsBeforeItsFileExceeds64Mebibyte) {
+    Keeper keeper;
+    TcpServer server(_name.c_str(), 0);
+    server.Start(&keeper, 5);
+    Control("dump start\n");
+    test::LogCapture log(core::Logger::kWarning);
+    const string payload(65'000, 'x');
+    for (int i = 0; i < 1'100; ++i) {
+        server.DumpPacket(1, 2, payload.data(), static_cast<int>(payload.size()));
+    }
+    const std::size_t record = 78 + payload.size();
+    EXPECT_EQ(ReadFile(_file).size(), 24 + (64 * 1024 * 1024 - 24) / record * record);
+    EXPECT_EQ(log.Count("packet capture: stopped"), 1);
 }
 
 TEST_F(CaptureTest, SilentClientsOfAUnixServerDoNotHoldUpOthers) {

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <zarip/osa/Export.h>
@@ -58,11 +59,14 @@ public:
     void RemoveHeader(const std::string& name);
 
 private:
+    friend class HttpRequestBase;
+
+    ZARIP_HIDDEN void StoreHeader(std::string_view name, std::string_view value);
     void StoreBody(const char* data, std::size_t size);
 
     std::string _protocol;
     Headers _headers;
-    std::vector<char> _body;
+    std::vector<char> _body;  // with its zero byte; empty for a message that never had a body
 };
 
 }  // namespace zarip::inet

@@ -10,7 +10,8 @@ class HttpRequestBase;
 class HttpResponseBase;
 
 /// Writes HTTP/1.1 messages to streams: first line, headers in the order of their names, an empty line, body.
-/// Adds no header of its own and does not flush. *Thread-safe*: it holds nothing.
+/// Adds no header of its own and does not flush. Throws `ParserException` "BadRequest", and writes nothing,
+/// if the first line holds a carriage return, line feed or zero byte. *Thread-safe*: it holds nothing.
 class ZARIP_EXPORT HttpFormatter {
 public:
     HttpFormatter();

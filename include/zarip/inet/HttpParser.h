@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include <zarip/osa/Export.h>
 
@@ -9,6 +10,7 @@ namespace zarip::inet {
 
 class HttpRequestBase;
 class HttpResponseBase;
+class MessageReader;
 
 /// Reads HTTP/1.1 messages from streams. *Thread-safe*: it holds nothing. Derived classes may read lines in
 /// their own way.
@@ -30,18 +32,25 @@ public:
     HttpParser& operator=(const HttpParser& other);
     virtual ~HttpParser();
 
-    /// Reads a request. The body is read where there is a "Content-Length", to that length, 1,048,576 bytes
-    /// at the most; one that ends early is taken as it is (compare `GetBodyLength`). The body of a POST whose
-    /// content type is exactly "application/x-www-form-urlencoded" also becomes form parameters.
-    /// "Transfer-Encoding" is a "BadRequest", and so are more than 1,000 headers, or 1 MiB of them.
+    /// Reads a request. With a "Content-Length" the body is read to that length, at most 1,048,576 bytes; one
+    /// that ends early is taken as it is (compare `GetBodyLength`). The body of a POST whose content type is
+    /// exactly "application/x-www-form-urlencoded" also becomes form parameters.
+    ///
+    /// These are a "BadRequest": "Transfer-Encoding"; more than 1,000 headers, or 1 MiB of them; white space
+    /// around a header's name; control characters in the first line.
     void Parse(std::istream& in, HttpRequestBase& request) const;
+
+    /// Reads the head of a request alone, up to the empty line after its headers, so that the caller may
+    /// stream a body of any length. Returns the announced length of the body, 0 without one. Fails as `Parse`
+    /// does.
+    unsigned long long ParseHead(std::istream& in, HttpRequestBase& request) const;
 
     /// Reads a response; its body is the rest of the stream. Limits for headers as above.
     void Parse(std::istream& in, HttpResponseBase& response) const;
 
     /// Adds the pairs "name=value" between '&' or ';' to the form or query parameters, '+' and percent
-    /// escapes decoded. A pair without '=' throws "BadRequest"; those before it stay. One separator at the
-    /// end is allowed.
+    /// escapes decoded. A pair without '=' and the 10,001st pair throw "BadRequest"; those before it stay.
+    /// One separator at the end is allowed.
     static void ParseQuery(HttpRequestBase& request, std::string query, bool isForm);
 
 protected:
@@ -51,6 +60,19 @@ protected:
 
     /// `name` and `value` become zero-terminated parts of the line.
     virtual void ParseHeader(char* line, char*& name, char*& value) const;
+
+private:
+    friend class HttpExchange;
+
+    ZARIP_HIDDEN unsigned long long ReadHead(MessageReader& reader, HttpRequestBase& request) const;
+    struct Header {
+        std::string_view name;
+        std::string_view value;
+    };
+    ZARIP_HIDDEN static Header SplitHeader(std::string_view line);
+    ZARIP_HIDDEN Header SplitWithParser(char* line, std::size_t size) const;
+    ZARIP_HIDDEN void ReadBody(MessageReader& reader, unsigned long long length,
+                               HttpRequestBase& request) const;
 };
 
 /// `HttpParser().Parse`; returns the stream.

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 #include <zarip/inet/HttpBase.h>
 #include <zarip/inet/InetBase.h>
@@ -62,8 +63,10 @@ public:
     void SetUrl(const Url& url);
 
 private:
+    friend class HttpParser;
     using Values = std::map<std::string, std::string>;
 
+    ZARIP_HIDDEN void StoreRequestHeader(std::string_view name, std::string_view value);
     void ParseCookies(const std::string& text);
 
     std::string _path;

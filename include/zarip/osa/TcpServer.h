@@ -18,8 +18,8 @@ class PacketCapture;
 /// stop\n" ends it. Only root and the server's own user may do that. A new connection of such a server is
 /// looked at for at most 2 seconds, until it speaks, before it is handed on; meanwhile others are served.
 ///
-/// *Thread-safe.* Started and stopped once; a stopped server is not started again. Failures throw
-/// `SocketException`.
+/// *Thread-safe.* Started and stopped once. The acceptor may stop the server, and delete it: both only ask
+/// the accept loop to end, which happens when the acceptor returns. Failures throw `SocketException`.
 class ZARIP_EXPORT TcpServer : public Runnable {
 public:
     /// Binds at once, see `TcpSocket`; nothing is accepted before `Start`.
@@ -30,7 +30,8 @@ public:
     /// Stops; connections that were handed on live on.
     ~TcpServer() override;
 
-    /// Starts accepting, and returns once the server listens. Throws "listen failed".
+    /// Starts accepting, and returns once the server listens. Does nothing while the server runs: the
+    /// acceptor stays the first one. Throws "listen failed", and "Server was stopped" after `Stop`.
     /// @param acceptor  *not owned*, must outlive the server.
     /// @param backlog  connections that the kernel keeps for the server.
     /// @param stackSize, priority  of the thread, as in `Thread`.
@@ -41,9 +42,9 @@ public:
     /// The accept loop; run by the thread that `Start` makes.
     void Run() override;
 
-    /// Ends the accept loop and waits for that; does nothing when it does not run. A connection that the
-    /// acceptor is serving in `AcceptSocket` is cancelled: its operations throw "Socket was closed". Called
-    /// by the acceptor itself it only asks the loop to end.
+    /// Ends the accept loop, waits for that, and refuses connections from then on; does nothing when the loop
+    /// does not run. A connection that the acceptor is serving in `AcceptSocket` is cancelled: its operations
+    /// throw "Socket was closed". Called by the acceptor itself it only asks the loop to end.
     void Stop() override;
 
     /// Tells whether the first bytes of a connection, all that came so far, are enough to serve it.
@@ -70,7 +71,7 @@ public:
 
 private:
     friend class TcpSocket;
-    class Impl;
+    struct Impl;
 
     std::shared_ptr<PacketCapture> GetCapture() const;
 

@@ -78,7 +78,8 @@ public:
     /// connection and cost the peer the end of the answer.
     void Finish();
 
-    /// May be called twice.
+    /// Closes, and forgets what was read ahead and the packet capture: a later connection of this socket has
+    /// nothing to do with them. May be called twice.
     void Close();
 
     unsigned short GetFamily() const;
@@ -94,10 +95,12 @@ public:
     /// The descriptor, -1 when there is none.
     int getHandle() const;
 
-    /// Send and receive buffer of the kernel in bytes; failures are ignored.
+    /// Send and receive buffer of the kernel in bytes, also of the connection that `Connect` makes later;
+    /// failures are ignored.
     void SetBufferSize(unsigned int bytes) const;
 
 private:
+    friend class AcceptedSocket;
     friend class TcpServer;
     friend class TcpSocketStreamBuf;
     struct Impl;
