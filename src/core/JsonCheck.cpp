@@ -27,7 +27,7 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// Whether a number, written as it has to be, is none of the very large ones; in any locale.
+/// Whether a number, written as it has to be, is not too large for a double; in any locale.
 bool FitsDouble(const std::string& number) {
     static const locale_t s_classic = ::newlocale(LC_ALL_MASK, "C", nullptr);
     return std::isfinite(::strtod_l(number.c_str(), nullptr, s_classic));

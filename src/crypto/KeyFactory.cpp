@@ -26,7 +26,7 @@ constexpr const char* kEncryptedLabel = "ENCRYPTED PRIVATE KEY";
 
 constexpr unsigned int kMinBits = 1'024;
 constexpr unsigned int kMaxBits = 8'192;
-constexpr unsigned int kMaxExponentBits = 64;  // a larger one only makes work for whoever uses the key
+constexpr unsigned int kMaxExponentBits = 64;  // a larger one only makes work for the user of the key
 
 // rsaEncryption, 1.2.840.113549.1.1.1
 constexpr unsigned char kRsaObjectId[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
@@ -216,7 +216,7 @@ bool IsText(ByteView atom, std::string_view text) {
     return std::string_view(reinterpret_cast<const char*>(atom.data), atom.size) == text;
 }
 
-/// The numbers of the private key in one of libgcrypt's lists, but for `dp` and `dq`. The functions that look
+/// The numbers of the private key in one of libgcrypt's lists, except `dp` and `dq`. The functions that look
 /// for something in a list copy what they find to memory that is not wiped; this one does not.
 PrivateNumbers ExtractPrivate(gcry_sexp_t list) {
     SecureBytes text(::gcry_sexp_sprint(list, GCRYSEXP_FMT_CANON, nullptr, 0));
@@ -310,7 +310,7 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivateInfo(ByteView der) {
 using Decoder = std::shared_ptr<const RsaKeyImpl> (*)(ByteView);
 
 /// Loads the first key of a kind, which is how its labels end; `decoders` stand in the order of `labels`.
-/// @param passPhrase  null if there is none
+/// @param passPhrase  may be null
 std::shared_ptr<const RsaKeyImpl> Load(std::string_view text, const char* kind,
                                        const char* const (&labels)[2], const Decoder (&decoders)[2],
                                        const char* none, const SecureBuffer* passPhrase = nullptr) {

@@ -154,7 +154,7 @@ unsigned int MaskZero(unsigned int a) {
     return 0U - ((a - 1) >> 31U);
 }
 
-/// Where the message begins behind `00 02 random 00`, or 0 when that is not there: in the same time, so that
+/// Where the message begins after `00 02 random 00`, or 0 when that is not there: in the same time, so that
 /// nobody who sends data to try it out learns how far it was right.
 unsigned int FindMessage(const unsigned char* block, unsigned int size) {
     unsigned int bad = block[0] | (block[1] ^ 2U);

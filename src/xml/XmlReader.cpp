@@ -43,7 +43,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
             if (isComplete) {
                 return false;
             }
-            if (queue.IsBad() || scanner.IsRefused() || hasFailed) {
+            if (queue.IsBad() || scanner.IsRefused() || hasFailed || isAtEnd) {
                 Throw();
             }
             Parse(Supply());
@@ -52,14 +52,14 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     }
 
     [[noreturn]] void Throw() {
-        if (queue.IsBad()) {
-            queue.Throw();
-        }
-        if (hasFailed) {
+        if (hasFailed && !queue.IsBad()) {
             throw osa::IOException("XmlReader: reading failed");
         }
         if (scanner.IsEncodingRefused()) {
             scanner.ThrowEncoding();
+        }
+        if (queue.IsBad() || scanner.GetRefusal() == nullptr) {
+            queue.Throw();
         }
         const xmlParserInput* const input = parser ? parser->input : nullptr;
         throw XmlException(scanner.GetRefusal(),
@@ -141,11 +141,11 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         }
         if (isAtEnd && !scanner.IsRefused() && !queue.IsBad()) {
             xmlParseChunk(parser.get(), nullptr, 0, 1);
-            isComplete = !queue.IsBad();
+            isComplete = parser->wellFormed != 0 && !queue.IsBad();
         }
     }
 
-    /// The attribute of the current element that fits; null when there is none.
+    /// The attribute of the current element that fits, or null.
     template <class Fits>
     const XmlNodeQueue::Attribute* FindAttribute(Fits fits) const {
         const XmlNodeQueue::Node& node = queue.Current();

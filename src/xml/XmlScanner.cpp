@@ -117,48 +117,36 @@ void XmlScanner::Take(unsigned int character) {
     Count(IsInMarkup() ? 1 : 0);
     switch (_state) {
         case kText:
-            if (character == '<' || character == '&') {
-                Enter(character == '<' ? kOpening : kReference);
-                _length = 1;
-            }
-            break;
         case kReference:
-            if (character == '<') {
-                Enter(kOpening);
-            } else if (character == ';' || character <= ' ') {
-                Leave();
-            }
-            break;
+            return TakeText(character);
         case kOpening:
-            TakeOpening(character);
-            break;
+            return TakeOpening(character);
         case kDeclaration:
-            TakeDeclaration(character);
-            break;
         case kCDataOpening:
-            if (character == '[') {
-                Enter(kCData);
-            }
-            break;
+            return TakeDeclaration(character);
         case kTag:
-            TakeTag(character);
-            break;
+            return TakeTag(character);
         case kCData:
-            TakeEnd(character, ']', 2);
-            break;
+            return TakeEnd(character, ']', 2);
         case kComment:
-            TakeEnd(character, '-', 2);
-            break;
+            return TakeEnd(character, '-', 2);
         case kInstruction:
-            TakeEnd(character, '?', 1);
-            break;
+            return TakeEnd(character, '?', 1);
         case kType:
         case kSubsetMarkup:
-            TakeType(character);
-            break;
+            return TakeType(character);
         case kSubset:
-            TakeSubset(character);
-            break;
+            return TakeSubset(character);
+    }
+}
+
+/// Text or a reference in it.
+void XmlScanner::TakeText(unsigned int character) {
+    if (character == '<' || (character == '&' && _state == kText)) {
+        _length = _state == kText ? 1 : _length;
+        Enter(character == '<' ? kOpening : kReference);
+    } else if (_state == kReference && (character == ';' || character <= ' ')) {
+        Leave();
     }
 }
 
@@ -175,7 +163,9 @@ void XmlScanner::TakeOpening(unsigned int character) {
 }
 
 void XmlScanner::TakeDeclaration(unsigned int character) {
-    if (character == '-') {
+    if (_state == kCDataOpening) {
+        Enter(character == '[' ? kCData : kCDataOpening);
+    } else if (character == '-') {
         if (++_run == 2) {
             Enter(kComment);
         }

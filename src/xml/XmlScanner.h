@@ -52,6 +52,7 @@ private:
     std::size_t SkipPlain(std::string_view bytes, std::size_t at) const;
     void Count(std::size_t bytes);
     void Take(unsigned int character);
+    void TakeText(unsigned int character);
     void TakeOpening(unsigned int character);
     void TakeDeclaration(unsigned int character);
     void TakeTag(unsigned int character);

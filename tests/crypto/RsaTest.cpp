@@ -684,12 +684,12 @@ TEST(KeyFactoryTest, KeyFilesAreForTheirOwnerAlone) {
     EXPECT_EQ(mode(), 0600U);
     EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(KeyFactory::LoadPrivateKeyFile(path, Secret("horse")))), pem);
     KeyFactory::SavePrivateKeyFile(path, key);
-    for (const mode_t open : {0604, 0602, 0601, 0640, 0620, 0610, 0644}) {
+    for (const mode_t open : {0604U, 0602U, 0601U, 0640U, 0620U, 0610U, 0644U}) {
         ::chmod(path.c_str(), open);
         EXPECT_EQ(CryptoErrorOf([&] { KeyFactory::LoadPrivateKeyFile(path); }),
                   "key file '" + path + "' is open to others");
     }
-    for (const mode_t own : {0600, 0400}) {
+    for (const mode_t own : {0600U, 0400U}) {
         ::chmod(path.c_str(), own);
         EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(KeyFactory::LoadPrivateKeyFile(path))), pem);
     }

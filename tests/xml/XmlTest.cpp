@@ -324,7 +324,7 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         }
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-    EXPECT_LT(PeakKiB() - before, 160 * 1024);
+    EXPECT_LT(PeakKiB() - before, 384 * 1024) << "what expands would take GiB";
 
     // Those that pass.
     for (const string& text :
@@ -579,7 +579,7 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     EXPECT_EQ(stream.str(), "<r a=\"1\">t</r>\n");
 
     std::ofstream full("/dev/full");
-    for (const std::size_t size : {1, 1'000'000}) {
+    for (const std::size_t size : {1U, 1'000'000U}) {
         XmlWriter toFull(full);
         full.clear();
         EXPECT_EQ(ErrorOf([&] {
@@ -644,11 +644,12 @@ TEST(XmlWriterTest, WhatCouldNotBeReadAgainIsRefusedBeforeItIsWritten) {
              }
          }},
     };
-    for (const auto& [error, write] : cases) {
+    for (const auto& row : cases) {
+        const string& error = row.first;
         std::ostringstream stream;
         XmlWriter writer(stream);
         writer.StartElement("r");
-        EXPECT_EQ(ErrorOf([&] { write(writer); }).substr(0, error.size()), error);
+        EXPECT_EQ(ErrorOf([&] { row.second(writer); }).substr(0, error.size()), error);
         const string refused = ErrorOf([&] { writer.EndDocument(); });
         const string text = stream.str();
         EXPECT_EQ(refused == "no exception" ? ErrorOf([&] { XmlDocument::Parse(text); }) : refused,

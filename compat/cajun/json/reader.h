@@ -101,7 +101,7 @@ private:
     static constexpr std::size_t kMaxDepth = 200;
     static constexpr std::size_t kMaxElements = 1'000'000;
 
-    // The whole text, in the form of a RapidJSON input stream: behind the end there are NULs only.
+    // The whole text, in the form of a RapidJSON input stream: after the end there are NULs only.
     class Source {
     public:
         using Ch = char;
@@ -513,7 +513,7 @@ private:
             case rapidjson::kParseErrorArrayMissCommaOrSquareBracket:
                 break;
             case rapidjson::kParseErrorValueInvalid:
-                // Either a token that is no value, or a word or number that breaks off behind a letter or a
+                // Either a token that is no value, or a word or number that breaks off after a letter or a
                 // minus.
                 if (offset == 0 || std::strchr("-aeflnrstu", text[offset - 1]) == nullptr) {
                     break;

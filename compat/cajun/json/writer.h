@@ -11,7 +11,7 @@
 
 namespace json::detail {
 
-// What becomes of each byte of a string: the letter behind a backslash, or one of these.
+// What becomes of each byte of a string: the letter after a backslash, or one of these.
 constexpr char kPlain = 0;
 constexpr char kNumeric = 'u';
 

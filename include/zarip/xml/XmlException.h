@@ -9,7 +9,7 @@ class ZARIP_EXPORT XmlException : public osa::Exception {
 public:
     explicit XmlException(const std::string& message);
 
-    /// The text is the message and, behind it, " (line <line>, column <column>)".
+    /// The text is the message, followed by " (line <line>, column <column>)".
     /// @param line, column  from 1; a column 0 is not known and left out.
     XmlException(const std::string& message, unsigned int line, unsigned int column);
     XmlException(const XmlException& other);

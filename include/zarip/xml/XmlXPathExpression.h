@@ -16,9 +16,9 @@ namespace zarip::xml {
 /// It throws `XmlException` "XPath: ..." for what is no expression, or none of the kind asked for, and
 /// "XPath: Operation limit exceeded" where an evaluation looks at 20 million nodes.
 ///
-/// That limit does not hold everything: the set that "//" behind another step, "|" or "ancestor::" finds is
+/// That limit does not hold everything: the set that "//" after another step, "|" or "ancestor::" finds is
 /// compared node by node, which takes time with the square of its size. In documents from strangers look for
-/// children ("/a/b", "b[@c]"), with one "//" at the most, and let no stranger write an expression.
+/// children ("/a/b", "b[@c]"), with at most one "//", and let no stranger write an expression.
 class ZARIP_EXPORT XmlXPathExpression {
 public:
     /// @param namespaces  prefixes of the expression and the namespaces they stand for; those of the document
