@@ -191,6 +191,45 @@ TEST_F(HttpServerTest, AnswersOneRequestForEachConnection) {
     EXPECT_THROW(_server->StartServerThread(), osa::SocketException);
 }
 
+TEST_F(HttpServerTest, AnswersTheSameInWhateverPiecesARequestComes) {
+    const string requests[] = {
+        Post(5, "hello"),
+        Post(3, "hello"),
+        Post(9, "cut"),
+        "POST /echo HTTP/1.1\nContent-Length: 2\nContent-Length: 4\n\nlast",
+        "GET /echo HTTP/1.1",
+        "GET /echo HTTP/1.1\r\nNo line end",
+        "GET /echo HTTP/1.1\r\r\n\r\n",
+        "GET /echo HTTP/1.1\r\nA: b\r\n\r",
+        "GET /echo\r\n\r\n",
+        "\r\nGET /echo HTTP/1.1\r\n\r\n",
+        "PUT /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+        "GET /echo HTTP/1.1\r\nContent-Length : 3\r\n\r\nabc",
+        string("GET /echo HTTP/1.1\r\nA\0: b\r\n\r\n", 30),
+        "GET /echo HTTP/1.1\r\nA: b\r\n" + string("\0\r\n\r\n", 5),
+        "GET /echo HTTP/1.1" + string(5'000, ' ') + "\r\nA: b\r\n\r\n",
+    };
+    HttpDispatcher dispatcher;
+    dispatcher.AddHandler("/echo", &_echo);
+    _server->StartServerThread();
+    for (const string& request : requests) {
+        std::stringstream whole(request);
+        std::ostringstream expected;
+        dispatcher.HandleRequest(whole, expected);
+        for (std::size_t cut = 0; cut <= request.size(); cut += 1 + cut / 100) {
+            const Socket socket = SendTo(request.substr(0, cut));
+            Ask("GET / HTTP/1.1\r\n\r\n");  // by now the server has read that
+            try {
+                Send(*socket, request.substr(cut));
+                socket->ShutdownSend();
+            } catch (const osa::SocketException&) {
+                // It is answered already.
+            }
+            EXPECT_EQ(Receive(*socket), expected.str()) << request.substr(0, 60) << " cut at " << cut;
+        }
+    }
+}
+
 TEST_F(HttpServerTest, TakesABodyOfOneMebibyteAndRefusesALargerOneSoThatTheClientReadsIt) {
     _server->StartServerThread();
     const string body(1024 * 1024, '\xff');
