@@ -492,6 +492,26 @@ TEST_F(HttpServerTest, StopLetsHandlersEndAndTheirAnswersLeave) {
     EXPECT_EQ(_echo._calls, 0);
 }
 
+TEST_F(HttpServerTest, StopDoesNotWaitForAClientThatReadsForEver) {
+    _server->StartServerThread();
+    const Socket steady = SendTo(kGetLarge, 65'536);
+    const string begin = Receive(*steady, 1);
+    std::atomic<bool> hasStopped{false};
+    auto reading = std::async(std::launch::async, [&] {
+        std::size_t received = 0;
+        try {
+            for (; !hasStopped; received += Receive(*steady, 5'000).size()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        } catch (const osa::SocketException&) {
+        }
+        return received;
+    });
+    _server->StopServerThread();
+    hasStopped = true;
+    EXPECT_LT(reading.get(), 4'000'000U);
+}
+
 TEST_F(HttpServerTest, AHandlerMayStopTheServerAndDeleteIt) {
     for (const bool deletes : {false, true}) {
         _server = std::make_unique<HttpServer>("127.0.0.1", 0);
