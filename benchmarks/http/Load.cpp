@@ -1,8 +1,8 @@
 // Clients of a web server, each on a thread of its own: connect, GET, read to the end, close, again and
 // again.
 //
-//   load PORT CLIENTS REQUESTS     prints the requests a second, and the median and the longest time of one
-//   in us
+//   load PORT CLIENTS REQUESTS     prints the requests a second; and of the times that one takes, in us, the
+//                                  median, the longest, and the one that 99 of 100 stay below
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -76,6 +76,6 @@ int main(int argc, char** argv) {
         all.insert(all.end(), mine.begin(), mine.end());
     }
     std::sort(all.begin(), all.end());
-    std::printf("%.0f %.0f %.0f\n", static_cast<double>(all.size()) / seconds, all[all.size() / 2],
-                all.back());
+    std::printf("%.0f %.0f %.0f %.0f\n", static_cast<double>(all.size()) / seconds, all[all.size() / 2],
+                all.back(), all[all.size() * 99 / 100]);
 }

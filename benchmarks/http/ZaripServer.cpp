@@ -1,4 +1,6 @@
-// The library's server with a handler that answers with 1 KiB. Prints its port.
+// The library's server with a handler that answers with 1 KiB, or 1 MiB for /large. Prints its port.
+//
+//   zarip-bench-http-zarip [--standard]   with the web's rules
 #include <zarip/inet/HttpRequest.h>
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/HttpServer.h>
@@ -7,12 +9,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 namespace {
 
-class Kibibyte final : public zarip::inet::IHttpHandler {
+class Text final : public zarip::inet::IHttpHandler {
 public:
+    explicit Text(std::size_t size) : _text(size, 'x') {}
+
     void HandleRequest(const zarip::inet::HttpRequest& /*request*/,
                        zarip::inet::HttpResponse& response) override {
         response.SetCode(200);
@@ -21,15 +26,18 @@ public:
     }
 
 private:
-    std::string _text = std::string(1024, 'x');
+    std::string _text;
 };
 
 }  // namespace
 
-int main() {
-    Kibibyte handler;
+int main(int argc, char** argv) {
+    Text kibibyte(1024);
+    Text mebibyte(1024 * 1024);
     zarip::inet::HttpServer server("127.0.0.1", 0);
-    server.AddHandler("*", &handler);
+    server.AddHandler("*", &kibibyte);
+    server.AddHandler("/large", &mebibyte);
+    server.SetStandardResponses(argc > 1 && std::strcmp(argv[1], "--standard") == 0);
     server.StartServerThread();
     std::printf("%u\n", static_cast<unsigned int>(server.GetLocalPort()));
     std::fflush(stdout);

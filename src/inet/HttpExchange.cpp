@@ -302,6 +302,7 @@ void HttpExchange::Send() {
     }
     _connection.written = 0;
     _connection.state = ServedConnection::State::kWriting;
+    _connection.end = osa::kNever;
     if (_connection.bytes.empty()) {
         Write(_service, _connection);
     }

@@ -56,6 +56,7 @@ void HttpLoop::SetTimeLimit(unsigned int seconds) {
 }
 
 void HttpLoop::Listen() {
+    core::Logger::GetLogger("TcpServer")->Information("Starting TcpServer::Run");
     _listener.Listen(kBacklog, true);
     _wakeUp = osa::UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     _held.Open(_listener.GetSocket().getHandle(), _wakeUp.Get());
@@ -291,8 +292,12 @@ void HttpLoop::Drain(ServedConnection& connection) {
 MonotonicMs HttpLoop::EndOfWait(ServedConnection& connection) const {
     const MonotonicMs now = NowMs();
     if (connection.state == State::kWriting) {
+        if (_isStopping) {
+            connection.end = std::min(connection.end, now + kStopMs);  // however it gets on
+            return connection.end;
+        }
         HasTakenMore(connection);
-        return now + (_isStopping ? kStopMs : _silenceMs);
+        return now + _silenceMs;
     }
     return std::min(connection.end, now + kDrainSilenceMs);
 }
@@ -327,6 +332,7 @@ void HttpLoop::KeepOn(ServedConnection& connection) {
     }
 }
 
+/// Whether there is anything left to do: while the server stops only answers are.
 bool HttpLoop::IsLeft(const ServedConnection& connection) const {
     return connection.fd.IsValid() && (connection.state == State::kWriting || !_isStopping);
 }
@@ -413,15 +419,7 @@ void HttpLoop::BeginStop() {
     _held.ForgetListener();
     _listener.Close();
     _threads.DropQueued();
-    const MonotonicMs until = NowMs() + kStopMs;
-    _held.ForEach([&](osa::HeldConnection& held) {
-        auto& connection = static_cast<ServedConnection&>(held);
-        if (connection.state == State::kWriting) {
-            _held.Rearm(connection, EPOLLOUT, until);
-        } else {
-            _held.Release(connection);
-        }
-    });
+    _held.ForEach([this](osa::HeldConnection& held) { KeepOn(static_cast<ServedConnection&>(held)); });
 }
 
 bool HttpLoop::IsDone() {

@@ -20,7 +20,7 @@ public:
     State state = State::kReading;
     osa::SocketAddress peer;
     RequestProgress progress;
-    /// The end of the time for the head, then of that for draining.
+    /// The end of the time for the head; then that of writing while the server stops; then that of draining.
     osa::MonotonicMs end = osa::kNever;
     std::size_t written = 0;
     /// What the kernel held of the answer when the client last got on with it.

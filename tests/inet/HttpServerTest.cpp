@@ -191,6 +191,45 @@ TEST_F(HttpServerTest, AnswersOneRequestForEachConnection) {
     EXPECT_THROW(_server->StartServerThread(), osa::SocketException);
 }
 
+TEST_F(HttpServerTest, AnswersTheSameInWhateverPiecesARequestComes) {
+    const string requests[] = {
+        Post(5, "hello"),
+        Post(3, "hello"),
+        Post(9, "cut"),
+        "POST /echo HTTP/1.1\nContent-Length: 2\nContent-Length: 4\n\nlast",
+        "GET /echo HTTP/1.1",
+        "GET /echo HTTP/1.1\r\nNo line end",
+        "GET /echo HTTP/1.1\r\r\n\r\n",
+        "GET /echo HTTP/1.1\r\nA: b\r\n\r",
+        "GET /echo\r\n\r\n",
+        "\r\nGET /echo HTTP/1.1\r\n\r\n",
+        "PUT /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+        "GET /echo HTTP/1.1\r\nContent-Length : 3\r\n\r\nabc",
+        string("GET /echo HTTP/1.1\r\nA\0: b\r\n\r\n", 30),
+        "GET /echo HTTP/1.1\r\nA: b\r\n" + string("\0\r\n\r\n", 5),
+        "GET /echo HTTP/1.1" + string(5'000, ' ') + "\r\nA: b\r\n\r\n",
+    };
+    HttpDispatcher dispatcher;
+    dispatcher.AddHandler("/echo", &_echo);
+    _server->StartServerThread();
+    for (const string& request : requests) {
+        std::stringstream whole(request);
+        std::ostringstream expected;
+        dispatcher.HandleRequest(whole, expected);
+        for (std::size_t cut = 0; cut <= request.size(); cut += 1 + cut / 100) {
+            const Socket socket = SendTo(request.substr(0, cut));
+            Ask("GET / HTTP/1.1\r\n\r\n");  // by now the server has read that
+            try {
+                Send(*socket, request.substr(cut));
+                socket->ShutdownSend();
+            } catch (const osa::SocketException&) {
+                // It is answered already.
+            }
+            EXPECT_EQ(Receive(*socket), expected.str()) << request.substr(0, 60) << " cut at " << cut;
+        }
+    }
+}
+
 TEST_F(HttpServerTest, TakesABodyOfOneMebibyteAndRefusesALargerOneSoThatTheClientReadsIt) {
     _server->StartServerThread();
     const string body(1024 * 1024, '\xff');
@@ -451,6 +490,26 @@ TEST_F(HttpServerTest, StopLetsHandlersEndAndTheirAnswersLeave) {
     EXPECT_GT(Receive(*served).size(), 1024U * 1024U);
     stopping.get();
     EXPECT_EQ(_echo._calls, 0);
+}
+
+TEST_F(HttpServerTest, StopDoesNotWaitForAClientThatReadsForEver) {
+    _server->StartServerThread();
+    const Socket steady = SendTo(kGetLarge, 65'536);
+    const string begin = Receive(*steady, 1);
+    std::atomic<bool> hasStopped{false};
+    auto reading = std::async(std::launch::async, [&] {
+        std::size_t received = 0;
+        try {
+            for (; !hasStopped; received += Receive(*steady, 5'000).size()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        } catch (const osa::SocketException&) {
+        }
+        return received;
+    });
+    _server->StopServerThread();
+    hasStopped = true;
+    EXPECT_LT(reading.get(), 4'000'000U);
 }
 
 TEST_F(HttpServerTest, AHandlerMayStopTheServerAndDeleteIt) {
