@@ -59,6 +59,18 @@ UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode) {
     return file;
 }
 
+UniqueFd OpenRegular(const char* path, int flags, struct stat& status) {
+    UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
+    if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
+        return UniqueFd();
+    }
+    if (!S_ISREG(status.st_mode)) {
+        file = UniqueFd();
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    }
+    return file;
+}
+
 ssize_t WriteQuietly(int fd, const char* data, std::size_t length) {
     ssize_t result = 0;
     if (WriteWithFlag(fd, data, length, result)) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -13,6 +14,11 @@ namespace zarip::osa {
 /// Opens without waiting for the other end of a named pipe (ENXIO if one that is to be written has no
 /// reader) or for a line that is not connected; reading and writing wait as usual. Invalid with errno.
 UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode = 0666);
+
+/// Opens a regular file for reading, and waits for nobody. Invalid with errno: EISDIR for a folder, EINVAL
+/// for a pipe or a device.
+/// @param flags  more of those of open()
+UniqueFd OpenRegular(const char* path, int flags, struct stat& status);
 
 /// write() without the SIGPIPE that comes when nobody reads. One system call since Linux 6.18, three before.
 ssize_t WriteQuietly(int fd, const char* data, std::size_t length);

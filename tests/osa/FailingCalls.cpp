@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/uio.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -98,6 +99,8 @@ CAN_FAIL(pthread_create,
          (thread, attributes, entry, argument))
 CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
 CAN_FAIL(eventfd_write, (int fd, eventfd_t value), (fd, value))
+CAN_FAIL(fsetxattr, (int fd, const char* name, const void* value, std::size_t size, int flags),
+         (fd, name, value, size, flags))
 CAN_FAIL_AS(, ssize_t, pwritev2, (int fd, const iovec* parts, int count, off_t offset, int flags),
             (fd, parts, count, offset, flags))
 CAN_FAIL_AS(, int, pthread_setcancelstate, (int state, int* old), (state, old))
