@@ -1,4 +1,4 @@
-// Writing through a pipe: small texts that leave at once, as one sends commands to a program.
+// Writing through a pipe: small strings that leave at once, as one sends commands to a program.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -156,7 +156,7 @@ bool IsTrusted(const std::string& path, const struct stat& entry) {
 template <class Get>
 AccessList AccessList::Read(Get get) {
     AccessList result;
-    char list[4096];  // of more entries than Linux's file systems take
+    char list[4096];  // a longer one counts as one that cannot be kept
     const ssize_t length = get(list, sizeof list);
     result._isKnown = length >= 0 || IsNoList(errno);
     result._list.assign(list, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));

@@ -74,7 +74,7 @@ void CheckText(const std::string& text) {
     }
 }
 
-/// Texts and the null-terminated array of their addresses.
+/// Strings and the null-terminated array of their addresses.
 class TextArray {
 public:
     void Add(const std::string& text) {
@@ -82,7 +82,7 @@ public:
         _texts.push_back(text);
     }
 
-    /// Valid until the next text comes.
+    /// Valid until the next string is added.
     char* const* Get() {
         _addresses.clear();
         for (std::string& text : _texts) {

@@ -98,10 +98,10 @@ CAN_FAIL(pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
          (thread, attributes, entry, argument))
 CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
-CAN_FAIL(eventfd_write, (int fd, eventfd_t value), (fd, value))
+CAN_FAIL_AS(, int, eventfd_write, (int fd, eventfd_t value), (fd, value))
 CAN_FAIL(fsetxattr, (int fd, const char* name, const void* value, std::size_t size, int flags),
          (fd, name, value, size, flags))
-CAN_FAIL_AS(, ssize_t, pwritev2, (int fd, const iovec* parts, int count, off_t offset, int flags),
+CAN_FAIL_AS(, ssize_t, pwritev64v2, (int fd, const iovec* parts, int count, off64_t offset, int flags),
             (fd, parts, count, offset, flags))
 CAN_FAIL_AS(, int, pthread_setcancelstate, (int state, int* old), (state, old))
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),

@@ -181,7 +181,7 @@ TEST(FileUtilsTest, NeitherReadsNorWritesForEver) {
 
     EXPECT_EQ(ErrorOf([&] { FileUtils::Write(fifo, "x"); }),
               Failed("write", fifo, "6): No such device or address"));
-    // A reader who goes does not end the process.
+    // A reader that goes does not end the process.
     const auto handler = ::signal(SIGPIPE, SIG_DFL);
     pollfd reader = {::open(fifo.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK), POLLIN, 0};
     std::thread writer([&] {
@@ -411,7 +411,7 @@ TEST(FileUtilsTest, FollowsNoLinkThatTakesAFoldersPlace) {
     EXPECT_EQ(ErrorOf([&] { FileUtils::DeleteTree(tree); }), Failed("delete", tree, kIsFolder));
 }
 
-// Whoever may write in the tree tries to lead the deletion out of it.
+// Another thread tries to lead the deletion out of the tree.
 TEST(FileUtilsTest, DeletesTreesThatChangeMeanwhile) {
     const TempDir folder;
     const string tree = folder.File("tree");
@@ -436,7 +436,7 @@ TEST(FileUtilsTest, DeletesTreesThatChangeMeanwhile) {
     });
     const auto deleteTree = [&] {
         const string error = ErrorOf([&] { FileUtils::DeleteTree(tree); });
-        // One who goes on for ever may win; any other failure is ours.
+        // A thread that never stops may win; any other failure is ours.
         EXPECT_TRUE(error == "no exception" || error.find("errno(39)") != string::npos ||
                     error.find("errno(16)") != string::npos)
             << error;
@@ -467,7 +467,7 @@ TEST(FileUtilsTest, WritesAtomically) {
     EXPECT_EQ(ModeOf(path), 0640U);
     EXPECT_TRUE(fs::is_symlink(folder.File("chain")) && fs::is_symlink(folder.File("sub/link")));
     char kept[4] = "";
-    EXPECT_EQ(::read(reader, kept, 4), 3);  // whoever had it open has the old one, whole
+    EXPECT_EQ(::read(reader, kept, 4), 3);  // a reader that had it open has the old one, whole
     EXPECT_STREQ(kept, "old");
     ::close(reader);
     FileUtils::WriteAtomically(folder.File("dangling"), "made");

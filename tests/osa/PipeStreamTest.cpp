@@ -263,7 +263,7 @@ void ExpectNoSignalOfABrokenPipe() {
 
 TEST(PipeStreamTest, ABrokenPipeDoesNotEndTheProcess) {
     ExpectNoSignalOfABrokenPipe();
-    const FailingCall oldKernel("pwritev2", -1, [] { errno = EOPNOTSUPP; });
+    const FailingCall oldKernel("pwritev64v2", -1, [] { errno = EOPNOTSUPP; });
     ExpectNoSignalOfABrokenPipe();
     // A signal that the caller has blocked, and that is pending, is not the stream's to take.
     sigset_t pipe;

@@ -421,7 +421,7 @@ TEST(ProcessTest, RunsToTheEnd) {
         EXPECT_TRUE(isGroup || ::kill(pid, SIGKILL) == 0);
     }
     ::close(held[1]);
-    EXPECT_EQ(::read(held[0], held, 1), 0);  // nobody is left who could write
+    EXPECT_EQ(::read(held[0], held, 1), 0);  // no process is left that could write
     ::close(held[0]);
     EXPECT_EQ(ErrorOf([] { Process::Run("/no/program", {}); }),
               "Couldn't start '/no/program': errno(2): No such file or directory");
@@ -451,7 +451,7 @@ TEST(ProcessTest, DestructionLeavesNothingBehind) {
             EXPECT_EQ(process.Wait(string(script).back() == 't' ? 0 : 0xFFFFFFFFU),
                       string(script).back() != 't');
         }
-        EXPECT_EQ(output->get(), EOF);  // nobody is left who could write
+        EXPECT_EQ(output->get(), EOF);  // no process is left that could write
         EXPECT_TRUE(output->eof());
     }
 }

@@ -125,8 +125,8 @@ public:
     ///     the program's folder (`options.folder`).
     /// @param arguments  without the program's name.
     /// Throws `IOException` "Couldn't start '<program>': errno(<number>): <description>", "Couldn't change to
-    /// folder '<folder>': ...", "Couldn't open '<path>': ..."; `Exception` "Invalid parameter" for texts with
-    /// a zero byte, variables without a name or with '=' in it, and `Output` for anything but errors.
+    /// folder '<folder>': ...", "Couldn't open '<path>': ..."; `Exception` "Invalid parameter" for strings
+    /// with a zero byte, variables without a name or with '=' in it, and `Output` for anything but errors.
     Process(const std::string& program, const std::vector<std::string>& arguments);
     Process(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
 
