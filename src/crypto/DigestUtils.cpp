@@ -1,13 +1,16 @@
 #include "zarip/crypto/DigestUtils.h"
 
+#include <cerrno>
 #include <memory>
 #include <string_view>
 #include <utility>
 
-#include "core/ReadBlocks.h"
 #include "cutil/hex.h"
+#include "osa/FileCalls.h"
+#include "osa/ReadBlocks.h"
 #include "zarip/crypto/CryptoUtils.h"
 #include "zarip/crypto/Digests.h"
+#include "zarip/osa/Exception.h"
 
 namespace zarip::crypto {
 
@@ -71,7 +74,15 @@ std::string DigestUtils::GenerateMd5(const std::string& data) {
 
 std::string DigestUtils::GenerateFileMd5(const std::string& path) {
     MD5 md5;
-    core::ReadFileBlocks(path, [&md5](std::string_view block) { md5.Update(block); });
+    struct stat status {};
+    const osa::UniqueFd file = osa::OpenRegular(path.c_str(), 0, status);
+    if (!file.IsValid() && errno == EINVAL) {
+        throw osa::Exception("File '" + path + "' is a pipe or a device");
+    }
+    if (!file.IsValid() ||
+        !osa::ReadBlocks(file.Get(), [&md5](std::string_view block) { md5.Update(block); })) {
+        throw osa::Exception("File '" + path + "' does not exist");
+    }
     return Finish(md5);
 }
 

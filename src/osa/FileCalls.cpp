@@ -1,12 +1,52 @@
 #include "osa/FileCalls.h"
 
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 namespace zarip::osa {
+
+namespace {
+
+bool IsPending(int signal) {
+    sigset_t pending;
+    ::sigpending(&pending);
+    return ::sigismember(&pending, signal) == 1;
+}
+
+#ifdef RWF_NOSIGNAL
+constexpr int kNoSignal = RWF_NOSIGNAL;
+#else
+constexpr int kNoSignal = 0x100;
+#endif
+
+bool IsPipe(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+/// Writes with a flag that Linux knows since 6.18. False if the system does not know it, or not for this
+/// file; then nothing was written. A system that does not know it for a pipe is not asked again.
+bool WriteWithFlag(int fd, const char* data, std::size_t length, ssize_t& result) {
+    static std::atomic<bool> s_isKnown{true};
+    if (!s_isKnown) {
+        return false;
+    }
+    const iovec part = {const_cast<char*>(data), length};
+    result = ::pwritev2(fd, &part, 1, -1, kNoSignal);
+    if (result >= 0 || errno != EOPNOTSUPP) {
+        return true;
+    }
+    s_isKnown = !IsPipe(fd);
+    return false;
+}
+
+}  // namespace
 
 UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode) {
     UniqueFd file(::open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode));
@@ -19,25 +59,44 @@ UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode) {
     return file;
 }
 
+UniqueFd OpenRegular(const char* path, int flags, struct stat& status) {
+    UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
+    if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
+        return UniqueFd();
+    }
+    if (!S_ISREG(status.st_mode)) {
+        file = UniqueFd();
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    }
+    return file;
+}
+
 ssize_t WriteQuietly(int fd, const char* data, std::size_t length) {
-    // The signal is for this thread, so it is blocked meanwhile and taken away. It comes also with a part
-    // that has been written.
+    ssize_t result = 0;
+    if (WriteWithFlag(fd, data, length, result)) {
+        return result;
+    }
+    // SIGPIPE is directed at this thread, so it is blocked during the call and removed afterwards. It comes
+    // also after a part has been written. A signal that was pending before stays; it can only be pending
+    // before if the caller had blocked it.
     sigset_t pipe;
-    sigset_t pending;
     sigset_t old;
     ::sigemptyset(&pipe);
     ::sigaddset(&pipe, SIGPIPE);
-    ::sigpending(&pending);
     ::pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    const ssize_t result = ::write(fd, data, length);
+    const bool wasBlocked = ::sigismember(&old, SIGPIPE) == 1;
+    const bool wasPending = wasBlocked && IsPending(SIGPIPE);
+    result = ::write(fd, data, length);
     const int error = errno;
     const bool isWhole = result >= 0 && static_cast<std::size_t>(result) == length;
-    if (!isWhole && ::sigismember(&pending, SIGPIPE) == 0) {
+    if (!isWhole && !wasPending) {
         const timespec none{};
         while (::sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
         }
     }
-    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    if (!wasBlocked) {
+        ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    }
     errno = error;
     return result;
 }

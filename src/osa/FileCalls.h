@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -10,11 +11,16 @@
 
 namespace zarip::osa {
 
-/// Opens without waiting for the other end of a named pipe (ENXIO where one that is to be written has no
+/// Opens without waiting for the other end of a named pipe (ENXIO if one that is to be written has no
 /// reader) or for a line that is not connected; reading and writing wait as usual. Invalid with errno.
 UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode = 0666);
 
-/// write() without the SIGPIPE that comes when nobody reads.
+/// Opens a regular file for reading, and waits for nobody. Invalid with errno: EISDIR for a folder, EINVAL
+/// for a pipe or a device.
+/// @param flags  more of those of open()
+UniqueFd OpenRegular(const char* path, int flags, struct stat& status);
+
+/// write() without the SIGPIPE that comes when nobody reads. One system call since Linux 6.18, three before.
 ssize_t WriteQuietly(int fd, const char* data, std::size_t length);
 
 /// Writes all of it, without SIGPIPE; false with errno.
@@ -24,8 +30,8 @@ bool WriteAll(int fd, std::string_view text);
 /// synchronisation, nor do the folders of some file systems, which is no failure.
 bool Synchronise(int fd);
 
-/// False, with errno, when the file system only now tells that it could not store everything. Closed it is in
-/// any case.
+/// False, with errno, if the file system reports only now that it could not store everything. The file is
+/// closed in any case.
 bool Close(UniqueFd file);
 
 }  // namespace zarip::osa

@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/file.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -25,6 +27,52 @@ constexpr time_t kMaxLinkAge = 60;
 /// With its slash; empty for a name in the current folder.
 std::string FolderOf(const std::string& path) {
     return path.substr(0, path.rfind('/') + 1);
+}
+
+UniqueFd OpenFolderOf(const std::string& path) {
+    const std::string folder = FolderOf(path);
+    return UniqueFd(::open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// The content of a link that may be followed; false for anything else. What is looked at and what is read
+/// are one link, whatever others put in its place meanwhile.
+bool ReadLink(const std::string& path, std::string& content) {
+    const UniqueFd folder = OpenFolderOf(path);
+    const std::string name = path.substr(FolderOf(path).size());
+    const UniqueFd link(::openat(folder.Get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat around {};
+    struct stat status {};
+    if (!link.IsValid() || ::fstat(folder.Get(), &around) != 0 || ::fstat(link.Get(), &status) != 0 ||
+        !S_ISLNK(status.st_mode) || !IsTrusted(around, status)) {
+        return false;
+    }
+    char target[4096];
+    const ssize_t length = ::readlinkat(link.Get(), "", target, sizeof target);
+    content.assign(target, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    return length > 0;
+}
+
+constexpr const char* kAccessList = "system.posix_acl_access";
+
+/// An entry of the attribute, after a header of four bytes; all of it is little-endian.
+constexpr std::size_t kHeaderSize = 4;
+constexpr std::size_t kEntrySize = 8;
+constexpr std::size_t kRightsAt = 2;
+constexpr char kGroupEntry = 0x04;
+constexpr char kOthersEntry = 0x20;
+
+/// Where the rights of the entry of that kind are; npos if the list has none.
+std::size_t FindRights(const std::string& list, char kind) {
+    for (std::size_t at = kHeaderSize; at + kEntrySize <= list.size(); at += kEntrySize) {
+        if (list[at] == kind && list[at + 1] == 0) {
+            return at + kRightsAt;
+        }
+    }
+    return std::string::npos;
+}
+
+bool IsNoList(int error) {
+    return error == ENODATA || error == ENOTSUP || error == ENOSYS;
 }
 
 /// For a file just made: false with EEXIST if another writer was quicker and takes it for abandoned.
@@ -80,16 +128,67 @@ void RemoveAbandoned(const std::string& folder) {
 
 std::string FollowLinks(const std::string& path) {
     std::string result = path;
+    std::string content;
     for (int i = 0; i < kMaxLinks; ++i) {
-        char target[4096];
-        const ssize_t length = ::readlink(result.c_str(), target, sizeof target);
-        if (length < 0) {
-            return result;  // not a link, nothing there, or the caller will fail there, too
+        if (!ReadLink(result, content)) {
+            return result;
         }
-        const std::string name(target, static_cast<std::size_t>(length));
-        result = name[0] == '/' ? name : FolderOf(result) + name;
+        result = content[0] == '/' ? content : FolderOf(result) + content;
     }
     return path;
+}
+
+bool IsTrusted(const struct stat& folder, const struct stat& entry) {
+    constexpr mode_t kShared = S_ISVTX | S_IWOTH;
+    return (folder.st_mode & kShared) != kShared || entry.st_uid == ::geteuid() ||
+           entry.st_uid == folder.st_uid;
+}
+
+bool IsTrusted(const std::string& path, const struct stat& entry) {
+    struct stat around {};
+    if (::fstat(OpenFolderOf(path).Get(), &around) != 0) {
+        return false;
+    }
+    errno = EACCES;
+    return IsTrusted(around, entry);
+}
+
+template <class Get>
+AccessList AccessList::Read(Get get) {
+    AccessList result;
+    char list[4096];  // a longer one counts as one that cannot be kept
+    const ssize_t length = get(list, sizeof list);
+    result._isKnown = length >= 0 || IsNoList(errno);
+    result._list.assign(list, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    return result;
+}
+
+AccessList AccessList::Of(int file) {
+    return Read([&](char* list, std::size_t size) { return ::fgetxattr(file, kAccessList, list, size); });
+}
+
+AccessList AccessList::Of(const std::string& path) {
+    return Read(
+        [&](char* list, std::size_t size) { return ::lgetxattr(path.c_str(), kAccessList, list, size); });
+}
+
+void AccessList::RestrictGroup() {
+    const std::size_t group = FindRights(_list, kGroupEntry);
+    const std::size_t others = FindRights(_list, kOthersEntry);
+    if (group != std::string::npos && others != std::string::npos) {
+        _list[group] = static_cast<char>(_list[group] & _list[others]);
+    }
+}
+
+bool AccessList::Apply(int file, mode_t mode) const {
+    if (!_list.empty() && ::fsetxattr(file, kAccessList, _list.data(), _list.size(), 0) == 0) {
+        return ::fchmod(file, mode) == 0;
+    }
+    if (::fremovexattr(file, kAccessList) != 0 && !IsNoList(errno)) {
+        return false;
+    }
+    const bool hadNone = _isKnown && _list.empty();
+    return ::fchmod(file, hadNone ? mode : mode & 0700) == 0;
 }
 
 FileReplacement::FileReplacement(const std::string& target) : _target(target), _folder(FolderOf(target)) {}
@@ -137,16 +236,18 @@ FileReplacement::Taken FileReplacement::TakeOwner(const struct stat& old) {
     return ::fchown(_file.Get(), static_cast<uid_t>(-1), old.st_gid) == 0 ? Taken::kGroup : Taken::kNone;
 }
 
-bool FileReplacement::TakeOver(const struct stat& old) {
+bool FileReplacement::TakeOver(const struct stat& old, AccessList list) {
     mode_t mode = old.st_mode & 07777;
     const Taken taken = TakeOwner(old);
     if (taken != Taken::kBoth) {
         mode &= 0777;  // nobody else's program runs with another owner's rights
     }
     if (taken == Taken::kNone) {
-        mode &= 0707 | ((mode & 07) << 3);  // nor may another group what not everybody may
+        // Nor may another group what not everybody may. With a list, the group bits do not say what it may.
+        list.RestrictGroup();
+        mode &= list.IsEmpty() ? 0707 | ((mode & 07) << 3) : 0777;
     }
-    return ::fchmod(_file.Get(), mode) == 0;
+    return list.Apply(_file.Get(), mode);
 }
 
 bool FileReplacement::Commit() {

@@ -8,9 +8,47 @@
 
 namespace zarip::osa {
 
-/// The path that a chain of symbolic links leads to, whether there is something or not; one that leads in
-/// circles stays as it is.
+/// The path that a chain of symbolic links leads to, whether something is there or not. The result is itself
+/// a link if the chain leads in circles, or if it comes to a link that is not trusted (`IsTrusted`); the
+/// caller must not follow that one, so it looks at the result with `lstat` and O_NOFOLLOW.
 std::string FollowLinks(const std::string& path);
+
+/// Whether what is in a folder may be taken for what its owner says. In a sticky folder that everybody may
+/// write, such as /tmp, anybody may have planted it, so that only what belongs to this process's user or to
+/// the owner of the folder is trusted. The system has the same rule, but only for paths that it resolves, and
+/// only if the administrator has switched it on (fs.protected_symlinks).
+bool IsTrusted(const struct stat& folder, const struct stat& entry);
+
+/// The same for the file at a path, whose links were followed before; false with errno.
+bool IsTrusted(const std::string& path, const struct stat& entry);
+
+/// The access control list of a file, in the system's own form. It gives named users and groups rights that
+/// the mode does not show; the group bits of the mode then are a limit to all of them, and not the rights of
+/// the file's group.
+class AccessList {
+public:
+    /// That of no list.
+    AccessList() = default;
+
+    static AccessList Of(int file);
+    static AccessList Of(const std::string& path);  // a link is not followed
+
+    bool IsEmpty() const { return _list.empty(); }
+
+    /// Gives the file's group no more than everybody has.
+    void RestrictGroup();
+
+    /// Sets mode and list of a file; without a list it removes the one that a new file gets from its folder.
+    /// If a list cannot be set, only the owner keeps rights. False with errno.
+    bool Apply(int file, mode_t mode) const;
+
+private:
+    template <class Get>
+    static AccessList Read(Get get);
+
+    std::string _list;
+    bool _isKnown = true;
+};
 
 /// A file that is made beside another one and then takes its place in one step. If it does not, it is removed
 /// again. *One thread at a time.* Operations return false with errno.
@@ -38,9 +76,10 @@ public:
     /// Takes over owner and group as far as that is allowed.
     Taken TakeOwner(const struct stat& old);
 
-    /// Takes over mode, owner and group, as far as this gives nobody more rights. To be called after writing,
-    /// by which a file loses the set-id bits.
-    bool TakeOver(const struct stat& old);
+    /// Takes over mode, access control list, owner and group, as far as this gives nobody more rights. To be
+    /// called after writing, by which a file loses the set-id bits. The list is that of the target.
+    bool TakeOver(const struct stat& old) { return TakeOver(old, AccessList::Of(_target)); }
+    bool TakeOver(const struct stat& old, AccessList list);
 
     /// To write, and to synchronise: what takes a place has to be on the disk before.
     int GetFd() const { return _file.Get(); }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "osa/Errors.h"
@@ -16,6 +17,7 @@
 #include "osa/FileReplacement.h"
 #include "osa/ReadBlocks.h"
 #include "osa/UniqueFd.h"
+#include "zarip/osa/PathUtils.h"
 
 namespace zarip::osa {
 
@@ -48,8 +50,9 @@ struct stat StatusOf(const std::string& path, const char* what) {
     return status;
 }
 
+/// Also where a link leads in circles.
 bool IsNowhere(int error) {
-    return error == ENOENT || error == ENOTDIR;
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
 /// Clock values beyond what a date can be become the nearest that can.
@@ -81,21 +84,49 @@ bool ReadEntries(UniqueFd folder, Take take) {
     }
 }
 
-/// What a path has to be for a file to take its place. Returns false when there is nothing.
-bool FindReplaceable(const std::string& path, const char* what, struct stat& old) {
-    if (::stat(Checked(path), &old) != 0) {
+/// A file that is to be replaced, or made.
+struct Target {
+    std::string path;  // after links were followed
+    bool exists = false;
+    struct stat old {};
+};
+
+/// What is at the path must be a file that may be written. The path is not followed any more from here on, so
+/// that a link that somebody puts there meanwhile is refused or replaced.
+Target FindTarget(const std::string& path) {
+    Target target;
+    target.path = FollowLinks(Checked(path));
+    if (::lstat(target.path.c_str(), &target.old) != 0) {
         if (errno != ENOENT) {
-            Fail(what, path);
+            Fail("Couldn't write", path);
         }
-        return false;
+        return target;
     }
-    if (!S_ISREG(old.st_mode)) {
-        Fail(what, path, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
+    target.exists = true;
+    const mode_t mode = target.old.st_mode;
+    if (S_ISLNK(mode)) {
+        struct stat ignored {};
+        const bool isCircle = ::stat(path.c_str(), &ignored) != 0 && errno == ELOOP;
+        Fail("Couldn't write", path, isCircle ? ELOOP : EACCES);
     }
-    if (::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
-        Fail(what, path);
+    if (!S_ISREG(mode)) {
+        Fail("Couldn't write", path, S_ISDIR(mode) ? EISDIR : EINVAL);
     }
-    return true;
+    if (::faccessat(AT_FDCWD, target.path.c_str(), W_OK, AT_EACCESS) != 0) {
+        Fail("Couldn't write", path);
+    }
+    return target;
+}
+
+/// Writes a new file, has `setRights` make it what it is to be, and puts it in its place.
+template <class SetRights>
+void ReplaceFile(const std::string& path, const Target& target, mode_t mode, std::string_view content,
+                 SetRights setRights) {
+    FileReplacement replacement(target.path);
+    if (!replacement.Open(mode) || !WriteAll(replacement.GetFd(), content) || !setRights(replacement) ||
+        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
+        Fail("Couldn't write", path);
+    }
 }
 
 void CopyBlocks(int from, int to, const std::string& source, const std::string& target) {
@@ -116,15 +147,36 @@ void CopyBlocks(int from, int to, const std::string& source, const std::string& 
 }
 
 UniqueFd OpenSource(const std::string& path, int flags, struct stat& status) {
-    // Not waiting for the other end of a pipe that somebody has put there.
-    UniqueFd file(::open(Checked(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
-    if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
+    UniqueFd file = OpenRegular(Checked(path), flags, status);
+    if (!file.IsValid()) {
         Fail("Couldn't read", path);
     }
-    if (!S_ISREG(status.st_mode)) {
-        Fail("Couldn't read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
-    }
     return file;
+}
+
+bool AreSame(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+/// Whether two paths are names of one entry of a folder, such as "a" and "./a".
+bool AreOneEntry(const std::string& one, const std::string& other) {
+    struct stat folders[2] = {};
+    return PathUtils::GetName(one) == PathUtils::GetName(other) &&
+           ::stat(PathUtils::GetParent(one).c_str(), &folders[0]) == 0 &&
+           ::stat(PathUtils::GetParent(other).c_str(), &folders[1]) == 0 && AreSame(folders[0], folders[1]);
+}
+
+/// Renaming does nothing if both names are hard links to one file; then the old name still has to go.
+void RemoveOldLink(const std::string& from, const std::string& to) {
+    struct stat left {};
+    struct stat moved {};
+    if (::lstat(from.c_str(), &left) != 0 || ::lstat(to.c_str(), &moved) != 0 || !AreSame(left, moved) ||
+        left.st_nlink < 2 || S_ISDIR(left.st_mode) || AreOneEntry(from, to)) {
+        return;
+    }
+    if (::unlink(from.c_str()) != 0 && errno != ENOENT) {
+        Fail("Couldn't delete", from);
+    }
 }
 
 void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
@@ -146,8 +198,8 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
         }
         CopyBlocks(source.Get(), replacement.GetFd(), from, to);
         const timespec times[] = {status.st_atim, status.st_mtim};
-        if (!replacement.TakeOver(status) || ::futimens(replacement.GetFd(), times) != 0 ||
-            !Synchronise(replacement.GetFd())) {
+        if (!replacement.TakeOver(status, AccessList::Of(source.Get())) ||
+            ::futimens(replacement.GetFd(), times) != 0 || !Synchronise(replacement.GetFd())) {
             Fail("Couldn't write", to);
         }
     } else {
@@ -161,8 +213,16 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
     }
 }
 
+/// Whether a file system or another folder is mounted there. Linux before 5.8 does not say.
+bool IsMountPoint(int folder) {
+    struct statx status {};
+    return ::statx(folder, "", AT_EMPTY_PATH, 0, &status) == 0 &&
+           (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
 /// Deletes what is at a path, going through folders by their descriptors: one for the folder that it is in.
-/// It goes up by "..", and only if that is the folder that it has come down from.
+/// It goes up by "..", and only if that is the folder that it has come down from. It does not go into what is
+/// mounted in the tree.
 class TreeDeleter {
 public:
     TreeDeleter(const std::string& path, const std::string& parent, const std::string& name)
@@ -200,7 +260,7 @@ private:
         throw IOException(WithErrno("Couldn't delete '" + name + "' in tree '" + _path + "'", error));
     }
 
-    /// Somebody is changing the tree: that is no failure unless he never ends.
+    /// Others are changing the tree: that is a failure only if they never stop.
     void CountAgain(const std::string& name, int error) {
         if (++_again > kMaxAgain) {
             Stop(name, error);
@@ -245,6 +305,9 @@ private:
                 Stop(name, errno == ENOTDIR ? error : errno);
             }
             return;
+        }
+        if (status.st_dev != _levels.back().device || IsMountPoint(child.Get())) {
+            Stop(name, EXDEV);
         }
         _found = true;
         Level level = {status.st_dev, status.st_ino, name, {}};
@@ -376,24 +439,24 @@ bool FileUtils::CreateDirectory(const std::string& path) {
 void FileUtils::Copy(const std::string& from, const std::string& to) {
     struct stat status {};
     const UniqueFd source = OpenSource(from, 0, status);
-    struct stat old {};
-    const bool exists = FindReplaceable(to, "Couldn't write", old);
-    FileReplacement replacement(FollowLinks(to));
+    const Target target = FindTarget(to);
+    FileReplacement replacement(target.path);
     if (!replacement.Open(0600)) {
         Fail("Couldn't write", to);
     }
-    if (exists) {
-        replacement.TakeOwner(old);
+    if (target.exists) {
+        replacement.TakeOwner(target.old);
     }
     CopyBlocks(source.Get(), replacement.GetFd(), from, to);
-    if (::fchmod(replacement.GetFd(), status.st_mode & 0777) != 0 || !Synchronise(replacement.GetFd()) ||
-        !replacement.Commit() || !replacement.SynchroniseFolder()) {
+    if (!AccessList::Of(source.Get()).Apply(replacement.GetFd(), status.st_mode & 0777) ||
+        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
         Fail("Couldn't write", to);
     }
 }
 
 void FileUtils::Move(const std::string& from, const std::string& to) {
     if (::rename(Checked(from), Checked(to)) == 0) {
+        RemoveOldLink(from, to);
         return;
     }
     if (errno != EXDEV) {
@@ -455,14 +518,28 @@ void FileUtils::Write(const std::string& path, const std::string& content) {
 }
 
 void FileUtils::WriteAtomically(const std::string& path, const std::string& content) {
-    struct stat old {};
-    const bool exists = FindReplaceable(path, "Couldn't write", old);
-    FileReplacement replacement(FollowLinks(path));
-    if (!replacement.Open(exists ? 0600 : 0666) || !WriteAll(replacement.GetFd(), content) ||
-        (exists && !replacement.TakeOver(old)) || !Synchronise(replacement.GetFd()) ||
-        !replacement.Commit() || !replacement.SynchroniseFolder()) {
+    const Target target = FindTarget(path);
+    ReplaceFile(path, target, target.exists ? 0600 : 0666, content, [&](FileReplacement& replacement) {
+        return !target.exists || replacement.TakeOver(target.old);
+    });
+}
+
+void FileUtils::WriteAtomically(const std::string& path, const void* data, std::size_t size,
+                                unsigned int mode) {
+    const Target target = FindTarget(path);
+    if ((mode & ~0777U) != 0) {
+        Fail("Couldn't write", path, EINVAL);
+    }
+    if (target.exists && !IsTrusted(target.path, target.old)) {
         Fail("Couldn't write", path);
     }
+    const std::string_view content(static_cast<const char*>(data), size);
+    ReplaceFile(path, target, 0600, content, [&](FileReplacement& replacement) {
+        if (target.exists) {
+            replacement.TakeOwner(target.old);
+        }
+        return AccessList().Apply(replacement.GetFd(), mode);
+    });
 }
 
 }  // namespace zarip::osa

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "osa/Errors.h"
@@ -22,6 +23,7 @@ namespace {
 
 constexpr std::size_t kMaxKept = 16U << 20U;
 constexpr std::size_t kBlockSize = 16'384;
+constexpr MonotonicMs kMaxLastSendMs = 5'000;
 
 void MakeNonBlocking(const UniqueFd& fd) {
     if (!fd.IsValid()) {
@@ -33,8 +35,21 @@ void MakeNonBlocking(const UniqueFd& fd) {
     }
 }
 
+/// Without an exception of the stream's own, whatever `exceptions` says.
+void SetBad(std::ios& stream) {
+    const std::ios::iostate passedOn = stream.exceptions();
+    stream.exceptions(std::ios::goodbit);
+    stream.setstate(std::ios::badbit);
+    try {
+        stream.exceptions(passedOn);
+    } catch (const std::ios::failure&) {
+    }
+}
+
 }  // namespace
 
+/// The thread that uses the stream owns everything but `_cancel`, which is shared with calls of `Cancel`: the
+/// thread that such a call releases may destroy the stream before the call returns.
 class PipeStream::Buffer final : public std::streambuf {
 public:
     /// @param isOne  both are of the same file or connection.
@@ -54,9 +69,12 @@ public:
 
     ~Buffer() override {
         try {
-            SendPending();
+            if (pptr() != pbase()) {
+                _limit = std::min(_limit, NowMs() + kMaxLastSendMs);
+                SendPending();
+            }
         } catch (...) {
-            // Nobody takes it; who wants to know flushes.
+            // Nobody takes it. A caller that has to know flushes.
         }
     }
 
@@ -74,7 +92,10 @@ public:
         EndWriting();
     }
 
-    void Cancel() { _cancel.Cancel(); }
+    void Cancel() {
+        const std::shared_ptr<CancelEvent> cancel = _cancel;
+        cancel->Cancel();
+    }
 
 protected:
     int sync() override {
@@ -139,7 +160,7 @@ private:
     }
 
     void CheckTime() const {
-        if (_cancel.IsCancelled()) {
+        if (_cancel->IsCancelled()) {
             throw IOException("Pipe was closed");
         }
         if (_limit != kNever && NowMs() >= _limit) {
@@ -149,7 +170,7 @@ private:
 
     void Wait(WaitFd first, WaitFd second, MonotonicMs until) {
         WaitResult result{};
-        if (!WaitForEither(first, second, &_cancel, until, result)) {
+        if (!WaitForEither(first, second, _cancel.get(), until, result)) {
             ThrowIOErrno("poll failed");
         }
         if (result != WaitResult::kReady) {
@@ -164,7 +185,7 @@ private:
         Send(_sendBuffer.get(), pending);
     }
 
-    /// One who reads no more may still have answered.
+    /// A program that reads no more may still have answered.
     void SendBeforeReading() {
         try {
             if (pptr() != pbase()) {
@@ -180,7 +201,8 @@ private:
 
     void Send(const char* data, std::size_t length) {
         bool canKeep = _read.IsValid();
-        MonotonicMs until = EndOfWait();
+        bool isWaiting = false;  // the clock is not read for a write that need not wait
+        MonotonicMs until = kNever;
         while (length > 0) {
             if (!_write.IsValid()) {
                 throw IOException("Pipe is not open");
@@ -190,11 +212,13 @@ private:
             if (sent > 0) {
                 data += sent;
                 length -= static_cast<std::size_t>(sent);
-                until = EndOfWait();
+                isWaiting = false;
             } else if (sent < 0 && errno == EPIPE) {
                 throw BrokenPipe();
             } else if (sent < 0 && errno == EAGAIN) {
-                // Whoever has to answer takes nothing while nobody reads the answer.
+                // A program may take nothing as long as nobody reads its answer.
+                until = isWaiting ? until : EndOfWait();
+                isWaiting = true;
                 canKeep = canKeep && _keptSize < kMaxKept;
                 Wait({_write.Get(), POLLOUT}, {canKeep ? _read.Get() : -1, POLLIN}, until);
                 canKeep = canKeep && Keep();
@@ -204,7 +228,7 @@ private:
         }
     }
 
-    /// Reads what is there; false when nothing more is to be expected.
+    /// Reads what is there; false if nothing more is to be expected.
     bool Keep() {
         if (_kept.empty() || _kept.back().size() == kBlockSize) {
             _kept.emplace_back().reserve(kBlockSize);
@@ -254,9 +278,9 @@ private:
     const unsigned int _bufferSize;
     const std::unique_ptr<char[]> _sendBuffer;
     std::string _received;          // what is being read
-    std::deque<std::string> _kept;  // what comes behind it, in blocks that go as they are read
+    std::deque<std::string> _kept;  // what comes after it, in blocks that are freed as they are read
     std::size_t _keptSize = 0;
-    CancelEvent _cancel;
+    const std::shared_ptr<CancelEvent> _cancel = std::make_shared<CancelEvent>();
 };
 
 PipeStream::PipeStream(Process& process, unsigned int timeoutSeconds, unsigned int bufferSize)
@@ -285,6 +309,27 @@ void PipeStream::SetTimeLimit(unsigned int milliseconds) {
 
 void PipeStream::CloseWrite() {
     _buffer->CloseWrite();
+}
+
+std::string PipeStream::ReadAll(std::size_t maxSize) {
+    std::string content;
+    try {
+        // `sgetc` waits until something is there, which `in_avail` then counts.
+        while (!traits_type::eq_int_type(_buffer->sgetc(), traits_type::eof())) {
+            const std::streamsize size = _buffer->in_avail();
+            const std::size_t before = content.size();
+            if (static_cast<std::size_t>(size) > maxSize - before) {
+                ThrowIOErrno("read failed", EFBIG);
+            }
+            content.resize(before + static_cast<std::size_t>(size));
+            _buffer->sgetn(&content[before], size);
+        }
+    } catch (...) {
+        SetBad(*this);
+        throw;
+    }
+    setstate(std::ios::eofbit);
+    return content;
 }
 
 void PipeStream::Cancel() {

@@ -14,6 +14,7 @@
 
 #include "osa/Errors.h"
 #include "osa/FileCalls.h"
+#include "osa/ProcessImpl.h"
 #include "osa/ProcessStart.h"
 #include "osa/UniqueFd.h"
 #include "osa/Wait.h"
@@ -25,7 +26,6 @@ namespace zarip::osa {
 namespace {
 
 constexpr int kFirstOther = 3;
-constexpr unsigned int kKillTimeoutMs = 5'000;
 constexpr MonotonicMs kLongestPauseMs = 20;
 
 #ifdef SYS_pidfd_open
@@ -74,7 +74,7 @@ void CheckText(const std::string& text) {
     }
 }
 
-/// Texts and the null-terminated array of their addresses.
+/// Strings and the null-terminated array of their addresses.
 class TextArray {
 public:
     void Add(const std::string& text) {
@@ -82,7 +82,7 @@ public:
         _texts.push_back(text);
     }
 
-    /// Valid until the next text comes.
+    /// Valid until the next string is added.
     char* const* Get() {
         _addresses.clear();
         for (std::string& text : _texts) {
@@ -157,24 +157,6 @@ private:
 };
 
 }  // namespace
-
-struct ZARIP_HIDDEN Process::Impl {
-    void Start(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
-    UniqueFd Connect(const Redirect& redirect, int stream);
-    bool Look();
-    void Reap();
-    int Send(int signal) ZARIP_REQUIRES(mutex);
-
-    Mutex mutex{"Process"};
-    pid_t pid = -1;
-    UniqueFd pidFd;  // invalid before Linux 5.3
-    bool isGroup = false;
-    UniqueFd pipes[3] ZARIP_GUARDED_BY(mutex);
-    bool ended ZARIP_GUARDED_BY(mutex) = false;
-    bool reaped ZARIP_GUARDED_BY(mutex) = false;
-    int status ZARIP_GUARDED_BY(mutex) = -1;
-    int signal ZARIP_GUARDED_BY(mutex) = 0;
-};
 
 /// What becomes the program's stream; invalid for one that stays.
 UniqueFd Process::Impl::Connect(const Redirect& redirect, int stream) {
@@ -252,7 +234,7 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
 
     report.write = UniqueFd();
     if (plan.isDone) {
-        // No waiting for the end of the pipe, which whoever forks meanwhile keeps open.
+        // No waiting for the end of the pipe: a process that others fork meanwhile keeps it open.
         ::fcntl(report.read.Get(), F_SETFL, O_NONBLOCK);
     }
     StartFailure failure{};
@@ -360,7 +342,7 @@ Process::~Process() {
         }
         LeftBehind::Get().Reap();
     } catch (...) {
-        // Out of memory, at the most: it is killed, and a zombie until the process ends.
+        // Out of memory: the program is killed, and stays a zombie until this process ends.
     }
 }
 

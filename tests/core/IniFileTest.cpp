@@ -24,6 +24,7 @@
 
 #include "support/ErrorOf.h"
 #include "support/FileSizeLimit.h"
+#include "support/OwnMounts.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
@@ -228,13 +229,8 @@ TEST(IniFileTest, PipesAndDevicesAreRefusedAtOnce) {
 // On a file system of its own that has no room, once for another file and once for more data.
 TEST(IniFileTest, AFullFileSystemKeepsTheOldFile) {
     const TempDir folder;
-    std::string refusal;
-    std::thread([&] {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("none", folder.Path().c_str(), "tmpfs", 0, "size=64k,nr_inodes=3") != 0) {
-            refusal = "no file system of its own";
-            return;
-        }
+    const bool isPermitted = test::WithOwnMounts([&] {
+        ASSERT_EQ(::mount("none", folder.Path().c_str(), "tmpfs", 0, "size=64k,nr_inodes=3"), 0);
         const std::string path = folder.Write("file", "old = 1\n");
         folder.Write("last", "");
         const std::string other = folder.File("other");
@@ -255,9 +251,9 @@ TEST(IniFileTest, AFullFileSystemKeepsTheOldFile) {
         EXPECT_EQ(folder.Read("file"), "old = 1\n");
         EXPECT_EQ(ErrorOf([&] { FromString("a = 1\n").Save(path.c_str()); }), "no exception");
         EXPECT_EQ(folder.Read("file"), "a = 1\n\n");
-    }).join();
-    if (!refusal.empty()) {
-        GTEST_SKIP() << refusal;
+    });
+    if (!isPermitted) {
+        GTEST_SKIP() << "no file system of its own";
     }
 }
 

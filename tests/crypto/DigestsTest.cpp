@@ -158,6 +158,8 @@ TEST(DigestUtilsTest, TextsAndFilesAreDigestedAndChecked) {
     const std::string missing = folder.File("missing");
     EXPECT_EQ(test::ErrorOf([&] { DigestUtils::GenerateFileMd5(missing); }),
               "File '" + missing + "' does not exist");
+    EXPECT_EQ(test::ErrorOf([] { DigestUtils::GenerateFileMd5("/dev/zero"); }),
+              "File '/dev/zero' is a pipe or a device");
 }
 
 TEST(GCryptInitTest, LibgcryptWritesNothingToStandardError) {

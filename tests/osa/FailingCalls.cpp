@@ -2,9 +2,12 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/uio.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -67,17 +70,17 @@ void SetClockBackForOneLook() {
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
-#define CAN_FAIL_AS(specifier, function, parameters, arguments)                                  \
-    __attribute__((weak)) int __interceptor_##function parameters;                               \
-    __attribute__((visibility("default"))) int function parameters specifier {                   \
-        if (const FailingCall* call = FailingCall::Find(#function)) {                            \
-            return call->Result();                                                               \
-        }                                                                                        \
-        static const auto behind = Behind<int parameters>(&__interceptor_##function, #function); \
-        return behind arguments;                                                                 \
+#define CAN_FAIL_AS(specifier, type, function, parameters, arguments)                             \
+    __attribute__((weak)) type __interceptor_##function parameters;                               \
+    __attribute__((visibility("default"))) type function parameters specifier {                   \
+        if (const FailingCall* call = FailingCall::Find(#function)) {                             \
+            return call->Result();                                                                \
+        }                                                                                         \
+        static const auto behind = Behind<type parameters>(&__interceptor_##function, #function); \
+        return behind arguments;                                                                  \
     }
 
-#define CAN_FAIL(function, parameters, arguments) CAN_FAIL_AS(noexcept, function, parameters, arguments)
+#define CAN_FAIL(function, parameters, arguments) CAN_FAIL_AS(noexcept, int, function, parameters, arguments)
 
 extern "C" {
 
@@ -95,7 +98,12 @@ CAN_FAIL(pthread_create,
          (pthread_t * thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument),
          (thread, attributes, entry, argument))
 CAN_FAIL(unlinkat, (int folder, const char* path, int flags), (folder, path, flags))
-CAN_FAIL_AS(, pthread_setcancelstate, (int state, int* old), (state, old))
+CAN_FAIL_AS(, int, eventfd_write, (int fd, eventfd_t value), (fd, value))
+CAN_FAIL(fsetxattr, (int fd, const char* name, const void* value, std::size_t size, int flags),
+         (fd, name, value, size, flags))
+CAN_FAIL_AS(, ssize_t, pwritev64v2, (int fd, const iovec* parts, int count, off64_t offset, int flags),
+            (fd, parts, count, offset, flags))
+CAN_FAIL_AS(, int, pthread_setcancelstate, (int state, int* old), (state, old))
 CAN_FAIL(pthread_getschedparam, (pthread_t thread, int* policy, sched_param* parameter),
          (thread, policy, parameter))
 

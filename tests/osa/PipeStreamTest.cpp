@@ -5,10 +5,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <iterator>
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <limits>
+#include <memory>
 #include <thread>
 
+#include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
 #include "zarip/osa/IOException.h"
 #include "zarip/osa/PipeStream.h"
@@ -17,6 +21,7 @@
 namespace zarip::osa {
 namespace {
 
+namespace fs = std::filesystem;
 using std::string;
 using test::ErrorOf;
 
@@ -32,8 +37,6 @@ struct Program {
         options.input = options.output = Process::Redirect::Pipe();
         return options;
     }
-
-    string ReadAll() { return string(std::istreambuf_iterator<char>(stream), {}); }
 
     Process process;
     PipeStream stream;
@@ -65,9 +68,7 @@ TEST(PipeStreamTest, TalksWithAProgram) {
     }
     program.stream << "last\n";
     program.stream.CloseWrite();
-    EXPECT_EQ(program.ReadAll(), "<last>\nrest\xFF");
-    EXPECT_FALSE(program.stream.bad());
-    EXPECT_EQ(program.stream.get(), EOF);
+    EXPECT_EQ(program.stream.ReadAll(), "<last>\nrest\xFF");
     EXPECT_TRUE(program.stream.eof());
     program.stream.clear();
     EXPECT_EQ(FailureOf(program.stream, [&] { program.stream << "x" << std::flush; }), "Pipe is not open");
@@ -90,8 +91,7 @@ TEST(PipeStreamTest, MuchGoesBothWaysWithoutReadingInBetween) {
     const std::size_t before = BytesInUse();
     program.stream << text.substr(0, 10) << text.substr(10);
     program.stream.CloseWrite();
-    EXPECT_TRUE(program.ReadAll() == text);
-    EXPECT_FALSE(program.stream.bad());
+    EXPECT_TRUE(program.stream.ReadAll() == text);
     EXPECT_LT(BytesInUse(), before + (1U << 20U));  // what has been read is not kept
 }
 
@@ -124,7 +124,8 @@ TEST(PipeStreamTest, DestructionSendsWhatIsLeft) {
     const Pipe pipe;
     PipeStream reader(pipe.fds[0], -1);
     { PipeStream(-1, pipe.fds[1]) << "left"; }
-    EXPECT_EQ(string(std::istreambuf_iterator<char>(reader), {}), "left");
+    EXPECT_EQ(reader.ReadAll(), "left");
+    reader.clear();
     EXPECT_EQ(FailureOf(reader, [&] { reader << "x" << std::flush; }), "Pipe is not open");
     EXPECT_EQ(ErrorOf([] { PipeStream(-1, -1); }), "Pipe is not open");
     Process process("true", {});
@@ -133,6 +134,29 @@ TEST(PipeStreamTest, DestructionSendsWhatIsLeft) {
     PipeStream writer(-1, other.fds[1]);
     EXPECT_EQ(FailureOf(writer, [&] { writer.get(); }), "Pipe is not open");
     ::close(other.fds[0]);
+}
+
+TEST(PipeStreamTest, ReadsAllUpToALimit) {
+    for (const unsigned int size : {9'999U, 10'000U, 10'001U}) {
+        Program program("head -c " + std::to_string(size) + " /dev/zero");
+        string content;
+        const string error = ErrorOf([&] { content = program.stream.ReadAll(10'000); });
+        EXPECT_EQ(error, size > 10'000 ? "read failed: errno(27): File too large" : "no exception");
+        EXPECT_EQ(content.size(), size > 10'000 ? 0 : size);
+        EXPECT_EQ(program.stream.bad(), size > 10'000);
+    }
+    Program silent("exec sleep 1000", 0);
+    silent.stream.exceptions(std::ios::badbit);  // nor does the stream throw an exception of its own
+    EXPECT_EQ(ErrorOf([&] { silent.stream.ReadAll(); }), "Timeout");
+}
+
+// Though the stream has no time-out and the program reads nothing.
+TEST(PipeStreamTest, DestructionIsBounded) {
+    const Pipe pipe;
+    EXPECT_GT(::fcntl(pipe.fds[1], F_SETPIPE_SZ, 4'096), 0);
+    { PipeStream(-1, pipe.fds[1], kForEver) << string(4'096, 'x') << "the pipe is full"; }
+    PipeStream reader(pipe.fds[0], -1);
+    EXPECT_EQ(reader.ReadAll(), string(4'096, 'x'));
 }
 
 TEST(PipeStreamTest, TimesOut) {
@@ -187,13 +211,40 @@ TEST(PipeStreamTest, CancelEndsWaiting) {
     }
 }
 
-TEST(PipeStreamTest, ABrokenPipeDoesNotEndTheProcess) {
+std::ptrdiff_t OpenEvents() {
+    const auto isEvent = [](const auto& entry) {
+        std::error_code ignored;
+        return fs::read_symlink(entry, ignored) == "anon_inode:[eventfd]";
+    };
+    return std::count_if(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator(), isEvent);
+}
+
+// Otherwise `Cancel` could write into a file that has got the number of a closed descriptor.
+TEST(PipeStreamTest, MayBeDestroyedBeforeCancelReturns) {
+    const Pipe pipe;
+    const std::ptrdiff_t before = OpenEvents();
+    auto stream = std::make_unique<PipeStream>(pipe.fds[0], pipe.fds[1], 0);
+    EXPECT_EQ(FailureOf(*stream, [&] { stream->get(); }), "Timeout");  // which makes the event's descriptor
+    bool isDestroyed = false;
+    const FailingCall waking("eventfd_write", 0, [&] {
+        stream->clear();
+        EXPECT_EQ(FailureOf(*stream, [&] { stream->get(); }), "Pipe was closed");
+        stream.reset();
+        isDestroyed = true;
+        EXPECT_EQ(OpenEvents(), before + 1);
+    });
+    stream->Cancel();
+    EXPECT_TRUE(isDestroyed);
+    EXPECT_EQ(OpenEvents(), before);
+}
+
+void ExpectNoSignalOfABrokenPipe() {
     const auto handler = ::signal(SIGPIPE, SIG_DFL);
     Program program("exec <&-; echo answer");
     EXPECT_TRUE(program.process.Wait());
     program.stream << "question";
     string word;
-    EXPECT_TRUE(program.stream >> word);  // said before anybody asked, but said
+    EXPECT_TRUE(program.stream >> word);  // which it wrote although it read no question
     EXPECT_EQ(word, "answer");
     program.stream.clear();
     EXPECT_EQ(FailureOf(program.stream, [&] { program.stream << "x" << std::flush; }),
@@ -208,6 +259,29 @@ TEST(PipeStreamTest, ABrokenPipeDoesNotEndTheProcess) {
     EXPECT_EQ(::sigismember(&mask, SIGPIPE), 0);
     EXPECT_EQ(::sigismember(&pending, SIGPIPE), 0);
     ::signal(SIGPIPE, handler);
+}
+
+TEST(PipeStreamTest, ABrokenPipeDoesNotEndTheProcess) {
+    ExpectNoSignalOfABrokenPipe();
+    const FailingCall oldKernel("pwritev64v2", -1, [] { errno = EOPNOTSUPP; });
+    ExpectNoSignalOfABrokenPipe();
+    // A signal that the caller has blocked, and that is pending, is not the stream's to take.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    for (const bool isPending : {false, true}) {
+        const Pipe broken;
+        ::close(broken.fds[0]);
+        PipeStream stream(-1, broken.fds[1]);
+        if (isPending) {
+            ::raise(SIGPIPE);
+        }
+        stream << "x" << std::flush;
+        const timespec none{};
+        EXPECT_EQ(::sigtimedwait(&pipe, nullptr, &none), isPending ? SIGPIPE : -1);
+    }
+    ::pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
 }
 
 }  // namespace

@@ -16,8 +16,8 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <thread>
+#include <tuple>
 
 #include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
@@ -42,10 +42,7 @@ string OutputOf(const string& program, const std::vector<string>& arguments,
                 Process::Options options = Process::Options()) {
     options.output = Redirect::Pipe();
     Process process(program, arguments, options);
-    PipeStream output(process, 30);
-    string text(std::istreambuf_iterator<char>(output), {});
-    EXPECT_FALSE(output.bad());
-    return text;
+    return PipeStream(process, 30).ReadAll();
 }
 
 TEST(ProcessTest, HandsOverArgumentsEnvironmentAndFolder) {
@@ -68,6 +65,7 @@ TEST(ProcessTest, HandsOverArgumentsEnvironmentAndFolder) {
     EXPECT_EQ(OutputOf("./here", {}, options), folder.Path() + "\n");
     const string path = ::getenv("PATH");
     ::setenv("PATH", ("/no/folder:" + folder.Path()).c_str(), 1);
+    options.environment["PATH"] = "/no/folder";  // which is not the one that counts
     EXPECT_EQ(OutputOf("here", {"-P"}, options), folder.Path() + "\n");
     ::setenv("PATH", path.c_str(), 1);
 }
@@ -104,7 +102,7 @@ TEST(ProcessTest, RedirectsStreams) {
         Process head("head", {"-n", "1"}, options);
         PipeStream fromHead(head, 30);
         EXPECT_EQ(::write(fifo, "line\n", 5), 5);  // it waits for that
-        EXPECT_EQ(string(std::istreambuf_iterator<char>(fromHead), {}), "line\n");
+        EXPECT_EQ(fromHead.ReadAll(), "line\n");
     }
     ::close(fifo);
 
@@ -369,6 +367,69 @@ TEST(ProcessTest, WaitsAndKills) {
     EXPECT_EQ(::kill(process.GetPid(), 0), -1);
 }
 
+TEST(ProcessTest, RunsToTheEnd) {
+    const string much(4U << 20U, 'x');
+    Process::RunOptions twice;
+    twice.inputData = much;
+    twice.maxOutput = twice.maxError = much.size();
+    Process::RunOptions cut = twice;
+    cut.maxOutput = 10;
+    cut.maxError = 0;
+    Process::RunOptions joined;
+    joined.error = Redirect::Output();
+    Process::RunOptions endless;
+    endless.timeoutMs = 50;
+    const string ten(10, 'x');
+    const struct {
+        const char* script;
+        const Process::RunOptions& options;
+        Process::Result expected;
+    } rows[] = {
+        // A caller that served only one pipe at a time would wait for ever.
+        {"tee /dev/stderr; exit 7", twice, {7, 0, much, much, false, false, false}},
+        {"tee /dev/stderr", cut, {0, 0, ten, "", true, true, false}},
+        {"exec <&-; echo unread", twice, {0, 0, "unread\n", "", false, false, false}},
+        {"echo one; echo two >&2; cat", joined, {0, 0, "one\ntwo\n", "", false, false, false}},
+        {"exec >&- 2>&-; kill -TERM $$", joined, {-1, SIGTERM, "", "", false, false, false}},
+        {"sleep 1000; echo", endless, {-1, SIGKILL, "", "", false, false, true}},
+        {"sleep 1000 & echo begun", joined, {0, 0, "begun\n", "", false, false, false}},
+    };
+    const auto runAll = [&] {
+        const auto before = FileUtils::List("/proc/self/fd").size();
+        for (const auto& row : rows) {
+            const Process::Result found = Process::Run("sh", {"-c", row.script}, row.options);
+            const auto parts = [](const Process::Result& result) {
+                return std::tie(result.status, result.signal, result.output, result.error, result.isOutputCut,
+                                result.isErrorCut, result.isTimeout);
+            };
+            EXPECT_TRUE(parts(found) == parts(row.expected))
+                << row.script << ": " << found.status << " " << found.output.size() << " "
+                << found.error.size();
+        }
+        EXPECT_EQ(FileUtils::List("/proc/self/fd").size(), before);
+    };
+    test::OnSmallStack(runAll);
+    Without({kPidFdOpen}, runAll);
+    // What it has started ends with it, or does not.
+    int held[2];
+    ASSERT_EQ(::pipe2(held, O_CLOEXEC), 0);
+    Process::RunOptions options;
+    options.error = Redirect::Descriptor(held[1]);
+    for (const bool isGroup : {true, false}) {
+        options.ownGroup = isGroup;
+        const int pid = std::stoi(Process::Run("sh", {"-c", "sleep 1000 & echo $!"}, options).output);
+        EXPECT_TRUE(isGroup || ::kill(pid, SIGKILL) == 0);
+    }
+    ::close(held[1]);
+    EXPECT_EQ(::read(held[0], held, 1), 0);  // no process is left that could write
+    ::close(held[0]);
+    EXPECT_EQ(ErrorOf([] { Process::Run("/no/program", {}); }),
+              "Couldn't start '/no/program': errno(2): No such file or directory");
+    joined.input = Redirect::Null();
+    joined.inputData = "x";
+    EXPECT_EQ(ErrorOf([&] { Process::Run("cat", {}, joined); }), "Invalid parameter");
+}
+
 TEST(ProcessTest, DestructionLeavesNothingBehind) {
     int pid = 0;
     {
@@ -390,7 +451,7 @@ TEST(ProcessTest, DestructionLeavesNothingBehind) {
             EXPECT_EQ(process.Wait(string(script).back() == 't' ? 0 : 0xFFFFFFFFU),
                       string(script).back() != 't');
         }
-        EXPECT_EQ(output->get(), EOF);  // nobody is left who could write
+        EXPECT_EQ(output->get(), EOF);  // no process is left that could write
         EXPECT_TRUE(output->eof());
     }
 }
@@ -441,7 +502,7 @@ TEST(ProcessTest, StartsFromManyThreads) {
                 PipeStream stream(process, 30);
                 stream << "text";
                 stream.CloseWrite();
-                EXPECT_EQ(string(std::istreambuf_iterator<char>(stream), {}), "text");
+                EXPECT_EQ(stream.ReadAll(), "text");
                 EXPECT_TRUE(process.Wait());
                 EXPECT_EQ(process.GetExitStatus(), 0);
             }

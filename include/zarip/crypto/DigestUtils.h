@@ -8,7 +8,8 @@ namespace zarip::crypto {
 
 /// MD5 digests as 32 lower-case hexadecimal characters, for checksums; they prove nothing about who made the
 /// data. *Thread-safe.* All throw `CryptoException` where MD5 is not to be had, and those for files
-/// `osa::Exception` "File '<path>' does not exist" for a file that cannot be read.
+/// `osa::Exception` "File '<path>' does not exist" for a file that cannot be read, and "File '<path>' is a
+/// pipe or a device" for one that might have no end.
 class ZARIP_EXPORT DigestUtils {
 public:
     DigestUtils() = delete;
