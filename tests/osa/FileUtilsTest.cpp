@@ -572,7 +572,7 @@ TEST(FileUtilsTest, IsNotMisledInSharedFolders) {
     const string link = folder.File("shared/link");
     const string file = folder.Write("shared/file", "planted");
     fs::create_symlink("../target", link);
-    for (const mode_t mode : {0777, 01777}) {
+    for (const mode_t mode : {0777U, 01777U}) {
         fs::permissions(folder.File("shared"), fs::perms(mode));
         for (const uid_t owner : {::geteuid(), kNobody}) {
             if (::lchown(link.c_str(), owner, kNobody) != 0 || ::chown(file.c_str(), owner, kNobody) != 0) {
