@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "msgbus/Inbox.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 
@@ -24,7 +25,7 @@ constexpr int kReadStep = 32 * 1024;
 constexpr int kMaxReadSteps = 32;
 
 // The texts of libdbus's own waiting calls.
-constexpr const char* kTimedOut =
+const char* const kTimedOut =
     "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
     "message "
     "bus security policy blocked the reply, the reply timeout expired, or the network connection was broken.";
@@ -187,7 +188,8 @@ Outbox::Result BusConnection::Send(MessageRef message, std::size_t size, Outbox:
 void BusConnection::Post(MessageRef message) {
     if (message) {
         // If the calling thread holds the lock, `Flush` does nothing and the end of that `Use` sends it.
-        Send(std::move(message), 0, Outbox::Patience::kNever);
+        const std::size_t size = MeasureMessage(message.Get());
+        Send(std::move(message), size, Outbox::Patience::kNever);
     }
 }
 
@@ -211,11 +213,7 @@ void BusConnection::Drain() {
     if (_connection == nullptr || _isLost) {
         return;
     }
-    for (int i = 0; i < kBatch; ++i) {
-        if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
-            _outbox.NoteBlocked();
-            break;
-        }
+    for (int i = 0; i < kBatch && dbus_connection_has_messages_to_send(_connection) == FALSE; ++i) {
         const MessageRef message = _outbox.Take();
         if (!message) {
             break;
@@ -223,6 +221,11 @@ void BusConnection::Drain() {
         if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
             _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
         }
+    }
+    if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
+        _outbox.NoteBlocked();
+    } else {
+        _outbox.NoteWritten();
     }
     if (dbus_connection_get_is_connected(_connection) == FALSE) {
         TakeIncoming();  // which ends with the news of the loss
@@ -233,7 +236,7 @@ void BusConnection::Drain() {
 // Calling
 
 MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeoutMs, Outbox::Patience patience,
-                               DBusErrorRecord& error) {
+                               AfterTimeout afterTimeout, DBusErrorRecord& error) {
     const int limitMs = timeoutMs < 0 ? kDefaultTimeoutMs : timeoutMs;
     const osa::MonotonicMs until = limitMs == DBUS_TIMEOUT_INFINITE ? osa::kNever : osa::NowMs() + limitMs;
     PendingCalls::Call call(Number(message.Get()));
@@ -252,7 +255,9 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
     if (result == Outbox::Result::kClosed) {
         dbus_set_error_const(error.Get(), DBUS_ERROR_DISCONNECTED, kClosed);
     } else if (!call.isDone) {
-        _outbox.Withdraw(call.serial);
+        if (afterTimeout == AfterTimeout::kWithdraw) {
+            _outbox.Withdraw(call.serial);
+        }
         dbus_set_error_const(error.Get(), DBUS_ERROR_NO_REPLY, kTimedOut);
     } else if (!call.reply) {
         dbus_set_error_const(error.Get(), DBUS_ERROR_DISCONNECTED, kDisconnected);
@@ -264,9 +269,10 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
 
 void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs until) {
     bool isLate = false;
-    while (!_pending.IsDone(call) && !isLate) {
+    for (auto role = _pending.GetRole(call); role != PendingCalls::Role::kDone && !isLate;
+         role = _pending.GetRole(call)) {
         isLate = until != osa::kNever && osa::NowMs() >= until;  // one look also when there is no time at all
-        if (!call.leads) {
+        if (role == PendingCalls::Role::kFollower) {
             if (!isLate) {
                 _pending.Wait(call, until);
             }

@@ -66,11 +66,14 @@ public:
     /// The same for answers of the connection itself, also with the lock held. Dropped if the outbox is full.
     void Post(MessageRef message);
 
+    /// What becomes of a call that has timed out before it was sent.
+    enum class AfterTimeout { kWithdraw, kSend };
+
     /// Sends a call and waits for its reply.
     /// @param timeoutMs  as in libdbus: -1 for its default of 25 seconds, 0x7FFFFFFF for no limit.
     /// Returns the reply, or null and sets the error.
     MessageRef Call(MessageRef message, std::size_t size, int timeoutMs, Outbox::Patience patience,
-                    DBusErrorRecord& error);
+                    AfterTimeout afterTimeout, DBusErrorRecord& error);
 
     /// Whether a call to the bus itself has timed out and nothing has come from the bus since.
     bool IsUnresponsive() const { return _isUnresponsive; }
@@ -78,6 +81,8 @@ public:
 
     // The listen thread.
 
+    void BeginHandling() { _watcher.BeginHandling(); }
+    void EndHandling() { _watcher.EndHandling(); }
     void BeginListening() { _watcher.GiveAway(); }
     void EndListening() { _watcher.TakeBack(); }
 

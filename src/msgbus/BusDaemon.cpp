@@ -1,6 +1,7 @@
 #include "msgbus/BusDaemon.h"
 
 #include "msgbus/DBusText.h"
+#include "msgbus/Inbox.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 
@@ -12,7 +13,9 @@ constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_
 /// How long names and rules are waited for, in milliseconds: when they are wanted, and when they are given
 /// up.
 constexpr int kAskLimitMs = 5000;
-constexpr int kGiveUpLimitMs = 800;
+constexpr int kGiveUpLimitMs = 250;
+/// The bus itself takes 1,024 bytes; a message above 32 MiB would cost the connection.
+constexpr std::size_t kMaxRule = 64 * 1024;
 
 /// A call of the bus itself with one string.
 MessageRef MakeCall(const char* member, const std::string& argument) {
@@ -30,11 +33,18 @@ MessageRef MakeCall(const char* member, const std::string& argument) {
 /// Calls the bus itself. After one time-out nothing is awaited until the bus has shown that it lives, unless
 /// the caller must have an answer: the call is sent, and counts as one that timed out.
 MessageRef BusDaemon::Call(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error) {
-    const bool waits = mustAsk || !_connection->IsUnresponsive();
-    dbus_message_set_no_reply(call.Get(), waits ? FALSE : TRUE);
-    constexpr std::size_t kSize = 1024;
+    const std::size_t size = MeasureMessage(call.Get());
+    if (!mustAsk && _connection->IsUnresponsive()) {
+        dbus_message_set_no_reply(call.Get(), TRUE);
+        _connection->Send(std::move(call), size, _state->GetPatience());
+        dbus_set_error_const(error.Get(), DBUS_ERROR_NO_REPLY, "The bus does not answer");
+        return {};
+    }
+    // A name that is not waited for any more must not be taken later; everything else is still wanted.
+    const auto afterTimeout =
+        mustAsk ? BusConnection::AfterTimeout::kWithdraw : BusConnection::AfterTimeout::kSend;
     MessageRef reply =
-        _connection->Call(std::move(call), kSize, waits ? limitMs : 0, _state->GetPatience(), error);
+        _connection->Call(std::move(call), size, limitMs, _state->GetPatience(), afterTimeout, error);
     if (dbus_error_has_name(error.Get(), DBUS_ERROR_NO_REPLY) != FALSE) {
         _connection->NoteUnresponsive();
     }
@@ -80,7 +90,9 @@ void BusDaemon::ReleaseName(const std::string& name) {
 
 void BusDaemon::AddMatch(const std::string& rule) {
     DBusErrorRecord error;
-    if (IsValidText(rule.c_str())) {
+    if (rule.size() > kMaxRule) {
+        dbus_set_error_const(error.Get(), DBUS_ERROR_LIMITS_EXCEEDED, "Match rule is too long");
+    } else if (IsValidText(rule.c_str())) {
         Call(MakeCall("AddMatch", rule), kAskLimitMs, false, error);
     } else {
         dbus_set_error_const(error.Get(), DBUS_ERROR_MATCH_RULE_INVALID, "Match rule is not valid UTF-8");
@@ -95,7 +107,7 @@ void BusDaemon::AddMatch(const std::string& rule) {
 void BusDaemon::RemoveMatch(const std::string& rule) {
     DBusErrorRecord error;
     _logger->Trace("Calling dbus_bus_remove_match(%s)", rule.c_str());
-    if (!_state->IsLost() && IsValidText(rule.c_str())) {
+    if (!_state->IsLost() && rule.size() <= kMaxRule && IsValidText(rule.c_str())) {
         Call(MakeCall("RemoveMatch", rule), kGiveUpLimitMs, false, error);
     }
     if (error.IsSet()) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "osa/Wait.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -17,6 +18,7 @@ namespace {
 
 constexpr char kQuit = 'q';
 constexpr char kAttend = 'a';
+constexpr int kGuardMs = 50;
 
 const char* Describe(DBusWatch* watch) {
     switch (dbus_watch_get_flags(watch) & (DBUS_WATCH_READABLE | DBUS_WATCH_WRITABLE)) {
@@ -72,12 +74,23 @@ DBusWatcher::DBusWatcher(core::Logger* logger, ReadyHandler ready)
 void DBusWatcher::Run() {
     _logger->Debug("Run thread started");
     try {
+        unsigned int lastHandled = 0;
+        osa::MonotonicMs nextLook = osa::NowMs();
         while (!_isStopped) {
             bool isCommanded = false;
-            const unsigned int flags = WaitIn(_watcherSet.epoll.Get(), _commandRead.Get(), isCommanded);
+            const int timeout =
+                _isGuarding
+                    ? static_cast<int>(std::clamp<osa::MonotonicMs>(nextLook - osa::NowMs(), 0, kGuardMs))
+                    : -1;
+            const unsigned int flags =
+                WaitIn(_watcherSet.epoll.Get(), _commandRead.Get(), timeout, isCommanded);
             const bool attend = isCommanded && ReadCommand() == kAttend;
             if ((flags != 0 || attend) && !_isStopped) {
                 _ready(flags);
+            }
+            if (_isGuarding && osa::NowMs() >= nextLook) {
+                Guard(lastHandled);
+                nextLook = osa::NowMs() + kGuardMs;
             }
         }
     } catch (const std::exception& e) {
@@ -86,6 +99,40 @@ void DBusWatcher::Run() {
         _logger->Error("%s", "unknown");
     }
     _logger->Debug("Run thread shutting down");
+}
+
+/// Looks whether the same handler still runs as at the last look.
+void DBusWatcher::Guard(unsigned int& lastHandled) {
+    const unsigned int handled = _handled;
+    if (handled != lastHandled) {
+        lastHandled = handled;
+    } else if (_isHandling) {
+        const osa::MutexAutoLock lock(&_watchMutex);
+        _isHelping = true;
+        UpdateSets();
+    } else {
+        _isGuarding = false;
+        if (_isHandling || _handled != handled) {
+            _isGuarding = true;  // one has begun meanwhile, and may have seen that somebody looks after it
+        }
+    }
+}
+
+void DBusWatcher::BeginHandling() {
+    _isHandling = true;
+    if (!_isGuarding && !_isGuarding.exchange(true)) {
+        Attend();
+    }
+}
+
+void DBusWatcher::EndHandling() {
+    _isHandling = false;
+    ++_handled;
+    if (_isHelping) {
+        const osa::MutexAutoLock lock(&_watchMutex);
+        _isHelping = false;
+        UpdateSets();
+    }
 }
 
 void DBusWatcher::Stop() {
@@ -115,7 +162,7 @@ char DBusWatcher::ReadCommand() {
 
 unsigned int DBusWatcher::Wait() {
     bool isWoken = false;
-    const unsigned int flags = WaitIn(_listenerSet.epoll.Get(), _dispatchAvailable.Get(), isWoken);
+    const unsigned int flags = WaitIn(_listenerSet.epoll.Get(), _dispatchAvailable.Get(), -1, isWoken);
     if (isWoken) {
         eventfd_t ignored = 0;
         ::eventfd_read(_dispatchAvailable.Get(), &ignored);
@@ -127,9 +174,9 @@ void DBusWatcher::Wake() {
     ::eventfd_write(_dispatchAvailable.Get(), 1);
 }
 
-unsigned int DBusWatcher::WaitIn(int epoll, int interrupt, bool& interrupted) {
+unsigned int DBusWatcher::WaitIn(int epoll, int interrupt, int timeoutMs, bool& interrupted) {
     epoll_event events[2];
-    const int count = ::epoll_wait(epoll, events, 2, -1);
+    const int count = ::epoll_wait(epoll, events, 2, timeoutMs);
     if (count < 0 && errno != EINTR) {
         throw osa::Exception("select returned -1");
     }
@@ -234,8 +281,9 @@ void DBusWatcher::UpdateWanted() {
 
 void DBusWatcher::UpdateSets() {
     const bool mayRead = _wantsToRead && _pauses == 0;
-    Change(_listenerSet, mayRead && _isGivenAway ? std::uint32_t{EPOLLIN} : 0);
-    Change(_watcherSet, (mayRead && !_isGivenAway ? std::uint32_t{EPOLLIN} : 0) |
+    const bool isListenersTurn = _isGivenAway && !_isHelping;
+    Change(_listenerSet, mayRead && isListenersTurn ? std::uint32_t{EPOLLIN} : 0);
+    Change(_watcherSet, (mayRead && !isListenersTurn ? std::uint32_t{EPOLLIN} : 0) |
                             (_wantsToWrite ? std::uint32_t{EPOLLOUT} : 0));
 }
 

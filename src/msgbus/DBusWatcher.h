@@ -20,9 +20,9 @@ namespace zarip::msgbus {
 /// Keeps the watches of a connection and decides which thread waits for its descriptor.
 ///
 /// *Reading*: the listen thread while there is one (`GiveAway`), which saves a change of threads for each
-/// message; otherwise this object's own thread, "DBusWatcher"; nobody of the two while a waiting call reads
-/// for itself (`Pause`). *Writing*: always "DBusWatcher", because the listen thread may be busy with a
-/// handler.
+/// message; otherwise, and while a handler takes long, this object's own thread, "DBusWatcher"; nobody of the
+/// two while a waiting call reads for itself (`Pause`). *Writing*: always "DBusWatcher", because the listen
+/// thread may be busy with a handler.
 ///
 /// Each of the two threads has an epoll set. A change of the roles changes the events in the sets, which
 /// wakes nobody. The loss of the connection is reported to both threads in every role.
@@ -55,6 +55,11 @@ public:
     /// Has the listen thread read from now on; `TakeBack` ends that.
     void GiveAway();
     void TakeBack();
+
+    /// By the listen thread, around a handler. If that takes more than 50 to 100 ms, "DBusWatcher" reads
+    /// meanwhile: the bus drops replies to a connection that leaves 127 MiB unread.
+    void BeginHandling();
+    void EndHandling();
 
     /// A waiting call reads until `Resume`. Pauses nest.
     void Pause();
@@ -90,7 +95,8 @@ private:
     bool Has(DBusWatch* watch);
     char ReadCommand();
     void SendCommand(char command);
-    static unsigned int WaitIn(int epoll, int interrupt, bool& interrupted);
+    void Guard(unsigned int& lastHandled);
+    static unsigned int WaitIn(int epoll, int interrupt, int timeoutMs, bool& interrupted);
 
     core::Logger* _logger;
     ReadyHandler _ready;
@@ -100,6 +106,13 @@ private:
     /// because the thread waits for this and for the descriptor.
     osa::UniqueFd _dispatchAvailable;
     std::atomic<bool> _isStopped{false};
+
+    // For `Guard`: whether a handler runs, how many have run, whether "DBusWatcher" looks after them, which
+    // it stops doing when there is nothing to handle, and whether it reads in place of the listen thread.
+    std::atomic<bool> _isHandling{false};
+    std::atomic<unsigned int> _handled{0};
+    std::atomic<bool> _isGuarding{false};
+    std::atomic<bool> _isHelping{false};
 
     osa::Mutex _watchMutex{"_watchMutex"};
     /// libdbus has two, for reading and for writing; free places are null.

@@ -9,9 +9,8 @@ namespace {
 
 constexpr std::size_t kOverheadOfMessage = 640;
 
-/// How many values are looked at before a message counts as if it were as long as can be.
-constexpr int kMaxValues = 100'000;
-constexpr std::size_t kLongestMessage = std::size_t{32} * 1024 * 1024;
+/// How many values are looked at before the message is written down instead, which is faster then.
+constexpr int kMaxValues = 10'000;
 
 /// Adds the sizes of the values from `position` to the end of its container; false if there are too many.
 bool AddSizes(DBusMessageIter& position, std::size_t& size, int& values) {
@@ -45,14 +44,24 @@ bool AddSizes(DBusMessageIter& position, std::size_t& size, int& values) {
     return true;
 }
 
+std::size_t MeasureByWriting(DBusMessage* message) {
+    char* data = nullptr;
+    int size = 0;
+    if (dbus_message_marshal(message, &data, &size) == FALSE) {
+        return 0;
+    }
+    dbus_free(data);
+    return static_cast<std::size_t>(size);
+}
+
 }  // namespace
 
-std::size_t MeasureReceived(DBusMessage* message) {
+std::size_t MeasureMessage(DBusMessage* message) {
     std::size_t size = ViewOf(dbus_message_get_path(message)).size();
     int values = 0;
     DBusMessageIter position;
     dbus_message_iter_init(message, &position);
-    return AddSizes(position, size, values) ? size : kLongestMessage;
+    return AddSizes(position, size, values) ? size : MeasureByWriting(message);
 }
 
 Inbox::Result Inbox::Put(MessageRef& message, std::size_t size, const Limits& limits) {

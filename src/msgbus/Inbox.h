@@ -56,7 +56,7 @@ private:
     std::uint64_t _lastNumber = 0;
 };
 
-/// What a received message takes in memory, about; for one with very many small values an upper bound.
-std::size_t MeasureReceived(DBusMessage* message);
+/// What a message takes on the wire, about.
+std::size_t MeasureMessage(DBusMessage* message);
 
 }  // namespace zarip::msgbus

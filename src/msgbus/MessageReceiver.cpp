@@ -25,15 +25,22 @@ constexpr std::size_t kLargeSignal = 64 * 1024;
 /// Each may hold sixteen descriptors, and a process has about a thousand.
 constexpr std::size_t kMaxWithDescriptors = 16;
 
-/// Sets a flag for the length of a scope.
-class Scope {
+/// A message is dispatched for the length of a scope, which pthread_exit may end as well.
+class Dispatching {
 public:
-    explicit Scope(bool& flag) : _flag(flag) { _flag = true; }
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-    ~Scope() { _flag = false; }
+    Dispatching(BusConnection& connection, bool& flag) : _connection(connection), _flag(flag) {
+        _flag = true;
+        _connection.BeginHandling();
+    }
+    Dispatching(const Dispatching&) = delete;
+    Dispatching& operator=(const Dispatching&) = delete;
+    ~Dispatching() {
+        _connection.EndHandling();
+        _flag = false;
+    }
 
 private:
+    BusConnection& _connection;
     bool& _flag;
 };
 
@@ -61,7 +68,8 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
         } else {
             Keep(connection, std::move(message), isListening);
-            if (isListening) {
+            // Asked again: a thread that began to listen meanwhile may have found the inbox empty.
+            if (_state->IsRunning()) {
                 connection.WakeListener();
             }
         }
@@ -88,7 +96,7 @@ void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool i
         RefuseUnknown(connection, raw);
         return;
     }
-    const std::size_t size = MeasureReceived(raw);
+    const std::size_t size = MeasureMessage(raw);
     if (size > kLargeSignal && IsUnwanted(raw)) {
         return;
     }
@@ -124,7 +132,7 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         return false;
     }
     const osa::MutexAutoLock lock(&_busMutex);
-    const Scope dispatching(_isDispatching);
+    const Dispatching dispatching(connection, _isDispatching);
     try {
         if (!DispatchMsg(message.Get())) {
             RefuseUnknown(connection, message.Get());

@@ -163,8 +163,8 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
     dbus_message_set_no_reply(outgoing.message.Get(), FALSE);
     message.MarkSent();
     DBusErrorRecord error;
-    MessageRef reply =
-        _connection.Call(std::move(outgoing.message), outgoing.size, timeoutMs, _state.GetPatience(), error);
+    MessageRef reply = _connection.Call(std::move(outgoing.message), outgoing.size, timeoutMs,
+                                        _state.GetPatience(), BusConnection::AfterTimeout::kWithdraw, error);
     if (error.IsSet()) {
         throw osa::Exception("DBUS call " + std::string(TextOf(dbus_message_get_interface(original))) + "::" +
                              TextOf(dbus_message_get_member(original)) + " failed: " + error.GetMessage());
@@ -306,7 +306,12 @@ void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& 
     _logger->Information("Registering interface %s and name %s for callback", interface.c_str(),
                          member.c_str());
     _dispatcher.Add(interface, member, handler);
-    _daemon.AddMatch(MatchRule(interface, member));
+    try {
+        _daemon.AddMatch(MatchRule(interface, member));
+    } catch (...) {
+        _dispatcher.Remove(handler);  // the caller may delete it
+        throw;
+    }
 }
 
 void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {

@@ -103,6 +103,9 @@ std::size_t MeasureOnWire(DBusMessage* message) {
     if (static_cast<std::size_t>(size) > kMaxMessageSize) {
         return 0;
     }
+    if (dbus_message_contains_unix_fds(message) != FALSE) {
+        return static_cast<std::size_t>(size);  // libdbus reads back no descriptors
+    }
     DBusErrorRecord error;
     return MessageRef::Adopt(dbus_message_demarshal(data, size, error.Get())) ? static_cast<std::size_t>(size)
                                                                               : 0;

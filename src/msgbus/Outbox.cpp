@@ -17,8 +17,9 @@ constexpr osa::MonotonicMs kStallMs = 100;
 }  // namespace
 
 Outbox::Result Outbox::Put(MessageRef message, std::size_t size, Patience patience, osa::MonotonicMs until) {
+    const std::size_t memory = size + kOverheadOfMessage;
     std::unique_lock<std::mutex> lock(_mutex);
-    if (!_isClosed && _memory > kLowMark && !WaitForRoom(lock, patience, until)) {
+    if (!_isClosed && _memory > kLowMark && !WaitForRoom(lock, memory, patience, until)) {
         return Result::kFull;
     }
     if (_isClosed) {
@@ -26,15 +27,14 @@ Outbox::Result Outbox::Put(MessageRef message, std::size_t size, Patience patien
     }
     // From here on libdbus refuses to change it, as it does with what it has sent itself.
     dbus_message_lock(message.Get());
-    const std::size_t memory = size + kOverheadOfMessage;
     _queue.push_back({std::move(message), memory});
     _memory += memory;
     Update();
     return Result::kTaken;
 }
 
-bool Outbox::IsFull() const {
-    return _memory > kFullMemory || _queue.size() >= kFullCount;
+bool Outbox::IsFullFor(std::size_t memory) const {
+    return _memory + memory > kFullMemory || _queue.size() >= kFullCount;
 }
 
 bool Outbox::IsStalled(osa::MonotonicMs now) const {
@@ -42,10 +42,11 @@ bool Outbox::IsStalled(osa::MonotonicMs now) const {
 }
 
 /// False when there is no room; true also when the outbox was closed meanwhile.
-bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, Patience patience, osa::MonotonicMs until) {
+bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t memory, Patience patience,
+                         osa::MonotonicMs until) {
     const osa::MonotonicMs end = osa::NowMs() + kStallMs;
     while (!_isClosed && _memory > kLowMark) {
-        const bool isFull = IsFull();
+        const bool isFull = IsFullFor(memory);
         const osa::MonotonicMs now = osa::NowMs();
         // The end of this wait if the bus takes nothing meanwhile.
         osa::MonotonicMs giveUp = _isBlocked ? _lastProgress + kStallMs : now + kStallMs;
@@ -67,9 +68,7 @@ bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, Patience patience, 
 
 MessageRef Outbox::Take() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    _memory -= _takenMemory;
-    _takenMemory = 0;
-    _isBlocked = false;
+    Release();
     MessageRef message;
     if (!_queue.empty()) {
         message = std::move(_queue.front().message);
@@ -77,11 +76,24 @@ MessageRef Outbox::Take() {
         _queue.pop_front();
     }
     Update();
+    return message;
+}
+
+void Outbox::NoteWritten() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    Release();
+    Update();
+}
+
+/// What was taken is written.
+void Outbox::Release() {
+    _memory -= _takenMemory;
+    _takenMemory = 0;
+    _isBlocked = false;
     // Not at every message below the mark, so that a waiting sender gets room for many at a time.
     if (_waiters > 0 && (_memory <= kLowMark / 2 || _queue.empty())) {
         _changed.notify_all();
     }
-    return message;
 }
 
 void Outbox::NoteBlocked() {
@@ -126,7 +138,7 @@ void Outbox::WaitUntilWritten(int limitMs) {
     std::unique_lock<std::mutex> lock(_mutex);
     const osa::MonotonicMs end = osa::NowMs() + limitMs;
     for (osa::MonotonicMs now = osa::NowMs(); now < end; now = osa::NowMs()) {
-        if (_isClosed || (_queue.empty() && !_isBlocked) || IsStalled(now)) {
+        if (_isClosed || (_queue.empty() && _takenMemory == 0) || IsStalled(now)) {
             return;
         }
         ++_waiters;

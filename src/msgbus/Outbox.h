@@ -51,6 +51,9 @@ public:
     /// Everything that was taken before is written. The next message, or null.
     MessageRef Take();
 
+    /// Everything that was taken is written.
+    void NoteWritten();
+
     /// What was taken last is not written completely.
     void NoteBlocked();
 
@@ -74,9 +77,11 @@ private:
         std::size_t memory;
     };
 
-    bool IsFull() const;
+    bool IsFullFor(std::size_t memory) const;
     bool IsStalled(osa::MonotonicMs now) const;
-    bool WaitForRoom(std::unique_lock<std::mutex>& lock, Patience patience, osa::MonotonicMs until);
+    bool WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t memory, Patience patience,
+                     osa::MonotonicMs until);
+    void Release();
     void Update();
 
     mutable std::mutex _mutex;

@@ -53,9 +53,9 @@ void PendingCalls::Wait(Call& call, osa::MonotonicMs until) {
     }
 }
 
-bool PendingCalls::IsDone(const Call& call) const {
+PendingCalls::Role PendingCalls::GetRole(const Call& call) const {
     const std::lock_guard<std::mutex> lock(_mutex);
-    return call.isDone;
+    return call.isDone ? Role::kDone : call.leads ? Role::kLeader : Role::kFollower;
 }
 
 bool PendingCalls::Complete(MessageRef& reply) {

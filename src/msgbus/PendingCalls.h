@@ -50,7 +50,8 @@ public:
     /// Waits until the call is done, leads, or its time has come.
     void Wait(Call& call, osa::MonotonicMs until);
 
-    bool IsDone(const Call& call) const;
+    enum class Role { kDone, kLeader, kFollower };
+    Role GetRole(const Call& call) const;
 
     /// Hands a reply to its call; false if no call waits for it.
     bool Complete(MessageRef& reply);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/LogCapture.h"
@@ -98,11 +99,28 @@ public:
         _open.Lock();
     }
     void WaitForEntry() { _entered.Lock(); }
-    void Open() { _open.Release(); }
+    void Open() {
+        if (!std::exchange(_isOpen, true)) {
+            _open.Release();
+        }
+    }
+
+    /// Opens the gate at the end of a scope, also when the test fails: the connection waits for its handler.
+    class Opener {
+    public:
+        explicit Opener(Gate& gate) : _gate(gate) {}
+        Opener(const Opener&) = delete;
+        Opener& operator=(const Opener&) = delete;
+        ~Opener() { _gate.Open(); }
+
+    private:
+        Gate& _gate;
+    };
 
 private:
     osa::Semaphore _entered{"entered", 1, 0};
     osa::Semaphore _open{"open", 1, 0};
+    bool _isOpen = false;
 };
 
 }  // namespace zarip::msgbus

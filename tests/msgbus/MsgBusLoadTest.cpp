@@ -87,6 +87,40 @@ TEST_F(MsgBusLoadTest, HandlersRunAndOthersCallWhileACallWaits) {
         "DBUS call org.camera.test::Hang failed: Connection was disconnected before a reply was received");
 }
 
+TEST_F(MsgBusLoadTest, SomebodyReadsWhileAHandlerTakesLong) {
+    EchoService service;
+    Gate gate;
+    FunctionHandler slow([&](const MsgBusMsg&, IMsgBus&) { gate.Pass(); });
+    MsgBus client;
+    client.RegisterMessageHandler("Changed", kInterface, &slow);
+    client.StartServer();
+    const Gate::Opener opener(gate);
+    const string address = UniqueNameOf(client);
+    Signal(service.bus, "Changed", "");
+    gate.WaitForEntry();
+    // Answered by the connection itself, as soon as it is read.
+    const MsgBusRemoteMethod ping(MsgBusObjectSelector(address, kPath, DBUS_INTERFACE_PEER), "Ping");
+    MsgBusMsg* answer = nullptr;
+    service.bus.SendMsgWaitForReply(ping, answer, 30000);
+    delete answer;
+}
+
+TEST_F(MsgBusLoadTest, WhatArrivesWhileTheServerStartsIsHandledAtOnce) {
+    std::atomic<int> received{0};
+    FunctionHandler counting([&](const MsgBusMsg&, IMsgBus&) { ++received; }, IMessageHandler::kSignals);
+    MsgBus receiver;
+    receiver.RegisterMessageHandler("Changed", kInterface, &counting);
+    MsgBus sender;
+    MsgBusSignal signal(kPath, kInterface, "Changed");
+    signal << std::vector<string>(9'000);  // takes some time to receive
+    for (int round = 1; round <= 30; ++round) {
+        sender.SendMsg(signal);
+        receiver.StartServer();
+        ASSERT_TRUE(WaitUntil([&] { return received == round; })) << round;
+        receiver.StopServer();
+    }
+}
+
 TEST_F(MsgBusLoadTest, ACallMayHoldALockThatAHandlerWants) {
     EchoService service;
     osa::Mutex mutex("of the program");
@@ -98,6 +132,7 @@ TEST_F(MsgBusLoadTest, ACallMayHoldALockThatAHandlerWants) {
     MsgBus client;
     client.RegisterMessageHandler("Changed", kInterface, &wanting);
     client.StartServer();
+    const Gate::Opener opener(gate);
     {
         const osa::MutexAutoLock lock(&mutex);
         Signal(service.bus, "Changed", "");
@@ -117,6 +152,7 @@ TEST_F(MsgBusLoadTest, UnregisteringWaitsForNoOtherHandler) {
     client.RegisterMessageHandler("Changed", kInterface, &slow);
     client.RegisterMessageHandler("Other", kInterface, &other);
     client.StartServer();
+    const Gate::Opener opener(gate);
     Signal(service.bus, "Changed", "");
     gate.WaitForEntry();
     client.UnregisterMessageHandler(&other);
@@ -236,6 +272,39 @@ TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
     service.bus.StopServer();
 }
 
+TEST_F(MsgBusLoadTest, ANameThatIsGivenUpOnAStoppedBusIsFreeAsSoonAsItReads) {
+    MsgBus client;
+    client.RegisterDestinationName("org.camera.client");
+    PrivateBus::Get().Freeze();
+    for (int i = 0; i < 2000; ++i) {
+        Signal(client, "Filling", string(200, 'x'));  // so that the socket is full
+    }
+    test::LogCapture log(core::Logger::kError);
+    client.UnregisterDestinationName("org.camera.client");
+    EXPECT_TRUE(log.Contains("dbus_bus_release_name(org.camera.client) failed: Did not receive a reply."));
+    PrivateBus::Get().Thaw();
+    MsgBus other;
+    EXPECT_TRUE(WaitUntil([&] {
+        return ErrorOf([&] { other.RegisterDestinationName("org.camera.client"); }) == kNoException;
+    }));
+}
+
+TEST_F(MsgBusLoadTest, TheLastLargeMessagesOfAConnectionArrive) {
+    std::atomic<int> received{0};
+    FunctionHandler counting([&](const MsgBusMsg&, IMsgBus&) { ++received; }, IMessageHandler::kSignals);
+    MsgBus receiver;
+    receiver.RegisterMessageHandler("Changed", kInterface, &counting);
+    receiver.StartServer();
+    const string text(900'000, 'x');
+    for (int round = 1; round <= 50; ++round) {
+        auto sender = std::make_unique<MsgBus>();
+        Signal(*sender, "Changed", text);
+        Signal(*sender, "Changed", text);
+        sender.reset();
+        ASSERT_TRUE(WaitUntil([&] { return received == 2 * round; })) << round;
+    }
+}
+
 TEST_F(MsgBusLoadTest, ABusThatDiesWhileMuchIsHeldIsNoticed) {
     auto service = std::make_unique<Service>();
     FunctionHandler large = Answering([](const string&) { return string(30'000'000, 'x'); });
@@ -267,6 +336,7 @@ TEST_F(MsgBusLoadTest, RepliesGetThroughWhateverStrangersSend) {
     MsgBus client;
     client.RegisterMessageHandler("Changed", kInterface, &slow);
     client.StartServer();
+    const Gate::Opener opener(gate);
     MsgBus stranger;
     const string address = UniqueNameOf(client);
     Signal(service.bus, "Changed", "");
@@ -449,6 +519,9 @@ TEST_F(MsgBusLoadTest, WhatIsAppendedBehindTheLibrarysBackCountsAsWell) {
     Fill(call.GetDBusMessage(), kTooLong);
     EXPECT_EQ(ErrorOf([&] { client.SendMsg(call); }), kSendFailed);
     EXPECT_EQ(ErrorOf([&] { client.SendMsg(MsgBusMsg(call)); }), kSendFailed);
+    FunctionHandler handler([](const MsgBusMsg&, IMsgBus&) {});
+    client.RegisterMessageHandler("Any", string(kTooLong, 'x'), &handler);
+    client.UnregisterMessageHandler(&handler);
 
     // A received reply is not sent again, and nobody else's call suffers.
     MsgBusRemoteMethod good(kService, "Echo");

@@ -414,6 +414,7 @@ TEST_F(MsgBusTest, AFrozenBusNeitherHangsNorFillsASender) {
         }
     }
     test::LogCapture log(core::Logger::kError);
+    *reply << text;
     sender.SendReply(*reply);
     EXPECT_TRUE(log.Contains("dbus_connection_send() error: Out of Memory!"));
     PrivateBus::Get().Thaw();
