@@ -44,6 +44,7 @@ void XmlNodeQueue::Attach(xmlParserCtxt& parser) {
     handlers.comment = OnComment;
     handlers.processingInstruction = OnInstruction;
     handlers.internalSubset = OnType;
+    handlers.endDocument = OnEndOfDocument;
 }
 
 bool XmlNodeQueue::Advance(bool isComplete) {
@@ -187,6 +188,10 @@ void XmlNodeQueue::OnInstruction(void* context, const xmlChar* target, const xml
         node.name.local = target;
         node.value = queue.Append(ToView(data));
     }
+}
+
+void XmlNodeQueue::OnEndOfDocument(void* parser) {
+    QueueOf(parser)._isEnded = true;
 }
 
 void XmlNodeQueue::OnType(void* context, const xmlChar* name, const xmlChar* /*publicId*/,

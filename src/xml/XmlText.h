@@ -69,9 +69,13 @@ public:
 
 private:
     static void Keep(void* scope, xmlError* error);
+    __attribute__((format(printf, 2, 3))) static void KeepText(void* scope, const char* format, ...);
+    void Keep(std::string text);
 
     xmlStructuredErrorFunc _function;
     void* _context;
+    xmlGenericErrorFunc _textFunction;
+    void* _textContext;
     std::string _text;
 };
 

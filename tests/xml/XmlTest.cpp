@@ -310,6 +310,10 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
             text + (text[1] == '\xFE' || text[1] == '\xFF' ? Wide(end, text[0] == '\xFE').substr(2) : end),
             "encoding '" + name + "' is not that of the document (line 1, column 31)");
     }
+    // A first half of a pair with no second half.
+    for (const char* const before : {"<r>", "<r/>", "<r/><!--", "", "<r><![CDATA["}) {
+        texts.emplace_back(Wide(before) + "\xDB\xDB\xDB\xDB" + string(600, '\xDB'), "");
+    }
     // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
     texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
     for (const string& wide : {string("\0\0\0<", 4), string("<\0\0\0", 4), string("\xFF\xFE\0\0", 4)}) {
