@@ -104,14 +104,21 @@ void CheckName(std::string_view name, bool withPrefix) {
     }
 }
 
+bool IsText(std::string_view text) {
+    while (!text.empty()) {
+        if (TakeCharacter(text) == cutil::kNoCharacter) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void CheckText(std::string_view text) {
     if (text.size() > kMaxText) {
         throw XmlException(kTooLongText);
     }
-    while (!text.empty()) {
-        if (TakeCharacter(text) == cutil::kNoCharacter) {
-            throw XmlException("invalid text");
-        }
+    if (!IsText(text)) {
+        throw XmlException(kInvalidText);
     }
 }
 

@@ -47,6 +47,9 @@ void InitializeXml();
 /// and in UTF-8. @param withPrefix  a prefix and a colon may stand before it.
 bool IsName(std::string_view name, bool withPrefix);
 
+/// Whether it is UTF-8, and of characters that XML can hold.
+bool IsText(std::string_view text);
+
 /// Throw `XmlException` for what a document cannot hold.
 void CheckName(std::string_view name, bool withPrefix);
 void CheckText(std::string_view text);
