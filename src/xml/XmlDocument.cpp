@@ -96,6 +96,9 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
     if (source.scanner.IsEncodingRefused()) {
         source.scanner.ThrowEncoding();
     }
+    if (!source.verdict.IsBad() && !errors.GetText().empty()) {
+        throw XmlException(errors.GetText());  // what its encoding cannot be ends the document for the parser
+    }
     if (!impl->document || source.verdict.IsBad()) {
         source.verdict.Throw();
     }

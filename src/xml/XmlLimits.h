@@ -26,6 +26,7 @@ constexpr char kTooLongText[] = "text of more than 10000000 bytes";
 constexpr char kTooLongMarkup[] = "a tag or comment of more than 9900000 bytes";
 constexpr char kInvalidId[] = "xml:id is not a name";
 constexpr char kDoubledId[] = "xml:id is not the only one of its value";
+constexpr char kInvalidText[] = "invalid text";
 constexpr char kZeroByte[] = "zero bytes are not allowed";
 /// As libxml2 has it.
 constexpr char kTooDeep[] = "Excessive depth in document: 256 use XML_PARSE_HUGE option";

@@ -23,7 +23,7 @@ std::string_view ValueOf(const xmlChar** attribute) {
             static_cast<std::size_t>(attribute[4] - attribute[3])};
 }
 
-bool IsText(XmlReader::NodeType type) {
+bool MayGrow(XmlReader::NodeType type) {
     return type == XmlReader::kText || type == XmlReader::kCData;
 }
 
@@ -44,12 +44,13 @@ void XmlNodeQueue::Attach(xmlParserCtxt& parser) {
     handlers.comment = OnComment;
     handlers.processingInstruction = OnInstruction;
     handlers.internalSubset = OnType;
+    handlers.endDocument = OnEndOfDocument;
 }
 
 bool XmlNodeQueue::Advance(bool isComplete) {
     const std::size_t next = _isDelivered ? _at + 1 : _at;
     const bool isThere =
-        next + 1 < _nodes.size() || (next < _nodes.size() && (isComplete || !IsText(_nodes[next].type)));
+        next + 1 < _nodes.size() || (next < _nodes.size() && (isComplete || !MayGrow(_nodes[next].type)));
     _at = next;
     _isDelivered = isThere;
     if (!isThere) {
@@ -167,8 +168,13 @@ void XmlNodeQueue::OnText(void* context, const xmlChar* text, int length) {
 }
 
 void XmlNodeQueue::OnCData(void* context, const xmlChar* text, int length) {
-    QueueOf(context).AddText(static_cast<xmlParserCtxt*>(context), XmlReader::kCData,
-                             {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+    auto* const parser = static_cast<xmlParserCtxt*>(context);
+    const std::string_view part(reinterpret_cast<const char*>(text), static_cast<std::size_t>(length));
+    // libxml2 checks all but these, which it reads in parts of whole characters.
+    if (!IsText(part)) {
+        QueueOf(parser).Refuse(parser, kInvalidText);
+    }
+    QueueOf(parser).AddText(parser, XmlReader::kCData, part);
 }
 
 void XmlNodeQueue::OnComment(void* context, const xmlChar* text) {
@@ -187,6 +193,10 @@ void XmlNodeQueue::OnInstruction(void* context, const xmlChar* target, const xml
         node.name.local = target;
         node.value = queue.Append(ToView(data));
     }
+}
+
+void XmlNodeQueue::OnEndOfDocument(void* parser) {
+    QueueOf(parser)._isEnded = true;
 }
 
 void XmlNodeQueue::OnType(void* context, const xmlChar* name, const xmlChar* /*publicId*/,

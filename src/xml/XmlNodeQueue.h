@@ -62,6 +62,9 @@ public:
     /// Makes the handlers of a parser fill this queue, which must outlive it.
     void Attach(xmlParserCtxt& parser);
 
+    /// Whether the parser has come to the end of the document.
+    bool IsEnded() const { return _isEnded; }
+
 private:
     Node& Add(xmlParserCtxt* parser, XmlReader::NodeType type);
     void AddText(xmlParserCtxt* parser, XmlReader::NodeType type, std::string_view text);
@@ -78,6 +81,7 @@ private:
     static void OnCData(void* parser, const xmlChar* text, int length);
     static void OnComment(void* parser, const xmlChar* text);
     static void OnInstruction(void* parser, const xmlChar* target, const xmlChar* data);
+    static void OnEndOfDocument(void* parser);
     static void OnType(void* parser, const xmlChar* name, const xmlChar* publicId, const xmlChar* systemId);
 
     static const Node _none;
@@ -88,6 +92,7 @@ private:
     std::size_t _at = 0;
     bool _isDelivered = false;  ///< the node at `_at`
     int _depth = 0;
+    bool _isEnded = false;
     std::set<std::string> _ids;
 };
 

@@ -43,7 +43,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
             if (isComplete) {
                 return false;
             }
-            if (queue.IsBad() || scanner.IsRefused() || hasFailed || isAtEnd) {
+            if (queue.IsBad() || scanner.IsRefused() || hasFailed || isBroken || isAtEnd) {
                 Throw();
             }
             Parse(Supply());
@@ -58,11 +58,12 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         if (scanner.IsEncodingRefused()) {
             scanner.ThrowEncoding();
         }
-        if (queue.IsBad() || scanner.GetRefusal() == nullptr) {
+        const bool isRefused = scanner.GetRefusal() != nullptr;
+        if (queue.IsBad() || (!isRefused && breakage.empty())) {
             queue.Throw();
         }
         const xmlParserInput* const input = parser ? parser->input : nullptr;
-        throw XmlException(scanner.GetRefusal(),
+        throw XmlException(isRefused ? scanner.GetRefusal() : breakage,
                            static_cast<unsigned int>(input != nullptr ? std::max(input->line, 1) : 1),
                            static_cast<unsigned int>(input != nullptr ? std::max(input->col, 1) : 1));
     }
@@ -141,8 +142,11 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         }
         if (isAtEnd && !scanner.IsRefused() && !queue.IsBad()) {
             xmlParseChunk(parser.get(), nullptr, 0, 1);
-            isComplete = parser->wellFormed != 0 && !queue.IsBad();
+            isComplete = queue.IsEnded() && parser->wellFormed != 0 && !queue.IsBad();
         }
+        // What its encoding cannot be stops the parser, without a word to the handlers.
+        isBroken = parser->disableSAX != 0 || !errors.GetText().empty();
+        breakage = errors.GetText();
     }
 
     /// The attribute of the current element that fits, or null.
@@ -171,6 +175,8 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     bool hasFailed = false;          ///< the stream
     bool isAtEnd = false;
     bool isComplete = false;  ///< the parser has seen the end and is content
+    bool isBroken = false;    ///< the parser does not go further
+    std::string breakage;     ///< why, if nobody else knows
     XmlScanner scanner;
     std::string held;         ///< what the parser has not yet been given
     std::size_t scanned = 0;  ///< of that

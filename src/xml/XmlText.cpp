@@ -5,9 +5,12 @@
 #include <libxml/xmlmemory.h>
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "cutil/utf8.h"
 #include "xml/XmlLimits.h"
@@ -101,14 +104,21 @@ void CheckName(std::string_view name, bool withPrefix) {
     }
 }
 
+bool IsText(std::string_view text) {
+    while (!text.empty()) {
+        if (TakeCharacter(text) == cutil::kNoCharacter) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void CheckText(std::string_view text) {
     if (text.size() > kMaxText) {
         throw XmlException(kTooLongText);
     }
-    while (!text.empty()) {
-        if (TakeCharacter(text) == cutil::kNoCharacter) {
-            throw XmlException("invalid text");
-        }
+    if (!IsText(text)) {
+        throw XmlException(kInvalidText);
     }
 }
 
@@ -126,19 +136,39 @@ void CheckNamespace(const std::string& prefix, const std::string& namespaceUri) 
     }
 }
 
-ErrorScope::ErrorScope() : _function(xmlStructuredError), _context(xmlStructuredErrorContext) {
+ErrorScope::ErrorScope()
+    : _function(xmlStructuredError),
+      _context(xmlStructuredErrorContext),
+      _textFunction(xmlGenericError),
+      _textContext(xmlGenericErrorContext) {
     xmlSetStructuredErrorFunc(this, Keep);
+    xmlSetGenericErrorFunc(this, KeepText);
 }
 
 ErrorScope::~ErrorScope() {
     xmlSetStructuredErrorFunc(_context, _function);
+    xmlSetGenericErrorFunc(_textContext, _textFunction);
 }
 
 void ErrorScope::Keep(void* scope, xmlError* error) {
-    std::string& text = static_cast<ErrorScope*>(scope)->_text;
-    if (text.empty() && error->message != nullptr) {
-        text = error->message;
-        text.erase(text.find_last_not_of(" \n") + 1);
+    if (error->message != nullptr) {
+        static_cast<ErrorScope*>(scope)->Keep(std::string(error->message));
+    }
+}
+
+void ErrorScope::KeepText(void* scope, const char* format, ...) {
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    static_cast<ErrorScope*>(scope)->Keep(std::string(text));
+}
+
+void ErrorScope::Keep(std::string text) {
+    if (_text.empty()) {
+        _text = std::move(text);
+        _text.erase(_text.find_last_not_of(" \n") + 1);
     }
 }
 

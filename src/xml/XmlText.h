@@ -47,6 +47,9 @@ void InitializeXml();
 /// and in UTF-8. @param withPrefix  a prefix and a colon may stand before it.
 bool IsName(std::string_view name, bool withPrefix);
 
+/// Whether it is UTF-8, and of characters that XML can hold.
+bool IsText(std::string_view text);
+
 /// Throw `XmlException` for what a document cannot hold.
 void CheckName(std::string_view name, bool withPrefix);
 void CheckText(std::string_view text);
@@ -69,9 +72,13 @@ public:
 
 private:
     static void Keep(void* scope, xmlError* error);
+    __attribute__((format(printf, 2, 3))) static void KeepText(void* scope, const char* format, ...);
+    void Keep(std::string text);
 
     xmlStructuredErrorFunc _function;
     void* _context;
+    xmlGenericErrorFunc _textFunction;
+    void* _textContext;
     std::string _text;
 };
 

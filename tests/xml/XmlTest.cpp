@@ -280,6 +280,9 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         {"<r a='1' a='2'/>", "Attribute a redefined (line 1, column "},
         {"<r>&none;</r>", "Entity 'none' not defined (line 1, column "},
         {"<r>\xFF</r>", ""},
+        {"<r><![CDATA[\xFF]]></r>", ""},
+        {"<r><![CDATA[" + string(1'000, 'x') + "\xC1\x9C" + string(1'000, 'x') + "]]></r>", ""},
+        {"<r><![CDATA[\x01]]></r>", ""},
         {"<r/><r/>", "Extra content at the end of the document (line 1, column 5)"},
         {string("<r>\0</r>", 8), "zero bytes are not allowed (line 1, column "},
         {string("<r/>\0", 5), "zero bytes are not allowed (line 1, column "},
@@ -295,7 +298,7 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     };
     std::vector<std::pair<string, string>> texts(std::begin(cases), std::end(cases));
     for (const auto& [text, error] : cases) {
-        if (text.find('\xFF') == string::npos) {
+        if (text.find_first_of("\xFF\xC1") == string::npos) {
             texts.emplace_back(Wide(text), error);
         }
     }
@@ -309,6 +312,10 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         texts.emplace_back(
             text + (text[1] == '\xFE' || text[1] == '\xFF' ? Wide(end, text[0] == '\xFE').substr(2) : end),
             "encoding '" + name + "' is not that of the document (line 1, column 31)");
+    }
+    // A first half of a pair with no second half.
+    for (const char* const before : {"<r>", "<r/>", "<r/><!--", "", "<r><![CDATA["}) {
+        texts.emplace_back(Wide(before) + "\xDB\xDB\xDB\xDB" + string(600, '\xDB'), "");
     }
     // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
     texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
