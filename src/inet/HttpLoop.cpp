@@ -154,20 +154,22 @@ bool HttpLoop::Welcome(Listener::Accepted& accepted) {
 }
 
 bool HttpLoop::Look(ServedConnection& held) {
-    if (held.state == State::kReading) {
-        Connection fresh;
-        return Read(held, fresh);
-    }
     try {
-        if (held.state == State::kWriting) {
-            HttpExchange::Write(_service, held);
-        } else {
-            Drain(held);
+        Connection fresh;
+        switch (held.state) {
+            case State::kReading:
+                return Read(held, fresh);
+            case State::kWriting:
+                HttpExchange::Write(_service, held);
+                break;
+            case State::kDraining:
+                Drain(held);
+                break;
         }
         KeepOn(held);
     } catch (...) {
         _service.LogCaught();
-        Release(held);
+        _held.Drop(&held);  // a part of what was read may be missing
     }
     return true;
 }
