@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "inet/Address.h"
@@ -57,17 +59,29 @@ const std::string& Date() {
     return t_text;
 }
 
+/// As inet_ntop, which formats with printf and costs every request a hundredth of its time.
+void WriteIpv4(const void* binary, char (&text)[16]) {
+    unsigned char bytes[4];
+    std::memcpy(bytes, binary, sizeof(bytes));
+    char* out = text;
+    for (const unsigned char byte : bytes) {
+        out = std::to_chars(out, text + sizeof(text), byte).ptr;
+        *out++ = '.';
+    }
+    out[-1] = '\0';
+}
+
 _ipaddr_t AddressOf(const osa::SocketAddress& socket) {
     static const _ipaddr_t kNone = ParseAddress("0.0.0.0:0");
     _ipaddr_t address = kNone;
     if (socket.any.sa_family == AF_INET) {
-        ::inet_ntop(AF_INET, &socket.ipv4.sin_addr, address.ipv4, sizeof(address.ipv4));
+        WriteIpv4(&socket.ipv4.sin_addr, address.ipv4);
         address.port = ntohs(socket.ipv4.sin_port);
     } else if (socket.any.sa_family == AF_INET6) {
         const in6_addr& binary = socket.ipv6.sin6_addr;
         address.port = ntohs(socket.ipv6.sin6_port);
         if (IN6_IS_ADDR_V4MAPPED(&binary)) {  // an IPv4 client of a server for both
-            ::inet_ntop(AF_INET, binary.s6_addr + 12, address.ipv4, sizeof(address.ipv4));
+            WriteIpv4(binary.s6_addr + 12, address.ipv4);
         } else {
             address.ipv4[0] = '\0';
             ::inet_ntop(AF_INET6, &binary, address.ipv6, sizeof(address.ipv6));

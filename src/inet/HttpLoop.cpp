@@ -24,7 +24,6 @@ using State = ServedConnection::State;
 namespace {
 
 constexpr unsigned short kBacklog = 10;
-constexpr int kMaxAcceptedAtOnce = 16;
 /// Most requests come in one piece of this size.
 constexpr std::size_t kPiece = 16'384;
 constexpr unsigned int kHeadSeconds = 30;
@@ -97,7 +96,7 @@ bool HttpLoop::Turn() {
     for (auto ready = _held.Next(held); ready != HeldConnections::Ready::kNothing; ready = _held.Next(held)) {
         bool leads = true;
         if (ready == HeldConnections::Ready::kListener) {
-            leads = AcceptWaiting();
+            leads = Accept();
         } else if (ready == HeldConnections::Ready::kConnection) {
             leads = Look(static_cast<ServedConnection&>(*held));
         } else {
@@ -107,31 +106,30 @@ bool HttpLoop::Turn() {
             return false;
         }
     }
-    while ((held = _held.GetExpired(NowMs())) != nullptr) {
+    while (_held.GetCount() > 0 && (held = _held.GetExpired(NowMs())) != nullptr) {
         Expire(static_cast<ServedConnection&>(*held));
     }
     return true;
 }
 
-/// Accepts what waits, but not for ever: held connections need a look as well.
-bool HttpLoop::AcceptWaiting() {
-    for (int i = 0; i < kMaxAcceptedAtOnce && !_isStopping; ++i) {
-        Listener::Accepted accepted;
-        switch (_listener.Accept(accepted)) {
-            case Listener::Result::kAccepted:
-                if (!Welcome(accepted)) {
-                    return false;
-                }
-                break;
-            case Listener::Result::kShort:
-                MakeRoom();
-                return true;
-            case Listener::Result::kFatal:
-                Stop();
-                return true;
-            case Listener::Result::kNone:
-                return true;
-        }
+/// Accepts one connection. To ask for the next one only to learn that nobody waits would cost more than to
+/// wait for it together with all others.
+bool HttpLoop::Accept() {
+    if (_isStopping) {
+        return true;
+    }
+    Listener::Accepted accepted;
+    switch (_listener.Accept(accepted)) {
+        case Listener::Result::kAccepted:
+            return Welcome(accepted);
+        case Listener::Result::kShort:
+            MakeRoom();
+            break;
+        case Listener::Result::kFatal:
+            Stop();
+            break;
+        case Listener::Result::kNone:
+            break;
     }
     return true;
 }
@@ -156,20 +154,22 @@ bool HttpLoop::Welcome(Listener::Accepted& accepted) {
 }
 
 bool HttpLoop::Look(ServedConnection& held) {
-    if (held.state == State::kReading) {
-        Connection fresh;
-        return Read(held, fresh);
-    }
     try {
-        if (held.state == State::kWriting) {
-            HttpExchange::Write(_service, held);
-        } else {
-            Drain(held);
+        Connection fresh;
+        switch (held.state) {
+            case State::kReading:
+                return Read(held, fresh);
+            case State::kWriting:
+                HttpExchange::Write(_service, held);
+                break;
+            case State::kDraining:
+                Drain(held);
+                break;
         }
         KeepOn(held);
     } catch (...) {
         _service.LogCaught();
-        Release(held);
+        _held.Drop(&held);  // a part of what was read may be missing
     }
     return true;
 }

@@ -52,7 +52,7 @@ private:
     using Connection = std::unique_ptr<ServedConnection>;
 
     bool Turn();
-    bool AcceptWaiting();
+    bool Accept();
     void MakeRoom();
     bool Welcome(osa::Listener::Accepted& accepted);
     bool Look(ServedConnection& held);

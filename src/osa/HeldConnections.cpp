@@ -124,6 +124,14 @@ std::unique_ptr<HeldConnection> HeldConnections::Release(HeldConnection& connect
     return std::move(_places.extract(connection._place).mapped());
 }
 
+void HeldConnections::Drop(const HeldConnection* connection) {
+    const auto place = std::find_if(_places.begin(), _places.end(),
+                                    [connection](const auto& p) { return p.second.get() == connection; });
+    if (place != _places.end()) {
+        Release(*place->second);
+    }
+}
+
 HeldConnection* HeldConnections::GetFirst() const {
     return _places.empty() ? nullptr : _places.begin()->second.get();
 }

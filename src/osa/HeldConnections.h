@@ -72,6 +72,9 @@ public:
     /// Lets go of a connection; the *caller owns* it.
     std::unique_ptr<HeldConnection> Release(HeldConnection& connection);
 
+    /// Closes a connection if it is held, which takes a search: for one that may have gone already.
+    void Drop(const HeldConnection* connection);
+
     /// The connection whose time runs out first, or null. *Not owned.*
     HeldConnection* GetFirst() const;
     /// The same if its time has run out by now.

@@ -225,14 +225,19 @@ void TcpServer::Impl::Loop::Welcome(Listener::Accepted& accepted) {
 
 /// Looks at a held connection, which may have said something or whose time is over.
 void TcpServer::Impl::Loop::Look(HeldConnection& held, bool isOver) {
-    State state = Classify(held);
-    if (state == State::kWaiting && isOver) {
-        // Without a test it was only waited for a command; it is served like any other.
-        state = _isReady != nullptr ? State::kOver : State::kReady;
-    }
-    if (state != State::kWaiting) {
-        const std::unique_ptr<HeldConnection> connection = _held.Release(held);
-        Finish(*connection, state);
+    try {
+        State state = Classify(held);
+        if (state == State::kWaiting && isOver) {
+            // Without a test it was only waited for a command; it is served like any other.
+            state = _isReady != nullptr ? State::kOver : State::kReady;
+        }
+        if (state != State::kWaiting) {
+            const std::unique_ptr<HeldConnection> connection = _held.Release(held);
+            Finish(*connection, state);
+        }
+    } catch (...) {
+        LogCaught();
+        _held.Drop(&held);  // a part of what it has said may be missing
     }
 }
 
