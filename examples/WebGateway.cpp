@@ -22,9 +22,10 @@
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
-// Answers are JSON. /api/ answers 401 without a valid login and 403 where the role is not enough; what needs
-// the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login is a
-// session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
+// Answers are JSON. A request that changes something and comes from the page of another site, or of another
+// port, is answered 403. /api/ answers 401 without a valid login and 403 where the role is not enough; what
+// needs the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login
+// is a session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/writer.h>
@@ -58,6 +59,7 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -65,6 +67,7 @@
 #include <string>
 #include <vector>
 
+#include "common/RequestGuard.h"
 #include "common/WaitForStop.h"
 
 namespace {
@@ -617,14 +620,19 @@ int main(int argc, char** argv) {
             {"/measure", {camera, "POST", &Measure}},
             {"/fault", {camera, "GET", &Fault}},
         };
+        const RequestGuard guard;
+        std::list<GuardedHandler> guarded;
         zarip::inet::HttpServer server("127.0.0.1", port);
         server.SetStandardResponses(true);
-        server.AddHandler("/", &page);
+        const auto add = [&](const char* path, zarip::inet::IHttpHandler& handler) {
+            server.AddHandler(path, &guarded.emplace_back(guard, handler));
+        };
+        add("/", page);
         if (argc > 3) {
-            server.AddHandler("/device.xml", &description);
+            add("/device.xml", description);
         }
         for (auto& [path, route] : routes) {
-            server.AddHandler(path, &route);
+            add(path, route);
         }
         try {
             camera.Connect();

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <zarip/core/StringUtil.h>
+#include <zarip/inet/HttpRequest.h>
+#include <zarip/inet/HttpResponse.h>
+#include <zarip/inet/IHttpHandler.h>
+
+#include <string>
+#include <utility>
+
+/// Refuses requests that a browser sends on behalf of a foreign site. *Thread-safe*: it never changes.
+///
+/// The page of a foreign site can send a form to the camera, to which the browser adds the user's cookies;
+/// then "Origin" is not the "Host".
+class RequestGuard {
+public:
+    /// Returns the code of the answer to a request that is refused, and 0 for one that may be served.
+    int Check(const zarip::inet::HttpRequest& request) const {
+        const std::string* const host = request.GetHeader("Host");
+        const std::string method = request.GetMethodName();
+        const bool onlyReads = method == "GET" || method == "HEAD";
+        return onlyReads || IsOwnPage(request, host != nullptr ? *host : "") ? 0 : 403;
+    }
+
+private:
+    static std::string ToLower(std::string text) {
+        for (char& c : text) {
+            c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        }
+        return text;
+    }
+
+    static std::string WithoutEnd(const std::string& text, const std::string& end) {
+        const bool hasEnd =
+            text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+        return hasEnd ? text.substr(0, text.size() - end.size()) : text;
+    }
+
+    /// A request without "Origin" does not come from a script or form of a current browser, unless
+    /// "Sec-Fetch-Site" says otherwise. A proxy in front may speak TLS, so both schemes are right.
+    static bool IsOwnPage(const zarip::inet::HttpRequest& request, const std::string& host) {
+        const std::string* const site = request.GetHeader("Sec-Fetch-Site");
+        if (site != nullptr && *site != "same-origin" && *site != "none") {
+            return false;
+        }
+        const std::string* const origin = request.GetHeader("Origin");
+        if (origin == nullptr) {
+            return true;
+        }
+        const std::pair<const char*, const char*> schemes[] = {{"http://", ":80"}, {"https://", ":443"}};
+        for (const auto& [scheme, port] : schemes) {
+            if (zarip::core::StringUtil::StartsWith(*origin, scheme)) {
+                const std::string sender = origin->substr(std::string(scheme).size());
+                return WithoutEnd(ToLower(sender), port) == WithoutEnd(ToLower(host), port);
+            }
+        }
+        return false;
+    }
+};
+
+/// Passes to another handler what the guard lets through, and answers the rest. *Thread-safe* if that is.
+class GuardedHandler final : public zarip::inet::IHttpHandler {
+public:
+    /// Both are *not owned* and must outlive this.
+    GuardedHandler(const RequestGuard& guard, zarip::inet::IHttpHandler& handler)
+        : _guard(guard), _handler(handler) {}
+
+    void HandleRequest(const zarip::inet::HttpRequest& request,
+                       zarip::inet::HttpResponse& response) override {
+        const int refusal = _guard.Check(request);
+        if (refusal == 0) {
+            _handler.HandleRequest(request, response);
+            return;
+        }
+        response.SetCode(refusal);
+        response.SetHeader("Content-Type", "application/json");
+        response.SetBody("{\"error\":\"Another site has sent this request.\"}");
+    }
+
+private:
+    const RequestGuard& _guard;
+    zarip::inet::IHttpHandler& _handler;
+};
