@@ -23,7 +23,8 @@
 //   GET    /fault                a handler that throws
 //
 // Answers are JSON. A request that changes something and comes from the page of another site, or of another
-// port, is answered 403. /api/ answers 401 without a valid login and 403 where the role is not enough; what
+// port, is answered 403, and one for a host that is neither a numeric address nor "localhost" nor a name in
+// DEVICE 421. /api/ answers 401 without a valid login and 403 where the role is not enough; what
 // needs the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login
 // is a session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
 
@@ -372,6 +373,12 @@ std::string DescribeDevice(const char* path) {
     return text.str();
 }
 
+/// The names by which browsers may ask for the camera.
+std::vector<std::string> ReadHostNames(const char* path) {
+    const zarip::core::IniFile file(path);
+    return StringUtil::Split(file.GetValueOrDefault("web", "names"), ' ');
+}
+
 std::string Text(const std::string* value) {
     // The bus would carry what stands before it.
     if (value != nullptr && value->find('\0') != std::string::npos) {
@@ -620,7 +627,7 @@ int main(int argc, char** argv) {
             {"/measure", {camera, "POST", &Measure}},
             {"/fault", {camera, "GET", &Fault}},
         };
-        const RequestGuard guard;
+        const RequestGuard guard(argc > 3 ? ReadHostNames(argv[3]) : std::vector<std::string>());
         std::list<GuardedHandler> guarded;
         zarip::inet::HttpServer server("127.0.0.1", port);
         server.SetStandardResponses(true);

@@ -74,7 +74,7 @@ protected:
     }
 
     test::TempDir _folder;
-    string _device = "[device]\nfriendlyName = Yard\n";
+    string _device = "[device]\nfriendlyName = Yard\n[web]\nnames = camera.local Yard\n";
     std::unique_ptr<Program> _gateway;
     string _port;
 };
@@ -109,6 +109,43 @@ TEST_F(WebGatewayTest, RefusesWhatAnotherSiteSends) {
         EXPECT_EQ(CodeOf("GET /", host + row.headers), 200);
     }
     EXPECT_NE(CodeOf("POST /login", "Host: LocalHost:80\r\nOrigin: http://localhost\r\n"), 403);
+}
+
+TEST_F(WebGatewayTest, ServesOnlyTheNamesItKnows) {
+    const struct {
+        const char* host;
+        bool isKnown;
+    } rows[] = {
+        {"127.0.0.1", true},
+        {"192.0.2.7:8080", true},
+        {"[::1]:PORT", true},
+        {"[2001:db8::7]", true},
+        {"LOCALHOST:1", true},
+        {"Camera.local", true},
+        {"yard:PORT", true},
+        {"example.com", false},
+        {"1.2.3.4.com", false},
+        {"127.1", false},
+        {"[::1", false},
+        {"[]", false},
+        {"::1", false},
+        {"", false},
+        {":80", false},
+        {"localhost:x", false},
+        {"local.host", false},
+        {"camera", false},
+        {"[1.2.3.4]", false},
+        {"camera.local.evil", false},
+        {"localhost.evil", false},
+        {"localhost@evil", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.host);
+        for (const char* line : {"GET /", "GET /device.xml", "GET /health", "POST /login"}) {
+            EXPECT_EQ(CodeOf(line, string("Host: ") + row.host + "\r\n") != 421, row.isKnown) << line;
+        }
+    }
+    EXPECT_EQ(CodeOf("GET /", ""), 421);
 }
 
 }  // namespace
