@@ -7,7 +7,8 @@
 //   device.ini, as for discovery-responder.
 //
 //   GET    /                     the page
-//   POST   /login                form "user", "password"; sets the session cookie
+//   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
+//                                answers 429 until the time in "Retry-After" has passed.
 //   POST   /logout
 //   GET    /device.xml           the UPnP description, where there is a DEVICE
 //   GET    /health               whether the bus and the security service are there
@@ -60,6 +61,7 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -68,7 +70,9 @@
 #include <string>
 #include <vector>
 
+#include "common/LoginDelay.h"
 #include "common/RequestGuard.h"
+#include "common/SessionCookie.h"
 #include "common/WaitForStop.h"
 
 namespace {
@@ -86,7 +90,6 @@ constexpr std::size_t kKeptAlerts = 50;
 constexpr std::size_t kMostAlertText = 200;  // bytes of each text
 constexpr std::chrono::seconds kViewerTime(15);
 constexpr const char* kStream = "main";
-constexpr const char* kCookie = "session";
 
 template <class Element>
 std::string ToJson(const Element& element) {
@@ -300,11 +303,11 @@ private:
 /// Answers with what a function makes of a request.
 class Route final : public zarip::inet::IHttpHandler {
 public:
-    using Function = void (*)(Camera& camera, const HttpRequest& request, HttpResponse& response);
+    using Function = std::function<void(Camera& camera, const HttpRequest& request, HttpResponse& response)>;
 
     /// @param methods  with spaces in between.
     Route(Camera& camera, const char* methods, Function function)
-        : _camera(camera), _methods(methods), _function(function) {}
+        : _camera(camera), _methods(methods), _function(std::move(function)) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
         response.SetHeader("Cache-Control", "no-store");
@@ -396,12 +399,8 @@ std::string Field(const HttpRequest& request, const char* name) {
 }
 
 std::string Session(const HttpRequest& request) {
-    return Text(request.GetCookie(kCookie));
-}
-
-void SetSession(HttpResponse& response, const std::string& session, const char* more) {
-    response.SetHeader("Set-Cookie",
-                       std::string(kCookie) + "=" + session + "; Path=/; HttpOnly; SameSite=Strict" + more);
+    const std::string session = SessionCookie::Get(request);
+    return Text(&session);
 }
 
 struct Caller {
@@ -427,21 +426,63 @@ Caller Allow(Camera& camera, const HttpRequest& request) {
     return caller;
 }
 
-void Login(Camera& camera, const HttpRequest& request, HttpResponse& response) {
-    const std::string user = Field(request, "user");
-    const std::string password = Field(request, "password");
-    const std::string session =
-        camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
-    if (session.empty()) {
-        throw Failure{401, "User name or password is wrong."};
+/// Logs users in, and slows down who guesses passwords. Used by the HTTP thread alone.
+class Logins {
+public:
+    /// @param isBehindProxy  a proxy on this machine appends the client's address to "X-Forwarded-For".
+    explicit Logins(bool isBehindProxy) : _isBehindProxy(isBehindProxy) {}
+
+    void LogIn(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+        const std::string user = Field(request, "user");
+        const std::string password = Field(request, "password");
+        const std::string address = AddressOf(request);
+        const int seconds = _delay.GetSecondsLeft(user, address);
+        if (seconds > 0) {
+            response.SetHeader("Retry-After", std::to_string(seconds));
+            throw Failure{429, "Too many wrong passwords. Please try again in " + std::to_string(seconds) +
+                                   " seconds."};
+        }
+        const std::string session =
+            camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
+        if (session.empty()) {
+            const int failures = _delay.AddFailure(user, address);
+            _logger->Warning("Refused a login as %s from %s, failure %d from there", ForLog(user).c_str(),
+                             ForLog(address).c_str(), failures);
+            throw Failure{401, "User name or password is wrong."};
+        }
+        _delay.AddSuccess(user, address);
+        SessionCookie::Set(response, session);
+        Answer(response, 200, "{\"user\":" + Quote(user) + "}");
     }
-    SetSession(response, session, "");
-    Answer(response, 200, "{\"user\":" + Quote(user) + "}");
-}
+
+private:
+    std::string AddressOf(const HttpRequest& request) const {
+        const zarip::inet::_ipaddr_t& source = request.GetSource();
+        const std::string* const forwarded = request.GetHeader("X-Forwarded-For");
+        if (_isBehindProxy && forwarded != nullptr && StringUtil::StartsWith(source.ipv4, "127.")) {
+            // The client may have sent the entries before the last one itself.
+            const std::size_t begin = forwarded->find_first_not_of(' ', forwarded->rfind(',') + 1);
+            return begin != std::string::npos ? forwarded->substr(begin) : "";
+        }
+        return source.ipv6[0] != '\0' ? source.ipv6 : source.ipv4;
+    }
+
+    /// What a client sends cannot forge lines of the log.
+    static std::string ForLog(std::string text) {
+        text.resize(std::min<std::size_t>(text.size(), 64));
+        const bool isPlain =
+            std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c < 0x7F; });
+        return isPlain && !text.empty() ? text : "(not a plain name)";
+    }
+
+    zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("WebGateway");
+    const bool _isBehindProxy;
+    LoginDelay _delay;
+};
 
 void Logout(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     camera.Ask([&](auto& service) { return service.Logout(Session(request)); });
-    SetSession(response, "", "; Max-Age=0");
+    SessionCookie::Clear(response);
     Answer(response, 200, "{}");
 }
 
@@ -609,13 +650,18 @@ int main(int argc, char** argv) {
         zarip::core::Logger::ConfigureLogging(settings, "log");
 
         Camera camera;
+        Logins logins(argc > 3 && zarip::core::IniFile(argv[3]).GetBoolOrDefault("web", "proxy", false));
         Page page("text/html; charset=UTF-8", StringUtil::ReadTextFile(argv[1]));
         Page description("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "");
         struct {
             const char* path;
             Route route;
         } routes[] = {
-            {"/login", {camera, "POST", &Login}},
+            {"/login",
+             {camera, "POST",
+              [&logins](Camera& bus, const HttpRequest& request, HttpResponse& response) {
+                  logins.LogIn(bus, request, response);
+              }}},
             {"/logout", {camera, "POST", &Logout}},
             {"/health", {camera, "GET", &Health}},
             {"/api/status", {camera, "GET", &Status}},

@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "../../examples/common/LoginDelay.h"
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "zarip/interfaces/ISecurityProvider.h"
+#include "zarip/msgbus/MsgBus.h"
 #include "zarip/osa/Process.h"
 #include "zarip/osa/TcpSocket.h"
 
@@ -31,6 +35,36 @@ public:
 private:
     test::TempDir _folder;
     std::unique_ptr<osa::Process> _process;
+};
+
+/// What security.ini begins with.
+constexpr const char* kUsers =
+    "[log]\nlog.stdout = true\n[permissions]\nadministrator = configure view\nviewer = view\n"
+    "[paths]\n/api/users = administrator\n";
+
+/// The security service with alice, an administrator, and carol, a viewer; their password is "correct horse".
+class Security {
+public:
+    Security() : _program(SECURITY_SERVICE, {_folder.Write("security.ini", kUsers)}) {
+        bus.StartServer();
+        client.reset(interfaces::ISecurityProvider::CreateClient(&bus));
+        isReady = test::WaitUntil([this] {
+            try {
+                return client->AddUsers("alice:administrator:correct horse\ncarol:viewer:correct horse") == 0;
+            } catch (const std::exception&) {
+                return false;  // not there yet
+            }
+        });
+    }
+
+private:
+    test::TempDir _folder;
+    Program _program;
+
+public:
+    msgbus::MsgBus bus;
+    std::unique_ptr<interfaces::ISecurityProvider> client;
+    bool isReady = false;
 };
 
 class WebGatewayTest : public testing::Test {
@@ -74,7 +108,7 @@ protected:
     }
 
     test::TempDir _folder;
-    string _device = "[device]\nfriendlyName = Yard\n[web]\nnames = camera.local Yard\n";
+    string _device = "[device]\nfriendlyName = Yard\n[web]\nnames = camera.local Yard\nproxy = true\n";
     std::unique_ptr<Program> _gateway;
     string _port;
 };
@@ -146,6 +180,64 @@ TEST_F(WebGatewayTest, ServesOnlyTheNamesItKnows) {
         }
     }
     EXPECT_EQ(CodeOf("GET /", ""), 421);
+}
+
+TEST_F(WebGatewayTest, SlowsDownWhoGuessesPasswords) {
+    const Security security;
+    ASSERT_TRUE(security.isReady);
+    const auto logIn = [this](const string& user, const string& address, const string& password) {
+        return Ask("POST /login", "Host: localhost\r\nX-Forwarded-For: 10.0.0.1, " + address + "\r\n",
+                   "user=" + user + "&password=" + password);
+    };
+    const auto isDelayed = [](const string& answer) {
+        return answer.find(" 429 ") != string::npos && answer.find("\r\nRetry-After: ") != string::npos;
+    };
+    const string right = "correct+horse";
+    EXPECT_NE(logIn("alice", "192.0.2.1", right).find(" 200 "), string::npos);
+    // The delay grows with each failure, so however slow the machine is, an attempt comes too early.
+    EXPECT_TRUE(test::WaitUntil([&] { return isDelayed(logIn("alice", "192.0.2.66", "guess")); }));
+    EXPECT_TRUE(test::WaitUntil([&] { return isDelayed(logIn("carol", "192.0.2.66", right)); }));
+    EXPECT_NE(_gateway->GetOutput().find("Refused a login as alice from 192.0.2.66, failure 1 from there"),
+              string::npos);
+    EXPECT_NE(logIn("alice", "192.0.2.1", right).find(" 200 "), string::npos);  // she was there before
+    logIn("a%0AForged", "192.0.2.9", "guess");
+    EXPECT_EQ(_gateway->GetOutput().find("Forged"), string::npos);
+}
+
+TEST(LoginDelayTest, GrowsForNamesAndAddresses) {
+    using std::chrono::seconds;
+    const auto start = LoginDelay::Clock::now();
+    LoginDelay delay;
+    const auto fail = [&](const string& name, const string& address, int times) {
+        for (int i = 0; i < times; ++i) {
+            delay.AddFailure(name, address, start);
+        }
+    };
+    const auto wait = [&](const string& name, const string& address, int after = 0) {
+        return delay.GetSecondsLeft(name, address, start + seconds(after));
+    };
+    delay.AddSuccess("alice", "home", start);
+    const int expected[] = {0, 0, 1, 2, 4, 8, 16, 32, 60, 60};
+    for (const int left : expected) {
+        fail("alice", "::1:2:3:4:5", 1);
+        EXPECT_EQ(wait("alice", "::1:2:3:4:5"), left);
+    }
+    EXPECT_EQ(wait("alice", "elsewhere", 59), 1);
+    EXPECT_EQ(wait("alice", "elsewhere", 60), 0);
+    EXPECT_EQ(wait("alice", "home"), 0);
+    EXPECT_EQ(wait("bob", "::1:2:3:4:6"), 60);  // of the same network
+    EXPECT_EQ(wait("bob", "home"), 0);
+    delay.AddSuccess("alice", "::1:2:3:4:5", start);
+    EXPECT_EQ(wait("alice", "elsewhere"), 0);
+    EXPECT_EQ(wait("bob", "::1:2:3:4:5"), 60);  // a login does not reset its address
+    // After a quarter of an hour it begins anew, also when there are very many others.
+    delay.AddFailure("alice", "::1:2:3:4:5", start + std::chrono::minutes(16));
+    EXPECT_EQ(wait("alice", "::1:2:3:4:5", 16 * 60), 0);
+    fail("dave", "there", 10);
+    for (int i = 0; i < 2'000; ++i) {
+        delay.AddFailure(std::to_string(i), std::to_string(i), start - seconds(1));
+    }
+    EXPECT_EQ(wait("dave", "there"), 60);
 }
 
 }  // namespace
