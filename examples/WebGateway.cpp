@@ -532,11 +532,17 @@ void Users(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     }
     if (result != 0) {
         // As the security service numbers them.
-        const char* const reasons[] = {
-            "The password is too short.", "Name or password holds characters that cannot be.",
-            "There is no such role.", "There is such a user already.", "There is no such user."};
-        throw Failure{409, result >= 1 && result <= 5
-                               ? reasons[result - 1]
+        const std::map<int, const char*> reasons = {
+            {1, "The password is too short."},
+            {2, "Name or password holds characters that cannot be."},
+            {3, "There is no such role."},
+            {4, "There is such a user already."},
+            {5, "There is no such user."},
+            {7, "This is the last administrator."},
+            {8, "Too many passwords at once. Please try again in a few seconds."}};
+        const auto reason = reasons.find(result);
+        throw Failure{409, reason != reasons.end()
+                               ? reason->second
                                : "The security service refused it with code " + std::to_string(result) + "."};
     }
     Answer(response, 200, UsersAsJson(camera.Ask([](auto& service) { return service.GetUsers(); })));

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <memory>
@@ -9,7 +10,9 @@
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "zarip/core/StringUtil.h"
 #include "zarip/interfaces/ISecurityProvider.h"
+#include "zarip/interfaces/ISmRegistrationProvider.h"
 #include "zarip/msgbus/MsgBus.h"
 #include "zarip/osa/Process.h"
 #include "zarip/osa/TcpSocket.h"
@@ -238,6 +241,78 @@ TEST(LoginDelayTest, GrowsForNamesAndAddresses) {
         delay.AddFailure(std::to_string(i), std::to_string(i), start - seconds(1));
     }
     EXPECT_EQ(wait("dave", "there"), 60);
+}
+
+TEST(SecurityServiceTest, OneUserCannotHinderTheOthers) {
+    const Security security;
+    ASSERT_TRUE(security.isReady);
+    interfaces::ISecurityProvider& service = *security.client;
+    const auto logIn = [&](const string& user) { return service.Authenticate(false, user, "correct horse"); };
+
+    const string alice = logIn("alice");
+    Strings sessions;
+    for (int i = 0; i < 20; ++i) {
+        sessions.push_back(logIn("carol"));
+    }
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+        EXPECT_EQ(service.IsAuthenticated(sessions[i]), i >= 4) << i;
+    }
+    EXPECT_TRUE(service.IsAuthenticated(alice));
+
+    EXPECT_EQ(service.DeleteUsers({"alice"}), 7);
+    EXPECT_EQ(service.DeleteUsers({"carol", "alice"}), 7);
+    EXPECT_EQ(service.ModifyUsers("alice:viewer:"), 7);
+    EXPECT_EQ(service.ModifyUsers("carol:administrator:\nalice:viewer:"), 0);
+    EXPECT_EQ(service.DeleteUsers({"carol"}), 7);
+    EXPECT_EQ(service.ModifyUsers("carol:administrator:another horse\ncarol:viewer:"), 7);
+    EXPECT_EQ(service.GetUsers(), "alice:viewer\ncarol:administrator");
+    EXPECT_NE(logIn("carol"), "");
+}
+
+TEST(SecurityServiceTest, ManyNewPasswordsAreRefusedAtOnce) {
+    const Security security;
+    ASSERT_TRUE(security.isReady);
+    int added = 0;
+    const auto addSixteen = [&](int call) {
+        Strings lines;
+        for (int i = 0; i < 16; ++i) {
+            lines.push_back("u" + std::to_string(call) + "." + std::to_string(i) + ":viewer:correct horse");
+        }
+        const int result = security.client->AddUsers(core::StringUtil::Join(lines, '\n'));
+        added += result == 0 ? 1 : 0;
+        return result;
+    };
+    // Each that is carried out costs four seconds of those to come, and digests take less.
+    bool isRefused = false;
+    for (int call = 0; call < 30; ++call) {
+        isRefused |= addSixteen(call) == 8;
+    }
+    EXPECT_TRUE(isRefused);
+    EXPECT_GE(added, 1);
+    EXPECT_EQ(security.client->ModifyUsers("carol:administrator:"), 0);  // that needs no digest
+}
+
+TEST(RegistrationServiceTest, ManyCallsDoNotFillItsQueue) {
+    const test::TempDir folder;
+    // It accepts nothing, so that the first talk lasts.
+    osa::TcpSocket silent("127.0.0.1", 0);
+    ASSERT_EQ(::listen(silent.getHandle(), 1), 0);
+    const Program program(REGISTRATION_SERVICE, {folder.File("registration.ini"), "camera", "3600"});
+    msgbus::MsgBus bus;
+    bus.StartServer();
+    const std::unique_ptr<interfaces::ISmRegistrationProvider> service(
+        interfaces::ISmRegistrationProvider::CreateClient(&bus));
+    ASSERT_TRUE(test::WaitUntil([&] {
+        try {
+            return !service->IsRegistered();
+        } catch (const std::exception&) {
+            return false;
+        }
+    }));
+    const string manager = "127.0.0.1:" + std::to_string(silent.GetLocalPort());
+    for (int i = 0; i < 700; ++i) {
+        ASSERT_NO_THROW(service->ForceRegister(manager)) << i;
+    }
 }
 
 }  // namespace
