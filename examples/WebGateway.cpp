@@ -20,6 +20,9 @@
 //   answer
 //                                is null. Whoever asks counts as a viewer for a while.
 //   GET    /api/alerts           the last alerts of video analytics; those behind number N with ?after=N
+//
+// Only if it is built with ZARIP_TEST_ROUTES, as the demo does:
+//
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
@@ -70,6 +73,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ContentPolicy.h"
 #include "common/LoginDelay.h"
 #include "common/RequestGuard.h"
 #include "common/SessionCookie.h"
@@ -300,23 +304,42 @@ private:
     int _latestAlert = 0;
 };
 
+/// Whether a query or a form holds a zero byte. The parser's value ends before it, so that "alice%00b" would
+/// be alice.
+bool HoldsZeroByte(const HttpRequest& request) {
+    const std::string* const type = request.GetHeader("Content-Type");
+    const bool isForm = type != nullptr && StringUtil::StartsWith(*type, "application/x-www-form-urlencoded");
+    const std::string form = isForm ? std::string(request.GetBody(), request.GetBodyLength()) : "";
+    for (const std::string& text : {request.GetQueryString(), form}) {
+        if (text.find("%00") != std::string::npos || text.find('\0') != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Answers with what a function makes of a request.
 class Route final : public zarip::inet::IHttpHandler {
 public:
     using Function = std::function<void(Camera& camera, const HttpRequest& request, HttpResponse& response)>;
 
-    /// @param methods  with spaces in between.
+    /// @param methods  with spaces in between, GET first; HEAD comes with it.
     Route(Camera& camera, const char* methods, Function function)
         : _camera(camera), _methods(methods), _function(std::move(function)) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
         response.SetHeader("Cache-Control", "no-store");
-        response.SetHeader("X-Content-Type-Options", "nosniff");
-        const std::vector<std::string> methods = StringUtil::Split(_methods, ' ');
+        std::vector<std::string> methods = StringUtil::Split(_methods, ' ');
+        if (methods.front() == "GET") {
+            methods.insert(methods.begin() + 1, "HEAD");  // the server leaves the body out
+        }
         try {
             if (std::find(methods.begin(), methods.end(), request.GetMethodName()) == methods.end()) {
                 response.SetHeader("Allow", StringUtil::Join(methods, ", "));
                 throw Failure{405, "This method does not fit here."};
+            }
+            if (HoldsZeroByte(request)) {
+                throw Failure{400, "A zero byte."};
             }
             _function(_camera, request, response);
         } catch (const Failure& failure) {
@@ -330,25 +353,18 @@ private:
     Function _function;
 };
 
-/// Answers with a text that stays the same.
-class Page final : public zarip::inet::IHttpHandler {
-public:
-    Page(const char* type, std::string text) : _type(type), _text(std::move(text)) {}
-
-    void HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) override {
+/// Makes a function that answers with a text that stays the same.
+/// @param policy  of the content; "" for none.
+Route::Function ServeText(const char* type, const std::string& text, const std::string& policy) {
+    return [=](Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& response) {
         response.SetCode(200);
-        response.SetHeader("Content-Type", _type);
-        // Nothing from elsewhere, in nobody's frame; a form without its script sends no password anywhere.
-        response.SetHeader("Content-Security-Policy",
-                           "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
-                           "connect-src 'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'");
-        response.SetBody(_text);
-    }
-
-private:
-    const char* _type;
-    std::string _text;
-};
+        response.SetHeader("Content-Type", type);
+        if (!policy.empty()) {
+            response.SetHeader("Content-Security-Policy", policy);
+        }
+        response.SetBody(text);
+    };
+}
 
 /// The description of the device, with what the file says of it.
 std::string DescribeDevice(const char* path) {
@@ -628,6 +644,7 @@ void UnknownApi(Camera& camera, const HttpRequest& request, HttpResponse& /*resp
     throw Failure{404, "There is no such thing."};
 }
 
+#ifdef ZARIP_TEST_ROUTES
 void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& response) {
     const std::string* const announced = request.GetHeader("Content-Length");
     if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
@@ -639,6 +656,7 @@ void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& respo
 void Fault(Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
     throw zarip::osa::Exception("this handler always throws");
 }
+#endif
 
 }  // namespace
 
@@ -657,8 +675,11 @@ int main(int argc, char** argv) {
 
         Camera camera;
         Logins logins(argc > 3 && zarip::core::IniFile(argv[3]).GetBoolOrDefault("web", "proxy", false));
-        Page page("text/html; charset=UTF-8", StringUtil::ReadTextFile(argv[1]));
-        Page description("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "");
+        const std::string text = StringUtil::ReadTextFile(argv[1]);
+        Route page(camera, "GET", ServeText("text/html; charset=UTF-8", text, ContentPolicy::Of(text)));
+        Route description(
+            camera, "GET",
+            ServeText("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "", ""));
         struct {
             const char* path;
             Route route;
@@ -676,8 +697,10 @@ int main(int argc, char** argv) {
             {"/api/camera", {camera, "GET", &CameraStatus}},
             {"/api/alerts", {camera, "GET", &Alerts}},
             {"/api/*", {camera, "GET POST DELETE", &UnknownApi}},
+#ifdef ZARIP_TEST_ROUTES
             {"/measure", {camera, "POST", &Measure}},
             {"/fault", {camera, "GET", &Fault}},
+#endif
         };
         const RequestGuard guard(argc > 3 ? ReadHostNames(argv[3]) : std::vector<std::string>());
         std::list<GuardedHandler> guarded;

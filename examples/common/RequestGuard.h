@@ -94,7 +94,9 @@ private:
     std::vector<std::string> _names;
 };
 
-/// Passes to another handler what the guard lets through, and answers the rest. *Thread-safe* if that is.
+/// Passes to another handler what the guard lets through, and answers the rest. Every answer tells the
+/// browser not to guess the type of what it gets, and not to name the page to other sites. *Thread-safe* if
+/// the other handler is.
 class GuardedHandler final : public zarip::inet::IHttpHandler {
 public:
     /// Both are *not owned* and must outlive this.
@@ -103,6 +105,8 @@ public:
 
     void HandleRequest(const zarip::inet::HttpRequest& request,
                        zarip::inet::HttpResponse& response) override {
+        response.SetHeader("X-Content-Type-Options", "nosniff");
+        response.SetHeader("Referrer-Policy", "same-origin");
         const int refusal = _guard.Check(request);
         if (refusal == 0) {
             _handler.HandleRequest(request, response);

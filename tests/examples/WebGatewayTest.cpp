@@ -207,6 +207,49 @@ TEST_F(WebGatewayTest, SlowsDownWhoGuessesPasswords) {
     EXPECT_EQ(_gateway->GetOutput().find("Forged"), string::npos);
 }
 
+TEST_F(WebGatewayTest, AnswersSafely) {
+    const Security security;
+    ASSERT_TRUE(security.isReady);
+    const string host = "Host: localhost\r\n";
+    const string login = Ask("POST /login", host, "user=alice&password=correct+horse");
+    const std::size_t begin = login.find("session=");
+    ASSERT_NE(begin, string::npos) << login;
+    const string alice = host + "Cookie: " + login.substr(begin, login.find(';', begin) - begin) + "\r\n";
+    const struct {
+        const char* line;
+        const char* form;
+        const char* code;
+        const char* header;
+    } rows[] = {
+        {"GET /", "", "200",
+         "Content-Security-Policy: default-src 'none'; style-src 'none'; script-src "
+         // of "1"
+         "'sha256-a4ayc/80/OGda4BO/1o/V0etpOqiLx1JwB5S3beHW0s='; "},
+        {"HEAD /", "", "200", "Content-Type: text/html"},
+        {"POST /", "", "405", "Allow: GET, HEAD\r\n"},
+        {"PUT /device.xml", "", "405", "Allow: GET, HEAD\r\n"},
+        {"GET /login", "", "405", "Allow: POST\r\n"},
+        {"DELETE /api/events", "", "405", "Allow: GET, HEAD\r\n"},
+        {"PUT /api/users", "", "405", "Allow: GET, HEAD, POST, DELETE\r\n"},
+        {"DELETE /api/users?name=carol%00b", "", "400", ""},
+        {"POST /api/users", "name=a%00b&role=viewer&password=correct+horse", "400", ""},
+        {"POST /login", "user=alice%00b&password=correct+horse", "400", ""},
+        {"GET /api/users", "", "200", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        const string answer = Ask(row.line, alice, row.form);
+        EXPECT_EQ(answer.substr(9, 3), row.code);
+        for (const char* header : {row.header, "X-Content-Type-Options: nosniff\r\n", "Referrer-Policy: "}) {
+            EXPECT_NE(answer.find(header), string::npos) << answer;
+        }
+    }
+    EXPECT_EQ(security.client->GetUsers(), "alice:administrator\ncarol:viewer");
+    for (const char* line : {"POST /measure", "GET /fault"}) {  // only for tests, and not in this build
+        EXPECT_EQ(CodeOf(line, alice), 404) << line;
+    }
+}
+
 TEST(LoginDelayTest, GrowsForNamesAndAddresses) {
     using std::chrono::seconds;
     const auto start = LoginDelay::Clock::now();
