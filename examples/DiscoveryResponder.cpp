@@ -217,11 +217,11 @@ public:
 
     void AcceptBuffer(const unsigned char* buffer, unsigned int length,
                       const UdpSocket::Info& info) override {
-        if (length > kMaxDatagram || info.remotePort == 0 || std::strcmp(info.localIpv4, kGroup) != 0 ||
-            !GetInterface().IsNear(info.remoteIpv4)) {
-            return;
-        }
         try {
+            if (length > kMaxDatagram || info.remotePort == 0 || std::strcmp(info.localIpv4, kGroup) != 0 ||
+                !GetInterface().IsNear(info.remoteIpv4)) {
+                return;
+            }
             std::istringstream in(std::string(reinterpret_cast<const char*>(buffer), length));
             UpnpRequest request;
             in >> request;
@@ -234,7 +234,8 @@ public:
                 Queue({info.remoteIpv4, info.remotePort, *type}, delay);
             }
         } catch (...) {
-            // It was none of ours. Not all that the parser throws is a std::exception.
+            // It was not a search. An exception that leaves this function would end an attempt of the server.
+            // Not all that the parser throws is a std::exception.
         }
     }
 
