@@ -341,7 +341,7 @@ private:
             response.SetUSN(target.name.c_str());
             const std::string text = Format(response);
             if (text.size() > left || !TakeAnswer(search.address)) {
-                return;  // whoever forges the sender of a search gains little
+                return;  // a forged sender is not flooded
             }
             left -= text.size();
             Send(socket, text, search.address.c_str(), search.port);

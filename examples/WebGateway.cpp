@@ -442,7 +442,7 @@ Caller Allow(Camera& camera, const HttpRequest& request) {
     return caller;
 }
 
-/// Logs users in, and slows down who guesses passwords. Used by the HTTP thread alone.
+/// Logs users in, and slows down attempts to guess passwords. Used by the HTTP thread alone.
 class Logins {
 public:
     /// @param isBehindProxy  a proxy on this machine appends the client's address to "X-Forwarded-For".

@@ -8,10 +8,10 @@
 #include <map>
 #include <string>
 
-/// Slows down who guesses passwords. After three failures in a row the next attempt has to wait for a second,
-/// and each further failure doubles that, up to a minute. Names and addresses are counted separately, so that
-/// neither many addresses with one name nor many names from one address get around it. *One thread at a
-/// time*.
+/// Slows down attempts to guess passwords. After three failures in a row the next attempt has to wait for a
+/// second, and each further failure doubles that, up to a minute. Names and addresses are counted separately,
+/// so that neither many addresses with one name nor many names from one address get around it. *One thread at
+/// a time*.
 ///
 /// An address from which a name has logged in before does not wait for that name: guesses from elsewhere
 /// cannot keep the user out. What has not failed for a quarter of an hour is forgotten.
@@ -60,7 +60,7 @@ private:
     };
     using Entries = std::map<std::string, Entry>;
 
-    /// Whoever has an IPv6 address has its whole network of 64 bits.
+    /// A client with an IPv6 address can use its whole network of 64 bits.
     static std::string AddressKey(const std::string& address) {
         in6_addr bytes{};
         const bool isIpv6 = ::inet_pton(AF_INET6, address.c_str(), &bytes) == 1;

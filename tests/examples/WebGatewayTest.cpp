@@ -185,7 +185,7 @@ TEST_F(WebGatewayTest, ServesOnlyTheNamesItKnows) {
     EXPECT_EQ(CodeOf("GET /", ""), 421);
 }
 
-TEST_F(WebGatewayTest, SlowsDownWhoGuessesPasswords) {
+TEST_F(WebGatewayTest, SlowsDownGuesses) {
     const Security security;
     ASSERT_TRUE(security.isReady);
     const auto logIn = [this](const string& user, const string& address, const string& password) {
