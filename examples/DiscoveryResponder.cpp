@@ -41,6 +41,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -65,11 +68,13 @@ constexpr const char* kGroup = "239.255.255.250";
 constexpr unsigned short kPort = 1900;
 constexpr unsigned int kMaxDatagram = 1400;
 constexpr std::size_t kMaxUrl = 256;
-constexpr int kMaxDelay = 5;              // seconds, whatever a search allows
-constexpr std::size_t kMaxWaiting = 32;   // answers
-constexpr long kMaxWaitingOfOne = 8;      // of one address
-constexpr int kMaxSearchesInSecond = 20;  // that are answered
-constexpr int kFirstAnnouncements = 3;    // datagrams get lost
+constexpr int kMaxDelay = 5;                     // seconds, whatever a search allows
+constexpr std::size_t kMaxWaiting = 32;          // answers
+constexpr long kMaxWaitingOfOne = 8;             // of one address
+constexpr int kMaxSearchesInSecond = 20;         // that are answered
+constexpr std::size_t kMaxAnswersInSecond = 10;  // to one address
+constexpr std::size_t kMaxGrowth = 4;            // times the bytes of a search are answered
+constexpr int kFirstAnnouncements = 3;           // datagrams get lost
 constexpr TimeSpan kFirstPause = TimeSpan::FromSeconds(1);
 
 int Random(int least, int most) {
@@ -157,29 +162,32 @@ struct Search {
     std::string address;
     unsigned short port;
     std::string type;
+    std::size_t length;  // of the datagram
 
     friend bool operator<(const Search& a, const Search& b) {
         return std::tie(a.address, a.port, a.type) < std::tie(b.address, b.port, b.type);
     }
 };
 
-/// The seconds that a search allows for its answer; 0 when it does not say so.
+/// The seconds that a search allows for its answer; 0 if it does not say so or allows none, and is ignored.
 int MaxDelay(const std::string* value) {
     const std::string digits = value != nullptr ? StringUtil::Strip(*value) : "";
     if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos) {
         return 0;
     }
     unsigned int seconds = 0;
-    return StringUtil::TryParse(digits, seconds) && seconds < kMaxDelay
-               ? std::max(static_cast<int>(seconds), 1)
-               : kMaxDelay;
+    return StringUtil::TryParse(digits, seconds) && seconds < kMaxDelay ? static_cast<int>(seconds)
+                                                                        : kMaxDelay;
 }
 
 template <class Message>
-void Send(const UdpSocket& socket, const Message& message, const char* host, unsigned short port) {
+std::string Format(const Message& message) {
     std::ostringstream out;
     out << message;
-    const std::string text = out.str();
+    return out.str();
+}
+
+void Send(const UdpSocket& socket, const std::string& text, const char* host, unsigned short port) {
     socket.SendTo(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()),
                   host, port);
 }
@@ -217,11 +225,11 @@ public:
 
     void AcceptBuffer(const unsigned char* buffer, unsigned int length,
                       const UdpSocket::Info& info) override {
-        if (length > kMaxDatagram || info.remotePort == 0 || std::strcmp(info.localIpv4, kGroup) != 0 ||
-            !GetInterface().IsNear(info.remoteIpv4)) {
-            return;
-        }
         try {
+            if (length > kMaxDatagram || info.remotePort == 0 || std::strcmp(info.localIpv4, kGroup) != 0 ||
+                !GetInterface().IsNear(info.remoteIpv4)) {
+                return;
+            }
             std::istringstream in(std::string(reinterpret_cast<const char*>(buffer), length));
             UpnpRequest request;
             in >> request;
@@ -231,10 +239,11 @@ public:
             if (request.GetMethod() == UpnpRequest::MSER && request.GetPath() == "*" &&
                 request.GetProtocol() == "HTTP/1.1" && what != nullptr && *what == "\"ssdp:discover\"" &&
                 delay > 0 && type != nullptr && !Matching(*type).empty()) {
-                Queue({info.remoteIpv4, info.remotePort, *type}, delay);
+                Queue({info.remoteIpv4, info.remotePort, *type, length}, delay);
             }
         } catch (...) {
-            // It was none of ours. Not all that the parser throws is a std::exception.
+            // It was not a search. An exception that leaves this function would end an attempt of the server.
+            // Not all that the parser throws is a std::exception.
         }
     }
 
@@ -319,6 +328,7 @@ private:
             interface = _interface;
         }
         const UdpSocket socket(interface.address.c_str(), 0, 0);
+        std::size_t left = kMaxGrowth * search.length;
         for (const Target& target : Matching(search.type)) {
             UpnpResponse response;
             response.SetCode(200);
@@ -329,8 +339,30 @@ private:
             response.SetServer(_serverName.c_str());
             response.SetST(target.type.c_str());
             response.SetUSN(target.name.c_str());
-            Send(socket, response, search.address.c_str(), search.port);
+            const std::string text = Format(response);
+            if (text.size() > left || !TakeAnswer(search.address)) {
+                return;  // a forged sender is not flooded
+            }
+            left -= text.size();
+            Send(socket, text, search.address.c_str(), search.port);
         }
+    }
+
+    /// Whether the address may get one more answer; counts it. Called on the pool's thread alone.
+    bool TakeAnswer(const std::string& address) {
+        const Clock::time_point now = Clock::now();
+        for (auto answers = _answers.begin(); answers != _answers.end();) {
+            while (!answers->second.empty() && now - answers->second.front() > std::chrono::seconds(1)) {
+                answers->second.pop_front();
+            }
+            answers = answers->second.empty() ? _answers.erase(answers) : std::next(answers);
+        }
+        std::deque<Clock::time_point>& last = _answers[address];
+        if (last.size() >= kMaxAnswersInSecond) {
+            return false;
+        }
+        last.push_back(now);
+        return true;
     }
 
     /// The next one comes after a quarter to a half of the time for which others remember this one.
@@ -357,7 +389,7 @@ private:
                 request.SetLocation(Location(interface).c_str());
                 request.SetServer(_serverName.c_str());
             }
-            Send(socket, request, kGroup, kPort);
+            Send(socket, Format(request), kGroup, kPort);
         }
     }
 
@@ -375,6 +407,7 @@ private:
     Clock::time_point _second;
     int _searchesInSecond = 0;
     int _announcements = 0;
+    std::map<std::string, std::deque<Clock::time_point>> _answers;  // of the last second, by address
     std::unique_ptr<zarip::core::ThreadPool> _pool = std::make_unique<zarip::core::ThreadPool>();
     /// One byte more, so that a datagram that was cut is told from one that just fits.
     zarip::osa::MulticastServer _server{"0.0.0.0", kPort, kMaxDatagram + 1, 0};

@@ -24,6 +24,7 @@
 #include <zarip/osa/TimeSpan.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -117,7 +118,11 @@ public:
             throw zarip::osa::Exception("this is no address of a manager");
         }
         Begin({manager, false, false});
-        _pool.GetTaskQueue()->QueueTask(zarip::core::MakeDelegate(this, &RegistrationService::Talk));
+        // A talk that waits for its turn will be with the newest manager, so one is enough.
+        if (!_isTalkQueued.exchange(true)) {
+            _pool.GetTaskQueue()->QueueTask(
+                zarip::core::MakeDelegate(this, &RegistrationService::TalkWhenForced));
+        }
     }
 
 private:
@@ -149,6 +154,11 @@ private:
     void OnTime() {
         _pool.GetTaskQueue()->QueueTask(_pause,
                                         zarip::core::MakeDelegate(this, &RegistrationService::OnTime));
+        Talk();
+    }
+
+    void TalkWhenForced() {
+        _isTalkQueued = false;  // before the manager is read: a later one makes another talk
         Talk();
     }
 
@@ -184,6 +194,7 @@ private:
     std::mutex _mutex;
     State _state;
     int _beginnings = 0;
+    std::atomic<bool> _isTalkQueued{false};
     zarip::core::ThreadPool _pool;  // last: its task needs the others
 };
 

@@ -51,12 +51,17 @@ enum Result {
     kUserExists = 4,
     kNoSuchUser = 5,
     kWrongPassword = 6,
+    kLastAdministrator = 7,
+    kTooManyPasswords = 8,
 };
 
 constexpr std::size_t kMinPassword = 8;
 constexpr std::size_t kMaxText = 256;
 constexpr std::size_t kMaxUsersInCall = 16;  // a digest takes its time on purpose
+constexpr int kPasswordsAtOnce = 16;
+constexpr std::chrono::milliseconds kPasswordPause(250);  // after those, one more each time
 constexpr std::size_t kMaxSessions = 1000;
+constexpr std::size_t kMaxSessionsOfUser = 16;
 constexpr unsigned int kIterations = 20'000;
 
 std::string ToHex(const unsigned char* bytes, std::size_t count) {
@@ -129,12 +134,13 @@ public:
             return "";
         }
         DropSessions([](const Session& session) { return session.end <= Clock::now(); });
-        if (_sessions.size() >= kMaxSessions) {
-            throw zarip::osa::Exception("too many sessions");
-        }
+        // A user with too many loses the oldest of them and takes nothing from others.
+        DropOldestSession(kMaxSessionsOfUser,
+                          [&name](const Session& session) { return session.user == name; });
+        DropOldestSession(kMaxSessions, [](const Session& /*session*/) { return true; });
         const std::string id = Random();
         const Clock::duration length = keep ? _keptSessionLength : _sessionLength;
-        _sessions[id] = {name, length, Clock::now() + length};
+        _sessions[id] = {name, length, Clock::now() + length, ++_sessionsMade};
         _logger->Information("User %s is authenticated", name.c_str());
         return id;
     }
@@ -216,12 +222,10 @@ public:
                 return kNoSuchUser;
             }
         }
-        if (!names.empty()) {
-            Keep(changed);
-            EndSessionsOf(names);
-            UsersChanged.FireEvent(true);
+        if (names.empty()) {
+            return kDone;
         }
-        return kDone;
+        return KeepUsers(changed, names);
     }
 
     int ValidatePassword(const std::string& name, const std::string& oldPassword,
@@ -283,6 +287,7 @@ private:
         std::string user;
         Clock::duration length;
         Clock::time_point end;
+        unsigned long long number;  // counts up
     };
 
     IniFile::Group GroupOf(const std::string& name) const {
@@ -310,43 +315,97 @@ private:
             return kMalformed;
         }
         IniFile changed = _ini;
-        Strings names;
+        std::map<std::string, std::string> passwords;
         for (const std::string& line : lines) {
-            const std::size_t first = line.find(':');
-            const std::size_t second = first == std::string::npos ? first : line.find(':', first + 1);
-            if (second == std::string::npos) {
-                return kMalformed;
+            const int result = SetUser(line, mustExist, changed, passwords);
+            if (result != kDone) {
+                return result;
             }
-            const std::string name = line.substr(0, first);
-            const std::string password = line.substr(second + 1);
-            const bool keepsPassword = mustExist && password.empty();
-            if (!IsName(name) || (!keepsPassword && !password.empty() && !IsValue(password))) {
-                return kMalformed;
-            }
-            if (changed.HasValue("users", name) != mustExist) {
-                return mustExist ? kNoSuchUser : kUserExists;
-            }
+        }
+        if (!TakeTimeForPasswords(passwords.size())) {
+            return kTooManyPasswords;
+        }
+        Strings names;
+        for (const auto& [name, password] : passwords) {
+            User user;
+            user.role = changed.GetValueOrDefault("users", name);
+            user.salt = Random();
+            user.digest = Digest(password, user.salt, user.iterations);
+            SetUser(changed, name, user);
+            names.push_back(name);
+        }
+        return KeepUsers(changed, names);
+    }
+
+    /// Checks one line and puts its user into the file; one whose password is new gets the role only, and
+    /// the password into `passwords`, since its digest takes time that a wrong line is not worth.
+    int SetUser(const std::string& line, bool mustExist, IniFile& changed,
+                std::map<std::string, std::string>& passwords) const {
+        const std::size_t first = line.find(':');
+        const std::size_t second = first == std::string::npos ? first : line.find(':', first + 1);
+        if (second == std::string::npos) {
+            return kMalformed;
+        }
+        const std::string name = line.substr(0, first);
+        const std::string role = line.substr(first + 1, second - first - 1);
+        const std::string password = line.substr(second + 1);
+        if (!IsName(name) || (!password.empty() && !IsValue(password))) {
+            return kMalformed;
+        }
+        if (changed.HasValue("users", name) != mustExist) {
+            return mustExist ? kNoSuchUser : kUserExists;
+        }
+        if (!IsName(role) || !_ini.HasValue("permissions", role)) {
+            return kUnknownRole;
+        }
+        if (mustExist && password.empty()) {
             User user;
             FindUser(name, user);
-            user.role = line.substr(first + 1, second - first - 1);
-            if (!IsName(user.role) || !_ini.HasValue("permissions", user.role)) {
-                return kUnknownRole;
-            }
-            if (!keepsPassword) {
-                if (password.size() < kMinPassword) {
-                    return kPasswordTooShort;
-                }
-                user.iterations = kIterations;
-                user.salt = Random();
-                user.digest = Digest(password, user.salt, user.iterations);
-                names.push_back(name);
-            }
-            changed.SetValue(
-                "users", name,
-                user.role + " " + std::to_string(user.iterations) + " " + user.salt + " " + user.digest);
+            user.role = role;
+            passwords.count(name) != 0 ? changed.SetValue("users", name, role) : SetUser(changed, name, user);
+            return kDone;
+        }
+        if (password.size() < kMinPassword) {
+            return kPasswordTooShort;
+        }
+        changed.SetValue("users", name, role);
+        passwords[name] = password;
+        return kDone;
+    }
+
+    static void SetUser(IniFile& file, const std::string& name, const User& user) {
+        file.SetValue(
+            "users", name,
+            user.role + " " + std::to_string(user.iterations) + " " + user.salt + " " + user.digest);
+    }
+
+    /// Digests of many passwords would keep all other callers waiting: some are made at once, and then one
+    /// in each pause. False when the last ones are not paid for yet.
+    bool TakeTimeForPasswords(std::size_t count) {
+        const Clock::time_point now = Clock::now();
+        if (count > 0 && _passwordsPaidUntil > now + (kPasswordsAtOnce - 1) * kPasswordPause) {
+            return false;
+        }
+        _passwordsPaidUntil = std::max(_passwordsPaidUntil, now) + static_cast<int>(count) * kPasswordPause;
+        return true;
+    }
+
+    /// Whether there is a user whose role may configure the camera.
+    static bool HasAdministrator(const IniFile& file) {
+        const IniFile::Group users = file.HasGroup("users") ? file["users"] : IniFile::Group();
+        return std::any_of(users.begin(), users.end(), [&file](const auto& user) {
+            const std::string role = user.second.substr(0, user.second.find(' '));
+            return Holds(file.GetValueOrDefault("permissions", role), "configure");
+        });
+    }
+
+    /// Without an administrator nobody could ever change the users again.
+    int KeepUsers(const IniFile& changed, const Strings& endSessionsOf) {
+        if (HasAdministrator(_ini) && !HasAdministrator(changed)) {
+            return kLastAdministrator;
         }
         Keep(changed);
-        EndSessionsOf(names);
+        EndSessionsOf(endSessionsOf);
         UsersChanged.FireEvent(true);
         return kDone;
     }
@@ -376,6 +435,24 @@ private:
     void DropSessions(Condition condition) {
         for (auto session = _sessions.begin(); session != _sessions.end();) {
             session = condition(session->second) ? _sessions.erase(session) : std::next(session);
+        }
+    }
+
+    /// Makes room for one more session of those that fit the condition.
+    template <class Condition>
+    void DropOldestSession(std::size_t most, Condition condition) {
+        std::size_t count = 0;
+        auto oldest = _sessions.end();
+        for (auto session = _sessions.begin(); session != _sessions.end(); ++session) {
+            if (condition(session->second)) {
+                ++count;
+                const bool isOlder =
+                    oldest == _sessions.end() || session->second.number < oldest->second.number;
+                oldest = isOlder ? session : oldest;
+            }
+        }
+        if (count >= most) {
+            _sessions.erase(oldest);
         }
     }
 
@@ -419,6 +496,8 @@ private:
     Clock::duration _sessionLength;
     Clock::duration _keptSessionLength;
     std::map<std::string, Session> _sessions;
+    unsigned long long _sessionsMade = 0;
+    Clock::time_point _passwordsPaidUntil;
 };
 
 }  // namespace

@@ -7,7 +7,8 @@
 //   device.ini, as for discovery-responder.
 //
 //   GET    /                     the page
-//   POST   /login                form "user", "password"; sets the session cookie
+//   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
+//                                answers 429 until the time in "Retry-After" has passed.
 //   POST   /logout
 //   GET    /device.xml           the UPnP description, where there is a DEVICE
 //   GET    /health               whether the bus and the security service are there
@@ -19,12 +20,17 @@
 //   answer
 //                                is null. Whoever asks counts as a viewer for a while.
 //   GET    /api/alerts           the last alerts of video analytics; those behind number N with ?after=N
+//
+// Only if it is built with ZARIP_TEST_ROUTES, as the demo does:
+//
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
-// Answers are JSON. /api/ answers 401 without a valid login and 403 where the role is not enough; what needs
-// the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login is a
-// session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
+// Answers are JSON. A request that changes something and comes from the page of another site, or of another
+// port, is answered 403, and one for a host that is neither a numeric address nor "localhost" nor a name in
+// DEVICE 421. /api/ answers 401 without a valid login and 403 where the role is not enough; what
+// needs the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login
+// is a session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/writer.h>
@@ -58,6 +64,8 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -65,6 +73,10 @@
 #include <string>
 #include <vector>
 
+#include "common/ContentPolicy.h"
+#include "common/LoginDelay.h"
+#include "common/RequestGuard.h"
+#include "common/SessionCookie.h"
 #include "common/WaitForStop.h"
 
 namespace {
@@ -82,7 +94,6 @@ constexpr std::size_t kKeptAlerts = 50;
 constexpr std::size_t kMostAlertText = 200;  // bytes of each text
 constexpr std::chrono::seconds kViewerTime(15);
 constexpr const char* kStream = "main";
-constexpr const char* kCookie = "session";
 
 template <class Element>
 std::string ToJson(const Element& element) {
@@ -293,23 +304,42 @@ private:
     int _latestAlert = 0;
 };
 
+/// Whether a query or a form holds a zero byte. The parser's value ends before it, so that "alice%00b" would
+/// be alice.
+bool HoldsZeroByte(const HttpRequest& request) {
+    const std::string* const type = request.GetHeader("Content-Type");
+    const bool isForm = type != nullptr && StringUtil::StartsWith(*type, "application/x-www-form-urlencoded");
+    const std::string form = isForm ? std::string(request.GetBody(), request.GetBodyLength()) : "";
+    for (const std::string& text : {request.GetQueryString(), form}) {
+        if (text.find("%00") != std::string::npos || text.find('\0') != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Answers with what a function makes of a request.
 class Route final : public zarip::inet::IHttpHandler {
 public:
-    using Function = void (*)(Camera& camera, const HttpRequest& request, HttpResponse& response);
+    using Function = std::function<void(Camera& camera, const HttpRequest& request, HttpResponse& response)>;
 
-    /// @param methods  with spaces in between.
+    /// @param methods  with spaces in between, GET first; HEAD comes with it.
     Route(Camera& camera, const char* methods, Function function)
-        : _camera(camera), _methods(methods), _function(function) {}
+        : _camera(camera), _methods(methods), _function(std::move(function)) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
         response.SetHeader("Cache-Control", "no-store");
-        response.SetHeader("X-Content-Type-Options", "nosniff");
-        const std::vector<std::string> methods = StringUtil::Split(_methods, ' ');
+        std::vector<std::string> methods = StringUtil::Split(_methods, ' ');
+        if (methods.front() == "GET") {
+            methods.insert(methods.begin() + 1, "HEAD");  // the server leaves the body out
+        }
         try {
             if (std::find(methods.begin(), methods.end(), request.GetMethodName()) == methods.end()) {
                 response.SetHeader("Allow", StringUtil::Join(methods, ", "));
                 throw Failure{405, "This method does not fit here."};
+            }
+            if (HoldsZeroByte(request)) {
+                throw Failure{400, "A zero byte."};
             }
             _function(_camera, request, response);
         } catch (const Failure& failure) {
@@ -323,25 +353,18 @@ private:
     Function _function;
 };
 
-/// Answers with a text that stays the same.
-class Page final : public zarip::inet::IHttpHandler {
-public:
-    Page(const char* type, std::string text) : _type(type), _text(std::move(text)) {}
-
-    void HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) override {
+/// Makes a function that answers with a text that stays the same.
+/// @param policy  of the content; "" for none.
+Route::Function ServeText(const char* type, const std::string& text, const std::string& policy) {
+    return [=](Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& response) {
         response.SetCode(200);
-        response.SetHeader("Content-Type", _type);
-        // Nothing from elsewhere, in nobody's frame; a form without its script sends no password anywhere.
-        response.SetHeader("Content-Security-Policy",
-                           "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
-                           "connect-src 'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'");
-        response.SetBody(_text);
-    }
-
-private:
-    const char* _type;
-    std::string _text;
-};
+        response.SetHeader("Content-Type", type);
+        if (!policy.empty()) {
+            response.SetHeader("Content-Security-Policy", policy);
+        }
+        response.SetBody(text);
+    };
+}
 
 /// The description of the device, with what the file says of it.
 std::string DescribeDevice(const char* path) {
@@ -369,6 +392,12 @@ std::string DescribeDevice(const char* path) {
     return text.str();
 }
 
+/// The names by which browsers may ask for the camera.
+std::vector<std::string> ReadHostNames(const char* path) {
+    const zarip::core::IniFile file(path);
+    return StringUtil::Split(file.GetValueOrDefault("web", "names"), ' ');
+}
+
 std::string Text(const std::string* value) {
     // The bus would carry what stands before it.
     if (value != nullptr && value->find('\0') != std::string::npos) {
@@ -386,12 +415,8 @@ std::string Field(const HttpRequest& request, const char* name) {
 }
 
 std::string Session(const HttpRequest& request) {
-    return Text(request.GetCookie(kCookie));
-}
-
-void SetSession(HttpResponse& response, const std::string& session, const char* more) {
-    response.SetHeader("Set-Cookie",
-                       std::string(kCookie) + "=" + session + "; Path=/; HttpOnly; SameSite=Strict" + more);
+    const std::string session = SessionCookie::Get(request);
+    return Text(&session);
 }
 
 struct Caller {
@@ -417,21 +442,63 @@ Caller Allow(Camera& camera, const HttpRequest& request) {
     return caller;
 }
 
-void Login(Camera& camera, const HttpRequest& request, HttpResponse& response) {
-    const std::string user = Field(request, "user");
-    const std::string password = Field(request, "password");
-    const std::string session =
-        camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
-    if (session.empty()) {
-        throw Failure{401, "User name or password is wrong."};
+/// Logs users in, and slows down attempts to guess passwords. Used by the HTTP thread alone.
+class Logins {
+public:
+    /// @param isBehindProxy  a proxy on this machine appends the client's address to "X-Forwarded-For".
+    explicit Logins(bool isBehindProxy) : _isBehindProxy(isBehindProxy) {}
+
+    void LogIn(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+        const std::string user = Field(request, "user");
+        const std::string password = Field(request, "password");
+        const std::string address = AddressOf(request);
+        const int seconds = _delay.GetSecondsLeft(user, address);
+        if (seconds > 0) {
+            response.SetHeader("Retry-After", std::to_string(seconds));
+            throw Failure{429, "Too many wrong passwords. Please try again in " + std::to_string(seconds) +
+                                   " seconds."};
+        }
+        const std::string session =
+            camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
+        if (session.empty()) {
+            const int failures = _delay.AddFailure(user, address);
+            _logger->Warning("Refused a login as %s from %s, failure %d from there", ForLog(user).c_str(),
+                             ForLog(address).c_str(), failures);
+            throw Failure{401, "User name or password is wrong."};
+        }
+        _delay.AddSuccess(user, address);
+        SessionCookie::Set(response, session);
+        Answer(response, 200, "{\"user\":" + Quote(user) + "}");
     }
-    SetSession(response, session, "");
-    Answer(response, 200, "{\"user\":" + Quote(user) + "}");
-}
+
+private:
+    std::string AddressOf(const HttpRequest& request) const {
+        const zarip::inet::_ipaddr_t& source = request.GetSource();
+        const std::string* const forwarded = request.GetHeader("X-Forwarded-For");
+        if (_isBehindProxy && forwarded != nullptr && StringUtil::StartsWith(source.ipv4, "127.")) {
+            // The client may have sent the entries before the last one itself.
+            const std::size_t begin = forwarded->find_first_not_of(' ', forwarded->rfind(',') + 1);
+            return begin != std::string::npos ? forwarded->substr(begin) : "";
+        }
+        return source.ipv6[0] != '\0' ? source.ipv6 : source.ipv4;
+    }
+
+    /// What a client sends cannot forge lines of the log.
+    static std::string ForLog(std::string text) {
+        text.resize(std::min<std::size_t>(text.size(), 64));
+        const bool isPlain =
+            std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c < 0x7F; });
+        return isPlain && !text.empty() ? text : "(not a plain name)";
+    }
+
+    zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("WebGateway");
+    const bool _isBehindProxy;
+    LoginDelay _delay;
+};
 
 void Logout(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     camera.Ask([&](auto& service) { return service.Logout(Session(request)); });
-    SetSession(response, "", "; Max-Age=0");
+    SessionCookie::Clear(response);
     Answer(response, 200, "{}");
 }
 
@@ -481,11 +548,17 @@ void Users(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     }
     if (result != 0) {
         // As the security service numbers them.
-        const char* const reasons[] = {
-            "The password is too short.", "Name or password holds characters that cannot be.",
-            "There is no such role.", "There is such a user already.", "There is no such user."};
-        throw Failure{409, result >= 1 && result <= 5
-                               ? reasons[result - 1]
+        const std::map<int, const char*> reasons = {
+            {1, "The password is too short."},
+            {2, "Name or password holds characters that cannot be."},
+            {3, "There is no such role."},
+            {4, "There is such a user already."},
+            {5, "There is no such user."},
+            {7, "This is the last administrator."},
+            {8, "Too many passwords at once. Please try again in a few seconds."}};
+        const auto reason = reasons.find(result);
+        throw Failure{409, reason != reasons.end()
+                               ? reason->second
                                : "The security service refused it with code " + std::to_string(result) + "."};
     }
     Answer(response, 200, UsersAsJson(camera.Ask([](auto& service) { return service.GetUsers(); })));
@@ -571,6 +644,7 @@ void UnknownApi(Camera& camera, const HttpRequest& request, HttpResponse& /*resp
     throw Failure{404, "There is no such thing."};
 }
 
+#ifdef ZARIP_TEST_ROUTES
 void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& response) {
     const std::string* const announced = request.GetHeader("Content-Length");
     if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
@@ -582,6 +656,7 @@ void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& respo
 void Fault(Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
     throw zarip::osa::Exception("this handler always throws");
 }
+#endif
 
 }  // namespace
 
@@ -599,13 +674,21 @@ int main(int argc, char** argv) {
         zarip::core::Logger::ConfigureLogging(settings, "log");
 
         Camera camera;
-        Page page("text/html; charset=UTF-8", StringUtil::ReadTextFile(argv[1]));
-        Page description("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "");
+        Logins logins(argc > 3 && zarip::core::IniFile(argv[3]).GetBoolOrDefault("web", "proxy", false));
+        const std::string text = StringUtil::ReadTextFile(argv[1]);
+        Route page(camera, "GET", ServeText("text/html; charset=UTF-8", text, ContentPolicy::Of(text)));
+        Route description(
+            camera, "GET",
+            ServeText("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "", ""));
         struct {
             const char* path;
             Route route;
         } routes[] = {
-            {"/login", {camera, "POST", &Login}},
+            {"/login",
+             {camera, "POST",
+              [&logins](Camera& bus, const HttpRequest& request, HttpResponse& response) {
+                  logins.LogIn(bus, request, response);
+              }}},
             {"/logout", {camera, "POST", &Logout}},
             {"/health", {camera, "GET", &Health}},
             {"/api/status", {camera, "GET", &Status}},
@@ -614,17 +697,24 @@ int main(int argc, char** argv) {
             {"/api/camera", {camera, "GET", &CameraStatus}},
             {"/api/alerts", {camera, "GET", &Alerts}},
             {"/api/*", {camera, "GET POST DELETE", &UnknownApi}},
+#ifdef ZARIP_TEST_ROUTES
             {"/measure", {camera, "POST", &Measure}},
             {"/fault", {camera, "GET", &Fault}},
+#endif
         };
+        const RequestGuard guard(argc > 3 ? ReadHostNames(argv[3]) : std::vector<std::string>());
+        std::list<GuardedHandler> guarded;
         zarip::inet::HttpServer server("127.0.0.1", port);
         server.SetStandardResponses(true);
-        server.AddHandler("/", &page);
+        const auto add = [&](const char* path, zarip::inet::IHttpHandler& handler) {
+            server.AddHandler(path, &guarded.emplace_back(guard, handler));
+        };
+        add("/", page);
         if (argc > 3) {
-            server.AddHandler("/device.xml", &description);
+            add("/device.xml", description);
         }
         for (auto& [path, route] : routes) {
-            server.AddHandler(path, &route);
+            add(path, route);
         }
         try {
             camera.Connect();

@@ -19,6 +19,9 @@ namespace zarip::osa {
 /// Mind that an attempt also ends, and counts, when the callback throws: the socket is closed, and after the
 /// last attempt the server receives no more. A callback that parses what strangers send catches everything.
 ///
+/// It receives what is sent to a group only after `AddMembership`, which is called before `Start`; the
+/// address it is bound to joins nothing.
+///
 /// `Stop` cuts both pauses short. Delegates are *called on MulticastSocketThread* with the mutex of their
 /// list held. *Thread-safe* as `UdpServer` is.
 class ZARIP_EXPORT MulticastServer : public UdpServer {
