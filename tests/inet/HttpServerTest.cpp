@@ -353,7 +353,7 @@ TEST_F(HttpServerTest, AHandlerThatTakesLongDelaysOnlyTheRequestsThatWaitForOne)
         for (unsigned int i = 0; i < workers; ++i) {
             entered.Lock();
         }
-        EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // the loop goes on
+        EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // the loop is not held up
         EXPECT_EQ(running, static_cast<int>(workers));
         for (int i = 0; i < 5; ++i) {
             leave.Release();
@@ -632,7 +632,7 @@ TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
     _server->AddHandler("/stream/*", &stream);
     _server->SetStandardResponses(true);
     _server->StartServerThread();
-    // A client that waits is told to go on when the connection is taken, and not when it is refused.
+    // A client that waits is told to continue when the connection is taken, and not when it is refused.
     const string expect = "Expect: 100-continue\r\n";
     const string go = "HTTP/1.1 100 Continue\r\n\r\n";
     const Socket waits = SendTo(put("firmware", expect));
