@@ -32,14 +32,14 @@ public:
 ///
 /// A request that finds fewer than n handlers running costs no change of threads: the leader itself runs its
 /// handler. Meanwhile another thread, the watcher, looks after it every four milliseconds. If it finds the
-/// same handler at two looks in a row it takes the lead over, and the leader goes on as a worker. So a
+/// same handler at two looks in a row it takes the lead over, and the leader becomes a worker. So a
 /// handler delays the loop by at most eight milliseconds, however long it runs. Once one has taken long, the
 /// watcher is woken for the next sixteen at once. A loop on a thread of its own would do without all this,
 /// and would cost every request two changes of threads, which is more than serving it does.
 ///
 /// `_turn` says who leads. It is even while the leader is in its loop and odd while it runs a handler. The
 /// leader makes it odd before the handler. After it, leader and watcher compete to make it even again, and
-/// who succeeds has the lead. The state of the loop is handed on with it.
+/// the one that succeeds leads. The state of the loop is handed on with it.
 ///
 /// `_mutex` guards the requests that wait and the roles of threads; it is never held while a handler runs.
 class HttpThreads {

@@ -22,7 +22,7 @@ public:
     virtual ~HeldConnection() = default;
 
     UniqueFd fd;
-    /// Stands for the connection in the packet capture.
+    /// The number of the connection in the packet capture.
     unsigned short port = 0;
     /// What the server keeps for the connection: bytes read ahead, or an answer on its way out.
     std::string bytes;

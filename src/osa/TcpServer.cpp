@@ -289,7 +289,7 @@ TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Peek(HeldConnection& connect
     return command == CaptureControl::Command::kMaybe ? State::kWaiting : State::kReady;
 }
 
-/// Carries out a command; false if it is none.
+/// Carries out a command; false if there is nothing to carry out.
 bool TcpServer::Impl::Loop::HasControlled(HeldConnection& connection, CaptureControl::Command command) {
     if (command != CaptureControl::Command::kStart && command != CaptureControl::Command::kStop) {
         return false;

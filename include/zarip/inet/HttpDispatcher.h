@@ -46,7 +46,7 @@ public:
     bool IsStream(const std::string& path) const;
 
     /// Has the stream handler for the path of a head decide what becomes of its connection. Answers 500 when
-    /// it throws, and 404 when there is none.
+    /// it throws, and 404 when no stream handler fits.
     void HandleHead(const HttpRequest& head, HttpResponse& response, IHttpConnection& connection);
 
 private:

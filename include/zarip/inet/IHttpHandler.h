@@ -9,7 +9,7 @@ class HttpResponse;
 
 /// Answers requests. *Called on TcpSocketThread*, without any lock, one call at a time unless
 /// `HttpServer::SetWorkers` says otherwise; successive calls may come on different threads of that name. They
-/// have 1 MiB of stack. While a handler runs the server goes on with its other connections.
+/// have 1 MiB of stack. While a handler runs the server still serves its other connections.
 class ZARIP_EXPORT IHttpHandler {
 public:
     IHttpHandler() = default;
