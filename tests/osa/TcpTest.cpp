@@ -294,10 +294,11 @@ TEST(TcpSocket, TheReaderThatIsCancelledMayDeleteTheSocketAtOnce) {
 
 TEST(TcpSocket, OptionsSetBeforeConnectAreTheConnections) {
     Keeper keeper;
+    Keeper ofNamed;
     TcpServer ipv4("127.0.0.1", 0);
     TcpServer named(UnixName("options").c_str(), 0);
     ipv4.Start(&keeper, 5);
-    named.Start(&keeper, 5);
+    named.Start(&ofNamed, 5);
     const int on = 1;
     TcpSocket client;
     client.SetBufferSize(20'000);
