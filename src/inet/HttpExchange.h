@@ -69,7 +69,7 @@ public:
     /// does.
     void Refuse() noexcept;
 
-    /// Goes on with an answer of which a part has left; throws SocketException "send failed: ...".
+    /// Continues an answer of which a part has left; throws SocketException "send failed: ...".
     static void Write(HttpService& service, ServedConnection& connection);
 
 private:

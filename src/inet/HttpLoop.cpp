@@ -302,8 +302,8 @@ MonotonicMs HttpLoop::EndOfWait(ServedConnection& connection) const {
     return std::min(connection.end, now + kDrainSilenceMs);
 }
 
-/// Whether the client has taken a part of the answer since the last look. The kernel tells that there is room
-/// for more only when a good part of its buffer is free, which takes a slow client long.
+/// Whether the client has taken a part of the answer since the last look. The kernel reports that there is
+/// room for more only when a good part of its buffer is free, which takes a slow client long.
 bool HttpLoop::HasTakenMore(ServedConnection& connection) const {
     int left = 0;
     ::ioctl(connection.fd.Get(), SIOCOUTQ, &left);

@@ -193,8 +193,8 @@ void BusConnection::Post(MessageRef message) {
     }
 }
 
-/// Sends what waits, unless somebody else is about to: whoever has the lock looks at the outbox after letting
-/// go.
+/// Sends what waits. If another thread has the lock that thread sends it, because it looks at the outbox
+/// after it has let go.
 void BusConnection::Flush() {
     for (int round = 0; _outbox.HasWork(); ++round) {
         if (round == 2) {

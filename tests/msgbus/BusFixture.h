@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -84,6 +85,19 @@ struct EchoService : Service {
     ~EchoService() { bus.StopServer(); }
     FunctionHandler echo = Answering([](const string& text) { return text; });
 };
+
+/// Three replies of a service's "Large", to be held.
+inline std::vector<std::unique_ptr<MsgBusMsg>> AskForLarge(MsgBus& client) {
+    std::vector<std::unique_ptr<MsgBusMsg>> replies;
+    for (int i = 0; i < 3; ++i) {
+        MsgBusRemoteMethod call(kService, "Large");
+        call << "";
+        MsgBusMsg* reply = nullptr;
+        client.SendMsgWaitForReply(call, reply, 60000);
+        replies.emplace_back(reply);
+    }
+    return replies;
+}
 
 class MsgBusTest : public testing::Test {
 protected:

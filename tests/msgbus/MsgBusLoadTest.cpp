@@ -312,14 +312,7 @@ TEST_F(MsgBusLoadTest, ABusThatDiesWhileMuchIsHeldIsNoticed) {
     service->bus.StartServer();
     MsgBus client;
     client.StartServer();
-    std::vector<std::unique_ptr<MsgBusMsg>> replies;
-    for (int i = 0; i < 3; ++i) {
-        MsgBusRemoteMethod call(kService, "Large");
-        call << "";
-        MsgBusMsg* reply = nullptr;
-        client.SendMsgWaitForReply(call, reply, 60000);
-        replies.emplace_back(reply);
-    }
+    const auto replies = AskForLarge(client);
     PrivateBus::Get().Kill();
     EXPECT_TRUE(WaitUntil([&] { return !client.IsRunning(); }));
 }

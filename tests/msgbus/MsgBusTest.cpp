@@ -273,14 +273,7 @@ TEST_F(MsgBusTest, ReadingGoesOnOnceLargeRepliesAreGone) {
         if (listens) {
             client.StartServer();
         }
-        std::vector<std::unique_ptr<MsgBusMsg>> replies;
-        for (int i = 0; i < 3; ++i) {
-            MsgBusRemoteMethod call(kService, "Large");
-            call << "";
-            MsgBusMsg* reply = nullptr;
-            client.SendMsgWaitForReply(call, reply, 60000);
-            replies.emplace_back(reply);
-        }
+        auto replies = AskForLarge(client);
         replies.clear();
         Signal(service.bus, "Changed", listens ? "to the listener" : "to be kept");
         if (!listens) {
