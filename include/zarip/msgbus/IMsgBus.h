@@ -74,7 +74,7 @@ public:
     /// requesting name or not primary owner" and "dbus_bus_request_name failed for <name><reason>".
     virtual void RegisterDestinationName(const std::string& name) = 0;
 
-    /// Gives the name up; a failure is logged. Waits for the bus for at most 0.8 seconds, and not at all if
+    /// Gives the name up; a failure is logged. Waits for the bus for at most 0.25 seconds, and not at all if
     /// the bus has not answered a name or rule before and has been silent since.
     virtual void UnregisterDestinationName(const std::string& name) = 0;
 
