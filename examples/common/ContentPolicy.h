@@ -17,7 +17,7 @@ public:
                "'none'";
     }
 
-    /// The sources for all elements of that name that have no attributes; 'none' if there are none.
+    /// The sources for all elements of that name that have no attributes; 'none' if no element has that name.
     static std::string HashesOf(const std::string& page, const std::string& element) {
         const std::string begin = "<" + element + ">";
         std::string hashes;

@@ -9,7 +9,8 @@
 /// carry.
 class SessionCookie {
 public:
-    /// Returns "" if there is none. What comes from a browser may be anything, zero bytes included.
+    /// Returns "" if the request has no cookie. What comes from a browser may be anything, zero bytes
+    /// included.
     static std::string Get(const zarip::inet::HttpRequest& request) {
         const std::string* const value = request.GetCookie(kName);
         return value != nullptr ? *value : "";

@@ -57,7 +57,7 @@ private:
 
     std::mutex _mutex;
     bool _isHeld = false;
-    // The threads that wait, on whose stacks these are. There are none unless the lock is held.
+    // The threads that wait, on whose stacks these are. Threads wait only while the lock is held.
     Waiter* _first = nullptr;
     Waiter* _last = nullptr;
 };

@@ -39,8 +39,7 @@ public:
     /// Whether a handler takes such a message.
     bool Takes(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
 
-    /// The one interface that has a handler for calls of this member; empty if there is none or more than
-    /// one.
+    /// The one interface that has a handler for calls of this member; empty unless exactly one has.
     std::string FindInterface(std::string_view member) const;
 
     /// Runs the handlers of a message: all that take signals for a signal, the first that takes calls for a

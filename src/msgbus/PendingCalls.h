@@ -41,7 +41,7 @@ public:
     /// Enters a call, so that its reply finds it.
     void Add(Call& call);
 
-    /// The call begins to wait. It becomes the leader if there is none; true if it leads.
+    /// The call begins to wait. It becomes the leader if no other call leads; true if it leads.
     bool Begin(Call& call);
 
     /// Removes a call. If it was the leader another one leads; true if no other is there to lead.

@@ -51,6 +51,14 @@ string UniqueNameOf(MsgBus& bus) {
     return std::unique_ptr<MsgBusMsg>(answer)->GetDestination();
 }
 
+/// Afterwards nothing that the connection sends reaches the bus until that is thawed.
+void FreezeWithFullSocket(MsgBus& bus) {
+    PrivateBus::Get().Freeze();
+    for (int i = 0; i < 2000; ++i) {
+        Signal(bus, "Filling", string(200, 'x'));
+    }
+}
+
 MsgBusSignal SignalTo(const string& destination, std::size_t size) {
     MsgBusSignal signal(kPath, kInterface, "Large");
     signal.SetMsgDestination(destination);
@@ -258,10 +266,7 @@ TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
     service.Handle("Note", noting);
     service.bus.StartServer();
     MsgBus client;
-    PrivateBus::Get().Freeze();
-    for (int i = 0; i < 2000; ++i) {
-        Signal(client, "Filling", string(200, 'x'));  // so that the socket is full
-    }
+    FreezeWithFullSocket(client);
     EXPECT_NE(ErrorOf([&] { Ask(client, kService, "Note", "late", 1); }), kNoException);
     PrivateBus::Get().Thaw();
     MsgBusRemoteMethod note(kService, "Note");
@@ -275,10 +280,7 @@ TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
 TEST_F(MsgBusLoadTest, ANameThatIsGivenUpOnAStoppedBusIsFreeAsSoonAsItReads) {
     MsgBus client;
     client.RegisterDestinationName("org.camera.client");
-    PrivateBus::Get().Freeze();
-    for (int i = 0; i < 2000; ++i) {
-        Signal(client, "Filling", string(200, 'x'));  // so that the socket is full
-    }
+    FreezeWithFullSocket(client);
     test::LogCapture log(core::Logger::kError);
     client.UnregisterDestinationName("org.camera.client");
     EXPECT_TRUE(log.Contains("dbus_bus_release_name(org.camera.client) failed: Did not receive a reply."));

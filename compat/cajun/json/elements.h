@@ -111,7 +111,7 @@ private:
     void Cut(std::size_t size);
 
     Block _first;
-    std::unique_ptr<std::vector<Block>> _more;  // the other blocks; null if there are none
+    std::unique_ptr<std::vector<Block>> _more;  // the other blocks; null without any
     std::size_t _size = 0;
 };
 
@@ -143,7 +143,7 @@ public:
     std::size_t Size() const { return _members.size(); }
     bool Empty() const { return _members.empty(); }
 
-    /// `End()` when there is none of that name.
+    /// `End()` if no member has that name.
     iterator Find(const std::string& name);
     const_iterator Find(const std::string& name) const;
 
@@ -155,7 +155,7 @@ public:
     iterator Erase(iterator where);
     void Clear();
 
-    /// Adds a `Null` member when there is none of that name.
+    /// Adds a `Null` member if no member has that name.
     UnknownElement& operator[](const std::string& name);
 
     /// Throws "Object member not found: " + name.

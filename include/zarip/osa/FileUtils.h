@@ -53,10 +53,10 @@ public:
     /// disk; a folder cannot be moved there: errno 18 (EXDEV).
     static void Move(const std::string& from, const std::string& to);
 
-    /// Deletes a file, a link or an empty folder; false if there is none.
+    /// Deletes a file, a link or an empty folder; false if nothing has that path.
     static bool Delete(const std::string& path);
 
-    /// Deletes a file, a link, or a folder with everything in it; false if there is none. No link is
+    /// Deletes a file, a link, or a folder with everything in it; false if nothing has that path. No link is
     /// followed, not even one that takes a folder's place meanwhile. What is mounted at the path or in the
     /// tree is not entered: errno 18 (EXDEV), and nothing in it is deleted. Stops at the first failure; if
     /// others keep filling the tree, that is errno 39 (ENOTEMPTY) or 16 (EBUSY) in the end. Memory grows with

@@ -155,7 +155,7 @@ public:
 
     int GetPid() const;
 
-    /// Our ends of the pipes, *caller owns*; -1 if there is none, or if it was taken before.
+    /// Our ends of the pipes, *caller owns*; -1 for a stream without a pipe, or whose pipe was taken.
     int TakeInput();
     int TakeOutput();
     int TakeError();

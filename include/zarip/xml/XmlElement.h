@@ -46,7 +46,7 @@ public:
     std::string GetAttributeOr(const std::string& name, const std::string& otherwise) const;
 
     /// Adds or replaces it. One with a namespace takes the prefix that is declared for it here or around, and
-    /// throws "undeclared namespace '...'" if there is none.
+    /// throws "undeclared namespace '...'" if no prefix is declared.
     void SetAttribute(const std::string& name, const std::string& value,
                       const std::string& namespaceUri = {});
 
