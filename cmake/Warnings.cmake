@@ -1,5 +1,5 @@
-# The project's own code compiles without a warning, with g++ and with clang++.
+# The warnings that the project's own code compiles without, with g++ and with clang++.
 add_library(zarip_warnings INTERFACE)
 target_compile_options(zarip_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 $<$<BOOL:${ZARIP_WERROR}>:-Werror>
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)

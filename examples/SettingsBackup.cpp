@@ -260,7 +260,7 @@ void Restore(const Files& files, const char* folder) {
     for (const auto& [path, content] : files) {
         const auto [inside, name] = Split(path);
         restored.push_back(std::make_unique<NewFile>(
-            [&root, path = inside] { return OpenFolder(root->Get(), path); }, name, content));
+            [&root, where = inside] { return OpenFolder(root->Get(), where); }, name, content));
     }
     for (const auto& file : restored) {
         file->Put();

@@ -26,7 +26,10 @@ as_root() {
     fi
 }
 
-# install_missing PACKAGE...: installs those that are not there; does nothing when all are.
+# What --no-install sets: nothing is installed, and what is missing ends the script.
+no_install=
+
+# install_missing PACKAGE...: lists those that are not installed, and installs them.
 install_missing() {
     local package missing=()
     for package in "$@"; do
@@ -37,11 +40,14 @@ install_missing() {
     if [ ${#missing[@]} -eq 0 ]; then
         return
     fi
+    if [ -n "$no_install" ]; then
+        fail "these packages are missing: ${missing[*]}"
+    fi
     if ! command -v apt-get >/dev/null; then
-        echo "No apt-get here; going on without knowing of: ${missing[*]}" >&2
+        echo "There is no apt-get to look for these packages of Debian: ${missing[*]}" >&2
         return
     fi
-    echo "Installing ${missing[*]}"
+    echo "These packages are missing and will be installed, with what they depend on: ${missing[*]}"
     # Without package lists, or with old ones, the first attempt fails.
     as_root apt-get install -y --no-install-recommends "${missing[@]}" >/dev/null 2>&1 || {
         as_root apt-get update
@@ -49,16 +55,23 @@ install_missing() {
     }
 }
 
-# install_clang: clang++ with the run-time libraries of its sanitizers.
-install_clang() {
-    install_missing clang
-    install_missing "libclang-rt-$(clang++ -dumpversion | cut -d. -f1)-dev"
+# clang_packages: clang++ and the run-time libraries of its sanitizers, whose package has the version in its name.
+clang_packages() {
+    local version
+    version=$(apt-cache depends clang 2>/dev/null | sed -n 's/^ *Depends: clang-\([0-9]*\)$/\1/p')
+    if [ -z "$version" ] && [ -z "$no_install" ] && command -v apt-get >/dev/null; then
+        as_root apt-get update >&2
+        version=$(apt-cache depends clang | sed -n 's/^ *Depends: clang-\([0-9]*\)$/\1/p')
+    fi
+    echo "clang ${version:+libclang-rt-$version-dev}"
 }
 
-# configure PRESET FOLDER [CMAKE ARGUMENT]...
+# configure PRESET FOLDER [CMAKE ARGUMENT]...: warnings are errors if ZARIP_WERROR is ON in the environment.
 configure() {
     local preset=$1 folder=$2
     shift 2
+    command -v ninja >/dev/null || fail "the build needs ninja; Debian has it in ninja-build"
+    set -- -DZARIP_WERROR="${ZARIP_WERROR:-OFF}" "$@"
     if command -v ccache >/dev/null; then
         set -- -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@"
     fi

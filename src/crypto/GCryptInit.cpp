@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kSecureBytes = 65'536;
 
+#if GCRYPT_VERSION_NUMBER < 0x010b00  // later versions have no such handler
 /// What libgcrypt has to say goes to the log; otherwise it would go to standard error.
 __attribute__((format(printf, 3, 0))) void Log(void* /*opaque*/, int /*level*/, const char* format,
                                                va_list arguments) {
@@ -22,6 +23,7 @@ __attribute__((format(printf, 3, 0))) void Log(void* /*opaque*/, int /*level*/, 
     std::vsnprintf(text, sizeof text, format, arguments);
     core::Logger::GetLogger("libgcrypt")->Debug("%s", text);
 }
+#endif
 
 void Initialize() {
     if (::gcry_check_version("1.2.3") == nullptr) {
@@ -30,7 +32,9 @@ void Initialize() {
     if (::gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) != 0) {
         return;  // the process has done it itself, in its own way
     }
+#if GCRYPT_VERSION_NUMBER < 0x010b00
     ::gcry_set_log_handler(Log, nullptr);
+#endif
     // Locked memory may be short or forbidden; libgcrypt then works with plain memory, and says so unless
     // told not to.
     ::gcry_control(GCRYCTL_DISABLE_SECMEM_WARN);

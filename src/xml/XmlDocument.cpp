@@ -51,11 +51,16 @@ void StartElement(void* context, const xmlChar* local, const xmlChar* prefix, co
                   const xmlChar** attributes) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     XmlVerdict& verdict = XmlVerdict::Of(parser);
-    verdict.CheckElement(parser);
+    verdict.OpenElement(parser, namespaceCount);
     if (!verdict.IsBad()) {
         xmlSAX2StartElementNs(parser, local, prefix, uri, namespaceCount, namespaces, attributeCount,
                               defaultedCount, attributes);
     }
+}
+
+void EndElement(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri) {
+    XmlVerdict::Of(context).CloseElement();
+    xmlSAX2EndElementNs(context, local, prefix, uri);
 }
 
 constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES;
@@ -91,6 +96,7 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
     Source source{context.get(), text};
     source.verdict.Attach(*context);
     context->sax->startElementNs = StartElement;
+    context->sax->endElementNs = EndElement;
     impl->document.reset(
         xmlCtxtReadIO(context.get(), ReadSource, nullptr, &source, nullptr, nullptr, kOptions));
     if (source.scanner.IsEncodingRefused()) {

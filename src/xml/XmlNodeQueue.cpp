@@ -122,7 +122,7 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
                            int /*defaultedCount*/, const xmlChar** attributes) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     XmlNodeQueue& queue = QueueOf(parser);
-    queue.CheckElement(parser);
+    queue.OpenElement(parser, namespaceCount);
     if (queue._depth > kMaxDepth) {
         queue.Refuse(parser, kTooDeep);
     }
@@ -155,6 +155,7 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
 void XmlNodeQueue::OnEnd(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     XmlNodeQueue& queue = QueueOf(parser);
+    queue.CloseElement();
     --queue._depth;
     if (!queue._nodes.empty() && queue._nodes.back().isEmpty && queue._nodes.back().depth == queue._depth) {
         return;

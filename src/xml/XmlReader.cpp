@@ -17,6 +17,14 @@ namespace zarip::xml {
 
 namespace {
 
+bool IsStopped(xmlParserCtxt* parser) {
+#if LIBXML_VERSION >= 21500
+    return xmlCtxtIsStopped(parser) != 0;
+#else
+    return parser->disableSAX != 0;
+#endif
+}
+
 /// As the document is used up by the parser: it takes time for each, and the queue holds what it makes of
 /// one.
 constexpr std::size_t kPiece = 4'096;
@@ -145,7 +153,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
             isComplete = queue.IsEnded() && parser->wellFormed != 0 && !queue.IsBad();
         }
         // What its encoding cannot be stops the parser, without a word to the handlers.
-        isBroken = parser->disableSAX != 0 || !errors.GetText().empty();
+        isBroken = IsStopped(parser.get()) || !errors.GetText().empty();
         breakage = errors.GetText();
     }
 

@@ -150,7 +150,7 @@ ErrorScope::~ErrorScope() {
     xmlSetGenericErrorFunc(_textContext, _textFunction);
 }
 
-void ErrorScope::Keep(void* scope, xmlError* error) {
+void ErrorScope::Keep(void* scope, ReportedError error) {
     if (error->message != nullptr) {
         static_cast<ErrorScope*>(scope)->Keep(std::string(error->message));
     }

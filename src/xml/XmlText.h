@@ -4,12 +4,20 @@
 
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
+#include <libxml/xmlversion.h>
 
 #include <new>
 #include <string>
 #include <string_view>
 
 namespace zarip::xml {
+
+/// How libxml2 hands an error to a handler.
+#if LIBXML_VERSION >= 21200
+using ReportedError = const xmlError*;
+#else
+using ReportedError = xmlError*;
+#endif
 
 inline const xmlChar* ToXml(const char* text) {
     return reinterpret_cast<const xmlChar*>(text);
@@ -71,7 +79,7 @@ public:
     const std::string& GetText() const { return _text; }
 
 private:
-    static void Keep(void* scope, xmlError* error);
+    static void Keep(void* scope, ReportedError error);
     __attribute__((format(printf, 2, 3))) static void KeepText(void* scope, const char* format, ...);
     void Keep(std::string text);
 

@@ -27,10 +27,14 @@ void RefuseAttribute(void* parser, const xmlChar* /*element*/, const xmlChar* /*
     XmlVerdict::Of(parser).Refuse(static_cast<xmlParserCtxt*>(parser), kNoAttributes);
 }
 
-/// What `xmlStopParser` does, except that it also frees the input, which the handlers' callers still look at.
 void Stop(xmlParserCtxt* parser) {
+#if LIBXML_VERSION >= 21400
+    xmlStopParser(parser);
+#else
+    // In these versions xmlStopParser also frees the input, which the callers of the handlers still look at.
     parser->instate = XML_PARSER_EOF;
     parser->disableSAX = 1;
+#endif
 }
 
 }  // namespace
@@ -43,13 +47,11 @@ void XmlVerdict::Attach(xmlParserCtxt& parser) {
     parser.sax->attributeDecl = RefuseAttribute;
 }
 
-void XmlVerdict::OnError(void* parser, xmlError* error) {
+void XmlVerdict::OnError(void* parser, ReportedError error) {
     XmlVerdict& verdict = Of(parser);
-    if (error->level >= XML_ERR_ERROR) {
-        if (!verdict.IsBad()) {
-            xmlCopyError(error, &verdict._error);
-        }
-        Stop(static_cast<xmlParserCtxt*>(parser));
+    if (error->level >= XML_ERR_ERROR && !verdict.IsBad()) {
+        xmlCopyError(error, &verdict._error);
+        Stop(static_cast<xmlParserCtxt*>(parser));  // which may report an error of its own
     }
 }
 
@@ -67,12 +69,18 @@ void XmlVerdict::Keep(const xmlParserCtxt* parser, const char* reason) {
     }
 }
 
-void XmlVerdict::CheckElement(xmlParserCtxt* parser) {
-    if (parser->nsNr > 2 * kMaxNamespaces) {
+void XmlVerdict::OpenElement(xmlParserCtxt* parser, int namespaces) {
+    const int around = _namespaces.empty() ? 0 : _namespaces.back();
+    _namespaces.push_back(around + namespaces);
+    if (_namespaces.back() > kMaxNamespaces) {
         Refuse(parser, kTooManyNamespaces);
     } else if (xmlDictSize(parser->dict) > kMaxNames) {
         Refuse(parser, kTooManyNames);
     }
+}
+
+void XmlVerdict::CloseElement() {
+    _namespaces.pop_back();
 }
 
 void XmlVerdict::Throw() const {

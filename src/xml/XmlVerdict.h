@@ -2,6 +2,10 @@
 
 #include <libxml/parser.h>
 
+#include <vector>
+
+#include "xml/XmlText.h"
+
 namespace zarip::xml {
 
 /// What ends the reading of a document: the first error that the parser finds, or a refusal of ours,
@@ -29,8 +33,12 @@ public:
     /// Only refuses it: what the parser asks for its input must not stop it.
     void Keep(const xmlParserCtxt* parser, const char* reason);
 
-    /// Refuses too many namespaces and names; to be called for each start tag.
-    void CheckElement(xmlParserCtxt* parser);
+    /// Refuses too many namespaces and names; to be called for each start tag. @param namespaces  how many
+    /// the tag declares.
+    void OpenElement(xmlParserCtxt* parser, int namespaces);
+
+    /// To be called for each end tag.
+    void CloseElement();
 
     bool IsBad() const { return _refusal != nullptr || _error.message != nullptr; }
 
@@ -38,9 +46,10 @@ public:
     [[noreturn]] void Throw() const;
 
 private:
-    static void OnError(void* parser, xmlError* error);
+    static void OnError(void* parser, ReportedError error);
 
     xmlError _error{};
+    std::vector<int> _namespaces;  // those in force within each open element
     const char* _refusal = nullptr;
     unsigned int _line = 0;
     unsigned int _column = 0;

@@ -433,8 +433,8 @@ TEST(CipherTest, TheCounterRunsOverAndManyCiphersFitWhereSecureMemoryIsShort) {
     AES single(Cipher::kECB);
     Init(counter, Cipher::kEncrypt, key, Bytes(16, 0xFF));
     Init(single, Cipher::kEncrypt, key, {});
-    Bytes expected = Bytes(16, 0xFF);
-    expected.resize(32, 0);
+    Bytes expected(32, 0);
+    std::fill_n(expected.begin(), 16, 0xFF);
     EXPECT_EQ(Convert(counter, Bytes(32, 0)), Convert(single, expected));
 
     std::vector<std::unique_ptr<Blowfish>> ciphers;  // each has more than 8 KiB of tables made from its key

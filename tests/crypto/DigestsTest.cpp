@@ -99,8 +99,11 @@ TEST(DigestsTest, DeliberatelyACopyHasNoContext) {
     assigned = source;
     GCryptDigest unknown(12'345);  // like an algorithm that libgcrypt refuses
     GCryptDigest none(0);
-    GCryptDigest sizeless(316);  // SHAKE128
+    GCryptDigest sizeless(316);  // SHAKE128, for which newer libraries choose a length
     for (GCryptDigest* digest : {static_cast<GCryptDigest*>(&copy), &assigned, &unknown, &none, &sizeless}) {
+        if (digest == &sizeless && digest->GetDigestSize() != 0) {
+            continue;
+        }
         digest->Update('a');
         Feed(*digest, "bc");
         digest->Reset();

@@ -306,7 +306,7 @@ TEST(FileUtilsTest, DeletesNothingThatIsMountedInATree) {
                 fs::create_directories(mounted);
                 fs::create_directory(folder.File("outside"));
                 ASSERT_EQ(::mount(folder.File("outside").c_str(), mounted.c_str(), "tmpfs",
-                                  isFolder ? MS_BIND : 0, nullptr),
+                                  isFolder ? static_cast<unsigned long>(MS_BIND) : 0, nullptr),
                           0);
                 FileUtils::Write(mounted + "/file", "stays");
                 const string error = ErrorOf([&] { FileUtils::DeleteTree(folder.File("tree")); });

@@ -18,6 +18,10 @@
 /// read. Copying, comparing, writing and destroying recurse, once for each level of nesting.
 namespace json {
 
+namespace detail {
+class DocumentBuilder;
+}
+
 /// Everything that this library throws, out of memory excepted.
 class Exception : public std::runtime_error {
 public:
@@ -164,7 +168,7 @@ public:
     bool operator==(const Object& other) const;
 
 private:
-    friend class Reader;
+    friend class detail::DocumentBuilder;
 
     std::list<Member> _members;
 };

@@ -29,7 +29,11 @@ public:
     HttpRequest();
     HttpRequest(const HttpRequest& other);
     using HttpRequestBase::operator=;
+    // The assignment of every derived class hides this one, as intended.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpRequest& operator=(const HttpRequest& other);
+#pragma GCC diagnostic pop
     ~HttpRequest() override;
 
     /// The method's name. For `UNKW` the text that `SetMethodName` last got and did not know, so that a

@@ -19,7 +19,11 @@ class ZARIP_EXPORT HttpRequestBase : public InetBase, public HttpBase {
 public:
     HttpRequestBase();
     HttpRequestBase(const HttpRequestBase& other);
+    // The assignment of every derived class hides this one, as intended.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpRequestBase& operator=(const HttpRequestBase& other);
+#pragma GCC diagnostic pop
     ~HttpRequestBase() override;
 
     virtual std::string GetMethodName() const = 0;

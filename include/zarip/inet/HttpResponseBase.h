@@ -23,7 +23,11 @@ public:
     void SetBody(const char* data, unsigned int size) override;
     void SetBody(const std::string& data) override;
 
+    // The assignment of every derived class hides this one, as intended.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpResponseBase& operator=(const HttpResponseBase& other);
+#pragma GCC diagnostic pop
     ~HttpResponseBase() override;
 
 private:
