@@ -65,13 +65,13 @@ remove_accounts() {
     forget_accounts
 }
 
-# guarded_bus ADDRESS: the configuration of a bus with the policies that were installed, for those users, behind the
-# rules with which a system bus begins.
+# guarded_bus ADDRESS: the configuration of a bus with the policies that were installed, for those users, after the rules
+# with which a system bus begins.
 guarded_bus() {
     mkdir "$temp/system.d"
     local policy
     for policy in "$policies"/*.conf; do
-        sed "s/user=\"zarip-[a-z]*\"/user=\"$service_user\"/; s/group=\"zarip\"/group=\"$group\"/" "$policy" \
+        sed "s/user=\"zarip-\(backup\|gateway\)\"/user=\"$client_user\"/; s/user=\"zarip-[a-z]*\"/user=\"$service_user\"/; s/group=\"zarip\"/group=\"$group\"/" "$policy" \
             >"$temp/system.d/${policy##*/}"
     done
     cat <<END

@@ -1,5 +1,9 @@
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 
+#include <cajun/json/reader.h>
+#include <zarip/Version.h>
 #include <zarip/core/IniFile.h>
 #include <zarip/interfaces/ISecurityProvider>
 
@@ -9,6 +13,11 @@ struct Security final : zarip::interfaces::ISecurityProvider {
 int main() {
     zarip::core::IniFile settings;
     settings.LoadFromString("[web]\nport = 8080\n");
+    json::Number port;
+    std::istringstream text("8080");
+    json::Reader::Read(port, text);
     const Security security;
-    std::printf("%s on %d\n", security.GetUsers().c_str(), settings.GetInt("web", "port"));
+    const bool isRight = std::strcmp(zarip::GetVersion(), ZARIP_VERSION_STRING) == 0 &&
+                         port.Value() == settings.GetInt("web", "port");
+    std::printf("%s on %d\n", security.GetUsers().c_str(), isRight ? settings.GetInt("web", "port") : -1);
 }

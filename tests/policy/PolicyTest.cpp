@@ -1,5 +1,5 @@
-// The policy files on a real bus, with real users: who may own a service's name, send its signals and call
-// it.
+// The policy files on a real bus, with real users: which of them may own a service's name, send its signals,
+// hear them, call it, and read secrets.
 
 #include <zarip/core/Delegate.h>
 #include <zarip/interfaces/IAudioLineOutProvider.h>
@@ -201,8 +201,10 @@ void SendSignals(MsgBus& bus, const char* member) {
     }
 }
 
-std::string CallService(MsgBus& bus, const std::string& destination, const Service& service) {
-    msgbus::MsgBusRemoteMethod message({destination, service.path, service.name}, service.member);
+std::string CallService(MsgBus& bus, const std::string& destination, const Service& service,
+                        const char* member = nullptr) {
+    msgbus::MsgBusRemoteMethod message({destination, service.path, service.name},
+                                       member != nullptr ? member : service.member);
     message << "";  // for those that want a text; superfluous arguments are ignored
     return ErrorOf([&] {
         MsgBusMsg* reply = nullptr;
@@ -211,43 +213,88 @@ std::string CallService(MsgBus& bus, const std::string& destination, const Servi
     });
 }
 
-/// Serves everything; sends its signals when told to.
+/// Counts the signals that arrive of some interfaces, up to one that its own process sends.
+class Listener {
+public:
+    explicit Listener(MsgBus& bus) : _bus(bus), _handlers(&bus) { Listen("zt.end", "End", _ends); }
+    void Listen(const std::string& interface) {
+        Listen(interface, "Genuine", _genuine);
+        Listen(interface, "Forged", _forged);
+    }
+    void AwaitGenuine(std::size_t count) {
+        test::WaitUntil([&] { return _genuine == static_cast<int>(count); });
+    }
+    /// The bus keeps the order, so everything that was sent before has arrived.
+    std::string Count() {
+        _bus.SendMsg(msgbus::MsgBusSignal("/zt", "zt.end", "End"));
+        test::WaitUntil([&] { return _ends != 0; });
+        return std::to_string(_genuine) + " genuine, " + std::to_string(_forged) + " forged";
+    }
+
+private:
+    using Counter = std::atomic<int>;
+    struct Increment final : core::IVoidDelegate0 {
+        explicit Increment(Counter& counted) : counter(counted) {}
+        void Call() override { ++counter; }
+        Counter& counter;
+    };
+    void Listen(const std::string& interface, const char* signal, Counter& counter) {
+        _handlers.AddHandler(
+            interface, signal,
+            new msgbus::VoidMessageHandler0(new Increment(counter), msgbus::IMessageHandler::kSignals));
+    }
+
+    MsgBus& _bus;
+    Counter _genuine{0};
+    Counter _forged{0};
+    Counter _ends{0};
+    msgbus::MessageHandlerCollection _handlers;
+};
+
+const char* const kSecrets[] = {"GetPassphrase", "GetPassphrases", "GetCredentials"};
+const char kViewers[] = "com.brelk.example.viewers";
+
+/// Serves everything, each service on a connection of its own as on a device, since a rule about a name holds
+/// for whatever its connection owns. Sends the signals when told to, and listens to how many viewers there
+/// are.
 void Serve(const Actor::Say& say, const Actor::Await& await) {
-    MsgBus bus;
+    std::vector<std::unique_ptr<MsgBus>> buses;
     std::vector<std::unique_ptr<InterfaceServer>> servers;
     for (const Service& service : kServices) {
+        MsgBus* const bus = buses.emplace_back(std::make_unique<MsgBus>()).get();
         if (service.serve != nullptr) {
-            servers.emplace_back(service.serve(&bus));
+            servers.emplace_back(service.serve(bus));
         } else {
-            bus.RegisterDestinationName(service.name);
+            bus->RegisterDestinationName(service.name);
         }
     }
-    bus.StartServer();
+    Listener listener(*buses.front());
+    listener.Listen(kViewers);
+    for (const auto& bus : buses) {
+        bus->StartServer();
+    }
     say("serving");
     await();
-    SendSignals(bus, "Genuine");
+    SendSignals(*buses.front(), "Genuine");
+    buses.front()->SendMsg(msgbus::MsgBusSignal("/", kViewers, "Genuine"));
     await();
+    say(listener.Count());
 }
 
-/// Calls every service, then tells of the signals that arrive up to the last genuine one.
-void CallAndListen(const Actor::Say& say, const Actor::Await& /*await*/) {
-    struct Listener {
-        void OnGenuine() { ++genuine; }
-        void OnForged() { ++forged; }
-        std::atomic<int> genuine{0};
-        std::atomic<int> forged{0};
-    } listener;
+/// Reads the secrets.
+void CallForSecrets(const Actor::Say& say, const Actor::Await& /*await*/) {
     MsgBus bus;
-    msgbus::MessageHandlerCollection handlers(&bus);
+    for (const char* const member : kSecrets) {
+        say(CallService(bus, kServices[0].name, kServices[0], member));
+    }
+}
+
+/// Calls every service, asks for the secrets, then reports the signals that arrive.
+void CallAndListen(const Actor::Say& say, const Actor::Await& await) {
+    MsgBus bus;
+    Listener listener(bus);
     for (const Service& service : kServices) {
-        handlers.AddHandler(
-            service.name, "Genuine",
-            new msgbus::VoidMessageHandler0(core::MakeDelegate(&listener, &Listener::OnGenuine),
-                                            msgbus::IMessageHandler::kSignals));
-        handlers.AddHandler(
-            service.name, "Forged",
-            new msgbus::VoidMessageHandler0(core::MakeDelegate(&listener, &Listener::OnForged),
-                                            msgbus::IMessageHandler::kSignals));
+        listener.Listen(service.name);
     }
     bus.StartServer();
     for (const Service& service : kServices) {
@@ -255,14 +302,21 @@ void CallAndListen(const Actor::Say& say, const Actor::Await& /*await*/) {
             say(CallService(bus, service.name, service));
         }
     }
+    CallForSecrets(say, await);
     say("listening");
-    test::WaitUntil([&] { return listener.genuine == static_cast<int>(std::size(kServices)); });
-    say(std::to_string(listener.genuine) + " genuine, " + std::to_string(listener.forged) + " forged");
+    listener.AwaitGenuine(std::size(kServices));
+    say(listener.Count());
 }
 
 /// Tries all that it must not.
-void Attack(const Actor::Say& say, const Actor::Await& /*await*/) {
+void Attack(const Actor::Say& say, const Actor::Await& await) {
     MsgBus bus;
+    Listener listener(bus);
+    listener.Listen(kViewers);
+    for (const Service& service : kServices) {
+        listener.Listen(service.name);
+    }
+    bus.StartServer();
     const msgbus::MsgBusObjectSelector daemon("org.freedesktop.DBus", "/org/freedesktop/DBus",
                                               "org.freedesktop.DBus");
     for (const Service& service : kServices) {
@@ -285,16 +339,21 @@ void Attack(const Actor::Say& say, const Actor::Await& /*await*/) {
             say(CallService(bus, owner, service));
         }
     }
+    CallForSecrets(say, await);
     SendSignals(bus, "Forged");
-    // Answered behind the signals.
+    bus.SendMsg(msgbus::MsgBusSignal("/", kViewers, "Forged"));
+    // The answer comes after the signals.
     MsgBusMsg* answer = nullptr;
     bus.SendMsgWaitForReply(msgbus::MsgBusRemoteMethod(daemon, "GetId"), answer, 5'000);
     delete answer;
     say("done");
+    await();
+    say(listener.Count());
 }
 
-/// The policy files with the users and the group of this test, behind what a system bus has by default.
-std::string Policy(const std::string& user, const std::string& group) {
+/// The policy files with the users and the group of this test, after what a system bus has by default.
+/// @param keeper  the one user beside the services that may read secrets.
+std::string Policy(const std::string& user, const std::string& keeper, const std::string& group) {
     std::string policy = R"(
   <policy context="default">
     <allow user="*"/>
@@ -310,34 +369,37 @@ std::string Policy(const std::string& user, const std::string& group) {
     <allow send_destination="org.freedesktop.DBus"/>
   </policy>
 )";
-    std::vector<std::string> names = {"zarip"};
+    std::vector<std::string> files = {ZARIP_POLICY_FOLDER "/zarip.conf", ZARIP_VIEWERS_POLICY};
     for (const Service& service : kServices) {
-        names.emplace_back(service.name);
+        files.push_back(ZARIP_POLICY_FOLDER "/" + std::string(service.name) + ".conf");
     }
-    for (const std::string& name : names) {
-        std::ifstream file(ZARIP_POLICY_FOLDER "/" + name + ".conf");
+    for (const std::string& name : files) {
+        std::ifstream file(name);
         std::string text{std::istreambuf_iterator<char>(file), {}};
         text = text.substr(text.find("<busconfig>") + 11);
         text = text.substr(0, text.find("</busconfig>"));
+        text = std::regex_replace(text, std::regex("user=\"zarip-backup\""), "user=\"" + keeper + "\"");
         text = std::regex_replace(text, std::regex("user=\"zarip-[a-z]+\""), "user=\"" + user + "\"");
         policy += std::regex_replace(text, std::regex("group=\"zarip\""), "group=\"" + group + "\"");
     }
     return policy;
 }
 
-TEST(PolicyTest, OnlyTheServiceOwnsItsNameAndSendsItsSignalsAndOnlyTheGroupCalls) {
+TEST(PolicyTest, OnlyTheServiceOwnsItsNameOnlyTheGroupCallsAndOnlyNamedUsersReadSecrets) {
     if (::geteuid() != 0 || std::system("command -v useradd >/dev/null") != 0) {
         GTEST_SKIP() << "needs to be root, to run as users of its own";
     }
     const std::string id = std::to_string(::getpid());
     const std::string insider = "zt-in-" + id;
     const std::string outsider = "zt-out-" + id;
+    const std::string keeper = "zt-keep-" + id;
     const std::string group = "zt-" + id;
     Accounts accounts;
     accounts.AddGroup(group);
     accounts.AddUser(insider);
     accounts.AddUser(outsider);
-    test::PrivateBus::SetPolicy(Policy(insider, group));
+    accounts.AddUser(keeper);
+    test::PrivateBus::SetPolicy(Policy(insider, keeper, group));
     ASSERT_EQ(::chmod(test::PrivateBus::Get().GetFolder().c_str(), 0755), 0);
 
     Actor service(insider, "", Serve);
@@ -349,7 +411,18 @@ TEST(PolicyTest, OnlyTheServiceOwnsItsNameAndSendsItsSignalsAndOnlyTheGroupCalls
                                          " failed: unimplemented");
         }
     }
+    const auto isRefusedSecrets = [](Actor& actor) {
+        for (const char* const member : kSecrets) {
+            EXPECT_NE(actor.Read().find("Rejected send message"), std::string::npos) << member;
+        }
+    };
+    isRefusedSecrets(client);
     ASSERT_EQ(client.Read(), "listening");
+    Actor backup(keeper, "", CallForSecrets);
+    for (const char* const member : kSecrets) {
+        EXPECT_EQ(backup.Read(),
+                  "DBUS call com.brelk.system.security::" + std::string(member) + " failed: unimplemented");
+    }
 
     Actor attacker(outsider, "", Attack);
     for (const Service& attacked : kServices) {
@@ -362,10 +435,14 @@ TEST(PolicyTest, OnlyTheServiceOwnsItsNameAndSendsItsSignalsAndOnlyTheGroupCalls
             }
         }
     }
+    isRefusedSecrets(attacker);
     ASSERT_EQ(attacker.Read(), "done");
     service.Cue();
     EXPECT_EQ(client.Read(), "8 genuine, 0 forged");
+    attacker.Cue();
+    EXPECT_EQ(attacker.Read(), "0 genuine, 0 forged") << "neither what others send nor its own";
     service.Cue();
+    EXPECT_EQ(service.Read(), "1 genuine, 0 forged");
 }
 
 TEST(PolicyTest, EveryInterfaceHasAPolicy) {

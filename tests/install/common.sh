@@ -1,0 +1,18 @@
+# Shared by the scripts of this folder; not run on its own.
+
+# What consumer.cpp prints.
+expected="alice on 8080"
+
+temp=$(mktemp -d "${TMPDIR:-/tmp}/zarip-install-XXXXXX")
+trap 'rm -rf "$temp"' EXIT
+fail() {
+    echo "$(basename "$0"): $1" >&2
+    exit 1
+}
+# quietly COMMAND...: shows what it prints only if it fails.
+quietly() {
+    "$@" >"$temp/output" 2>&1 || {
+        cat "$temp/output" >&2
+        fail "this has failed: $*"
+    }
+}
