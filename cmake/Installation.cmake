@@ -7,6 +7,9 @@ if(ZARIP_JSON_INSTALL_DIR)
   install(DIRECTORY compat/cajun DESTINATION ${ZARIP_JSON_INSTALL_DIR})
   set(ZARIP_JSON_CFLAGS "-I\${includedir}/zarip/compat ")
 endif()
+install(FILES docs/zarip.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
+
+# What the services of the device need on its bus: policies, and the users that these name.
 install(DIRECTORY dbus/system.d DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1)
 install(DIRECTORY dbus/sysusers.d DESTINATION lib)
 install(FILES ${ZARIP_INTERFACES} DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)
