@@ -89,3 +89,8 @@ quietly() {
         return 1
     }
 }
+
+# A hook for mmdebstrap, in whose folders /proc is read-only and all pseudo-terminals belong to one user.
+# shellcheck disable=SC2016,SC2034  # the hook has a $1 of its own
+as_on_a_machine='if [ "$MMDEBSTRAP_MODE" = root ]; then mount -o remount,rw "$1/proc"; fi
+    umount "$1/dev/pts" && mount -t devpts -o noexec,nosuid,gid=5,mode=620,ptmxmode=666 none "$1/dev/pts"'

@@ -104,7 +104,7 @@ void CompositeAppender::AddAppender(const ILogAppender* appender, bool owned) {
     std::unique_ptr<const ILogAppender> holder(owned ? appender : nullptr);
     const osa::MutexAutoLock lock(_body->mutex);
     _body->entries.push_back({appender, owned});
-    holder.release();
+    static_cast<void>(holder.release());
 }
 
 bool CompositeAppender::RemoveAppender(const ILogAppender* appender) {

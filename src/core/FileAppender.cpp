@@ -99,7 +99,7 @@ char* PutSimply(char* out, char* end, const char* format, va_list args) {
                 if (text == nullptr || length > static_cast<std::size_t>(end - out)) {
                     return nullptr;
                 }
-                std::memcpy(out, text, length);
+                std::memcpy(out, text, length);  // NOLINT(bugprone-not-null-terminated-result)
                 out += length;
                 break;
             }

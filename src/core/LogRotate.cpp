@@ -125,6 +125,7 @@ void EditLogRotateConf(const std::string& logFile, const std::string& owner, con
     if (cutAt >= 0) {
         kept.Truncate(cutAt);  // half an entry would make logrotate refuse the whole file
     }
+    // NOLINTNEXTLINE(cert-env33-c): both names in the command are the library's own.
     const int status = std::system(command.c_str());
     static_cast<void>(status);  // deliberate: a configuration that cannot be edited is no reason to fail
 }

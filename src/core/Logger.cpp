@@ -134,7 +134,7 @@ Logger* Logger::CreateLogger(const std::string& name, ILogAppender* appender) {
 void Logger::AddAppender(const ILogAppender* appender, bool owned) {
     std::unique_ptr<const ILogAppender> holder(owned ? appender : nullptr);
     CompositeAppender& root = LoggerRegistry::Root();
-    holder.release();
+    static_cast<void>(holder.release());
     root.AddAppender(appender, owned);
 }
 

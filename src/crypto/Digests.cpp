@@ -38,6 +38,8 @@ GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullp
 GCryptDigest::GCryptDigest(const GCryptDigest& other)
     : Digest(other), _algorithm(other._algorithm), _handle(nullptr), _opened(nullptr) {}
 
+// Deliberately, a digest that is assigned to has no context, by itself included.
+// NOLINTNEXTLINE(cert-oop54-cpp,bugprone-unhandled-self-assignment)
 GCryptDigest& GCryptDigest::operator=(const GCryptDigest& other) {
     _algorithm = other._algorithm;
     _handle = nullptr;

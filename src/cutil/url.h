@@ -41,12 +41,12 @@ struct url_hex_values {
     constexpr url_hex_values() {
         for (int c = 0; c < 256; ++c) {
             const int letter = c | 0x20;
-            of[c] = static_cast<signed char>(c >= '0' && c <= '9'             ? c - '0'
-                                             : letter >= 'a' && letter <= 'f' ? letter - 'a' + 10
-                                                                              : -1);
+            of[c] = static_cast<short>(c >= '0' && c <= '9'             ? c - '0'
+                                       : letter >= 'a' && letter <= 'f' ? letter - 'a' + 10
+                                                                        : -1);
         }
     }
-    signed char of[256] = {};
+    short of[256] = {};
 };
 inline constexpr url_hex_values kUrlHexValues;
 

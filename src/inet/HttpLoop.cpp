@@ -32,7 +32,7 @@ constexpr MonotonicMs kSilenceMs = 5'000;
 constexpr MonotonicMs kDrainSilenceMs = 1'000;
 constexpr MonotonicMs kStopMs = 1'000;
 constexpr MonotonicMs kShortageMs = 100;
-constexpr std::size_t kMaxHeldBytes = 8 * 1024 * 1024;
+constexpr std::size_t kMaxHeldBytes = std::size_t{8} * 1024 * 1024;
 
 /// Whether a socket is bound to one address, and not to all of the machine.
 bool IsBoundToOne(const _ipaddr_t& local) {

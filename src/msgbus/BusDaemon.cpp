@@ -15,7 +15,7 @@ constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_
 constexpr int kAskLimitMs = 5000;
 constexpr int kGiveUpLimitMs = 250;
 /// The bus itself takes 1,024 bytes; a message above 32 MiB would cost the connection.
-constexpr std::size_t kMaxRule = 64 * 1024;
+constexpr std::size_t kMaxRule = std::size_t{64} * 1024;
 
 /// A call of the bus itself with one string.
 MessageRef MakeCall(const char* member, const std::string& argument) {

@@ -9,7 +9,7 @@ namespace zarip::msgbus {
 
 namespace {
 
-constexpr std::size_t kMaxErrorText = 64 * 1024;
+constexpr std::size_t kMaxErrorText = std::size_t{64} * 1024;
 
 /// ASCII, which nearly all text on this bus is, needs no decoding: eight bytes at a time.
 bool IsAscii(const char* text, std::size_t length) {
@@ -60,7 +60,7 @@ std::string ToErrorText(const std::string& text) {
             --end;  // not in the middle of a character
         }
     }
-    const std::string cut = text.substr(0, end);
+    std::string cut = text.substr(0, end);
     if (IsValidText(cut.c_str())) {
         return cut;
     }

@@ -21,7 +21,7 @@ constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr Inbox::Limits kWhileListening = {kInboxMemory, kNoLimit};
 constexpr Inbox::Limits kWhileNobodyListens = {kInboxMemory, 1000};
 /// A signal that no handler takes is kept only below this size; a handler may be registered later.
-constexpr std::size_t kLargeSignal = 64 * 1024;
+constexpr std::size_t kLargeSignal = std::size_t{64} * 1024;
 /// Each may hold sixteen descriptors, and a process has about a thousand.
 constexpr std::size_t kMaxWithDescriptors = 16;
 

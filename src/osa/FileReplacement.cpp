@@ -133,7 +133,7 @@ std::string FollowLinks(const std::string& path) {
         if (!ReadLink(result, content)) {
             return result;
         }
-        result = content[0] == '/' ? content : FolderOf(result) + content;
+        result = content[0] == '/' ? content : FolderOf(result).append(content);
     }
     return path;
 }

@@ -23,7 +23,7 @@ constexpr std::uint32_t kSnapLength = 65'535;
 constexpr std::size_t kMaxPayload = kSnapLength - kPacketOverhead;
 constexpr unsigned int kUdp = 17;
 /// Captures are written to a folder in memory on most devices.
-constexpr std::size_t kMaxFile = 64 * 1024 * 1024;
+constexpr std::size_t kMaxFile = std::size_t{64} * 1024 * 1024;
 
 template <class T>
 void PutLittle(unsigned char* at, T value) {

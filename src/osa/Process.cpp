@@ -110,7 +110,7 @@ TextArray MakeEnvironment(const Process::Options& options) {
         if (name.empty() || name.find('=') != std::string::npos) {
             throw Exception("Invalid parameter");
         }
-        result.Add(name + "=" + value);
+        result.Add(std::string(name).append("=").append(value));
     }
     return result;
 }

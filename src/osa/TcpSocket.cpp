@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "osa/Errors.h"
 #include "osa/SocketAddress.h"
@@ -243,7 +244,7 @@ void TcpSocket::Connect(const char* host, unsigned short port, unsigned int time
     ConnectFailure failure{"Invalid Socket", 0};
     for (const auto& address : addresses) {
         const bool isFitting = unused.IsValid() && address.any.sa_family == _impl->family;
-        UniqueFd fd = isFitting ? std::move(unused) : OpenSocket(address.any.sa_family);
+        UniqueFd fd = isFitting ? std::exchange(unused, UniqueFd()) : OpenSocket(address.any.sa_family);
         if (!fd.IsValid()) {
             continue;
         }

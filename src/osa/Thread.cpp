@@ -57,7 +57,7 @@ struct Thread::StartRecord : Identity {
     /// run.
     Semaphore start{"Thread::start", 1, 0};
     Runnable* runnable = nullptr;
-    int priority = 0;
+    signed char priority = 0;
     std::atomic<bool> cancelled{false};
     /// Somebody waits in `Join()`, or it has succeeded.
     std::atomic<bool> joining{false};
@@ -231,7 +231,7 @@ Thread::Thread(const char* name, Runnable* runnable, unsigned int stackSize, sig
     auto argument = std::make_unique<std::shared_ptr<StartRecord>>(_context);
     const Attributes attributes(_stackSize, priority);
     Check(::pthread_create(&_id, attributes.Get(), &Thread::Entry, argument.get()), "Create Thread Error");
-    argument.release();
+    static_cast<void>(argument.release());
     try {
         s_threads()[_id] = this;
     } catch (...) {

@@ -284,6 +284,7 @@ Timer::Timer(ITimerCallback* callback) {
 Timer::Timer(const Timer& other)
     : _context(std::make_unique<PosixTimerContext>(TimerService::Get().Copy(*other._context))) {}
 
+// NOLINTNEXTLINE(cert-oop54-cpp): a copy of itself has its own alarm, which stays.
 Timer& Timer::operator=(const Timer& other) {
     auto copy = std::make_unique<PosixTimerContext>(TimerService::Get().Copy(*other._context));
     if (copy->alarm != _context->alarm) {

@@ -126,7 +126,7 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
     if (queue._depth > kMaxDepth) {
         queue.Refuse(parser, kTooDeep);
     }
-    for (const xmlChar** one = attributes; one != attributes + 5 * attributeCount; one += 5) {
+    for (const xmlChar** one = attributes; one != attributes + std::ptrdiff_t{5} * attributeCount; one += 5) {
         if (ToView(one[1]) == "xml" && ToView(one[0]) == "id") {
             queue.CheckId(parser, ValueOf(one));
         }
@@ -140,13 +140,13 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
     node.name = {local, prefix, uri};
     node.firstAttribute = queue._attributes.size();
     node.attributes = static_cast<std::size_t>(namespaceCount) + static_cast<std::size_t>(attributeCount);
-    for (const xmlChar** one = namespaces; one != namespaces + 2 * namespaceCount; one += 2) {
+    for (const xmlChar** one = namespaces; one != namespaces + std::ptrdiff_t{2} * namespaceCount; one += 2) {
         const bool isDefault = one[0] == nullptr;
         queue.AddAttribute({isDefault ? ToXml("xmlns") : one[0], isDefault ? nullptr : ToXml("xmlns"),
                             ToXml("http://www.w3.org/2000/xmlns/")},
                            ToView(one[1]));
     }
-    for (const xmlChar** one = attributes; one != attributes + 5 * attributeCount; one += 5) {
+    for (const xmlChar** one = attributes; one != attributes + std::ptrdiff_t{5} * attributeCount; one += 5) {
         queue.AddAttribute({one[0], one[1], one[2]}, ValueOf(one));
     }
     ++queue._depth;
