@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "msgbus/DBusText.h"
-#include "msgbus/DescribedObject.h"
+#include "msgbus/DescribedObjects.h"
 #include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
@@ -208,8 +208,8 @@ bool MessageReceiver::DispatchToHandlers(DBusMessage* message) {
         found = _dispatcher->FindInterface(member);
         interface = found;
     }
-    if (DescribedObject::Find(*_bus, ViewOf(dbus_message_get_path(message)), interface) ==
-        DescribedObject::Place::kElsewhere) {
+    if (DescribedObjects::Get().Find(*_bus, ViewOf(dbus_message_get_path(message)), interface) ==
+        DescribedObjects::Place::kElsewhere) {
         return false;
     }
     return _dispatcher->Dispatch(wrapped, interface, member, false, *_bus) || AnswerIntrospect(wrapped);
@@ -222,7 +222,7 @@ bool MessageReceiver::AnswerIntrospect(const MsgBusMsg& call) {
         (!interface.empty() && interface != DBUS_INTERFACE_INTROSPECTABLE)) {
         return false;
     }
-    const std::string document = DescribedObject::Describe(*_bus, call.GetPath());
+    const std::string document = DescribedObjects::Get().Describe(*_bus, call.GetPath());
     if (!document.empty() && call.IsExpectingResponse()) {
         const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
         *reply << document;
@@ -237,7 +237,7 @@ void MessageReceiver::RefuseUnknown(BusConnection& connection, DBusMessage* call
         return;
     }
     const std::string path = TextOf(dbus_message_get_path(call));
-    if (DescribedObject::IsUnknown(*_bus, path)) {
+    if (DescribedObjects::Get().IsUnknown(*_bus, path)) {
         Refuse(connection, call, DBUS_ERROR_UNKNOWN_OBJECT, "There is no object " + path);
         return;
     }

@@ -33,6 +33,7 @@
 #include <zarip/interfaces/ISmRegistrationProvider.h>
 #include <zarip/interfaces/IStreamInfoProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
+#include <zarip/interfaces/ServerBase.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/msgbus/MsgBusMsgArgumentDumper.h>
@@ -260,6 +261,7 @@ TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
         {"MsgBusSignal", End<msgbus::MsgBusSignal>(), 2},
         {"MsgBusMsgArgumentDumper", End<msgbus::MsgBusMsgArgumentDumper>(), 2},
         {"InterfaceServer", End<interfaces::InterfaceServer>(), 2},
+        {"ServerBase", End<interfaces::internal::ServerBase>(), 2},
         {"HttpFormatter", End<inet::HttpFormatter>(), 2},
         // The destructor, and what the tables above list.
         {"Exception", End<osa::Exception>(), 3},

@@ -4,12 +4,15 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include "interfaces/Description.h"
 #include "support/FakeBus.h"
 #include "support/Messages.h"
 #include "support/PrivateBus.h"
 #include "support/WaitUntil.h"
+#include "zarip/interfaces/CheckDescription.h"
 #include "zarip/interfaces/InterfaceServer.h"
 #include "zarip/msgbus/MsgBus.h"
 
@@ -19,10 +22,6 @@ namespace {
 using test::Description;
 using test::ErrorOf;
 using test::FakeBus;
-
-string Signature(const msgbus::MsgBusMsg& message) {
-    return dbus_message_get_signature(message.GetDBusMessage());
-}
 
 string Address(const msgbus::MsgBusMsg& message) {
     return message.GetType() + " " + message.GetPath() + " " + message.GetInterface() + "." +
@@ -79,9 +78,12 @@ TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
         EXPECT_EQ(bus._sent[0]->GetDestination(), TypeParam::kName);
         EXPECT_EQ(Address(*bus._sent[0]),
                   string("method_call ") + TypeParam::kPath + " " + TypeParam::kName + "." + member.name);
-        EXPECT_EQ(Signature(*bus._sent[0]), member.arguments);
+        EXPECT_EQ(bus._sent[0]->GetSignature(), member.arguments);
         EXPECT_EQ(bus._replySignature, member.reply != nullptr ? member.reply : "none");
         EXPECT_EQ(bus._timeout, member.reply != nullptr ? timeout : 0);
+        // What the adapter answers does not depend on how the proxy asks.
+        const msgbus::MsgBusMsg sent(*bus._sent[0]);
+        EXPECT_EQ(ErrorOfCall(bus, sent), member.reply != nullptr ? "no exception" : "no reply");
     }
 }
 
@@ -145,33 +147,15 @@ TYPED_TEST(ServiceTest, DestroyingTheServerEndsEventsThenHandlersThenTheName) {
     EXPECT_EQ(bus._sent.size(), expected.size());
 }
 
-TYPED_TEST(ServiceTest, TheDescriptionIsWhatTheCodeSendsAndTakes) {
-    auto& bus = this->_bus;
-    const auto server = this->Serve(bus);
-    const auto client = this->Connect(bus);
-    vector<string> members;
+TYPED_TEST(ServiceTest, TheDescriptionIsThatOfTheTable) {
+    const auto server = this->Serve(this->_bus);
+    vector<string> leftOut;
     for (const auto& member : this->_members) {
-        bus._sent.clear();
-        bus._timeout = 0;
-        member.call(*client);
-        const msgbus::MsgBusMsg sent(*bus._sent.at(0));
-        const bool waits = bus._timeout != 0;
-        // What the adapter does does not depend on how the proxy asks.
-        const string error = ErrorOfCall(bus, sent);
-        EXPECT_EQ(error, waits ? "no exception" : "no reply") << member.name;
-        if (!member.variesInSignature) {
-            members.push_back(sent.GetName() + "(" + Signature(sent) +
-                              (waits ? ")->(" + bus._replySignature + ")" : ") one-way"));
+        if (member.variesInSignature) {
+            leftOut.push_back(member.name);
         }
     }
-    for (const auto& signal : this->_signals) {
-        signal.fire(this->_implementation);
-        members.push_back("signal " + bus._sent.back()->GetName() + "(" + Signature(*bus._sent.back()) + ")");
-    }
-    const Description description = Description::OfFile(TypeParam::kName);
-    EXPECT_EQ(description.GetPath(), TypeParam::kPath);
-    EXPECT_EQ(description.GetInterfaces(), vector<string>{TypeParam::kName});
-    EXPECT_EQ(description.GetMembers(TypeParam::kName), members);
+    EXPECT_EQ(CheckDescription(*server, leftOut), "");
 }
 
 vector<string> SplitSignature(const string& signature) {
@@ -285,6 +269,16 @@ TYPED_TEST(ServiceTest, IsShownByGdbus) {
     }
 }
 
+/// The element in the file of an interface.
+string ElementOf(const string& interface) {
+    std::ifstream file(INTERFACES + interface + ".xml");
+    std::ostringstream text;
+    text << file.rdbuf();
+    const string xml = text.str();
+    const auto begin = xml.find("  <interface");
+    return xml.substr(begin, xml.find("</node>") - begin);
+}
+
 string Introspect(msgbus::IMsgBus& bus, const char* name, const char* path) {
     const msgbus::MsgBusRemoteMethod call(
         msgbus::MsgBusObjectSelector(name, path, "org.freedesktop.DBus.Introspectable"), "Introspect");
@@ -320,9 +314,7 @@ TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
         const Description description = describe(path);
         EXPECT_EQ(description.GetInterfaces(), with(name));
         EXPECT_EQ(description.GetChildren(), vector<string>());
-        EXPECT_EQ(description.GetMembers(name), Description::OfFile(name).GetMembers(name));
-        EXPECT_EQ(description.GetMembers(own[0]), vector<string>{"Introspect()->(s)"});
-        EXPECT_EQ(description.GetMembers(own[1]), (vector<string>{"GetMachineId()->(s)", "Ping()->()"}));
+        EXPECT_NE(Introspect(clientBus, Security::kName, path).find(ElementOf(name)), string::npos) << name;
     }
     const std::pair<const char*, vector<string>> parents[] = {{"/", {"com"}},
                                                               {"/com", {"brelk"}},
@@ -370,6 +362,9 @@ TEST(Introspection, EveryFileIsThatOfAService) {
         expected.insert(string(name) + ".xml");
     }
     EXPECT_EQ(files, expected);
+    // The signature of its signal varies, so no description fits.
+    EXPECT_EQ(ElementOf("com.brelk.analytics"),
+              "  <interface name=\"com.brelk.analytics\">\n  </interface>\n");
 }
 
 /// A call as other libraries send it. Returns the name of the error that answers it, or "".
