@@ -34,6 +34,7 @@
 #include <zarip/interfaces/IStreamInfoProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/interfaces/ServerBase.h>
+#include <zarip/msgbus/FakeBus.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/msgbus/MsgBusMsgArgumentDumper.h>
@@ -291,6 +292,7 @@ TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
         {"IVoidDelegate1", End<core::IVoidDelegate1<int>>(), 4},
         {"IAllocator", End<core::IAllocator>(), 5},
         {"IMsgBus", End<msgbus::IMsgBus>(), 14},
+        {"FakeBus", End<msgbus::FakeBus>(), 14},
         {"IMessageHandler", End<msgbus::IMessageHandler>(), 4},
         {"ISecurityProvider", End<interfaces::ISecurityProvider>(), 26},
         {"INetworkingV2Provider", End<interfaces::INetworkingV2Provider>(), 4},

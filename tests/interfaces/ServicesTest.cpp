@@ -38,6 +38,11 @@ string ErrorOfCall(msgbus::IMsgBus& bus, const msgbus::MsgBusMsg& call) {
 }
 
 template <class Service>
+string Failed(const string& member, const string& reason) {
+    return string("DBUS call ") + Service::kName + "::" + member + " failed: " + reason;
+}
+
+template <class Service>
 class ServiceTest : public testing::Test {
 protected:
     using Provider = typename Service::Provider;
@@ -68,28 +73,30 @@ TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
     auto& bus = this->_bus;
     for (const auto& member : this->_members) {
         SCOPED_TRACE(member.name);
-        bus._sent.clear();
+        bus.TakeSent();
         bus._replySignature = "none";
         bus._timeout = 0;
         EXPECT_EQ(member.call(*client), member.returned);
         EXPECT_EQ(this->_implementation._last,
                   string(member.name) + (member.received != nullptr ? string("|") + member.received : ""));
-        ASSERT_EQ(bus._sent.size(), 1U);
-        EXPECT_EQ(bus._sent[0]->GetDestination(), TypeParam::kName);
-        EXPECT_EQ(Address(*bus._sent[0]),
+        const auto sent = bus.TakeSent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0]->GetDestination(), TypeParam::kName);
+        EXPECT_EQ(Address(*sent[0]),
                   string("method_call ") + TypeParam::kPath + " " + TypeParam::kName + "." + member.name);
-        EXPECT_EQ(bus._sent[0]->GetSignature(), member.arguments);
+        EXPECT_EQ(sent[0]->GetSignature(), member.arguments);
         EXPECT_EQ(bus._replySignature, member.reply != nullptr ? member.reply : "none");
         EXPECT_EQ(bus._timeout, member.reply != nullptr ? timeout : 0);
         // What the adapter answers does not depend on how the proxy asks.
-        const msgbus::MsgBusMsg sent(*bus._sent[0]);
-        EXPECT_EQ(ErrorOfCall(bus, sent), member.reply != nullptr ? "no exception" : "no reply");
+        EXPECT_EQ(ErrorOfCall(bus, *sent[0]),
+                  member.reply != nullptr ? "no exception"
+                                          : Failed<TypeParam>(member.name, "Did not receive a reply"));
     }
 }
 
 TYPED_TEST(ServiceTest, HandlersStandInTheOrderOfTheInterface) {
     const auto server = this->Serve(this->_bus);
-    EXPECT_EQ(this->_bus._names, vector<string>{TypeParam::kName});
+    EXPECT_EQ(this->_bus.GetNames(), vector<string>{TypeParam::kName});
     const auto client = this->Connect(this->_bus);
     vector<string> expected;
     for (const auto& member : this->_members) {
@@ -100,8 +107,8 @@ TYPED_TEST(ServiceTest, HandlersStandInTheOrderOfTheInterface) {
     }
     vector<string> found;
     for (const auto& entry : this->_bus._handlers) {
-        const bool isSignal = entry.handler->GetKind() == msgbus::IMessageHandler::kSignals;
-        EXPECT_NE(entry.handler->GetKind(), msgbus::IMessageHandler::kBoth);
+        const bool isSignal = entry.kind == msgbus::IMessageHandler::kSignals;
+        EXPECT_NE(entry.kind, msgbus::IMessageHandler::kBoth);
         found.push_back((isSignal ? "signal " : "call ") + entry.interface + "." + entry.member);
     }
     EXPECT_EQ(found, expected);
@@ -114,8 +121,8 @@ TYPED_TEST(ServiceTest, WhatIsNotOverriddenIsUnimplementedHereAndAcrossTheBus) {
     for (const auto& member : this->_members) {
         EXPECT_EQ(ErrorOf([&] { member.call(bare); }), "unimplemented") << member.name;
         if (member.reply != nullptr) {
-            EXPECT_EQ(ErrorOf([&] { member.call(*client); }), "DBUS call failed: unimplemented")
-                << member.name;
+            EXPECT_EQ(ErrorOf([&] { member.call(*client); }),
+                      Failed<TypeParam>(member.name, "unimplemented"));
         }
     }
 }
@@ -130,8 +137,9 @@ TYPED_TEST(ServiceTest, DestroyingTheServerEndsEventsThenHandlersThenTheName) {
         signal.listen(*client, arrivals);
         signal.fire(this->_implementation);
         expected.push_back(string(signal.name) + " " + signal.value);
-        ASSERT_EQ(bus._sent.size(), expected.size());
-        EXPECT_EQ(Address(*bus._sent.back()),
+        const auto sent = bus.TakeSent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(Address(*sent[0]),
                   string("signal ") + TypeParam::kPath + " " + TypeParam::kName + "." + signal.name);
     }
     EXPECT_EQ(arrivals.Get(), expected);
@@ -144,7 +152,7 @@ TYPED_TEST(ServiceTest, DestroyingTheServerEndsEventsThenHandlersThenTheName) {
     for (const auto& signal : this->_signals) {
         signal.fire(this->_implementation);
     }
-    EXPECT_EQ(bus._sent.size(), expected.size());
+    EXPECT_EQ(bus.TakeSent().size(), 0U);
 }
 
 TYPED_TEST(ServiceTest, TheDescriptionIsThatOfTheTable) {
@@ -470,7 +478,8 @@ TEST(AudioLineOutQuery, HoldsWhatAMessageHolds) {
     implementation._connections = 127;
     EXPECT_EQ(client->Query().size(), 127U);
     implementation._connections = 128;
-    EXPECT_EQ(ErrorOf([&] { client->Query(); }), "DBUS call failed: MsgBusMsg: too many arguments!");
+    EXPECT_EQ(ErrorOf([&] { client->Query(); }),
+              Failed<AudioLineOut>("Query", "MsgBusMsg: too many arguments!"));
 }
 
 TEST(AudioLineOutQuery, DoesNotTrustTheCount) {
@@ -492,6 +501,7 @@ TEST(AudioLineOutQuery, DoesNotTrustTheCount) {
             *reply << row.count << "a" << 1;
             replies.SendReply(*reply);
         });
+        bus.RegisterDestinationName(AudioLineOut::kName);
         bus.RegisterMessageHandler("Query", AudioLineOut::kName, &service);
         const std::unique_ptr<IAudioLineOutProvider> client(IAudioLineOutProvider::CreateClient(&bus));
         string result;

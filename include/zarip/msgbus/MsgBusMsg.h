@@ -112,6 +112,7 @@ public:
     MsgBusMsgArgumentReader operator>>(std::string& value) const;
 
 private:
+    friend class FakeBus;
     friend class MsgBus;
     friend class MsgBusMsgArgumentDumper;
     friend class MsgBusMsgArgumentReader;
