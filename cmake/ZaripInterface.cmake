@@ -8,12 +8,17 @@
 #
 # of type `zarip::interfaces::ServiceDescription`, which `RemoteService` and `ServiceServer` are made with. The path of
 # the object is the name of the file's root node; without one it is the name of the interface with slashes. With PUBLIC
-# the targets that link to this one find the headers, too.
+# the targets that link to this one find the headers, too. Call it in the folder that makes the target.
 
 function(zarip_add_interface target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "PUBLIC" "" "")
   if(NOT TARGET ${target})
     message(FATAL_ERROR "zarip_add_interface: ${target} is not a target")
+  endif()
+  get_target_property(owner ${target} SOURCE_DIR)
+  if(NOT owner STREQUAL CMAKE_CURRENT_SOURCE_DIR)
+    # Its build would not know how to make the headers.
+    message(FATAL_ERROR "zarip_add_interface: ${target} is made in ${owner}; call it there")
   endif()
   set(scope PRIVATE)
   if(arg_PUBLIC)
