@@ -36,10 +36,12 @@ public:
             }
             for (const xml::XmlElement member : document.GetRoot().GetChildren()) {
                 const string kind = member.GetName();
-                if (kind == "method" || kind == "signal") {
-                    const string name = kind + " " + member.GetAttributeOr("name", "");
-                    shapes.emplace(name,
-                                   kind == "signal" ? ReadSignal(name, member) : ReadMethod(name, member));
+                const string name = kind + " " + member.GetAttributeOr("name", "");
+                if (kind == "method") {
+                    shapes.emplace(name, ReadMethod(name, member));
+                } else if (kind == "signal" || kind == "property") {
+                    // A server has no properties, so each is a mismatch.
+                    shapes.emplace(name, ReadSignal(name, member));
                 }
             }
         } catch (const xml::XmlException& e) {

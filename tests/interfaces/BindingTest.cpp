@@ -168,6 +168,10 @@ TEST(CheckDescription, NamesEveryMismatch) {
          {"Move"},
          "method Stopped is described and not in the table\n"
          "signal Stopped is in the table and not described\n"},
+        {With("<method name=\"Reset\"/>", "<method name=\"Reset\"/><property name=\"Size\" type=\"i\"/>"),
+         nullptr,
+         {"Move"},
+         "property Size is described and not in the table\n"},
         {With("com.example", "com.other"),
          nullptr,
          {"Move"},

@@ -206,7 +206,7 @@ TEST_F(ZaripBusTest, PrintsWhatACallReturns) {
         {{"call", "-j", "security", "GetAllowedPermissions", "x"}, "0|[[]]\n|"},
         {{"call", "security", "GetAllowedPaths", "a\"b"}, "0|[\"GetAllowedPaths|a\\\"b\",\"/\"]\n|"},
         {{"call", "security", "DeleteUsers", "[\"a\", \"b\\u00e4\"]"}, "0|2\n|"},
-        // Behind the member everything is an argument, as it is.
+        // After the member everything is an argument, as it is.
         {{"call", "security", "GetCredentials", "--help"}, "0|GetCredentials|--help\n|"},
         {{"call", "security", "GetCredentials", ""}, "0|GetCredentials|\n|"},
         {{"call", "security", "GetCredentials", "\xc3\xa4 $(id) \\ '"},
@@ -611,7 +611,7 @@ TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
         Child tool(Tool(words));
         EXPECT_EQ(tool.Wait(), 0) << member.name << tool.GetErrors();
         EXPECT_EQ(tool.GetOutput().empty(), member.reply == nullptr) << member.name;
-        // Answered behind the call; then the listen thread has ended, so that this one may look.
+        // Answered after the call; then the listen thread has ended, so that this one may look.
         msgbus::MsgBusMsg* reply = nullptr;
         client.SendMsgWaitForReply(
             msgbus::MsgBusRemoteMethod({TypeParam::kName, TypeParam::kPath, "org.freedesktop.DBus.Peer"},

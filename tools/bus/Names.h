@@ -38,8 +38,7 @@ Result AskBus(zarip::msgbus::MsgBus& bus, const char* member, const Arguments&..
 Strings GetNames(zarip::msgbus::MsgBus& bus);
 
 /// The name that a SERVICE on the command line means: that name itself, or the only one that ends in it after
-/// a dot, on the bus or of the camera's services. SERVICE itself if there is none; throws if there are
-/// several.
+/// a dot, on the bus or of the camera's services. SERVICE itself if no name does; throws if several do.
 /// @param names  what is on the bus.
 std::string Resolve(const Strings& names, const std::string& service);
 
