@@ -25,7 +25,7 @@ set(literal)
 set(begin 0)
 while(begin LESS length)
   string(SUBSTRING "${element}" ${begin} 8000 piece)
-  string(APPEND literal "R\"zarip(${piece})zarip\"")
+  string(APPEND literal "\n    R\"zarip(${piece})zarip\"")
   math(EXPR begin "${begin} + 8000")
 endwhile()
 file(WRITE ${OUTPUT} "// Made from ${name}.xml by zarip_add_interface.
@@ -35,7 +35,7 @@ file(WRITE ${OUTPUT} "// Made from ${name}.xml by zarip_add_interface.
 
 namespace zarip::descriptions {
 
-inline constexpr interfaces::ServiceDescription ${constant} = {\"${name}\", \"${path}\", ${literal}};
+inline constexpr interfaces::ServiceDescription ${constant} = {\"${name}\", \"${path}\",${literal}};
 
 }  // namespace zarip::descriptions
 ")

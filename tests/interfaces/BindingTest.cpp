@@ -21,16 +21,22 @@ msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentReader& rea
     return reader >> position.x;
 }
 
-class Gadget {
+/// Several interfaces may share a part.
+class Resettable {
 public:
-    virtual ~Gadget() = default;
-    virtual string Mix(int, const string&, bool) const { Unimplemented(); }
+    virtual ~Resettable() = default;
     virtual Record<> Reset() { Unimplemented(); }
+
+    core::Event0 Stopped;
+};
+
+class Gadget : public Resettable {
+public:
+    virtual string Mix(int, const string&, bool) const { Unimplemented(); }
     virtual void Move(Position) { Unimplemented(); }
     virtual void Log(const string&, double) { Unimplemented(); }
 
     int _timeout = kDefaultTimeout;
-    core::Event0 Stopped;
     core::Event1<std::vector<string>> Changed;
 };
 

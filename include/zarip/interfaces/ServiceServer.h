@@ -149,13 +149,14 @@ protected:
     }
 
     /// Sends an event of the implementation as a signal.
-    template <class A>
-    void Forward(const char* signal, core::Event1<A> Provider::*event) {
+    template <class Class, class A>
+    void Forward(const char* signal, core::Event1<A> Class::*event) {
         Attach(signal, &internal::SignatureOf<A>, _implementation.load()->*event,
                new Emitter1<A>(this, signal));
     }
 
-    void Forward(const char* signal, core::Event0 Provider::*event) {
+    template <class Class>
+    void Forward(const char* signal, core::Event0 Class::*event) {
         Attach(signal, &internal::SignatureOf<Record<>>, _implementation.load()->*event,
                new Emitter0(this, signal));
     }
@@ -193,14 +194,16 @@ private:
         const char* _signal;
     };
 
-    template <class R, class... A>
-    void ServeMethod(const char* member, R (Provider::*method)(A...)) {
-        ServeArguments<R, A...>(member, method);
+    // The class of a member or an event may be a base of the provider.
+
+    template <class Class, class R, class... A>
+    void ServeMethod(const char* member, R (Class::*method)(A...)) {
+        ServeArguments<R, A...>(member, static_cast<R (Provider::*)(A...)>(method));
     }
 
-    template <class R, class... A>
-    void ServeMethod(const char* member, R (Provider::*method)(A...) const) {
-        ServeArguments<R, A...>(member, method);
+    template <class Class, class R, class... A>
+    void ServeMethod(const char* member, R (Class::*method)(A...) const) {
+        ServeArguments<R, A...>(member, static_cast<R (Provider::*)(A...) const>(method));
     }
 
     template <class R, class... A, class Method>
