@@ -141,6 +141,7 @@ TYPED_TEST(ServiceTest, DestroyingTheServerEndsEventsThenHandlersThenTheName) {
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(Address(*sent[0]),
                   string("signal ") + TypeParam::kPath + " " + TypeParam::kName + "." + signal.name);
+        EXPECT_EQ(sent[0]->GetSignature(), signal.signature);
     }
     EXPECT_EQ(arrivals.Get(), expected);
 
