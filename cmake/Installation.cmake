@@ -26,5 +26,6 @@ write_basic_package_version_file(zaripConfigVersion.cmake COMPATIBILITY SameMino
 file(RELATIVE_PATH ZARIP_PREFIX_FROM_PC ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zarip.pc.in zarip.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zaripConfig.cmake ${PROJECT_BINARY_DIR}/zaripConfigVersion.cmake
+  cmake/ZaripInterface.cmake cmake/ZaripEmbedInterface.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zarip)
 install(FILES ${PROJECT_BINARY_DIR}/zarip.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -4,6 +4,8 @@
 base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev dbus libglib2.0-bin openssl"
 # What the demo talks to the examples with.
 demo_packages="curl tshark gupnp-tools iproute2 libglib2.0-bin"
+# Without these some tests are skipped: clients of another library, and the completion of zsh.
+peer_packages="libsdbus-c++-dev libsdbus-c++-bin zsh"
 
 # usage: prints the comment at the top of the running script.
 usage() {

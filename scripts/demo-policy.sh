@@ -70,8 +70,10 @@ remove_accounts() {
 guarded_bus() {
     mkdir "$temp/system.d"
     local policy
-    for policy in "$policies"/*.conf; do
-        sed "s/user=\"zarip-\(backup\|gateway\)\"/user=\"$client_user\"/; s/user=\"zarip-[a-z]*\"/user=\"$service_user\"/; s/group=\"zarip\"/group=\"$group\"/" "$policy" \
+    for policy in "$policies"/*.conf examples/illuminator/com.*.conf; do
+        sed "s/user=\"zarip-\(backup\|gateway\)\"/user=\"$client_user\"/
+            s/user=\"\(zarip-[a-z]*\|illuminator\)\"/user=\"$service_user\"/
+            s/group=\"zarip\"/group=\"$group\"/" "$policy" \
             >"$temp/system.d/${policy##*/}"
     done
     cat <<END

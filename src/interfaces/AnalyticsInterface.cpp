@@ -1,9 +1,9 @@
 #include "zarip/interfaces/AnalyticsInterface.h"
 
+#include "com.brelk.analytics.h"
 #include "interfaces/CountedList.h"
-#include "interfaces/Descriptions.h"
-#include "msgbus/DescribedObject.h"
 #include "zarip/core/Logger.h"
+#include "zarip/msgbus/DescribedObject.h"
 #include "zarip/msgbus/MsgBus.h"
 #include "zarip/msgbus/MsgBusSignal.h"
 
@@ -41,7 +41,8 @@ void AnalyticsAlert::Serialize(msgbus::MsgBusMsg& message) const {
 
 namespace {
 
-constexpr const char* kName = "com.brelk.analytics";
+constexpr const ServiceDescription& kService = descriptions::com_brelk_analytics;
+constexpr const char* kName = kService.name;
 
 }  // namespace
 
@@ -51,7 +52,7 @@ public:
         : _logger(core::Logger::GetLogger("AnalyticsInterface")),
           _bus(bus),
           _path(path != nullptr ? path : ""),
-          _description(bus, _path.c_str(), kName, DescriptionOf(kName)) {}
+          _description(bus, _path, kName, kService.xml) {}
 
     void BroadcastAnalyticsAlert(const AnalyticsAlert& alert) {
         _logger->Information("BroadcastAnalyticsAlert");
@@ -69,8 +70,7 @@ private:
     msgbus::DescribedObject _description;
 };
 
-AnalyticsInterface::AnalyticsInterface(msgbus::MsgBus* bus)
-    : AnalyticsInterface("/com/brelk/analytics", bus) {}
+AnalyticsInterface::AnalyticsInterface(msgbus::MsgBus* bus) : AnalyticsInterface(kService.path, bus) {}
 
 AnalyticsInterface::AnalyticsInterface(const char* path, msgbus::MsgBus* bus)
     : _impl(std::make_unique<AnalyticsInterfaceImpl>(path, bus)) {}

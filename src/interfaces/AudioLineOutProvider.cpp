@@ -1,6 +1,7 @@
+#include "com.brelk.audio.lineout.h"
 #include "interfaces/CountedList.h"
-#include "interfaces/ServiceBinding.h"
 #include "zarip/interfaces/IAudioLineOutProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -33,7 +34,7 @@ static msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentRead
 
 namespace {
 
-constexpr ServiceNames kService = {"com.brelk.audio.lineout", "/com/brelk/audio/lineout"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_audio_lineout;
 
 using ConnectParams = Record<string, int, int>;
 

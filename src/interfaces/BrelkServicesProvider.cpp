@@ -1,5 +1,6 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.brelkServices.h"
 #include "zarip/interfaces/IBrelkServicesProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -8,7 +9,7 @@ namespace {
 using std::string;
 using Strings = std::vector<string>;
 
-constexpr ServiceNames kService = {"com.brelk.brelkServices", "/com/brelk/brelkServices"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_brelkServices;
 
 class MsgBusBrelkServicesProvider final : public IBrelkServicesProvider {
 public:

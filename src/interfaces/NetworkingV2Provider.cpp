@@ -1,5 +1,6 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.networkingV2.h"
 #include "zarip/interfaces/INetworkingV2Provider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -7,7 +8,7 @@ namespace {
 
 using std::string;
 
-constexpr ServiceNames kService = {"com.brelk.networkingV2", "/com/brelk/networkingV2"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_networkingV2;
 
 class MsgBusNetworkingV2Provider final : public INetworkingV2Provider {
 public:

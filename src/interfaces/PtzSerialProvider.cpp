@@ -1,11 +1,12 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.hardware.ptzSerial.h"
 #include "zarip/interfaces/IPtzSerialProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
 namespace {
 
-constexpr ServiceNames kService = {"com.brelk.hardware.ptzSerial", "/com/brelk/hardware/ptzSerial"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_hardware_ptzSerial;
 
 using SetPtzSerialSettingsAndInitializeInputParms = Record<unsigned int, int, unsigned int, bool>;
 // The result, then the output parameters.

@@ -1,5 +1,6 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.system.security.h"
 #include "zarip/interfaces/ISecurityProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -8,7 +9,7 @@ namespace {
 using std::string;
 using Strings = std::vector<string>;
 
-constexpr ServiceNames kService = {"com.brelk.system.security", "/com/brelk/system/security"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_system_security;
 
 using AuthenticateInputParms = Record<bool, string, string>;
 using AuthenticateHttpInputParms = Record<bool, string, string, string, bool, string, string, string, string>;

@@ -1,5 +1,6 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.mirase.smRegistration.h"
 #include "zarip/interfaces/ISmRegistrationProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -7,7 +8,7 @@ namespace {
 
 using std::string;
 
-constexpr ServiceNames kService = {"com.brelk.mirase.smRegistration", "/com/brelk/mirase/smRegistration"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_mirase_smRegistration;
 
 class MsgBusSmRegistrationProvider final : public ISmRegistrationProvider {
 public:

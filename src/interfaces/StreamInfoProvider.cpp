@@ -1,5 +1,6 @@
-#include "interfaces/ServiceBinding.h"
+#include "com.brelk.video.streamInfo.h"
 #include "zarip/interfaces/IStreamInfoProvider.h"
+#include "zarip/interfaces/ServiceBinding.h"
 
 namespace zarip::interfaces {
 
@@ -7,7 +8,7 @@ namespace {
 
 using std::string;
 
-constexpr ServiceNames kService = {"com.brelk.video.streamInfo", "/com/brelk/video/streamInfo"};
+constexpr const ServiceDescription& kService = descriptions::com_brelk_video_streamInfo;
 
 class MsgBusStreamInfoProvider final : public IStreamInfoProvider {
 public:

@@ -4,12 +4,9 @@
 
 #include <limits>
 
-#include "msgbus/DBusText.h"
-#include "msgbus/DescribedObject.h"
-#include "msgbus/MsgBusMsgImpl.h"
+#include "msgbus/CallRouting.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
-#include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/MutexAutoLock.h"
 
 namespace zarip::msgbus {
@@ -44,11 +41,10 @@ private:
     bool& _flag;
 };
 
-/// Answers a call that expects it with an error; does nothing for other messages.
-void Refuse(BusConnection& connection, DBusMessage* call, const char* error, const std::string& text) {
-    if (dbus_message_get_type(call) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
-        dbus_message_get_no_reply(call) == FALSE) {
-        connection.Post(MessageRef::Adopt(dbus_message_new_error(call, error, ToErrorText(text).c_str())));
+/// Sends a refusal unless it is empty.
+void Post(BusConnection& connection, MessageRef refusal) {
+    if (refusal) {
+        connection.Post(std::move(refusal));
     }
 }
 
@@ -93,7 +89,7 @@ void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool i
     DBusMessage* const raw = message.Get();
     if (dbus_message_contains_unix_fds(raw) != FALSE &&
         (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
-        RefuseUnknown(connection, raw);
+        Post(connection, MakeRefusal(raw, *_bus));
         return;
     }
     const std::size_t size = MeasureMessage(raw);
@@ -108,7 +104,8 @@ void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool i
             break;
         case Inbox::Result::kFull:
             WarnOfDropping(isListening);
-            Refuse(connection, raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled");
+            Post(connection,
+                 MakeRefusal(raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled"));
             break;
     }
 }
@@ -135,7 +132,7 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
     const Dispatching dispatching(connection, _isDispatching);
     try {
         if (!DispatchMsg(message.Get())) {
-            RefuseUnknown(connection, message.Get());
+            Post(connection, MakeRefusal(message.Get(), *_bus));
         }
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
@@ -162,13 +159,13 @@ bool MessageReceiver::DispatchMsg(DBusMessage* message) {
             LogReceivedError(message);
             return true;
         case DBUS_MESSAGE_TYPE_METHOD_CALL:
-            return DispatchToHandlers(message);
+            return RouteToHandlers(message, *_dispatcher, *_bus);
         case DBUS_MESSAGE_TYPE_SIGNAL:
             if (ViewOf(dbus_message_get_member(message)) == "NameLost") {
                 LogLostName(message);
                 return true;
             }
-            return DispatchToHandlers(message);
+            return RouteToHandlers(message, *_dispatcher, *_bus);
         default:
             return false;
     }
@@ -193,58 +190,6 @@ void MessageReceiver::LogLostName(DBusMessage* message) {
     const char* name = "";
     dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
     _logger->Information("Lost connection name: %s", TextOf(name));
-}
-
-bool MessageReceiver::DispatchToHandlers(DBusMessage* message) {
-    const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
-    const std::string_view member = ViewOf(dbus_message_get_member(message));
-    std::string_view interface = ViewOf(dbus_message_get_interface(message));
-    if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL) {
-        return _dispatcher->Dispatch(wrapped, interface, member, true, *_bus);
-    }
-    std::string found;
-    if (interface.empty()) {
-        // The interface of a call is optional: many clients leave it out.
-        found = _dispatcher->FindInterface(member);
-        interface = found;
-    }
-    if (DescribedObject::Find(*_bus, ViewOf(dbus_message_get_path(message)), interface) ==
-        DescribedObject::Place::kElsewhere) {
-        return false;
-    }
-    return _dispatcher->Dispatch(wrapped, interface, member, false, *_bus) || AnswerIntrospect(wrapped);
-}
-
-/// Answers the call if it is Introspect and the path is known.
-bool MessageReceiver::AnswerIntrospect(const MsgBusMsg& call) {
-    const std::string interface = call.GetInterface();
-    if (call.GetName() != "Introspect" ||
-        (!interface.empty() && interface != DBUS_INTERFACE_INTROSPECTABLE)) {
-        return false;
-    }
-    const std::string document = DescribedObject::Describe(*_bus, call.GetPath());
-    if (!document.empty() && call.IsExpectingResponse()) {
-        const std::unique_ptr<MsgBusMsg> reply(call.MakeReplyMsg());
-        *reply << document;
-        _bus->SendReply(*reply);
-    }
-    return !document.empty();
-}
-
-/// Answers a call that nobody takes, as libdbus does it.
-void MessageReceiver::RefuseUnknown(BusConnection& connection, DBusMessage* call) {
-    if (dbus_message_get_type(call) != DBUS_MESSAGE_TYPE_METHOD_CALL) {
-        return;
-    }
-    const std::string path = TextOf(dbus_message_get_path(call));
-    if (DescribedObject::IsUnknown(*_bus, path)) {
-        Refuse(connection, call, DBUS_ERROR_UNKNOWN_OBJECT, "There is no object " + path);
-        return;
-    }
-    Refuse(connection, call, DBUS_ERROR_UNKNOWN_METHOD,
-           "Method \"" + std::string(TextOf(dbus_message_get_member(call))) + "\" with signature \"" +
-               dbus_message_get_signature(call) + "\" on interface \"" +
-               TextOf(dbus_message_get_interface(call)) + "\" doesn't exist\n");
 }
 
 }  // namespace zarip::msgbus

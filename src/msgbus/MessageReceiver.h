@@ -34,12 +34,9 @@ private:
     void Keep(BusConnection& connection, MessageRef message, bool isListening);
     void WarnOfDropping(bool isListening);
     bool DispatchMsg(DBusMessage* message);
-    bool DispatchToHandlers(DBusMessage* message);
     void LogReceived(DBusMessage* message);
     void LogReceivedError(DBusMessage* message);
     void LogLostName(DBusMessage* message);
-    bool AnswerIntrospect(const MsgBusMsg& call);
-    void RefuseUnknown(BusConnection& connection, DBusMessage* call);
 
     IMsgBus* _bus;
     core::Logger* _logger;

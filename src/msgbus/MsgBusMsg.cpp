@@ -124,6 +124,10 @@ std::string MsgBusMsg::GetSender() const {
     return TextOrEmpty(dbus_message_get_sender(_impl->Get()));
 }
 
+std::string MsgBusMsg::GetSignature() const {
+    return TextOrEmpty(dbus_message_get_signature(_impl->Get()));
+}
+
 bool MsgBusMsg::IsExpectingResponse() const {
     return dbus_message_get_no_reply(_impl->Get()) == FALSE;
 }

@@ -33,6 +33,8 @@
 #include <zarip/interfaces/ISmRegistrationProvider.h>
 #include <zarip/interfaces/IStreamInfoProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
+#include <zarip/interfaces/ServerBase.h>
+#include <zarip/msgbus/FakeBus.h>
 #include <zarip/msgbus/IMessageHandler.h>
 #include <zarip/msgbus/IMsgBus.h>
 #include <zarip/msgbus/MsgBusMsgArgumentDumper.h>
@@ -260,6 +262,7 @@ TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
         {"MsgBusSignal", End<msgbus::MsgBusSignal>(), 2},
         {"MsgBusMsgArgumentDumper", End<msgbus::MsgBusMsgArgumentDumper>(), 2},
         {"InterfaceServer", End<interfaces::InterfaceServer>(), 2},
+        {"ServerBase", End<interfaces::internal::ServerBase>(), 2},
         {"HttpFormatter", End<inet::HttpFormatter>(), 2},
         // The destructor, and what the tables above list.
         {"Exception", End<osa::Exception>(), 3},
@@ -289,6 +292,7 @@ TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
         {"IVoidDelegate1", End<core::IVoidDelegate1<int>>(), 4},
         {"IAllocator", End<core::IAllocator>(), 5},
         {"IMsgBus", End<msgbus::IMsgBus>(), 14},
+        {"FakeBus", End<msgbus::FakeBus>(), 14},
         {"IMessageHandler", End<msgbus::IMessageHandler>(), 4},
         {"ISecurityProvider", End<interfaces::ISecurityProvider>(), 26},
         {"INetworkingV2Provider", End<interfaces::INetworkingV2Provider>(), 4},

@@ -4,7 +4,8 @@
 expected="alice on 8080"
 
 temp=$(mktemp -d "${TMPDIR:-/tmp}/zarip-install-XXXXXX")
-trap 'rm -rf "$temp"' EXIT
+pids=()  # of what is ended with the script
+trap 'kill ${pids[@]+"${pids[@]}"} 2>/dev/null || true; rm -rf "$temp"' EXIT
 fail() {
     echo "$(basename "$0"): $1" >&2
     exit 1

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace zarip::test {
 
@@ -33,8 +34,8 @@ void WriteConfiguration(const std::string& path, const std::string& address) {
 
 }  // namespace
 
-void PrivateBus::SetPolicy(const std::string& policy) {
-    s_policy = policy;
+std::string PrivateBus::SetPolicy(const std::string& policy) {
+    return std::exchange(s_policy, policy);
 }
 
 PrivateBus& PrivateBus::Get() {
@@ -50,7 +51,6 @@ PrivateBus::PrivateBus() {
     }
     _folder = folder;
     _address = "unix:path=" + _folder + "/socket";
-    WriteConfiguration(_folder + "/bus.conf", _address);
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
 }
 
@@ -70,6 +70,7 @@ void PrivateBus::Start() {
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe2 failed");
     }
+    WriteConfiguration(_folder + "/bus.conf", _address);
     const std::string configuration = "--config-file=" + _folder + "/bus.conf";
     _pid = ::fork();
     if (_pid == 0) {

@@ -13,7 +13,8 @@ public:
     static PrivateBus& Get();
 
     /// Replaces the policy, which allows everything, in the configuration of a daemon that is started later.
-    static void SetPolicy(const std::string& policy);
+    /// Returns the policy that it replaces.
+    static std::string SetPolicy(const std::string& policy);
 
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;

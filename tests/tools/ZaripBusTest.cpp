@@ -2,6 +2,7 @@
 
 #include <cajun/json/elements.h>
 #include <cajun/json/reader.h>
+#include <dbus/dbus.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,6 +11,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <future>
 #include <memory>
 #include <sstream>
@@ -17,6 +22,7 @@
 #include <vector>
 
 #include "interfaces/Services.h"
+#include "support/Messages.h"
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -92,13 +98,11 @@ Strings Tool(Strings arguments) {
     return arguments;
 }
 
-/// "<exit status>|<output>|<errors>"; of the usage only the first word.
+/// "<exit status>|<output>|<errors>".
 string Outcome(const Strings& arguments) {
     Child child(Tool(arguments));
     const string status = std::to_string(child.Wait());
-    string errors = child.GetErrors();
-    errors = errors.substr(0, errors.rfind("usage: ", 0) == 0 ? 5 : string::npos);
-    return status + "|" + child.GetOutput() + "|" + errors;
+    return status + "|" + child.GetOutput() + "|" + child.GetErrors();
 }
 
 template <class Implementation>
@@ -124,14 +128,27 @@ TEST_F(ZaripBusTest, HelpIsThereAndWrongUsageHasAStatusOfItsOwn) {
                                "Exit status: 0 done, 1 refused", "wait SERVICE"}) {
         EXPECT_NE(help.find(answer), string::npos) << answer;
     }
-    for (const Strings& arguments :
-         vector<Strings>{{}, {"lisst"}, {"list", "more"}, {"describe"}, {"call", "security"}, {"wait"}}) {
-        EXPECT_EQ(Outcome(arguments), "2||usage");
+    EXPECT_EQ(Outcome({"--version"}), "0|zarip-bus " ZARIP_VERSION "\n|");
+    EXPECT_EQ(Outcome({}).substr(0, 9), "2||usage:");
+    const struct {
+        Strings words;
+        string error;
+    } cases[] = {
+        {{"lisst"}, "unknown command lisst; see zarip-bus --help"},
+        {{"\x1b[31m"}, "unknown command \\u001b[31m; see zarip-bus --help"},
+        {{"list", "more"}, "use it as: zarip-bus list"},
+        {{"describe"}, "use it as: zarip-bus describe SERVICE"},
+        {{"call", "security"}, "use it as: zarip-bus call SERVICE MEMBER ARG..."},
+        {{"monitor", "a", "b"}, "use it as: zarip-bus monitor [SERVICE]"},
+        {{"wait"}, "use it as: zarip-bus wait SERVICE"},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(Outcome(row.words), "2||zarip-bus: " + row.error + "\n");
     }
     EXPECT_EQ(Outcome({"--jason", "list"}), "2||zarip-bus: unknown option --jason\n");
     EXPECT_EQ(Outcome({"wait", "x", "-t"}), "2||zarip-bus: -t needs a number of seconds\n");
     for (const char* text : {"soon", "-1", "1s", "", "nan", "1e9"}) {
-        const string error = string("2||zarip-bus: '") + text + "' is no number of seconds\n";
+        const string error = string("2||zarip-bus: '") + text + "' is not a number of seconds\n";
         EXPECT_EQ(Outcome({"-t", text, "wait", "x"}), error);
         EXPECT_EQ(Outcome({string("--timeout=") + text, "wait", "x"}), error);
     }
@@ -159,7 +176,20 @@ TEST_F(ZaripBusTest, ListsAndDescribesServices) {
               "  GetCameraDeviceNames() -> names: list of strings\n"
               "  signal StateChange()\n|");
     EXPECT_EQ(Outcome({"describe", "security"}), "3||zarip-bus: security is not on the bus\n");
-    EXPECT_EQ(Outcome({"describe", "no 'name'\n"}), "3||zarip-bus: no 'name'\n is not on the bus\n");
+    EXPECT_EQ(Outcome({"describe", "no 'name'\n"}), "3||zarip-bus: no 'name'\\n is not on the bus\n");
+    EXPECT_EQ(Outcome({"list", "--json"}),
+              "0|[\"com.brelk.brelkServices\",\"com.brelk.hardware.ptzSerial\"]\n|");
+    EXPECT_EQ(
+        Outcome({"describe", "-j", "brelkServices"}),
+        R"(0|{"name":"com.brelk.brelkServices","methods":[)"
+        R"({"name":"GetAllServices","arguments":[],"results":[{"name":"services","type":"s"}],"hasReply":true},)"
+        R"({"name":"GetServicesByDeviceType","arguments":[{"name":"deviceType","type":"s"}],)"
+        R"("results":[{"name":"services","type":"s"}],"hasReply":true},)"
+        R"({"name":"GetCameraDeviceNames","arguments":[],"results":[{"name":"names","type":"as"}],)"
+        R"("hasReply":true}],"signals":[{"name":"StateChange","arguments":[]}]})"
+        "\n|");
+    // Every name on the bus is known by its last part, too.
+    EXPECT_EQ(Outcome({"call", "-j", "DBus", "NameHasOwner", "com.brelk.brelkServices"}), "0|[true]\n|");
 }
 
 TEST_F(ZaripBusTest, PrintsWhatACallReturns) {
@@ -176,7 +206,7 @@ TEST_F(ZaripBusTest, PrintsWhatACallReturns) {
         {{"call", "-j", "security", "GetAllowedPermissions", "x"}, "0|[[]]\n|"},
         {{"call", "security", "GetAllowedPaths", "a\"b"}, "0|[\"GetAllowedPaths|a\\\"b\",\"/\"]\n|"},
         {{"call", "security", "DeleteUsers", "[\"a\", \"b\\u00e4\"]"}, "0|2\n|"},
-        // Behind the member everything is an argument, as it is.
+        // After the member everything is an argument, as it is.
         {{"call", "security", "GetCredentials", "--help"}, "0|GetCredentials|--help\n|"},
         {{"call", "security", "GetCredentials", ""}, "0|GetCredentials|\n|"},
         {{"call", "security", "GetCredentials", "\xc3\xa4 $(id) \\ '"},
@@ -186,6 +216,67 @@ TEST_F(ZaripBusTest, PrintsWhatACallReturns) {
     for (const auto& row : cases) {
         EXPECT_EQ(Outcome(row.words), row.result);
     }
+}
+
+/// Appends one value of a container, such as a variant.
+void AppendContainer(msgbus::MsgBusMsg& message, int type, const char* content,
+                     const std::function<void(DBusMessageIter&)>& fill) {
+    DBusMessageIter position;
+    DBusMessageIter inner;
+    dbus_message_iter_init_append(message.GetDBusMessage(), &position);
+    dbus_message_iter_open_container(&position, type, content, &inner);
+    fill(inner);
+    dbus_message_iter_close_container(&position, &inner);
+}
+
+TEST_F(ZaripBusTest, PrintsEveryTypeExactlyAndNoControlCharacter) {
+    const dbus_int32_t seven = 7;
+    const auto appendSeven = [&](DBusMessageIter& inner) {
+        dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT32, &seven);
+    };
+    test::FunctionHandler odd([&](const msgbus::MsgBusMsg& call, msgbus::IMsgBus& bus) {
+        const std::unique_ptr<msgbus::MsgBusMsg> reply(call.MakeReplyMsg());
+        *reply << 0.1 << 1e300 / 3 << -9007199254740993LL << 18446744073709551615ULL
+               << vector<double>{0.5, HUGE_VAL} << "\x1b[31m\xc2\x9b\t\x7f\xc2\xa0\\";
+        AppendContainer(*reply, DBUS_TYPE_VARIANT, "i", appendSeven);
+        AppendContainer(*reply, DBUS_TYPE_STRUCT, nullptr, appendSeven);
+        AppendContainer(*reply, DBUS_TYPE_ARRAY, "{ii}", [&](DBusMessageIter& inner) {
+            DBusMessageIter entry;
+            dbus_message_iter_open_container(&inner, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
+            appendSeven(entry);
+            appendSeven(entry);
+            dbus_message_iter_close_container(&inner, &entry);
+        });
+        bus.SendReply(*reply);
+    });
+    test::FunctionHandler failing(
+        [](const msgbus::MsgBusMsg&, msgbus::IMsgBus&) { throw osa::Exception("\x1b[31mtwo\nlines"); });
+    msgbus::MsgBus bus;
+    bus.RegisterDestinationName("com.example.Odd");
+    bus.RegisterMessageHandler("Get", "com.example.Odd", &odd);
+    bus.RegisterMessageHandler("Fail", "com.example.Odd", &failing);
+    bus.StartServer();
+    const string numbers[] = {"0.1", "3.3333333333333335e+299", "-9007199254740993", "18446744073709551615",
+                              "[0.5,\"inf\"]"};
+    const string text = "\\u001b[31m\\u009b\\t\\u007f\xc2\xa0\\";
+    const string containers[] = {"7", "[7]", "{\"7\":7}"};
+    string lines;
+    string array;
+    for (const string& number : numbers) {
+        lines += number + "\n";
+        array += number + ",";
+    }
+    lines += text + "\n";
+    array += "\"" + text + "\\\"";
+    for (const string& container : containers) {
+        lines += container + "\n";
+        array += "," + container;
+    }
+    EXPECT_EQ(Outcome({"call", "Odd", "Get"}), "0|" + lines + "|");
+    EXPECT_EQ(Outcome({"call", "-j", "Odd", "Get"}), "0|[" + array + "]\n|");
+    EXPECT_EQ(Outcome({"call", "Odd", "Fail"}),
+              "1||zarip-bus: DBUS call com.example.Odd::Fail failed: \\u001b[31mtwo\\nlines\n");
+    bus.StopServer();
 }
 
 TEST_F(ZaripBusTest, ChecksArgumentsBeforeItCalls) {
@@ -202,19 +293,23 @@ TEST_F(ZaripBusTest, ChecksArgumentsBeforeItCalls) {
          "com.brelk.system.security has no member UsersChanged; see zarip-bus describe"},
         {{"security", "Logout"}, "Logout takes 1 arguments, not 0: Logout(session: string) -> result: bool"},
         {{"security", "GetUsers", ""}, "GetUsers takes 0 arguments, not 1: GetUsers() -> users: string"},
-        {{"security", "Authenticate", "1", "u", "p"}, "'1' is no bool"},
+        {{"security", "Authenticate", "1", "u", "p"}, "'1' is not a value of type bool"},
         {{"security", "GetUsers\xff"},
-         "com.brelk.system.security has no member GetUsers\xff; see zarip-bus describe"},
+         "com.brelk.system.security has no member GetUsers\\xff; see zarip-bus describe"},
         {{"security", "Logout", "\xff"}, "Logout: MsgBusMsg: text is not valid UTF-8!"},
-        {{"security", "DeleteUsers", "a"}, "'a' is no list of strings"},
-        {{"security", "DeleteUsers", "[1]"}, "'[1]' is no list of strings"},
-        {{"security", "DeleteUsers", "[\"a\""}, "'[\"a\"' is no list of strings"},
-        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "-1", "0", "0", "true"}, "'-1' is no uint"},
+        {{"security", "DeleteUsers", "a"}, "'a' is not a value of type list of strings"},
+        {{"security", "DeleteUsers", "[1]"}, "'[1]' is not a value of type list of strings"},
+        {{"security", "DeleteUsers", "[\"a\""}, "'[\"a\"' is not a value of type list of strings"},
+        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "-1", "0", "0", "true"},
+         "'-1' is not a value of type uint"},
         {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "4294967296", "0", "0", "true"},
-         "'4294967296' is no uint"},
-        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", "1.5", "0", "true"}, "'1.5' is no int"},
-        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", " 1", "0", "true"}, "' 1' is no int"},
-        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", "", "0", "true"}, "'' is no int"},
+         "'4294967296' is not a value of type uint"},
+        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", "1.5", "0", "true"},
+         "'1.5' is not a value of type int"},
+        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", " 1", "0", "true"},
+         "' 1' is not a value of type int"},
+        {{"ptzSerial", "SetPtzSerialSettingsAndInitialize", "0", "", "0", "true"},
+         "'' is not a value of type int"},
     };
     for (auto row : cases) {
         row.words.insert(row.words.begin(), "call");
@@ -236,23 +331,28 @@ TEST_F(ZaripBusTest, TellsFailuresApart) {
     Served<Networking> networking;
     EXPECT_EQ(Outcome({"call", "networkingV2", "Set", ""}),
               "1||zarip-bus: DBUS call com.brelk.networkingV2::Set failed: unimplemented\n");
-    for (const Strings& words : {Strings{"-t", "0.1", "call", "networkingV2", "Get", ""},
-                                 Strings{"--timeout=0.1", "describe", "networkingV2"}}) {
-        EXPECT_EQ(Outcome(words).substr(0, 24), "4||zarip-bus: DBUS call ");
-    }
+    EXPECT_EQ(Outcome({"-t", "0.1", "call", "networkingV2", "Get", ""}),
+              "4||zarip-bus: com.brelk.networkingV2::Get has not answered within 0.1 s\n");
+    EXPECT_EQ(
+        Outcome({"--timeout=0.1", "describe", "networkingV2"}),
+        "4||zarip-bus: org.freedesktop.DBus.Introspectable::Introspect has not answered within 0.1 s\n");
     networking._implementation._over.set_value();
 
     msgbus::MsgBus other;
-    for (const char* name : {"com.brelk.nothing", "com.brelk.two-words", "com.brelk.other.networkingV2"}) {
+    for (const char* name : {"com.brelk.nothing", "com.brelk.two-words", "com.brelk.other.networkingV2",
+                             "org.camera.networkingV2"}) {
         other.RegisterDestinationName(name);
     }
     other.StartServer();
     EXPECT_EQ(Outcome({"call", "nothing", "Get"}),
               "2||zarip-bus: com.brelk.nothing has no member Get; see zarip-bus describe\n");
-    EXPECT_EQ(Outcome({"call", "two-words", "Get"}),
-              "1||zarip-bus: com.brelk.two-words has no object of its name, so it is no service to call\n");
-    EXPECT_EQ(Outcome({"call", "networkingV2", "Get", ""}),
-              "2||zarip-bus: networkingV2 could be com.brelk.networkingV2 or com.brelk.other.networkingV2\n");
+    EXPECT_EQ(
+        Outcome({"call", "two-words", "Get"}),
+        "1||zarip-bus: com.brelk.two-words has no object of its name, so it is not a service to call\n");
+    EXPECT_EQ(
+        Outcome({"call", "networkingV2", "Get", ""}),
+        "2||zarip-bus: 'networkingV2' could be each of com.brelk.networkingV2, com.brelk.other.networkingV2, "
+        "org.camera.networkingV2\n");
 
     Child noBus({"env", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere", ZARIP_BUS, "list"});
     EXPECT_EQ(noBus.Wait(), 3);
@@ -345,7 +445,7 @@ TEST_F(ZaripBusTest, MonitorsCallsAndSignalsAsLinesOfJson) {
 
     EXPECT_EQ(Outcome({"call", "ptzSerial", "GetPtzPollingState"}).substr(0, 2), "0|");
     EXPECT_EQ(Outcome({"call", "security", "GetCredentials", "\xc3\xa4\n\""}),
-              "0|GetCredentials|\xc3\xa4\n\"\n|");
+              "0|GetCredentials|\xc3\xa4\\n\"\n|");
     const auto of = [](const char* type, const char* argument) {
         return std::vector<std::pair<string, json::UnknownElement>>{
             {"type", json::String(type)}, {"arguments", Arguments({json::String(argument)})}};
@@ -356,14 +456,46 @@ TEST_F(ZaripBusTest, MonitorsCallsAndSignalsAsLinesOfJson) {
         EXPECT_NE(Find(*child, of("method_call", "\xc3\xa4\n\"")), "");
         EXPECT_EQ(Find(*child, {{"member", json::String("GetPtzPollingState")}}).empty(), child == &monitor);
     }
-    EXPECT_EQ(Outcome({"monitor", "nobody"}), "2||zarip-bus: 'nobody' is no name of a service\n");
+    EXPECT_EQ(Outcome({"monitor", "nobody"}), "2||zarip-bus: 'nobody' is not the name of a service\n");
+}
+
+TEST_F(ZaripBusTest, MonitorsSignalsOfABusThatRefusesToBeWatched) {
+    auto& bus = test::PrivateBus::Get();
+    bus.Kill();
+    const string usual = test::PrivateBus::SetPolicy(
+        "<policy context=\"default\"><allow send_destination=\"*\"/><allow receive_sender=\"*\"/>"
+        "<allow own=\"*\"/><deny send_interface=\"org.freedesktop.DBus.Monitoring\"/></policy>\n");
+    bus.Start();
+    {
+        Child everything(Tool({"monitor"}));
+        Child monitor(Tool({"monitor", "security"}));
+        Served<Security::Implementation> security;
+        msgbus::MsgBus other;
+        AnalyticsInterface analytics(&other);
+        const auto alert = {
+            std::pair<string, json::UnknownElement>("member", json::String("AnalyticsAlert"))};
+        const auto users = {std::pair<string, json::UnknownElement>("member", json::String("UsersChanged"))};
+        EXPECT_TRUE(test::WaitUntil([&] {
+            analytics.BroadcastAnalyticsAlert({});
+            security._implementation.UsersChanged.FireEvent(true);
+            return !Find(everything, alert).empty() && !Find(everything, users).empty() &&
+                   !Find(monitor, users).empty();
+        }));
+        EXPECT_EQ(Find(monitor, alert), "");
+        EXPECT_EQ(Find(everything, {{"type", json::String("method_call")}}), "");
+        EXPECT_EQ(monitor.GetErrors(),
+                  "zarip-bus: the bus does not let this user watch it, so only signals are shown\n");
+    }
+    bus.Kill();
+    test::PrivateBus::SetPolicy(usual);
+    bus.Start();
 }
 
 TEST_F(ZaripBusTest, WaitsUntilTheServiceIsThere) {
     EXPECT_EQ(Outcome({"-t", "0", "wait", "security"}), "4||zarip-bus: security is not on the bus yet\n");
     EXPECT_EQ(Outcome({"-t", "0.1", "wait", "com.brelk.any"}),
               "4||zarip-bus: com.brelk.any is not on the bus yet\n");
-    EXPECT_EQ(Outcome({"wait", "no name"}), "2||zarip-bus: 'no name' is no name of a service\n");
+    EXPECT_EQ(Outcome({"wait", "no name"}), "2||zarip-bus: 'no name' is not the name of a service\n");
     Child before(Tool({"wait", "security"}));
     Child unknown(Tool({"wait", "later"}));
     EXPECT_EQ(Outcome({"-t", "0", "wait", "security"}).substr(0, 2), "4|");
@@ -371,7 +503,7 @@ TEST_F(ZaripBusTest, WaitsUntilTheServiceIsThere) {
     EXPECT_EQ(before.Wait(), 0);
     EXPECT_EQ(Outcome({"wait", "security"}), "0||");
     msgbus::MsgBus bus;
-    bus.RegisterDestinationName("com.brelk.later");
+    bus.RegisterDestinationName("org.camera.later");
     EXPECT_EQ(unknown.Wait(), 0);
 }
 
@@ -399,7 +531,7 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
                      {"bash", "-c",
                       ". \"$0\"; program=$1; shift; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1));"
                       " _zarip_bus \"$program\"; echo \"${COMPREPLY[*]}\"; complete -p zarip-bus >/dev/null",
-                      ZARIP_BUS_COMPLETION, ZARIP_BUS, "zarip-bus"});
+                      ZARIP_COMPLETIONS "zarip-bus.bash", ZARIP_BUS, "zarip-bus"});
         Child bash(words);
         EXPECT_EQ(bash.Wait(), 0);
         EXPECT_EQ(bash.GetErrors(), "");
@@ -414,11 +546,11 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
     } cases[] = {
         {{""}, "list describe call monitor wait\n"},
         {{"m"}, "monitor\n"},
-        {{"--"}, "--all --json --timeout --help\n"},
+        {{"--"}, "--all --json --timeout --help --version\n"},
         {{"-t", ""}, "\n"},
         {{"-t", "5", "w"}, "wait\n"},
         {{"--timeout", "=", "5", "w"}, "wait\n"},
-        {{"call", ""}, "ptzSerial\n"},
+        {{"call", ""}, "ptzSerial DBus\n"},
         {{"monitor", "p"}, "ptzSerial\n"},
         {{"list", ""}, "\n"},
         {{"call", "ptzSerial", ""}, members},
@@ -432,6 +564,28 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
     for (const auto& row : cases) {
         EXPECT_EQ(complete(row.words), row.completions) << testing::PrintToString(row.words);
     }
+}
+
+TEST_F(ZaripBusTest, ZshCompletesCommandsServicesAndMembers) {
+    if (std::system("command -v zsh >/dev/null") != 0) {
+        GTEST_SKIP() << "there is no zsh";
+    }
+    const Served<PtzSerial::Implementation> ptz;
+    const std::pair<const char*, const char*> cases[] = {
+        {"", "list describe call monitor wait"},
+        {"-j call ", "ptzSerial DBus"},
+        {"call com.brelk.hardware.ptzSerial Get", "GetPtzSerialSettingsAndInitialize GetPtzPollingState"},
+        {"describe ptzSerial ", ""},
+        {"call $(touch\\ /tmp/never) ", ""},
+    };
+    const string folder = std::filesystem::path(ZARIP_BUS).parent_path();
+    for (const auto& [line, completions] : cases) {
+        Child zsh({"env", "PATH=" + folder + ":" + std::getenv("PATH"), "zsh", "-f", ZARIP_COMPLETE_ZSH,
+                   ZARIP_COMPLETIONS, string("zarip-bus ") + line});
+        EXPECT_EQ(zsh.Wait(), 0);
+        EXPECT_EQ(zsh.GetOutput(), string(completions) + "\n") << line << zsh.GetErrors();
+    }
+    EXPECT_FALSE(std::filesystem::exists("/tmp/never"));
 }
 
 template <class Service>
@@ -457,7 +611,7 @@ TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
         Child tool(Tool(words));
         EXPECT_EQ(tool.Wait(), 0) << member.name << tool.GetErrors();
         EXPECT_EQ(tool.GetOutput().empty(), member.reply == nullptr) << member.name;
-        // Answered behind the call; then the listen thread has ended, so that this one may look.
+        // Answered after the call; then the listen thread has ended, so that this one may look.
         msgbus::MsgBusMsg* reply = nullptr;
         client.SendMsgWaitForReply(
             msgbus::MsgBusRemoteMethod({TypeParam::kName, TypeParam::kPath, "org.freedesktop.DBus.Peer"},

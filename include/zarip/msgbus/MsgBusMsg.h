@@ -60,6 +60,9 @@ public:
     std::string GetPath() const;
     std::string GetSender() const;
 
+    /// The types of the arguments as the bus writes them, such as "sai".
+    std::string GetSignature() const;
+
     bool IsExpectingResponse() const;
 
     /// An empty reply to this call, *caller owns*. Throws "MsgBusMsg: Trying to create msg from null ptr!"
@@ -109,6 +112,7 @@ public:
     MsgBusMsgArgumentReader operator>>(std::string& value) const;
 
 private:
+    friend class FakeBus;
     friend class MsgBus;
     friend class MsgBusMsgArgumentDumper;
     friend class MsgBusMsgArgumentReader;

@@ -1,12 +1,10 @@
-#include "msgbus/DescribedObject.h"
+#include "msgbus/DescribedObjects.h"
 
 #include <dbus/dbus.h>
 
 #include <algorithm>
 #include <set>
-#include <vector>
 
-#include "zarip/osa/Mutex.h"
 #include "zarip/osa/MutexAutoLock.h"
 
 namespace zarip::msgbus {
@@ -27,17 +25,6 @@ constexpr std::string_view kOwnInterfaces = R"xml(  <interface name="org.freedes
   </interface>
 )xml";
 
-/// The objects of all connections of the process; the mutex is a leaf.
-struct Registry {
-    osa::Mutex mutex{"DescribedObject"};
-    std::vector<const DescribedObject*> objects ZARIP_GUARDED_BY(mutex);
-};
-
-Registry& GetRegistry() {
-    static auto* const registry = new Registry;
-    return *registry;
-}
-
 std::string Document(const std::set<std::string_view>& descriptions, const std::set<std::string>& children) {
     std::string document = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE;
     document += "<node>\n";
@@ -53,28 +40,45 @@ std::string Document(const std::set<std::string_view>& descriptions, const std::
 
 }  // namespace
 
-DescribedObject::DescribedObject(const IMsgBus* bus, const char* path, const char* interface,
+struct DescribedObject::Entry {
+    const IMsgBus* bus;
+    std::string path;
+    std::string name;
+    std::string_view description;
+};
+
+DescribedObject::DescribedObject(const IMsgBus* bus, const std::string& path, const std::string& interface,
                                  std::string_view description)
-    : _bus(bus), _path(path), _name(interface), _description(description) {
-    Registry& registry = GetRegistry();
-    const osa::MutexAutoLock lock(&registry.mutex);
-    registry.objects.push_back(this);
+    : _entry(new Entry{bus, path, interface, description}) {
+    DescribedObjects::Get().Add(_entry.get());
 }
 
 DescribedObject::~DescribedObject() {
-    Registry& registry = GetRegistry();
-    const osa::MutexAutoLock lock(&registry.mutex);
-    registry.objects.erase(std::find(registry.objects.begin(), registry.objects.end(), this));
+    DescribedObjects::Get().Remove(_entry.get());
 }
 
-DescribedObject::Place DescribedObject::Find(const IMsgBus& bus, std::string_view path,
-                                             std::string_view interface) {
+DescribedObjects& DescribedObjects::Get() {
+    static auto* const objects = new DescribedObjects;  // outlives the servers of the process
+    return *objects;
+}
+
+void DescribedObjects::Add(const DescribedObject::Entry* entry) {
+    const osa::MutexAutoLock lock(&_mutex);
+    _entries.push_back(entry);
+}
+
+void DescribedObjects::Remove(const DescribedObject::Entry* entry) {
+    const osa::MutexAutoLock lock(&_mutex);
+    _entries.erase(std::find(_entries.begin(), _entries.end(), entry));
+}
+
+DescribedObjects::Place DescribedObjects::Find(const IMsgBus& bus, std::string_view path,
+                                               std::string_view interface) {
     Place place = Place::kAnywhere;
-    Registry& registry = GetRegistry();
-    const osa::MutexAutoLock lock(&registry.mutex);
-    for (const DescribedObject* object : registry.objects) {
-        if (object->_bus == &bus && object->_name == interface) {
-            if (object->_path == path) {
+    const osa::MutexAutoLock lock(&_mutex);
+    for (const DescribedObject::Entry* object : _entries) {
+        if (object->bus == &bus && object->name == interface) {
+            if (object->path == path) {
                 return Place::kServed;
             }
             place = Place::kElsewhere;
@@ -83,28 +87,23 @@ DescribedObject::Place DescribedObject::Find(const IMsgBus& bus, std::string_vie
     return place;
 }
 
-bool DescribedObject::IsUnknown(const IMsgBus& bus, std::string_view path) {
-    return Describe(bus, std::string(path)).empty();
-}
-
-std::string DescribedObject::Describe(const IMsgBus& bus, const std::string& path) {
+std::string DescribedObjects::Describe(const IMsgBus& bus, const std::string& path) {
     const std::string above = path == "/" ? path : path + "/";
     bool isDescribed = false;
     std::set<std::string_view> descriptions;  // two servers of one service describe it once
     std::set<std::string> children;
     {
-        Registry& registry = GetRegistry();
-        const osa::MutexAutoLock lock(&registry.mutex);
-        for (const DescribedObject* object : registry.objects) {
-            if (object->_bus != &bus) {
+        const osa::MutexAutoLock lock(&_mutex);
+        for (const DescribedObject::Entry* object : _entries) {
+            if (object->bus != &bus) {
                 continue;
             }
             isDescribed = true;
-            if (object->_path == path) {
-                descriptions.insert(object->_description);
-            } else if (object->_path.compare(0, above.size(), above) == 0) {
+            if (object->path == path) {
+                descriptions.insert(object->description);
+            } else if (object->path.compare(0, above.size(), above) == 0) {
                 children.insert(
-                    object->_path.substr(above.size(), object->_path.find('/', above.size()) - above.size()));
+                    object->path.substr(above.size(), object->path.find('/', above.size()) - above.size()));
             }
         }
     }
