@@ -10,7 +10,8 @@
 // there when it starts.
 // Anybody can send datagrams in the name of another, who would get the answers. So only searches that were
 // sent to the group from an address of the interface's own network are answered, a few at a time, and each
-// once, however often it came before it is answered. What is no search, or none of this device, is ignored.
+// once, however often it came before it is answered. Each address has its share of these few (SearchQueue).
+// Datagrams that are not searches for this device are ignored.
 // What it sends to the group does not leave that network either.
 
 #include <arpa/inet.h>
@@ -46,13 +47,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
+#include "common/SearchQueue.h"
 #include "common/WaitForStop.h"
 
 namespace {
@@ -69,12 +70,10 @@ constexpr unsigned short kPort = 1900;
 constexpr unsigned int kMaxDatagram = 1400;
 constexpr std::size_t kMaxUrl = 256;
 constexpr int kMaxDelay = 5;                     // seconds, whatever a search allows
-constexpr std::size_t kMaxWaiting = 32;          // answers
-constexpr long kMaxWaitingOfOne = 8;             // of one address
-constexpr int kMaxSearchesInSecond = 20;         // that are answered
 constexpr std::size_t kMaxAnswersInSecond = 10;  // to one address
 constexpr std::size_t kMaxGrowth = 4;            // times the bytes of a search are answered
 constexpr int kFirstAnnouncements = 3;           // datagrams get lost
+constexpr TimeSpan kLook = TimeSpan::FromMilliseconds(50);
 constexpr TimeSpan kFirstPause = TimeSpan::FromSeconds(1);
 
 int Random(int least, int most) {
@@ -158,17 +157,6 @@ struct Target {
     std::string name;
 };
 
-struct Search {
-    std::string address;
-    unsigned short port;
-    std::string type;
-    std::size_t length;  // of the datagram
-
-    friend bool operator<(const Search& a, const Search& b) {
-        return std::tie(a.address, a.port, a.type) < std::tie(b.address, b.port, b.type);
-    }
-};
-
 /// The seconds that a search allows for its answer; 0 if it does not say so or allows none, and is ignored.
 int MaxDelay(const std::string* value) {
     const std::string digits = value != nullptr ? StringUtil::Strip(*value) : "";
@@ -248,16 +236,6 @@ public:
     }
 
 private:
-    class Answer final : public zarip::core::IVoidDelegate0 {
-    public:
-        Answer(Responder& responder, Search search) : _responder(responder), _search(std::move(search)) {}
-        void Call() override { _responder.Reply(_search); }
-
-    private:
-        Responder& _responder;
-        Search _search;
-    };
-
     /// May come again, when the socket was lost; may throw, and is tried again.
     void OnStart() {
         const Interface found = FindInterface();
@@ -303,30 +281,42 @@ private:
     void Queue(const Search& search, int maxDelay) {
         const std::lock_guard<std::mutex> lock(_mutex);
         const Clock::time_point now = Clock::now();
-        if (now - _second >= std::chrono::seconds(1)) {
-            _second = now;
-            _searchesInSecond = 0;
+        _searches.Add(search, now + std::chrono::milliseconds(Random(0, maxDelay * 1'000)),
+                      now + std::chrono::seconds(maxDelay));
+        LookAgain();
+    }
+
+    /// Has the pool look for due searches after a while, if any wait; needs the lock.
+    void LookAgain() {
+        if (!_isLooking && !_searches.IsEmpty()) {
+            _pool->GetTaskQueue()->QueueTask(kLook, zarip::core::MakeDelegate(this, &Responder::AnswerDue));
+            _isLooking = true;
         }
-        const long ofThis = std::count_if(_waiting.begin(), _waiting.end(), [&](const Search& other) {
-            return other.address == search.address;
-        });
-        if (_searchesInSecond >= kMaxSearchesInSecond || _waiting.size() >= kMaxWaiting ||
-            ofThis >= kMaxWaitingOfOne || _waiting.count(search) > 0) {
-            return;
+    }
+
+    /// Called on the pool's thread, by the one task that looks.
+    void AnswerDue() {
+        while (const std::optional<Search> search = TakeSearch()) {
+            try {
+                Reply(*search);
+            } catch (const std::exception& e) {
+                _logger->Warning("A search from %s is not answered: %s", search->address.c_str(), e.what());
+            }
         }
-        _pool->GetTaskQueue()->QueueTask(TimeSpan::FromMilliseconds(Random(0, maxDelay * 1'000)),
-                                         new Answer(*this, search));
-        _waiting.insert(search);
-        ++_searchesInSecond;
+    }
+
+    std::optional<Search> TakeSearch() {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        std::optional<Search> search = _searches.Take(Clock::now());
+        if (!search) {
+            _isLooking = false;
+            LookAgain();
+        }
+        return search;
     }
 
     void Reply(const Search& search) {
-        Interface interface;
-        {
-            const std::lock_guard<std::mutex> lock(_mutex);
-            _waiting.erase(search);
-            interface = _interface;
-        }
+        const Interface interface = GetInterface();
         const UdpSocket socket(interface.address.c_str(), 0, 0);
         std::size_t left = kMaxGrowth * search.length;
         for (const Target& target : Matching(search.type)) {
@@ -395,6 +385,7 @@ private:
 
     std::string MaxAge() const { return "max-age=" + std::to_string(_maxAge); }
 
+    zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("DiscoveryResponder");
     const std::vector<Target> _targets;
     const std::string _location;
     const int _port;
@@ -403,9 +394,8 @@ private:
     std::atomic<bool> _hasFailed{false};
     mutable std::mutex _mutex;
     Interface _interface;
-    std::set<Search> _waiting;
-    Clock::time_point _second;
-    int _searchesInSecond = 0;
+    SearchQueue _searches;
+    bool _isLooking = false;  // a task of the pool does so, or will
     int _announcements = 0;
     std::map<std::string, std::deque<Clock::time_point>> _answers;  // of the last second, by address
     std::unique_ptr<zarip::core::ThreadPool> _pool = std::make_unique<zarip::core::ThreadPool>();
