@@ -1,9 +1,11 @@
 // Makes the camera known in its network: announces it and answers searches, as UPnP discovery (SSDP) asks.
 //
-//   discovery-responder DEVICE LOCATION [MAX-AGE]
+//   discovery-responder DEVICE [LOCATION [MAX-AGE]]
 //
 //   DEVICE      device.ini, which web-gateway reads, too
-//   LOCATION    where the description is: a URL, or a port, for /device.xml there at the own address
+//   LOCATION    where the description is: a URL, or a port, for /device.xml there at the own address. Without
+//               it that is the port in DEVICE at which web-gateway listens. A URL is for a proxy; otherwise
+//               nothing is announced unless web-gateway listens at the own address
 //   MAX-AGE     the seconds for which others remember the device, 2 to 86400; 1800 if not given
 //
 // It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
@@ -55,6 +57,7 @@
 
 #include "common/SearchQueue.h"
 #include "common/WaitForStop.h"
+#include "common/WebAddress.h"
 
 namespace {
 
@@ -183,14 +186,14 @@ void Send(const UdpSocket& socket, const std::string& text, const char* host, un
 /// Searches come in on the server's thread; answers and announcements go out on the pool's.
 class Responder final : public zarip::osa::IUdpBufferAccept {
 public:
-    /// @param location  a URL, or empty for the description at the port.
-    Responder(const std::string& deviceType, const std::string& udn, std::string location, int port,
+    /// @param location  a URL, or empty for the description at the web's own address.
+    Responder(const std::string& deviceType, const std::string& udn, std::string location, WebAddress web,
               int maxAge)
         : _targets{{"upnp:rootdevice", udn + "::upnp:rootdevice"},
                    {udn, udn},
                    {deviceType, udn + "::" + deviceType}},
           _location(std::move(location)),
-          _port(port),
+          _web(std::move(web)),
           _maxAge(maxAge) {}
 
     void Start() {
@@ -239,6 +242,10 @@ private:
     /// May come again, when the socket was lost; may throw, and is tried again.
     void OnStart() {
         const Interface found = FindInterface();
+        if (_location.empty() && !_web.IsServedAt(found.address)) {
+            throw zarip::osa::Exception("web-gateway listens at " + _web.address + " and not at " +
+                                        found.address + ": set [web] address, or name a URL");
+        }
         bool isFirst = false;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
@@ -264,7 +271,7 @@ private:
     }
 
     std::string Location(const Interface& interface) const {
-        return _location.empty() ? "http://" + interface.address + ":" + std::to_string(_port) + "/device.xml"
+        return _location.empty() ? "http://" + interface.address + ":" + std::to_string(_web.port) + "/device.xml"
                                  : _location;
     }
 
@@ -388,7 +395,7 @@ private:
     zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("DiscoveryResponder");
     const std::vector<Target> _targets;
     const std::string _location;
-    const int _port;
+    const WebAddress _web;
     const int _maxAge;
     const std::string _serverName = ServerName();
     std::atomic<bool> _hasFailed{false};
@@ -405,9 +412,10 @@ private:
 
 int Usage(std::FILE* out) {
     std::fprintf(out,
-                 "usage: discovery-responder DEVICE LOCATION [MAX-AGE]\n"
+                 "usage: discovery-responder DEVICE [LOCATION [MAX-AGE]]\n"
                  "  DEVICE    an INI file whose group \"device\" holds UDN and deviceType\n"
-                 "  LOCATION  where the description is: an http URL, or the port of /device.xml\n"
+                 "  LOCATION  where the description is: an http URL, or the port of /device.xml;\n"
+                 "            that of the group \"web\" in DEVICE if it is not given\n"
                  "  MAX-AGE   seconds for which others remember the device, 2 to 86400\n");
     return out == stdout ? 0 : 2;
 }
@@ -427,7 +435,8 @@ int main(int argc, char** argv) {
     const bool isUrl = StringUtil::StartsWith(location, "http://") && location.size() <= kMaxUrl &&
                        std::none_of(location.begin(), location.end(),
                                     [](unsigned char c) { return c <= 0x20 || c == 0x7F; });
-    if (argc < 3 || argc > 4 || (location.empty() ? port < 1 || port > 65'535 : !isUrl) ||
+    const bool isPort = argc > 2 && location.empty();
+    if (argc < 2 || argc > 4 || (isPort ? port < 1 || port > 65'535 : argc > 2 && !isUrl) ||
         (argc == 4 && (!StringUtil::TryParse(argv[3], maxAge) || maxAge < 2 || maxAge > 86'400))) {
         return Usage(stderr);
     }
@@ -443,7 +452,9 @@ int main(int argc, char** argv) {
         if (!StringUtil::StartsWith(udn, "uuid:") || udn.size() > 64 || type.empty() || type.size() > 128) {
             throw zarip::osa::Exception("UDN must be \"uuid:...\", and deviceType a type");
         }
-        Responder responder(type, udn, location, port, maxAge);
+        WebAddress web(device);
+        web.port = port > 0 ? port : web.port;
+        Responder responder(type, udn, location, web, maxAge);
         responder.Start();
         stop.Wait();
         responder.Stop();

@@ -1,10 +1,11 @@
 // The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
 // bus.
 //
-//   web-gateway PAGE [PORT [DEVICE]]
+//   web-gateway PAGE [DEVICE [PORT]]
 //
-//   PAGE is web/index.html; without a port, or with 0, it takes a free one and prints it. DEVICE is
-//   device.ini, as for discovery-responder.
+//   PAGE is web/index.html. DEVICE is device.ini, as for discovery-responder, which also says where it
+//   listens: at 127.0.0.1:8080 unless it says something else. A PORT here overrides the one there; with 0 it
+//   takes a free one. It prints the address.
 //
 //   GET    /                     the page
 //   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
@@ -30,7 +31,7 @@
 // port, is answered 403, and one for a host that is neither a numeric address nor "localhost" nor a name in
 // DEVICE 421. /api/ answers 401 without a valid login and 403 where the role is not enough; what
 // needs the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login
-// is a session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
+// is a session of the service's. It speaks no TLS.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/writer.h>
@@ -78,6 +79,7 @@
 #include "common/RequestGuard.h"
 #include "common/SessionCookie.h"
 #include "common/WaitForStop.h"
+#include "common/WebAddress.h"
 
 namespace {
 
@@ -661,10 +663,10 @@ void Fault(Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*r
 }  // namespace
 
 int main(int argc, char** argv) {
-    int port = 0;
+    int port = -1;
     if (argc < 2 || argc > 4 ||
-        (argc > 2 && (!StringUtil::TryParse(argv[2], port) || port < 0 || port > 65'535))) {
-        std::fprintf(stderr, "usage: web-gateway PAGE [PORT [DEVICE]]\n");
+        (argc > 3 && (!StringUtil::TryParse(argv[3], port) || port < 0 || port > 65'535))) {
+        std::fprintf(stderr, "usage: web-gateway PAGE [DEVICE [PORT]]\n");
         return 2;
     }
     try {
@@ -674,12 +676,12 @@ int main(int argc, char** argv) {
         zarip::core::Logger::ConfigureLogging(settings, "log");
 
         Camera camera;
-        Logins logins(argc > 3 && zarip::core::IniFile(argv[3]).GetBoolOrDefault("web", "proxy", false));
+        Logins logins(argc > 2 && zarip::core::IniFile(argv[2]).GetBoolOrDefault("web", "proxy", false));
         const std::string text = StringUtil::ReadTextFile(argv[1]);
         Route page(camera, "GET", ServeText("text/html; charset=UTF-8", text, ContentPolicy::Of(text)));
         Route description(
             camera, "GET",
-            ServeText("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "", ""));
+            ServeText("text/xml; charset=\"utf-8\"", argc > 2 ? DescribeDevice(argv[2]) : "", ""));
         struct {
             const char* path;
             Route route;
@@ -702,15 +704,16 @@ int main(int argc, char** argv) {
             {"/fault", {camera, "GET", &Fault}},
 #endif
         };
-        const RequestGuard guard(argc > 3 ? ReadHostNames(argv[3]) : std::vector<std::string>());
+        const RequestGuard guard(argc > 2 ? ReadHostNames(argv[2]) : std::vector<std::string>());
         std::list<GuardedHandler> guarded;
-        zarip::inet::HttpServer server("127.0.0.1", port);
+        const WebAddress web(argc > 2 ? zarip::core::IniFile(argv[2]) : zarip::core::IniFile());
+        zarip::inet::HttpServer server(web.address, port >= 0 ? port : web.port);
         server.SetStandardResponses(true);
         const auto add = [&](const char* path, zarip::inet::IHttpHandler& handler) {
             server.AddHandler(path, &guarded.emplace_back(guard, handler));
         };
         add("/", page);
-        if (argc > 3) {
+        if (argc > 2) {
             add("/device.xml", description);
         }
         for (auto& [path, route] : routes) {
@@ -722,7 +725,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "web-gateway: %s It goes on without.\n", failure.reason.c_str());
         }
         server.StartServerThread();
-        std::printf("http://127.0.0.1:%u/\n", static_cast<unsigned int>(server.GetLocalPort()));
+        std::printf("http://%s:%u/\n", web.address.c_str(), static_cast<unsigned int>(server.GetLocalPort()));
         std::fflush(stdout);
         stop.Wait();
         server.StopServerThread();

@@ -75,7 +75,7 @@ protected:
     void SetUp() override {
         const string page = _folder.Write("index.html", "<!DOCTYPE html><script>1</script>");
         const string device = _folder.Write("device.ini", _device);
-        _gateway = std::make_unique<Program>(WEB_GATEWAY, Strings{page, "0", device});
+        _gateway = std::make_unique<Program>(WEB_GATEWAY, Strings{page, device, "0"});
         const string mark = "http://127.0.0.1:";
         ASSERT_TRUE(test::WaitUntil([&] {
             const string output = _gateway->GetOutput();
