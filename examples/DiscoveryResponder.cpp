@@ -271,8 +271,9 @@ private:
     }
 
     std::string Location(const Interface& interface) const {
-        return _location.empty() ? "http://" + interface.address + ":" + std::to_string(_web.port) + "/device.xml"
-                                 : _location;
+        return _location.empty()
+                   ? "http://" + interface.address + ":" + std::to_string(_web.port) + "/device.xml"
+                   : _location;
     }
 
     std::vector<Target> Matching(const std::string& type) const {
