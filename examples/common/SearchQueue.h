@@ -8,6 +8,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -134,11 +135,15 @@ private:
             return std::make_tuple(count, LastAnswer(of), _random());
         };
         const bool isKnown = IsKnown(address);
+        std::map<std::string_view, std::size_t> counts;
+        for (const Entry& entry : _waiting) {
+            ++counts[entry.search.address];
+        }
         auto worst = rank(address, ofThis + 1);
         std::size_t loser = _waiting.size();
         for (std::size_t i = 0; i < _waiting.size(); ++i) {
             const std::string& other = _waiting[i].search.address;
-            const auto ranked = rank(other, CountOf(other));
+            const auto ranked = rank(other, counts[other]);
             if (IsKnown(other) == isKnown && other != address && ranked > worst) {
                 worst = ranked;
                 loser = i;
