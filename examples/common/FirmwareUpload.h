@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -143,7 +144,7 @@ private:
             if (count == 0) {
                 throw Failure{400, "The file has ended before its announced length."};
             }
-            sum.Update(std::string(piece.data(), count));
+            sum.Update(std::string_view(piece.data(), count));
             Write(file, piece.data(), count);
             left -= count;
         }
