@@ -10,11 +10,11 @@
 //
 // It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
 // there when it starts.
-// Anybody can send datagrams in the name of another, who would get the answers. So only searches that were
-// sent to the group from an address of the interface's own network are answered, a few at a time, and each
-// once, however often it came before it is answered. Each address has its share of these few (SearchQueue).
-// Datagrams that are not searches for this device are ignored.
-// What it sends to the group does not leave that network either.
+// Anybody can send datagrams in the name of another host, which would get the answers. So only searches that
+// were sent to the group from an address of the interface's own network are answered, a few at a time, and
+// each once, however often it came before it is answered. Each address has its share of these few
+// (SearchQueue). Datagrams that are not searches for this device are ignored. What it sends to the group does
+// not leave that network either.
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>

@@ -57,6 +57,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/CameraState.h"
@@ -431,6 +432,81 @@ void Fault(CameraState& /*camera*/, const HttpRequest& /*request*/, HttpResponse
 }
 #endif
 
+/// The gateway with all its parts. The server is the last of them: it stops before what its handlers need.
+class Gateway {
+public:
+    /// @param port  -1 for the one in the device's file.
+    Gateway(const std::string& pages, const IniFile& device, int port)
+        : _address(device),
+          _camera([this](const CameraState::Alert& alert) { WalkAlong(_scene, alert); }),
+          _logins(device.GetBoolOrDefault("web", "proxy", false)),
+          _pages(pages),
+          _live([this] { return _scene.Take(); }, AdmitViewers(_camera)),
+          _guard(StringUtil::Split(device.GetValueOrDefault("web", "names"), ' ')),
+          _guardedPages(_guard, _pages),
+          _guardedLive(_guard, _live),
+          _server(_address.address, port >= 0 ? port : _address.port) {
+        _server.SetStandardResponses(true);
+        _server.SetWorkers(kWorkers);
+        _server.AddHandler("*", &_guardedPages);
+        _server.AddHandler("/live", &_guardedLive);
+        AddRoutes(device);
+    }
+    Gateway(const Gateway&) = delete;
+    Gateway& operator=(const Gateway&) = delete;
+
+    /// Serves until there is a signal to stop.
+    void Run(const WaitForStop& stop) {
+        _server.StartServerThread();
+        std::printf("http://%s:%u/\n", _address.address.c_str(),
+                    static_cast<unsigned int>(_server.GetLocalPort()));
+        std::fflush(stdout);
+        stop.Wait();
+        _server.StopServerThread();
+    }
+
+private:
+    void AddRoutes(const IniFile& device) {
+        const std::string name = device.GetValueOrDefault("device", "friendlyName", "Camera");
+        Add("/device.xml", "GET", ServeXml(DescribeDevice(device)));
+        Add("/login", "POST",
+            [this](CameraState& camera, const HttpRequest& request, HttpResponse& response) {
+                _logins.LogIn(camera, request, response);
+            });
+        Add("/logout", "POST", &Logout);
+        Add("/health", "GET", &Health);
+        Add("/session", "GET", DescribeSession(name));
+        Add("/api/status", "GET", &Status);
+        Add("/api/users", "GET POST DELETE", &Users);
+        Add("/api/events", "GET", &Events);
+        Add("/api/camera", "GET", &CameraStatus);
+        Add("/api/alerts", "GET", &Alerts);
+        Add("/api/*", "GET POST DELETE", &UnknownApi);
+#ifdef ZARIP_TEST_ROUTES
+        Add("/measure", "POST", &Measure);
+        Add("/fault", "GET", &Fault);
+#endif
+    }
+
+    void Add(const char* path, const char* methods, Route::Function function) {
+        Route& route = _routes.emplace_back(_camera, methods, std::move(function));
+        _server.AddHandler(path, &_guarded.emplace_back(_guard, route));
+    }
+
+    const WebAddress _address;
+    Scene _scene;
+    CameraState _camera;
+    Logins _logins;
+    FileHandler _pages;
+    LiveView _live;
+    const RequestGuard _guard;
+    GuardedHandler _guardedPages;
+    GuardedStreamHandler _guardedLive;
+    std::list<Route> _routes;
+    std::list<GuardedHandler> _guarded;
+    zarip::inet::HttpServer _server;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -445,56 +521,7 @@ int main(int argc, char** argv) {
         IniFile settings;
         settings.SetValue("log", "log.stdout", "true");
         zarip::core::Logger::ConfigureLogging(settings, "log");
-
-        const IniFile device = argc > 2 ? IniFile(argv[2]) : IniFile();
-        const WebAddress address(device);
-        Scene scene;
-        CameraState camera([&scene](const CameraState::Alert& alert) { WalkAlong(scene, alert); });
-        Logins logins(device.GetBoolOrDefault("web", "proxy", false));
-        FileHandler pages(argv[1]);
-        LiveView live([&scene] { return scene.Take(); }, AdmitViewers(camera));
-        struct {
-            const char* path;
-            Route route;
-        } routes[] = {
-            {"/device.xml", {camera, "GET", ServeXml(DescribeDevice(device))}},
-            {"/login",
-             {camera, "POST",
-              [&logins](CameraState& bus, const HttpRequest& request, HttpResponse& response) {
-                  logins.LogIn(bus, request, response);
-              }}},
-            {"/logout", {camera, "POST", &Logout}},
-            {"/health", {camera, "GET", &Health}},
-            {"/session",
-             {camera, "GET", DescribeSession(device.GetValueOrDefault("device", "friendlyName", "Camera"))}},
-            {"/api/status", {camera, "GET", &Status}},
-            {"/api/users", {camera, "GET POST DELETE", &Users}},
-            {"/api/events", {camera, "GET", &Events}},
-            {"/api/camera", {camera, "GET", &CameraStatus}},
-            {"/api/alerts", {camera, "GET", &Alerts}},
-            {"/api/*", {camera, "GET POST DELETE", &UnknownApi}},
-#ifdef ZARIP_TEST_ROUTES
-            {"/measure", {camera, "POST", &Measure}},
-            {"/fault", {camera, "GET", &Fault}},
-#endif
-        };
-        const RequestGuard guard(StringUtil::Split(device.GetValueOrDefault("web", "names"), ' '));
-        std::list<GuardedHandler> guarded;
-        zarip::inet::HttpServer server(address.address, port >= 0 ? port : address.port);
-        server.SetStandardResponses(true);
-        server.SetWorkers(kWorkers);
-        for (auto& [path, route] : routes) {
-            server.AddHandler(path, &guarded.emplace_back(guard, route));
-        }
-        server.AddHandler("*", &guarded.emplace_back(guard, pages));
-        GuardedStreamHandler guardedLive(guard, live);
-        server.AddHandler("/live", &guardedLive);
-        server.StartServerThread();
-        std::printf("http://%s:%u/\n", address.address.c_str(),
-                    static_cast<unsigned int>(server.GetLocalPort()));
-        std::fflush(stdout);
-        stop.Wait();
-        server.StopServerThread();
+        Gateway(argv[1], argc > 2 ? IniFile(argv[2]) : IniFile(), port).Run(stop);
         return 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "web-gateway: %s\n", e.what());

@@ -72,7 +72,7 @@ struct Services {
     zarip::msgbus::MessageHandlerCollection handlers;
 };
 
-/// What the camera's services say, kept for those who ask over the web. *Thread-safe.*
+/// What the camera's services say, kept for requests over the web. *Thread-safe.*
 ///
 /// A thread of its own asks each service every two seconds and keeps the answers, so a request waits for no
 /// service but the security service, which decides about each request itself. A service that does not answer
@@ -171,7 +171,8 @@ public:
         return state;
     }
 
-    /// Counts who has asked in the last seconds, and reports it as stream-info-service wants it.
+    /// Counts the sessions that have asked in the last seconds, and reports their number to
+    /// stream-info-service.
     void NoteViewer(const std::string& session) {
         int count = 0;
         {
@@ -263,7 +264,7 @@ private:
         return text;
     }
 
-    /// The connection, or null if there is none that lives.
+    /// The connection, or null if there is none or the bus is lost.
     std::shared_ptr<Services> GetServices() const {
         const std::lock_guard<std::mutex> lock(_mutex);
         return _services != nullptr && _services->bus.IsRunning() ? _services : nullptr;

@@ -84,7 +84,7 @@ private:
             if (name.empty() || name.front() == '.') {
                 return -1;
             }
-            // Opening a pipe must not wait for somebody who writes to it.
+            // Opening a pipe must not wait for a writer.
             const int kind = isLast ? O_NONBLOCK : O_DIRECTORY;
             folder = ::openat(parent.Get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | kind);
             if (isLast) {

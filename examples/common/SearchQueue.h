@@ -24,11 +24,12 @@ struct Search {
     }
 };
 
-/// Searches that wait for an answer, and who gets the next one. At most 20 searches a second are answered, so
-/// that nobody can use the camera to flood others; those 20 are shared so that a flood cannot silence it:
+/// Searches that wait for an answer, and the order in which they get it. At most 20 searches a second are
+/// answered, so that nobody can use the camera to flood others; those 20 are shared so that a flood cannot
+/// silence it:
 ///
 /// - One half is for addresses that were answered before, the other for new ones; what one half leaves the
-///   other gets. So somebody who invents addresses without end does not displace those that are known.
+///   other gets. So an attacker that invents addresses does not displace the known ones.
 /// - Of the known addresses the one whose last answer is the oldest comes first. So in a network of 250
 ///   addresses each is answered within 13 seconds, even if all the others search without a pause.
 /// - When a half is full, a search of the address with the most waiting searches makes room.

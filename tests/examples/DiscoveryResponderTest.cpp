@@ -148,8 +148,8 @@ bool Ask(const UdpSocket& socket) {
     return false;
 }
 
-/// Waits until all is answered that was asked before, which takes a second at the most. Answers are given in
-/// the order in which they become due, so one to what is asked after that second is behind the others.
+/// Waits until all is answered that was asked before, which takes at most a second. Answers are given in
+/// the order in which they become due, so one to what is asked after that second comes after the others.
 bool WaitForAnswers() {
     const UdpSocket socket(kNear, 0, 0);
     if (!Ask(socket)) {
@@ -185,7 +185,7 @@ TEST_F(DiscoveryResponderTest, AnnouncesTheDeviceAgainAndAgainAndThatItGoes) {
         string type;
         string name;
     } targets[] = {{kRoot, kUuid + "::" + kRoot}, {kUuid, kUuid}, {kType, kUuid + "::" + kType}};
-    // Three times for those who miss one, then because it would be forgotten.
+    // Three times because datagrams get lost, then because it would be forgotten.
     for (int time = 0; time < 5; ++time) {
         for (const auto& target : targets) {
             EXPECT_EQ(Mask(Receive(listener)),
