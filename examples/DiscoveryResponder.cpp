@@ -1,17 +1,20 @@
 // Makes the camera known in its network: announces it and answers searches, as UPnP discovery (SSDP) asks.
 //
-//   discovery-responder DEVICE LOCATION [MAX-AGE]
+//   discovery-responder DEVICE [LOCATION [MAX-AGE]]
 //
 //   DEVICE      device.ini, which web-gateway reads, too
-//   LOCATION    where the description is: a URL, or a port, for /device.xml there at the own address
+//   LOCATION    where the description is: a URL, or a port, for /device.xml there at the own address. Without
+//               it that is the port in DEVICE at which web-gateway listens. A URL is for a proxy; otherwise
+//               nothing is announced unless web-gateway listens at the own address
 //   MAX-AGE     the seconds for which others remember the device, 2 to 86400; 1800 if not given
 //
 // It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
 // there when it starts.
-// Anybody can send datagrams in the name of another, who would get the answers. So only searches that were
-// sent to the group from an address of the interface's own network are answered, a few at a time, and each
-// once, however often it came before it is answered. What is no search, or none of this device, is ignored.
-// What it sends to the group does not leave that network either.
+// Anybody can send datagrams in the name of another host, which would get the answers. So only searches that
+// were sent to the group from an address of the interface's own network are answered, a few at a time, and
+// each once, however often it came before it is answered. Each address has its share of these few
+// (SearchQueue). Datagrams that are not searches for this device are ignored. What it sends to the group does
+// not leave that network either.
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -46,14 +49,15 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
+#include "common/SearchQueue.h"
 #include "common/WaitForStop.h"
+#include "common/WebAddress.h"
 
 namespace {
 
@@ -69,12 +73,10 @@ constexpr unsigned short kPort = 1900;
 constexpr unsigned int kMaxDatagram = 1400;
 constexpr std::size_t kMaxUrl = 256;
 constexpr int kMaxDelay = 5;                     // seconds, whatever a search allows
-constexpr std::size_t kMaxWaiting = 32;          // answers
-constexpr long kMaxWaitingOfOne = 8;             // of one address
-constexpr int kMaxSearchesInSecond = 20;         // that are answered
 constexpr std::size_t kMaxAnswersInSecond = 10;  // to one address
 constexpr std::size_t kMaxGrowth = 4;            // times the bytes of a search are answered
 constexpr int kFirstAnnouncements = 3;           // datagrams get lost
+constexpr TimeSpan kLook = TimeSpan::FromMilliseconds(50);
 constexpr TimeSpan kFirstPause = TimeSpan::FromSeconds(1);
 
 int Random(int least, int most) {
@@ -158,17 +160,6 @@ struct Target {
     std::string name;
 };
 
-struct Search {
-    std::string address;
-    unsigned short port;
-    std::string type;
-    std::size_t length;  // of the datagram
-
-    friend bool operator<(const Search& a, const Search& b) {
-        return std::tie(a.address, a.port, a.type) < std::tie(b.address, b.port, b.type);
-    }
-};
-
 /// The seconds that a search allows for its answer; 0 if it does not say so or allows none, and is ignored.
 int MaxDelay(const std::string* value) {
     const std::string digits = value != nullptr ? StringUtil::Strip(*value) : "";
@@ -195,14 +186,14 @@ void Send(const UdpSocket& socket, const std::string& text, const char* host, un
 /// Searches come in on the server's thread; answers and announcements go out on the pool's.
 class Responder final : public zarip::osa::IUdpBufferAccept {
 public:
-    /// @param location  a URL, or empty for the description at the port.
-    Responder(const std::string& deviceType, const std::string& udn, std::string location, int port,
+    /// @param location  a URL, or empty for the description at the web's own address.
+    Responder(const std::string& deviceType, const std::string& udn, std::string location, WebAddress web,
               int maxAge)
         : _targets{{"upnp:rootdevice", udn + "::upnp:rootdevice"},
                    {udn, udn},
                    {deviceType, udn + "::" + deviceType}},
           _location(std::move(location)),
-          _port(port),
+          _web(std::move(web)),
           _maxAge(maxAge) {}
 
     void Start() {
@@ -248,19 +239,13 @@ public:
     }
 
 private:
-    class Answer final : public zarip::core::IVoidDelegate0 {
-    public:
-        Answer(Responder& responder, Search search) : _responder(responder), _search(std::move(search)) {}
-        void Call() override { _responder.Reply(_search); }
-
-    private:
-        Responder& _responder;
-        Search _search;
-    };
-
     /// May come again, when the socket was lost; may throw, and is tried again.
     void OnStart() {
         const Interface found = FindInterface();
+        if (_location.empty() && !_web.IsServedAt(found.address)) {
+            throw zarip::osa::Exception("web-gateway listens at " + _web.address + " and not at " +
+                                        found.address + ": set [web] address, or name a URL");
+        }
         bool isFirst = false;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
@@ -286,8 +271,9 @@ private:
     }
 
     std::string Location(const Interface& interface) const {
-        return _location.empty() ? "http://" + interface.address + ":" + std::to_string(_port) + "/device.xml"
-                                 : _location;
+        return _location.empty()
+                   ? "http://" + interface.address + ":" + std::to_string(_web.port) + "/device.xml"
+                   : _location;
     }
 
     std::vector<Target> Matching(const std::string& type) const {
@@ -303,30 +289,42 @@ private:
     void Queue(const Search& search, int maxDelay) {
         const std::lock_guard<std::mutex> lock(_mutex);
         const Clock::time_point now = Clock::now();
-        if (now - _second >= std::chrono::seconds(1)) {
-            _second = now;
-            _searchesInSecond = 0;
+        _searches.Add(search, now + std::chrono::milliseconds(Random(0, maxDelay * 1'000)),
+                      now + std::chrono::seconds(maxDelay));
+        LookAgain();
+    }
+
+    /// Has the pool look for due searches after a while, if any wait; needs the lock.
+    void LookAgain() {
+        if (!_isLooking && !_searches.IsEmpty()) {
+            _pool->GetTaskQueue()->QueueTask(kLook, zarip::core::MakeDelegate(this, &Responder::AnswerDue));
+            _isLooking = true;
         }
-        const long ofThis = std::count_if(_waiting.begin(), _waiting.end(), [&](const Search& other) {
-            return other.address == search.address;
-        });
-        if (_searchesInSecond >= kMaxSearchesInSecond || _waiting.size() >= kMaxWaiting ||
-            ofThis >= kMaxWaitingOfOne || _waiting.count(search) > 0) {
-            return;
+    }
+
+    /// Called on the pool's thread, by the one task that looks.
+    void AnswerDue() {
+        while (const std::optional<Search> search = TakeSearch()) {
+            try {
+                Reply(*search);
+            } catch (const std::exception& e) {
+                _logger->Warning("A search from %s is not answered: %s", search->address.c_str(), e.what());
+            }
         }
-        _pool->GetTaskQueue()->QueueTask(TimeSpan::FromMilliseconds(Random(0, maxDelay * 1'000)),
-                                         new Answer(*this, search));
-        _waiting.insert(search);
-        ++_searchesInSecond;
+    }
+
+    std::optional<Search> TakeSearch() {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        std::optional<Search> search = _searches.Take(Clock::now());
+        if (!search) {
+            _isLooking = false;
+            LookAgain();
+        }
+        return search;
     }
 
     void Reply(const Search& search) {
-        Interface interface;
-        {
-            const std::lock_guard<std::mutex> lock(_mutex);
-            _waiting.erase(search);
-            interface = _interface;
-        }
+        const Interface interface = GetInterface();
         const UdpSocket socket(interface.address.c_str(), 0, 0);
         std::size_t left = kMaxGrowth * search.length;
         for (const Target& target : Matching(search.type)) {
@@ -395,17 +393,17 @@ private:
 
     std::string MaxAge() const { return "max-age=" + std::to_string(_maxAge); }
 
+    zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("DiscoveryResponder");
     const std::vector<Target> _targets;
     const std::string _location;
-    const int _port;
+    const WebAddress _web;
     const int _maxAge;
     const std::string _serverName = ServerName();
     std::atomic<bool> _hasFailed{false};
     mutable std::mutex _mutex;
     Interface _interface;
-    std::set<Search> _waiting;
-    Clock::time_point _second;
-    int _searchesInSecond = 0;
+    SearchQueue _searches;
+    bool _isLooking = false;  // a task of the pool does so, or will
     int _announcements = 0;
     std::map<std::string, std::deque<Clock::time_point>> _answers;  // of the last second, by address
     std::unique_ptr<zarip::core::ThreadPool> _pool = std::make_unique<zarip::core::ThreadPool>();
@@ -415,9 +413,10 @@ private:
 
 int Usage(std::FILE* out) {
     std::fprintf(out,
-                 "usage: discovery-responder DEVICE LOCATION [MAX-AGE]\n"
+                 "usage: discovery-responder DEVICE [LOCATION [MAX-AGE]]\n"
                  "  DEVICE    an INI file whose group \"device\" holds UDN and deviceType\n"
-                 "  LOCATION  where the description is: an http URL, or the port of /device.xml\n"
+                 "  LOCATION  where the description is: an http URL, or the port of /device.xml;\n"
+                 "            that of the group \"web\" in DEVICE if it is not given\n"
                  "  MAX-AGE   seconds for which others remember the device, 2 to 86400\n");
     return out == stdout ? 0 : 2;
 }
@@ -437,7 +436,8 @@ int main(int argc, char** argv) {
     const bool isUrl = StringUtil::StartsWith(location, "http://") && location.size() <= kMaxUrl &&
                        std::none_of(location.begin(), location.end(),
                                     [](unsigned char c) { return c <= 0x20 || c == 0x7F; });
-    if (argc < 3 || argc > 4 || (location.empty() ? port < 1 || port > 65'535 : !isUrl) ||
+    const bool isPort = argc > 2 && location.empty();
+    if (argc < 2 || argc > 4 || (isPort ? port < 1 || port > 65'535 : argc > 2 && !isUrl) ||
         (argc == 4 && (!StringUtil::TryParse(argv[3], maxAge) || maxAge < 2 || maxAge > 86'400))) {
         return Usage(stderr);
     }
@@ -453,7 +453,9 @@ int main(int argc, char** argv) {
         if (!StringUtil::StartsWith(udn, "uuid:") || udn.size() > 64 || type.empty() || type.size() > 128) {
             throw zarip::osa::Exception("UDN must be \"uuid:...\", and deviceType a type");
         }
-        Responder responder(type, udn, location, port, maxAge);
+        WebAddress web(device);
+        web.port = port > 0 ? port : web.port;
+        Responder responder(type, udn, location, web, maxAge);
         responder.Start();
         stop.Wait();
         responder.Stop();

@@ -1,25 +1,28 @@
 // The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
 // bus.
 //
-//   web-gateway PAGE [PORT [DEVICE]]
+//   web-gateway PAGES [DEVICE [PORT]]
 //
-//   PAGE is web/index.html; without a port, or with 0, it takes a free one and prints it. DEVICE is
-//   device.ini, as for discovery-responder.
+//   PAGES is the folder web, with the page and what belongs to it. DEVICE is device.ini, as for
+//   discovery-responder, which also says where the gateway listens: at 127.0.0.1:8080 unless it says
+//   something else. A PORT here overrides the one there; with 0 it takes a free one. It prints the address.
 //
-//   GET    /                     the page
+//   GET    /                     the page, and the other files in PAGES
 //   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
 //                                answers 429 until the time in "Retry-After" has passed.
 //   POST   /logout
-//   GET    /device.xml           the UPnP description, where there is a DEVICE
-//   GET    /health               whether the bus and the security service are there
+//   GET    /session              the name of the camera, and who is logged in, or null, and for how long
+//   GET    /live                 the live picture, for the roles that the security service lets see /live
+//   GET    /device.xml           the UPnP description
+//   GET    /health               whether the bus and the security service were there when asked last
 //   GET    /api/status           who is logged in, and for how long
 //   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
 //                                DELETE deletes one (/api/users?name=...)
 //   GET    /api/events           the last changes of the user list
 //   GET    /api/camera           network, viewers, PTZ, audio, registration and services; what does not
-//   answer
-//                                is null. Whoever asks counts as a viewer for a while.
-//   GET    /api/alerts           the last alerts of video analytics; those behind number N with ?after=N
+//                                answer is null and named in "silent"; "updated" is when they were asked.
+//                                A caller counts as a viewer for a while.
+//   GET    /api/alerts           the last alerts of video analytics; those after number N with ?after=N
 //
 // Only if it is built with ZARIP_TEST_ROUTES, as the demo does:
 //
@@ -28,14 +31,13 @@
 //
 // Answers are JSON. A request that changes something and comes from the page of another site, or of another
 // port, is answered 403, and one for a host that is neither a numeric address nor "localhost" nor a name in
-// DEVICE 421. /api/ answers 401 without a valid login and 403 where the role is not enough; what
-// needs the security service answers 503 when that or the bus is gone. The gateway keeps no password: a login
-// is a session of the service's. It listens on 127.0.0.1 only, since it speaks no TLS.
+// DEVICE 421. /api/ answers 401 without a valid login and 403 if the role is not enough; what
+// needs the security service answers 503 when that or the bus is gone. A service that does not answer delays
+// no request (CameraState). The gateway keeps no password: a login is a session of the service's. It speaks
+// no TLS.
 
 #include <cajun/json/elements.h>
-#include <cajun/json/writer.h>
 
-#include <zarip/core/Delegate.h>
 #include <zarip/core/IniFile.h>
 #include <zarip/core/JsonUtils.h>
 #include <zarip/core/Logger.h>
@@ -44,265 +46,40 @@
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/HttpServer.h>
 #include <zarip/inet/IHttpHandler.h>
-#include <zarip/interfaces/AnalyticsInterface.h>
-#include <zarip/interfaces/IAudioLineOutProvider.h>
-#include <zarip/interfaces/IBrelkServicesProvider.h>
-#include <zarip/interfaces/INetworkingV2Provider.h>
-#include <zarip/interfaces/IPtzSerialProvider.h>
-#include <zarip/interfaces/ISecurityProvider.h>
-#include <zarip/interfaces/ISmRegistrationProvider.h>
-#include <zarip/interfaces/IStreamInfoProvider.h>
-#include <zarip/msgbus/IMessageHandler.h>
-#include <zarip/msgbus/MessageHandlerCollection.h>
-#include <zarip/msgbus/MsgBus.h>
-#include <zarip/msgbus/MsgBusSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/xml/XmlWriter.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <ctime>
-#include <deque>
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "common/ContentPolicy.h"
+#include "common/CameraState.h"
+#include "common/Failure.h"
+#include "common/FileHandler.h"
+#include "common/LiveView.h"
 #include "common/LoginDelay.h"
 #include "common/RequestGuard.h"
+#include "common/Scene.h"
 #include "common/SessionCookie.h"
 #include "common/WaitForStop.h"
+#include "common/WebAddress.h"
 
 namespace {
 
+using zarip::core::IniFile;
 using zarip::core::JsonUtils;
 using zarip::core::StringUtil;
 using zarip::inet::HttpRequest;
 using zarip::inet::HttpResponse;
-using zarip::interfaces::AnalyticsInterface;
-using Clock = std::chrono::steady_clock;
 
-constexpr int kCallTimeoutMs = 3000;
-constexpr std::size_t kKeptEvents = 20;
-constexpr std::size_t kKeptAlerts = 50;
-constexpr std::size_t kMostAlertText = 200;  // bytes of each text
-constexpr std::chrono::seconds kViewerTime(15);
-constexpr const char* kStream = "main";
-
-template <class Element>
-std::string ToJson(const Element& element) {
-    std::ostringstream text;
-    json::Writer::Write(element, text);
-    return text.str();
-}
-
-std::string Quote(const std::string& text) {
-    return ToJson(json::String(text));
-}
-
-std::string Now() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&now, &utc);
-    char text[32];
-    std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
-
-void Answer(HttpResponse& response, int code, const std::string& json) {
-    response.SetCode(code);
-    response.SetHeader("Content-Type", "application/json");
-    response.SetBody(json);
-}
-
-/// Thrown by a handler that answers with an error.
-struct Failure {
-    int code;
-    std::string reason;
-};
-
-/// The clients of all services on one bus.
-struct Services {
-    /// @param bus  *not owned*, must outlive them.
-    explicit Services(zarip::msgbus::IMsgBus* bus) : handlers(bus) {
-        Create(security, bus);
-        Create(network, bus);
-        Create(streams, bus);
-        Create(ptz, bus);
-        Create(audio, bus);
-        Create(registration, bus);
-        Create(directory, bus);
-        security->_timeout = network->_timeout = streams->_timeout = kCallTimeoutMs;
-        ptz->_timeout = registration->_timeout = directory->_timeout = kCallTimeoutMs;
-    }
-
-    template <class Provider>
-    static void Create(std::unique_ptr<Provider>& client, zarip::msgbus::IMsgBus* bus) {
-        client.reset(Provider::CreateClient(bus));
-    }
-
-    std::unique_ptr<zarip::interfaces::ISecurityProvider> security;
-    std::unique_ptr<zarip::interfaces::INetworkingV2Provider> network;
-    std::unique_ptr<zarip::interfaces::IStreamInfoProvider> streams;
-    std::unique_ptr<zarip::interfaces::IPtzSerialProvider> ptz;
-    std::unique_ptr<zarip::interfaces::IAudioLineOutProvider> audio;
-    std::unique_ptr<zarip::interfaces::ISmRegistrationProvider> registration;
-    std::unique_ptr<zarip::interfaces::IBrelkServicesProvider> directory;
-    zarip::msgbus::MessageHandlerCollection handlers;
-};
-
-/// The services as long as there are any: connects when asked, and again when the bus was lost. Used by the
-/// HTTP thread alone; only events and alerts come on the bus's thread.
-class Camera {
-public:
-    ~Camera() { Disconnect(); }
-
-    /// Calls a member of the security service; throws `Failure`.
-    template <class Call>
-    auto Ask(Call call) {
-        Connect();
-        try {
-            return call(*_services->security);
-        } catch (const std::exception& e) {
-            _logger->Warning("%s", e.what());
-            if (StringUtil::StartsWith(e.what(), "MsgBusMsg: ")) {
-                throw Failure{400, "The bus cannot carry this text."};
-            }
-            throw Failure{503, _bus->IsRunning() ? "The security service does not answer."
-                                                 : "The message bus is gone."};
-        }
-    }
-
-    /// What a function makes of one of the other services; null when that does not answer.
-    template <class Function>
-    json::UnknownElement Tell(Function function) {
-        Connect();
-        try {
-            return function(*_services);
-        } catch (const std::exception& e) {
-            _logger->Debug("%s", e.what());
-            return json::Null();
-        }
-    }
-
-    /// Watches for changes from now on. Throws `Failure`; then the next call of a member tries again.
-    void Connect() {
-        if (_bus && _bus->IsRunning()) {
-            return;
-        }
-        Disconnect();
-        try {
-            _bus = std::make_unique<zarip::msgbus::MsgBus>();
-            _services = std::make_unique<Services>(_bus.get());
-            _services->security->UsersChanged.AddDelegate(
-                zarip::core::MakeDelegate(this, &Camera::OnUsersChanged));
-            _services->handlers.AddHandler("com.brelk.analytics", "AnalyticsAlert", new AlertHandler(*this));
-            _bus->StartServer();
-        } catch (const std::exception& e) {
-            _logger->Warning("%s", e.what());
-            Disconnect();
-            throw Failure{503, "The message bus is gone."};
-        }
-    }
-
-    /// Counts who has asked in the last seconds, and reports it as stream-info-service wants it.
-    void NoteViewer(const std::string& session) {
-        const Clock::time_point now = Clock::now();
-        _viewers[session] = now;
-        for (auto viewer = _viewers.begin(); viewer != _viewers.end();) {
-            viewer = now - viewer->second > kViewerTime ? _viewers.erase(viewer) : std::next(viewer);
-        }
-        Tell([this](const Services& /*services*/) {
-            zarip::msgbus::MsgBusSignal report("/com/brelk/example/viewers", "com.brelk.example.viewers",
-                                               "Viewers");
-            report << std::string(kStream) << static_cast<int>(_viewers.size());
-            _bus->SendMsg(report);
-            return json::Null();
-        });
-    }
-
-    std::vector<std::string> GetEvents() {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        return {_events.begin(), _events.end()};
-    }
-
-    /// Those behind a number that are still kept, and in `latest` the number of the newest.
-    json::Array GetAlerts(int after, int& latest) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        json::Array alerts;
-        int number = latest = _latestAlert;
-        number -= static_cast<int>(_alerts.size());
-        for (const json::Object& alert : _alerts) {
-            if (++number > after) {
-                alerts.Insert(alert);
-            }
-        }
-        return alerts;
-    }
-
-private:
-    class AlertHandler final : public zarip::msgbus::IMessageHandler {
-    public:
-        explicit AlertHandler(Camera& camera) : _camera(camera) {}
-        void HandleMessage(const zarip::msgbus::MsgBusMsg& message,
-                           zarip::msgbus::IMsgBus& /*bus*/) override {
-            _camera.OnAlert(AnalyticsInterface::AnalyticsAlert(message));
-        }
-        Kind GetKind() const override { return kSignals; }
-
-    private:
-        Camera& _camera;
-    };
-
-    void Disconnect() {
-        if (_bus) {
-            _bus->StopServer();
-        }
-        _services.reset();
-        _bus.reset();
-    }
-
-    void OnUsersChanged(bool value) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _events.push_front("{\"time\":" + Quote(Now()) + ",\"value\":" + (value ? "true" : "false") + "}");
-        if (_events.size() > kKeptEvents) {
-            _events.pop_back();
-        }
-    }
-
-    void OnAlert(const AnalyticsInterface::AnalyticsAlert& alert) {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        json::Object entry;
-        entry["number"] = json::Number(++_latestAlert);
-        entry["severity"] = json::Number(alert.severity);
-        const std::pair<const char*, const std::string&> texts[] = {
-            {"device", alert.deviceId},    {"rule", alert.ruleName}, {"description", alert.description},
-            {"object", alert.objectClass}, {"state", alert.state},   {"start", alert.startTime},
-            {"end", alert.endTime}};
-        for (const auto& [name, text] : texts) {
-            entry[name] = json::String(text.substr(0, kMostAlertText));
-        }
-        _alerts.push_back(entry);
-        if (_alerts.size() > kKeptAlerts) {
-            _alerts.pop_front();
-        }
-    }
-
-    zarip::core::Logger* _logger = zarip::core::Logger::GetLogger("WebGateway");
-    std::unique_ptr<zarip::msgbus::MsgBus> _bus;
-    std::unique_ptr<Services> _services;
-    std::map<std::string, Clock::time_point> _viewers;
-    std::mutex _mutex;
-    std::deque<std::string> _events;
-    std::deque<json::Object> _alerts;  // the oldest first
-    int _latestAlert = 0;
-};
+constexpr unsigned int kWorkers = 4;  // a request that waits for the security service delays no other
 
 /// Whether a query or a form holds a zero byte. The parser's value ends before it, so that "alice%00b" would
 /// be alice.
@@ -321,10 +98,11 @@ bool HoldsZeroByte(const HttpRequest& request) {
 /// Answers with what a function makes of a request.
 class Route final : public zarip::inet::IHttpHandler {
 public:
-    using Function = std::function<void(Camera& camera, const HttpRequest& request, HttpResponse& response)>;
+    using Function =
+        std::function<void(CameraState& camera, const HttpRequest& request, HttpResponse& response)>;
 
     /// @param methods  with spaces in between, GET first; HEAD comes with it.
-    Route(Camera& camera, const char* methods, Function function)
+    Route(CameraState& camera, const char* methods, Function function)
         : _camera(camera), _methods(methods), _function(std::move(function)) {}
 
     void HandleRequest(const HttpRequest& request, HttpResponse& response) override {
@@ -343,32 +121,26 @@ public:
             }
             _function(_camera, request, response);
         } catch (const Failure& failure) {
-            Answer(response, failure.code, "{\"error\":" + Quote(failure.reason) + "}");
+            Answer(response, failure);
         }
     }
 
 private:
-    Camera& _camera;
+    CameraState& _camera;
     const char* _methods;
     Function _function;
 };
 
-/// Makes a function that answers with a text that stays the same.
-/// @param policy  of the content; "" for none.
-Route::Function ServeText(const char* type, const std::string& text, const std::string& policy) {
-    return [=](Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& response) {
+Route::Function ServeXml(const std::string& text) {
+    return [=](CameraState& /*camera*/, const HttpRequest& /*request*/, HttpResponse& response) {
         response.SetCode(200);
-        response.SetHeader("Content-Type", type);
-        if (!policy.empty()) {
-            response.SetHeader("Content-Security-Policy", policy);
-        }
+        response.SetHeader("Content-Type", "text/xml; charset=\"utf-8\"");
         response.SetBody(text);
     };
 }
 
-/// The description of the device, with what the file says of it.
-std::string DescribeDevice(const char* path) {
-    const zarip::core::IniFile file(path);
+/// The description of the device, with what its file says of it.
+std::string DescribeDevice(const IniFile& file) {
     std::ostringstream text;
     zarip::xml::XmlWriter writer(text, true);
     writer.StartDocument();
@@ -392,10 +164,16 @@ std::string DescribeDevice(const char* path) {
     return text.str();
 }
 
-/// The names by which browsers may ask for the camera.
-std::vector<std::string> ReadHostNames(const char* path) {
-    const zarip::core::IniFile file(path);
-    return StringUtil::Split(file.GetValueOrDefault("web", "names"), ' ');
+/// The person in the live picture walks where the alert saw them.
+void WalkAlong(Scene& scene, const CameraState::Alert& alert) {
+    std::vector<Scene::Point> track;
+    for (const auto& point : alert.track) {
+        if (track.size() < CameraState::kMostPoints && point.x >= 0 && point.x <= 1 && point.y >= 0 &&
+            point.y <= 1) {
+            track.push_back({point.x, point.y});
+        }
+    }
+    scene.Walk(std::move(track));
 }
 
 std::string Text(const std::string* value) {
@@ -424,15 +202,21 @@ struct Caller {
     int secondsLeft = 0;
 };
 
-/// Throws `Failure` for one who may not go on.
-Caller Allow(Camera& camera, const HttpRequest& request) {
-    const std::string session = Session(request);
+/// The user is "" for a caller that is not logged in.
+Caller FindCaller(CameraState& camera, const std::string& session) {
     Caller caller;
     if (!session.empty()) {
         // Not IsAuthenticated, which makes the session last longer: a page left open would never end it.
         caller.secondsLeft =
             camera.Ask([&](auto& service) { return service.GetExpiration(session, caller.user); });
     }
+    return caller;
+}
+
+/// Throws `Failure` for a caller that may not go on.
+Caller Allow(CameraState& camera, const HttpRequest& request) {
+    const std::string session = Session(request);
+    const Caller caller = FindCaller(camera, session);
     if (caller.user.empty()) {
         throw Failure{401, "Please log in."};
     }
@@ -442,17 +226,17 @@ Caller Allow(Camera& camera, const HttpRequest& request) {
     return caller;
 }
 
-/// Logs users in, and slows down attempts to guess passwords. Used by the HTTP thread alone.
+/// Logs users in, and slows down attempts to guess passwords. *Thread-safe.*
 class Logins {
 public:
     /// @param isBehindProxy  a proxy on this machine appends the client's address to "X-Forwarded-For".
     explicit Logins(bool isBehindProxy) : _isBehindProxy(isBehindProxy) {}
 
-    void LogIn(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+    void LogIn(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
         const std::string user = Field(request, "user");
         const std::string password = Field(request, "password");
         const std::string address = AddressOf(request);
-        const int seconds = _delay.GetSecondsLeft(user, address);
+        const int seconds = GetSecondsLeft(user, address);
         if (seconds > 0) {
             response.SetHeader("Retry-After", std::to_string(seconds));
             throw Failure{429, "Too many wrong passwords. Please try again in " + std::to_string(seconds) +
@@ -461,17 +245,30 @@ public:
         const std::string session =
             camera.Ask([&](auto& service) { return service.Authenticate(false, user, password); });
         if (session.empty()) {
-            const int failures = _delay.AddFailure(user, address);
+            const int failures = AddFailure(user, address);
             _logger->Warning("Refused a login as %s from %s, failure %d from there", ForLog(user).c_str(),
                              ForLog(address).c_str(), failures);
             throw Failure{401, "User name or password is wrong."};
         }
-        _delay.AddSuccess(user, address);
+        AddSuccess(user, address);
         SessionCookie::Set(response, session);
         Answer(response, 200, "{\"user\":" + Quote(user) + "}");
     }
 
 private:
+    int GetSecondsLeft(const std::string& user, const std::string& address) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return _delay.GetSecondsLeft(user, address);
+    }
+    int AddFailure(const std::string& user, const std::string& address) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        return _delay.AddFailure(user, address);
+    }
+    void AddSuccess(const std::string& user, const std::string& address) {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _delay.AddSuccess(user, address);
+    }
+
     std::string AddressOf(const HttpRequest& request) const {
         const zarip::inet::_ipaddr_t& source = request.GetSource();
         const std::string* const forwarded = request.GetHeader("X-Forwarded-For");
@@ -493,25 +290,52 @@ private:
 
     zarip::core::Logger* const _logger = zarip::core::Logger::GetLogger("WebGateway");
     const bool _isBehindProxy;
+    std::mutex _mutex;
     LoginDelay _delay;
 };
 
-void Logout(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void Logout(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     camera.Ask([&](auto& service) { return service.Logout(Session(request)); });
     SessionCookie::Clear(response);
     Answer(response, 200, "{}");
 }
 
-void Health(Camera& camera, const HttpRequest& /*request*/, HttpResponse& response) {
-    camera.Ask([](auto& service) { return service.GetNonce(); });
+void Health(CameraState& camera, const HttpRequest& /*request*/, HttpResponse& response) {
+    camera.CheckHealth();
     Answer(response, 200, "{}");
 }
 
-void Status(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void Status(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     const Caller caller = Allow(camera, request);
     Answer(
         response, 200,
         "{\"user\":" + Quote(caller.user) + ",\"secondsLeft\":" + std::to_string(caller.secondsLeft) + "}");
+}
+
+/// For the page, which asks this without being logged in: so that is not an error.
+Route::Function DescribeSession(const std::string& name) {
+    return [=](CameraState& camera, const HttpRequest& request, HttpResponse& response) {
+        const Caller caller = FindCaller(camera, Session(request));
+        Answer(response, 200,
+               "{\"camera\":" + Quote(name) +
+                   ",\"user\":" + (caller.user.empty() ? "null" : Quote(caller.user)) +
+                   ",\"secondsLeft\":" + std::to_string(caller.secondsLeft) + "}");
+    };
+}
+
+/// Lets those watch whose session allows it, as long as it does.
+LiveView::Admit AdmitViewers(CameraState& camera) {
+    return [&camera](const HttpRequest& head) -> std::function<bool()> {
+        Allow(camera, head);
+        const std::string session = Session(head);
+        return [&camera, session] {
+            try {
+                return !FindCaller(camera, session).user.empty();
+            } catch (const Failure& /*nobody knows*/) {
+                return true;
+            }
+        };
+    };
 }
 
 std::string UsersAsJson(const std::string& lines) {
@@ -526,7 +350,7 @@ std::string UsersAsJson(const std::string& lines) {
     return "[" + StringUtil::Join(users, ',') + "]";
 }
 
-int AddUser(Camera& camera, const HttpRequest& request) {
+int AddUser(CameraState& camera, const HttpRequest& request) {
     const std::string name = Field(request, "name");
     const std::string role = Field(request, "role");
     const std::string password = Field(request, "password");
@@ -537,7 +361,7 @@ int AddUser(Camera& camera, const HttpRequest& request) {
     return camera.Ask([&](auto& service) { return service.AddUsers(name + ":" + role + ":" + password); });
 }
 
-void Users(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void Users(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     Allow(camera, request);
     int result = 0;
     if (request.GetMethodName() == "POST") {
@@ -564,68 +388,18 @@ void Users(Camera& camera, const HttpRequest& request, HttpResponse& response) {
     Answer(response, 200, UsersAsJson(camera.Ask([](auto& service) { return service.GetUsers(); })));
 }
 
-void Events(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void Events(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     Allow(camera, request);
-    Answer(response, 200, "[" + StringUtil::Join(camera.GetEvents(), ',') + "]");
+    Answer(response, 200, JsonUtils::ToString(camera.GetEvents()));
 }
 
-json::Object NetworkOf(const Services& services) {
-    constexpr const char* query =
-        R"({"settings":["[System]Hostname","[IPv4/Actual]Address","[IPv6/Actual]Addresses",)"
-        R"("[NIC/eth0]EUI64","[NIC/eth0]MTU"]})";
-    return JsonUtils::ParseObject(services.network->Get(query));
-}
-
-json::Object ViewersOf(const Services& services) {
-    json::Object viewers;
-    viewers["now"] = json::Number(services.streams->GetCurrentVideoConnections(kStream));
-    viewers["guaranteed"] = json::Number(services.streams->GetGuaranteedVideoConnections(kStream));
-    return viewers;
-}
-
-json::Object PtzOf(const Services& services) {
-    json::Object ptz;
-    // Nothing else: whoever asks for the settings initialises the line.
-    ptz["polling"] = json::Boolean(services.ptz->GetPtzPollingState());
-    return ptz;
-}
-
-json::Array AudioOf(const Services& services) {
-    json::Array connections;
-    for (const auto& connection : services.audio->Query()) {
-        json::Object entry;
-        entry["client"] = json::String(connection.client);
-        entry["connection"] = json::Number(connection.connection);
-        connections.Insert(entry);
-    }
-    return connections;
-}
-
-json::Object RegistrationOf(const Services& services) {
-    json::Object registration;
-    registration["registered"] = json::Boolean(services.registration->IsRegistered());
-    registration["synced"] = json::Boolean(services.registration->IsSynced());
-    return registration;
-}
-
-json::Array ServicesOf(const Services& services) {
-    return JsonUtils::ParseArray(services.directory->GetAllServices());
-}
-
-void CameraStatus(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void CameraStatus(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     Allow(camera, request);
     camera.NoteViewer(Session(request));
-    json::Object status;
-    status["network"] = camera.Tell(&NetworkOf);
-    status["viewers"] = camera.Tell(&ViewersOf);
-    status["ptz"] = camera.Tell(&PtzOf);
-    status["audio"] = camera.Tell(&AudioOf);
-    status["registration"] = camera.Tell(&RegistrationOf);
-    status["services"] = camera.Tell(&ServicesOf);
-    Answer(response, 200, ToJson(status));
+    Answer(response, 200, JsonUtils::ToString(camera.Get()));
 }
 
-void Alerts(Camera& camera, const HttpRequest& request, HttpResponse& response) {
+void Alerts(CameraState& camera, const HttpRequest& request, HttpResponse& response) {
     Allow(camera, request);
     const std::string* const after = request.GetQueryParameter("after");
     int number = 0;
@@ -636,16 +410,16 @@ void Alerts(Camera& camera, const HttpRequest& request, HttpResponse& response) 
     json::Object answer;
     answer["alerts"] = camera.GetAlerts(number, latest);
     answer["latest"] = json::Number(latest);
-    Answer(response, 200, ToJson(answer));
+    Answer(response, 200, JsonUtils::ToString(answer));
 }
 
-void UnknownApi(Camera& camera, const HttpRequest& request, HttpResponse& /*response*/) {
+void UnknownApi(CameraState& camera, const HttpRequest& request, HttpResponse& /*response*/) {
     Allow(camera, request);
     throw Failure{404, "There is no such thing."};
 }
 
 #ifdef ZARIP_TEST_ROUTES
-void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& response) {
+void Measure(CameraState& /*camera*/, const HttpRequest& request, HttpResponse& response) {
     const std::string* const announced = request.GetHeader("Content-Length");
     if (announced != nullptr && *announced != std::to_string(request.GetBodyLength())) {
         throw Failure{400, "The body is not as long as announced."};
@@ -653,79 +427,101 @@ void Measure(Camera& /*camera*/, const HttpRequest& request, HttpResponse& respo
     Answer(response, 200, "{\"bytes\":" + std::to_string(request.GetBodyLength()) + "}");
 }
 
-void Fault(Camera& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
+void Fault(CameraState& /*camera*/, const HttpRequest& /*request*/, HttpResponse& /*response*/) {
     throw zarip::osa::Exception("this handler always throws");
 }
 #endif
 
+/// The gateway with all its parts. The server is the last of them: it stops before what its handlers need.
+class Gateway {
+public:
+    /// @param port  -1 for the one in the device's file.
+    Gateway(const std::string& pages, const IniFile& device, int port)
+        : _address(device),
+          _camera([this](const CameraState::Alert& alert) { WalkAlong(_scene, alert); }),
+          _logins(device.GetBoolOrDefault("web", "proxy", false)),
+          _pages(pages),
+          _live([this] { return _scene.Take(); }, AdmitViewers(_camera)),
+          _guard(StringUtil::Split(device.GetValueOrDefault("web", "names"), ' ')),
+          _guardedPages(_guard, _pages),
+          _guardedLive(_guard, _live),
+          _server(_address.address, port >= 0 ? port : _address.port) {
+        _server.SetStandardResponses(true);
+        _server.SetWorkers(kWorkers);
+        _server.AddHandler("*", &_guardedPages);
+        _server.AddHandler("/live", &_guardedLive);
+        AddRoutes(device);
+    }
+    Gateway(const Gateway&) = delete;
+    Gateway& operator=(const Gateway&) = delete;
+
+    /// Serves until there is a signal to stop.
+    void Run(const WaitForStop& stop) {
+        _server.StartServerThread();
+        std::printf("http://%s:%u/\n", _address.address.c_str(),
+                    static_cast<unsigned int>(_server.GetLocalPort()));
+        std::fflush(stdout);
+        stop.Wait();
+        _server.StopServerThread();
+    }
+
+private:
+    void AddRoutes(const IniFile& device) {
+        const std::string name = device.GetValueOrDefault("device", "friendlyName", "Camera");
+        Add("/device.xml", "GET", ServeXml(DescribeDevice(device)));
+        Add("/login", "POST",
+            [this](CameraState& camera, const HttpRequest& request, HttpResponse& response) {
+                _logins.LogIn(camera, request, response);
+            });
+        Add("/logout", "POST", &Logout);
+        Add("/health", "GET", &Health);
+        Add("/session", "GET", DescribeSession(name));
+        Add("/api/status", "GET", &Status);
+        Add("/api/users", "GET POST DELETE", &Users);
+        Add("/api/events", "GET", &Events);
+        Add("/api/camera", "GET", &CameraStatus);
+        Add("/api/alerts", "GET", &Alerts);
+        Add("/api/*", "GET POST DELETE", &UnknownApi);
+#ifdef ZARIP_TEST_ROUTES
+        Add("/measure", "POST", &Measure);
+        Add("/fault", "GET", &Fault);
+#endif
+    }
+
+    void Add(const char* path, const char* methods, Route::Function function) {
+        Route& route = _routes.emplace_back(_camera, methods, std::move(function));
+        _server.AddHandler(path, &_guarded.emplace_back(_guard, route));
+    }
+
+    const WebAddress _address;
+    Scene _scene;
+    CameraState _camera;
+    Logins _logins;
+    FileHandler _pages;
+    LiveView _live;
+    const RequestGuard _guard;
+    GuardedHandler _guardedPages;
+    GuardedStreamHandler _guardedLive;
+    std::list<Route> _routes;
+    std::list<GuardedHandler> _guarded;
+    zarip::inet::HttpServer _server;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    int port = 0;
+    int port = -1;
     if (argc < 2 || argc > 4 ||
-        (argc > 2 && (!StringUtil::TryParse(argv[2], port) || port < 0 || port > 65'535))) {
-        std::fprintf(stderr, "usage: web-gateway PAGE [PORT [DEVICE]]\n");
+        (argc > 3 && (!StringUtil::TryParse(argv[3], port) || port < 0 || port > 65'535))) {
+        std::fprintf(stderr, "usage: web-gateway PAGES [DEVICE [PORT]]\n");
         return 2;
     }
     try {
         const WaitForStop stop;
-        zarip::core::IniFile settings;
+        IniFile settings;
         settings.SetValue("log", "log.stdout", "true");
         zarip::core::Logger::ConfigureLogging(settings, "log");
-
-        Camera camera;
-        Logins logins(argc > 3 && zarip::core::IniFile(argv[3]).GetBoolOrDefault("web", "proxy", false));
-        const std::string text = StringUtil::ReadTextFile(argv[1]);
-        Route page(camera, "GET", ServeText("text/html; charset=UTF-8", text, ContentPolicy::Of(text)));
-        Route description(
-            camera, "GET",
-            ServeText("text/xml; charset=\"utf-8\"", argc > 3 ? DescribeDevice(argv[3]) : "", ""));
-        struct {
-            const char* path;
-            Route route;
-        } routes[] = {
-            {"/login",
-             {camera, "POST",
-              [&logins](Camera& bus, const HttpRequest& request, HttpResponse& response) {
-                  logins.LogIn(bus, request, response);
-              }}},
-            {"/logout", {camera, "POST", &Logout}},
-            {"/health", {camera, "GET", &Health}},
-            {"/api/status", {camera, "GET", &Status}},
-            {"/api/users", {camera, "GET POST DELETE", &Users}},
-            {"/api/events", {camera, "GET", &Events}},
-            {"/api/camera", {camera, "GET", &CameraStatus}},
-            {"/api/alerts", {camera, "GET", &Alerts}},
-            {"/api/*", {camera, "GET POST DELETE", &UnknownApi}},
-#ifdef ZARIP_TEST_ROUTES
-            {"/measure", {camera, "POST", &Measure}},
-            {"/fault", {camera, "GET", &Fault}},
-#endif
-        };
-        const RequestGuard guard(argc > 3 ? ReadHostNames(argv[3]) : std::vector<std::string>());
-        std::list<GuardedHandler> guarded;
-        zarip::inet::HttpServer server("127.0.0.1", port);
-        server.SetStandardResponses(true);
-        const auto add = [&](const char* path, zarip::inet::IHttpHandler& handler) {
-            server.AddHandler(path, &guarded.emplace_back(guard, handler));
-        };
-        add("/", page);
-        if (argc > 3) {
-            add("/device.xml", description);
-        }
-        for (auto& [path, route] : routes) {
-            add(path, route);
-        }
-        try {
-            camera.Connect();
-        } catch (const Failure& failure) {
-            std::fprintf(stderr, "web-gateway: %s It goes on without.\n", failure.reason.c_str());
-        }
-        server.StartServerThread();
-        std::printf("http://127.0.0.1:%u/\n", static_cast<unsigned int>(server.GetLocalPort()));
-        std::fflush(stdout);
-        stop.Wait();
-        server.StopServerThread();
+        Gateway(argv[1], argc > 2 ? IniFile(argv[2]) : IniFile(), port).Run(stop);
         return 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "web-gateway: %s\n", e.what());

@@ -1,11 +1,13 @@
 # Shared by the scripts beside it; not run on its own.
 
 # What every build needs.
-base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev dbus libglib2.0-bin openssl"
+base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev libjpeg-dev dbus libglib2.0-bin openssl"
 # What the demo talks to the examples with.
 demo_packages="curl tshark gupnp-tools iproute2 libglib2.0-bin"
 # Without these some tests are skipped: clients of another library, and the completion of zsh.
 peer_packages="libsdbus-c++-dev libsdbus-c++-bin zsh"
+# What it uses the page with.
+browser_packages="chromium chromium-driver python3-selenium"
 
 # usage: prints the comment at the top of the running script.
 usage() {

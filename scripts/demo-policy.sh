@@ -40,7 +40,7 @@ make_accounts() {
     refusal=$("${as_service[@]}" "$programs/security-service" 2>&1) || status=$?
     [ "$status" -eq 2 ] || return 1  # it has told its usage
     refusal=$({ "${as_client[@]}" "$zarip_bus" --help && "${as_client[@]}" ls -d "$shared/." &&
-        "${as_client[@]}" cat "$page"; } 2>&1 >/dev/null)
+        "${as_client[@]}" cat "$page/index.html"; } 2>&1 >/dev/null)
 }
 
 # remove_lost_accounts: of demos that were killed and could not do it.

@@ -6,6 +6,7 @@
 #include <zarip/inet/HttpRequest.h>
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/IHttpHandler.h>
+#include <zarip/inet/IHttpStreamHandler.h>
 
 #include <algorithm>
 #include <string>
@@ -94,9 +95,27 @@ private:
     std::vector<std::string> _names;
 };
 
-/// Passes to another handler what the guard lets through, and answers the rest. Every answer tells the
-/// browser not to guess the type of what it gets, and not to name the page to other sites. *Thread-safe* if
-/// the other handler is.
+/// Answers what the guard refuses, and sets on every answer what has browsers run nothing but the camera's
+/// own scripts and styles, guess no types, show the page in no other site's frame, and not name it to other
+/// sites. Returns whether the request may be served.
+inline bool GuardAnswer(const RequestGuard& guard, const zarip::inet::HttpRequest& request,
+                        zarip::inet::HttpResponse& response) {
+    response.SetHeader("Content-Security-Policy",
+                       "default-src 'none'; style-src 'self'; script-src 'self'; img-src 'self'; connect-src "
+                       "'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'");
+    response.SetHeader("X-Content-Type-Options", "nosniff");
+    response.SetHeader("Referrer-Policy", "same-origin");
+    const int refusal = guard.Check(request);
+    if (refusal != 0) {
+        response.SetCode(refusal);
+        response.SetHeader("Content-Type", "application/json");
+        response.SetBody(refusal == 421 ? "{\"error\":\"The camera is not known by this name.\"}"
+                                        : "{\"error\":\"Another site has sent this request.\"}");
+    }
+    return refusal == 0;
+}
+
+/// Passes to another handler what the guard lets through. *Thread-safe* if the other handler is.
 class GuardedHandler final : public zarip::inet::IHttpHandler {
 public:
     /// Both are *not owned* and must outlive this.
@@ -105,20 +124,30 @@ public:
 
     void HandleRequest(const zarip::inet::HttpRequest& request,
                        zarip::inet::HttpResponse& response) override {
-        response.SetHeader("X-Content-Type-Options", "nosniff");
-        response.SetHeader("Referrer-Policy", "same-origin");
-        const int refusal = _guard.Check(request);
-        if (refusal == 0) {
+        if (GuardAnswer(_guard, request, response)) {
             _handler.HandleRequest(request, response);
-            return;
         }
-        response.SetCode(refusal);
-        response.SetHeader("Content-Type", "application/json");
-        response.SetBody(refusal == 421 ? "{\"error\":\"The camera is not known by this name.\"}"
-                                        : "{\"error\":\"Another site has sent this request.\"}");
     }
 
 private:
     const RequestGuard& _guard;
     zarip::inet::IHttpHandler& _handler;
+};
+
+/// The same for a handler of streams.
+class GuardedStreamHandler final : public zarip::inet::IHttpStreamHandler {
+public:
+    GuardedStreamHandler(const RequestGuard& guard, zarip::inet::IHttpStreamHandler& handler)
+        : _guard(guard), _handler(handler) {}
+
+    void HandleHead(const zarip::inet::HttpRequest& head, zarip::inet::HttpResponse& response,
+                    zarip::inet::IHttpConnection& connection) override {
+        if (GuardAnswer(_guard, head, response)) {
+            _handler.HandleHead(head, response, connection);
+        }
+    }
+
+private:
+    const RequestGuard& _guard;
+    zarip::inet::IHttpStreamHandler& _handler;
 };

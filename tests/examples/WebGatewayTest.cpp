@@ -1,44 +1,29 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "../../examples/common/LoginDelay.h"
-#include "support/PrivateBus.h"
-#include "support/TempDir.h"
-#include "support/WaitUntil.h"
+#include "Program.h"
 #include "zarip/core/StringUtil.h"
+#include "zarip/interfaces/IPtzSerialProvider.h"
 #include "zarip/interfaces/ISecurityProvider.h"
 #include "zarip/interfaces/ISmRegistrationProvider.h"
+#include "zarip/interfaces/InterfaceServer.h"
 #include "zarip/msgbus/MsgBus.h"
-#include "zarip/osa/Process.h"
-#include "zarip/osa/TcpSocket.h"
+#include "zarip/osa/Semaphore.h"
 
 namespace zarip {
 namespace {
 
 using std::string;
 using Strings = std::vector<string>;
-
-/// A program of the camera on the private bus, with its output in a file.
-class Program {
-public:
-    Program(const char* path, const Strings& arguments) {
-        osa::Process::Options options;
-        options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = test::PrivateBus::Get().GetAddress();
-        options.output = osa::Process::Redirect::File(_folder.File("output"));
-        options.error = osa::Process::Redirect::Output();
-        _process = std::make_unique<osa::Process>(path, arguments, options);
-    }
-    string GetOutput() const { return _folder.Read("output"); }
-
-private:
-    test::TempDir _folder;
-    std::unique_ptr<osa::Process> _process;
-};
+using test::Program;
 
 /// What security.ini begins with.
 constexpr const char* kUsers =
@@ -60,6 +45,8 @@ public:
         });
     }
 
+    osa::Process& GetProcess() { return _program.GetProcess(); }
+
 private:
     test::TempDir _folder;
     Program _program;
@@ -70,20 +57,31 @@ public:
     bool isReady = false;
 };
 
+/// A pan-tilt service that is stuck until it is released.
+class StuckPtz final : public interfaces::IPtzSerialProvider {
+public:
+    explicit StuckPtz(msgbus::IMsgBus* bus) : _server(CreateServer(bus, this)) {}
+    bool GetPtzPollingState() override {
+        ++calls;
+        release.Lock(60'000);
+        release.Release();
+        return true;
+    }
+    std::atomic<int> calls{0};
+    osa::Semaphore release{"StuckPtz", 1, 0};
+
+private:
+    std::unique_ptr<interfaces::InterfaceServer> _server;
+};
+
 class WebGatewayTest : public testing::Test {
 protected:
     void SetUp() override {
-        const string page = _folder.Write("index.html", "<!DOCTYPE html><script>1</script>");
+        _pages.Write("index.html", "<!DOCTYPE html>");
         const string device = _folder.Write("device.ini", _device);
-        _gateway = std::make_unique<Program>(WEB_GATEWAY, Strings{page, "0", device});
-        const string mark = "http://127.0.0.1:";
-        ASSERT_TRUE(test::WaitUntil([&] {
-            const string output = _gateway->GetOutput();
-            const std::size_t at = output.find(mark);
-            const std::size_t end = at != string::npos ? output.find("/\n", at) : at;
-            _port = end != string::npos ? output.substr(at + mark.size(), end - at - mark.size()) : "";
-            return !_port.empty();
-        })) << _gateway->GetOutput();
+        _gateway = std::make_unique<Program>(WEB_GATEWAY, Strings{_pages.Path(), device, "0"});
+        _port = _gateway->WaitForPort();
+        ASSERT_NE(_port, "") << _gateway->GetOutput();
     }
 
     /// Returns the whole answer. "PORT" in the headers becomes the port of the gateway.
@@ -95,14 +93,18 @@ protected:
                                "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
                                std::to_string(form.size()) + "\r\n\r\n" + form;
         osa::TcpSocket socket;
-        socket.Connect("127.0.0.1", static_cast<unsigned short>(std::stoi(_port)), 10);
-        socket.SendAll(request.data(), static_cast<unsigned int>(request.size()));
-        string answer;
-        char buffer[4'096];
-        while (const unsigned int count = socket.Recv(buffer, sizeof(buffer), 60)) {
-            answer.append(buffer, count);
-        }
-        return answer;
+        test::Send(socket, _port, request);
+        return test::ReceiveAll(socket);
+    }
+
+    /// The headers of a request of alice, with her session; "" if she cannot log in.
+    string LogIn() const {
+        const string host = "Host: localhost\r\n";
+        const string login = Ask("POST /login", host, "user=alice&password=correct+horse");
+        const std::size_t begin = login.find("session=");
+        return begin != string::npos
+                   ? host + "Cookie: " + login.substr(begin, login.find(';', begin) - begin) + "\r\n"
+                   : "";
     }
 
     int CodeOf(const string& line, const string& headers, const string& form = "") const {
@@ -110,6 +112,7 @@ protected:
         return answer.size() > 12 ? std::stoi(answer.substr(9, 3)) : 0;
     }
 
+    test::TempDir _pages;
     test::TempDir _folder;
     string _device = "[device]\nfriendlyName = Yard\n[web]\nnames = camera.local Yard\nproxy = true\n";
     std::unique_ptr<Program> _gateway;
@@ -210,21 +213,15 @@ TEST_F(WebGatewayTest, SlowsDownGuesses) {
 TEST_F(WebGatewayTest, AnswersSafely) {
     const Security security;
     ASSERT_TRUE(security.isReady);
-    const string host = "Host: localhost\r\n";
-    const string login = Ask("POST /login", host, "user=alice&password=correct+horse");
-    const std::size_t begin = login.find("session=");
-    ASSERT_NE(begin, string::npos) << login;
-    const string alice = host + "Cookie: " + login.substr(begin, login.find(';', begin) - begin) + "\r\n";
+    const string alice = LogIn();
+    ASSERT_NE(alice, "");
     const struct {
         const char* line;
         const char* form;
         const char* code;
         const char* header;
     } rows[] = {
-        {"GET /", "", "200",
-         "Content-Security-Policy: default-src 'none'; style-src 'none'; script-src "
-         // of "1"
-         "'sha256-a4ayc/80/OGda4BO/1o/V0etpOqiLx1JwB5S3beHW0s='; "},
+        {"GET /", "", "200", "ETag: \""},
         {"HEAD /", "", "200", "Content-Type: text/html"},
         {"POST /", "", "405", "Allow: GET, HEAD\r\n"},
         {"PUT /device.xml", "", "405", "Allow: GET, HEAD\r\n"},
@@ -233,6 +230,10 @@ TEST_F(WebGatewayTest, AnswersSafely) {
         {"PUT /api/users", "", "405", "Allow: GET, HEAD, POST, DELETE\r\n"},
         {"DELETE /api/users?name=carol%00b", "", "400", ""},
         {"POST /api/users", "name=a%00b&role=viewer&password=correct+horse", "400", ""},
+        {"GET /nothing", "", "404", "Content-Type: text/html"},
+        {"GET /../device.ini", "", "404", ""},
+        {"POST /live", "", "405", "Allow: GET\r\n"},
+        {"GET /session", "", "200", ""},
         {"POST /login", "user=alice%00b&password=correct+horse", "400", ""},
         {"GET /api/users", "", "200", ""},
     };
@@ -240,7 +241,8 @@ TEST_F(WebGatewayTest, AnswersSafely) {
         SCOPED_TRACE(row.line);
         const string answer = Ask(row.line, alice, row.form);
         EXPECT_EQ(answer.substr(9, 3), row.code);
-        for (const char* header : {row.header, "X-Content-Type-Options: nosniff\r\n", "Referrer-Policy: "}) {
+        for (const char* header : {row.header, "X-Content-Type-Options: nosniff\r\n", "Referrer-Policy: ",
+                                   "Content-Security-Policy: default-src 'none'; style-src 'self'; "}) {
             EXPECT_NE(answer.find(header), string::npos) << answer;
         }
     }
@@ -248,6 +250,51 @@ TEST_F(WebGatewayTest, AnswersSafely) {
     for (const char* line : {"POST /measure", "GET /fault"}) {  // only for tests, and not in this build
         EXPECT_EQ(CodeOf(line, alice), 404) << line;
     }
+}
+
+TEST_F(WebGatewayTest, WaitsForNoServiceThatDoesNotAnswer) {
+    msgbus::MsgBus bus;
+    StuckPtz ptz(&bus);
+    bus.StartServer();
+    auto registration = std::make_unique<Program>(
+        REGISTRATION_SERVICE, Strings{_folder.File("registration.ini"), "camera", "3600"});
+    Security security;
+    ASSERT_TRUE(security.isReady);
+    const string alice = LogIn();
+    ASSERT_NE(alice, "");
+    const auto waitFor = [&](const char* path, const string& part) {
+        string answer;
+        EXPECT_TRUE(test::WaitUntil([&] {
+            answer = Ask(string("GET ") + path, alice);
+            return answer.find(part) != string::npos;
+        })) << part
+            << " is not in " << answer;
+    };
+    const string rest = "\"network\",\"viewers\",";
+    waitFor("/api/camera", "\"registration\":{\"registered\":false,");
+    waitFor("/api/camera", "\"silent\":[" + rest + "\"ptz\",\"audio\",\"services\"]");
+    // However long these take, each would have to wait if the gateway asked the service.
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_NE(Ask("GET /api/camera", alice).find("\"ptz\":null"), string::npos);
+    }
+    EXPECT_LE(ptz.calls, 25);
+    registration.reset();  // killed
+    waitFor("/api/camera", "\"silent\":[" + rest + "\"ptz\",\"audio\",\"registration\",\"services\"]");
+    ptz.release.Release();
+    EXPECT_TRUE(test::WaitUntil(
+        [&] { return Ask("GET /api/camera", alice).find("\"ptz\":{\"polling\":true}") != string::npos; },
+        std::chrono::seconds(60)));
+
+    waitFor("/health", " 200 ");
+    security.GetProcess().Kill(SIGSTOP);
+    waitFor("/health", "503 Service Unavailable");
+    for (const char* path : {"/health", "/api/camera", "/session", "/live"}) {
+        waitFor(path, "\"error\":\"The security service does not answer.\"");
+    }
+    EXPECT_EQ(CodeOf("GET /", alice), 200);
+    security.GetProcess().Kill(SIGCONT);
+    waitFor("/health", " 200 ");
+    waitFor("/session", "\"user\":\"alice\"");
 }
 
 TEST(LoginDelayTest, GrowsForNamesAndAddresses) {
