@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Blocks of a pool that two threads share, frames of a ring, and bits from a stream.
 
 #include <atomic>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Several threads on one connection; benchmarks/bus_bench.py runs it.
 //
 //   zarip-bench-bus-threads call THREADS CALLS       calls a second, of "zarip-bench-peer-zarip serve"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Ciphers on small and on large data, through the classes and through a kept handle of libgcrypt.
 
 #include <gcrypt.h>

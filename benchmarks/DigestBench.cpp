@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Digests of small and of large data, through the classes and through a kept handle of libgcrypt.
 
 #include <gcrypt.h>

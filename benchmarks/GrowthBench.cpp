@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // How time and memory grow with the length of a document: documents of 0.25, 1 and 4 MiB, made to be as
 // costly as a stranger can make them. A column that grows by more than about 4 to the next shows a cost that
 // needs a limit.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Loading an INI file of 10,000 keys in 100 groups.
 
 #include <glib.h>

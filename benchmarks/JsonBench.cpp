@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Reads and writes a settings document of about 100 KiB: ours against nlohmann::json and RapidJSON's DOM.
 
 #include <sstream>

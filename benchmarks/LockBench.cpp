@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Taking and giving back a free lock: the price of every access to guarded data.
 
 #include <condition_variable>

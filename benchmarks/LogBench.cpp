@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Log records: one that is written and flushed, and one whose level is off.
 
 #include <fcntl.h>

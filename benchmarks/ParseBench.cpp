@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Reading HTTP requests: a browser's GET of 640 bytes, and a POST with a form of 2 KiB. Each contestant reads
 // from the same stream over memory and looks up one value in the end.
 

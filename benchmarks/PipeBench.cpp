@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Writing through a pipe: small strings that leave at once, as one sends commands to a program.
 
 #include <fcntl.h>

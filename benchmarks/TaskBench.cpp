@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Handing work to a thread, tasks that are due at mixed times, and when a timer's callback begins.
 
 #include <sched.h>

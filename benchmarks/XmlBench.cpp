@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A document of 1 MB read piece by piece, through the class and through the functions behind it.
 
 #include <libxml/xmlreader.h>

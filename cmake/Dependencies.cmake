@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # What the library is built from. A library that is missing is named with the package of Debian that has it.
 
 # zarip_find_module(<prefix> <module of pkg-config> <package of Debian>): defines PkgConfig::<prefix>.

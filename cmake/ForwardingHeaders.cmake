@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # zarip_forwarding_headers(<include dir> <output dir> <header>...)
 #
 # Writes zarip/<namespace>/<Class> for every class that stands at the left margin of a public header, and for the

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # Installs the library, its headers, and what CMake and pkg-config need to find them.
 include(CMakePackageConfigHelpers)
 

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # The JSON element model. An installed CAJUN is used where one is found. Otherwise compat/ has the same names and is
 # installed as well, in ZARIP_JSON_INSTALL_DIR, a folder of its own; its parser is part of the library.
 add_library(zarip_json INTERFACE)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # The warnings that the project's own code compiles without, with g++ and with clang++.
 add_library(zarip_warnings INTERFACE)
 target_compile_options(zarip_warnings INTERFACE

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # Writes the header OUTPUT with a constant `zarip::interfaces::ServiceDescription` from the introspection file INPUT;
 # `zarip_add_interface` runs it.
 get_filename_component(name ${INPUT} NAME)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # zarip_add_interface(<target> [PUBLIC] <file>...)
 #
 # Embeds descriptions of services into a target: each file is an introspection document with one interface, is called

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # Toolchain file for the device: 32-bit ARM hard-float, with the sysroot that scripts/test-armhf extracts.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A source of video-analytics alerts: a made-up object walks to and fro past a fence, and crosses it.
 //
 //   analytics-source MILLISECONDS [COUNT]

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The owner of the audio line output: a bounded number of connections, each of which ends unless it is kept
 // alive.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The directory of the device's services: what is on the bus now.
 //
 //   directory-service CAMERA     the name of the camera

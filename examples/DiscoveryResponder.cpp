@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Makes the camera known in its network: announces it and answers searches, as UPnP discovery (SSDP) asks.
 //
 //   discovery-responder DEVICE [LOCATION [MAX-AGE]]

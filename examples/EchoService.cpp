@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A stream service on a unix-domain socket, whose traffic can be captured while it runs.
 //
 //   echo-service serve NAME      sends back what it gets on /tmp/sockets/NAME, one connection at a time

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Streams over HTTP in both directions, without a bus: a live picture out, a file of any size in.
 //
 //   live-view PORT FOLDER

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The networking service: tells what the machine's network is like and when that changes, and keeps settings.
 //
 //   networking-service FILE      networking.ini shows what the file holds

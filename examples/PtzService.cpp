@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The owner of the serial line to a pan-tilt-zoom head, which it talks to in Pelco-D.
 //
 //   ptz-service [LINE]           such as /dev/ttyS1; without it a made-up head on a pseudo-terminal

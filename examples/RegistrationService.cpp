@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Enrols the camera with the manager of a video-management system and keeps the two in step.
 //
 //   registration-service FILE CAMERA SECONDS

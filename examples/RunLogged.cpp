@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs a program, logs what it prints line by line, and ends it when it takes too long.
 //
 //   run-logged SECONDS PROGRAM [ARGUMENT]...

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Talks to the security service: security-client COMMAND [ARGUMENT]...
 
 #include <zarip/core/Delegate.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Drives the security service through every kind of call and tells whether what comes back is what was
 // expected.
 //

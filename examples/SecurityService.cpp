@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A security service on the bus: keeps users, sessions and pass phrases in an INI file.
 //
 //   security-service FILE        security.ini shows what the file holds

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Backs up settings, which hold pass phrases of users, in an encrypted archive.
 //
 //   settings-backup [--pass-phrase FILE] save ARCHIVE FILE...      writes the files into a new archive

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Tells what an H.264 stream holds: stream-header SPS, with the sequence parameter set in hexadecimal.
 
 #include <zarip/core/BitStreamReader.h>

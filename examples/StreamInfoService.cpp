@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The video service's counts: how many watch a stream, and how many are sure to be served.
 //
 //   stream-info-service SECONDS STREAM=GUARANTEED...

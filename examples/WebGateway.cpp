@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
 // bus.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The entry of a fuzzer; FUZZ_TARGET is one of Targets.h.
 
 #include <cstddef>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs every target with the files of its folder, as a test: what a fuzzer once found stays found.
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The least that answers a GET: accept, receive, send, close, on one thread. Prints its port.
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Boost.Beast without an event loop of its own: one request for each connection, read, answered with 1 KiB
 // and closed on one thread. Prints its port.
 #include <boost/asio/ip/tcp.hpp>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // cpp-httplib with one worker thread and a handler that answers with 1 KiB. Prints its port.
 #include <httplib.h>
 

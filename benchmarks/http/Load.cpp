@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Clients of a web server, each on a thread of its own: connect, GET, read to the end, close, again and
 // again.
 //

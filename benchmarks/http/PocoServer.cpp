@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Poco's HTTPServer without keep-alive and with a handler that answers with 1 KiB. Prints its port.
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The library's server with a handler that answers with 1 KiB, or 1 MiB for /large. Prints its port.
 //
 //   zarip-bench-http-zarip [--standard]   with the web's rules

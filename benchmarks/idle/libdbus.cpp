@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The same with libdbus alone.
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A process with a connection to the bus and nothing to do; with an argument it ends as soon as it is loaded.
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // GDBus, the way its manual does it: the client's calls block, the server and the subscriber run a main loop.
 
 #include <gio/gio.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // libdbus as it is, on one thread: what nobody who uses libdbus can undercut.
 
 #include <memory>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // sdbus-c++ with its convenience interface and without extra threads.
 
 #include <sdbus-c++/sdbus-c++.h>

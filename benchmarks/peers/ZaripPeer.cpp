@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // This library, as services and their clients use it.
 
 #include <memory>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // illuminator            serves the lamp until SIGINT or SIGTERM comes or the bus is lost
 // illuminator PERCENT    sets its brightness and prints what it is then; "off" switches it off
 

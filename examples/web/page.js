@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 "use strict";
 // Shows the camera and keeps what it shows up to date. What comes from the camera becomes text, never markup,
 // and an entry that is not what it should be is left out, so that it does not stop the rest.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/AllocationException.h"
 #include "zarip/core/AllocatorException.h"
 #include "zarip/core/IAllocator.h"

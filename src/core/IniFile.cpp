@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/IniFile.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "core/JsonCheck.h"
 
 #include <cajun/json/elements.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/JsonUtils.h"
 
 #include <cajun/json/elements.h>

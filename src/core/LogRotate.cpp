@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "core/LogRotate.h"
 
 #include <fcntl.h>

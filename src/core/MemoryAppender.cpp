@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/MemoryAppender.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/RingAllocator.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/core/Stopwatch.h"
 
 #include "zarip/osa/Exception.h"

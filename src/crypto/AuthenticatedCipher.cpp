@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/crypto/AuthenticatedCipher.h"
 
 #include <limits>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/crypto/CryptoUtils.h"
 
 #include <gcrypt.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "crypto/Der.h"
 
 #include "zarip/crypto/CryptoException.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/crypto/DigestUtils.h"
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/crypto/Digests.h"
 
 #include <gcrypt.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/crypto/Hmac.h"
 
 #include <gcrypt.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "crypto/Pkcs8.h"
 
 #include <gcrypt.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "cutil/chomp.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "cutil/hex.h"
 
 namespace zarip::cutil {

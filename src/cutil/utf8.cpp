@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "cutil/utf8.h"
 
 #include <cstddef>

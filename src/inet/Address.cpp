@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "inet/Address.h"
 
 namespace zarip::inet {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "inet/HttpExchange.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "inet/HttpLoop.h"
 
 #include <linux/sockios.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/HttpResponse.h"
 
 namespace zarip::inet {

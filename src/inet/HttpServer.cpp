@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/HttpServer.h"
 
 #include <algorithm>

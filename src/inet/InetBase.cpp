@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/InetBase.h"
 
 #include "cutil/gettime.h"

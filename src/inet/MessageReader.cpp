@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "inet/MessageReader.h"
 
 #include <algorithm>

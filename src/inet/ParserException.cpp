@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/ParserException.h"
 
 #include "inet/BadRequest.h"

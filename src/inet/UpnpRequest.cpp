@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/UpnpRequest.h"
 
 #include "inet/Address.h"

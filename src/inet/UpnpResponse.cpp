@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/inet/UpnpResponse.h"
 
 namespace zarip::inet {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.audio.lineout.h"
 #include "interfaces/CountedList.h"
 #include "zarip/interfaces/IAudioLineOutProvider.h"

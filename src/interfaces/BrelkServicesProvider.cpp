@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.brelkServices.h"
 #include "zarip/interfaces/IBrelkServicesProvider.h"
 #include "zarip/interfaces/ServiceBinding.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/interfaces/InterfaceServer.h"
 
 #include "zarip/msgbus/IMsgBus.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.networkingV2.h"
 #include "zarip/interfaces/INetworkingV2Provider.h"
 #include "zarip/interfaces/ServiceBinding.h"

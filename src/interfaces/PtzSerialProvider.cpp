@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.hardware.ptzSerial.h"
 #include "zarip/interfaces/IPtzSerialProvider.h"
 #include "zarip/interfaces/ServiceBinding.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.system.security.h"
 #include "zarip/interfaces/ISecurityProvider.h"
 #include "zarip/interfaces/ServiceBinding.h"

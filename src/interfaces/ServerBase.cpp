@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/interfaces/ServerBase.h"
 
 #include <optional>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.mirase.smRegistration.h"
 #include "zarip/interfaces/ISmRegistrationProvider.h"
 #include "zarip/interfaces/ServiceBinding.h"

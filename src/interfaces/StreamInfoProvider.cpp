@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "com.brelk.video.streamInfo.h"
 #include "zarip/interfaces/IStreamInfoProvider.h"
 #include "zarip/interfaces/ServiceBinding.h"

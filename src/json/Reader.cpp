@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <cajun/json/reader.h>
 
 #include <locale.h>

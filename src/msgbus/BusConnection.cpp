@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/BusConnection.h"
 
 #include <poll.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/BusDaemon.h"
 
 #include "msgbus/DBusText.h"

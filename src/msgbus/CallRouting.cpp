@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/CallRouting.h"
 
 #include "msgbus/DBusText.h"

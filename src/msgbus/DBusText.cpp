@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/DBusText.h"
 
 #include <dbus/dbus.h>

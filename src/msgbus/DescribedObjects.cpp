@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/DescribedObjects.h"
 
 #include <dbus/dbus.h>

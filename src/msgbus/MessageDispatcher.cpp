@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/MessageDispatcher.h"
 
 #include <cxxabi.h>

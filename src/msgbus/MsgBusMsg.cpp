@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/msgbus/MsgBusMsg.h"
 
 #include <dbus/dbus.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/msgbus/MsgBusMsgArgumentDumper.h"
 
 #include <cajun/json/elements.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "msgbus/PendingCalls.h"
 
 #include <sys/eventfd.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/msgbus/StopSignal.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/CaptureControl.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/DateTime.h"
 
 #include <time.h>

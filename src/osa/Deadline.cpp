@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/Deadline.h"
 
 #include "zarip/osa/LockException.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/FileCalls.h"
 
 #include <signal.h>

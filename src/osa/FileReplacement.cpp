@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/FileReplacement.h"
 
 #include <dirent.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/FileUtils.h"
 
 #include <dirent.h>

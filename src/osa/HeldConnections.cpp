@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/HeldConnections.h"
 
 #include <sys/resource.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/Interlocked.h"
 
 #include "zarip/osa/InterlockedObj.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/Listener.h"
 
 #include <fcntl.h>

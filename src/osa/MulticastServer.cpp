@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/MulticastServer.h"
 
 #include <cxxabi.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #define ZARIP_MUTEX_AUTO_LOCK_INLINE
 #include "zarip/osa/MutexAutoLock.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/NetworkUtils.h"
 
 #include <arpa/inet.h>

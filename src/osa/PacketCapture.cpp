@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/PacketCapture.h"
 
 #include <fcntl.h>

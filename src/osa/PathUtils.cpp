@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/PathUtils.h"
 
 #include <unistd.h>

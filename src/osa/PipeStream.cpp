@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/PipeStream.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/ProcessStart.h"
 
 #include <fcntl.h>

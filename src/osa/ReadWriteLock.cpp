@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/ReadWriteLock.h"
 
 #include "zarip/osa/LockException.h"

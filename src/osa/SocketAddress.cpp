@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/SocketAddress.h"
 
 #include <netdb.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/osa/TcpSocket.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/Wait.h"
 
 #include <poll.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/stl/DelimitedStreamBuf.h"
 
 namespace zarip::stl {

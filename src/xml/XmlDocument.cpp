@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/xml/XmlDocument.h"
 
 #include <libxml/SAX2.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "xml/XmlEncoding.h"
 
 #include <strings.h>

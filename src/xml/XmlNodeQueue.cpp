@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "xml/XmlNodeQueue.h"
 
 #include "xml/XmlLimits.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/xml/XmlReader.h"
 
 #include <libxml/parser.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "xml/XmlScanner.h"
 
 #include <cstring>

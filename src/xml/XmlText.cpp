@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "xml/XmlText.h"
 
 #include <libxml/parser.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "xml/XmlVerdict.h"
 
 #include <algorithm>

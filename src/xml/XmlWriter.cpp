@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/xml/XmlWriter.h"
 
 #include <libxml/xmlwriter.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/xml/XmlXPathExpression.h"
 
 #include <libxml/xpath.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A program that loads the library on a thread other than its first one: that thread is "ZARIP", and those
 // that get its id after it has ended are not.
 //

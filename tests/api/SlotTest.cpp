@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The place of each virtual function is part of the library's binary interface: programs that were built with
 // an older version call by it. New functions go behind the last one.
 

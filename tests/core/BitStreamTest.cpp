@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/core/BitStreamReader.h>
 #include <zarip/core/BitStreamWriter.h>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/core/Delegate.h>
 #include <zarip/core/Event.h>
 #include <zarip/osa/Semaphore.h>

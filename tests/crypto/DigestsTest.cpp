@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/crypto/CryptoException.h>
 #include <zarip/crypto/DigestUtils.h>
 #include <zarip/crypto/Digests.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Preloaded into a program: writes down which of its calls change what the disk holds, in the file that
 // CALL_LOG names.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "../../examples/common/SettingsArchive.h"
 
 #include <gtest/gtest.h>

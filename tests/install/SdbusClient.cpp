@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Calls the illuminator with what sdbus-c++-xml2cpp makes of its description, and prints what comes back.
 
 #include <sdbus-c++/sdbus-c++.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/interfaces/AnalyticsInterface.h"
 
 #include <dbus/dbus.h>

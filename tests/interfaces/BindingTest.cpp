@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A service that is not one of the library's own, made of what is installed.
 
 #include <gtest/gtest.h>

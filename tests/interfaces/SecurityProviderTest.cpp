@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "interfaces/Services.h"
 #include "support/Messages.h"
 #include "support/PrivateBus.h"

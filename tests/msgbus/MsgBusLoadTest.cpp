@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // What one connection stands when many threads use it, when the bus stops, and when strangers send.
 
 #include <dbus/dbus.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "zarip/msgbus/MsgBus.h"
 
 #include <dirent.h>

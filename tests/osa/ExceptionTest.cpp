@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IOException.h>
 #include <zarip/osa/LockException.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "osa/FailingCalls.h"
 
 #include <dlfcn.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/osa/Interlocked.h>
 #include <zarip/osa/InterlockedObj.h>
 #include <zarip/osa/Mutex.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/osa/ReadWriteLock.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/osa/Semaphore.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/core/ILogAppender.h>
 #include <zarip/core/Logger.h>
 #include <zarip/osa/Exception.h>

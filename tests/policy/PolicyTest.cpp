@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The policy files on a real bus, with real users: which of them may own a service's name, send its signals,
 // hear them, call it, and read secrets.
 

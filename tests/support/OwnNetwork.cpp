@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "support/OwnNetwork.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "support/PrivateBus.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "support/ShortMemory.h"
 
 #include <sys/prctl.h>

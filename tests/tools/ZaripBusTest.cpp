@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The program zarip-bus, run as a shell does it, with services in this process.
 
 #include <cajun/json/elements.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <zarip/xml/XmlDocument.h>
 #include <zarip/xml/XmlException.h>
 #include <zarip/xml/XmlReader.h>

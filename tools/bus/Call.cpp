@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <cajun/json/elements.h>
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "Commands.h"
 #include "Failure.h"
 #include "Names.h"

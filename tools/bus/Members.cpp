@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "Members.h"
 
 #include <map>

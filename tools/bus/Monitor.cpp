@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <dbus/dbus.h>
 
 #include <memory>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "Names.h"
 
 #include <algorithm>

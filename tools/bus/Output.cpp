@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "Output.h"
 
 #include <dbus/dbus.h>

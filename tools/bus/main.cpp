@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Looks at the services on the bus and calls them: see kUsage.
 
 #include <dbus/dbus.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// What a service of one's own is made of; guide/own-service.md walks through one.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// Attributes that let clang's -Wthread-safety check which lock guards what; other compilers see nothing.

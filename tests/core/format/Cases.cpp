@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Compiled once for each CASE: 0 holds what must compile, every other case one call that must not.
 #include <cstddef>
 #include <cstdint>

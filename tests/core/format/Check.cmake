@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # Compiles every case of Cases.cpp with the compiler of this build and with the other one where it is installed.
 find_program(GXX g++)
 find_program(CLANGXX clang++)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Headers that behave as those of an installed CAJUN do where that differs from ours. These bring the names
