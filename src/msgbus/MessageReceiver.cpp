@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <limits>
+#include <new>
 
 #include "msgbus/DBusText.h"
 #include "msgbus/DescribedObject.h"
@@ -48,7 +49,20 @@ private:
 void Refuse(BusConnection& connection, DBusMessage* call, const char* error, const std::string& text) {
     if (dbus_message_get_type(call) == DBUS_MESSAGE_TYPE_METHOD_CALL &&
         dbus_message_get_no_reply(call) == FALSE) {
-        connection.Post(MessageRef::Adopt(dbus_message_new_error(call, error, ToErrorText(text).c_str())));
+        MessageRef reply = MessageRef::Adopt(dbus_message_new_error(call, error, ToErrorText(text).c_str()));
+        if (!reply) {
+            throw std::bad_alloc();
+        }
+        connection.Post(std::move(reply));
+    }
+}
+
+/// For a call that memory was too short for. There may be enough for this answer again, or later; otherwise
+/// the caller waits for its time-out.
+void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
+    try {
+        Refuse(connection, call, DBUS_ERROR_NO_MEMORY, "Out of Memory!");
+    } catch (...) {
     }
 }
 
@@ -67,7 +81,7 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
             // It has found the inbox empty and dispatches this next: there is nothing to bound.
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
         } else {
-            Keep(connection, std::move(message), isListening);
+            Keep(connection, message, isListening);
             // Asked again: a thread that began to listen meanwhile may have found the inbox empty.
             if (_state->IsRunning()) {
                 connection.WakeListener();
@@ -75,6 +89,9 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
         }
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
+        if (message) {
+            RefuseFailed(connection, message.Get());
+        }
     }
 }
 
@@ -89,7 +106,7 @@ bool MessageReceiver::IsUnwanted(DBusMessage* message) const {
 }
 
 /// Puts a message into the inbox that the listen thread cannot dispatch at once.
-void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool isListening) {
+void MessageReceiver::Keep(BusConnection& connection, MessageRef& message, bool isListening) {
     DBusMessage* const raw = message.Get();
     if (dbus_message_contains_unix_fds(raw) != FALSE &&
         (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
@@ -141,8 +158,10 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         throw;  // pthread_exit
     } catch (const std::exception& e) {
         _logger->Error("Error handling incoming message: %s", e.what());
+        RefuseFailed(connection, message.Get());
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "unknown");
+        RefuseFailed(connection, message.Get());
     }
     return true;
 }

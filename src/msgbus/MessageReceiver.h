@@ -31,7 +31,7 @@ public:
 
 private:
     bool IsUnwanted(DBusMessage* message) const;
-    void Keep(BusConnection& connection, MessageRef message, bool isListening);
+    void Keep(BusConnection& connection, MessageRef& message, bool isListening);
     void WarnOfDropping(bool isListening);
     bool DispatchMsg(DBusMessage* message);
     bool DispatchToHandlers(DBusMessage* message);
