@@ -215,7 +215,7 @@ void MessageReceiver::LogLostName(DBusMessage* message) {
 }
 
 bool MessageReceiver::DispatchToHandlers(DBusMessage* message) {
-    const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
+    const MsgBusMsg wrapped(new MsgBusMsgImpl(message));
     const std::string_view member = ViewOf(dbus_message_get_member(message));
     std::string_view interface = ViewOf(dbus_message_get_interface(message));
     if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL) {
