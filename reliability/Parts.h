@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -95,16 +96,21 @@ struct WebServer {
     inet::HttpServer server;
 };
 
-/// Connects to a port of this machine with the calls of the system alone; -1 on failure.
-inline int ConnectTo(unsigned short port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+/// Connects to a port of this machine with the calls of the system alone; -1 on failure. With SOCK_NONBLOCK the
+/// connection is only begun.
+inline int ConnectTo(unsigned short port, int flags = 0) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    if (fd < 0) {
+        return -1;
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const timeval limit{20, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+        errno != EINPROGRESS) {
         ::close(fd);
         return -1;
     }
@@ -116,12 +122,12 @@ inline void SendBytes(int fd, const char* text) {
     static_cast<void>(ignored);
 }
 
-/// The status of the answer to a request of "/path", 0 if the connection ends without one, -1 if the answer
-/// is damaged. Allocates nothing.
+/// The status of the answer to a request of "/path", 0 if the connection ends without one, -1 if there is no
+/// connection or the answer is damaged. Allocates nothing.
 inline int Get(unsigned short port) {
     const int fd = ConnectTo(port);
     if (fd < 0) {
-        return 0;
+        return -1;
     }
     SendBytes(fd, "GET /path HTTP/1.1\r\nHost: here\r\n\r\n");
     char answer[2048];
@@ -132,6 +138,7 @@ inline int Get(unsigned short port) {
         length += static_cast<std::size_t>(count);
     }
     ::close(fd);
+    errno = 0;
     answer[length] = '\0';
     if (length == 0) {
         return 0;
