@@ -11,35 +11,20 @@
 
 #include "Targets.h"
 
-namespace {
-
-struct Target {
-    const char* folder;
-    void (*run)(const std::string&);
-};
-
-constexpr Target kTargets[] = {
-    {"request", fuzz::Request}, {"response", fuzz::Response}, {"upnp", fuzz::Upnp},
-    {"url", fuzz::Url},         {"query", fuzz::Query},       {"ini", fuzz::Ini},
-    {"json", fuzz::Json},       {"xml", fuzz::Xml},           {"key", fuzz::Key},
-};
-
-}  // namespace
-
 int main(int argc, char** argv) {
     if (argc != 2) {
         std::fprintf(stderr, "usage: %s CORPUS\n", argv[0]);
         return 2;
     }
-    for (const Target& target : kTargets) {
+    for (const fuzz::Target* target = fuzz::Target::s_first; target != nullptr; target = target->next) {
         std::vector<std::filesystem::path> files;
         for (const auto& entry :
-             std::filesystem::directory_iterator(std::filesystem::path(argv[1]) / target.folder)) {
+             std::filesystem::directory_iterator(std::filesystem::path(argv[1]) / target->name)) {
             files.push_back(entry.path());
         }
         std::sort(files.begin(), files.end());
         if (files.empty()) {
-            std::fprintf(stderr, "no files for %s\n", target.folder);
+            std::fprintf(stderr, "no files for %s\n", target->name);
             return EXIT_FAILURE;
         }
         for (const std::filesystem::path& path : files) {
@@ -48,10 +33,10 @@ int main(int argc, char** argv) {
             std::ifstream file(path, std::ios_base::binary);
             fuzz::Check(file.is_open(), "the file opens");
             const std::string input((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-            target.run(input);
+            target->run(input);
             // Every beginning is an input too: a peer may stop anywhere.
             for (std::size_t size = 0; size < std::min<std::size_t>(input.size(), 1000); ++size) {
-                target.run(input.substr(0, size));
+                target->run(input.substr(0, size));
             }
         }
     }

@@ -24,7 +24,8 @@ bool Fail(Run& run, const Work& work, long n) {
     FailingMemory::FailAt(n, work.threads);
     const Result result = Try(work);
     const bool hasFailed = FailingMemory::End();
-    run.Expect(result != Result::kWrong || work.mayBeLost, "%s: wrong result at allocation %ld", work.name, n);
+    run.Expect(result != Result::kWrong || work.mayBeLost, "%s: wrong result at allocation %ld", work.name,
+               n);
     run.Expect(Try(work) == Result::kRight, "%s: does not work after allocation %ld failed", work.name, n);
     return hasFailed;
 }
@@ -53,8 +54,8 @@ void FailEachFirst(Run& run, const Work& work) {
     }
 }
 
-/// Fails each allocation many times: what leaks does so each time, while the caches of libdbus and libxml2 grow
-/// by a few blocks. How many allocations there are.
+/// Fails each allocation many times: what leaks does so each time, while the caches of libdbus and libxml2
+/// grow by a few blocks. How many allocations there are.
 long FailEach(Run& run, const Work& work) {
     constexpr int kRounds = 20;
     run.Expect(Try(work) == Result::kRight, "%s: does not work at all", work.name);

@@ -84,7 +84,8 @@ void ExpectNewConnectionWorks(Run& run) {
 }  // namespace
 
 ROW(KilledBus,
-    "The bus is killed under 8 waiting threads, a sender and an idle server: every call ends with an error, a new connection "
+    "The bus is killed under 8 waiting threads, a sender and an idle server: every call ends with an error, "
+    "a new connection "
     "works, no descriptor and no thread is left",
     30) {
     PrivateBus::Get();
@@ -103,7 +104,8 @@ ROW(KilledBus,
             users.Join();
             slowest = std::max(slowest, MillisecondsSince(killed));
             run.Expect(users.GetUnanswered() == 8, "%d calls ended with an error", users.GetUnanswered());
-            run.Expect(test::WaitUntil([&] { return !idle.bus.IsRunning(); }), "the idle server knows of the loss");
+            run.Expect(test::WaitUntil([&] { return !idle.bus.IsRunning(); }),
+                       "the idle server knows of the loss");
         }
         PrivateBus::Get().Start();
         ExpectNewConnectionWorks(run);
@@ -114,7 +116,8 @@ ROW(KilledBus,
 }
 
 ROW(StoppedBus,
-    "The bus stops reading under 8 waiting threads, a sender and an idle server: every call ends at its time-out, the "
+    "The bus stops reading under 8 waiting threads, a sender and an idle server: every call ends at its "
+    "time-out, the "
     "objects end, a new connection works once the bus reads again, no descriptor and no thread is left",
     60) {
     PrivateBus::Get();
@@ -142,8 +145,9 @@ ROW(StoppedBus,
     }
     run.Expect(slowest < 300, "a call ended %lld ms after its time-out", slowest);
     run.Expect(end < 3000, "three connections took %lld ms to end", end);
-    run.Figure("%d rounds, calls ended at most %lld ms after their time-out, three connections within %lld ms", rounds,
-               slowest, end);
+    run.Figure(
+        "%d rounds, calls ended at most %lld ms after their time-out, three connections within %lld ms",
+        rounds, slowest, end);
 }
 
 }  // namespace zarip::reliability

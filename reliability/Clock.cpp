@@ -137,8 +137,10 @@ std::vector<Wait> MakeWaits(osa::Mutex& held, msgbus::MsgBus& client) {
 }  // namespace
 
 ROW(Clock,
-    "The real-time clock is set an hour ahead and back all the time: time-outs of locks below a second, delayed tasks, time-outs "
-    "of calls, processes and sockets end within 20 ms of their time (the clock is the program's own; timers of the system run "
+    "The real-time clock is set an hour ahead and back all the time: time-outs of locks below a second, "
+    "delayed tasks, time-outs "
+    "of calls, processes and sockets end within 20 ms of their time (the clock is the program's own; timers "
+    "of the system run "
     "on the kernel's, which is not set)",
     30) {
     test::PrivateBus::Get();

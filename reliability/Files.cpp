@@ -45,7 +45,9 @@ std::vector<Saving> Savings(const test::TempDir& sources) {
              ini.Save(path.c_str());
          }},
         {"FileUtils::WriteAtomically",
-         [](const std::string& path, char filler) { FileUtils::WriteAtomically(path, std::string(kSize, filler)); }},
+         [](const std::string& path, char filler) {
+             FileUtils::WriteAtomically(path, std::string(kSize, filler));
+         }},
         {"XmlDocument::SaveFile",
          [](const std::string& path, char filler) {
              const xml::XmlDocument document("root");
@@ -123,7 +125,8 @@ int FillDisks(Run& run, const Saving& saving, const test::TempDir& folder, int c
     const Contents contents(saving, folder);
     saving.save(path, 'a');
     for (int i = 0; i < count; ++i) {
-        const test::FileSizeLimit limit(kSize * static_cast<unsigned int>(i) / static_cast<unsigned int>(count));
+        const test::FileSizeLimit limit(kSize * static_cast<unsigned int>(i) /
+                                        static_cast<unsigned int>(count));
         SaveInVain(run, saving, path, contents);
     }
     saving.save(path, 'a');
@@ -147,9 +150,11 @@ bool FillMounted(Run& run, const std::vector<Saving>& savings, const test::TempD
                     saving.save(path, 'b');
                     run.Expect(false, "%s: a full file system is reported", saving.name);
                 } catch (const std::exception&) {
-                    run.Expect(FileUtils::Read(path) == before, "%s: a full file system leaves the old file", saving.name);
+                    run.Expect(FileUtils::Read(path) == before, "%s: a full file system leaves the old file",
+                               saving.name);
                 }
-                run.Expect(FileUtils::List(folder.Path()).size() == 2, "%s: litter in a full file system", saving.name);
+                run.Expect(FileUtils::List(folder.Path()).size() == 2, "%s: litter in a full file system",
+                           saving.name);
                 FileUtils::Delete(path);
             }
         }
@@ -160,7 +165,8 @@ bool FillMounted(Run& run, const std::vector<Saving>& savings, const test::TempD
 }  // namespace
 
 ROW(Files,
-    "Writers are killed and disks are full during every kind of saving: the file is the old or the new one, whole, and the next "
+    "Writers are killed and disks are full during every kind of saving: the file is the old or the new one, "
+    "whole, and the next "
     "save leaves no litter",
     60) {
     const test::TempDir folder;

@@ -70,8 +70,8 @@ void CheckLines(Run& run, const std::string& path, int lines) {
         if (isRead) {
             const std::string rest = line.substr(begin + static_cast<std::size_t>(length));
             const auto size = static_cast<std::size_t>(20 + thread * 40);
-            run.Expect(rest == std::string(size, static_cast<char>('a' + thread)) + ">", "a line is mixed: %s",
-                       line.c_str());
+            run.Expect(rest == std::string(size, static_cast<char>('a' + thread)) + ">",
+                       "a line is mixed: %s", line.c_str());
             run.Expect(number == next[thread]++, "line %d of thread %d is not in order", number, thread);
         }
     }
@@ -81,7 +81,8 @@ void CheckLines(Run& run, const std::string& path, int lines) {
 }  // namespace
 
 ROW(Logging,
-    "8 threads log to a full disk, a closed pipe (SIGPIPE is ignored), a syslog that nobody reads and two files: nothing is thrown, the files have every "
+    "8 threads log to a full disk, a closed pipe (SIGPIPE is ignored), a syslog that nobody reads and two "
+    "files: nothing is thrown, the files have every "
     "line, whole and in order",
     30) {
     ::signal(SIGPIPE, SIG_IGN);  // as libdbus does in every process that uses the bus

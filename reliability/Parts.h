@@ -96,8 +96,8 @@ struct WebServer {
     inet::HttpServer server;
 };
 
-/// Connects to a port of this machine with the calls of the system alone; -1 on failure. With SOCK_NONBLOCK the
-/// connection is only begun.
+/// Connects to a port of this machine with the calls of the system alone; -1 on failure. With SOCK_NONBLOCK
+/// the connection is only begun.
 inline int ConnectTo(unsigned short port, int flags = 0) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
     if (fd < 0) {

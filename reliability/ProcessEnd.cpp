@@ -129,7 +129,8 @@ private:
 }  // namespace
 
 ROW(ProcessEnd,
-    "A process ends with exit code 0 while buses, a web server, a timer, a pool and a datagram server are alive, leaked, owned by "
+    "A process ends with exit code 0 while buses, a web server, a timer, a pool and a datagram server are "
+    "alive, leaked, owned by "
     "an object of the process, ended from a task, or after the shutdown of logging",
     60) {
     const int count = run.Count(1'000, 60);
@@ -143,7 +144,8 @@ ROW(Loading, "A program loads the library and lets go of it a hundred times and 
     Dl_info library{};
     ::dladdr(reinterpret_cast<void*>(&core::Logger::GetLogger), &library);
     const auto result = osa::Process::Run(ZARIP_LOAD_PROGRAM, {library.dli_fname});
-    run.Expect(result.status == 0, "status %d, signal %d: %s", result.status, result.signal, result.error.c_str());
+    run.Expect(result.status == 0, "status %d, signal %d: %s", result.status, result.signal,
+               result.error.c_str());
     run.Figure("100 times");
 }
 

@@ -38,14 +38,16 @@ private:
         for (int i = 0; i < kBurst; ++i) {
             SendSignal(_client);
             _pool.GetTaskQueue()->QueueTask(core::MakeDelegate([this] { ++_done; }));
-            _sender.SendTo(reinterpret_cast<const unsigned char*>("x"), 1, "127.0.0.1", _datagrams.GetLocalPort());
+            _sender.SendTo(reinterpret_cast<const unsigned char*>("x"), 1, "127.0.0.1",
+                           _datagrams.GetLocalPort());
         }
         _expected += kBurst;
         _run.Expect(test::WaitUntil([&] {
-                        return _subscriber.received == _expected && _done == _expected && _counter.received == _expected;
+                        return _subscriber.received == _expected && _done == _expected &&
+                               _counter.received == _expected;
                     }),
-                    "of %d there came %d signals, %d tasks, %d datagrams", _expected, _subscriber.received.load(),
-                    _done.load(), _counter.received.load());
+                    "of %d there came %d signals, %d tasks, %d datagrams", _expected,
+                    _subscriber.received.load(), _done.load(), _counter.received.load());
     }
 
     Run& _run;
@@ -65,7 +67,8 @@ private:
 }  // namespace
 
 ROW(Soak,
-    "Calls, signals, tasks, datagrams and web requests in one process: after the first twentieth memory grows by less than 1 MiB, "
+    "Calls, signals, tasks, datagrams and web requests in one process: after the first twentieth memory "
+    "grows by less than 1 MiB, "
     "and there are as many descriptors and threads as then",
     60) {
     constexpr int kParts = 20;
@@ -80,8 +83,10 @@ ROW(Soak,
     run.ExpectNothingLeft(before);
     const long grown = Usage::Now().memory - before.memory;
     run.Expect(grown < 1024, "memory grew by %ld KiB", grown);
-    run.Figure("%d calls, signals, tasks and datagrams each and %d web requests: memory %+ld KiB, descriptors and threads +0",
-               calls, requests, grown);
+    run.Figure(
+        "%d calls, signals, tasks and datagrams each and %d web requests: memory %+ld KiB, descriptors and "
+        "threads +0",
+        calls, requests, grown);
 }
 
 }  // namespace zarip::reliability

@@ -137,7 +137,8 @@ void StopBusAndPool(Measure& measure) {
 }  // namespace
 
 ROW(Stop,
-    "Every kind of server, idle, with a silent and a slow client and with a full backlog, stops within 300 ms",
+    "Every kind of server, idle, with a silent and a slow client and with a full backlog, stops within 300 "
+    "ms",
     30) {
     Measure measure(run);
     for (int round = run.Count(50, 3); round > 0; --round) {

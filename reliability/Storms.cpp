@@ -109,7 +109,8 @@ int UseInChild() {
 
 }  // namespace
 
-ROW(Resets, "Resets, half-closes and silent closes leave no descriptor, no thread and a server that answers", 30) {
+ROW(Resets, "Resets, half-closes and silent closes leave no descriptor, no thread and a server that answers",
+    30) {
     WebServer web;
     Acceptor acceptor;
     osa::TcpServer tcp("127.0.0.1", 0);
@@ -124,7 +125,8 @@ ROW(Resets, "Resets, half-closes and silent closes leave no descriptor, no threa
     run.Expect(Get(web.server.GetLocalPort()) == 200, "the server answers afterwards");
     const int accepted = acceptor.accepted;
     ::close(ConnectTo(tcp.GetLocalPort()));
-    run.Expect(test::WaitUntil([&] { return acceptor.accepted > accepted; }), "the server accepts afterwards");
+    run.Expect(test::WaitUntil([&] { return acceptor.accepted > accepted; }),
+               "the server accepts afterwards");
     run.ExpectNothingLeft(before);
     run.Figure("%d connections to each of two servers", count);
 }
@@ -146,7 +148,8 @@ ROW(Starts, "Starting and stopping every kind of server leaves no descriptor, no
     run.Figure("%d of each of seven kinds, memory %+ld KiB", count, grown);
 }
 
-ROW(Proxies, "Proxies and servers that come and go under signals leave no descriptor, no thread and no memory", 60) {
+ROW(Proxies,
+    "Proxies and servers that come and go under signals leave no descriptor, no thread and no memory", 60) {
     test::PrivateBus::Get();
     interfaces::ISecurityProvider implementation;
     msgbus::MsgBus serverBus;

@@ -290,8 +290,7 @@ MsgBusMsgImpl* NewCall(const MsgBusObjectSelector& selector, bool valid, const c
         refused.SetMsgInterface(selector.GetInterface());
         refused.SetMsgName(TextOrEmpty(member));
     }
-    return NewImpl(dbus_message_new_method_call(selector.GetDestination().c_str(),
-                                                selector.GetPath().c_str(),
+    return NewImpl(dbus_message_new_method_call(selector.GetDestination().c_str(), selector.GetPath().c_str(),
                                                 selector.GetInterface().c_str(), member));
 }
 

@@ -20,7 +20,8 @@ public:
     /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
     explicit MsgBusMsgImpl(MessageRef message);
 
-    /// @param borrowed  the caller keeps it for as long as this object lives, and it counts as sent. Not null.
+    /// @param borrowed  the caller keeps it for as long as this object lives, and it counts as sent. Not
+    /// null.
     explicit MsgBusMsgImpl(DBusMessage* borrowed);
 
     /// An open copy. Throws "dbus_message_copy failed".
