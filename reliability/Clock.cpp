@@ -164,7 +164,8 @@ std::vector<long long> WaitWhileTheClockIsSet(const std::vector<Wait>& waits) {
 ROW(Clock,
     "The real-time clock is set an hour ahead and back all the time: time-outs of locks below a second, "
     "delayed tasks, time-outs "
-    "of calls, processes and sockets end within 20 ms of their time in the quietest round (the clock is the program's own; timers "
+    "of calls, processes and sockets end within 20 ms of their time in the quietest round (the clock is the "
+    "program's own; timers "
     "of the system run "
     "on the kernel's, which is not set)",
     30) {
@@ -190,8 +191,8 @@ ROW(Clock,
         // What a busy machine adds is not in every round; what the clock adds would be.
         run.Expect(least[i] <= 20, "%s: %lld ms off in every round", waits[i].name, least[i]);
     }
-    run.Figure("%d rounds of %zu waits, at best each at most %lld ms off, at worst %lld ms", rounds, waits.size(),
-               *std::max_element(least.begin(), least.end()), worst);
+    run.Figure("%d rounds of %zu waits, at best each at most %lld ms off, at worst %lld ms", rounds,
+               waits.size(), *std::max_element(least.begin(), least.end()), worst);
 }
 
 }  // namespace zarip::reliability

@@ -3,17 +3,26 @@
 #include <cerrno>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 #include "zarip/core/Delegate.h"
+#include "zarip/core/Event.h"
 #include "zarip/core/FileAppender.h"
 #include "zarip/core/IniFile.h"
 #include "zarip/core/JsonUtils.h"
 #include "zarip/core/Logger.h"
 #include "zarip/core/TaskManager.h"
 #include "zarip/crypto/DigestUtils.h"
+#include "zarip/inet/HttpParser.h"
+#include "zarip/interfaces/ISecurityProvider.h"
+#include "zarip/interfaces/InterfaceServer.h"
+#include "zarip/msgbus/MsgBusMsgArgumentDumper.h"
+#include "zarip/msgbus/MsgBusMsgArgumentReader.h"
 #include "zarip/osa/ITimerCallback.h"
 #include "zarip/osa/Process.h"
+#include "zarip/osa/Runnable.h"
+#include "zarip/osa/Thread.h"
 #include "zarip/osa/Timer.h"
 #include "zarip/xml/XmlDocument.h"
 #include "zarip/xml/XmlElement.h"
@@ -86,6 +95,61 @@ bool Log(const test::TempDir& folder) {
     return true;
 }
 
+bool ParseHttp() {
+    std::istringstream in(
+        "POST /path?a=b HTTP/1.1\r\nContent-Length: 4\r\nX-Long: a value that is longer than "
+        "that\r\n\r\nbody");
+    inet::HttpRequest request;
+    in >> request;
+    return request.GetPath() == "/path" && request.GetBodyLength() == 4 &&
+           request.GetHeader("x-long") != nullptr;
+}
+
+bool BuildMessage() {
+    msgbus::MsgBusSignal signal(kPath, kInterface, "Any");
+    const std::vector<std::string> texts(20, "a text that is longer than a short one");
+    signal << 5 << texts << std::vector<double>(100, 1.5);
+    msgbus::MsgBusMsgArgumentReader reader(signal);
+    int number = 0;
+    std::vector<std::string> read;
+    reader >> number >> read;
+    return read == texts && msgbus::MsgBusMsgArgumentDumper(signal).AsJson(true).size() > 1000;
+}
+
+bool ConfigureLog(const test::TempDir& folder) {
+    core::IniFile ini;
+    ini.SetValue("log", "log.file", folder.File("configured"));
+    ini.SetValue("log", "log.level", "3");
+    struct Clearing {
+        ~Clearing() { core::Logger::ClearAppenders(); }
+    } const clearing;
+    core::Logger::ConfigureLogging(ini, "log");
+    core::Logger::GetLogger("a logger with a name that is long")->Error("a record");
+    return true;
+}
+
+bool FireEvent() {
+    core::Event1<int> event;
+    int sum = 0;
+    for (int i = 0; i < 3; ++i) {
+        event.AddDelegate(core::MakeDelegate([&sum](int value) { sum += value; }));
+    }
+    event.FireEvent(2);
+    return sum == 6;
+}
+
+bool RunThread() {
+    struct Body final : osa::Runnable {
+        void Run() override { ++count; }
+        void Stop() override {}
+        std::atomic<int> count{0};
+    } body;
+    osa::Thread thread("a thread with a long name", &body, 0, 0);
+    thread.Run();
+    thread.Join();
+    return body.count == 1;
+}
+
 }  // namespace
 
 Result Try(const Work& work) {
@@ -109,6 +173,11 @@ std::vector<Work> LocalWorks(const test::TempDir& folder) {
         {"XML document", Threads::kCalling, ParseXml},
         {"JSON document", Threads::kCalling, ParseJson},
         {"process", Threads::kCalling, StartProcess},
+        {"web message", Threads::kCalling, ParseHttp},
+        {"bus message", Threads::kCalling, BuildMessage},
+        {"configured log", Threads::kCalling, [&] { return ConfigureLog(folder); }},
+        {"event", Threads::kCalling, FireEvent},
+        {"thread", Threads::kCalling, RunThread},
     };
 }
 
@@ -166,7 +235,16 @@ std::vector<Work> Services::GetWorks() {
     const auto call = [this] { return CallEcho(_client, 1000); };
     const auto runInPool = [this] { return RunInPool(_pool); };
     const auto sendDatagram = [this] { return SendDatagram(_sender, _datagrams, _counter); };
+    const auto makeProxy = [this] {
+        interfaces::ISecurityProvider implementation;
+        const std::unique_ptr<interfaces::InterfaceServer> server(
+            interfaces::ISecurityProvider::CreateServer(&_client, &implementation));
+        const std::unique_ptr<interfaces::ISecurityProvider> proxy(
+            interfaces::ISecurityProvider::CreateClient(&_client));
+        return true;
+    };
     return {
+        {"proxy and server", Threads::kCalling, makeProxy},
         {"call", Threads::kCalling, call},
         {"served call", Threads::kOthers, call},
         {"signal", Threads::kCalling, sendSignal},

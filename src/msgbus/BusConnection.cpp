@@ -81,8 +81,8 @@ MessageRef AnswerPeer(DBusMessage* message) {
         return MessageRef::Adopt(
             dbus_message_new_error(message, error.GetName(), error.GetMessage().c_str()));
     }
-    if (reply) {
-        dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID);
+    if (reply && dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID) == FALSE) {
+        reply = MessageRef();
     }
     dbus_free(id);
     return reply;
