@@ -72,7 +72,7 @@ long FailEach(Run& run, const Work& work) {
     }
     // What takes long has waited for something that was lost.
     const int rounds = MillisecondsSince(start) < (run.IsLong() ? 5000 : 100) ? kRounds : 1;
-    for (long n = 1; n <= count && rounds > 1; ++n) {
+    for (long n = 1; n <= count && rounds > 1 && !work.mayLeaveBlocks; ++n) {
         const long before = FailingMemory::GetBlocks();
         for (int round = 0; round < rounds; ++round) {
             Fail(run, work, n);

@@ -244,20 +244,20 @@ std::vector<Work> Services::GetWorks() {
         return true;
     };
     return {
-        {"proxy and server", Threads::kCalling, makeProxy},
+        {"proxy and server", Threads::kCalling, makeProxy, true},
         {"call", Threads::kCalling, call},
         {"served call", Threads::kOthers, call},
         {"signal", Threads::kCalling, sendSignal},
-        {"received signal", Threads::kOthers, sendSignal, true},
+        {"received signal", Threads::kOthers, sendSignal, false, true},
         {"connection", Threads::kCalling, MakeConnection},
-        {"connection's threads", Threads::kOthers, MakeConnection, true},
+        {"connection's threads", Threads::kOthers, MakeConnection, false, true},
         {"web request", Threads::kOthers, get},
         {"web server", Threads::kCalling, ServePath},
         {"pooled task", Threads::kCalling, runInPool},
-        {"pool's threads", Threads::kOthers, runInPool, true},
-        {"expiring timer", Threads::kOthers, ExpireTimer, true},
+        {"pool's threads", Threads::kOthers, runInPool, false, true},
+        {"expiring timer", Threads::kOthers, ExpireTimer, false, true},
         {"datagram", Threads::kCalling, sendDatagram},
-        {"received datagram", Threads::kOthers, sendDatagram, true},
+        {"received datagram", Threads::kOthers, sendDatagram, false, true},
     };
 }
 

@@ -17,7 +17,8 @@ struct Work {
     const char* name;
     FailingMemory::Threads threads;  ///< those that do the work
     std::function<bool()> run;
-    bool mayBeLost = false;  ///< what others do for it reports nothing: a signal, a datagram, a task
+    bool mayLeaveBlocks = false;  ///< until the connection ends: of a handler that is removed without memory
+    bool mayBeLost = false;       ///< what others do for it reports nothing: a signal, a datagram, a task
 };
 
 enum class Result { kRight, kReported, kWrong };
