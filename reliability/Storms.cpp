@@ -157,11 +157,11 @@ ROW(Proxies,
     serverBus.StartServer();
     clientBus.StartServer();
     const auto makeAndDelete = [&] {
+        std::atomic<int> changed{0};
         const std::unique_ptr<interfaces::InterfaceServer> server(
             interfaces::ISecurityProvider::CreateServer(&serverBus, &implementation));
         const std::unique_ptr<interfaces::ISecurityProvider> proxy(
             interfaces::ISecurityProvider::CreateClient(&clientBus));
-        std::atomic<int> changed{0};
         proxy->UsersChanged.AddDelegate(core::MakeDelegate([&](const bool&) { ++changed; }));
         return test::WaitUntil([&] { return changed > 0; });
     };
