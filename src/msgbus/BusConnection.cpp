@@ -21,6 +21,8 @@ constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
 /// How many messages a thread sends for others before the watcher's thread continues.
 constexpr int kBatch = 64;
+/// Before the next attempt when memory is short.
+constexpr int kMemoryPauseMs = 10;
 /// What libdbus reads at a time, and what is read of one long message before others get the connection.
 constexpr int kLibraryReads = 2048;
 constexpr int kReadStep = 32 * 1024;
@@ -81,8 +83,8 @@ MessageRef AnswerPeer(DBusMessage* message) {
         return MessageRef::Adopt(
             dbus_message_new_error(message, error.GetName(), error.GetMessage().c_str()));
     }
-    if (reply) {
-        dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID);
+    if (reply && dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID) == FALSE) {
+        reply = MessageRef();
     }
     dbus_free(id);
     return reply;
@@ -153,6 +155,9 @@ BusConnection::~BusConnection() {
     _outbox.Close();
     const Use use(*this);
     _watcher.Detach(_connection);
+    if (_preparation != nullptr) {
+        dbus_connection_free_preallocated_send(_connection, _preparation);
+    }
     dbus_connection_close(_connection);
     dbus_connection_unref(_connection);
     _connection = nullptr;
@@ -211,18 +216,28 @@ void BusConnection::Flush() {
     }
 }
 
+bool BusConnection::PrepareToSend() {
+    if (_preparation == nullptr) {
+        _preparation = dbus_connection_preallocate_send(_connection);
+    }
+    _isShortOfMemory = _preparation == nullptr;
+    return _preparation != nullptr;
+}
+
 void BusConnection::Drain() {
     if (_connection == nullptr || _isLost) {
         return;
     }
     for (int i = 0; i < kBatch && dbus_connection_has_messages_to_send(_connection) == FALSE; ++i) {
+        if (!PrepareToSend()) {
+            return;  // nothing is taken out, and the watcher's thread tries again
+        }
         const MessageRef message = _outbox.Take();
         if (!message) {
             break;
         }
-        if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
-            _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
-        }
+        dbus_connection_send_preallocated(_connection, _preparation, message.Get(), nullptr);
+        _preparation = nullptr;
     }
     if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
         _outbox.NoteBlocked();
@@ -298,6 +313,9 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
 // Receiving
 
 void BusConnection::OnReady(unsigned int flags) {
+    if (_isShortOfMemory) {
+        ::poll(nullptr, 0, kMemoryPauseMs);
+    }
     const Use use(*this);
     if ((flags & DBUS_WATCH_WRITABLE) != 0) {
         _outbox.NoteProgress();
@@ -341,7 +359,7 @@ bool BusConnection::TakeIncoming() {
             hasTaken = true;
             TryToRoute(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
-            ::poll(nullptr, 0, 10);
+            ::poll(nullptr, 0, kMemoryPauseMs);
             ++attempts;
         } else {
             break;

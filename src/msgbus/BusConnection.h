@@ -103,6 +103,7 @@ private:
     void TryToRoute(MessageRef message) noexcept ZARIP_REQUIRES(_lock);
     void Route(MessageRef message) ZARIP_REQUIRES(_lock);
     void Lose() ZARIP_REQUIRES(_lock);
+    bool PrepareToSend() ZARIP_REQUIRES(_lock);
     void Drain() ZARIP_REQUIRES(_lock);
     void Flush();
     dbus_uint32_t Number(DBusMessage* message);
@@ -112,12 +113,15 @@ private:
     ConnectionLock _lock;
     DBusConnection* _connection ZARIP_GUARDED_BY(_lock) = nullptr;
     bool _isLost ZARIP_GUARDED_BY(_lock) = false;
+    /// What libdbus needs to take the next message, so that it does so without fail.
+    DBusPreallocatedSend* _preparation ZARIP_GUARDED_BY(_lock) = nullptr;
     Outbox _outbox;
     PendingCalls _pending;
     DBusWatcher _watcher;
     osa::Thread _watcherThread;
     std::atomic<dbus_uint32_t> _lastSerial{1};  // the greeting has had number 1
     std::atomic<bool> _isUnresponsive{false};
+    std::atomic<bool> _isShortOfMemory{false};
 };
 
 }  // namespace zarip::msgbus

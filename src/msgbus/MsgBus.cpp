@@ -184,8 +184,7 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
                        TextOf(dbus_message_get_sender(received)));
         _logger->Trace("SendMsgWaitForReply() done.");
     }
-    auto impl = std::make_unique<MsgBusMsgImpl>(reply.Get(), true);
-    reply.Release();
+    auto impl = std::make_unique<MsgBusMsgImpl>(std::move(reply));
     impl->MarkSent();
     return new MsgBusMsg(impl.release());
 }
