@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Log records: one that is written and flushed, and one whose level is off.
+// Log records that are flushed and records of a level that is off, beside write(2), stdio and spdlog.
 
 #include <fcntl.h>
 #include <spdlog/sinks/basic_file_sink.h>
