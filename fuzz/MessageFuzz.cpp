@@ -9,6 +9,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Targets.h"
@@ -74,116 +75,45 @@ std::vector<T> TakeList(Bytes& bytes) {
     return list;
 }
 
-/// Appends a value of a kind; false after the last kind.
-bool Append(MsgBusMsg& message, int kind, Bytes& bytes) {
-    switch (kind) {
-        case 0:
-            message << (TakeByte(bytes) != 0);
-            return true;
-        case 1:
-            message << TakeByte(bytes);
-            return true;
-        case 2:
-            message << TakeNumber<short>(bytes);
-            return true;
-        case 3:
-            message << TakeNumber<unsigned short>(bytes);
-            return true;
-        case 4:
-            message << TakeNumber<int>(bytes);
-            return true;
-        case 5:
-            message << TakeNumber<unsigned int>(bytes);
-            return true;
-        case 6:
-            message << TakeNumber<long long>(bytes);
-            return true;
-        case 7:
-            message << TakeNumber<unsigned long long>(bytes);
-            return true;
-        case 8:
-            message << TakeNumber<double>(bytes);
-            return true;
-        case 9:
-            message << TakeText(bytes);
-            return true;
-        case 10:
-            message << TakeList<unsigned char>(bytes);
-            return true;
-        case 11:
-            message << TakeList<int>(bytes);
-            return true;
-        case 12:
-            message << TakeList<unsigned int>(bytes);
-            return true;
-        case 13:
-            message << TakeList<double>(bytes);
-            return true;
-        case 14:
-            message << TakeList<std::string>(bytes);
-            return true;
-        case 15:
-            message << std::deque<bool>(TakeByte(bytes) % 16, true);
-            return true;
-        default:
-            return false;
+template <class T>
+T Take(Bytes& bytes) {
+    if constexpr (std::is_same_v<T, bool>) {
+        return TakeByte(bytes) != 0;
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        return TakeText(bytes);
+    } else if constexpr (std::is_same_v<T, std::deque<bool>>) {
+        return T(TakeByte(bytes) % 16, true);
+    } else if constexpr (std::is_arithmetic_v<T>) {
+        return TakeNumber<T>(bytes);
+    } else {
+        return TakeList<typename T::value_type>(bytes);
     }
 }
 
-/// Reads a value of a kind.
-void ReadValue(MsgBusMsgArgumentReader& reader, int kind) {
-    const auto read = [&reader](auto value) { reader >> value; };
-    switch (kind) {
-        case 0:
-            read(false);
-            break;
-        case 1:
-            read(static_cast<unsigned char>(0));
-            break;
-        case 2:
-            read(static_cast<short>(0));
-            break;
-        case 3:
-            read(static_cast<unsigned short>(0));
-            break;
-        case 4:
-            read(0);
-            break;
-        case 5:
-            read(0U);
-            break;
-        case 6:
-            read(0LL);
-            break;
-        case 7:
-            read(0ULL);
-            break;
-        case 8:
-            read(0.0);
-            break;
-        case 9:
-            read(std::string());
-            break;
-        case 10:
-            read(std::vector<unsigned char>());
-            break;
-        case 11:
-            read(std::vector<int>());
-            break;
-        case 12:
-            read(std::vector<unsigned int>());
-            break;
-        case 13:
-            read(std::vector<double>());
-            break;
-        case 14:
-            read(std::vector<std::string>());
-            break;
-        default:
-            read(std::deque<bool>());
-            break;
+/// Values of some types; the kind of a value is the number of its type.
+template <class... T>
+struct Kinds {
+    static void Append(MsgBusMsg& message, int kind, Bytes& bytes) {
+        int number = 0;
+        ((number++ == kind ? (void)(message << Take<T>(bytes)) : void()), ...);
     }
-}
+    static void Read(MsgBusMsgArgumentReader& reader, int kind) {
+        int number = 0;
+        ((number++ == kind ? ReadOne<T>(reader) : void()), ...);
+    }
+
+private:
+    template <class One>
+    static void ReadOne(MsgBusMsgArgumentReader& reader) {
+        One value{};
+        reader >> value;
+    }
+};
+
+using Values =
+    Kinds<bool, unsigned char, short, unsigned short, int, unsigned int, long long, unsigned long long,
+          double, std::string, std::vector<unsigned char>, std::vector<int>, std::vector<unsigned int>,
+          std::vector<double>, std::vector<std::string>, std::deque<bool>>;
 
 /// Runs what may refuse its message with an exception of the library, and in no other way.
 template <class Action>
@@ -214,11 +144,11 @@ void ReadAll(const MsgBusMsg& message, unsigned int choice) {
     DBusMessageIter position;
     dbus_message_iter_init(message.GetDBusMessage(), &position);
     for (int kind = FindKind(position); kind < 16; kind = FindKind(position)) {
-        Check(IsTaken([&] { ReadValue(reader, kind); }), "a value is read by its reader");
+        Check(IsTaken([&] { Values::Read(reader, kind); }), "a value is read by its reader");
         dbus_message_iter_next(&position);
     }
     MsgBusMsgArgumentReader wrong(message);
-    IsTaken([&] { ReadValue(wrong, static_cast<int>(choice % 16)); });
+    IsTaken([&] { Values::Read(wrong, static_cast<int>(choice % 16)); });
 }
 
 void ReadAlert(const MsgBusMsg& message) {
@@ -367,7 +297,7 @@ FUZZ_TARGET(message) {
     made.SetMsgName("Any");
     dbus_message_set_serial(made.GetDBusMessage(), 1);
     while (!bytes.empty()) {
-        IsTaken([&] { Append(made, TakeByte(bytes) % 16, bytes); });
+        IsTaken([&] { Values::Append(made, TakeByte(bytes) % 16, bytes); });
     }
     UseReceived(made, choice);
 }
@@ -393,13 +323,13 @@ FUZZ_TARGET(builder) {
     std::vector<int> kinds;
     while (!bytes.empty()) {
         const int kind = TakeByte(bytes) % 16;
-        if (IsTaken([&] { Append(message, kind, bytes); })) {
+        if (IsTaken([&] { Values::Append(message, kind, bytes); })) {
             kinds.push_back(kind);
         }
     }
     MsgBusMsgArgumentReader reader(message);
     for (const int kind : kinds) {
-        Check(IsTaken([&] { ReadValue(reader, kind); }), "what was appended is read");
+        Check(IsTaken([&] { Values::Read(reader, kind); }), "what was appended is read");
     }
 }
 

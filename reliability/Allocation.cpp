@@ -94,10 +94,8 @@ long FailEach(Run& run, const Work& work) {
 
 ROW(Allocation,
     "Each single allocation fails once, in calls, served calls, signals, web requests, INI files, log "
-    "records, tasks, timers, "
-    "datagrams, digests, XML, JSON, process starts and in making connections and servers: an exception or an "
-    "error answer, no "
-    "block leaked, the next operation right",
+    "records, tasks, timers, datagrams, digests, XML, JSON, process starts and in making connections and "
+    "servers: an exception or an error answer, no block leaked, the next operation right",
     60) {
     if (!FailingMemory::IsSupported()) {
         run.Figure("not measured with sanitizers");

@@ -87,8 +87,7 @@ void ExpectNewConnectionWorks(Run& run) {
 
 ROW(KilledBus,
     "The bus is killed under 8 waiting threads, a sender and an idle server: every call ends with an error, "
-    "a new connection "
-    "works, no descriptor and no thread is left",
+    "a new connection works, no descriptor and no thread is left",
     30) {
     PrivateBus::Get();
     ExpectNewConnectionWorks(run);
@@ -119,8 +118,8 @@ ROW(KilledBus,
 
 ROW(StoppedBus,
     "The bus stops reading under 8 waiting threads, a sender and an idle server: every call ends at its "
-    "time-out, the "
-    "objects end, a new connection works once the bus reads again, no descriptor and no thread is left",
+    "time-out, the objects end, a new connection works once the bus reads again, no descriptor and no thread "
+    "is left",
     60) {
     PrivateBus::Get();
     ExpectNewConnectionWorks(run);

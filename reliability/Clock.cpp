@@ -165,11 +165,8 @@ std::vector<long long> WaitWhileTheClockIsSet(const std::vector<Wait>& waits) {
 
 ROW(Clock,
     "The real-time clock is set an hour ahead and back all the time: time-outs of locks below a second, "
-    "delayed tasks, time-outs "
-    "of calls, processes and sockets end within 20 ms of their time in the quietest round (the clock is the "
-    "program's own; timers "
-    "of the system run "
-    "on the kernel's, which is not set)",
+    "delayed tasks, time-outs of calls, processes and sockets end within 20 ms of their time in the quietest "
+    "round (the clock is the program's own; timers of the system run on the kernel's, which is not set)",
     30) {
     test::PrivateBus::Get();
     msgbus::MsgBus hung;

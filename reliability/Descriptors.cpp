@@ -53,8 +53,7 @@ private:
 
 ROW(Descriptors,
     "Every kind of work with no, one, two, ... descriptors left, and with 1,100 open before: an exception or "
-    "an error answer, no "
-    "descriptor is left, the next operation right",
+    "an error answer, no descriptor is left, the next operation right",
     60) {
     constexpr int kMany = 1'100;
     rlimit limit{};

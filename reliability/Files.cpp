@@ -168,8 +168,7 @@ bool FillMounted(Run& run, const std::vector<Saving>& savings, const test::TempD
 
 ROW(Files,
     "Writers are killed and disks are full during every kind of saving: the file is the old or the new one, "
-    "whole, and the next "
-    "save leaves no litter",
+    "whole, and the next save leaves no litter",
     60) {
     const test::TempDir folder;
     const test::TempDir sources;

@@ -84,8 +84,7 @@ void CheckLines(Run& run, const std::string& path, int lines) {
 
 ROW(Logging,
     "8 threads log to a full disk, a closed pipe (SIGPIPE is ignored), a syslog that nobody reads and two "
-    "files: nothing is thrown, the files have every "
-    "line, whole and in order",
+    "files: nothing is thrown, the files have every line, whole and in order",
     30) {
     ::signal(SIGPIPE, SIG_IGN);  // as libdbus does in every process that uses the bus
     const test::TempDir folder;

@@ -132,8 +132,7 @@ private:
 
 ROW(ProcessEnd,
     "A process ends with exit code 0 while buses, a web server, a timer, a pool and a datagram server are "
-    "alive, leaked, owned by "
-    "an object of the process, ended from a task, or after the shutdown of logging",
+    "alive, leaked, owned by an object of the process, ended from a task, or after the shutdown of logging",
     60) {
     const int count = run.Count(1'000, 60);
     Starter starter(count);

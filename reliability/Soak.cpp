@@ -70,8 +70,7 @@ private:
 
 ROW(Soak,
     "Calls, signals, tasks, datagrams and web requests in one process: after the first twentieth memory "
-    "grows by less than 1 MiB, "
-    "and there are as many descriptors and threads as then",
+    "grows by less than 1 MiB, and there are as many descriptors and threads as then",
     60) {
     constexpr int kParts = 20;
     const int calls = run.Count(1'000'000, 20'000);
