@@ -18,8 +18,7 @@ namespace zarip::crypto {
 
 namespace {
 
-/// A digest that the thread keeps between two texts, as opening one takes half as long as the digest of a
-/// short text.
+/// A digest that each thread keeps, because opening one takes half as long as the digest of a short text.
 class KeptMd5 {
 public:
     static std::unique_ptr<MD5> Take() {
@@ -49,7 +48,8 @@ private:
         thread_local Keeper keeper;
         return keeper;
     }
-    /// The objects of the thread's storage are being destroyed; others among them may still need a digest.
+    /// True once the thread's storage is being destroyed. Other objects of that storage may still need a
+    /// digest.
     static inline thread_local bool t_isOver = false;
 };
 
@@ -70,7 +70,7 @@ std::string DigestUtils::GenerateMd5(const std::string& data) {
     std::unique_ptr<MD5> md5 = KeptMd5::Take();
     md5->Update(data);
     std::string text = Finish(*md5);
-    KeptMd5::GiveBack(std::move(md5));  // one that failed is not kept
+    KeptMd5::GiveBack(std::move(md5));  // not reached if the digest failed
     return text;
 }
 

@@ -19,14 +19,15 @@ namespace {
 constexpr unsigned int kWatcherStackSize = 32768;
 constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
-/// How many messages a thread sends for others before the watcher's thread continues.
+/// A thread sends at most this many messages before the watcher's thread continues.
 constexpr int kBatch = 64;
-/// What libdbus reads at a time, and what is read of one long message before others get the connection.
+/// libdbus reads this many bytes at a time. The next constants limit how much of a long message is read
+/// before other threads get the connection.
 constexpr int kLibraryReads = 2048;
 constexpr int kReadStep = 32 * 1024;
 constexpr int kMaxReadSteps = 32;
 
-// The texts of libdbus's own waiting calls.
+// The messages of libdbus's own waiting calls.
 const char* const kTimedOut =
     "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
     "message "
@@ -34,13 +35,13 @@ const char* const kTimedOut =
 constexpr const char* kDisconnected = "Connection was disconnected before a reply was received";
 constexpr const char* kClosed = "Connection is closed";
 
-core::Logger* WithThreads(core::Logger* logger) {
-    // Before the first connection, so that libdbus locks its own data.
+core::Logger* EnableThreads(core::Logger* logger) {
+    // libdbus locks its own data only if this is called before the first connection is made.
     dbus_threads_init_default();
     return logger;
 }
 
-DBusConnection* Connect() {
+DBusConnection* OpenConnection() {
     DBusErrorRecord error;
     DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
     if (error.IsSet()) {
@@ -50,7 +51,8 @@ DBusConnection* Connect() {
         throw osa::Exception("dbus_bus_get_private returned NULL");
     }
     dbus_connection_set_exit_on_disconnect(connection, FALSE);
-    // Never reached: what is received is bounded by its receivers, and a reply must always get through.
+    // This limit is never reached. The receivers limit what is kept, and libdbus must not stop reading,
+    // because a reply might be next.
     dbus_connection_set_max_received_size(connection, INT_MAX / 2);
     return connection;
 }
@@ -60,7 +62,7 @@ bool IsLocalDisconnected(DBusMessage* message) {
            dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected") != FALSE;
 }
 
-/// The answer to a call of the interface that every connection has; null for any other message.
+/// Makes the answer to a call of the interface that every connection has; null for any other message.
 MessageRef AnswerPeer(DBusMessage* message) {
     if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
         dbus_message_has_interface(message, DBUS_INTERFACE_PEER) == FALSE) {
@@ -90,7 +92,7 @@ MessageRef AnswerPeer(DBusMessage* message) {
 
 }  // namespace
 
-/// Holds the connection; hands libdbus what waits to be sent before letting go.
+/// Locks the connection. Before it unlocks, it passes waiting messages to libdbus.
 class ZARIP_SCOPED_CAPABILITY BusConnection::Use {
 public:
     explicit Use(BusConnection& connection) ZARIP_ACQUIRE(connection._lock) : _connection(connection) {
@@ -100,17 +102,17 @@ public:
     Use& operator=(const Use&) = delete;
     ~Use() ZARIP_RELEASE() {
         if (!_connection._outbox.IsIdle()) {
-            _connection.Drain();
+            _connection.SendQueued();
         }
         _connection._lock.Release();
-        _connection.Flush();
+        _connection.FlushOutbox();
     }
 
 private:
     BusConnection& _connection;
 };
 
-/// Enters a call for the length of a scope, at the end of which another leads.
+/// Registers a pending call for a scope, at the end of which another call takes the lead.
 class BusConnection::Pending {
 public:
     Pending(BusConnection& connection, PendingCalls::Call& call) : _connection(connection), _call(call) {
@@ -130,12 +132,12 @@ private:
 };
 
 BusConnection::BusConnection(core::Logger* logger, Receiver* receiver)
-    : _logger(WithThreads(logger)),
+    : _logger(EnableThreads(logger)),
       _receiver(receiver),
       _watcher(logger, [this](unsigned int flags) { OnReady(flags); }),
       _watcherThread("DBusWatcher", &_watcher, kWatcherStackSize, 0) {
     const Use use(*this);
-    _connection = Connect();
+    _connection = OpenConnection();
     try {
         _watcher.Attach(_connection);
     } catch (...) {
@@ -169,7 +171,7 @@ void BusConnection::Start() {
 // ------------------------------------------------------------------------------------------------------------
 // Sending
 
-dbus_uint32_t BusConnection::Number(DBusMessage* message) {
+dbus_uint32_t BusConnection::AssignSerial(DBusMessage* message) {
     if (dbus_message_get_serial(message) == 0) {
         dbus_uint32_t serial = 0;
         while (serial == 0) {
@@ -181,23 +183,24 @@ dbus_uint32_t BusConnection::Number(DBusMessage* message) {
 }
 
 Outbox::Result BusConnection::Send(MessageRef message, std::size_t size, Outbox::Patience patience) {
-    Number(message.Get());
+    AssignSerial(message.Get());
     const Outbox::Result result = _outbox.Put(std::move(message), size, patience);
-    Flush();
+    FlushOutbox();
     return result;
 }
 
 void BusConnection::Post(MessageRef message) {
     if (message) {
-        // If the calling thread holds the lock, `Flush` does nothing and the end of that `Use` sends it.
+        // If the calling thread holds the lock, `FlushOutbox` does nothing, and the destructor of that `Use`
+        // sends the message.
         const std::size_t size = MeasureMessage(message.Get());
         Send(std::move(message), size, Outbox::Patience::kNever);
     }
 }
 
-/// Sends what waits. If another thread has the lock that thread sends it, because it looks at the outbox
-/// after it has let go.
-void BusConnection::Flush() {
+/// Sends waiting messages. If another thread has the lock, that thread sends them, because it checks the
+/// outbox after it has unlocked.
+void BusConnection::FlushOutbox() {
     for (int round = 0; _outbox.HasWork(); ++round) {
         if (round == 2) {
             _watcher.Attend();
@@ -206,12 +209,12 @@ void BusConnection::Flush() {
         if (!_lock.TryLock()) {
             return;
         }
-        Drain();
+        SendQueued();
         _lock.Release();
     }
 }
 
-void BusConnection::Drain() {
+void BusConnection::SendQueued() {
     if (_connection == nullptr || _isLost) {
         return;
     }
@@ -230,7 +233,7 @@ void BusConnection::Drain() {
         _outbox.NoteWritten();
     }
     if (dbus_connection_get_is_connected(_connection) == FALSE) {
-        TakeIncoming();  // which ends with the news of the loss
+        TakeIncoming();  // delivers libdbus's message that the connection is lost
     }
 }
 
@@ -241,7 +244,7 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
                                AfterTimeout afterTimeout, DBusErrorRecord& error) {
     const int limitMs = timeoutMs < 0 ? kDefaultTimeoutMs : timeoutMs;
     const osa::MonotonicMs until = limitMs == DBUS_TIMEOUT_INFINITE ? osa::kNever : osa::NowMs() + limitMs;
-    PendingCalls::Call call(Number(message.Get()));
+    PendingCalls::Call call(AssignSerial(message.Get()));
     Outbox::Result result = Outbox::Result::kFull;
     {
         const Pending pending(*this, call);
@@ -250,7 +253,7 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
             if (_pending.Begin(call)) {
                 _watcher.Pause();
             }
-            Flush();
+            FlushOutbox();
             ReadUntilDone(call, until);
         }
     }
@@ -273,7 +276,7 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
     bool isLate = false;
     for (auto role = _pending.GetRole(call); role != PendingCalls::Role::kDone && !isLate;
          role = _pending.GetRole(call)) {
-        isLate = until != osa::kNever && osa::NowMs() >= until;  // one look also when there is no time at all
+        isLate = until != osa::kNever && osa::NowMs() >= until;  // reads once even if the time is 0
         if (role == PendingCalls::Role::kFollower) {
             if (!isLate) {
                 _pending.Wait(call, until);
@@ -289,7 +292,7 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
         }
         if (descriptors[0].revents != 0) {
             const Use use(*this);
-            Read(DBUS_WATCH_READABLE);
+            ReadMessages(DBUS_WATCH_READABLE);
         }
     }
 }
@@ -302,24 +305,25 @@ void BusConnection::OnReady(unsigned int flags) {
     if ((flags & DBUS_WATCH_WRITABLE) != 0) {
         _outbox.NoteProgress();
     }
-    Read(flags);
+    ReadMessages(flags);
 }
 
 void BusConnection::WaitAndRead() {
     const unsigned int flags = _watcher.Wait();
     if (flags != 0) {
         const Use use(*this);
-        Read(flags);
+        ReadMessages(flags);
     }
 }
 
-/// libdbus reads 2 KiB at a time. While a longer message arrives this reads on without waiting, because the
-/// bus drops replies to a connection that falls behind by more than 127 MiB, which strangers may send it.
-void BusConnection::Read(unsigned int flags) {
+/// Reads and routes what has arrived. libdbus reads 2 KiB at a time, so a longer message is read in several
+/// steps without waiting. Speed matters because strangers may send any amount, and the bus drops replies to a
+/// connection that has more than 127 MiB to read.
+void BusConnection::ReadMessages(unsigned int flags) {
     if (_isLost) {
         return;
     }
-    _watcher.Handle(flags);
+    _watcher.HandleWatches(flags);
     for (int step = 0; !TakeIncoming() && !_isLost && step < kMaxReadSteps; ++step) {
         int available = 0;
         if ((flags & DBUS_WATCH_READABLE) == 0 || ::ioctl(_watcher.GetFd(), FIONREAD, &available) != 0 ||
@@ -327,19 +331,19 @@ void BusConnection::Read(unsigned int flags) {
             break;
         }
         for (int read = 0; read < available && read < kReadStep; read += kLibraryReads) {
-            _watcher.Handle(DBUS_WATCH_READABLE);
+            _watcher.HandleWatches(DBUS_WATCH_READABLE);
         }
     }
 }
 
-/// Takes what libdbus has parsed; false if that is nothing.
+/// Takes and routes the messages that libdbus has parsed. Returns false if there were none.
 bool BusConnection::TakeIncoming() {
     bool hasTaken = false;
     for (int attempts = 0; !_isLost && attempts < 100;) {
         MessageRef message = MessageRef::Adopt(dbus_connection_pop_message(_connection));
         if (message) {
             hasTaken = true;
-            TryToRoute(std::move(message));
+            TryToRouteMessage(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
             ::poll(nullptr, 0, 10);
             ++attempts;
@@ -350,16 +354,16 @@ bool BusConnection::TakeIncoming() {
     return hasTaken;
 }
 
-/// A message for which there is no memory is lost, but not the connection.
-void BusConnection::TryToRoute(MessageRef message) noexcept {
+/// Routes a message. If memory is short, the message is lost but not the connection.
+void BusConnection::TryToRouteMessage(MessageRef message) noexcept {
     try {
-        Route(std::move(message));
+        RouteMessage(std::move(message));
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
     }
 }
 
-void BusConnection::Route(MessageRef message) {
+void BusConnection::RouteMessage(MessageRef message) {
     DBusMessage* const raw = message.Get();
     if (_isUnresponsive.load(std::memory_order_relaxed)) {
         _isUnresponsive = false;
@@ -370,7 +374,7 @@ void BusConnection::Route(MessageRef message) {
         return;
     }
     if (IsLocalDisconnected(raw)) {
-        Lose();
+        NoteLost();
         return;
     }
     MessageRef answer = AnswerPeer(raw);
@@ -381,7 +385,7 @@ void BusConnection::Route(MessageRef message) {
     }
 }
 
-void BusConnection::Lose() {
+void BusConnection::NoteLost() {
     _isLost = true;
     _logger->Error("The connection to the bus is lost");
     const std::size_t lost = _outbox.Close();

@@ -12,7 +12,7 @@ namespace zarip::msgbus {
 
 namespace {
 
-/// Answers the call if it is Introspect and the path is known.
+/// Answers the call if it is Introspect and the path is known; returns whether that is the case.
 bool AnswerIntrospect(const MsgBusMsg& call, IMsgBus& bus) {
     const std::string interface = call.GetInterface();
     if (call.GetName() != "Introspect" ||
@@ -39,7 +39,7 @@ bool RouteToHandlers(DBusMessage* message, MessageDispatcher& dispatcher, IMsgBu
     }
     std::string found;
     if (interface.empty()) {
-        // The interface of a call is optional: many clients leave it out.
+        // The interface of a call is optional, and many clients omit it.
         found = dispatcher.FindInterface(member);
         interface = found;
     }
