@@ -46,7 +46,7 @@ unsigned int CheckedLength(std::size_t length) {
     throw CryptoException("authentication failed");
 }
 
-/// A cipher that has its key, a nonce and the associated data.
+/// A cipher with a key, a nonce and the associated data.
 class Session : public CipherHandle {
 public:
     Session(AuthenticatedCipher::Algorithm algorithm, const SecureBuffer& key, const unsigned char* nonce,

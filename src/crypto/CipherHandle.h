@@ -10,15 +10,14 @@
 
 namespace zarip::crypto {
 
-/// Owns a cipher of libgcrypt, with its key in secure memory as long as there is some. *One thread at a
-/// time.*
+/// Owns a cipher of libgcrypt. Its key is in secure memory unless that is used up. *One thread at a time.*
 class CipherHandle {
 public:
     CipherHandle() = default;
     CipherHandle(int algorithm, int mode) {
         gcry_error_t error = ::gcry_cipher_open(&_handle, algorithm, mode, GCRY_CIPHER_SECURE);
         if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
-            error = ::gcry_cipher_open(&_handle, algorithm, mode, 0);  // secure memory is short
+            error = ::gcry_cipher_open(&_handle, algorithm, mode, 0);  // secure memory is used up
         }
         if (error != 0) {
             throw GCryptException("gcry_cipher_open", error);

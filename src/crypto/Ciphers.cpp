@@ -62,12 +62,12 @@ int FindAlgorithm(const CipherFamily& family, unsigned int keyLength) {
     throw CryptoException("invalid key length");
 }
 
-/// All bits where a < b, otherwise none; without a branch. Both are small.
+/// Returns all bits set if a < b, otherwise 0, without a branch. Both must be below 2^31.
 unsigned int MaskLess(unsigned int a, unsigned int b) {
     return 0U - ((a - b) >> 31U);
 }
 
-/// The number of padding bytes at the end of a block, or 0 when they are wrong.
+/// Returns the number of padding bytes at the end of a block, or 0 if they are invalid.
 unsigned int FindPadding(const unsigned char* block, unsigned int size) {
     const unsigned int count = block[size - 1];
     unsigned int bad = MaskLess(count, 1) | MaskLess(size, count);
@@ -137,7 +137,7 @@ struct GCryptCipherImpl {
         }
     }
 
-    /// The lowest bit of each byte is parity.
+    /// Ignores the lowest bit of each byte, which is parity.
     static bool IsSameDESKey(const unsigned char* a, const unsigned char* b) {
         unsigned int difference = 0;
         for (unsigned int i = 0; i < 8; ++i) {
@@ -198,7 +198,7 @@ struct GCryptCipherImpl {
         }
     }
 
-    /// How many bytes an `Update` of `length` bytes, not 0, works on.
+    /// Returns how many bytes an `Update` with `length` bytes, which is not 0, processes.
     std::uint64_t CountReady(unsigned int length) const {
         const std::uint64_t total = std::uint64_t{_pendingLength} + length;
         if (_isStream) {
@@ -272,9 +272,9 @@ unsigned int SizeOf(std::string_view text) {
     return static_cast<unsigned int>(text.size());
 }
 
-/// Calls a function that writes at most so many bytes.
+/// Calls a function that writes at most `size` bytes and returns what it has written.
 template <class Write>
-std::string Written(unsigned long long size, Write write) {
+std::string CollectOutput(unsigned long long size, Write write) {
     std::string out(static_cast<std::size_t>(
                         std::min<unsigned long long>(size, std::numeric_limits<unsigned int>::max())),
                     '\0');
@@ -294,14 +294,14 @@ void Cipher::Reset(std::string_view vector) {
 
 std::string Cipher::Update(std::string_view data) {
     const unsigned int length = SizeOf(data);
-    return Written(GetOutputSize(length), [&](unsigned char* out, unsigned int size) {
+    return CollectOutput(GetOutputSize(length), [&](unsigned char* out, unsigned int size) {
         return Update(BytesOf(data), length, out, size);
     });
 }
 
 std::string Cipher::Finish() {
-    return Written(GetBlockSize(),
-                   [this](unsigned char* out, unsigned int size) { return DoFinal(out, size); });
+    return CollectOutput(GetBlockSize(),
+                         [this](unsigned char* out, unsigned int size) { return DoFinal(out, size); });
 }
 
 GCryptCipher::GCryptCipher(const CipherFamily& family, Mode mode, Padding padding)

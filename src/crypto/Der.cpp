@@ -22,7 +22,7 @@ ByteView DerReader::Read(DerTag tag) {
     std::size_t length = data[1];
     std::size_t header = 2;
     if (length >= 0x80) {
-        // No key has more than two bytes of length, and none of the indefinite form (0x80).
+        // The length of a key never needs more than two bytes, and the indefinite form (0x80) is not DER.
         const std::size_t count = length - 0x80;
         Require((count == 1 || count == 2) && _bytes.size >= 2 + count);
         length = count == 1 ? data[2] : data[2] * std::size_t{256} + data[3];

@@ -8,7 +8,7 @@
 
 namespace zarip::crypto {
 
-/// Bytes that belong to somebody else.
+/// A view of bytes, *not owned*.
 struct ByteView {
     const unsigned char* data;
     std::size_t size;
@@ -24,9 +24,9 @@ enum DerTag : unsigned char {
     kDerAttributes = 0xA0,  ///< [0], constructed
 };
 
-/// Reads DER, and nothing but DER: definite lengths in their shortest form, numbers in theirs. All throw
-/// `CryptoException` "invalid key encoding". It never recurses, so nesting costs nothing. *One thread at a
-/// time.*
+/// Reads DER strictly: lengths must be definite, and lengths and numbers must have their shortest form. All
+/// functions throw `CryptoException` "invalid key encoding". It never recurses, so deep nesting is harmless.
+/// *One thread at a time.*
 class DerReader {
 public:
     explicit DerReader(ByteView bytes) : _bytes(bytes) {}
@@ -34,14 +34,15 @@ public:
     bool IsAtEnd() const { return _bytes.size == 0; }
     bool IsNext(DerTag tag) const { return !IsAtEnd() && _bytes.data[0] == tag; }
 
-    /// The content of the next element, which has this tag.
+    /// Reads the next element, which must have this tag, and returns its content.
     ByteView Read(DerTag tag);
     DerReader ReadSequence() { return DerReader(Read(kDerSequence)); }
 
-    /// A number that is not negative, most significant byte first, without a sign byte.
+    /// Reads a number that is not negative. Returns it with the most significant byte first and without a
+    /// sign byte.
     ByteView ReadNumber();
 
-    /// Of whole bytes.
+    /// Reads a bit string of whole bytes.
     ByteView ReadBits();
     void ExpectEnd() const;
 

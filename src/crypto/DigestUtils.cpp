@@ -19,8 +19,7 @@ namespace zarip::crypto {
 
 namespace {
 
-/// A digest that the thread keeps between two texts, as opening one takes half as long as the digest of a
-/// short text.
+/// A digest that each thread keeps, because opening one takes half as long as the digest of a short text.
 class KeptMd5 {
 public:
     static std::unique_ptr<MD5> Take() {
@@ -63,7 +62,7 @@ std::string DigestUtils::GenerateMd5(const std::string& data) {
     std::unique_ptr<MD5> md5 = KeptMd5::Take();
     md5->Update(data);
     std::string text = Finish(*md5);
-    KeptMd5::GiveBack(std::move(md5));  // one that failed is not kept
+    KeptMd5::GiveBack(std::move(md5));  // not reached if the digest failed
     return text;
 }
 

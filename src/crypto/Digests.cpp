@@ -30,9 +30,10 @@ std::string Digest::Finish() {
 
 GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullptr), _opened(nullptr) {
     GCryptInit::InitializeGcrypt();
-    // Finishing a digest without a fixed size (none at all, SHAKE) would end the process in libgcrypt.
+    // libgcrypt would end the process if a digest without a fixed size (SHAKE) or of no known algorithm were
+    // finished.
     if (::gcry_md_get_algo_dlen(algorithm) != 0) {
-        ::gcry_md_open(&_opened, algorithm, 0);  // leaves null when it fails
+        ::gcry_md_open(&_opened, algorithm, 0);  // leaves null if it fails
     }
     _handle = _opened;
 }
@@ -40,7 +41,7 @@ GCryptDigest::GCryptDigest(int algorithm) : _algorithm(algorithm), _handle(nullp
 GCryptDigest::GCryptDigest(const GCryptDigest& other)
     : Digest(other), _algorithm(other._algorithm), _handle(nullptr), _opened(nullptr) {}
 
-// Deliberately, a digest that is assigned to has no context, by itself included.
+// Deliberate: an object has no context after an assignment, including self-assignment.
 // NOLINTNEXTLINE(cert-oop54-cpp,bugprone-unhandled-self-assignment)
 GCryptDigest& GCryptDigest::operator=(const GCryptDigest& other) {
     _algorithm = other._algorithm;

@@ -18,7 +18,7 @@ namespace {
 constexpr int kSecureBytes = 65'536;
 
 #if GCRYPT_VERSION_NUMBER < 0x010b00  // later versions have no such handler
-/// What libgcrypt has to say goes to the log; otherwise it would go to standard error.
+/// Logs libgcrypt's messages, which it would otherwise write to standard error.
 __attribute__((format(printf, 3, 0))) void Log(void* /*opaque*/, int /*level*/, const char* format,
                                                va_list arguments) {
     char text[512];
@@ -32,17 +32,18 @@ void Initialize() {
         throw CryptoException("libgcrypt is too old");
     }
     if (::gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) != 0) {
-        return;  // the process has done it itself, in its own way
+        return;  // the process has initialised libgcrypt itself
     }
 #if GCRYPT_VERSION_NUMBER < 0x010b00
     ::gcry_set_log_handler(Log, nullptr);
 #endif
-    // Locked memory may be short or forbidden; libgcrypt then works with plain memory, and says so unless
-    // told not to.
+    // If locked memory is short or forbidden, libgcrypt uses plain memory. This suppresses its warning about
+    // that.
     ::gcry_control(GCRYCTL_DISABLE_SECMEM_WARN);
     ::gcry_control(GCRYCTL_DISABLE_PRIV_DROP);
     ::gcry_control(GCRYCTL_INIT_SECMEM, kSecureBytes, 0);
-    // What does not fit goes to memory that is wiped, though not locked, instead of failing.
+    // If secure memory is used up, libgcrypt allocates memory that is wiped but not locked, instead of
+    // failing.
     ::gcry_control(GCRYCTL_AUTO_EXPAND_SECMEM, static_cast<unsigned int>(kSecureBytes));
     ::gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
 }

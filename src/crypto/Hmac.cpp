@@ -18,7 +18,7 @@ Hmac::Hmac(int algorithm, const unsigned char* key, unsigned int length)
     GCryptInit::InitializeGcrypt();
     gcry_error_t error = ::gcry_md_open(&_handle, algorithm, GCRY_MD_FLAG_HMAC | GCRY_MD_FLAG_SECURE);
     if (::gcry_err_code(error) == GPG_ERR_ENOMEM) {
-        error = ::gcry_md_open(&_handle, algorithm, GCRY_MD_FLAG_HMAC);  // secure memory is short
+        error = ::gcry_md_open(&_handle, algorithm, GCRY_MD_FLAG_HMAC);  // secure memory is used up
     }
     if (error == 0) {
         error = ::gcry_md_setkey(_handle, key != nullptr ? key : reinterpret_cast<const unsigned char*>(""),

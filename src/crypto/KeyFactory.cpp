@@ -28,9 +28,9 @@ constexpr const char* kEncryptedLabel = "ENCRYPTED PRIVATE KEY";
 
 constexpr unsigned int kMinBits = 1'024;
 constexpr unsigned int kMaxBits = 8'192;
-constexpr unsigned int kMaxExponentBits = 64;  // a larger one only makes work for the user of the key
+constexpr unsigned int kMaxExponentBits = 64;  // a larger exponent only makes operations slow
 
-// rsaEncryption, 1.2.840.113549.1.1.1
+/// rsaEncryption, 1.2.840.113549.1.1.1
 constexpr unsigned char kRsaObjectId[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x01};
 
 void Check(gcry_error_t error, const char* operation) {
@@ -51,12 +51,12 @@ void RequireValid(bool holds) {
     }
 }
 
-/// A number in secure memory.
+/// Makes a number in secure memory.
 Mpi ScanSecure(ByteView number) {
     Mpi mpi;
     Check(::gcry_mpi_scan(mpi.Address(), GCRYMPI_FMT_USG, number.data, number.size, nullptr),
           "gcry_mpi_scan");
-    ::gcry_mpi_set_flag(mpi.Get(), GCRYMPI_FLAG_SECURE);  // also where the bytes are in plain memory
+    ::gcry_mpi_set_flag(mpi.Get(), GCRYMPI_FLAG_SECURE);  // even if the bytes are in plain memory
     return mpi;
 }
 
@@ -87,7 +87,7 @@ void CheckPublic(const Mpi& n, const Mpi& e) {
     RequireValid(n.IsOdd() && e.IsOdd() && e.GetBits() >= 2);
 }
 
-std::vector<unsigned char> Print(const Mpi& number) {
+std::vector<unsigned char> PrintNumber(const Mpi& number) {
     std::vector<unsigned char> bytes(number.GetBits() / 8 + 1);
     std::size_t length = 0;
     Check(::gcry_mpi_print(GCRYMPI_FMT_STD, bytes.data(), bytes.size(), &length, number.Get()),
@@ -99,15 +99,16 @@ std::vector<unsigned char> Print(const Mpi& number) {
 std::shared_ptr<const RsaKeyImpl> BuildPublic(const Mpi& n, const Mpi& e) {
     auto key = std::make_shared<RsaKeyImpl>();
     key->_bits = n.GetBits();
-    key->_modulus = Print(n);
-    const std::vector<unsigned char> exponent = Print(e);
-    // From bytes, since numbers that were decoded are secure and would make the public key so as well.
+    key->_modulus = PrintNumber(n);
+    const std::vector<unsigned char> exponent = PrintNumber(e);
+    // The key is built from bytes, because decoded numbers are in secure memory and would make the public key
+    // secure as well.
     Check(::gcry_sexp_build(key->_key.Address(), nullptr, "(public-key (rsa (n %b)(e %b)))",
                             static_cast<int>(key->_modulus.size()), key->_modulus.data(),
                             static_cast<int>(exponent.size()), exponent.data()),
           "gcry_sexp_build");
     if (key->_modulus.size() > key->GetSize()) {
-        key->_modulus.erase(key->_modulus.begin());  // the sign
+        key->_modulus.erase(key->_modulus.begin());  // the sign byte
     }
     return key;
 }
@@ -125,21 +126,22 @@ Mpi NewSecure() {
     return Mpi(::gcry_mpi_snew(0));
 }
 
-/// prime - 1
-Mpi Predecessor(const Mpi& prime) {
+/// Returns prime - 1.
+Mpi MakePredecessor(const Mpi& prime) {
     Mpi result = NewSecure();
     ::gcry_mpi_sub_ui(result.Get(), prime.Get(), 1);
     return result;
 }
 
-/// Whether a * b leaves 1.
+/// Returns whether a * b is 1 modulo `modulus`.
 bool IsInverse(const Mpi& a, const Mpi& b, const Mpi& modulus) {
     const Mpi product = NewSecure();
     ::gcry_mpi_mulm(product.Get(), a.Get(), b.Get(), modulus.Get());
     return ::gcry_mpi_cmp_ui(product.Get(), 1) == 0;
 }
 
-/// Signing with numbers that do not belong together would give the primes away, or nonsense.
+/// Throws unless the numbers belong together. Signing with others could reveal the primes or give wrong
+/// results.
 void CheckPrivate(const PrivateNumbers& key) {
     CheckPublic(key.n, key.e);
     const unsigned int bits = key.n.GetBits();
@@ -149,8 +151,8 @@ void CheckPrivate(const PrivateNumbers& key) {
     const Mpi product = NewSecure();
     ::gcry_mpi_mul(product.Get(), key.p.Get(), key.q.Get());
     RequireValid(::gcry_mpi_cmp(product.Get(), key.n.Get()) == 0);
-    const Mpi p1 = Predecessor(key.p);
-    const Mpi q1 = Predecessor(key.q);
+    const Mpi p1 = MakePredecessor(key.p);
+    const Mpi q1 = MakePredecessor(key.q);
     RequireValid(IsInverse(key.e, key.d, p1) && IsInverse(key.e, key.d, q1));
     const Mpi rest = NewSecure();
     ::gcry_mpi_mod(rest.Get(), key.d.Get(), p1.Get());
@@ -161,8 +163,8 @@ void CheckPrivate(const PrivateNumbers& key) {
                  IsInverse(key.coefficient, key.q, key.p));
 }
 
-/// Of numbers whose first prime is the larger one. libgcrypt wants the smaller one first and the inverse of
-/// that, which is the same with the primes the other way round.
+/// Builds a key from numbers whose first prime is the larger one. libgcrypt expects the smaller prime first
+/// and its inverse modulo the larger, which is `coefficient` if the primes are exchanged.
 std::shared_ptr<const RsaKeyImpl> BuildPrivate(const PrivateNumbers& key) {
     auto impl = std::make_shared<RsaKeyImpl>();
     impl->_publicPart = BuildPublic(key.n, key.e);
@@ -182,11 +184,11 @@ public:
 
     bool IsAtEnd() const { return _bytes.size == 0; }
 
-    /// Whether a bracket comes next, which is skipped then.
-    bool Skip(char bracket) {
-        const bool isNext = !IsAtEnd() && _bytes.data[0] == static_cast<unsigned char>(bracket);
+    /// Skips a character if it comes next, and returns whether it did.
+    bool SkipChar(char expected) {
+        const bool isNext = !IsAtEnd() && _bytes.data[0] == static_cast<unsigned char>(expected);
         if (isNext) {
-            Drop(1);
+            DropBytes(1);
         }
         return isNext;
     }
@@ -195,18 +197,18 @@ public:
         std::size_t length = 0;
         while (!IsAtEnd() && _bytes.data[0] >= '0' && _bytes.data[0] <= '9' && length < kMaxBits) {
             length = length * 10 + (_bytes.data[0] - '0');
-            Drop(1);
+            DropBytes(1);
         }
-        if (!Skip(':') || length > _bytes.size) {
+        if (!SkipChar(':') || length > _bytes.size) {
             throw CryptoException("unexpected result of libgcrypt");
         }
         const ByteView atom = {_bytes.data, length};
-        Drop(length);
+        DropBytes(length);
         return atom;
     }
 
 private:
-    void Drop(std::size_t count) {
+    void DropBytes(std::size_t count) {
         _bytes.data += count;
         _bytes.size -= count;
     }
@@ -218,8 +220,8 @@ bool IsText(ByteView atom, std::string_view text) {
     return std::string_view(reinterpret_cast<const char*>(atom.data), atom.size) == text;
 }
 
-/// The numbers of the private key in one of libgcrypt's lists, except `dp` and `dq`. The functions that look
-/// for something in a list copy what they find to memory that is not wiped; this one does not.
+/// Extracts the numbers of the private key, except `dp` and `dq`, from a list of libgcrypt. It avoids
+/// libgcrypt's search functions, which copy their results to memory that is not wiped.
 PrivateNumbers ExtractPrivate(gcry_sexp_t list) {
     SecureBytes text(::gcry_sexp_sprint(list, GCRYSEXP_FMT_CANON, nullptr, 0));
     const std::size_t length = ::gcry_sexp_sprint(list, GCRYSEXP_FMT_CANON, text.data(), text.size());
@@ -230,7 +232,7 @@ PrivateNumbers ExtractPrivate(gcry_sexp_t list) {
     } rows[] = {{"n", key.n}, {"e", key.e}, {"d", key.d}, {"p", key.q}, {"q", key.p}, {"u", key.coefficient}};
     bool isPrivate = false;
     for (CanonicalReader reader({text.data(), length}); !reader.IsAtEnd();) {
-        if (reader.Skip('(') || reader.Skip(')')) {
+        if (reader.SkipChar('(') || reader.SkipChar(')')) {
             continue;
         }
         const ByteView name = reader.ReadAtom();
@@ -286,7 +288,7 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivate(ByteView der) {
     DerReader outer(der);
     DerReader numbers = outer.ReadSequence();
     outer.ExpectEnd();
-    ExpectVersion0(numbers);  // 1 has more than two primes
+    ExpectVersion0(numbers);  // version 1 has more than two primes
     PrivateNumbers key;
     for (Mpi* number : {&key.n, &key.e, &key.d, &key.p, &key.q, &key.dp, &key.dq, &key.coefficient}) {
         *number = ReadMpi(numbers);
@@ -303,7 +305,7 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivateInfo(ByteView der) {
     ExpectRsa(info.ReadSequence());
     const ByteView key = info.Read(kDerOctetString);
     if (info.IsNext(kDerAttributes)) {
-        info.Read(kDerAttributes);  // what it is for, and the like
+        info.Read(kDerAttributes);  // optional attributes, which are ignored
     }
     info.ExpectEnd();
     return DecodePrivate(key);
@@ -311,11 +313,11 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivateInfo(ByteView der) {
 
 using Decoder = std::shared_ptr<const RsaKeyImpl> (*)(ByteView);
 
-/// Loads the first key of a kind, which is how its labels end; `decoders` stand in the order of `labels`.
+/// Loads the first key whose label ends with `kind`. The `decoders` are in the order of the `labels`.
 /// @param passPhrase  may be null
-std::shared_ptr<const RsaKeyImpl> Load(std::string_view text, const char* kind,
-                                       const char* const (&labels)[2], const Decoder (&decoders)[2],
-                                       const char* none, const SecureBuffer* passPhrase = nullptr) {
+std::shared_ptr<const RsaKeyImpl> LoadKey(std::string_view text, const char* kind,
+                                          const char* const (&labels)[2], const Decoder (&decoders)[2],
+                                          const char* none, const SecureBuffer* passPhrase = nullptr) {
     GCryptInit::InitializeGcrypt();
     const std::optional<PemBlock> block = FindPem(text, kind);
     if (!block) {
@@ -385,8 +387,8 @@ SecureBytes EncodePrivate(const RsaKeyImpl& key, KeyFactory::Format format) {
     PrivateNumbers k = ExtractPrivate(key._key.Get());
     k.dp = NewSecure();
     k.dq = NewSecure();
-    ::gcry_mpi_mod(k.dp.Get(), k.d.Get(), Predecessor(k.p).Get());
-    ::gcry_mpi_mod(k.dq.Get(), k.d.Get(), Predecessor(k.q).Get());
+    ::gcry_mpi_mod(k.dp.Get(), k.d.Get(), MakePredecessor(k.p).Get());
+    ::gcry_mpi_mod(k.dq.Get(), k.d.Get(), MakePredecessor(k.q).Get());
     SecureBytes numbers;
     AppendDerNumber(numbers, {&kVersion, 1});
     for (const Mpi* number : {&k.n, &k.e, &k.d, &k.p, &k.q, &k.dp, &k.dq, &k.coefficient}) {
@@ -418,16 +420,16 @@ RsaPrivateKey KeyFactory::GenerateRsa(unsigned int bits) {
 }
 
 RsaPublicKey KeyFactory::LoadPublicKey(const std::string& pem) {
-    return RsaPublicKey(Load(pem, "PUBLIC KEY", kPublicLabels, {DecodePublic, DecodePublicInfo},
-                             "no public key in this text"));
+    return RsaPublicKey(LoadKey(pem, "PUBLIC KEY", kPublicLabels, {DecodePublic, DecodePublicInfo},
+                                "no public key in this text"));
 }
 
 namespace {
 
 std::shared_ptr<const RsaKeyImpl> LoadPrivate(const void* pem, unsigned int length,
                                               const SecureBuffer* passPhrase) {
-    return Load({static_cast<const char*>(pem), length}, "PRIVATE KEY", kPrivateLabels,
-                {DecodePrivate, DecodePrivateInfo}, "no private key in this text", passPhrase);
+    return LoadKey({static_cast<const char*>(pem), length}, "PRIVATE KEY", kPrivateLabels,
+                   {DecodePrivate, DecodePrivateInfo}, "no private key in this text", passPhrase);
 }
 
 }  // namespace

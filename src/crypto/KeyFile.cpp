@@ -23,15 +23,16 @@ namespace {
 constexpr unsigned int kMaxSize = 65'537;
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
 
-/// The path as the system takes it, which would silently use the part before a zero byte.
-const char* Checked(const std::string& path) {
+/// Returns the path for system calls. Throws if it contains a zero byte, because the system would ignore the
+/// rest.
+const char* CheckPath(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         throw osa::IOException("Invalid path");
     }
     return path.c_str();
 }
 
-/// Whether only the user of this process, or root, can open the file.
+/// Returns whether only the user of this process and root can open the file.
 bool IsPrivate(const struct stat& status) {
     const uid_t user = ::geteuid();
     return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
@@ -41,9 +42,9 @@ bool IsPrivate(const struct stat& status) {
 }  // namespace
 
 void WriteKeyFile(const std::string& path, const SecureBuffer& content) {
-    osa::FileReplacement replacement(osa::FollowLinks(Checked(path)));
+    osa::FileReplacement replacement(osa::FollowLinks(CheckPath(path)));
     const std::string_view text(reinterpret_cast<const char*>(content.GetData()), content.GetSize());
-    // The mode is set before the key is in the file: a umask may have taken the owner's rights.
+    // The mode is set before the key is written, because the umask may have removed the owner's rights.
     if (!replacement.Open(kOwnerOnly) || ::fchmod(replacement.GetFd(), kOwnerOnly) != 0 ||
         !osa::WriteAll(replacement.GetFd(), text) || !osa::Synchronise(replacement.GetFd()) ||
         !replacement.Commit() || !replacement.SynchroniseFolder()) {
@@ -52,7 +53,7 @@ void WriteKeyFile(const std::string& path, const SecureBuffer& content) {
 }
 
 SecureBuffer ReadKeyFile(const std::string& path) {
-    const osa::UniqueFd file = osa::OpenAtOnce(Checked(path), O_RDONLY);
+    const osa::UniqueFd file = osa::OpenAtOnce(CheckPath(path), O_RDONLY);
     struct stat status {};
     if (!file.IsValid() || ::fstat(file.Get(), &status) != 0) {
         osa::ThrowIOErrno("Couldn't read", path);

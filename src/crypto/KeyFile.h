@@ -8,13 +8,13 @@
 
 namespace zarip::crypto {
 
-// Files with a private key, which nobody but their owner may open.
+// Files with private keys, which only their owners may open.
 
-/// Puts a file with mode 0600 in place of what is there. Throws `osa::IOException` "Couldn't write '...'".
+/// Writes or replaces a file, with mode 0600. Throws `osa::IOException` "Couldn't write '...'".
 void WriteKeyFile(const std::string& path, const SecureBuffer& content);
 
-/// At most 64 KiB and a byte, which is more than a key may have. Throws `CryptoException` "key file '...' is
-/// open to others" and `osa::IOException` "Couldn't read '...'".
+/// Reads at most 64 KiB and a byte, which is more than a key may have. Throws `CryptoException` "key file
+/// '...' is open to others" and `osa::IOException` "Couldn't read '...'".
 SecureBuffer ReadKeyFile(const std::string& path);
 
 }  // namespace zarip::crypto

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kMaxText = 65'536;
 constexpr std::size_t kLineLength = 64;
 constexpr std::string_view kDashes = "-----";
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some editors put it at the beginning
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // some editors write it at the beginning
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 void Require(bool holds) {
@@ -23,7 +23,7 @@ void Require(bool holds) {
     }
 }
 
-/// The next line without its end and the white space before that.
+/// Returns the next line without its line end and the white space before that.
 std::string_view TakeLine(std::string_view& text) {
     const std::size_t end = text.find('\n');
     std::string_view line = text.substr(0, end);
@@ -38,7 +38,7 @@ bool StartsWith(std::string_view line, std::string_view start) {
     return line.substr(0, start.size()) == start;
 }
 
-/// What stands between `start` and the dashes at the end of the line; empty when these are not there.
+/// Returns the part of a line between `start` and the final dashes; empty if the line does not have both.
 std::string_view GetLabel(std::string_view line, std::string_view start) {
     if (!StartsWith(line, start) || line.size() <= start.size() + kDashes.size() ||
         line.substr(line.size() - kDashes.size()) != kDashes) {
@@ -47,13 +47,13 @@ std::string_view GetLabel(std::string_view line, std::string_view start) {
     return line.substr(start.size(), line.size() - start.size() - kDashes.size());
 }
 
-/// Whether the label is `kind`, with or without words before it.
+/// Returns whether the label is `kind`, possibly after other words.
 bool IsOfKind(std::string_view label, std::string_view kind) {
     return label == kind || (label.size() > kind.size() && label[label.size() - kind.size() - 1] == ' ' &&
                              label.substr(label.size() - kind.size()) == kind);
 }
 
-std::string Marker(const char* which, std::string_view label) {
+std::string MakeMarker(const char* which, std::string_view label) {
     return std::string(kDashes) + which + " " + std::string(label) + std::string(kDashes);
 }
 
@@ -62,7 +62,7 @@ public:
     void Add(std::string_view line) {
         for (const char c : line) {
             if (c == '=') {
-                // One or two at the end of a group of four.
+                // One or two padding characters end a group of four.
                 ++_padding;
                 Require(_padding <= 2 && _count % 4 + _padding <= 4 && _count % 4 >= 2);
                 continue;
@@ -146,7 +146,7 @@ SecureBytes EncodePem(const SecureBytes& bytes, std::string_view label) {
     const auto append = [&text](std::string_view piece) {
         text.insert(text.end(), piece.begin(), piece.end());
     };
-    append(Marker("BEGIN", label));
+    append(MakeMarker("BEGIN", label));
     std::size_t column = 0;
     for (std::size_t i = 0; i < bytes.size(); i += 3) {
         if (column++ % (kLineLength / 4) == 0) {
@@ -162,7 +162,7 @@ SecureBytes EncodePem(const SecureBytes& bytes, std::string_view label) {
                 static_cast<unsigned char>(j <= count ? kAlphabet[group >> (18 - 6 * j) & 0x3FU] : '='));
         }
     }
-    append("\n" + Marker("END", label) + "\n");
+    append("\n" + MakeMarker("END", label) + "\n");
     return text;
 }
 

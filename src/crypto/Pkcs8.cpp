@@ -17,9 +17,10 @@ namespace zarip::crypto {
 namespace {
 
 constexpr unsigned int kIterations = 200'000;
-/// A number from a file decides how long the device is busy; this many take seconds.
+/// The number of iterations comes from the file and determines how long the device is busy. This many take
+/// seconds.
 #ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
-constexpr unsigned int kMaxIterations = 100;  // a fuzzer gets further
+constexpr unsigned int kMaxIterations = 100;  // keeps fuzzing fast
 #else
 constexpr unsigned int kMaxIterations = 5'000'000;
 #endif
@@ -33,7 +34,7 @@ constexpr unsigned char kPbkdf2[] = {0x2A, 0x86, 0x48, 0x86, 0xF7,
 constexpr unsigned char kHmac[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x02};       // 1.2.840.113549.2
 constexpr unsigned char kAes[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x01};  // 2.16.840.1.101.3.4.1
 
-/// The last number of an identifier after one of the beginnings above.
+/// Returns the last number of an identifier that begins with one of the prefixes above.
 struct Row {
     unsigned char last;
     unsigned int value;
@@ -191,7 +192,7 @@ SecureBytes DecryptPkcs8(ByteView der, const SecureBuffer& passPhrase) {
     const SecureBuffer key = MakeKey(scheme, passPhrase);
     try {
         plain = Crypt(Cipher::kDecrypt, key, scheme.vector, encrypted);
-        // By chance the padding may be right: a key is one sequence.
+        // The padding may be valid by chance, so this also checks that the key is one sequence.
         DerReader decrypted({plain.data(), plain.size()});
         decrypted.ReadSequence();
         decrypted.ExpectEnd();

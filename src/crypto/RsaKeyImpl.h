@@ -52,8 +52,9 @@ private:
 struct RsaKeyImpl {
     Sexp _key;
     unsigned int _bits = 0;
-    std::vector<unsigned char> _modulus;            ///< `GetSize()` bytes
-    std::shared_ptr<const RsaKeyImpl> _publicPart;  ///< of a private key; does not keep that alive
+    std::vector<unsigned char> _modulus;  ///< `GetSize()` bytes
+    std::shared_ptr<const RsaKeyImpl>
+        _publicPart;  ///< the public part of a private key, which it does not keep alive
 
     unsigned int GetSize() const { return (_bits + 7) / 8; }
 };

@@ -42,13 +42,13 @@ void Check(gcry_error_t error, const char* operation) {
     }
 }
 
-/// Whether these are so many bytes as the key has, and a number below its modulus. libgcrypt takes the
-/// remainder of a larger one, which would give every signature a second form.
+/// Returns whether the bytes have the size of the key and are a number below its modulus. libgcrypt would
+/// reduce a larger number, so each signature would have a second form.
 bool IsInRange(const RsaKeyImpl& key, const unsigned char* data, unsigned int length) {
     return data != nullptr && length == key.GetSize() && std::memcmp(data, key._modulus.data(), length) < 0;
 }
 
-/// The number under `name`, as many bytes as the key has.
+/// Extracts the number under `name`, padded to the size of the key.
 std::vector<unsigned char> GetNumber(const Sexp& list, const char* name, unsigned int size) {
     const Sexp item(::gcry_sexp_find_token(list.Get(), name, 0));
     const Mpi number(item.Get() != nullptr ? ::gcry_sexp_nth_mpi(item.Get(), 1, GCRYMPI_FMT_USG) : nullptr);
@@ -68,14 +68,14 @@ void CheckDigest(RsaHash hash, const unsigned char* digest, unsigned int length)
     }
 }
 
-/// Whether a signature that we make with this digest fits the key.
+/// Returns whether a signature with this digest fits the key.
 bool HasRoom(const RsaKeyImpl& key, RsaSignature kind, RsaHash hash) {
     const unsigned int size = RowOf(hash).size;
-    // The longest prefix that PKCS #1 puts before a digest has 19 bytes, with 11 of padding at the least.
+    // PKCS #1 adds a prefix of at most 19 bytes and at least 11 bytes of padding to the digest.
     return key._bits >= (kind == RsaSignature::kPSS ? 8 * (2 * size + 2) + 1 : 8 * (size + 19 + 11));
 }
 
-/// The data that are signed.
+/// Builds the data to be signed.
 Sexp BuildDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest, unsigned int length,
                  unsigned int saltLength) {
     const HashRow& row = RowOf(hash);
@@ -89,7 +89,7 @@ Sexp BuildDigest(RsaSignature kind, RsaHash hash, const unsigned char* digest, u
     return data;
 }
 
-/// Takes the mask away that PSS makes of a seed with MGF1.
+/// Removes the mask that PSS derives from a seed with MGF1.
 void Unmask(const HashRow& row, std::vector<unsigned char> seed, unsigned char* data, unsigned int length) {
     const std::size_t size = seed.size();
     seed.resize(size + 4);
@@ -105,8 +105,9 @@ void Unmask(const HashRow& row, std::vector<unsigned char> seed, unsigned char* 
     }
 }
 
-/// How long the salt of a PSS signature is; false when it is no such signature. Others choose it as long as
-/// it fits, and libgcrypt has to be told. This only looks for the length: libgcrypt verifies the signature.
+/// Finds the length of the salt of a PSS signature; returns false if it is not such a signature. Other
+/// programs choose other lengths than ours, and libgcrypt needs to know the length. libgcrypt itself then
+/// verifies the signature.
 bool FindSaltLength(const RsaKeyImpl& key, RsaHash hash, const unsigned char* signature, unsigned int length,
                     unsigned int& saltLength) {
     Sexp value;
@@ -117,9 +118,9 @@ bool FindSaltLength(const RsaKeyImpl& key, RsaHash hash, const unsigned char* si
     Check(::gcry_pk_encrypt(result.Address(), value.Get(), key._key.Get()), "gcry_pk_encrypt");
     std::vector<unsigned char> message = GetNumber(result, "a", length);
     if ((key._bits - 1) % 8 == 0) {
-        message.erase(message.begin());  // the encoded message is a bit shorter than the modulus
+        message.erase(message.begin());  // the encoded message is one bit shorter than the modulus
     }
-    // A masked block with the salt at its end, a digest, and a mark.
+    // The message consists of a masked block with the salt at its end, a digest, and a mark.
     const HashRow& row = RowOf(hash);
     if (message.size() < row.size + 2 || message.back() != 0xBC) {
         return false;
@@ -151,13 +152,13 @@ auto WithDigest(RsaHash hash, const void* data, unsigned int length, Then then) 
     throw CryptoException("decryption failed");
 }
 
-/// All bits where a is 0; without a branch. `a` is small.
+/// Returns all bits set if a is 0, otherwise 0, without a branch. `a` must be below 2^31.
 unsigned int MaskZero(unsigned int a) {
     return 0U - ((a - 1) >> 31U);
 }
 
-/// Where the message begins after `00 02 random 00`, or 0 when that is not there: in the same time, so that
-/// nobody who sends data to try it out learns how far it was right.
+/// Finds the beginning of the message after `00 02 random 00`, or returns 0 if that prefix is wrong. The time
+/// does not depend on the data, so an attacker cannot learn how much of the prefix was right.
 unsigned int FindMessage(const unsigned char* block, unsigned int size) {
     unsigned int bad = block[0] | (block[1] ^ 2U);
     unsigned int begin = 0;
@@ -172,7 +173,7 @@ unsigned int FindMessage(const unsigned char* block, unsigned int size) {
     return begin & MaskZero(bad & 0xFFFFU);
 }
 
-// libgcrypt's own removal of this padding ends at the first thing that is wrong.
+// libgcrypt's own function is not used, because its time depends on the position of the first fault.
 SecureBuffer RemovePKCS1Padding(const Sexp& plain, unsigned int size) {
     const Mpi number(::gcry_sexp_nth_mpi(plain.Get(), 1, GCRYMPI_FMT_USG));
     if (number.Get() == nullptr || (number.GetBits() + 7) / 8 > size) {
@@ -218,7 +219,7 @@ std::vector<unsigned char> RsaPublicKey::Encrypt(RsaEncryption encryption, const
     if (length > GetMaxMessageSize(encryption)) {
         throw CryptoException("data too long for the key");
     }
-    // Secret data make a secret S-expression when they are in secure memory.
+    // The S-expression is in secure memory if its data are.
     const SecureBuffer message(data, length);
     Sexp plain;
     Check(encryption == RsaEncryption::kPKCS1

@@ -64,7 +64,7 @@ SecureBuffer& SecureBuffer::operator=(const SecureBuffer& other) {
 }
 
 SecureBuffer& SecureBuffer::operator=(SecureBuffer&& other) noexcept {
-    SecureBuffer taken(std::move(other));  // leaves nothing in `other`, and the old bytes are wiped here
+    SecureBuffer taken(std::move(other));  // empties `other`; the destructor of `taken` wipes the old bytes
     std::swap(_data, taken._data);
     std::swap(_size, taken._size);
     std::swap(_capacity, taken._capacity);

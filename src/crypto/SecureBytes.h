@@ -7,10 +7,10 @@
 
 namespace zarip::crypto {
 
-/// As `SecureBuffer` has it; `size` is not 0. Throws `std::bad_alloc`.
+/// Allocates memory as `SecureBuffer` does; `size` must not be 0. Throws `std::bad_alloc`.
 void* AllocateSecure(std::size_t size);
 
-/// Wipes it first.
+/// Wipes the memory and frees it.
 void FreeSecure(void* memory, std::size_t size) noexcept;
 
 template <class T>
@@ -28,7 +28,7 @@ struct SecureAllocator {
     friend bool operator!=(const SecureAllocator&, const SecureAllocator&) { return false; }
 };
 
-/// Secret bytes that grow.
+/// A growing array of secret bytes.
 using SecureBytes = std::vector<unsigned char, SecureAllocator<unsigned char>>;
 
 }  // namespace zarip::crypto

@@ -8,14 +8,14 @@
 
 namespace zarip::inet {
 
-/// "1.2.3.4:80", "::1/80" and the like: the port stands behind the last '/' or behind a single ':'. A text
-/// that does not fit its field stays empty.
+/// Parses addresses such as "1.2.3.4:80" and "::1/80". The port follows the last '/' or the only ':'. A field
+/// stays empty if the address is too long for it.
 _ipaddr_t ParseAddress(std::string_view text);
 
-/// Both texts in place of what is in the record; the port stays.
+/// Replaces both addresses of the record; the port stays.
 void SetAddressTexts(std::string_view ipv4, std::string_view ipv6, _ipaddr_t& out);
 
-/// The digits at the begin of the text, in 16 bits.
+/// Parses the digits at the beginning of the text, truncated to 16 bits.
 unsigned short ParsePort(std::string_view text);
 
 }  // namespace zarip::inet

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "inet/BadRequest.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 #include "zarip/inet/ParserException.h"
 
 namespace zarip::inet {

@@ -27,8 +27,8 @@ struct LongerFirst {
     }
 };
 
-/// The text with control characters as "\xNN": a record of the log is one line, whatever a client sends.
-std::string Printable(const std::string& text) {
+/// Replaces control characters by "\xNN", so that a log record is one line whatever a client sends.
+std::string MakePrintable(const std::string& text) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string printable;
     for (const char c : text) {
@@ -42,7 +42,7 @@ std::string Printable(const std::string& text) {
     return printable;
 }
 
-bool Read(std::istream& in, HttpRequest& request) {
+bool ReadRequest(std::istream& in, HttpRequest& request) {
     try {
         in >> request;
         return true;
@@ -56,20 +56,21 @@ bool Read(std::istream& in, HttpRequest& request) {
 struct HttpDispatcherImpl {
     struct Entry {
         IHttpHandler* handler;       // not owned
-        IHttpStreamHandler* stream;  // the same object if it is one, else null
+        IHttpStreamHandler* stream;  // the same object if it is a stream handler, otherwise null
     };
 
-    const Entry* Find(const std::string& path) const;
-    void Trace(const HttpRequest& request) const;
+    const Entry* FindEntry(const std::string& path) const;
+    void TraceRequest(const HttpRequest& request) const;
     void AnswerMissing(const HttpRequest& request, HttpResponse& response) const;
     void LogCaught(const HttpRequest& request) const noexcept;
 
-    /// Calls `answer(entry)` with the handler for the request, if there is one.
+    /// Calls `answer(entry)` with the entry for the request's path. Answers 404 if there is no entry and 500
+    /// if `answer` throws, and logs both.
     template <class Answer>
-    void Serve(const HttpRequest& request, HttpResponse& response, Answer answer) const {
+    void ServeRequest(const HttpRequest& request, HttpResponse& response, Answer answer) const {
         try {
-            Trace(request);
-            if (const Entry* const entry = Find(request.GetPath())) {
+            TraceRequest(request);
+            if (const Entry* const entry = FindEntry(request.GetPath())) {
                 answer(*entry);
             } else {
                 AnswerMissing(request, response);
@@ -85,7 +86,7 @@ struct HttpDispatcherImpl {
     bool _hasStreams = false;
 };
 
-const HttpDispatcherImpl::Entry* HttpDispatcherImpl::Find(const std::string& path) const {
+const HttpDispatcherImpl::Entry* HttpDispatcherImpl::FindEntry(const std::string& path) const {
     for (const auto& [pattern, entry] : _handlers) {
         if (core::StringUtil::MatchesPattern(pattern, path)) {
             return &entry;
@@ -94,37 +95,38 @@ const HttpDispatcherImpl::Entry* HttpDispatcherImpl::Find(const std::string& pat
     return nullptr;
 }
 
-void HttpDispatcherImpl::Trace(const HttpRequest& request) const {
+void HttpDispatcherImpl::TraceRequest(const HttpRequest& request) const {
     if (_logger->IsEnabled(core::Logger::kTrace)) {
-        _logger->Trace("Got %s request for %s", Printable(request.GetMethodName()).c_str(),
-                       Printable(request.GetPath()).c_str());
+        _logger->Trace("Got %s request for %s", MakePrintable(request.GetMethodName()).c_str(),
+                       MakePrintable(request.GetPath()).c_str());
     }
 }
 
 void HttpDispatcherImpl::AnswerMissing(const HttpRequest& request, HttpResponse& response) const {
     if (_logger->IsEnabled(core::Logger::kInformation)) {
-        _logger->Information("Missing handler for %s", Printable(request.GetPath()).c_str());
+        _logger->Information("Missing handler for %s", MakePrintable(request.GetPath()).c_str());
     }
     response.SetCode(404);
     response.SetHeader("Content-Type", "text/html; charset=UTF-8");
     response.SetBody(response.GetCodeText());
 }
 
-/// Within a handler of exceptions.
+/// Logs the current exception; to be called in a catch block.
 void HttpDispatcherImpl::LogCaught(const HttpRequest& request) const noexcept {
     try {
-        const std::string path = Printable(request.GetPath());
+        const std::string path = MakePrintable(request.GetPath());
         try {
             throw;
         } catch (const std::exception& e) {
-            _logger->Error("Handler for %s threw exception: %s", path.c_str(), Printable(e.what()).c_str());
+            _logger->Error("Handler for %s threw exception: %s", path.c_str(),
+                           MakePrintable(e.what()).c_str());
         } catch (const char* text) {
-            _logger->Error("Handler for %s threw exception: %s", path.c_str(), Printable(text).c_str());
+            _logger->Error("Handler for %s threw exception: %s", path.c_str(), MakePrintable(text).c_str());
         } catch (...) {
             _logger->Error("Handler for %s threw exception: %s", path.c_str(), "unknown");
         }
     } catch (...) {
-        // There is not even memory for the record.
+        // There is no memory for the log record either.
     }
 }
 
@@ -149,17 +151,17 @@ void HttpDispatcher::HandleRequest(std::istream& in, std::ostream& out) {
     HttpResponse response;
     response.SetProtocol("HTTP/1.1");
     HttpRequest request;
-    if (Read(in, request)) {
+    if (ReadRequest(in, request)) {
         HandleRequest(request, response);
     } else {
         response.SetCode(400);
     }
-    // Where both are one stream, reading may have ended in a failure, and nothing would be written.
+    // If `in` and `out` are the same stream, a failed read would prevent writing.
     out.clear();
     try {
         out << response;
     } catch (const ParserException&) {
-        // The handler's protocol is not one line.
+        // The handler has set a protocol that contains a line end.
         HttpResponse failure;
         failure.SetProtocol("HTTP/1.1");
         failure.SetCode(500);
@@ -168,29 +170,25 @@ void HttpDispatcher::HandleRequest(std::istream& in, std::ostream& out) {
 }
 
 void HttpDispatcher::HandleRequest(const HttpRequest& request, HttpResponse& response) {
-    _impl->Serve(request, response, [&](const HttpDispatcherImpl::Entry& entry) {
+    _impl->ServeRequest(request, response, [&](const HttpDispatcherImpl::Entry& entry) {
         entry.handler->HandleRequest(request, response);
     });
 }
 
 bool HttpDispatcher::IsStream(const std::string& path) const {
-    const HttpDispatcherImpl::Entry* const entry = _impl->_hasStreams ? _impl->Find(path) : nullptr;
+    const HttpDispatcherImpl::Entry* const entry = _impl->_hasStreams ? _impl->FindEntry(path) : nullptr;
     return entry != nullptr && entry->stream != nullptr;
 }
 
 void HttpDispatcher::HandleHead(const HttpRequest& head, HttpResponse& response,
                                 IHttpConnection& connection) {
-    _impl->Serve(head, response, [&](const HttpDispatcherImpl::Entry& entry) {
+    _impl->ServeRequest(head, response, [&](const HttpDispatcherImpl::Entry& entry) {
         if (entry.stream == nullptr) {
             _impl->AnswerMissing(head, response);
         } else {
             entry.stream->HandleHead(head, response, connection);
         }
     });
-}
-
-void IHttpStreamHandler::HandleRequest(const HttpRequest& /*request*/, HttpResponse& response) {
-    response.SetCode(501);
 }
 
 }  // namespace zarip::inet

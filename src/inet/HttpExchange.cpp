@@ -17,7 +17,7 @@
 
 #include "inet/Address.h"
 #include "inet/MessageHead.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 #include "osa/Errors.h"
 #include "osa/TcpSocketImpl.h"
 #include "zarip/core/Logger.h"
@@ -31,11 +31,11 @@ namespace zarip::inet {
 namespace {
 
 constexpr osa::MonotonicMs kDrainMs = 30'000;
-/// Answers up to this size are sent, and captured, in one piece.
+/// Answers up to this size are sent and captured in one piece.
 constexpr std::size_t kOnePiece = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-/// A standard time of day for the header "Date", in any locale.
+/// Formats a time for the header "Date", independently of the locale.
 void FormatDate(std::time_t time, char (&text)[64]) {
     constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -46,8 +46,8 @@ void FormatDate(std::time_t time, char (&text)[64]) {
                   kMonths[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
 }
 
-/// The current one; most answers of a second share it.
-const char* Date() {
+/// Returns the current date. It is formatted once per second and thread.
+const char* GetDate() {
     thread_local std::time_t t_time = -1;
     thread_local char t_text[64] = "";
     const std::time_t now = std::time(nullptr);
@@ -58,7 +58,8 @@ const char* Date() {
     return t_text;
 }
 
-/// As inet_ntop, which formats with printf and costs every request a hundredth of its time.
+/// Does the same as inet_ntop, which formats with printf and would take a hundredth of the time of each
+/// request.
 void WriteIpv4(const void* binary, char (&text)[16]) {
     unsigned char bytes[4];
     std::memcpy(bytes, binary, sizeof(bytes));
@@ -70,7 +71,7 @@ void WriteIpv4(const void* binary, char (&text)[16]) {
     out[-1] = '\0';
 }
 
-_ipaddr_t AddressOf(const osa::SocketAddress& socket) {
+_ipaddr_t ToAddress(const osa::SocketAddress& socket) {
     static const _ipaddr_t kNone = ParseAddress("0.0.0.0:0");
     _ipaddr_t address = kNone;
     if (socket.any.sa_family == AF_INET) {
@@ -79,7 +80,7 @@ _ipaddr_t AddressOf(const osa::SocketAddress& socket) {
     } else if (socket.any.sa_family == AF_INET6) {
         const in6_addr& binary = socket.ipv6.sin6_addr;
         address.port = ntohs(socket.ipv6.sin6_port);
-        if (IN6_IS_ADDR_V4MAPPED(&binary)) {  // an IPv4 client of a server for both
+        if (IN6_IS_ADDR_V4MAPPED(&binary)) {  // an IPv4 client of an IPv6 server
             WriteIpv4(binary.s6_addr + 12, address.ipv4);
         } else {
             address.ipv4[0] = '\0';
@@ -91,10 +92,10 @@ _ipaddr_t AddressOf(const osa::SocketAddress& socket) {
 
 }  // namespace
 
-_ipaddr_t LocalAddressOf(int fd) {
+_ipaddr_t FindLocalAddress(int fd) {
     osa::SocketAddress local;
     local.length = sizeof(local.storage);
-    return AddressOf(::getsockname(fd, &local.any, &local.length) == 0 ? local : osa::SocketAddress());
+    return ToAddress(::getsockname(fd, &local.any, &local.length) == 0 ? local : osa::SocketAddress());
 }
 
 void HttpService::LogFailure(const std::string& text) {
@@ -121,13 +122,13 @@ void HttpService::LogCaught() noexcept {
             LogFailure("unknown");
         }
     } catch (...) {
-        // There is not even memory for the record.
+        // There is no memory for the log record either.
     }
 }
 
 bool HttpExchange::IsReady(std::string_view text) {
     RequestProgress& progress = _connection.progress;
-    progress.Look(text);
+    progress.ScanText(text);
     if (progress.HasNewFirstLine() && !progress.HasHead() &&
         !CanBeRequest(text.substr(0, progress.GetFirstLine()))) {
         progress.SetHopeless();
@@ -164,14 +165,14 @@ bool HttpExchange::CanBeRequest(std::string_view firstLine) const {
     }
 }
 
-/// False if the request cannot be read.
+/// Returns false if the request is malformed.
 bool HttpExchange::ReadHead(std::string_view text) {
     try {
         _reader.emplace(text);
         _length = HttpParser().ReadHead(*_reader, _request);
         _rest = _reader->GetRest();
-        _request.SetSource(AddressOf(_connection.peer));
-        _request.SetDest(_service.isLocalCertain ? _service.local : LocalAddressOf(_connection.fd.Get()));
+        _request.SetSource(ToAddress(_connection.peer));
+        _request.SetDest(_service.isLocalCertain ? _service.local : FindLocalAddress(_connection.fd.Get()));
         _hasHead = true;
         return true;
     } catch (...) {
@@ -185,19 +186,19 @@ bool HttpExchange::ExpectsContinue() const {
            EqualsIgnoringCase(*expectation, "100-continue") && _request.GetProtocol() == "HTTP/1.1";
 }
 
-void HttpExchange::Continue(std::string_view text) {
+void HttpExchange::SendContinue(std::string_view text) {
     if (_hasHead && ExpectsContinue() && text.size() == _connection.progress.GetHead()) {
         _service.capture->Dump(0, _connection.port, kContinue.data(), kContinue.size());
         ::send(_connection.fd.Get(), kContinue.data(), kContinue.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
 }
 
-void HttpExchange::Serve(std::string_view text) noexcept {
+void HttpExchange::ServeRequest(std::string_view text) noexcept {
     try {
         _response.SetProtocol("HTTP/1.1");
-        Answer(text);
+        MakeAnswer(text);
         if (!_isTaken) {
-            Send();
+            SendAnswer();
         }
     } catch (...) {
         _service.LogCaught();
@@ -205,19 +206,19 @@ void HttpExchange::Serve(std::string_view text) noexcept {
     }
 }
 
-void HttpExchange::Refuse() noexcept {
+void HttpExchange::RefuseRequest() noexcept {
     try {
         _response.SetProtocol("HTTP/1.1");
         _response.SetCode(400);
         _connection.isCut = true;
-        Send();
+        SendAnswer();
     } catch (...) {
         _service.LogCaught();
         _connection.fd = osa::UniqueFd();
     }
 }
 
-void HttpExchange::Answer(std::string_view text) {
+void HttpExchange::MakeAnswer(std::string_view text) {
     const std::size_t length = _connection.progress.GetLength();
     _connection.isCut = length == 0 || text.size() < length;
     if (!_hasHead && !ReadHead(text)) {
@@ -225,11 +226,11 @@ void HttpExchange::Answer(std::string_view text) {
     } else if (_service.dispatcher.IsStream(_request.GetPath())) {
         _service.dispatcher.HandleHead(_request, _response, *this);
     } else {
-        AnswerWhole();
+        HandleWhole();
     }
 }
 
-void HttpExchange::AnswerWhole() {
+void HttpExchange::HandleWhole() {
     try {
         HttpParser().ReadBody(*_reader, _length, _request);
     } catch (...) {
@@ -250,7 +251,7 @@ std::unique_ptr<osa::TcpSocket> HttpExchange::Take() {
         _service.capture->Dump(0, _connection.port, kContinue.data(), kContinue.size());
     }
     if (_service.family != AF_UNIX) {
-        // A frame of a stream leaves at once, although the one before has not been acknowledged.
+        // A frame of a stream is sent at once, even if the previous frame has not been acknowledged.
         const int on = 1;
         ::setsockopt(_connection.fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     }
@@ -267,7 +268,7 @@ void HttpExchange::AddStandardHeaders() {
         _response.SetHeader("Connection", "close");
     }
     if (_response.GetHeader("Date") == nullptr) {
-        _response.SetHeader("Date", Date());
+        _response.SetHeader("Date", GetDate());
     }
 }
 
@@ -275,19 +276,19 @@ std::string HttpExchange::MakeHead() {
     if (_service.isStandard) {
         AddStandardHeaders();
     }
-    std::string head = StatusLine(_response);
-    FinishHead(head, _response);
+    std::string head = MakeStatusLine(_response);
+    CompleteHead(head, _response);
     return head;
 }
 
-void HttpExchange::Send() {
+void HttpExchange::SendAnswer() {
     std::string head;
     bool hasBody = true;
     try {
         head = MakeHead();
         hasBody = !_service.isStandard || _request.GetMethod() != HttpRequest::HEAD;
     } catch (const ParserException&) {
-        // The handler's protocol is not one line.
+        // The handler has set a protocol that contains a line end.
         head = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
         hasBody = false;
     }
@@ -317,11 +318,11 @@ void HttpExchange::Send() {
     _connection.state = ServedConnection::State::kWriting;
     _connection.end = osa::kNever;
     if (_connection.bytes.empty()) {
-        Write(_service, _connection);
+        WriteAnswer(_service, _connection);
     }
 }
 
-void HttpExchange::Write(HttpService& service, ServedConnection& connection) {
+void HttpExchange::WriteAnswer(HttpService& service, ServedConnection& connection) {
     const std::string& answer = connection.bytes;
     if (connection.written < answer.size()) {
         const ssize_t sent = ::send(connection.fd.Get(), answer.data() + connection.written,
@@ -336,7 +337,7 @@ void HttpExchange::Write(HttpService& service, ServedConnection& connection) {
             return;
         }
     }
-    // Closing with something left to receive would reset the connection and cost the client the end of the
+    // Closing a socket with unread bytes resets the connection, and the client would lose the end of the
     // answer.
     char byte = 0;
     if (connection.hasEnded ||

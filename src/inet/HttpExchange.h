@@ -23,20 +23,22 @@ class Logger;
 
 namespace zarip::inet {
 
-/// What all connections of an `HttpServer` share; does not change while it runs.
+/// The data that all connections of an `HttpServer` share. The fields do not change while the server runs.
 struct HttpService {
     HttpDispatcher dispatcher;
     core::Logger* logger = nullptr;  // not owned
     bool isStandard = false;
     unsigned short family = 0;
-    /// Where the server listens; the address of each connection if that is not a certain one.
+    /// The address on which the server listens. If `isLocalCertain` is false, each connection has to be asked
+    /// for its own.
     _ipaddr_t local{};
     bool isLocalCertain = false;
     std::shared_ptr<osa::PacketCapture> capture = std::make_shared<osa::PacketCapture>();
 
-    /// Within a handler of exceptions: logs what has ended a connection, but not every time.
+    /// Logs the exception that has ended a connection; to be called in a catch block. The rate of records is
+    /// limited.
     void LogCaught() noexcept;
-    /// The same for a failure without an exception.
+    /// Logs a failure without an exception in the same way.
     void LogFailure(const std::string& text);
 
 private:
@@ -44,48 +46,53 @@ private:
     osa::LogLimit _limit ZARIP_GUARDED_BY(_mutex);
 };
 
-/// The address at this end of a connection, or of a listening socket.
-_ipaddr_t LocalAddressOf(int fd);
+/// Finds the address at this end of a connection, or the address of a listening socket.
+_ipaddr_t FindLocalAddress(int fd);
 
-/// One request and its answer, made on the stack of the thread that serves it. *One thread at a time.*
+/// One request and its answer. The object lives on the stack of the thread that serves the request. *One
+/// thread at a time.*
+///
+/// First `IsReady` is called with all bytes that have arrived. If it returns false, `SendContinue` may follow
+/// and the object ends; a new one is made when more bytes have arrived. If it returns true, either
+/// `ServeRequest` or, if `IsRefused`, `RefuseRequest` is called once.
 class HttpExchange final : private IHttpConnection {
 public:
     HttpExchange(HttpService& service, ServedConnection& connection)
         : _service(service), _connection(connection) {}
 
-    /// Whether the request can be served with what has come, `text`; otherwise more of it is awaited.
+    /// Returns whether the bytes that have arrived, `text`, suffice to serve the request.
     bool IsReady(std::string_view text);
 
-    /// Whether it is ready because it will be answered 400, without a handler.
+    /// Returns whether the request is ready because it will be answered 400 without a handler.
     bool IsRefused() const { return _isRefused; }
 
-    /// After a look that was not ready: sends "100 Continue" if the client waits for that.
-    void Continue(std::string_view text);
+    /// Sends "100 Continue" if the client waits for it; to be called when `IsReady` has returned false.
+    void SendContinue(std::string_view text);
 
-    /// Serves the request: reads it, has the handler answer it, and sends the answer. On return the
-    /// connection is done with and closed, or it waits in `kWriting` or `kDraining`. Throws nothing.
-    /// @param text  all that has come; may be the connection's own bytes.
-    void Serve(std::string_view text) noexcept;
+    /// Reads the request, calls its handler, and sends the answer. On return the connection is either closed
+    /// or in the state `kWriting` or `kDraining`. Throws nothing.
+    /// @param text  all bytes that have arrived; may refer to the connection's own buffer.
+    void ServeRequest(std::string_view text) noexcept;
 
-    /// Answers 400 to a request that is refused, or whose time has run out. Leaves the connection as `Serve`
+    /// Answers 400 to a request that is refused or has timed out. Leaves the connection as `ServeRequest`
     /// does.
-    void Refuse() noexcept;
+    void RefuseRequest() noexcept;
 
-    /// Continues an answer of which a part has left; throws SocketException "send failed: ...".
-    static void Write(HttpService& service, ServedConnection& connection);
+    /// Continues to send an answer. Throws SocketException "send failed: ...".
+    static void WriteAnswer(HttpService& service, ServedConnection& connection);
 
 private:
     std::unique_ptr<osa::TcpSocket> Take() override;
     unsigned long long GetContentLength() const override { return _length; }
 
     bool ReadHead(std::string_view text);
-    void Answer(std::string_view text);
-    void AnswerWhole();
+    void MakeAnswer(std::string_view text);
+    void HandleWhole();
     bool CanBeRequest(std::string_view firstLine) const;
     bool ExpectsContinue() const;
     std::string MakeHead();
     void AddStandardHeaders();
-    void Send();
+    void SendAnswer();
 
     HttpService& _service;
     ServedConnection& _connection;

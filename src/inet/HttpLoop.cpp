@@ -36,7 +36,7 @@ constexpr MonotonicMs kStopMs = 1'000;
 constexpr MonotonicMs kShortageMs = 100;
 constexpr std::size_t kMaxHeldBytes = std::size_t{8} * 1024 * 1024;
 
-/// Whether a socket is bound to one address, and not to all of the machine.
+/// Returns whether a socket is bound to one address and not to all addresses of the machine.
 bool IsBoundToOne(const _ipaddr_t& local) {
     return std::string_view(local.ipv4) != "0.0.0.0" && std::string_view(local.ipv6) != "::";
 }
@@ -46,7 +46,7 @@ bool IsBoundToOne(const _ipaddr_t& local) {
 HttpLoop::HttpLoop(const char* address, unsigned short port) : _listener(address, port) {
     _service.logger = core::Logger::GetLogger("HttpServer");
     _service.family = _listener.GetSocket().GetFamily();
-    _service.local = LocalAddressOf(_listener.GetSocket().getHandle());
+    _service.local = FindLocalAddress(_listener.GetSocket().getHandle());
     _service.isLocalCertain = _listener.IsUnix() || IsBoundToOne(_service.local);
     SetTimeLimit(kHeadSeconds);
 }
@@ -65,65 +65,66 @@ void HttpLoop::Listen() {
 
 void HttpLoop::Stop() {
     _stop = true;
-    Wake();
+    WakeLeader();
 }
 
-void HttpLoop::Wake() noexcept {
+void HttpLoop::WakeLeader() noexcept {
     ::eventfd_write(_wakeUp.Get(), 1);
 }
 
-void HttpLoop::Lead() {
+void HttpLoop::RunLoop() {
     for (;;) {
         try {
             if (_stop && !_isStopping) {
                 BeginStop();
             }
             if (_isStopping && IsDone()) {
-                _threads.End();
+                _threads.EndThreads();
                 return;
             }
-            if (!Turn()) {
+            if (!ProcessEvents()) {
                 return;
             }
         } catch (...) {
-            _service.LogCaught();  // memory is short: a connection is lost, not the server
+            _service.LogCaught();  // out of memory: a connection is lost, but the server continues
         }
     }
 }
 
-/// Waits for events and deals with them. All functions that return bool return false when the lead was lost.
-bool HttpLoop::Turn() {
+/// Waits for events and processes them. This and the other private functions that return bool return false if
+/// this thread has lost the lead, unless their comment says otherwise.
+bool HttpLoop::ProcessEvents() {
     _held.Wait();
     osa::HeldConnection* held = nullptr;
     for (auto ready = _held.Next(held); ready != HeldConnections::Ready::kNothing; ready = _held.Next(held)) {
         bool leads = true;
         if (ready == HeldConnections::Ready::kListener) {
-            leads = Accept();
+            leads = AcceptConnection();
         } else if (ready == HeldConnections::Ready::kConnection) {
-            leads = Look(static_cast<ServedConnection&>(*held));
+            leads = ContinueConnection(static_cast<ServedConnection&>(*held));
         } else {
-            TakeGivenBack();
+            KeepGivenBack();
         }
         if (!leads) {
             return false;
         }
     }
     while (_held.GetCount() > 0 && (held = _held.GetExpired(NowMs())) != nullptr) {
-        Expire(static_cast<ServedConnection&>(*held));
+        ExpireConnection(static_cast<ServedConnection&>(*held));
     }
     return true;
 }
 
-/// Accepts one connection. To ask for the next one only to learn that nobody waits would cost more than to
-/// wait for it together with all others.
-bool HttpLoop::Accept() {
+/// Accepts one connection. A second accept would usually find nothing, which costs more than waiting for all
+/// events together.
+bool HttpLoop::AcceptConnection() {
     if (_isStopping) {
         return true;
     }
     Listener::Accepted accepted;
     switch (_listener.Accept(accepted)) {
         case Listener::Result::kAccepted:
-            return Welcome(accepted);
+            return AddConnection(accepted);
         case Listener::Result::kShort:
             MakeRoom();
             break;
@@ -144,7 +145,7 @@ void HttpLoop::MakeRoom() {
     }
 }
 
-bool HttpLoop::Welcome(Listener::Accepted& accepted) {
+bool HttpLoop::AddConnection(Listener::Accepted& accepted) {
     _service.logger->Trace("Accepted socket connection");
     auto connection = std::make_unique<ServedConnection>();
     connection->fd = std::move(accepted.fd);
@@ -152,23 +153,23 @@ bool HttpLoop::Welcome(Listener::Accepted& accepted) {
     connection->peer = accepted.peer;
     connection->end = _headMs == osa::kNever ? osa::kNever : NowMs() + _headMs;
     ServedConnection& served = *connection;
-    return Read(served, connection);
+    return ReadRequest(served, connection);
 }
 
-bool HttpLoop::Look(ServedConnection& held) {
+bool HttpLoop::ContinueConnection(ServedConnection& held) {
     try {
         Connection fresh;
         switch (held.state) {
             case State::kReading:
-                return Read(held, fresh);
+                return ReadRequest(held, fresh);
             case State::kWriting:
-                HttpExchange::Write(_service, held);
+                HttpExchange::WriteAnswer(_service, held);
                 break;
             case State::kDraining:
-                Drain(held);
+                DrainConnection(held);
                 break;
         }
-        KeepOn(held);
+        RearmConnection(held);
     } catch (...) {
         _service.LogCaught();
         _held.Drop(&held);  // a part of what was read may be missing
@@ -176,25 +177,25 @@ bool HttpLoop::Look(ServedConnection& held) {
     return true;
 }
 
-/// Reads what has come for a connection, once, and does what can be done with it. `fresh` is the connection
-/// if it is not held yet, otherwise null.
-bool HttpLoop::Read(ServedConnection& connection, Connection& fresh) {
+/// Reads the bytes that have arrived for a connection, once, and processes them. `fresh` owns the connection
+/// if it is not held yet; otherwise it is null.
+bool HttpLoop::ReadRequest(ServedConnection& connection, Connection& fresh) {
     char piece[kPiece];
     const ssize_t count = ::recv(connection.fd.Get(), piece, sizeof(piece), MSG_DONTWAIT);
     if (count < 0) {
         if (errno == EAGAIN || errno == EINTR) {
-            Await(connection, fresh, {}, false);
+            AwaitRequest(connection, fresh, {}, false);
         } else if (fresh == nullptr) {
-            Release(connection);  // the client has reset it
+            ReleaseConnection(connection);  // the client has reset the connection
         }
         return true;
     }
     std::string_view text(piece, static_cast<std::size_t>(count));
     connection.hasEnded = count == 0;
     const bool isFirst = connection.bytes.empty();
-    if (isFirst && HasControlled(connection, text)) {
+    if (isFirst && ExecuteCommand(connection, text)) {
         if (fresh == nullptr) {
-            Release(connection);
+            ReleaseConnection(connection);
         }
         return true;
     }
@@ -203,33 +204,33 @@ bool HttpLoop::Read(ServedConnection& connection, Connection& fresh) {
         connection.bytes.append(text);
         text = connection.bytes;
     }
-    return Advance(connection, fresh, text);
+    return AdvanceRequest(connection, fresh, text);
 }
 
-bool HttpLoop::Advance(ServedConnection& connection, Connection& fresh, std::string_view text) {
+bool HttpLoop::AdvanceRequest(ServedConnection& connection, Connection& fresh, std::string_view text) {
     HttpExchange exchange(_service, connection);
     if (!exchange.IsReady(text)) {
-        exchange.Continue(text);
-        Await(connection, fresh, text, true);
+        exchange.SendContinue(text);
+        AwaitRequest(connection, fresh, text, true);
         return true;
     }
-    Connection ready = fresh != nullptr ? std::move(fresh) : Release(connection);
+    Connection ready = fresh != nullptr ? std::move(fresh) : ReleaseConnection(connection);
     if (exchange.IsRefused()) {
-        exchange.Refuse();
-        Keep(std::move(ready));
+        exchange.RefuseRequest();
+        KeepConnection(std::move(ready));
         return true;
     }
-    return Serve(std::move(ready), exchange, text);
+    return ServeRequest(std::move(ready), exchange, text);
 }
 
-bool HttpLoop::Serve(Connection connection, HttpExchange& exchange, std::string_view text) {
+bool HttpLoop::ServeRequest(Connection connection, HttpExchange& exchange, std::string_view text) {
     for (;;) {
-        switch (_threads.Execute([&] { exchange.Serve(text); })) {
+        switch (_threads.ExecuteHandler([&] { exchange.ServeRequest(text); })) {
             case HttpThreads::Outcome::kLeads:
-                Keep(std::move(connection));
+                KeepConnection(std::move(connection));
                 return true;
             case HttpThreads::Outcome::kLostLead:
-                GiveBack(std::move(connection));
+                GiveBackConnection(std::move(connection));
                 return false;
             case HttpThreads::Outcome::kBusy:
                 break;
@@ -238,23 +239,24 @@ bool HttpLoop::Serve(Connection connection, HttpExchange& exchange, std::string_
             connection->bytes = text;
             text = connection->bytes;
         }
-        if (_threads.Queue(connection)) {
+        if (_threads.QueueConnection(connection)) {
             KeepWithinLimits();
             return true;
         }
     }
 }
 
-void HttpLoop::Work(Connection connection) noexcept {
+void HttpLoop::ServeQueued(Connection connection) noexcept {
     {
         HttpExchange exchange(_service, *connection);
-        exchange.Serve(connection->bytes);
+        exchange.ServeRequest(connection->bytes);
     }
-    GiveBack(std::move(connection));
+    GiveBackConnection(std::move(connection));
 }
 
-/// Waits for more of a request. `text` is all that has come.
-void HttpLoop::Await(ServedConnection& connection, Connection& fresh, std::string_view text, bool hasRead) {
+/// Waits for more bytes of a request. `text` is all that has arrived.
+void HttpLoop::AwaitRequest(ServedConnection& connection, Connection& fresh, std::string_view text,
+                            bool hasRead) {
     if (connection.bytes.empty()) {
         connection.bytes = text;
     }
@@ -270,8 +272,9 @@ void HttpLoop::Await(ServedConnection& connection, Connection& fresh, std::strin
     KeepWithinLimits();
 }
 
-/// A unix-domain server's capture is controlled by connections that begin with a command.
-bool HttpLoop::HasControlled(ServedConnection& connection, std::string_view text) {
+/// Executes a capture command and returns true if the connection begins with one. Only unix-domain servers
+/// accept these commands.
+bool HttpLoop::ExecuteCommand(ServedConnection& connection, std::string_view text) {
     using Command = osa::CaptureControl::Command;
     const Command command = _listener.IsUnix() ? osa::CaptureControl::Find(text) : Command::kNone;
     if (command != Command::kStart && command != Command::kStop) {
@@ -282,7 +285,7 @@ bool HttpLoop::HasControlled(ServedConnection& connection, std::string_view text
     return true;
 }
 
-void HttpLoop::Drain(ServedConnection& connection) {
+void HttpLoop::DrainConnection(ServedConnection& connection) {
     char dropped[kPiece];
     const ssize_t count = ::recv(connection.fd.Get(), dropped, sizeof(dropped), MSG_DONTWAIT);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
@@ -290,23 +293,24 @@ void HttpLoop::Drain(ServedConnection& connection) {
     }
 }
 
-/// Until when a connection whose request has been served may take to get on.
-MonotonicMs HttpLoop::EndOfWait(ServedConnection& connection) const {
+/// Returns the time at which a connection whose request has been served times out unless it makes progress.
+MonotonicMs HttpLoop::UpdateDeadline(ServedConnection& connection) const {
     const MonotonicMs now = NowMs();
     if (connection.state == State::kWriting) {
         if (_isStopping) {
-            connection.end = std::min(connection.end, now + kStopMs);  // however it gets on
+            connection.end = std::min(connection.end, now + kStopMs);  // even if it makes progress
             return connection.end;
         }
-        HasTakenMore(connection);
+        UpdateUnacknowledged(connection);
         return now + _silenceMs;
     }
     return std::min(connection.end, now + kDrainSilenceMs);
 }
 
-/// Whether the client has taken a part of the answer since the last look. The kernel reports that there is
-/// room for more only when a good part of its buffer is free, which takes a slow client long.
-bool HttpLoop::HasTakenMore(ServedConnection& connection) const {
+/// Asks the kernel how much of the answer is unacknowledged and returns whether that has become less. The
+/// kernel reports a writable socket only when a large part of its buffer is free, which takes long with a
+/// slow client.
+bool HttpLoop::UpdateUnacknowledged(ServedConnection& connection) const {
     int left = 0;
     ::ioctl(connection.fd.Get(), SIOCOUTQ, &left);
     const bool hasTaken = left < connection.unacknowledged;
@@ -314,54 +318,54 @@ bool HttpLoop::HasTakenMore(ServedConnection& connection) const {
     return hasTaken;
 }
 
-/// Holds a connection whose request has been served, if there is anything left to do for it.
-void HttpLoop::Keep(Connection connection) {
-    if (IsLeft(*connection)) {
+/// Holds a connection whose request has been served, unless it is finished.
+void HttpLoop::KeepConnection(Connection connection) {
+    if (HasWorkLeft(*connection)) {
         const bool isWriting = connection->state == State::kWriting;
-        const MonotonicMs until = EndOfWait(*connection);
+        const MonotonicMs until = UpdateDeadline(*connection);
         _held.Hold(std::move(connection), isWriting ? EPOLLOUT : EPOLLIN, until);
         KeepWithinLimits();
     }
 }
 
-/// The same for one that is held, after it has got on.
-void HttpLoop::KeepOn(ServedConnection& connection) {
-    if (IsLeft(connection)) {
+/// Waits again for a held connection that has made progress, or releases it if it is finished.
+void HttpLoop::RearmConnection(ServedConnection& connection) {
+    if (HasWorkLeft(connection)) {
         const bool isWriting = connection.state == State::kWriting;
-        _held.Rearm(connection, isWriting ? EPOLLOUT : EPOLLIN, EndOfWait(connection));
+        _held.Rearm(connection, isWriting ? EPOLLOUT : EPOLLIN, UpdateDeadline(connection));
     } else {
         _held.Release(connection);
     }
 }
 
-/// Whether there is anything left to do: while the server stops only answers are.
-bool HttpLoop::IsLeft(const ServedConnection& connection) const {
+/// Returns whether a connection still has to be served. While the server stops, only answers are completed.
+bool HttpLoop::HasWorkLeft(const ServedConnection& connection) const {
     return connection.fd.IsValid() && (connection.state == State::kWriting || !_isStopping);
 }
 
-void HttpLoop::Expire(ServedConnection& connection) {
+void HttpLoop::ExpireConnection(ServedConnection& connection) {
     if (connection.state == State::kReading) {
-        Connection owned = Release(connection);
-        HttpExchange(_service, *owned).Refuse();
-        Keep(std::move(owned));
+        Connection owned = ReleaseConnection(connection);
+        HttpExchange(_service, *owned).RefuseRequest();
+        KeepConnection(std::move(owned));
         return;
     }
     if (connection.state == State::kWriting && !_isStopping) {
-        if (HasTakenMore(connection)) {
-            KeepOn(connection);
+        if (UpdateUnacknowledged(connection)) {
+            RearmConnection(connection);
             return;
         }
         _service.LogFailure("Timeout");
     }
-    Release(connection);
+    ReleaseConnection(connection);
 }
 
-HttpLoop::Connection HttpLoop::Release(ServedConnection& connection) {
+HttpLoop::Connection HttpLoop::ReleaseConnection(ServedConnection& connection) {
     return Connection(static_cast<ServedConnection*>(_held.Release(connection).release()));
 }
 
-/// Closes connections while there are too many or they hold too many bytes: first those whose time ends
-/// first, or the largest.
+/// Closes connections until the limits are met. If there are too many, those that would time out first are
+/// closed; if they buffer too many bytes, the largest.
 void HttpLoop::KeepWithinLimits() {
     while (_held.GetCount() > 0 && _held.GetCount() + _threads.GetQueued() > _held.GetLimit()) {
         _held.Release(*_held.GetFirst());
@@ -382,7 +386,7 @@ void HttpLoop::KeepWithinLimits() {
     }
 }
 
-void HttpLoop::GiveBack(Connection connection) noexcept {
+void HttpLoop::GiveBackConnection(Connection connection) noexcept {
     if (!connection->fd.IsValid()) {
         return;
     }
@@ -391,19 +395,19 @@ void HttpLoop::GiveBack(Connection connection) noexcept {
             const osa::MutexAutoLock lock(&_mutex);
             _givenBack.push_back(std::move(connection));
         }
-        Wake();
+        WakeLeader();
     } catch (...) {
         _service.LogCaught();
     }
 }
 
-void HttpLoop::OnWorked() noexcept {
+void HttpLoop::OnServed() noexcept {
     if (_stop) {
-        Wake();  // the leader may have waited for this handler
+        WakeLeader();  // the leader may be waiting for this handler
     }
 }
 
-void HttpLoop::TakeGivenBack() {
+void HttpLoop::KeepGivenBack() {
     eventfd_t count = 0;
     ::eventfd_read(_wakeUp.Get(), &count);
     std::vector<Connection> givenBack;
@@ -412,7 +416,7 @@ void HttpLoop::TakeGivenBack() {
         givenBack.swap(_givenBack);
     }
     for (Connection& connection : givenBack) {
-        Keep(std::move(connection));
+        KeepConnection(std::move(connection));
     }
 }
 
@@ -421,7 +425,8 @@ void HttpLoop::BeginStop() {
     _held.ForgetListener();
     _listener.Close();
     _threads.DropQueued();
-    _held.ForEach([this](osa::HeldConnection& held) { KeepOn(static_cast<ServedConnection&>(held)); });
+    _held.ForEach(
+        [this](osa::HeldConnection& held) { RearmConnection(static_cast<ServedConnection&>(held)); });
 }
 
 bool HttpLoop::IsDone() {

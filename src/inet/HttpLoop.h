@@ -16,18 +16,19 @@
 
 namespace zarip::inet {
 
-/// The loop of an HTTP server over all its connections, from accept to close: reads a request until the
-/// announced body is there, has it served, writes what is left of the answer, drains, closes. What a client
-/// does or leaves undone delays nobody else; only handlers do, which run on at most n threads
+/// The loop of an HTTP server over all its connections, from accept to close. It reads a request until the
+/// announced body is complete, has it served, writes the rest of the answer, drains the connection and closes
+/// it. A slow client delays no other client. Only handlers can, which run on at most n threads
 /// (`HttpThreads`).
 ///
-/// The thread that leads touches the listener and the held connections. Other threads serve a request and
-/// give its connection back through `_givenBack`, which `_mutex` guards, and the wake-up.
+/// Only the leading thread uses the listener and the held connections. Other threads serve a request and
+/// return its connection through `_givenBack`, which `_mutex` guards, and wake the leader.
 ///
-/// Times: a client may be silent for 5 seconds, and take 30 for its head; then its request is answered 400.
-/// It may take nothing of the answer for 5 seconds. After an answer to a request that was not read to its end
-/// the rest is dropped for up to 30 seconds, one second of silence ends that. Bytes: what is held for all
-/// connections together is limited to 8 MiB, beyond that the connection with the most is closed.
+/// Time limits: a request is answered 400 if the client is silent for 5 seconds or takes more than 30 seconds
+/// for the head. A connection is closed if the client accepts nothing of the answer for 5 seconds. If a
+/// request was answered before it was read completely, its rest is read and dropped for up to 30 seconds, or
+/// until the client is silent for one second. Size limit: all connections together may buffer 8 MiB. If they
+/// exceed that, the connection with the largest buffer is closed.
 class HttpLoop final : public IHttpWork {
 public:
     HttpLoop(const char* address, unsigned short port);
@@ -36,47 +37,49 @@ public:
     HttpThreads& GetThreads() { return _threads; }
     unsigned short GetLocalPort() const { return _listener.GetSocket().GetLocalPort(); }
 
-    // Before `Listen`.
+    /// Sets the time for the head of a request; to be called before `Listen`.
     void SetTimeLimit(unsigned int seconds);
 
-    /// Throws SocketException "listen failed". Then `HttpThreads::Run` is called on each thread.
+    /// Begins to listen; to be called once, before `HttpThreads::Run` is called on each thread. Throws
+    /// SocketException "listen failed".
     void Listen();
 
-    /// Asks the loop to end, on any thread: it refuses connections and cuts those that are read, lets
-    /// handlers end, and gives their answers a second to leave.
+    /// Requests the end of the loop, on any thread and any number of times. The loop then closes the listener
+    /// and the connections whose requests are incomplete. Running handlers finish, and their answers get one
+    /// second to be sent.
     void Stop();
 
-    void Lead() override;
-    void Work(std::unique_ptr<ServedConnection> connection) noexcept override;
-    void OnWorked() noexcept override;
+    void RunLoop() override;
+    void ServeQueued(std::unique_ptr<ServedConnection> connection) noexcept override;
+    void OnServed() noexcept override;
 
 private:
     using Connection = std::unique_ptr<ServedConnection>;
 
-    bool Turn();
-    bool Accept();
+    bool ProcessEvents();
+    bool AcceptConnection();
     void MakeRoom();
-    bool Welcome(osa::Listener::Accepted& accepted);
-    bool Look(ServedConnection& held);
-    bool Read(ServedConnection& connection, Connection& fresh);
-    bool Advance(ServedConnection& connection, Connection& fresh, std::string_view text);
-    bool Serve(Connection connection, HttpExchange& exchange, std::string_view text);
-    void Await(ServedConnection& connection, Connection& fresh, std::string_view text, bool hasRead);
-    bool HasControlled(ServedConnection& connection, std::string_view text);
-    void Drain(ServedConnection& connection);
-    void Keep(Connection connection);
-    void KeepOn(ServedConnection& connection);
-    bool IsLeft(const ServedConnection& connection) const;
-    osa::MonotonicMs EndOfWait(ServedConnection& connection) const;
-    bool HasTakenMore(ServedConnection& connection) const;
-    void Expire(ServedConnection& connection);
-    Connection Release(ServedConnection& connection);
+    bool AddConnection(osa::Listener::Accepted& accepted);
+    bool ContinueConnection(ServedConnection& held);
+    bool ReadRequest(ServedConnection& connection, Connection& fresh);
+    bool AdvanceRequest(ServedConnection& connection, Connection& fresh, std::string_view text);
+    bool ServeRequest(Connection connection, HttpExchange& exchange, std::string_view text);
+    void AwaitRequest(ServedConnection& connection, Connection& fresh, std::string_view text, bool hasRead);
+    bool ExecuteCommand(ServedConnection& connection, std::string_view text);
+    void DrainConnection(ServedConnection& connection);
+    void KeepConnection(Connection connection);
+    void RearmConnection(ServedConnection& connection);
+    bool HasWorkLeft(const ServedConnection& connection) const;
+    osa::MonotonicMs UpdateDeadline(ServedConnection& connection) const;
+    bool UpdateUnacknowledged(ServedConnection& connection) const;
+    void ExpireConnection(ServedConnection& connection);
+    Connection ReleaseConnection(ServedConnection& connection);
     void KeepWithinLimits();
-    void GiveBack(Connection connection) noexcept;
-    void TakeGivenBack();
+    void GiveBackConnection(Connection connection) noexcept;
+    void KeepGivenBack();
     void BeginStop();
     bool IsDone();
-    void Wake() noexcept;
+    void WakeLeader() noexcept;
 
     HttpService _service;
     HttpThreads _threads{*this};

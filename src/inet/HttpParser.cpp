@@ -15,7 +15,7 @@
 #include "cutil/url.h"
 #include "inet/BadRequest.h"
 #include "inet/MessageReader.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 #include "inet/UrlText.h"
 #include "zarip/inet/HttpRequest.h"
 #include "zarip/inet/HttpResponseBase.h"
@@ -26,12 +26,13 @@ namespace zarip::inet {
 namespace {
 
 constexpr std::size_t kBodyStep = MessageReader::kBodyStep;
-constexpr std::size_t kMaxResponseBody = 0x100000 - kBodyStep;  // the last read that succeeds starts below
+constexpr std::size_t kMaxResponseBody =
+    0x100000 - kBodyStep;  // the last successful read starts below this size
 constexpr std::size_t kMaxParameters = 10'000;
 constexpr std::size_t kMaxProtocol = 64;
 constexpr std::size_t kMaxCode = 32;
 
-/// Takes the next piece between spaces off the begin of the text; empty when there is none.
+/// Removes the next word from the beginning of the text and returns it; empty if there is no word left.
 std::string_view TakeToken(std::string_view& text) {
     text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
     const std::string_view token = text.substr(0, text.find(' '));
@@ -39,8 +40,7 @@ std::string_view TakeToken(std::string_view& text) {
     return token;
 }
 
-/// Digits from the first character on; what follows them is ignored. A number that does not fit is the
-/// greatest.
+/// Parses the digits at the beginning; the rest is ignored. A number that is too large becomes the largest.
 std::uint64_t ParseContentLength(std::string_view value) {
     std::uint64_t length = 0;
     std::size_t digits = 0;
@@ -63,13 +63,13 @@ bool IsTransferEncoding(std::string_view name) {
     if (name.size() < kName.size()) {
         return false;
     }
-    // Other programs may pass over white space around the name.
+    // Other programs may ignore white space around the name.
     const std::size_t begin = std::min(name.find_first_not_of(" \t"), name.size());
     name.remove_prefix(begin);
     return EqualsIgnoringCase(name.substr(0, name.find_last_not_of(" \t") + 1), kName);
 }
 
-/// What a character of a query does beside standing for itself.
+/// The special meaning of a character in a query.
 enum QueryRole : unsigned char { kPlain, kSeparates, kEquals, kSpace, kEscapes, kEnds };
 
 struct QueryRoles {
@@ -85,7 +85,7 @@ struct QueryRoles {
 };
 constexpr QueryRoles kQueryRoles;
 
-/// Decodes in place: a text never grows by it.
+/// Splits and decodes a query in place, which never makes it longer.
 class QueryReader {
 public:
     QueryReader(char* begin, std::size_t size) : _next(begin), _end(begin + size) {}
@@ -130,7 +130,7 @@ public:
         }
         name.assign(begin, static_cast<std::size_t>(equals - begin));
         value.assign(equals, static_cast<std::size_t>(out - equals));
-        if (holdsZero) {  // ends a decoded text
+        if (holdsZero) {  // a decoded string ends at its first zero byte
             name.resize(std::strlen(name.c_str()));
             value.resize(std::strlen(value.c_str()));
         }
@@ -176,15 +176,15 @@ unsigned long long HttpParser::ParseHead(std::istream& in, HttpRequestBase& requ
 }
 
 unsigned long long HttpParser::ReadHead(MessageReader& reader, HttpRequestBase& request) const {
-    ParseRequestLine(reader.ReadFirst(), request);
+    ParseRequestLine(reader.ReadFirstLine(), request);
     std::uint64_t length = 0;
-    // Classes of others get texts through the functions that they may have overridden; our own need no
-    // copies.
+    // Derived classes get strings through the functions that they may have overridden. The library's own
+    // classes need no copies.
     const bool isPlainParser = typeid(*this) == typeid(HttpParser);
     const bool isPlainRequest = typeid(request) == typeid(HttpRequest);
     std::size_t size = 0;
     while (char* const line = reader.ReadHeader(size)) {
-        // A zero byte is refused as a part of a name or value.
+        // `StoreRequestHeader` and `SetHeader` refuse a name or value with a zero byte.
         const Header header = isPlainParser ? SplitHeader({line, size}) : SplitWithParser(line, size);
         if (isPlainRequest) {
             request.StoreRequestHeader(header.name, header.value);
@@ -194,7 +194,7 @@ unsigned long long HttpParser::ReadHead(MessageReader& reader, HttpRequestBase& 
         if (EqualsIgnoringCase(header.name, "Content-Length")) {
             length = ParseContentLength(header.value);
         } else if (IsTransferEncoding(header.name)) {
-            ThrowBadRequest();  // its body would be taken for empty
+            ThrowBadRequest();  // its body would be treated as empty
         }
     }
     return length;
@@ -209,8 +209,8 @@ void HttpParser::ReadBody(MessageReader& reader, unsigned long long length, Http
     if (!EqualsIgnoringCase(request.GetMethodName(), "POST")) {
         return;
     }
-    // Deliberate: with parameters such as a charset the type is another one, and the handler reads the body
-    // for itself.
+    // Deliberate: a type with parameters, such as a charset, does not match, and the handler parses the body
+    // itself.
     const std::string* const type = request.GetHeader("Content-Type");
     if (type != nullptr && *type == "application/x-www-form-urlencoded") {
         ParsePairs(request, body, size, true);
@@ -219,7 +219,7 @@ void HttpParser::ReadBody(MessageReader& reader, unsigned long long length, Http
 
 void HttpParser::Parse(std::istream& in, HttpResponseBase& response) const {
     StreamReader reader(in);
-    ParseResponseLine(reader.ReadFirst(), response);
+    ParseResponseLine(reader.ReadFirstLine(), response);
     std::size_t size = 0;
     while (char* const line = reader.ReadHeader(size)) {
         const Header header = SplitWithParser(line, size);
@@ -286,7 +286,7 @@ HttpParser::Header HttpParser::SplitHeader(std::string_view line) {
         return {line, line.substr(line.size())};
     }
     if (IsBlank(line.front()) || IsBlank(line[colon - 1])) {
-        ThrowBadRequest();  // other programs may take it for the name without white space
+        ThrowBadRequest();  // other programs may ignore the white space
     }
     const std::size_t value = std::min(line.find_first_not_of(' ', colon + 1), line.size());
     return {line.substr(0, colon), line.substr(value)};
@@ -299,7 +299,7 @@ void HttpParser::ParseHeader(char* line, char*& name, char*& value) const {
     name[header.name.size()] = '\0';
 }
 
-/// Has `ParseHeader`, which a derived class may have overridden, split a line.
+/// Splits a line with `ParseHeader`, which a derived class may have overridden.
 HttpParser::Header HttpParser::SplitWithParser(char* line, std::size_t size) const {
     if (MessageReader::HoldsZero(line, size)) {
         ThrowBadRequest();

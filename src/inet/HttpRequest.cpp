@@ -2,7 +2,7 @@
 
 #include "zarip/inet/HttpRequest.h"
 
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 
 namespace zarip::inet {
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "inet/BadRequest.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 #include "zarip/inet/HttpParser.h"
 #include "zarip/inet/Url.h"
 
@@ -15,23 +15,24 @@ namespace zarip::inet {
 
 namespace {
 
-/// Far more than a browser keeps; each costs a hundred bytes and more, and headers have room for 200,000.
+/// A browser keeps far fewer cookies. The headers of a request have room for 200,000 of them, and each takes
+/// at least a hundred bytes of memory.
 constexpr std::size_t kMaxCookies = 10000;
 
-std::string Upper(const std::string& name) {
+std::string MakeUpper(const std::string& name) {
     std::string upper = name;
     ToUpper(upper);
     return upper;
 }
 
-void Set(std::map<std::string, std::string>& values, std::string name, const std::string& text) {
+void SetValue(std::map<std::string, std::string>& values, std::string name, const std::string& text) {
     const auto [value, isNew] = values.emplace(std::move(name), text);
     if (!isNew) {
         value->second = text;
     }
 }
 
-const std::string* Find(const std::map<std::string, std::string>& values, const std::string& name) {
+const std::string* FindValue(const std::map<std::string, std::string>& values, const std::string& name) {
     const auto value = values.find(name);
     return value != values.end() ? &value->second : nullptr;
 }
@@ -98,27 +99,27 @@ void HttpRequestBase::ParseCookies(const std::string& text) {
 }
 
 const std::string* HttpRequestBase::GetQueryParameter(const std::string& name) const {
-    return Find(_queryParameters, Upper(name));
+    return FindValue(_queryParameters, MakeUpper(name));
 }
 
 void HttpRequestBase::SetQueryParameter(const std::string& name, const std::string& value) {
-    Set(_queryParameters, Upper(name), value);
+    SetValue(_queryParameters, MakeUpper(name), value);
 }
 
 void HttpRequestBase::RemoveQueryParameter(const std::string& name) {
-    _queryParameters.erase(Upper(name));
+    _queryParameters.erase(MakeUpper(name));
 }
 
 const std::string* HttpRequestBase::GetFormParameter(const std::string& name) const {
-    return Find(_formParameters, Upper(name));
+    return FindValue(_formParameters, MakeUpper(name));
 }
 
 void HttpRequestBase::SetFormParameter(const std::string& name, const std::string& value) {
-    Set(_formParameters, Upper(name), value);
+    SetValue(_formParameters, MakeUpper(name), value);
 }
 
 void HttpRequestBase::RemoveFormParameter(const std::string& name) {
-    _formParameters.erase(Upper(name));
+    _formParameters.erase(MakeUpper(name));
 }
 
 const std::string* HttpRequestBase::GetFormOrQueryParameter(const std::string& name) const {
@@ -127,14 +128,14 @@ const std::string* HttpRequestBase::GetFormOrQueryParameter(const std::string& n
 }
 
 const std::string* HttpRequestBase::GetCookie(const std::string& name) const {
-    return Find(_cookies, name);
+    return FindValue(_cookies, name);
 }
 
 void HttpRequestBase::SetCookie(const std::string& name, const std::string& value) {
     if (value.empty()) {
         _cookies.erase(name);
     } else {
-        Set(_cookies, name, value);
+        SetValue(_cookies, name, value);
     }
 }
 

@@ -20,8 +20,9 @@ constexpr unsigned int kStackSize = 1024 * 1024;
 
 }  // namespace
 
-/// The server with its threads, which share it, so that a handler may delete the `HttpServer`. `_mutex`
-/// guards the threads' objects; it is never held while a handler runs or a thread is joined.
+/// The server and its threads. The threads share the ownership, so that a handler can delete the
+/// `HttpServer`. `_mutex` guards the thread objects; it is never held while a handler runs or a thread is
+/// joined.
 class ServerThreads final : public osa::Runnable {
 public:
     ServerThreads(const std::string& address, int port)
@@ -37,7 +38,7 @@ private:
     bool IsOwnThread() const ZARIP_REQUIRES(_mutex);
 
     std::atomic<unsigned int> _left{0};
-    std::shared_ptr<ServerThreads> _self;  // until the last thread has ended
+    std::shared_ptr<ServerThreads> _self;  // set until the last thread has ended
 
     osa::Mutex _mutex{"HttpServer"};
     std::vector<std::unique_ptr<osa::Thread>> _threads ZARIP_GUARDED_BY(_mutex);
@@ -85,7 +86,7 @@ void ServerThreads::Stop() {
         _stopped = true;
         _loop.Stop();
         if (IsOwnThread()) {
-            return;  // a handler: the loop ends after it
+            return;  // a handler called this; the loop ends after it
         }
         _running = false;
         threads.swap(_threads);
@@ -114,7 +115,7 @@ HttpServer::~HttpServer() {
     try {
         StopServerThread();
     } catch (...) {
-        // Nothing more can be done for the threads.
+        // A destructor cannot report that the threads could not be joined.
     }
 }
 

@@ -13,13 +13,13 @@ using osa::MutexAutoLock;
 namespace {
 
 constexpr unsigned int kLookMs = 4;
-/// What counts as a handler that takes long.
+/// A handler that runs for at least this long counts as slow.
 constexpr osa::MonotonicMs kLongMs = 2;
 constexpr unsigned int kEagerTurns = 16;
-/// After so many looks at a server that rests the watcher sleeps until the next request.
+/// After this many checks of an idle server the watcher sleeps until the next request.
 constexpr unsigned int kQuietLooks = 5;
 
-std::size_t SizeOf(const ServedConnection& connection) {
+std::size_t CountBytes(const ServedConnection& connection) {
     return connection.bytes.size();
 }
 
@@ -27,12 +27,12 @@ std::size_t SizeOf(const ServedConnection& connection) {
 
 void HttpThreads::Run() {
     while (TakeLead()) {
-        _work.Lead();
+        _work.RunLoop();
         if (_ended) {
             return;
         }
-        WorkOff();  // the lead was lost to the watcher while this thread ran a handler
-        _work.OnWorked();
+        ServeQueue();  // the lead was lost to the watcher while this thread ran a handler
+        _work.OnServed();
     }
 }
 
@@ -65,7 +65,7 @@ bool HttpThreads::EndWork(Turn turn) {
     return false;
 }
 
-/// Waits until this thread is to lead; false at the end.
+/// Waits until this thread becomes the leader; returns false if the server has ended.
 bool HttpThreads::TakeLead() {
     for (;;) {
         {
@@ -81,7 +81,7 @@ bool HttpThreads::TakeLead() {
         }
         _idle.Lock();
     }
-    const bool leads = Watch();
+    const bool leads = WatchLeader();
     const MutexAutoLock lock(&_mutex);
     _isWatched = false;
     if (_idleCount > 0) {
@@ -91,8 +91,8 @@ bool HttpThreads::TakeLead() {
     return leads;
 }
 
-/// Looks after the leader until it can be relieved; false at the end.
-bool HttpThreads::Watch() {
+/// Checks the leader until this thread has taken over the lead; returns false if the server has ended.
+bool HttpThreads::WatchLeader() {
     std::uint64_t seen = kNobody;
     unsigned int quiet = 0;
     while (!_ended) {
@@ -125,8 +125,8 @@ void HttpThreads::WakeWatcher() {
     }
 }
 
-/// Serves the requests that wait, one after the other.
-void HttpThreads::WorkOff() {
+/// Serves the waiting requests one after the other.
+void HttpThreads::ServeQueue() {
     for (;;) {
         std::unique_ptr<ServedConnection> next;
         {
@@ -137,18 +137,18 @@ void HttpThreads::WorkOff() {
             }
             next = std::move(_queue.front());
             _queue.pop_front();
-            _queuedBytes -= SizeOf(*next);
+            _queuedBytes -= CountBytes(*next);
         }
-        _work.Work(std::move(next));
+        _work.ServeQueued(std::move(next));
     }
 }
 
-bool HttpThreads::Queue(std::unique_ptr<ServedConnection>& connection) {
+bool HttpThreads::QueueConnection(std::unique_ptr<ServedConnection>& connection) {
     const MutexAutoLock lock(&_mutex);
     if (_running < _workers) {
         return false;
     }
-    const std::size_t size = SizeOf(*connection);
+    const std::size_t size = CountBytes(*connection);
     _queue.push_back(std::move(connection));
     _queuedBytes += size;
     return true;
@@ -166,11 +166,11 @@ std::size_t HttpThreads::GetQueuedBytes() const {
 
 void HttpThreads::DropLargest() {
     const MutexAutoLock lock(&_mutex);
-    const auto largest =
-        std::max_element(_queue.begin(), _queue.end(),
-                         [](const auto& left, const auto& right) { return SizeOf(*left) < SizeOf(*right); });
+    const auto largest = std::max_element(
+        _queue.begin(), _queue.end(),
+        [](const auto& left, const auto& right) { return CountBytes(*left) < CountBytes(*right); });
     if (largest != _queue.end()) {
-        _queuedBytes -= SizeOf(**largest);
+        _queuedBytes -= CountBytes(**largest);
         _queue.erase(largest);
     }
 }
@@ -181,7 +181,7 @@ void HttpThreads::DropQueued() {
     _queuedBytes = 0;
 }
 
-void HttpThreads::End() {
+void HttpThreads::EndThreads() {
     _ended = true;
     WakeWatcher();
     const MutexAutoLock lock(&_mutex);

@@ -14,62 +14,62 @@
 
 namespace zarip::inet {
 
-/// What the threads of an HTTP server do.
+/// The work that the threads of an HTTP server do.
 class IHttpWork {
 public:
     virtual ~IHttpWork() = default;
 
-    /// Runs the loop over all connections until the lead is lost or the server has ended.
-    virtual void Lead() = 0;
+    /// Runs the loop over all connections until this thread has lost the lead or the server has ended.
+    virtual void RunLoop() = 0;
 
-    /// Serves a request that had to wait for a thread. Throws nothing.
-    virtual void Work(std::unique_ptr<ServedConnection> connection) noexcept = 0;
+    /// Serves a request that has waited for a thread. Throws nothing.
+    virtual void ServeQueued(std::unique_ptr<ServedConnection> connection) noexcept = 0;
 
-    /// A handler has ended on a thread that does not lead. Throws nothing.
-    virtual void OnWorked() noexcept = 0;
+    /// Is called when a handler has ended on a thread that does not lead. Throws nothing.
+    virtual void OnServed() noexcept = 0;
 };
 
-/// Shares the threads of an HTTP server between its handlers, at most n at a time, and its loop, which always
-/// has one of the n + 1 threads: the leader.
+/// Shares n + 1 threads between the loop of an HTTP server and its handlers, of which at most n run at once.
+/// The thread that runs the loop is the leader.
 ///
-/// A request that finds fewer than n handlers running costs no change of threads: the leader itself runs its
-/// handler. Meanwhile another thread, the watcher, looks after it every four milliseconds. If it finds the
-/// same handler at two looks in a row it takes the lead over, and the leader becomes a worker. So a
-/// handler delays the loop by at most eight milliseconds, however long it runs. Once one has taken long, the
-/// watcher is woken for the next sixteen at once. A loop on a thread of its own would do without all this,
-/// and would cost every request two changes of threads, which is more than serving it does.
+/// If fewer than n handlers run, the leader itself runs the handler of a request, which costs no change of
+/// threads. Meanwhile another thread, the watcher, checks the leader every four milliseconds. If it finds the
+/// same handler running at two checks in a row, it takes over the lead, and the former leader becomes a
+/// worker. A handler therefore delays the loop by at most eight milliseconds, however long it runs. After a
+/// slow handler, the watcher is woken at once for the next sixteen. A loop on a separate thread would be
+/// simpler, but each request would cost two changes of threads, which is more than serving it costs.
 ///
-/// `_turn` says who leads. It is even while the leader is in its loop and odd while it runs a handler. The
-/// leader makes it odd before the handler. After it, leader and watcher compete to make it even again, and
-/// the one that succeeds leads. The state of the loop is handed on with it.
+/// `_turn` decides which thread leads. It is even while the leader is in its loop and odd while it runs a
+/// handler. The leader makes it odd before the handler. Afterwards leader and watcher compete to make it even
+/// again, and the thread that succeeds leads. The state of the loop passes to that thread.
 ///
-/// `_mutex` guards the requests that wait and the roles of threads; it is never held while a handler runs.
+/// `_mutex` guards the waiting requests and the roles of the threads; it is never held while a handler runs.
 class HttpThreads {
 public:
     static constexpr unsigned int kMaxWorkers = 64;
 
     explicit HttpThreads(IHttpWork& work) : _work(work) {}
 
-    /// Before `Run`. The caller makes one thread more and calls `Run` on each.
+    /// Sets n; to be called before `Run`. The caller starts n + 1 threads and calls `Run` once on each.
     void SetWorkers(unsigned int count) { _workers = count; }
     unsigned int GetWorkers() const { return _workers; }
 
-    /// The body of each thread.
+    /// The body of each thread; returns after `EndThreads`.
     void Run();
 
-    // The following are the leader's.
+    // Only the leader calls the following functions.
 
     enum class Outcome {
-        kBusy,      ///< n handlers run already; nothing was done
+        kBusy,      ///< n handlers are running; nothing was done
         kLeads,     ///< the handler has run, and this thread still leads
-        kLostLead,  ///< the handler has run; the caller must not touch the state of the loop any more, and
-                    ///< returns from `IHttpWork::Lead`
+        kLostLead,  ///< the handler has run; the caller must no longer touch the state of the loop and
+                    ///< returns from `IHttpWork::RunLoop`
     };
 
     /// Runs a handler on the leader's own thread.
     /// @param handler  throws nothing.
     template <class Handler>
-    Outcome Execute(Handler handler) {
+    Outcome ExecuteHandler(Handler handler) {
         if (_running >= _workers) {
             return Outcome::kBusy;
         }
@@ -78,37 +78,37 @@ public:
         return EndWork(turn) ? Outcome::kLeads : Outcome::kLostLead;
     }
 
-    /// Has a request wait until one of the handlers that run ends; false, without taking it, if fewer than n
-    /// run by now.
-    bool Queue(std::unique_ptr<ServedConnection>& connection);
+    /// Queues a request until one of the running handlers has ended. Returns false, and does not take the
+    /// request, if fewer than n handlers are running now.
+    bool QueueConnection(std::unique_ptr<ServedConnection>& connection);
 
     std::size_t GetQueued() const;
     std::size_t GetQueuedBytes() const;
-    /// Closes the request with the most bytes of those that wait.
+    /// Closes the waiting request with the most bytes.
     void DropLargest();
     void DropQueued();
 
-    /// How many handlers run.
+    /// Returns the number of running handlers.
     unsigned int GetRunning() const { return _running; }
 
-    /// Has all threads leave `Run`, no handler may be running.
-    void End();
+    /// Makes all threads leave `Run`. No handler may be running.
+    void EndThreads();
 
 private:
-    /// The turn in which nobody has led yet.
+    /// The turn before any thread has led.
     static constexpr std::uint64_t kNobody = 1;
 
     struct Turn {
         std::uint64_t number;
-        osa::MonotonicMs begin;  // 0 if it was not eager
+        osa::MonotonicMs begin;  // 0 unless the watcher was woken at once
     };
 
     Turn BeginWork();
     bool EndWork(Turn turn);
     bool TakeLead();
-    bool Watch();
+    bool WatchLeader();
     void WakeWatcher();
-    void WorkOff();
+    void ServeQueue();
 
     IHttpWork& _work;
     unsigned int _workers = 1;
@@ -116,10 +116,10 @@ private:
     std::atomic<std::uint64_t> _turn{kNobody};
     std::atomic<unsigned int> _running{0};
     std::atomic<bool> _ended{false};
-    /// For how many handlers more the watcher is woken at once.
+    /// The number of handlers for which the watcher will still be woken at once.
     std::atomic<unsigned int> _eager{0};
     std::atomic<bool> _watcherSleeps{false};
-    std::atomic<bool> _isNudged{false};  // the watcher is to take the lead without a second look
+    std::atomic<bool> _isNudged{false};  // the watcher takes the lead without a second check
     osa::Semaphore _watch{"HttpThreads::_watch", 8, 0};
     osa::Semaphore _idle{"HttpThreads::_idle", kMaxWorkers, 0};
 

@@ -3,8 +3,6 @@
 #include "zarip/inet/InetBase.h"
 
 #include "cutil/gettime.h"
-#include "zarip/inet/Request.h"
-#include "zarip/inet/Response.h"
 
 namespace zarip::inet {
 
@@ -45,15 +43,5 @@ const _ipaddr_t& InetBase::GetSource() const {
 void InetBase::SetSource(const _ipaddr_t& source) {
     _source = source;
 }
-
-Request::Request() = default;
-Request::Request(const Request& other) = default;
-Request& Request::operator=(const Request& other) = default;
-Request::~Request() = default;
-
-Response::Response() = default;
-Response::Response(const Response& other) = default;
-Response& Response::operator=(const Response& other) = default;
-Response::~Response() = default;
 
 }  // namespace zarip::inet

@@ -9,11 +9,11 @@ namespace zarip::inet {
 class HttpBase;
 class HttpResponseBase;
 
-/// The first line of a response, without its end.
-std::string StatusLine(const HttpResponseBase& response);
+/// Makes the first line of a response, without its line end.
+std::string MakeStatusLine(const HttpResponseBase& response);
 
-/// Completes a first line to the head of a message: the line's end, the headers and an empty line. Throws
-/// "BadRequest" for a carriage return, line feed or zero byte in the first line.
-void FinishHead(std::string& head, const HttpBase& message);
+/// Appends the line end, the headers and an empty line to the first line of a message. Throws "BadRequest" if
+/// the first line contains a carriage return, a line feed or a zero byte.
+void CompleteHead(std::string& head, const HttpBase& message);
 
 }  // namespace zarip::inet

@@ -11,9 +11,9 @@
 
 namespace zarip::inet {
 
-char* MessageReader::ReadFirst() {
+char* MessageReader::ReadFirstLine() {
     std::size_t length = 0;
-    Read(length);
+    ReadLine(length);
     if (HoldsZero(_line, length)) {
         ThrowBadRequest();
     }
@@ -21,7 +21,7 @@ char* MessageReader::ReadFirst() {
 }
 
 char* MessageReader::ReadHeader(std::size_t& length) {
-    const std::size_t extracted = Read(length);
+    const std::size_t extracted = ReadLine(length);
     _text += extracted;
     if (extracted > kMaxHeaderLine || _text > kMaxHeaderText) {
         ThrowBadRequest();
@@ -53,8 +53,9 @@ std::pair<char*, std::size_t> MessageReader::ReadBody(std::uint64_t length) {
     return {isShort ? _line : _body.data(), held};
 }
 
-/// Reads a line into the buffer, and stores its length without its end. Returns the characters taken.
-std::size_t MessageReader::Read(std::size_t& length) {
+/// Reads a line into the buffer and stores its length without its line end. Returns the number of characters
+/// read.
+std::size_t MessageReader::ReadLine(std::size_t& length) {
     const std::size_t extracted = TakeLine(_line, kLineBuffer, length);
     length = cutil::chomp(_line, length);
     return extracted;
@@ -91,7 +92,7 @@ std::size_t MemoryReader::ReadBytes(char* data, std::size_t size) {
 }
 
 std::size_t MemoryReader::TakeLine(char* line, std::size_t size, std::size_t& length) {
-    // As std::istream does it: a line that ends the message, or does not fit, ends reading.
+    // As with std::istream, a line that ends the message or does not fit ends reading.
     const std::string_view piece = _isGood ? _rest.substr(0, size) : std::string_view();
     const std::size_t found = piece.find('\n');
     const bool hasEnd = found != std::string_view::npos;

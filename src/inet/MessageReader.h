@@ -11,8 +11,8 @@
 
 namespace zarip::inet {
 
-/// One message on its way in: lines at first, then the body. Derived classes say where it comes from.
-/// *One thread at a time.*
+/// Reads one message: `ReadFirstLine` once, `ReadHeader` until it returns null, then `ReadBody` or
+/// `ReadBytes`. Derived classes define the source. *One thread at a time.*
 class MessageReader {
 public:
     MessageReader(const MessageReader&) = delete;
@@ -26,37 +26,38 @@ public:
     static constexpr std::uint64_t kMaxBody = 0x100000;
     static constexpr std::size_t kBodyStep = 4096;
 
-    /// Deliberate: the first line has no limit of its own, what does not fit into the buffer is cut off. The
-    /// message then ends with that line.
-    /// Throws "BadRequest" for a zero byte, after which the rest of the line would go unseen.
-    char* ReadFirst();
+    /// Reads the first line. Deliberate: this line has no limit; it is truncated to the size of the buffer,
+    /// and then the message ends with it. Throws "BadRequest" if the line contains a zero byte, which would
+    /// hide the rest of it.
+    char* ReadFirstLine();
 
-    /// Null after the last header; `length` is set for each. The line may hold zero bytes.
+    /// Reads the next header line and its `length`; returns null after the last. The line may contain zero
+    /// bytes.
     char* ReadHeader(std::size_t& length);
 
-    /// Whether a line of that length has a zero byte within it.
+    /// Returns whether a line of this length contains a zero byte.
     static bool HoldsZero(const char* line, std::size_t length);
 
-    /// The bytes that arrive, at most `length` and no more than one beyond the limit of a body. Valid while
-    /// the reader is.
+    /// Reads at most `length` bytes, and at most one byte more than a body may have. Returns those that have
+    /// arrived, which are valid as long as the reader.
     std::pair<char*, std::size_t> ReadBody(std::uint64_t length);
 
-    /// The bytes that arrive, at most `size`: their count. Throws "BadRequest" if reading breaks down.
+    /// Reads at most `size` bytes and returns how many have arrived. Throws "BadRequest" if the source fails.
     virtual std::size_t ReadBytes(char* data, std::size_t size) = 0;
 
-    /// Whether more may come: no end and no over-long line has been met.
+    /// Returns whether reading may continue: neither the end nor an overlong line has been met.
     virtual bool IsGood() const = 0;
 
 protected:
     MessageReader() { _line[0] = '\0'; }
 
-    /// Takes a line, at most `size - 1` characters of it, and stores it zero-terminated without its line
-    /// feed. Returns the count of characters taken, the line feed included, and stores that of the line.
-    /// Throws "BadRequest" if reading breaks down.
+    /// Reads a line of at most `size - 1` characters and stores it zero-terminated and without its line feed.
+    /// Sets `length` to the length of the line and returns the number of characters read, including the line
+    /// feed. Throws "BadRequest" if the source fails.
     virtual std::size_t TakeLine(char* line, std::size_t size, std::size_t& length) = 0;
 
 private:
-    std::size_t Read(std::size_t& length);
+    std::size_t ReadLine(std::size_t& length);
 
     char _line[kLineBuffer];
     std::string _body;
@@ -64,7 +65,7 @@ private:
     std::size_t _text = 0;
 };
 
-/// Reads from a stream, and no more of it than the message needs.
+/// Reads from a stream, but no more than the message needs.
 class StreamReader final : public MessageReader {
 public:
     explicit StreamReader(std::istream& in) : _in(in) {}
@@ -78,7 +79,7 @@ private:
     std::istream& _in;
 };
 
-/// Reads what is in memory already; its end is the end of the message.
+/// Reads a message in memory. The end of the text is the end of the message.
 class MemoryReader final : public MessageReader {
 public:
     /// @param text  *not owned*, must outlive the reader.
@@ -86,7 +87,7 @@ public:
     std::size_t ReadBytes(char* data, std::size_t size) override;
     bool IsGood() const override { return _isGood; }
 
-    /// What has not been read.
+    /// Returns the part that has not been read.
     std::string_view GetRest() const { return _rest; }
 
 protected:

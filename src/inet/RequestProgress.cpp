@@ -5,21 +5,21 @@
 #include <algorithm>
 
 #include "inet/MessageReader.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 
 namespace zarip::inet {
 
-void RequestProgress::Look(std::string_view text) {
+void RequestProgress::ScanText(std::string_view text) {
     _hasNewFirstLine = false;
     while (_head == 0 && !_isHopeless && _seen < text.size()) {
         const std::size_t found = text.find('\n', _seen);
-        LookAtLine(text, found);
+        ScanLine(text, found);
         _seen = std::min(found, text.size() - 1) + 1;
     }
 }
 
-/// Looks at the rest of a line; `end` is its line feed, or npos.
-void RequestProgress::LookAtLine(std::string_view text, std::size_t end) {
+/// Scans the rest of a line; `end` is the position of its line feed, or npos.
+void RequestProgress::ScanLine(std::string_view text, std::size_t end) {
     const bool hasEnd = end != std::string_view::npos;
     const std::string_view line = text.substr(_line, hasEnd ? end - _line : std::string_view::npos);
     const std::size_t length = line.size() + (hasEnd ? 1 : 0);

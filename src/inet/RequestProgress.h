@@ -7,37 +7,37 @@
 
 namespace zarip::inet {
 
-/// How far a request has come in. It tells whether waiting for more can change the answer; what the request
-/// says is the parser's to decide. Each byte is looked at once.
+/// How much of a request has arrived. It decides whether more bytes can change the answer; only the parser
+/// interprets the request. Each byte is scanned once.
 class RequestProgress {
 public:
-    /// Looks at what has come since the last look.
-    /// @param text  all that has come.
-    void Look(std::string_view text);
+    /// Scans the bytes that have arrived since the last call.
+    /// @param text  all bytes that have arrived.
+    void ScanText(std::string_view text);
 
-    /// Whether the empty line after the headers has come.
+    /// Returns whether the empty line after the headers has arrived.
     bool HasHead() const { return _head != 0; }
-    /// The length of the first line and the headers with their ends; 0 before they have come.
+    /// Returns the length of the first line and the headers with their line ends; 0 until they have arrived.
     std::size_t GetHead() const { return _head; }
 
-    /// Whether the parser will refuse the request whatever comes: a line or the head is too long, or the
-    /// first line holds control characters, as a client does that speaks TLS.
+    /// Returns whether the parser will refuse the request in any case: a line or the head is too long, or the
+    /// first line contains control characters, for example because the client speaks TLS.
     bool IsHopeless() const { return _isHopeless; }
     void SetHopeless() { _isHopeless = true; }
 
-    /// Whether the last look has found the end of the first line.
+    /// Returns whether the last call of `ScanText` has found the end of the first line.
     bool HasNewFirstLine() const { return _hasNewFirstLine; }
     std::size_t GetFirstLine() const { return _firstLine; }
 
-    /// The length of the whole request, once its head has been read; 0 before.
+    /// Returns the length of the whole request; 0 until its head has been read.
     std::size_t GetLength() const { return _length; }
     void SetLength(std::size_t length) { _length = length; }
 
 private:
-    void LookAtLine(std::string_view text, std::size_t end);
+    void ScanLine(std::string_view text, std::size_t end);
 
     std::size_t _seen = 0;
-    std::size_t _line = 0;  // where the line begins that has not ended yet
+    std::size_t _line = 0;  // the beginning of the line that has not ended yet
     std::size_t _lines = 0;
     std::size_t _firstLine = 0;
     std::size_t _head = 0;

@@ -3,7 +3,7 @@
 #include "zarip/inet/UpnpRequest.h"
 
 #include "inet/Address.h"
-#include "inet/Text.h"
+#include "inet/MessageText.h"
 #include "zarip/inet/ParserException.h"
 
 namespace zarip::inet {

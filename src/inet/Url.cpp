@@ -14,18 +14,6 @@
 
 namespace zarip::inet {
 
-void ThrowUndecodable() {
-    throw "url_decode() failed";
-}
-
-void DecodeUrl(std::string& text) {
-    // A text never grows by it, so it is its own buffer.
-    if (cutil::url_decode(text.data(), text.size(), text.data(), text.size() + 1) < 0) {
-        ThrowUndecodable();
-    }
-    text.resize(std::strlen(text.c_str()));
-}
-
 Url::Url() = default;
 Url::Url(const Url& other) = default;
 Url& Url::operator=(const Url& other) = default;
@@ -35,7 +23,7 @@ Url::Url(const std::string& text) {
     struct Free {
         void operator()(cutil::url_t* url) const { cutil::url_free(url); }
     };
-    // What stands behind a zero byte would be ignored, so such a text is no URL.
+    // A string with a zero byte is not a URL, because the part after that byte would be ignored.
     const bool whole = std::strlen(text.c_str()) == text.size();
     const std::unique_ptr<cutil::url_t, Free> url(whole ? cutil::url_alloc(text.c_str()) : nullptr);
     if (!url) {

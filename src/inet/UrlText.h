@@ -6,10 +6,10 @@
 
 namespace zarip::inet {
 
-/// `Url::Decode` in place.
+/// Does the same as `Url::Decode`, in place.
 void DecodeUrl(std::string& text);
 
-/// What `Url::Decode` throws.
+/// Throws what `Url::Decode` throws.
 [[noreturn]] void ThrowUndecodable();
 
 }  // namespace zarip::inet

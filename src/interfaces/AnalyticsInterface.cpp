@@ -14,7 +14,7 @@ namespace zarip::interfaces {
 using AnalyticsAlert = AnalyticsInterface::AnalyticsAlert;
 using Points = std::vector<AnalyticsAlert::Point>;
 
-// Found by their arguments, so not in an unnamed namespace.
+// Argument-dependent lookup finds these operators only if they are not in an unnamed namespace.
 
 static msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const Points& points) {
     return AppendList(message, points,
@@ -28,7 +28,7 @@ static msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentRead
 
 AnalyticsAlert::AnalyticsAlert() = default;
 
-// Deliberate: on the bus the fields have an order of their own, which every publisher and receiver shares.
+// Deliberate: all publishers and receivers use this order of the fields on the bus.
 
 AnalyticsAlert::AnalyticsAlert(const msgbus::MsgBusMsg& message) {
     msgbus::MsgBusMsgArgumentReader reader(message);

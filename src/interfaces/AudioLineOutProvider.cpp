@@ -11,7 +11,7 @@ using std::string;
 using ConnectResult = IAudioLineOutProvider::ConnectResult;
 using QueryResult = IAudioLineOutProvider::QueryResult;
 
-// Found by their arguments, so not in the unnamed namespace.
+// Argument-dependent lookup finds these operators only if they are not in the unnamed namespace.
 
 static msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const ConnectResult& result) {
     return message << result.status << result.connection;

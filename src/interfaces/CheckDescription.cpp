@@ -17,19 +17,19 @@ namespace {
 
 using std::string;
 
-/// Signatures by "method <name>" or "signal <name>".
+/// Maps "method <name>" or "signal <name>" to signatures.
 using Shapes = std::multimap<string, string>;
 
-string CallShape(const string& in, const string& out, bool isOneWay) {
+string MakeCallShape(const string& in, const string& out, bool isOneWay) {
     return "(" + in + ")" + (isOneWay ? " one-way" : " -> (" + out + ")");
 }
 
-/// Reads the element of one interface and collects what is wrong with it by itself.
+/// Reads the element of one interface and collects the faults that the element has in itself.
 class DescriptionReader {
 public:
     explicit DescriptionReader(string& mismatches) : _mismatches(mismatches) {}
 
-    Shapes Read(const ServiceDescription& service) {
+    Shapes ReadInterface(const ServiceDescription& service) {
         Shapes shapes;
         try {
             const auto document = xml::XmlDocument::Parse(service.xml);
@@ -42,7 +42,7 @@ public:
                 if (kind == "method") {
                     shapes.emplace(name, ReadMethod(name, member));
                 } else if (kind == "signal" || kind == "property") {
-                    // A server has no properties, so each is a mismatch.
+                    // Servers have no properties, so every property becomes a mismatch.
                     shapes.emplace(name, ReadSignal(name, member));
                 }
             }
@@ -74,7 +74,7 @@ private:
         if (isOneWay && !out.empty()) {
             _mismatches += name + ": a one-way method returns nothing\n";
         }
-        return CallShape(ReadArguments(name, method, {"in"}), out, isOneWay);
+        return MakeCallShape(ReadArguments(name, method, {"in"}), out, isOneWay);
     }
 
     string ReadArguments(const string& name, xml::XmlElement member, const std::set<string>& directions) {
@@ -94,21 +94,22 @@ private:
     string& _mismatches;
 };
 
-Shapes ShapesOf(const std::vector<internal::ServerBase::Member>& members) {
+Shapes MakeShapes(const std::vector<internal::ServerBase::Member>& members) {
     Shapes shapes;
     for (const auto& member : members) {
         const string in = member.in();
         if (member.isSignal) {
             shapes.emplace(string("signal ") + member.name, "(" + in + ")");
         } else {
-            shapes.emplace(string("method ") + member.name,
-                           CallShape(in, member.out != nullptr ? member.out() : "", member.out == nullptr));
+            shapes.emplace(
+                string("method ") + member.name,
+                MakeCallShape(in, member.out != nullptr ? member.out() : "", member.out == nullptr));
         }
     }
     return shapes;
 }
 
-string Compare(const string& name, const Shapes& described, const Shapes& served) {
+string CompareShapes(const string& name, const Shapes& described, const Shapes& served) {
     const auto countDescribed = described.count(name);
     const auto countServed = served.count(name);
     if (countDescribed > 1 || countServed > 1) {
@@ -133,8 +134,8 @@ string CheckDescription(const InterfaceServer& server, const std::vector<string>
         throw osa::Exception("CheckDescription: the server has no table");
     }
     string mismatches;
-    const Shapes described = DescriptionReader(mismatches).Read(base->GetDescription());
-    const Shapes served = ShapesOf(base->GetMembers());
+    const Shapes described = DescriptionReader(mismatches).ReadInterface(base->GetDescription());
+    const Shapes served = MakeShapes(base->GetMembers());
     std::set<string> names;
     for (const Shapes* shapes : {&described, &served}) {
         for (const auto& shape : *shapes) {
@@ -148,7 +149,7 @@ string CheckDescription(const InterfaceServer& server, const std::vector<string>
     }
     for (const string& name : names) {
         const bool isLeftOut = std::count(leftOut.begin(), leftOut.end(), name.substr(7)) != 0;
-        mismatches += isLeftOut && described.count(name) == 0 ? "" : Compare(name, described, served);
+        mismatches += isLeftOut && described.count(name) == 0 ? "" : CompareShapes(name, described, served);
     }
     return mismatches;
 }

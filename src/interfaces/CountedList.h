@@ -2,7 +2,7 @@
 
 #pragma once
 
-// Lists of records, which travel as their length and then the fields of each.
+// Lists of records, which are sent as their length followed by the fields of each record.
 
 #include <utility>
 #include <vector>
@@ -14,7 +14,7 @@ namespace zarip::interfaces {
 
 template <class T, class Append>
 msgbus::MsgBusMsg& AppendList(msgbus::MsgBusMsg& message, const std::vector<T>& list, Append append) {
-    // A longer list than an int can count does not fit into a message either.
+    // A list whose length exceeds an int does not fit into a message either.
     message << static_cast<int>(list.size());
     for (const T& element : list) {
         append(element);
@@ -22,8 +22,8 @@ msgbus::MsgBusMsg& AppendList(msgbus::MsgBusMsg& message, const std::vector<T>& 
     return message;
 }
 
-/// Deliberately reserves nothing and takes a negative length for 0: the length is the sender's word, and
-/// reading ends with an exception where the message does.
+/// Deliberate: this reserves no memory for the announced length, which the sender chooses. If the message has
+/// fewer records, reading throws. A negative length counts as 0.
 template <class T, class Read>
 msgbus::MsgBusMsgArgumentReader& ReadList(msgbus::MsgBusMsgArgumentReader& reader, std::vector<T>& list,
                                           Read read) {

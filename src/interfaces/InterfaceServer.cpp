@@ -18,7 +18,7 @@ InterfaceServer::~InterfaceServer() {
     try {
         _bus->UnregisterDestinationName(_busName);
     } catch (...) {
-        // The name goes with the connection at the latest.
+        // The bus releases the name at the latest when the connection closes.
     }
     _bus = nullptr;
 }

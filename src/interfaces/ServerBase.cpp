@@ -10,8 +10,8 @@
 
 namespace zarip::interfaces::internal {
 
-struct ServerBase::State {
-    State(msgbus::IMsgBus* bus, const ServiceDescription& described)
+struct ServerBase::Impl {
+    Impl(msgbus::IMsgBus* bus, const ServiceDescription& described)
         : service(described),
           handlers(bus),
           description(bus, described.path, described.name, described.xml) {}
@@ -24,37 +24,37 @@ struct ServerBase::State {
 };
 
 ServerBase::ServerBase(msgbus::IMsgBus* bus, const ServiceDescription& service)
-    : InterfaceServer(bus, service.name), _state(std::make_unique<State>(bus, service)) {}
+    : InterfaceServer(bus, service.name), _impl(std::make_unique<Impl>(bus, service)) {}
 
 ServerBase::~ServerBase() = default;
 
 const ServiceDescription& ServerBase::GetDescription() const {
-    return _state->service;
+    return _impl->service;
 }
 
 const std::vector<ServerBase::Member>& ServerBase::GetMembers() const {
-    return _state->members;
+    return _impl->members;
 }
 
 void ServerBase::AddMember(const Member& member, msgbus::IMessageHandler* handler) {
-    _state->handlers->AddHandler(_state->service.name, member.name, handler);
-    _state->members.push_back(member);
+    _impl->handlers->AddHandler(_impl->service.name, member.name, handler);
+    _impl->members.push_back(member);
 }
 
 void ServerBase::AddSignal(const Member& signal, std::function<void()> detach) {
-    _state->detachers.push_back(std::move(detach));
-    _state->members.push_back(signal);
+    _impl->detachers.push_back(std::move(detach));
+    _impl->members.push_back(signal);
 }
 
 void ServerBase::DetachFromEvents() {
-    for (const auto& detach : _state->detachers) {
+    for (const auto& detach : _impl->detachers) {
         detach();
     }
-    _state->detachers.clear();
+    _impl->detachers.clear();
 }
 
 void ServerBase::EndHandlers() {
-    _state->handlers.reset();
+    _impl->handlers.reset();
 }
 
 }  // namespace zarip::interfaces::internal

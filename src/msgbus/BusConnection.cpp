@@ -37,13 +37,13 @@ const char* const kTimedOut =
 constexpr const char* kDisconnected = "Connection was disconnected before a reply was received";
 constexpr const char* kClosed = "Connection is closed";
 
-core::Logger* WithThreads(core::Logger* logger) {
+core::Logger* EnableThreads(core::Logger* logger) {
     // libdbus locks its own data only if this is called before the first connection is made.
     dbus_threads_init_default();
     return logger;
 }
 
-DBusConnection* Connect() {
+DBusConnection* OpenConnection() {
     DBusErrorRecord error;
     DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, error.Get());
     if (error.IsSet()) {
@@ -104,10 +104,10 @@ public:
     Use& operator=(const Use&) = delete;
     ~Use() ZARIP_RELEASE() {
         if (!_connection._outbox.IsIdle()) {
-            _connection.Drain();
+            _connection.SendQueued();
         }
         _connection._lock.Release();
-        _connection.Flush();
+        _connection.FlushOutbox();
     }
 
 private:
@@ -134,12 +134,12 @@ private:
 };
 
 BusConnection::BusConnection(core::Logger* logger, Receiver* receiver)
-    : _logger(WithThreads(logger)),
+    : _logger(EnableThreads(logger)),
       _receiver(receiver),
       _watcher(logger, [this](unsigned int flags) { OnReady(flags); }),
       _watcherThread("DBusWatcher", &_watcher, kWatcherStackSize, 0) {
     const Use use(*this);
-    _connection = Connect();
+    _connection = OpenConnection();
     try {
         _watcher.Attach(_connection);
     } catch (...) {
@@ -176,7 +176,7 @@ void BusConnection::Start() {
 // ------------------------------------------------------------------------------------------------------------
 // Sending
 
-dbus_uint32_t BusConnection::Number(DBusMessage* message) {
+dbus_uint32_t BusConnection::AssignSerial(DBusMessage* message) {
     if (dbus_message_get_serial(message) == 0) {
         dbus_uint32_t serial = 0;
         while (serial == 0) {
@@ -188,16 +188,16 @@ dbus_uint32_t BusConnection::Number(DBusMessage* message) {
 }
 
 Outbox::Result BusConnection::Send(MessageRef message, std::size_t size, Outbox::Patience patience) {
-    Number(message.Get());
+    AssignSerial(message.Get());
     const Outbox::Result result = _outbox.Put(std::move(message), size, patience);
-    Flush();
+    FlushOutbox();
     return result;
 }
 
 void BusConnection::Post(MessageRef message) {
     if (message) {
-        // If the calling thread holds the lock, `Flush` does nothing, and the destructor of that `Use` sends
-        // the message.
+        // If the calling thread holds the lock, `FlushOutbox` does nothing, and the destructor of that `Use`
+        // sends the message.
         const std::size_t size = MeasureMessage(message.Get());
         Send(std::move(message), size, Outbox::Patience::kNever);
     }
@@ -205,7 +205,7 @@ void BusConnection::Post(MessageRef message) {
 
 /// Sends waiting messages. If another thread has the lock, that thread sends them, because it checks the
 /// outbox after it has unlocked.
-void BusConnection::Flush() {
+void BusConnection::FlushOutbox() {
     for (int round = 0; _outbox.HasWork(); ++round) {
         if (round == 2) {
             _watcher.Attend();
@@ -214,7 +214,7 @@ void BusConnection::Flush() {
         if (!_lock.TryLock()) {
             return;
         }
-        Drain();
+        SendQueued();
         _lock.Release();
     }
 }
@@ -227,7 +227,7 @@ bool BusConnection::PrepareToSend() {
     return _preparation != nullptr;
 }
 
-void BusConnection::Drain() {
+void BusConnection::SendQueued() {
     if (_connection == nullptr || _isLost) {
         return;
     }
@@ -259,7 +259,7 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
                                AfterTimeout afterTimeout, DBusErrorRecord& error) {
     const int limitMs = timeoutMs < 0 ? kDefaultTimeoutMs : timeoutMs;
     const osa::MonotonicMs until = limitMs == DBUS_TIMEOUT_INFINITE ? osa::kNever : osa::NowMs() + limitMs;
-    PendingCalls::Call call(Number(message.Get()));
+    PendingCalls::Call call(AssignSerial(message.Get()));
     Outbox::Result result = Outbox::Result::kFull;
     {
         const Pending pending(*this, call);
@@ -268,7 +268,7 @@ MessageRef BusConnection::Call(MessageRef message, std::size_t size, int timeout
             if (_pending.Begin(call)) {
                 _watcher.Pause();
             }
-            Flush();
+            FlushOutbox();
             ReadUntilDone(call, until);
         }
     }
@@ -307,7 +307,7 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
         }
         if (descriptors[0].revents != 0) {
             const Use use(*this);
-            Read(DBUS_WATCH_READABLE);
+            ReadMessages(DBUS_WATCH_READABLE);
         }
     }
 }
@@ -323,25 +323,25 @@ void BusConnection::OnReady(unsigned int flags) {
     if ((flags & DBUS_WATCH_WRITABLE) != 0) {
         _outbox.NoteProgress();
     }
-    Read(flags);
+    ReadMessages(flags);
 }
 
 void BusConnection::WaitAndRead() {
     const unsigned int flags = _watcher.Wait();
     if (flags != 0) {
         const Use use(*this);
-        Read(flags);
+        ReadMessages(flags);
     }
 }
 
 /// Reads and routes what has arrived. libdbus reads 2 KiB at a time, so a longer message is read in several
 /// steps without waiting. Speed matters because strangers may send any amount, and the bus drops replies to a
 /// connection that has more than 127 MiB to read.
-void BusConnection::Read(unsigned int flags) {
+void BusConnection::ReadMessages(unsigned int flags) {
     if (_isLost) {
         return;
     }
-    _watcher.Handle(flags);
+    _watcher.HandleWatches(flags);
     for (int step = 0; !TakeIncoming() && !_isLost && step < kMaxReadSteps; ++step) {
         int available = 0;
         if ((flags & DBUS_WATCH_READABLE) == 0 || ::ioctl(_watcher.GetFd(), FIONREAD, &available) != 0 ||
@@ -349,7 +349,7 @@ void BusConnection::Read(unsigned int flags) {
             break;
         }
         for (int read = 0; read < available && read < kReadStep; read += kLibraryReads) {
-            _watcher.Handle(DBUS_WATCH_READABLE);
+            _watcher.HandleWatches(DBUS_WATCH_READABLE);
         }
     }
 }
@@ -361,7 +361,7 @@ bool BusConnection::TakeIncoming() {
         MessageRef message = MessageRef::Adopt(dbus_connection_pop_message(_connection));
         if (message) {
             hasTaken = true;
-            TryToRoute(std::move(message));
+            TryToRouteMessage(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
             ::poll(nullptr, 0, kMemoryPauseMs);
             ++attempts;
@@ -373,15 +373,15 @@ bool BusConnection::TakeIncoming() {
 }
 
 /// Routes a message. If memory is short, the message is lost but not the connection.
-void BusConnection::TryToRoute(MessageRef message) noexcept {
+void BusConnection::TryToRouteMessage(MessageRef message) noexcept {
     try {
-        Route(std::move(message));
+        RouteMessage(std::move(message));
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
     }
 }
 
-void BusConnection::Route(MessageRef message) {
+void BusConnection::RouteMessage(MessageRef message) {
     DBusMessage* const raw = message.Get();
     if (_isUnresponsive.load(std::memory_order_relaxed)) {
         _isUnresponsive = false;
@@ -392,7 +392,7 @@ void BusConnection::Route(MessageRef message) {
         return;
     }
     if (IsLocalDisconnected(raw)) {
-        Lose();
+        NoteLost();
         return;
     }
     MessageRef answer = AnswerPeer(raw);
@@ -403,7 +403,7 @@ void BusConnection::Route(MessageRef message) {
     }
 }
 
-void BusConnection::Lose() {
+void BusConnection::NoteLost() {
     _isLost = true;
     _logger->Error("The connection to the bus is lost");
     const std::size_t lost = _outbox.Close();

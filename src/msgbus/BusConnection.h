@@ -87,7 +87,7 @@ public:
     bool IsUnresponsive() const { return _isUnresponsive; }
     void NoteUnresponsive() { _isUnresponsive = true; }
 
-        // The listen thread calls the following functions.
+    // The listen thread calls the following functions.
 
     void BeginHandling() { _watcher.BeginHandling(); }
     void EndHandling() { _watcher.EndHandling(); }
@@ -104,15 +104,15 @@ private:
 
     void OnReady(unsigned int flags);
     void ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs until);
-    void Read(unsigned int flags) ZARIP_REQUIRES(_lock);
+    void ReadMessages(unsigned int flags) ZARIP_REQUIRES(_lock);
     bool TakeIncoming() ZARIP_REQUIRES(_lock);
-    void TryToRoute(MessageRef message) noexcept ZARIP_REQUIRES(_lock);
-    void Route(MessageRef message) ZARIP_REQUIRES(_lock);
-    void Lose() ZARIP_REQUIRES(_lock);
+    void TryToRouteMessage(MessageRef message) noexcept ZARIP_REQUIRES(_lock);
+    void RouteMessage(MessageRef message) ZARIP_REQUIRES(_lock);
+    void NoteLost() ZARIP_REQUIRES(_lock);
     bool PrepareToSend() ZARIP_REQUIRES(_lock);
-    void Drain() ZARIP_REQUIRES(_lock);
-    void Flush();
-    dbus_uint32_t Number(DBusMessage* message);
+    void SendQueued() ZARIP_REQUIRES(_lock);
+    void FlushOutbox();
+    dbus_uint32_t AssignSerial(DBusMessage* message);
 
     core::Logger* _logger;
     Receiver* _receiver;

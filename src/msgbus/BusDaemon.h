@@ -24,7 +24,7 @@ public:
     /// owner".
     void RequestName(const std::string& name);
 
-        // The following functions log failures.
+    // The following functions log failures.
 
     void ReleaseName(const std::string& name);
     void AddMatch(const std::string& rule);

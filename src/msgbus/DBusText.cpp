@@ -30,7 +30,7 @@ bool IsAscii(const char* text, std::size_t length) {
 }
 
 /// Returns the length of the UTF-8 sequence at `text`, or 0 if it is not valid. `end` is the end of the text.
-std::size_t SequenceLength(const char* text, const char* end) {
+std::size_t GetSequenceLength(const char* text, const char* end) {
     const auto lead = static_cast<unsigned char>(*text);
     std::size_t length = 1;
     if (lead >= 0xF0) {
@@ -69,7 +69,7 @@ std::string ToErrorText(const std::string& text) {
     std::string valid;
     const char* const last = cut.c_str() + cut.size();
     for (const char* at = cut.c_str(); at != last;) {
-        const std::size_t length = SequenceLength(at, last);
+        const std::size_t length = GetSequenceLength(at, last);
         if (length == 0) {
             valid += '?';
             ++at;

@@ -22,7 +22,7 @@ constexpr char kQuit = 'q';
 constexpr char kAttend = 'a';
 constexpr int kGuardMs = 50;
 
-const char* Describe(DBusWatch* watch) {
+const char* GetDirection(DBusWatch* watch) {
     switch (dbus_watch_get_flags(watch) & (DBUS_WATCH_READABLE | DBUS_WATCH_WRITABLE)) {
         case DBUS_WATCH_READABLE:
             return "reading";
@@ -42,7 +42,7 @@ unsigned int ToFlags(std::uint32_t events) {
         flags |= DBUS_WATCH_WRITABLE;
     }
     if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-        // Without "readable" libdbus would drop the messages that came before the end.
+        // Without "readable", libdbus would drop the messages that arrived before the end.
         flags |= DBUS_WATCH_HANGUP | DBUS_WATCH_READABLE;
     }
     return flags;
@@ -91,7 +91,7 @@ void DBusWatcher::Run() {
                 _ready(flags);
             }
             if (_isGuarding && osa::NowMs() >= nextLook) {
-                Guard(lastHandled);
+                GuardListener(lastHandled);
                 nextLook = osa::NowMs() + kGuardMs;
             }
         }
@@ -103,8 +103,9 @@ void DBusWatcher::Run() {
     _logger->Debug("Run thread shutting down");
 }
 
-/// Looks whether the same handler still runs as at the last look.
-void DBusWatcher::Guard(unsigned int& lastHandled) {
+/// Checks whether the handler that ran at the last check still runs, and reads in place of the listen thread
+/// if so.
+void DBusWatcher::GuardListener(unsigned int& lastHandled) {
     const unsigned int handled = _handled;
     if (handled != lastHandled) {
         lastHandled = handled;
@@ -115,7 +116,7 @@ void DBusWatcher::Guard(unsigned int& lastHandled) {
     } else {
         _isGuarding = false;
         if (_isHandling || _handled != handled) {
-            _isGuarding = true;  // one has begun meanwhile, and may have seen that somebody looks after it
+            _isGuarding = true;  // a handler has begun in between and may have found the flag still set
         }
     }
 }
@@ -147,7 +148,7 @@ void DBusWatcher::Attend() {
 }
 
 void DBusWatcher::SendCommand(char command) {
-    // A full pipe wakes the thread as well.
+    // An error because the pipe is full is ignored: the thread is woken in any case.
     while (::write(_commandWrite.Get(), &command, 1) < 0 && errno == EINTR) {
     }
 }
@@ -235,18 +236,20 @@ void DBusWatcher::Detach(DBusConnection* connection) {
 
 dbus_bool_t DBusWatcher::OnAdd(DBusWatch* watch, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
-    self->_logger->Trace("watching for %s on fd %d", Describe(watch), dbus_watch_get_unix_fd(watch));
-    return self->Replace(nullptr, watch) ? TRUE : FALSE;
+    self->_logger->Trace("watching for %s on fd %d", GetDirection(watch), dbus_watch_get_unix_fd(watch));
+    return self->ReplaceWatch(nullptr, watch) ? TRUE : FALSE;
 }
 
 void DBusWatcher::OnRemove(DBusWatch* watch, void* watcher) {
     auto* const self = static_cast<DBusWatcher*>(watcher);
-    self->_logger->Trace("cancelling watch for %s on fd %d", Describe(watch), dbus_watch_get_unix_fd(watch));
-    self->Replace(watch, nullptr);
+    self->_logger->Trace("cancelling watch for %s on fd %d", GetDirection(watch),
+                         dbus_watch_get_unix_fd(watch));
+    self->ReplaceWatch(watch, nullptr);
 }
 
-/// Puts one watch, or none, into the place of another; false if there is no such place.
-bool DBusWatcher::Replace(DBusWatch* old, DBusWatch* replacement) {
+/// Replaces a watch by another; either may be null, which is a free place. Returns false if `old` is not
+/// found.
+bool DBusWatcher::ReplaceWatch(DBusWatch* old, DBusWatch* replacement) {
     const osa::MutexAutoLock lock(&_watchMutex);
     const auto place = std::find(_watches.begin(), _watches.end(), old);
     if (place == _watches.end()) {
@@ -284,12 +287,12 @@ void DBusWatcher::UpdateWanted() {
 void DBusWatcher::UpdateSets() {
     const bool mayRead = _wantsToRead && _pauses == 0;
     const bool isListenersTurn = _isGivenAway && !_isHelping;
-    Change(_listenerSet, mayRead && isListenersTurn ? std::uint32_t{EPOLLIN} : 0);
-    Change(_watcherSet, (mayRead && !isListenersTurn ? std::uint32_t{EPOLLIN} : 0) |
-                            (_wantsToWrite ? std::uint32_t{EPOLLOUT} : 0));
+    ChangeEvents(_listenerSet, mayRead && isListenersTurn ? std::uint32_t{EPOLLIN} : 0);
+    ChangeEvents(_watcherSet, (mayRead && !isListenersTurn ? std::uint32_t{EPOLLIN} : 0) |
+                                  (_wantsToWrite ? std::uint32_t{EPOLLOUT} : 0));
 }
 
-void DBusWatcher::Change(Set& set, std::uint32_t events) {
+void DBusWatcher::ChangeEvents(Set& set, std::uint32_t events) {
     if (set.fd == _fd && set.events == events) {
         return;
     }
@@ -299,7 +302,8 @@ void DBusWatcher::Change(Set& set, std::uint32_t events) {
     if (set.fd == _fd) {
         ::epoll_ctl(set.epoll.Get(), EPOLL_CTL_MOD, _fd, &event);
     } else {
-        // At once, because libdbus closes the descriptor now, and another thread may get its number.
+        // The descriptor is removed at once, because libdbus closes it now and another thread may get its
+        // number.
         if (set.fd >= 0) {
             ::epoll_ctl(set.epoll.Get(), EPOLL_CTL_DEL, set.fd, &event);
         }
@@ -311,20 +315,20 @@ void DBusWatcher::Change(Set& set, std::uint32_t events) {
     set.events = events;
 }
 
-bool DBusWatcher::Has(DBusWatch* watch) {
+bool DBusWatcher::HasWatch(DBusWatch* watch) {
     const osa::MutexAutoLock lock(&_watchMutex);
     return std::find(_watches.begin(), _watches.end(), watch) != _watches.end();
 }
 
-void DBusWatcher::Handle(unsigned int flags) {
+void DBusWatcher::HandleWatches(unsigned int flags) {
     std::array<DBusWatch*, 4> watches{};
     {
         const osa::MutexAutoLock lock(&_watchMutex);
         watches = _watches;
     }
     for (DBusWatch* const watch : watches) {
-        // The one before may have removed this one.
-        if (watch == nullptr || !Has(watch) || dbus_watch_get_enabled(watch) == FALSE) {
+        // The previous watch may have removed this one.
+        if (watch == nullptr || !HasWatch(watch) || dbus_watch_get_enabled(watch) == FALSE) {
             continue;
         }
         const unsigned int wanted = dbus_watch_get_flags(watch) | DBUS_WATCH_HANGUP | DBUS_WATCH_ERROR;

@@ -19,67 +19,69 @@ class Logger;
 
 namespace zarip::msgbus {
 
-/// Keeps the watches of a connection and decides which thread waits for its descriptor.
+/// Holds the watches of a connection and decides which thread waits for its descriptor.
 ///
-/// *Reading*: the listen thread while there is one (`GiveAway`), which saves a change of threads for each
-/// message; otherwise, and while a handler takes long, this object's own thread, "DBusWatcher"; nobody of the
-/// two while a waiting call reads for itself (`Pause`). *Writing*: always "DBusWatcher", because the listen
-/// thread may be busy with a handler.
+/// *Reading*: if there is a listen thread, it reads (`GiveAway`), which saves a change of threads for each
+/// message. Otherwise, and while a handler takes long, this object's own thread, "DBusWatcher", reads.
+/// Neither of them reads while a waiting call reads (`Pause`). *Writing*: always "DBusWatcher", because the
+/// listen thread may be busy with a handler.
 ///
 /// Each of the two threads has an epoll set. A change of the roles changes the events in the sets, which
-/// wakes nobody. The loss of the connection is reported to both threads in every role.
+/// wakes no thread. The loss of the connection is reported to both threads in every role.
 ///
-/// The bus library adds, removes and toggles watches with its own lock held, so `_watchMutex` guards the
-/// roles, the list and the sets, and no function of libdbus is called under it except for getters.
+/// `_watchMutex` guards the roles, the list and the sets. libdbus adds, removes and toggles watches with its
+/// own lock held, so no function of libdbus except getters is called while `_watchMutex` is held.
 class DBusWatcher final : public osa::Runnable {
 public:
-    /// *Called on DBusWatcher*, without any lock, with DBUS_WATCH_... flags, or 0 after `Attend`.
+    /// *Called on DBusWatcher* with no lock held. The argument is a set of DBUS_WATCH_... flags, or 0 after
+    /// `Attend`.
     using ReadyHandler = std::function<void(unsigned int flags)>;
 
     /// Throws "pipe failed".
     DBusWatcher(core::Logger* logger, ReadyHandler ready);
 
-    // On any thread, without the connection's lock or with it.
+    // The following functions may be called on any thread, with or without the connection's lock.
 
     void Run() override;
     void Stop() override;
 
-    /// Has "DBusWatcher" call its handler soon.
+    /// Makes "DBusWatcher" call its handler soon.
     void Attend();
 
-    /// Ends `Wait`.
+    /// Makes `Wait` return.
     void Wake();
 
-    /// The listen thread's wait: until the descriptor is ready, which returns DBUS_WATCH_... flags for
-    /// `Handle`, or until `Wake`, which returns 0.
+    /// Waits, on the listen thread, until the descriptor is ready and returns DBUS_WATCH_... flags for
+    /// `HandleWatches`. Returns 0 after `Wake`.
     unsigned int Wait();
 
-    /// Has the listen thread read from now on; `TakeBack` ends that.
+    /// Makes the listen thread the reader until `TakeBack`.
     void GiveAway();
     void TakeBack();
 
-    /// By the listen thread, around a handler. If that takes more than 50 to 100 ms, "DBusWatcher" reads
-    /// meanwhile: the bus drops replies to a connection that leaves 127 MiB unread.
+    /// The listen thread calls these before and after a handler. If the handler takes more than 50 to 100 ms,
+    /// "DBusWatcher" reads meanwhile, because the bus drops replies to a connection that has more than 127
+    /// MiB to read.
     void BeginHandling();
     void EndHandling();
 
-    /// A waiting call reads until `Resume`. Pauses nest.
+    /// Makes a waiting call the reader until `Resume`. Pauses nest.
     void Pause();
     void Resume();
 
-    /// The connection's descriptor; -1 once the connection is lost.
+    /// Returns the connection's descriptor, or -1 if the connection is lost.
     int GetFd();
 
-    // With the connection's lock.
+    // The following functions are called with the connection's lock held.
 
     void Attach(DBusConnection* connection);
     void Detach(DBusConnection* connection);
 
-    /// Hands readiness to the watches that asked for it.
-    void Handle(unsigned int flags);
+    /// Passes the flags to the watches that have asked for them.
+    void HandleWatches(unsigned int flags);
 
 private:
-    /// An epoll set with the connection's descriptor, and what that is watched for.
+    /// An epoll set with the connection's descriptor and the events for which it is watched.
     struct Set {
         osa::UniqueFd epoll;
         int fd = -1;
@@ -90,37 +92,38 @@ private:
     static void OnRemove(DBusWatch* watch, void* watcher);
     static void OnToggle(DBusWatch* watch, void* watcher);
 
-    bool Replace(DBusWatch* old, DBusWatch* replacement);
+    bool ReplaceWatch(DBusWatch* old, DBusWatch* replacement);
     void UpdateWanted() ZARIP_REQUIRES(_watchMutex);
     void UpdateSets() ZARIP_REQUIRES(_watchMutex);
-    void Change(Set& set, std::uint32_t events) ZARIP_REQUIRES(_watchMutex);
-    bool Has(DBusWatch* watch);
+    void ChangeEvents(Set& set, std::uint32_t events) ZARIP_REQUIRES(_watchMutex);
+    bool HasWatch(DBusWatch* watch);
     char ReadCommand();
     void SendCommand(char command);
-    void Guard(unsigned int& lastHandled);
+    void GuardListener(unsigned int& lastHandled);
     static unsigned int WaitIn(int epoll, int interrupt, int timeoutMs, bool& interrupted);
 
     core::Logger* _logger;
     ReadyHandler _ready;
     osa::UniqueFd _commandRead;
     osa::UniqueFd _commandWrite;
-    /// A counting event, released when the listen thread has something to do. Not an `osa::Semaphore`,
-    /// because the thread waits for this and for the descriptor.
+    /// Wakes the listen thread when there is work. This is not an `osa::Semaphore`, because the thread waits
+    /// for this and for the descriptor at once.
     osa::UniqueFd _dispatchAvailable;
     std::atomic<bool> _isStopped{false};
 
-    // For `Guard`: whether a handler runs, how many have run, whether "DBusWatcher" looks after them, which
-    // it stops doing when there is nothing to handle, and whether it reads in place of the listen thread.
+    // The state of `GuardListener`: whether a handler runs, how many handlers have run, whether "DBusWatcher"
+    // checks them, and whether it reads in place of the listen thread. It stops checking when no handlers
+    // run.
     std::atomic<bool> _isHandling{false};
     std::atomic<unsigned int> _handled{0};
     std::atomic<bool> _isGuarding{false};
     std::atomic<bool> _isHelping{false};
 
     osa::Mutex _watchMutex{"_watchMutex"};
-    /// libdbus has two, for reading and for writing; free places are null.
+    /// libdbus has one for reading and one for writing; free places are null.
     std::array<DBusWatch*, 4> _watches ZARIP_GUARDED_BY(_watchMutex){};
-    Set _watcherSet;   ///< also has `_commandRead`
-    Set _listenerSet;  ///< also has `_dispatchAvailable`
+    Set _watcherSet;   ///< also contains `_commandRead`
+    Set _listenerSet;  ///< also contains `_dispatchAvailable`
     int _fd ZARIP_GUARDED_BY(_watchMutex) = -1;
     bool _wantsToRead ZARIP_GUARDED_BY(_watchMutex) = false;
     bool _wantsToWrite ZARIP_GUARDED_BY(_watchMutex) = false;

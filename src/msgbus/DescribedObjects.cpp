@@ -13,7 +13,7 @@ namespace zarip::msgbus {
 
 namespace {
 
-/// What every object has; the connection answers both.
+/// The interfaces of every object. The connection itself answers their calls.
 constexpr std::string_view kOwnInterfaces = R"xml(  <interface name="org.freedesktop.DBus.Introspectable">
     <method name="Introspect">
       <arg name="xml_data" type="s" direction="out"/>
@@ -27,7 +27,8 @@ constexpr std::string_view kOwnInterfaces = R"xml(  <interface name="org.freedes
   </interface>
 )xml";
 
-std::string Document(const std::set<std::string_view>& descriptions, const std::set<std::string>& children) {
+std::string MakeDocument(const std::set<std::string_view>& descriptions,
+                         const std::set<std::string>& children) {
     std::string document = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE;
     document += "<node>\n";
     document += kOwnInterfaces;
@@ -60,7 +61,8 @@ DescribedObject::~DescribedObject() {
 }
 
 DescribedObjects& DescribedObjects::Get() {
-    static auto* const objects = new DescribedObjects;  // outlives the servers of the process
+    // Never destroyed, because servers may exist until the process ends.
+    static auto* const objects = new DescribedObjects;
     return *objects;
 }
 
@@ -92,7 +94,7 @@ DescribedObjects::Place DescribedObjects::Find(const IMsgBus& bus, std::string_v
 std::string DescribedObjects::Describe(const IMsgBus& bus, const std::string& path) {
     const std::string above = path == "/" ? path : path + "/";
     bool isDescribed = false;
-    std::set<std::string_view> descriptions;  // two servers of one service describe it once
+    std::set<std::string_view> descriptions;  // a set, because two servers of one service describe it once
     std::set<std::string> children;
     {
         const osa::MutexAutoLock lock(&_mutex);
@@ -110,10 +112,10 @@ std::string DescribedObjects::Describe(const IMsgBus& bus, const std::string& pa
         }
     }
     if (!isDescribed) {
-        // As libdbus answers for a connection that knows nothing of its objects.
+        // This is libdbus's answer for a connection without described objects.
         return std::string(DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE) + "<node>\n</node>\n";
     }
-    return descriptions.empty() && children.empty() ? "" : Document(descriptions, children);
+    return descriptions.empty() && children.empty() ? "" : MakeDocument(descriptions, children);
 }
 
 }  // namespace zarip::msgbus

@@ -11,7 +11,8 @@
 
 namespace zarip::msgbus {
 
-/// The described objects of all connections of the process. *Thread-safe*; its mutex is a leaf.
+/// The described objects of all connections of the process. *Thread-safe*; no other lock is taken while its
+/// mutex is held.
 class DescribedObjects {
 public:
     static DescribedObjects& Get();
@@ -19,18 +20,18 @@ public:
     void Add(const DescribedObject::Entry* entry);
     void Remove(const DescribedObject::Entry* entry);
 
-    /// Where a call of an interface may go.
+    /// Which paths serve calls of an interface.
     enum class Place {
         kAnywhere,  ///< no object of the connection describes the interface
-        kServed,    ///< an object at this path does
-        kElsewhere  ///< only objects at other paths do
+        kServed,    ///< an object at this path describes it
+        kElsewhere  ///< only objects at other paths describe it
     };
     Place Find(const IMsgBus& bus, std::string_view path, std::string_view interface);
 
-    /// Whether the connection has described objects, but none at the path or below it.
+    /// Returns whether the connection has described objects but none of them is at the path or below it.
     bool IsUnknown(const IMsgBus& bus, const std::string& path) { return Describe(bus, path).empty(); }
 
-    /// What Introspect answers at the path; empty if the path is unknown.
+    /// Makes the document that Introspect returns at the path; empty if the path is unknown.
     std::string Describe(const IMsgBus& bus, const std::string& path);
 
 private:

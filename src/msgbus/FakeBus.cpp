@@ -24,11 +24,11 @@ constexpr const char* kUniqueName = ":1.1";
 
 }  // namespace
 
-/// Two locks: the recursive `_turn` is held while handlers run; `_mutex` guards the fields, is taken inside
-/// of it, and is never held while a handler runs.
+/// The recursive mutex `_turn` is held while handlers run. `_mutex` guards the fields, is locked after
+/// `_turn`, and is never held while a handler runs.
 ///
-/// What is sent one-way enters `_queue`. The thread that delivers empties the queue before it gives up its
-/// turn, so a thread that sends while another one delivers does not wait for it.
+/// One-way messages enter `_queue`. The delivering thread empties the queue before its turn ends, so a thread
+/// that sends meanwhile does not wait for it.
 class ZARIP_HIDDEN FakeBus::FakeBusImpl {
 public:
     explicit FakeBusImpl(FakeBus* bus) : _bus(bus) {}
@@ -115,8 +115,8 @@ public:
     std::atomic<bool>& GetRunning() { return _isRunning; }
 
 private:
-    /// The turn of a thread, which its calls in handlers share. The end of the turn is also the end of one
-    /// that an exception or pthread_exit cuts short.
+    /// The turn of a thread, which nested calls from handlers share. The destructor also ends a turn that an
+    /// exception or pthread_exit interrupts.
     class Delivering {
     public:
         explicit Delivering(FakeBusImpl& bus) : _bus(bus) {
@@ -133,7 +133,8 @@ private:
             }
         }
 
-        /// A nested turn leaves the queue to the outermost one, as a handler that waits on a real bus does.
+        /// Delivers the queue. A nested turn leaves the queue to the outermost turn, because on a real bus no
+        /// handler runs while another handler waits.
         void EmptyQueue() const {
             while (_isOutermost) {
                 const MessageRef next = _bus.TakeNext(false);
@@ -144,7 +145,8 @@ private:
             }
         }
 
-        /// The same, and the turn ends in the moment in which the queue is empty, so that no message is left.
+        /// Delivers the queue and ends the turn at the moment when the queue is empty, so that no message is
+        /// left.
         void Finish() {
             while (_isOutermost) {
                 const MessageRef next = _bus.TakeNext(true);
@@ -161,7 +163,7 @@ private:
         bool _isOutermost = false;
     };
 
-    /// A copy of the message as it is received, after the checks of a real bus.
+    /// Checks the message as a real bus does and returns a copy as it would be received.
     MessageRef Accept(MsgBusMsgImpl& message, int type) {
         if (dbus_message_get_type(message.Get()) != type) {
             throw osa::Exception("dbus_connection_send failed");
@@ -178,7 +180,8 @@ private:
         return received;
     }
 
-    /// Empty if the queue is. @param isLast  ends the turn in that case.
+    /// Takes the next message; null if the queue is empty.
+    /// @param isLast  whether an empty queue ends the turn.
     MessageRef TakeNext(bool isLast) {
         const osa::MutexAutoLock lock(&_mutex);
         if (_queue.empty()) {

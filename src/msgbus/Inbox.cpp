@@ -11,10 +11,11 @@ namespace {
 
 constexpr std::size_t kOverheadOfMessage = 640;
 
-/// How many values are looked at before the message is written down instead, which is faster then.
+/// If a message has more values than this, marshalling it is faster than iterating over them.
 constexpr int kMaxValues = 10'000;
 
-/// Adds the sizes of the values from `position` to the end of its container; false if there are too many.
+/// Adds the sizes of the values from `position` to the end of its container; returns false if there are too
+/// many.
 bool AddSizes(DBusMessageIter& position, std::size_t& size, int& values) {
     for (int type = 0; (type = dbus_message_iter_get_arg_type(&position)) != DBUS_TYPE_INVALID;
          dbus_message_iter_next(&position)) {

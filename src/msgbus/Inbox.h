@@ -11,15 +11,16 @@
 
 namespace zarip::msgbus {
 
-/// The received messages that wait for the listen thread, in order. *Thread-safe*; its mutex is a leaf.
+/// The received messages that wait for the listen thread, in order. *Thread-safe*; no other lock is taken
+/// while its mutex is held.
 ///
-/// What libdbus has read is moved here at once, because libdbus stops reading when it holds too much, and
-/// then no reply would get through either. So the inbox itself is bounded: beyond its limits the oldest
-/// signals are dropped, and a call that finds no room is handed back to be refused. A single message may be
-/// larger than the limit.
+/// Messages are moved here as soon as libdbus has read them. libdbus stops reading when it holds too much,
+/// and then replies would not arrive either. The inbox is limited instead: beyond its limits the oldest
+/// signals are dropped, and a call for which there is no room is returned to be refused. A single message may
+/// be larger than the limit.
 class Inbox {
 public:
-    /// What became of a message, and of those before it.
+    /// The result for a message and for those before it.
     enum class Result { kKept, kDroppedSignals, kFull };
 
     struct Limits {
@@ -27,22 +28,23 @@ public:
         std::size_t count;
     };
 
-    /// Takes the message unless the result is `kFull`. @param size  its size in bytes.
+    /// Takes the message unless the result is `kFull`.
+    /// @param size  the message's size in bytes.
     Result Put(MessageRef& message, std::size_t size, const Limits& limits);
 
-    /// The oldest message, or null.
+    /// Takes and returns the oldest message, or null.
     MessageRef Take();
 
     std::size_t GetCount() const;
 
-    /// How many messages with file descriptors are kept.
+    /// Returns the number of kept messages that have file descriptors.
     std::size_t CountWithDescriptors() const;
 
 private:
     struct Entry {
         MessageRef message;
         std::size_t memory;
-        std::uint64_t number;  ///< in the order of arrival
+        std::uint64_t number;  ///< increases in the order of arrival
         bool hasDescriptors;
     };
     using Queue = std::deque<Entry>;
@@ -50,7 +52,7 @@ private:
     MessageRef TakeFrom(Queue& queue);
 
     mutable std::mutex _mutex;
-    // Apart, so that the oldest signal is found at once.
+    // Two queues, so that the oldest signal is found without a search.
     Queue _signals;
     Queue _others;
     std::size_t _memory = 0;
@@ -58,7 +60,7 @@ private:
     std::uint64_t _lastNumber = 0;
 };
 
-/// What a message takes on the wire, about.
+/// Returns the approximate size of a message on the wire.
 std::size_t MeasureMessage(DBusMessage* message);
 
 }  // namespace zarip::msgbus

@@ -8,24 +8,24 @@
 
 namespace zarip::msgbus {
 
-/// Whether a connection lives, whether its listen thread runs, and which thread that is. *Thread-safe*; its
-/// mutex is a leaf.
+/// Whether a connection is alive, whether its listen thread runs, and which thread that is. *Thread-safe*; no
+/// other lock is taken while its mutex is held.
 ///
-///     kIdle ----- Begin -----> kListening --- RequestStop(false) ---> kStopping      (a handler may take it
-///     back)
-///       ^                         |   |                                  |
-///       |                         |   +------- RequestStop(true) ----> kJoining <----+
-///       +---------- End ----------+------------------------------------- End
+///     kIdle ----- Begin -----> kListening --- RequestStop(false) ---> kStopping
+///       ^                         |   ^                                |  |
+///       |                         |   +-------- TakeStopBack ----------+  |
+///       |                         +---- RequestStop(true) --> kJoining <--+
+///       +---------- End ----- from each of the other three
 ///
-/// `Lose` leads from kIdle to kLost, from kListening to kLostListening, in which the thread dispatches what
-/// has been received and ends, and from the other two to kLostStopping. `End` leads from both to kLost, which
-/// is final.
+/// `NoteLost` leads from kIdle to kLost and from kListening to kLostListening, in which the thread dispatches
+/// the received messages and ends. It leads from the other two states to kLostStopping. `End` leads from both
+/// to kLost, which is final.
 class ListenState {
 public:
-    /// What the listen thread does next.
+    /// The next step of the listen thread.
     enum class Next { kListen, kDispatchTheRest, kLeave };
 
-    /// Marks the calling thread as the listen thread for the length of a scope.
+    /// Marks the calling thread as the listen thread for a scope.
     class OnThisThread {
     public:
         explicit OnThisThread(const ListenState* state) { s_ofThisThread = state; }
@@ -36,13 +36,13 @@ public:
 
     bool IsListenThread() const { return s_ofThisThread == this; }
 
-    /// How the calling thread deals with a slow bus: the listen thread waits for it as little as possible,
-    /// because handlers wait for the listen thread.
+    /// Returns how the calling thread deals with a slow bus. The listen thread waits as little as possible,
+    /// because handlers wait for it.
     Outbox::Patience GetPatience() const {
         return IsListenThread() ? Outbox::Patience::kWaitsIfFull : Outbox::Patience::kWaits;
     }
 
-    /// The listen thread is about to be started; false if the connection is lost.
+    /// Is called before the listen thread is started; returns false if the connection is lost.
     bool Begin() {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (_state != State::kIdle) {
@@ -52,13 +52,14 @@ public:
         return true;
     }
 
-    /// The listen thread has ended.
+    /// Is called when the listen thread has ended.
     void End() {
         const std::lock_guard<std::mutex> lock(_mutex);
         _state = IsLostState() ? State::kLost : State::kIdle;
     }
 
-    /// @param isFinal  whether the caller waits for the end, so that no handler takes the request back.
+    /// Requests the end of the listen thread.
+    /// @param isFinal  whether the caller waits for the end; then no handler can withdraw the request.
     void RequestStop(bool isFinal) {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (_state == State::kListening || _state == State::kStopping) {
@@ -75,7 +76,7 @@ public:
         }
     }
 
-    void Lose() {
+    void NoteLost() {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (_state == State::kIdle) {
             _state = State::kLost;
@@ -103,13 +104,13 @@ public:
         return IsLostState();
     }
 
-    /// Whether the listen thread runs and was not asked to stop.
+    /// Returns whether the listen thread runs and was not requested to stop.
     bool IsListening() const {
         const std::lock_guard<std::mutex> lock(_mutex);
         return _state == State::kListening;
     }
 
-    /// Whether the listen thread has not ended.
+    /// Returns whether the listen thread was started and has not ended.
     bool IsRunning() const {
         const std::lock_guard<std::mutex> lock(_mutex);
         return _state != State::kIdle && _state != State::kLost;

@@ -68,8 +68,8 @@ MessageDispatcher::Entries MessageDispatcher::FindTakers(std::string_view interf
     return takers;
 }
 
-bool MessageDispatcher::Takes(std::string_view interface, std::string_view member,
-                              IMessageHandler::Kind kind) const {
+bool MessageDispatcher::HasTaker(std::string_view interface, std::string_view member,
+                                 IMessageHandler::Kind kind) const {
     const osa::MutexAutoLock lock(&_handlerMapMutex);
     const auto place = _handlers.find(std::pair(interface, member));
     return place != _handlers.end() &&
@@ -101,12 +101,13 @@ bool MessageDispatcher::Dispatch(const MsgBusMsg& message, std::string_view inte
     const auto kind = isSignal ? IMessageHandler::kSignals : IMessageHandler::kMethodCalls;
     bool taken = false;
     for (const auto& entry : FindTakers(interface, member, kind)) {
-        taken = Run(*entry, message, isSignal, bus) || taken;
+        taken = RunHandler(*entry, message, isSignal, bus) || taken;
     }
     return taken;
 }
 
-bool MessageDispatcher::Run(Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const {
+bool MessageDispatcher::RunHandler(Entry& entry, const MsgBusMsg& message, bool isSignal,
+                                   IMsgBus& bus) const {
     const osa::MutexAutoLock running(&entry.running);
     if (entry.removed) {
         return false;
@@ -116,14 +117,15 @@ bool MessageDispatcher::Run(Entry& entry, const MsgBusMsg& message, bool isSigna
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
     } catch (const std::exception& e) {
-        Fail(message, isSignal, bus, e.what());
+        ReportFailure(message, isSignal, bus, e.what());
     } catch (...) {
-        Fail(message, isSignal, bus, "unknown");
+        ReportFailure(message, isSignal, bus, "unknown");
     }
     return true;
 }
 
-void MessageDispatcher::Fail(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const {
+void MessageDispatcher::ReportFailure(const MsgBusMsg& message, bool isSignal, IMsgBus& bus,
+                                      const char* text) const {
     _logger->Error("MessageHandler threw exception: %s", text);
     if (!isSignal && message.IsExpectingResponse()) {
         const std::unique_ptr<MsgBusMsg> error(message.MakeErrorMsg(text));

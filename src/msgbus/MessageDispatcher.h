@@ -20,11 +20,11 @@ class Logger;
 
 namespace zarip::msgbus {
 
-/// Maps interface and member to handlers. *Thread-safe*.
+/// Maps interfaces and members to handlers and calls them. *Thread-safe*.
 ///
-/// `_handlerMapMutex` guards the map and is never held while a handler runs. Each entry has a recursive mutex
-/// of its own, which is held while its handler runs: `Remove` takes it to wait for that handler, and for no
-/// other. A handler that removes itself owns the mutex already and does not wait.
+/// `_handlerMapMutex` guards the map and is never held while a handler runs. Each entry has a recursive
+/// mutex, which is held while its handler runs. `Remove` locks it in order to wait for that handler and for
+/// no other. A handler that removes itself already owns the mutex and does not wait.
 class MessageDispatcher {
 public:
     /// Interface and member.
@@ -35,23 +35,25 @@ public:
     /// @param handler  *not owned*.
     void Add(const std::string& interface, const std::string& member, IMessageHandler* handler);
 
-    /// A handler in one place.
+    /// A handler at one place.
     struct Registration;
     using Registrations = std::list<Registration>;
 
-    /// Removes the handler wherever it is registered, and returns where that was. Waits until it does not
-    /// run, unless the caller is the handler. Needs no memory, so that a handler can always be destroyed.
+    /// Removes the handler from all places at which it is registered and returns these places. Waits until
+    /// the handler does not run, unless the caller is the handler. It needs no memory, so a handler can
+    /// always be destroyed.
     Registrations Remove(const IMessageHandler* handler);
 
-    /// Whether a handler takes such a message.
-    bool Takes(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
+    /// Returns whether any handler takes such a message.
+    bool HasTaker(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
 
-    /// The one interface that has a handler for calls of this member; empty unless exactly one has.
+    /// Returns the interface that has a handler for calls of this member, or an empty string unless there is
+    /// exactly one.
     std::string FindInterface(std::string_view member) const;
 
-    /// Runs the handlers of a message: all that take signals for a signal, the first that takes calls for a
-    /// call. What a handler throws is logged and answers a call that expects a reply. False when nobody takes
-    /// the message.
+    /// Runs the handlers of a message. A signal goes to all handlers that take signals, a call to the first
+    /// handler that takes calls. An exception is logged and becomes the error reply of a call that expects
+    /// one. Returns false if no handler takes the message.
     bool Dispatch(const MsgBusMsg& message, std::string_view interface, std::string_view member,
                   bool isSignal, IMsgBus& bus);
 
@@ -73,8 +75,8 @@ private:
     };
 
     Entries FindTakers(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
-    bool Run(Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const;
-    void Fail(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const;
+    bool RunHandler(Entry& entry, const MsgBusMsg& message, bool isSignal, IMsgBus& bus) const;
+    void ReportFailure(const MsgBusMsg& message, bool isSignal, IMsgBus& bus, const char* text) const;
 
     core::Logger* _logger;
     mutable osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};

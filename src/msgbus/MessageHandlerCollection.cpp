@@ -17,8 +17,8 @@ MessageHandlerCollection::~MessageHandlerCollection() {
             _bus->UnregisterMessageHandler(_handlers[unregistered].get());
         }
     } catch (...) {
-        // Deliberate: the first failure ends it. The handlers that are left are still registered, so they are
-        // not deleted: a message may reach them at any time.
+        // Deliberate: unregistering ends at the first failure. The remaining handlers are still registered
+        // and a message may reach them at any time, so they are not deleted.
         for (; unregistered != _handlers.size(); ++unregistered) {
             static_cast<void>(_handlers[unregistered].release());
         }

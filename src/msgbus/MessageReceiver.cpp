@@ -19,12 +19,12 @@ constexpr std::size_t kInboxMemory = std::size_t{32} * 1024 * 1024;
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr Inbox::Limits kWhileListening = {kInboxMemory, kNoLimit};
 constexpr Inbox::Limits kWhileNobodyListens = {kInboxMemory, 1000};
-/// A signal that no handler takes is kept only below this size; a handler may be registered later.
+/// Signals up to this size are kept even if no handler takes them, because one may be registered later.
 constexpr std::size_t kLargeSignal = std::size_t{64} * 1024;
-/// Each may hold sixteen descriptors, and a process has about a thousand.
+/// Each message may have sixteen descriptors, and a process has about a thousand.
 constexpr std::size_t kMaxWithDescriptors = 16;
 
-/// A message is dispatched for the length of a scope, which pthread_exit may end as well.
+/// Marks the time of a dispatch. The destructor also runs if a handler calls pthread_exit.
 class Dispatching {
 public:
     Dispatching(BusConnection& connection, bool& flag) : _connection(connection), _flag(flag) {
@@ -44,7 +44,7 @@ private:
 };
 
 /// Sends a refusal unless it is empty.
-void Post(BusConnection& connection, MessageRef refusal) {
+void PostRefusal(BusConnection& connection, MessageRef refusal) {
     if (refusal) {
         connection.Post(std::move(refusal));
     }
@@ -54,7 +54,7 @@ void Post(BusConnection& connection, MessageRef refusal) {
 /// the caller waits for its time-out.
 void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
     try {
-        Post(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));
+        PostRefusal(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));
     } catch (...) {
     }
 }
@@ -71,11 +71,13 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
         if (isListening && IsUnwanted(message.Get())) {
             LogReceived(message.Get());
         } else if (_state->IsListenThread() && !_isDispatching) {
-            // It has found the inbox empty and dispatches this next: there is nothing to bound.
+            // The listen thread has found the inbox empty and dispatches this message next, so no limit
+            // applies.
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
         } else {
-            Keep(connection, message, isListening);
-            // Asked again: a thread that began to listen meanwhile may have found the inbox empty.
+            KeepMessage(connection, message, isListening);
+            // The state is checked again, because a thread that has begun to listen in between may have found
+            // the inbox empty.
             if (_state->IsRunning()) {
                 connection.WakeListener();
             }
@@ -88,22 +90,22 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
     }
 }
 
-/// Whether it is a signal that no handler takes, which anybody may send.
+/// Returns whether the message is a signal that no handler takes. Any process may send such signals.
 bool MessageReceiver::IsUnwanted(DBusMessage* message) const {
     if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL) {
         return false;
     }
     const std::string_view member = ViewOf(dbus_message_get_member(message));
-    return member != "NameLost" && !_dispatcher->Takes(ViewOf(dbus_message_get_interface(message)), member,
-                                                       IMessageHandler::kSignals);
+    return member != "NameLost" && !_dispatcher->HasTaker(ViewOf(dbus_message_get_interface(message)), member,
+                                                          IMessageHandler::kSignals);
 }
 
-/// Puts a message into the inbox that the listen thread cannot dispatch at once.
-void MessageReceiver::Keep(BusConnection& connection, MessageRef& message, bool isListening) {
+/// Puts a message into the inbox because the listen thread cannot dispatch it at once.
+void MessageReceiver::KeepMessage(BusConnection& connection, MessageRef& message, bool isListening) {
     DBusMessage* const raw = message.Get();
     if (dbus_message_contains_unix_fds(raw) != FALSE &&
         (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
-        Post(connection, MakeRefusal(raw, *_bus));
+        PostRefusal(connection, MakeRefusal(raw, *_bus));
         return;
     }
     const std::size_t size = MeasureMessage(raw);
@@ -118,8 +120,8 @@ void MessageReceiver::Keep(BusConnection& connection, MessageRef& message, bool 
             break;
         case Inbox::Result::kFull:
             WarnOfDropping(isListening);
-            Post(connection,
-                 MakeRefusal(raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled"));
+            PostRefusal(connection,
+                        MakeRefusal(raw, DBUS_ERROR_LIMITS_EXCEEDED, "Too many messages wait to be handled"));
             break;
     }
 }
@@ -132,7 +134,7 @@ void MessageReceiver::WarnOfDropping(bool isListening) {
 }
 
 void MessageReceiver::OnLost(BusConnection& connection) {
-    _state->Lose();
+    _state->NoteLost();
     connection.WakeListener();
 }
 
@@ -146,7 +148,7 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
     const Dispatching dispatching(connection, _isDispatching);
     try {
         if (!DispatchMsg(message.Get())) {
-            Post(connection, MakeRefusal(message.Get(), *_bus));
+            PostRefusal(connection, MakeRefusal(message.Get(), *_bus));
         }
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
@@ -161,13 +163,8 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
 }
 
 bool MessageReceiver::DispatchMsg(DBusMessage* message) {
-    const int type = dbus_message_get_type(message);
-    if (_logger->IsEnabled(core::Logger::kTrace)) {
-        _logger->Trace("Received a %s with name=%s on interface %s from %s",
-                       dbus_message_type_to_string(type), TextOf(dbus_message_get_member(message)),
-                       TextOf(dbus_message_get_interface(message)), TextOf(dbus_message_get_sender(message)));
-    }
-    switch (type) {
+    LogReceived(message);
+    switch (dbus_message_get_type(message)) {
         case DBUS_MESSAGE_TYPE_METHOD_RETURN:
             _logger->Warning("Just rcvd a method reply, we're not supposed to!");
             return true;

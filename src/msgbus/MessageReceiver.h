@@ -13,27 +13,27 @@
 
 namespace zarip::msgbus {
 
-/// What a connection does with received messages: it keeps them in `_inbox`, whichever thread reads, and
-/// dispatches them on the listen thread, one at a time, with the recursive `_busMutex` held. Nothing else
-/// takes that mutex, and no lock of the connection is held while a handler runs. So other threads send, call
-/// and get their replies while a handler runs or waits.
+/// Keeps and dispatches the received messages of a connection. The thread that reads puts them into `_inbox`.
+/// The listen thread dispatches them, one at a time, with the recursive `_busMutex` held. Nothing else locks
+/// that mutex, and no lock of the connection is held while a handler runs. So other threads send, call and
+/// receive replies while a handler runs or waits.
 ///
-/// A call that no handler takes is answered here, as libdbus does it: with the description of an object, or
-/// with an error.
+/// A call that no handler takes is answered here as libdbus does: with the description of an object or with
+/// an error.
 class MessageReceiver final : public BusConnection::Receiver {
 public:
-    /// @param bus  handed to the handlers. All are *not owned* and must outlive this object.
+    /// @param bus  is passed to the handlers. All arguments are *not owned* and must outlive this object.
     MessageReceiver(IMsgBus* bus, core::Logger* logger, ListenState* state, MessageDispatcher* dispatcher);
 
     void OnReceived(BusConnection& connection, MessageRef message) override;
     void OnLost(BusConnection& connection) override;
 
-    /// *Called on MsgBusListenThread*. False if no message waits.
+    /// Dispatches the oldest message. *Called on MsgBusListenThread*. Returns false if no message waits.
     bool DispatchNext(BusConnection& connection);
 
 private:
     bool IsUnwanted(DBusMessage* message) const;
-    void Keep(BusConnection& connection, MessageRef& message, bool isListening);
+    void KeepMessage(BusConnection& connection, MessageRef& message, bool isListening);
     void WarnOfDropping(bool isListening);
     bool DispatchMsg(DBusMessage* message);
     void LogReceived(DBusMessage* message);
@@ -46,8 +46,8 @@ private:
     MessageDispatcher* _dispatcher;
     Inbox _inbox;
     osa::Mutex _busMutex{"_busMutex"};
-    std::atomic<bool> _hasWarned{false};  ///< of messages dropped since the inbox was last empty
-    bool _isDispatching = false;          ///< used by the listen thread alone
+    std::atomic<bool> _hasWarned{false};  ///< whether dropping was logged since the inbox was last empty
+    bool _isDispatching = false;          ///< used by the listen thread only
 };
 
 }  // namespace zarip::msgbus

@@ -36,25 +36,25 @@ bool IsReply(DBusMessage* message) {
     return !IsCall(message) && !IsSignal(message);
 }
 
-std::string MatchRule(const std::string& interface, const std::string& member) {
+std::string MakeMatchRule(const std::string& interface, const std::string& member) {
     return "interface='" + interface + "',member='" + member + "'";
 }
 
 }  // namespace
 
-/// The implementation puts the parts together: `BusConnection` sends, receives and waits for replies,
-/// `MessageReceiver` keeps and dispatches what was received, `BusDaemon` asks for names and rules. This class
-/// owns the listen thread.
+/// Combines the parts of a connection. `BusConnection` sends, receives and waits for replies,
+/// `MessageReceiver` keeps and dispatches received messages, and `BusDaemon` requests names and rules. This
+/// class owns the listen thread.
 ///
-/// `_serverMutex` guards starting and stopping; it is held while the listen thread is joined, so it is never
-/// taken on that thread. Lock order: `_serverMutex`, `_busMutex`, a handler's mutex, the connection's lock,
+/// `_serverMutex` guards starting and stopping. It is held while the listen thread is joined, so that thread
+/// never locks it. Lock order: `_serverMutex`, `_busMutex`, a handler's mutex, the connection's lock, then
 /// the mutexes of the dispatcher, the inbox, the outbox, the pending calls, the watcher and the state.
 ///
-/// Why it is built so: one mutex that a waiting call, a handler and a sender share, as simple as it is, lets
-/// each of them stop the others for as long as a peer pleases, and turns a lock of the program into a
-/// deadlock. A thread that does all reading and writing costs a change of threads for each message, which
-/// doubles the time of a call. A connection for each purpose costs the bus a name and the program its order
-/// of messages.
+/// Why it is built so: a single mutex for waiting calls, handlers and senders would be simpler. But each of
+/// them could then block the others for as long as a peer takes, and a lock of the program could cause a
+/// deadlock. A thread for all reading and writing would cost a change of threads for each message, which
+/// doubles the time of a call. A connection for each purpose would cost the bus a name, and messages would
+/// lose their order.
 class ZARIP_HIDDEN MsgBus::MsgBusImpl final : public osa::Runnable {
 public:
     explicit MsgBusImpl(MsgBus* bus);
@@ -85,7 +85,7 @@ private:
     MessageReceiver _receiver;
     osa::Mutex _serverMutex{"_serverMutex"};
     std::unique_ptr<osa::Thread> _listenThread ZARIP_GUARDED_BY(_serverMutex);
-    BusConnection _connection;  // after what its thread uses
+    BusConnection _connection;  // after the members that its thread uses
     BusDaemon _daemon;
 };
 
@@ -112,11 +112,12 @@ void MsgBus::MsgBusImpl::Send(MsgBusMsgImpl& message) {
                        TextOf(dbus_message_get_interface(original)));
     }
     if (IsReply(original) && message.IsSent()) {
-        throw osa::Exception("%s", kSendFailed);  // a call has one reply
+        throw osa::Exception("%s", kSendFailed);  // a call has only one reply
     }
     MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
     if (IsCall(original)) {
-        // Nobody waits for a reply; without the flag the daemon would keep room for one for ever.
+        // No thread waits for a reply. Without the flag, the daemon would reserve a place for the reply for
+        // ever.
         dbus_message_set_no_reply(outgoing.message.Get(), TRUE);
     }
     if (_connection.Send(std::move(outgoing.message), outgoing.size, _state.GetPatience()) !=
@@ -140,8 +141,8 @@ void MsgBus::MsgBusImpl::SendReply(MsgBusMsgImpl& message) {
             _logger->Trace("Done sending reply");
             break;
         case Outbox::Result::kFull:
-            // Deliberately no exception: the handler that replies could only have it turned into another
-            // reply.
+            // Deliberate: this is logged and not thrown, because an exception of a handler would only become
+            // another reply.
             _logger->Error("dbus_connection_send() error: Out of Memory!");
             break;
         case Outbox::Result::kClosed:
@@ -194,7 +195,7 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
 
 void MsgBus::MsgBusImpl::StartServer(unsigned int stackSize, signed char priority) {
     if (_state.IsListenThread()) {
-        // A handler that had asked to stop may change its mind.
+        // A handler that has requested the stop may withdraw it.
         _state.TakeStopBack();
         _logger->Warning("listen thread already running");
         return;
@@ -239,7 +240,7 @@ void MsgBus::MsgBusImpl::StopServer(bool wait) {
 
 void MsgBus::MsgBusImpl::JoinListenThread() {
     if (_listenThread) {
-        // Once more: somebody may have taken the first request back.
+        // The request is repeated, because a handler may have withdrawn the first one.
         _state.RequestStop(true);
         _connection.WakeListener();
         _listenThread->Join();
@@ -247,7 +248,8 @@ void MsgBus::MsgBusImpl::JoinListenThread() {
     }
 }
 
-/// The calling thread is the listen thread for the length of a scope, which pthread_exit may end as well.
+/// Makes the calling thread the listen thread for a scope. The destructor also runs if a handler calls
+/// pthread_exit.
 class MsgBus::MsgBusImpl::Listening {
 public:
     explicit Listening(MsgBusImpl& impl) : _impl(impl), _mark(&impl._state) {
@@ -308,7 +310,7 @@ void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& 
                          member.c_str());
     _dispatcher.Add(interface, member, handler);
     try {
-        _daemon.AddMatch(MatchRule(interface, member));
+        _daemon.AddMatch(MakeMatchRule(interface, member));
     } catch (...) {
         _dispatcher.Remove(handler);  // the caller may delete it
         throw;
@@ -323,7 +325,7 @@ void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
     for (const auto& registration : registrations) {
         try {
             const auto& [interface, member] = registration.place;
-            _daemon.RemoveMatch(MatchRule(interface, member));
+            _daemon.RemoveMatch(MakeMatchRule(interface, member));
         } catch (const std::exception& e) {
             _logger->Error("Failed to unregister message handler: %s", e.what());
         } catch (...) {

@@ -48,14 +48,14 @@ MsgBusMsgImpl* NewMessage(MsgBusMsg::MsgBusMsgType type) {
 using Setter = dbus_bool_t (*)(DBusMessage*, const char*);
 using Validator = bool (*)(const char*);
 
-void Set(MsgBusMsgImpl& message, Setter setter, Validator isValid, const std::string& value,
-         const char* error) {
+void SetField(MsgBusMsgImpl& message, Setter setter, Validator isValid, const std::string& value,
+              const char* error) {
     if (message.IsSent() || !isValid(value.c_str()) || setter(message.Get(), value.c_str()) == FALSE) {
         throw osa::Exception("%s", error);
     }
 }
 
-/// A reply or error answers a serial number, which a call gets when it is sent.
+/// Throws unless the call has a serial number, which it gets when it is sent and to which a reply refers.
 void CheckAnswerable(DBusMessage* call) {
     if (dbus_message_get_serial(call) == 0) {
         throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");
@@ -90,21 +90,21 @@ MsgBusMsg::MsgBusMsg(MsgBusMsgImpl* impl) : _impl(impl) {
 MsgBusMsg::~MsgBusMsg() = default;
 
 void MsgBusMsg::SetMsgName(const std::string& name) {
-    Set(*_impl, &dbus_message_set_member, &IsValidMember, name, "dbus_message_set_member failed");
+    SetField(*_impl, &dbus_message_set_member, &IsValidMember, name, "dbus_message_set_member failed");
 }
 
 void MsgBusMsg::SetMsgInterface(const std::string& interface) {
-    Set(*_impl, &dbus_message_set_interface, &IsValidInterface, interface,
-        "dbus_message_set_interface failed");
+    SetField(*_impl, &dbus_message_set_interface, &IsValidInterface, interface,
+             "dbus_message_set_interface failed");
 }
 
 void MsgBusMsg::SetMsgDestination(const std::string& destination) {
-    Set(*_impl, &dbus_message_set_destination, &IsValidBusName, destination,
-        "dbus_message_set_destination failed");
+    SetField(*_impl, &dbus_message_set_destination, &IsValidBusName, destination,
+             "dbus_message_set_destination failed");
 }
 
 void MsgBusMsg::SetMsgPath(const std::string& path) {
-    Set(*_impl, &dbus_message_set_path, &IsValidPath, path, "dbus_message_set_path failed");
+    SetField(*_impl, &dbus_message_set_path, &IsValidPath, path, "dbus_message_set_path failed");
 }
 
 std::string MsgBusMsg::GetType() const {
@@ -286,8 +286,8 @@ MsgBusObjectSelector::MsgBusObjectSelector(const std::string& destination, const
 
 namespace {
 
-/// The message of a constructor below: names that the bus does not allow would end the process in the bus
-/// library, so they take the way through the setters, which throw.
+/// Makes the message of a constructor below. libdbus would end the process for a name that the bus does not
+/// allow, so such a name is passed to the setters, which throw.
 MsgBusMsgImpl* NewCall(const MsgBusObjectSelector& selector, bool valid, const char* member) {
     if (!valid || !IsValidMember(member)) {
         MsgBusMsg refused(MsgBusMsg::kMethodCall);

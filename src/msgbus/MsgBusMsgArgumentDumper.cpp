@@ -26,7 +26,7 @@ constexpr TypeRow kTypes[] = {
     {DBUS_TYPE_STRING, "string"},
 };
 
-std::string TypeName(int code) {
+std::string GetTypeName(int code) {
     for (const auto& row : kTypes) {
         if (row.code == code) {
             return row.name;
@@ -35,7 +35,7 @@ std::string TypeName(int code) {
     return "unknown(" + std::to_string(code) + ")";
 }
 
-json::UnknownElement BasicValue(DBusMessageIter& position) {
+json::UnknownElement ReadBasicValue(DBusMessageIter& position) {
     DBusBasicValue value{};
     const int code = dbus_message_iter_get_arg_type(&position);
     if (dbus_type_is_basic(code) == FALSE || code == DBUS_TYPE_UNIX_FD) {
@@ -68,12 +68,12 @@ json::UnknownElement BasicValue(DBusMessageIter& position) {
     }
 }
 
-json::UnknownElement ArrayValue(DBusMessageIter& position) {
+json::UnknownElement ReadArrayValue(DBusMessageIter& position) {
     json::Array elements;
     DBusMessageIter inner;
     dbus_message_iter_recurse(&position, &inner);
     for (; dbus_message_iter_get_arg_type(&inner) != DBUS_TYPE_INVALID; dbus_message_iter_next(&inner)) {
-        elements.Insert(BasicValue(inner));
+        elements.Insert(ReadBasicValue(inner));
     }
     return elements;
 }
@@ -106,11 +106,11 @@ std::string MsgBusMsgArgumentDumper::AsJson(bool withTypes) {
             break;
         }
         const bool isArray = code == DBUS_TYPE_ARRAY;
-        json::UnknownElement value = isArray ? ArrayValue(position) : BasicValue(position);
+        json::UnknownElement value = isArray ? ReadArrayValue(position) : ReadBasicValue(position);
         if (withTypes) {
             json::Object typed;
             typed["type"] =
-                json::String(TypeName(isArray ? dbus_message_iter_get_element_type(&position) : code));
+                json::String(GetTypeName(isArray ? dbus_message_iter_get_element_type(&position) : code));
             typed["value"] = value;
             arguments.Insert(typed);
         } else {

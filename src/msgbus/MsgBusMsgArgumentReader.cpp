@@ -10,15 +10,15 @@
 
 namespace zarip::msgbus {
 
-struct MsgBusMsgArgumentReader::State {
-    explicit State(DBusMessage* readMessage) : message(dbus_message_ref(readMessage)) {
+struct MsgBusMsgArgumentReader::Impl {
+    explicit Impl(DBusMessage* readMessage) : message(dbus_message_ref(readMessage)) {
         dbus_message_iter_init(message, &position);
     }
-    State(const State& other) : message(dbus_message_ref(other.message)), position(other.position) {}
-    State& operator=(const State&) = delete;
-    ~State() { dbus_message_unref(message); }
+    Impl(const Impl& other) : message(dbus_message_ref(other.message)), position(other.position) {}
+    Impl& operator=(const Impl&) = delete;
+    ~Impl() { dbus_message_unref(message); }
 
-    DBusMessage* message;  // kept, since the position points into it
+    DBusMessage* message;  // referenced, because the position points into it
     DBusMessageIter position{};
 };
 
@@ -42,7 +42,7 @@ void ReadBasic(DBusMessageIter& position, int type, T& value) {
     dbus_message_iter_next(&position);
 }
 
-/// The elements of the array at the position.
+/// Returns an iterator over the elements of the array at the position.
 DBusMessageIter EnterArray(DBusMessageIter& position, int elementType) {
     CheckType(dbus_message_iter_get_arg_type(&position), DBUS_TYPE_ARRAY);
     CheckType(dbus_message_iter_get_element_type(&position), elementType);
@@ -70,71 +70,71 @@ void ReadVector(DBusMessageIter& position, int elementType, std::vector<T>& valu
 }  // namespace
 
 MsgBusMsgArgumentReader::MsgBusMsgArgumentReader(const MsgBusMsg& message)
-    : _state(std::make_unique<State>(message._impl->Get())) {}
+    : _impl(std::make_unique<Impl>(message._impl->Get())) {}
 
 MsgBusMsgArgumentReader::MsgBusMsgArgumentReader(const MsgBusMsgArgumentReader& other)
-    : _state(std::make_unique<State>(*other._state)) {}
+    : _impl(std::make_unique<Impl>(*other._impl)) {}
 
 MsgBusMsgArgumentReader::~MsgBusMsgArgumentReader() = default;
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(bool& value) {
     dbus_bool_t number = FALSE;
-    ReadBasic(_state->position, DBUS_TYPE_BOOLEAN, number);
+    ReadBasic(_impl->position, DBUS_TYPE_BOOLEAN, number);
     value = number != FALSE;
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(unsigned char& value) {
-    ReadBasic(_state->position, DBUS_TYPE_BYTE, value);
+    ReadBasic(_impl->position, DBUS_TYPE_BYTE, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(short& value) {
-    ReadBasic(_state->position, DBUS_TYPE_INT16, value);
+    ReadBasic(_impl->position, DBUS_TYPE_INT16, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(unsigned short& value) {
-    ReadBasic(_state->position, DBUS_TYPE_UINT16, value);
+    ReadBasic(_impl->position, DBUS_TYPE_UINT16, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(int& value) {
-    ReadBasic(_state->position, DBUS_TYPE_INT32, value);
+    ReadBasic(_impl->position, DBUS_TYPE_INT32, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(unsigned int& value) {
-    ReadBasic(_state->position, DBUS_TYPE_UINT32, value);
+    ReadBasic(_impl->position, DBUS_TYPE_UINT32, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(long long& value) {
-    ReadBasic(_state->position, DBUS_TYPE_INT64, value);
+    ReadBasic(_impl->position, DBUS_TYPE_INT64, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(unsigned long long& value) {
-    ReadBasic(_state->position, DBUS_TYPE_UINT64, value);
+    ReadBasic(_impl->position, DBUS_TYPE_UINT64, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(double& value) {
-    ReadBasic(_state->position, DBUS_TYPE_DOUBLE, value);
+    ReadBasic(_impl->position, DBUS_TYPE_DOUBLE, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::string& value) {
-    CheckType(dbus_message_iter_get_arg_type(&_state->position), DBUS_TYPE_STRING);
+    CheckType(dbus_message_iter_get_arg_type(&_impl->position), DBUS_TYPE_STRING);
     const char* text = nullptr;
-    dbus_message_iter_get_basic(&_state->position, &text);
+    dbus_message_iter_get_basic(&_impl->position, &text);
     value = text;
-    dbus_message_iter_next(&_state->position);
+    dbus_message_iter_next(&_impl->position);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::deque<bool>& value) {
-    ReadArray<dbus_bool_t>(_state->position, DBUS_TYPE_BOOLEAN,
+    ReadArray<dbus_bool_t>(_impl->position, DBUS_TYPE_BOOLEAN,
                            [&value](const dbus_bool_t* begin, const dbus_bool_t* end) {
                                value.clear();
                                for (; begin != end; ++begin) {
@@ -145,27 +145,27 @@ MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::deque<bool>& v
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<unsigned char>& value) {
-    ReadVector(_state->position, DBUS_TYPE_BYTE, value);
+    ReadVector(_impl->position, DBUS_TYPE_BYTE, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<int>& value) {
-    ReadVector(_state->position, DBUS_TYPE_INT32, value);
+    ReadVector(_impl->position, DBUS_TYPE_INT32, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<unsigned int>& value) {
-    ReadVector(_state->position, DBUS_TYPE_UINT32, value);
+    ReadVector(_impl->position, DBUS_TYPE_UINT32, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<double>& value) {
-    ReadVector(_state->position, DBUS_TYPE_DOUBLE, value);
+    ReadVector(_impl->position, DBUS_TYPE_DOUBLE, value);
     return *this;
 }
 
 MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<std::string>& value) {
-    DBusMessageIter elements = EnterArray(_state->position, DBUS_TYPE_STRING);
+    DBusMessageIter elements = EnterArray(_impl->position, DBUS_TYPE_STRING);
     std::vector<std::string> read;
     for (; dbus_message_iter_get_arg_type(&elements) == DBUS_TYPE_STRING; dbus_message_iter_next(&elements)) {
         const char* text = nullptr;
@@ -173,7 +173,7 @@ MsgBusMsgArgumentReader& MsgBusMsgArgumentReader::operator>>(std::vector<std::st
         read.emplace_back(text);
     }
     value.insert(value.end(), std::make_move_iterator(read.begin()), std::make_move_iterator(read.end()));
-    dbus_message_iter_next(&_state->position);
+    dbus_message_iter_next(&_impl->position);
     return *this;
 }
 

@@ -60,7 +60,7 @@ private:
     throw osa::Exception("dbus_connection_send failed");
 }
 
-MessageRef Copy(DBusMessage* message) {
+MessageRef CopyMessage(DBusMessage* message) {
     MessageRef copy = MessageRef::Adopt(dbus_message_copy(message));
     if (!copy) {
         throw osa::Exception("dbus_message_copy failed");
@@ -68,7 +68,7 @@ MessageRef Copy(DBusMessage* message) {
     return copy;
 }
 
-/// Whether the message has what its type needs, and no name that libdbus keeps for itself.
+/// Returns whether the message has the fields that its type needs and no name that libdbus reserves.
 bool HasValidFields(DBusMessage* message) {
     const char* const path = dbus_message_get_path(message);
     const char* const interface = dbus_message_get_interface(message);
@@ -91,11 +91,11 @@ bool HasValidFields(DBusMessage* message) {
     }
 }
 
-/// The size of a message on the wire, found by writing it down and reading it back as the daemon would. 0 for
-/// one that the daemon would not take.
+/// Determines the size of a message on the wire by marshalling it and demarshalling it as the daemon does.
+/// Returns 0 for a message that the daemon would not accept.
 std::size_t MeasureOnWire(DBusMessage* message) {
-    const MessageRef copy = Copy(message);
-    dbus_message_set_serial(copy.Get(), 1);  // none is malformed
+    const MessageRef copy = CopyMessage(message);
+    dbus_message_set_serial(copy.Get(), 1);  // a message without a serial number is malformed
     char* data = nullptr;
     int size = 0;
     if (dbus_message_marshal(copy.Get(), &data, &size) == FALSE) {
@@ -106,7 +106,7 @@ std::size_t MeasureOnWire(DBusMessage* message) {
         return 0;
     }
     if (dbus_message_contains_unix_fds(message) != FALSE) {
-        return static_cast<std::size_t>(size);  // libdbus reads back no descriptors
+        return static_cast<std::size_t>(size);  // libdbus cannot demarshal descriptors
     }
     DBusErrorRecord error;
     return MessageRef::Adopt(dbus_message_demarshal(data, size, error.Get())) ? static_cast<std::size_t>(size)
@@ -126,7 +126,7 @@ MsgBusMsgImpl::MsgBusMsgImpl(MessageRef message)
 MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* borrowed) : _message(borrowed), _sent(true), _isSizeKnown(false) {}
 
 MsgBusMsgImpl::MsgBusMsgImpl(const MsgBusMsgImpl& original)
-    : _owned(Copy(original._message)),
+    : _owned(CopyMessage(original._message)),
       _message(_owned.Get()),
       _sent(false),
       _isSizeKnown(original._isSizeKnown),
@@ -141,13 +141,13 @@ MsgBusMsgImpl::Outgoing MsgBusMsgImpl::MakeOutgoing() const {
         if (size + kMaxHeaderSize > kMaxMessageSize) {
             ThrowSendFailed();
         }
-        return {_sent ? Copy(_message) : MessageRef::Share(_message), size};
+        return {_sent ? CopyMessage(_message) : MessageRef::Share(_message), size};
     }
     const std::size_t size = MeasureOnWire(_message);
     if (size == 0) {
         ThrowSendFailed();
     }
-    return {Copy(_message), size};
+    return {CopyMessage(_message), size};
 }
 
 void MsgBusMsgImpl::CheckAppend(std::size_t codes) const {

@@ -14,26 +14,25 @@ namespace zarip::msgbus {
 
 /// The libdbus message of a `MsgBusMsg`. *One thread at a time.*
 ///
-/// A message is *open* at first: arguments are appended and fields are set. It is *sent* once a connection
-/// has accepted it, or from the start if it was received; then nothing changes it any more, and sending it
-/// again sends a copy.
+/// A message is *open* at first: arguments can be appended and fields be set. It is *sent* once a connection
+/// has accepted it, or from the beginning if it was received. Then it does not change any more, and sending
+/// it again sends a copy.
 class MsgBusMsgImpl {
 public:
     /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
     explicit MsgBusMsgImpl(MessageRef message);
 
-    /// @param borrowed  the caller keeps it for as long as this object lives, and it counts as sent. Not
-    /// null.
+    /// @param borrowed  not null, *not owned*; must outlive this object, and counts as sent.
     explicit MsgBusMsgImpl(DBusMessage* borrowed);
 
-    /// An open copy. Throws "dbus_message_copy failed".
+    /// Makes an open copy. Throws "dbus_message_copy failed".
     MsgBusMsgImpl(const MsgBusMsgImpl& original);
     MsgBusMsgImpl& operator=(const MsgBusMsgImpl&) = delete;
     ~MsgBusMsgImpl() = default;
 
     DBusMessage* Get() const { return _message; }
 
-    /// For code that may change the message without this object's knowledge: its size is not known any more.
+    /// Returns the message to code that may change it, after which its size is unknown.
     DBusMessage* Expose() {
         _isSizeKnown = false;
         return _message;
@@ -47,26 +46,27 @@ public:
     void MarkSent() { _sent = true; }
     bool IsSent() const { return _sent; }
 
-    /// The message in the form in which a connection sends it, and its size in bytes without the short
-    /// fields. The message itself, unless it was sent or somebody else may change it: then a copy of it.
+    /// A message that a connection can send, and its size in bytes without the short fields. It is the
+    /// message itself, or a copy if the message was sent or other code may change it.
     struct Outgoing {
         MessageRef message;
         std::size_t size;
     };
 
-    /// Throws "dbus_connection_send failed" for a message over which the bus would close the connection:
-    /// above 32 MiB, with names that are libdbus's own, without a field that its type needs, or malformed.
+    /// Throws "dbus_connection_send failed" for a message for which the bus would close the connection:
+    /// larger than 32 MiB, with names that libdbus reserves, without a field that its type needs, or
+    /// malformed.
     Outgoing MakeOutgoing() const;
 
 private:
-    /// Throws unless `codes` more type codes may be appended.
+    /// Throws unless the message is open and has room for `codes` more type codes.
     void CheckAppend(std::size_t codes) const;
 
     MessageRef _owned;  ///< null for a borrowed message
     DBusMessage* _message;
     bool _sent;
     bool _isSizeKnown;
-    std::size_t _size = 0;  ///< of the arguments, at most
+    std::size_t _size = 0;  ///< an upper bound for the size of the arguments
 };
 
 }  // namespace zarip::msgbus

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kFullMemory = std::size_t{64} * 1024 * 1024;
 constexpr std::size_t kFullCount = 100'000;
 constexpr std::size_t kLowMark = std::size_t{1024} * 1024;
-/// What a message without arguments takes, measured with libdbus and this queue.
+/// The memory of a message without arguments, measured with libdbus and this queue.
 constexpr std::size_t kOverheadOfMessage = 640;
 constexpr osa::MonotonicMs kStallMs = 100;
 
@@ -27,11 +27,11 @@ Outbox::Result Outbox::Put(MessageRef message, std::size_t size, Patience patien
     if (_isClosed) {
         return Result::kClosed;
     }
-    // From here on libdbus refuses to change it, as it does with what it has sent itself.
+    // From here on libdbus refuses to change the message, as if libdbus had sent it.
     dbus_message_lock(message.Get());
     _queue.push_back({std::move(message), memory});
     _memory += memory;
-    Update();
+    UpdateFlags();
     return Result::kTaken;
 }
 
@@ -43,14 +43,14 @@ bool Outbox::IsStalled(osa::MonotonicMs now) const {
     return _isBlocked && now - _lastProgress >= kStallMs;
 }
 
-/// False when there is no room; true also when the outbox was closed meanwhile.
+/// Waits for room. Returns false if there is none; returns true also if the outbox was closed in between.
 bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t memory, Patience patience,
                          osa::MonotonicMs until) {
     const osa::MonotonicMs end = osa::NowMs() + kStallMs;
     while (!_isClosed && _memory > kLowMark) {
         const bool isFull = IsFullFor(memory);
         const osa::MonotonicMs now = osa::NowMs();
-        // The end of this wait if the bus takes nothing meanwhile.
+        // The time at which this wait ends if the bus accepts nothing until then.
         osa::MonotonicMs giveUp = _isBlocked ? _lastProgress + kStallMs : now + kStallMs;
         if (isFull) {
             giveUp = std::max(giveUp, until);
@@ -70,29 +70,29 @@ bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t memory,
 
 MessageRef Outbox::Take() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    Release();
+    NoteTakenWritten();
     MessageRef message;
     if (!_queue.empty()) {
         message = std::move(_queue.front().message);
         _takenMemory = _queue.front().memory;
         _queue.pop_front();
     }
-    Update();
+    UpdateFlags();
     return message;
 }
 
 void Outbox::NoteWritten() {
     const std::lock_guard<std::mutex> lock(_mutex);
-    Release();
-    Update();
+    NoteTakenWritten();
+    UpdateFlags();
 }
 
-/// What was taken is written.
-void Outbox::Release() {
+/// Notes that the message taken last is written.
+void Outbox::NoteTakenWritten() {
     _memory -= _takenMemory;
     _takenMemory = 0;
     _isBlocked = false;
-    // Not at every message below the mark, so that a waiting sender gets room for many at a time.
+    // Waiting senders are not woken at every message, so that they get room for many messages at once.
     if (_waiters > 0 && (_memory <= kLowMark / 2 || _queue.empty())) {
         _changed.notify_all();
     }
@@ -103,7 +103,7 @@ void Outbox::NoteBlocked() {
     if (!_isBlocked) {
         _isBlocked = true;
         _lastProgress = osa::NowMs();
-        Update();
+        UpdateFlags();
     }
 }
 
@@ -120,7 +120,7 @@ void Outbox::Withdraw(dbus_uint32_t serial) {
     if (entry != _queue.end()) {
         _memory -= entry->memory;
         _queue.erase(entry);
-        Update();
+        UpdateFlags();
     }
 }
 
@@ -131,7 +131,7 @@ std::size_t Outbox::Close() {
     _isClosed = true;
     _memory = 0;
     _takenMemory = 0;
-    Update();
+    UpdateFlags();
     _changed.notify_all();
     return lost;
 }
@@ -149,7 +149,7 @@ void Outbox::WaitUntilWritten(int limitMs) {
     }
 }
 
-void Outbox::Update() {
+void Outbox::UpdateFlags() {
     _hasWork.store(!_queue.empty() && !_isBlocked, std::memory_order_release);
     _isIdle.store(_queue.empty() && _takenMemory == 0, std::memory_order_release);
 }

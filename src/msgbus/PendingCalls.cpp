@@ -66,7 +66,7 @@ bool PendingCalls::Complete(MessageRef& reply) {
     for (Call* const call : _calls) {
         if (call->serial == serial && !call->isDone) {
             call->reply = std::move(reply);
-            Finish(*call);
+            FinishCall(*call);
             return true;
         }
     }
@@ -77,12 +77,12 @@ void PendingCalls::FailAll() {
     const std::lock_guard<std::mutex> lock(_mutex);
     for (Call* const call : _calls) {
         if (!call->isDone) {
-            Finish(*call);
+            FinishCall(*call);
         }
     }
 }
 
-void PendingCalls::Finish(Call& call) {
+void PendingCalls::FinishCall(Call& call) {
     call.isDone = true;
     if (::pthread_equal(call.thread, ::pthread_self()) != 0) {
         return;

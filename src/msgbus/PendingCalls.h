@@ -14,12 +14,15 @@
 
 namespace zarip::msgbus {
 
-/// The calls of a connection that wait for their replies. *Thread-safe*; its mutex is a leaf.
+/// The calls of a connection that wait for their replies. *Thread-safe*; no other lock is taken while its
+/// mutex is held.
 ///
-/// The calling threads share the reading of the connection as leader and followers. One of them, the leader,
-/// waits for the descriptor and reads for all; the others sleep until their reply is there. A leader whose
-/// own reply has come hands the lead to the call that has waited longest. So a call costs no change of
-/// threads while it is the only one, and any number of calls wait without disturbing one another.
+/// The calling threads share the reading of the connection as leader and followers. The leader waits for the
+/// descriptor and reads for all; the followers sleep until their replies have arrived. When the leader's own
+/// reply has arrived, it passes the lead to the call that has waited longest. So a single call costs no
+/// change of threads, and any number of calls can wait at once.
+///
+/// Each call goes through `Add`, `Begin`, any number of `Wait`, and `Remove`.
 class PendingCalls {
 public:
     /// A call, on the stack of the thread that waits for it.
@@ -30,9 +33,9 @@ public:
 
         const dbus_uint32_t serial;
         const pthread_t thread;
-        MessageRef reply;  ///< null if it failed; valid once `isDone`
+        MessageRef reply;  ///< valid once `isDone`; null if the call failed
         bool isDone = false;
-        bool isWaiting = false;  ///< may lead
+        bool isWaiting = false;  ///< whether it may become the leader
         bool leads = false;
         std::condition_variable changed;
     };
@@ -40,39 +43,41 @@ public:
     /// Throws "pipe failed" when the system gives no descriptor.
     PendingCalls();
 
-    /// Enters a call, so that its reply finds it.
+    /// Adds a call. To be called before it is sent, so that its reply finds it.
     void Add(Call& call);
 
-    /// The call begins to wait. It becomes the leader if no other call leads; true if it leads.
+    /// Notes that the call waits from now on. It becomes the leader if no other call leads. Returns whether
+    /// it leads.
     bool Begin(Call& call);
 
-    /// Removes a call. If it was the leader another one leads; true if no other is there to lead.
+    /// Removes a call. If it was the leader, another waiting call becomes the leader. Returns true if it was
+    /// the leader and no other call waits.
     bool Remove(Call& call);
 
-    /// Waits until the call is done, leads, or its time has come.
+    /// Waits until the call is done, becomes the leader, or times out.
     void Wait(Call& call, osa::MonotonicMs until);
 
     enum class Role { kDone, kLeader, kFollower };
     Role GetRole(const Call& call) const;
 
-    /// Hands a reply to its call; false if no call waits for it.
+    /// Passes a reply to its call; returns false if no call waits for it.
     bool Complete(MessageRef& reply);
 
-    /// The connection is lost: every call ends without a reply.
+    /// Ends every call without a reply, because the connection is lost.
     void FailAll();
 
-    /// Readable when another thread has completed the leader's call.
+    /// Returns a descriptor that is readable when another thread has completed the leader's call.
     int GetWakeFd() const { return _wake.Get(); }
 
-    /// By the leader.
+    /// Resets that descriptor; only the leader calls this.
     void ClearWake();
 
 private:
-    void Finish(Call& call);
+    void FinishCall(Call& call);
 
     osa::UniqueFd _wake;
     mutable std::mutex _mutex;
-    std::vector<Call*> _calls;  ///< the oldest first
+    std::vector<Call*> _calls;  ///< in the order of `Add`
     bool _hasLeader = false;
 };
 

@@ -23,7 +23,7 @@ struct ContextDelete {
     void operator()(xmlParserCtxt* context) const { xmlFreeParserCtxt(context); }
 };
 
-/// A document on its way to the parser.
+/// A document that is being parsed.
 struct Source {
     xmlParserCtxt* parser;
     std::string_view left;
@@ -31,8 +31,7 @@ struct Source {
     XmlVerdict verdict{};
 };
 
-/// Called by the parser in the middle of what it reads: each part of the document has been looked at before
-/// the parser gets it.
+/// Passes the next part of the document to the parser, which calls this, after it was scanned.
 int ReadSource(void* context, char* buffer, int length) {
     auto& source = *static_cast<Source*>(context);
     const std::size_t count = source.left.copy(buffer, static_cast<std::size_t>(length));
@@ -79,11 +78,12 @@ XmlDocument::XmlDocument(const std::string& rootName, const std::string& namespa
     CheckName(rootName, false);
     CheckNamespace({}, namespaceUri);
     _impl = std::make_unique<Impl>();
-    _impl->document.reset(Made(xmlNewDoc(ToXml("1.0"))));
-    xmlNode* const root = Made(xmlNewDocNode(_impl->document.get(), nullptr, ToXml(rootName), nullptr));
+    _impl->document.reset(RequireMade(xmlNewDoc(ToXml("1.0"))));
+    xmlNode* const root =
+        RequireMade(xmlNewDocNode(_impl->document.get(), nullptr, ToXml(rootName), nullptr));
     xmlDocSetRootElement(_impl->document.get(), root);
     if (!namespaceUri.empty()) {
-        xmlSetNs(root, Made(xmlNewNs(root, ToXml(namespaceUri), nullptr)));
+        xmlSetNs(root, RequireMade(xmlNewNs(root, ToXml(namespaceUri), nullptr)));
     }
 }
 
@@ -94,7 +94,7 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
     }
     auto impl = std::make_unique<Impl>();
     const ErrorScope errors;
-    const std::unique_ptr<xmlParserCtxt, ContextDelete> context(Made(xmlNewParserCtxt()));
+    const std::unique_ptr<xmlParserCtxt, ContextDelete> context(RequireMade(xmlNewParserCtxt()));
     Source source{context.get(), text};
     source.verdict.Attach(*context);
     context->sax->startElementNs = StartElement;

@@ -25,8 +25,8 @@ bool HasName(const xmlNode* node, const std::string& name, const std::string* na
             ToView(node->ns != nullptr ? node->ns->href : nullptr) == *namespaceUri);
 }
 
-/// How many elements there are from the root to this one.
-int DepthOf(const xmlNode* node) {
+/// Returns the number of elements from the root to this one.
+int CountDepth(const xmlNode* node) {
     int depth = 0;
     for (; node != nullptr && node->type == XML_ELEMENT_NODE; node = node->parent) {
         ++depth;
@@ -34,8 +34,8 @@ int DepthOf(const xmlNode* node) {
     return depth;
 }
 
-/// The node after another in the order of the document, inside `top`; null after the last.
-const xmlNode* Following(const xmlNode* node, const xmlNode* top) {
+/// Returns the next node inside `top` in the order of the document; null after the last.
+const xmlNode* FindFollowing(const xmlNode* node, const xmlNode* top) {
     if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
         return node->children;
     }
@@ -45,20 +45,20 @@ const xmlNode* Following(const xmlNode* node, const xmlNode* top) {
     return node == top ? nullptr : node->next;
 }
 
-/// Whether the name of the element, or one inside it, has a prefix that is declared around the element, if at
-/// all: a declaration here would move it to another namespace once it is saved.
+/// Returns whether a name in the element uses the prefix with a meaning from outside the element. A
+/// declaration here would move that name to another namespace when the document is saved.
 bool UsesPrefix(xmlNode* top, const std::string& prefix) {
     const xmlChar* const searched = prefix.empty() ? nullptr : ToXml(prefix);
     const xmlNs* const outer = xmlSearchNs(top->doc, top, searched);
     for (xmlNs* declared = top->nsDef; declared != nullptr; declared = declared->next) {
         if (declared == outer) {
-            return false;  // declared already: told as that
+            return false;  // the caller reports that it is declared already
         }
     }
     const auto isMeant = [&](const xmlNs* used) {
         return ToView(used != nullptr ? used->prefix : nullptr) == prefix;
     };
-    for (const xmlNode* node = top; node != nullptr; node = Following(node, top)) {
+    for (const xmlNode* node = top; node != nullptr; node = FindFollowing(node, top)) {
         if (node->type != XML_ELEMENT_NODE) {
             continue;
         }
@@ -121,7 +121,7 @@ std::string XmlElement::GetText() const {
 
 void XmlElement::SetText(const std::string& text) {
     CheckText(text);
-    xmlNode* const added = text.empty() ? nullptr : Made(xmlNewDocText(Node()->doc, ToXml(text)));
+    xmlNode* const added = text.empty() ? nullptr : RequireMade(xmlNewDocText(Node()->doc, ToXml(text)));
     while (Node()->children != nullptr) {
         xmlNode* const child = _node->children;
         xmlUnlinkNode(child);
@@ -162,7 +162,7 @@ void XmlElement::SetAttribute(const std::string& name, const std::string& value,
             throw XmlException("undeclared namespace '" + namespaceUri + "'");
         }
     }
-    Made(xmlSetNsProp(Node(), declared, ToXml(name), ToXml(value)));
+    RequireMade(xmlSetNsProp(Node(), declared, ToXml(name), ToXml(value)));
 }
 
 bool XmlElement::RemoveAttribute(const std::string& name, const std::string& namespaceUri) {
@@ -232,7 +232,7 @@ std::vector<XmlElement> XmlElement::GetChildren(const std::string& name) const {
 
 XmlElement XmlElement::Add(const std::string& name, const std::string* namespaceUri) {
     CheckName(name, false);
-    if (DepthOf(Node()) >= kMaxDepth) {
+    if (CountDepth(Node()) >= kMaxDepth) {
         throw XmlException("elements are nested too deep");
     }
     xmlNs* declared = Node()->ns;
@@ -242,7 +242,7 @@ XmlElement XmlElement::Add(const std::string& name, const std::string* namespace
         CheckNamespace({}, *namespaceUri);
         declared = namespaceUri->empty() ? nullptr : FindNamespace(_node, *namespaceUri, false);
     }
-    xmlNode* const child = Made(xmlNewDocNode(_node->doc, declared, ToXml(name), nullptr));
+    xmlNode* const child = RequireMade(xmlNewDocNode(_node->doc, declared, ToXml(name), nullptr));
     if (isOther && declared == nullptr) {
         // Of no namespace where a default one is declared around, or of one that is new here.
         if (!namespaceUri->empty() || xmlSearchNs(_node->doc, _node, nullptr) != nullptr) {

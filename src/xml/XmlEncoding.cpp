@@ -12,11 +12,12 @@ namespace zarip::xml {
 
 namespace {
 
-/// How ASCII stands in a document.
+/// How ASCII characters are represented in a document.
 enum Form : unsigned int { kBytes = 1, kMarkedBytes = 2, kBigEndian = 4, kLittleEndian = 8 };
 
-/// What may be declared, and with which forms. UTF-8 with all: documents in UTF-16 often say so, and are read
-/// as UTF-16. Other contradictions would be read wrong, or in one way first and then in another.
+/// The encodings that may be declared, and the forms with which they may be combined. UTF-8 is accepted with
+/// all forms, because documents in UTF-16 often declare it and are read as UTF-16. With other contradictions
+/// the document, or a part of it, would be read in a wrong encoding.
 constexpr struct {
     const char* name;
     unsigned int forms;
@@ -37,8 +38,8 @@ bool StartsWith(std::string_view text, std::string_view start) {
     return text.substr(0, start.size()) == start;
 }
 
-/// The forms that the encoding passes with; 0 for any other encoding.
-unsigned int FormsOf(const std::string& name) {
+/// Returns the forms with which the encoding is accepted; 0 for other encodings.
+unsigned int FindForms(const std::string& name) {
     for (const auto& passed : kPassed) {
         if (::strcasecmp(name.c_str(), passed.name) == 0) {
             return passed.forms;
@@ -47,8 +48,8 @@ unsigned int FormsOf(const std::string& name) {
     return 0;
 }
 
-/// By the first four bytes.
-Form FormOf(std::string_view head) {
+/// Detects the form by the first four bytes.
+Form DetectForm(std::string_view head) {
     using namespace std::string_view_literals;
     if (StartsWith(head, "\xFE\xFF"sv) || StartsWith(head, "\0<"sv)) {
         return kBigEndian;
@@ -59,7 +60,8 @@ Form FormOf(std::string_view head) {
     return StartsWith(head, "\xEF\xBB\xBF"sv) ? kMarkedBytes : kBytes;
 }
 
-/// How the parser tells encodings that are not written in the text, by the first four bytes.
+/// Detects, as the parser does, encodings by their first four bytes that need no declaration, and returns
+/// their names. All of them are refused.
 const char* FindRefused(std::string_view head) {
     using namespace std::string_view_literals;
     if (head == "\x4C\x6F\xA7\x94"sv) {
@@ -73,22 +75,22 @@ const char* FindRefused(std::string_view head) {
 }  // namespace
 
 bool XmlEncoding::IsWide() const {
-    return (FormOf({_head, _size}) & (kBigEndian | kLittleEndian)) != 0;
+    return (DetectForm({_head, _size}) & (kBigEndian | kLittleEndian)) != 0;
 }
 
 bool XmlEncoding::IsBigEndian() const {
-    return FormOf({_head, _size}) == kBigEndian;
+    return DetectForm({_head, _size}) == kBigEndian;
 }
 
 bool XmlEncoding::Add(std::string_view piece) {
     if (_state == kLooking) {
         _size += piece.copy(_head + _size, kMaxHead - _size);
-        Look();
+        DetectEncoding();
     }
     return _state != kRefused;
 }
 
-void XmlEncoding::Look() {
+void XmlEncoding::DetectEncoding() {
     if (_size < 4) {
         return;
     }
@@ -107,10 +109,10 @@ void XmlEncoding::Look() {
         _state = kPassed;
         return;
     }
-    // Not only once the end is there: after the encoding the parser reads in it, and may find an end that is
-    // written otherwise.
+    // The declaration is checked before its end has arrived. The parser switches to the declared encoding at
+    // once and might find an end that is encoded differently.
     const std::size_t end = text.find("?>");
-    LookAtDeclaration(text.substr(0, end));
+    ReadDeclaration(text.substr(0, end));
     if (_state == kLooking && end != std::string_view::npos) {
         _state = kPassed;
     } else if (_state == kLooking && _size == kMaxHead) {
@@ -118,10 +120,10 @@ void XmlEncoding::Look() {
     }
 }
 
-/// The head as ASCII, with '?' for all other characters and without the mark of the byte order.
+/// Converts the head to ASCII, with '?' for all other characters and without the byte order mark.
 std::size_t XmlEncoding::Decode(char* text) const {
     const auto at = [this](std::size_t i) { return static_cast<unsigned char>(_head[i]); };
-    const Form form = FormOf({_head, _size});
+    const Form form = DetectForm({_head, _size});
     const std::size_t width = form == kBigEndian || form == kLittleEndian ? 2 : 1;
     const std::size_t begin = form == kMarkedBytes ? 3 : width == 2 && at(0) >= 0xFE ? 2 : 0;
     std::size_t length = 0;
@@ -134,12 +136,12 @@ std::size_t XmlEncoding::Decode(char* text) const {
     return length;
 }
 
-void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
+void XmlEncoding::ReadDeclaration(std::string_view declaration) {
     constexpr std::string_view kKey = "encoding";
     for (std::size_t at = declaration.find(kKey); at != std::string_view::npos;
          at = declaration.find(kKey, at)) {
         at += kKey.size();
-        // What is not written as it must be is for the parser to refuse.
+        // A malformed declaration is ignored here, because the parser refuses it.
         std::size_t begin = declaration.find_first_not_of(kBlanks, at);
         if (begin == std::string_view::npos || declaration[begin] != '=') {
             continue;
@@ -153,8 +155,8 @@ void XmlEncoding::LookAtDeclaration(std::string_view declaration) {
             continue;
         }
         const std::string name(declaration.substr(begin + 1, end - begin - 1));
-        const unsigned int forms = FormsOf(name);
-        if (!name.empty() && (forms & FormOf({_head, _size})) == 0) {
+        const unsigned int forms = FindForms(name);
+        if (!name.empty() && (forms & DetectForm({_head, _size})) == 0) {
             const std::string_view before = declaration.substr(0, begin + 1);
             _name = name;
             _isContradiction = forms != 0;

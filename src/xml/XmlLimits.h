@@ -6,12 +6,12 @@
 
 namespace zarip::xml {
 
-// What documents may have. The reader, the document and the writer share these numbers, so that each of them
-// takes what the others take. libxml2 compares each of some things with all others of their kind; the first
-// three limits keep the time for that in proportion to the length of the document.
+// The limits of documents. The reader, the document and the writer share them, so that each accepts what the
+// others accept. libxml2 compares all attributes, namespaces and names with each other. The first three
+// limits keep the time for that proportional to the length of the document.
 
-constexpr std::size_t kMaxAttributes = 2'048;  ///< of one element, declarations of namespaces included
-constexpr int kMaxNamespaces = 256;            ///< that are declared for one element, here or around
+constexpr std::size_t kMaxAttributes = 2'048;  ///< of one element, including declarations of namespaces
+constexpr int kMaxNamespaces = 256;            ///< declared for one element, by itself or around it
 constexpr int kMaxNames = 65'536;              ///< different names in a document
 
 constexpr int kMaxDepth = 256;                 ///< of elements
@@ -30,7 +30,7 @@ constexpr char kInvalidId[] = "xml:id is not a name";
 constexpr char kDoubledId[] = "xml:id is not the only one of its value";
 constexpr char kInvalidText[] = "invalid text";
 constexpr char kZeroByte[] = "zero bytes are not allowed";
-/// As libxml2 has it.
+/// The message of libxml2.
 constexpr char kTooDeep[] = "Excessive depth in document: 256 use XML_PARSE_HUGE option";
 
 }  // namespace zarip::xml

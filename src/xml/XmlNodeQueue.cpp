@@ -9,18 +9,19 @@ namespace zarip::xml {
 
 namespace {
 
-/// Doubled ones are looked for among so many; in a long document the memory of all would not be that of a
-/// piece.
+/// Duplicates are only searched among this many. Remembering all values of a long document would take too
+/// much memory.
 constexpr std::size_t kMaxIds = 4'096;
 
 constexpr std::string_view kSpaces = " \t\r\n";
 
-XmlNodeQueue& QueueOf(void* parser) {
+XmlNodeQueue& GetQueue(void* parser) {
     return static_cast<XmlNodeQueue&>(XmlVerdict::Of(parser));
 }
 
-/// Of an attribute as the parser hands it over: local name, prefix, namespace, begin and end of the value.
-std::string_view ValueOf(const xmlChar** attribute) {
+/// Returns the value of an attribute in the parser's form: local name, prefix, namespace, begin and end of
+/// the value.
+std::string_view GetValue(const xmlChar** attribute) {
     return {reinterpret_cast<const char*>(attribute[3]),
             static_cast<std::size_t>(attribute[4] - attribute[3])};
 }
@@ -35,7 +36,7 @@ const XmlNodeQueue::Node XmlNodeQueue::_none;
 
 void XmlNodeQueue::Attach(xmlParserCtxt& parser) {
     xmlSAXHandler& handlers = *parser.sax;
-    handlers = {};  // those that would build a document
+    handlers = {};  // removes the handlers that build a document
     handlers.initialized = XML_SAX2_MAGIC;
     XmlVerdict::Attach(parser);
     handlers.startElementNs = OnStart;
@@ -67,7 +68,7 @@ bool XmlNodeQueue::Advance(bool isComplete) {
     return true;
 }
 
-/// Keeps at most a text that is not whole.
+/// Drops all delivered nodes, so that at most an incomplete text is left.
 void XmlNodeQueue::DropDelivered() {
     const bool hasOpenText = _at < _nodes.size();
     const std::size_t dropped = hasOpenText ? _nodes[_at].value.begin : _texts.size();
@@ -96,7 +97,7 @@ XmlNodeQueue::Node& XmlNodeQueue::Add(xmlParserCtxt* parser, XmlReader::NodeType
     return node;
 }
 
-/// The parser hands over long texts in parts.
+/// Adds a text, or appends to the last node, because the parser delivers long texts in parts.
 void XmlNodeQueue::AddText(xmlParserCtxt* parser, XmlReader::NodeType type, std::string_view text) {
     const bool isMore = !_nodes.empty() && _nodes.back().type == type;
     Node& node = isMore ? _nodes.back() : Add(parser, type);
@@ -123,14 +124,14 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
                            int namespaceCount, const xmlChar** namespaces, int attributeCount,
                            int /*defaultedCount*/, const xmlChar** attributes) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
-    XmlNodeQueue& queue = QueueOf(parser);
+    XmlNodeQueue& queue = GetQueue(parser);
     queue.OpenElement(parser, namespaceCount);
     if (queue._depth > kMaxDepth) {
         queue.Refuse(parser, kTooDeep);
     }
     for (const xmlChar** one = attributes; one != attributes + std::ptrdiff_t{5} * attributeCount; one += 5) {
         if (ToView(one[1]) == "xml" && ToView(one[0]) == "id") {
-            queue.CheckId(parser, ValueOf(one));
+            queue.CheckId(parser, GetValue(one));
         }
     }
     if (queue.IsBad()) {
@@ -149,14 +150,14 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
                            ToView(one[1]));
     }
     for (const xmlChar** one = attributes; one != attributes + std::ptrdiff_t{5} * attributeCount; one += 5) {
-        queue.AddAttribute({one[0], one[1], one[2]}, ValueOf(one));
+        queue.AddAttribute({one[0], one[1], one[2]}, GetValue(one));
     }
     ++queue._depth;
 }
 
 void XmlNodeQueue::OnEnd(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
-    XmlNodeQueue& queue = QueueOf(parser);
+    XmlNodeQueue& queue = GetQueue(parser);
     queue.CloseElement();
     --queue._depth;
     if (!queue._nodes.empty() && queue._nodes.back().isEmpty && queue._nodes.back().depth == queue._depth) {
@@ -166,24 +167,24 @@ void XmlNodeQueue::OnEnd(void* context, const xmlChar* local, const xmlChar* pre
 }
 
 void XmlNodeQueue::OnText(void* context, const xmlChar* text, int length) {
-    QueueOf(context).AddText(static_cast<xmlParserCtxt*>(context), XmlReader::kText,
-                             {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+    GetQueue(context).AddText(static_cast<xmlParserCtxt*>(context), XmlReader::kText,
+                              {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
 }
 
 void XmlNodeQueue::OnCData(void* context, const xmlChar* text, int length) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     const std::string_view part(reinterpret_cast<const char*>(text), static_cast<std::size_t>(length));
-    // libxml2 checks all but these, which it reads in parts of whole characters.
+    // libxml2 checks all other texts. It delivers these in parts of whole characters.
     if (!IsText(part)) {
-        QueueOf(parser).Refuse(parser, kInvalidText);
+        GetQueue(parser).Refuse(parser, kInvalidText);
     }
-    QueueOf(parser).AddText(parser, XmlReader::kCData, part);
+    GetQueue(parser).AddText(parser, XmlReader::kCData, part);
 }
 
 void XmlNodeQueue::OnComment(void* context, const xmlChar* text) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     if (parser->inSubset == 0) {
-        XmlNodeQueue& queue = QueueOf(parser);
+        XmlNodeQueue& queue = GetQueue(parser);
         queue.Add(parser, XmlReader::kComment).value = queue.Append(ToView(text));
     }
 }
@@ -191,7 +192,7 @@ void XmlNodeQueue::OnComment(void* context, const xmlChar* text) {
 void XmlNodeQueue::OnInstruction(void* context, const xmlChar* target, const xmlChar* data) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
     if (parser->inSubset == 0) {
-        XmlNodeQueue& queue = QueueOf(parser);
+        XmlNodeQueue& queue = GetQueue(parser);
         Node& node = queue.Add(parser, XmlReader::kProcessingInstruction);
         node.name.local = target;
         node.value = queue.Append(ToView(data));
@@ -199,13 +200,13 @@ void XmlNodeQueue::OnInstruction(void* context, const xmlChar* target, const xml
 }
 
 void XmlNodeQueue::OnEndOfDocument(void* parser) {
-    QueueOf(parser)._isEnded = true;
+    GetQueue(parser)._isEnded = true;
 }
 
 void XmlNodeQueue::OnType(void* context, const xmlChar* name, const xmlChar* /*publicId*/,
                           const xmlChar* /*systemId*/) {
     auto* const parser = static_cast<xmlParserCtxt*>(context);
-    Node& node = QueueOf(parser).Add(parser, XmlReader::kOther);
+    Node& node = GetQueue(parser).Add(parser, XmlReader::kOther);
     node.name.local = name;
     node.line = 0;
 }

@@ -15,11 +15,11 @@
 
 namespace zarip::xml {
 
-/// What the parser has found and `XmlReader` has not yet delivered: the parser takes a piece of a document at
-/// a time, which holds many nodes, or half a text. *One thread at a time.*
+/// The nodes that the parser has found and `XmlReader` has not yet delivered. The parser processes a piece of
+/// a document at a time, which may contain many nodes or a part of a text. *One thread at a time.*
 ///
-/// All strings of the nodes stand in one buffer, in their order; a node and an attribute know where. Names
-/// are the parser's own and live as long as it does.
+/// All strings of the nodes are in one buffer, in order; nodes and attributes refer to slices of it. Names
+/// belong to the parser and are valid as long as it exists.
 class XmlNodeQueue : public XmlVerdict {
 public:
     /// A part of the buffer.
@@ -44,27 +44,27 @@ public:
         Name name;
         Slice value;
         std::size_t firstAttribute = 0;
-        std::size_t attributes = 0;  ///< declarations of namespaces included
+        std::size_t attributes = 0;  ///< including declarations of namespaces
         int depth = 0;
         unsigned int line = 0;
         bool isEmpty = false;
     };
 
-    /// Goes to the next node; false when it is not there yet.
-    /// @param isComplete  nothing more will be added, so that a text at the end is whole.
+    /// Moves to the next node. Returns false if it is not complete yet.
+    /// @param isComplete  whether no more nodes will be added, so that a text at the end is complete.
     bool Advance(bool isComplete);
 
-    /// The node that `Advance` went to; one of type `kNone` before the first and after the last.
+    /// Returns the current node, which has the type `kNone` before the first and after the last node.
     const Node& Current() const { return _at < _nodes.size() && _isDelivered ? _nodes[_at] : _none; }
     const Attribute& AttributeAt(std::size_t index) const { return _attributes[index]; }
     std::string_view TextOf(Slice slice) const {
         return std::string_view(_texts).substr(slice.begin, slice.size);
     }
 
-    /// Makes the handlers of a parser fill this queue, which must outlive it.
+    /// Makes the handlers of a parser fill this queue, which must outlive the parser.
     void Attach(xmlParserCtxt& parser);
 
-    /// Whether the parser has come to the end of the document.
+    /// Returns whether the parser has reached the end of the document.
     bool IsEnded() const { return _isEnded; }
 
 private:
@@ -92,7 +92,7 @@ private:
     std::vector<Attribute> _attributes;
     std::string _texts;
     std::size_t _at = 0;
-    bool _isDelivered = false;  ///< the node at `_at`
+    bool _isDelivered = false;  ///< whether the node at `_at` was delivered
     int _depth = 0;
     bool _isEnded = false;
     std::set<std::string> _ids;

@@ -27,28 +27,28 @@ bool IsStopped(xmlParserCtxt* parser) {
 #endif
 }
 
-/// As the document is used up by the parser: it takes time for each, and the queue holds what it makes of
-/// one.
+/// The size of the pieces that are passed to the parser. Each call takes time, and the queue holds all nodes
+/// of a piece.
 constexpr std::size_t kPiece = 4'096;
-constexpr std::size_t kFirstPiece = 4;  ///< what the encoding is told by
+constexpr std::size_t kFirstPiece = 4;  ///< the encoding is detected by these bytes
 
-/// Entities in attributes are replaced: those that there are, as others cannot be declared.
+/// Entities in attributes are replaced. Only the predefined ones exist, because others cannot be declared.
 constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_BIG_LINES | XML_PARSE_NOENT;
 
 struct ParserDelete {
     void operator()(xmlParserCtxt* parser) const {
-        xmlFreeDoc(parser->myDoc);  // made for what was declared, even if nobody wants a document
+        xmlFreeDoc(parser->myDoc);  // the parser makes a document for declarations
         xmlFreeParserCtxt(parser);
     }
 };
 
 }  // namespace
 
-/// The document goes from the stream, as it arrives, through the scanner to `held`, from there to the parser
-/// as far as pieces of markup are whole, and from the parser's handlers to the queue.
+/// Bytes of the document are appended to `held` as they arrive and scanned. All bytes up to the end of a
+/// piece of markup go from there to the parser, whose handlers fill the queue.
 struct ZARIP_HIDDEN XmlReader::Impl {
-    /// Goes to the next node. Before an error all nodes in front of it are delivered.
-    bool Read() {
+    /// Moves to the next node. All nodes before an error are delivered before the error is thrown.
+    bool ReadNode() {
         while (!queue.Advance(isComplete)) {
             if (isComplete) {
                 return false;
@@ -56,7 +56,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
             if (queue.IsBad() || scanner.IsRefused() || hasFailed || isBroken || isAtEnd) {
                 Throw();
             }
-            Parse(Supply());
+            ParseHeld(SupplyBytes());
         }
         return true;
     }
@@ -78,11 +78,11 @@ struct ZARIP_HIDDEN XmlReader::Impl {
                            static_cast<unsigned int>(input != nullptr ? std::max(input->col, 1) : 1));
     }
 
-    /// Adds to `held` what comes next. Returns how much of it the parser can take.
-    std::size_t Supply() {
+    /// Appends the next bytes to `held`. Returns how many bytes of it the parser can take.
+    std::size_t SupplyBytes() {
         const std::size_t before = held.size();
         while (held.size() == before || (!parser && held.size() < kFirstPiece)) {
-            if (!Append()) {
+            if (!AppendPiece()) {
                 isAtEnd = !hasFailed;
                 break;
             }
@@ -93,8 +93,8 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         return isAtEnd && !scanner.IsRefused() ? held.size() : ready;
     }
 
-    /// One piece; false at the end of the document and when reading fails.
-    bool Append() {
+    /// Appends a piece. Returns false at the end of the document and if reading fails.
+    bool AppendPiece() {
         if (stream == nullptr) {
             const std::string_view piece = std::string_view(text).substr(taken, kPiece);
             held += piece;
@@ -104,12 +104,12 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         try {
             return AppendArrived();
         } catch (const std::exception&) {
-            hasFailed = true;  // its source of characters, or itself by its mask
+            hasFailed = true;  // the stream's buffer, or the stream because of its exception mask
             return false;
         }
     }
 
-    /// What has arrived; waits only when nothing has.
+    /// Appends the bytes that have arrived. Waits only if there are none.
     bool AppendArrived() {
         using Traits = std::istream::traits_type;
         std::streambuf* const source = stream->rdbuf();
@@ -129,15 +129,15 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         return true;
     }
 
-    void Parse(std::size_t ready) {
-        const ErrorScope errors;  // some are told to nobody in particular
+    void ParseHeld(std::size_t ready) {
+        const ErrorScope errors;  // libxml2 reports some errors to no handler of the parser
         std::size_t parsed = 0;
         if (!parser) {
             if (ready < kFirstPiece && !isAtEnd) {
                 return;
             }
             parsed = std::min(ready, kFirstPiece);
-            parser.reset(Made(
+            parser.reset(RequireMade(
                 xmlCreatePushParserCtxt(nullptr, nullptr, held.data(), static_cast<int>(parsed), nullptr)));
             xmlCtxtUseOptions(parser.get(), kOptions);
             queue.Attach(*parser);
@@ -148,18 +148,18 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         held.erase(0, ready);
         scanned -= ready;
         if (held.capacity() > 16 * kPiece && held.size() < kPiece) {
-            held.shrink_to_fit();  // there was an unusually long piece of markup
+            held.shrink_to_fit();  // after an unusually long piece of markup
         }
         if (isAtEnd && !scanner.IsRefused() && !queue.IsBad()) {
             xmlParseChunk(parser.get(), nullptr, 0, 1);
             isComplete = queue.IsEnded() && parser->wellFormed != 0 && !queue.IsBad();
         }
-        // What its encoding cannot be stops the parser, without a word to the handlers.
+        // Bytes that are invalid in the encoding stop the parser without a call of its handlers.
         isBroken = IsStopped(parser.get()) || !errors.GetText().empty();
         breakage = errors.GetText();
     }
 
-    /// The attribute of the current element that fits, or null.
+    /// Returns the first attribute of the current element for which `fits` is true, or null.
     template <class Fits>
     const XmlNodeQueue::Attribute* FindAttribute(Fits fits) const {
         const XmlNodeQueue::Node& node = queue.Current();
@@ -172,7 +172,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         return nullptr;
     }
 
-    bool Take(const XmlNodeQueue::Attribute* attribute, std::string& value) const {
+    bool TakeValue(const XmlNodeQueue::Attribute* attribute, std::string& value) const {
         if (attribute != nullptr) {
             value = queue.TextOf(attribute->value);
         }
@@ -212,7 +212,7 @@ XmlReader::XmlReader(std::istream& stream) : _impl(std::make_unique<Impl>()) {
 XmlReader::~XmlReader() = default;
 
 bool XmlReader::Read() {
-    return _impl->Read();
+    return _impl->ReadNode();
 }
 
 bool XmlReader::Skip() {
@@ -259,7 +259,7 @@ std::string_view XmlReader::GetNamespaceUri() const {
 
 std::string_view XmlReader::GetValue() const {
     const std::string_view value = _impl->queue.TextOf(_impl->queue.Current().value);
-    // libxml2 leaves the ends of lines as they are written in a CDATA section that it reads piece by piece.
+    // libxml2 does not normalise line ends in CDATA sections that it reads in pieces.
     if (GetNodeType() != kCData || value.find('\r') == std::string_view::npos) {
         return value;
     }
@@ -293,7 +293,7 @@ bool XmlReader::GetAttribute(const char* name, std::string& value) const {
                                     wanted.substr(0, prefix.size()) == prefix &&
                                     wanted[prefix.size()] == ':' && wanted.substr(prefix.size() + 1) == local;
     };
-    return _impl->Take(_impl->FindAttribute(fits), value);
+    return _impl->TakeValue(_impl->FindAttribute(fits), value);
 }
 
 bool XmlReader::GetAttribute(const char* localName, const char* namespaceUri, std::string& value) const {
@@ -301,7 +301,7 @@ bool XmlReader::GetAttribute(const char* localName, const char* namespaceUri, st
     const auto fits = [localName, uri](const XmlNodeQueue::Name& found) {
         return ToView(found.local) == localName && ToView(found.uri) == uri;
     };
-    return _impl->Take(_impl->FindAttribute(fits), value);
+    return _impl->TakeValue(_impl->FindAttribute(fits), value);
 }
 
 std::string XmlReader::ReadText() {

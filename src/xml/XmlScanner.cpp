@@ -14,14 +14,15 @@ bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80;
 }
 
-/// Where the character stands first between two places; the second of them where it does not.
+/// Returns the first position of the character between two positions, or the second position if there is no
+/// such character.
 std::size_t FindFirst(std::string_view bytes, std::size_t begin, std::size_t end, char character) {
     const void* const found = std::memchr(bytes.data() + begin, character, end - begin);
     return found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data()) : end;
 }
 
-/// The length without a character in UTF-8 that is cut off at the end.
-std::size_t WithoutHalfCharacter(std::string_view bytes) {
+/// Returns the length without an incomplete UTF-8 character at the end.
+std::size_t CutHalfCharacter(std::string_view bytes) {
     std::size_t begin = bytes.size();
     while (begin > 0 && bytes.size() - begin < 4 && IsContinuation(bytes[begin - 1])) {
         --begin;
@@ -46,20 +47,20 @@ std::size_t XmlScanner::ScanBytes(std::string_view bytes) {
     for (std::size_t at = 0; at < zero && _refusal == nullptr;) {
         const std::size_t next = SkipPlain(bytes.substr(0, zero), at);
         if (IsInMarkup()) {
-            Count(next - at);
+            CountMarkup(next - at);
         } else {
             whole = next;
         }
         at = next;
         if (at < zero && _refusal == nullptr) {
-            Take(static_cast<unsigned char>(bytes[at++]));
+            TakeCharacter(static_cast<unsigned char>(bytes[at++]));
             whole = IsInMarkup() || _refusal != nullptr ? whole : at;
         }
     }
     if (zero < bytes.size()) {
         Refuse(kZeroByte);
     }
-    return whole == bytes.size() ? WithoutHalfCharacter(bytes) : whole;
+    return whole == bytes.size() ? CutHalfCharacter(bytes) : whole;
 }
 
 std::size_t XmlScanner::ScanPairs(std::string_view bytes) {
@@ -73,13 +74,13 @@ std::size_t XmlScanner::ScanPairs(std::string_view bytes) {
             continue;
         }
         _hasHalf = false;
-        Take(isBigEndian ? _half * 256U + byte : byte * 256U + _half);
+        TakeCharacter(isBigEndian ? _half * 256U + byte : byte * 256U + _half);
         whole = IsInMarkup() || _refusal != nullptr ? whole : at + 1;
     }
     return whole;
 }
 
-/// Where the next byte stands that means something in this state.
+/// Returns the position of the next byte that has a meaning in this state.
 std::size_t XmlScanner::SkipPlain(std::string_view bytes, std::size_t at) const {
     const auto skipTo = [&](std::size_t end, char c) { return FindFirst(bytes, at, end, c); };
     const std::size_t size = bytes.size();
@@ -98,25 +99,25 @@ std::size_t XmlScanner::SkipPlain(std::string_view bytes, std::size_t at) const 
     }
 }
 
-void XmlScanner::Count(std::size_t bytes) {
+void XmlScanner::CountMarkup(std::size_t bytes) {
     _length += bytes;
     if (_length > kMaxMarkup) {
         Refuse(kTooLongMarkup);
     }
 }
 
-void XmlScanner::Enter(State state) {
+void XmlScanner::EnterState(State state) {
     _state = state;
     _quote = 0;
     _run = 0;
 }
 
-void XmlScanner::Take(unsigned int character) {
+void XmlScanner::TakeCharacter(unsigned int character) {
     if (character == 0) {
         Refuse(kZeroByte);
         return;
     }
-    Count(IsInMarkup() ? 1 : 0);
+    CountMarkup(IsInMarkup() ? 1 : 0);
     switch (_state) {
         case kText:
         case kReference:
@@ -142,23 +143,23 @@ void XmlScanner::Take(unsigned int character) {
     }
 }
 
-/// Text or a reference in it.
+/// Processes a character of a text or of a reference in it.
 void XmlScanner::TakeText(unsigned int character) {
     if (character == '<' || (character == '&' && _state == kText)) {
         _length = _state == kText ? 1 : _length;
-        Enter(character == '<' ? kOpening : kReference);
+        EnterState(character == '<' ? kOpening : kReference);
     } else if (_state == kReference && (character == ';' || character <= ' ')) {
-        Leave();
+        LeaveMarkup();
     }
 }
 
 void XmlScanner::TakeOpening(unsigned int character) {
     if (character == '!') {
-        Enter(kDeclaration);
+        EnterState(kDeclaration);
     } else if (character == '?') {
-        Enter(kInstruction);
+        EnterState(kInstruction);
     } else {
-        Enter(kTag);
+        EnterState(kTag);
         _attributes = 0;
         TakeTag(character);
     }
@@ -166,15 +167,15 @@ void XmlScanner::TakeOpening(unsigned int character) {
 
 void XmlScanner::TakeDeclaration(unsigned int character) {
     if (_state == kCDataOpening) {
-        Enter(character == '[' ? kCData : kCDataOpening);
+        EnterState(character == '[' ? kCData : kCDataOpening);
     } else if (character == '-') {
         if (++_run == 2) {
-            Enter(kComment);
+            EnterState(kComment);
         }
     } else if (character == '[' && !_isInSubset) {
-        Enter(kCDataOpening);
+        EnterState(kCDataOpening);
     } else {
-        Enter(_isInSubset ? kSubsetMarkup : kType);
+        EnterState(_isInSubset ? kSubsetMarkup : kType);
         TakeType(character);
     }
 }
@@ -186,33 +187,33 @@ void XmlScanner::TakeTag(unsigned int character) {
             Refuse(kTooManyAttributes);
         }
     } else if (character == '>') {
-        Leave();
+        LeaveMarkup();
     }
 }
 
-/// The document type or a declaration in it.
+/// Processes a character of the document type or of a declaration in it.
 void XmlScanner::TakeType(unsigned int character) {
     if (TakeQuoted(character)) {
         return;
     }
     if (character == '[' && _state == kType) {
-        Enter(kSubset);
+        EnterState(kSubset);
         _isInSubset = true;
     } else if (character == '>') {
-        Leave();
+        LeaveMarkup();
     }
 }
 
 void XmlScanner::TakeSubset(unsigned int character) {
     if (character == '<') {
-        Enter(kOpening);
+        EnterState(kOpening);
     } else if (character == ']') {
         _isInSubset = false;
-        Enter(kType);
+        EnterState(kType);
     }
 }
 
-/// Whether the character is quoted, or a quotation mark.
+/// Processes quotation marks. Returns whether the character is quoted or a quotation mark.
 bool XmlScanner::TakeQuoted(unsigned int character) {
     if (_quote != 0) {
         _quote = character == _quote ? 0 : _quote;
@@ -225,12 +226,12 @@ bool XmlScanner::TakeQuoted(unsigned int character) {
     return false;
 }
 
-/// For what ends with a character, repeated so many times, and ">".
+/// Processes a character of a piece that ends with a repeated character and ">".
 void XmlScanner::TakeEnd(unsigned int character, unsigned int repeated, unsigned int times) {
     if (character == repeated) {
         _run = _run < times ? _run + 1 : times;
     } else if (character == '>' && _run == times) {
-        Leave();
+        LeaveMarkup();
     } else {
         _run = 0;
     }

@@ -9,26 +9,28 @@
 
 namespace zarip::xml {
 
-/// Follows a document on its way to the parser and knows where its pieces of markup (tags, comments,
-/// processing instructions, references, the document type) begin and end. It has two purposes:
+/// Scans a document before the parser sees it and finds the beginning and end of each piece of markup (tags,
+/// comments, processing instructions, references, the document type). It has two purposes:
 ///
-/// - It refuses what would cost the parser more than its length (see XmlLimits.h), and zero bytes, before the
-///   parser sees them. The parser counts attributes only when it has compared them with each other.
-/// - It tells how much of the document ends with a whole piece of markup. A parser that gets no half piece
-///   looks at each byte once; libxml2 begins again with a half one each time more of it arrives.
+/// - It refuses zero bytes and documents that exceed a limit (see XmlLimits.h) before the parser sees them.
+///   The parser itself counts attributes only after it has compared them with each other.
+/// - It finds how many bytes end with a complete piece of markup. libxml2 rescans an incomplete piece each
+///   time more of it arrives. A parser that only gets complete pieces scans each byte once.
 ///
-/// It understands documents that are well-formed up to where it has looked. That is enough as long as the
-/// parser stops at the first error. *One thread at a time.*
+/// It only understands documents that are well-formed so far. That is sufficient, because the parser stops at
+/// the first error. *One thread at a time.*
 class XmlScanner {
 public:
-    /// Looks at the next bytes. The first call gets at least four, or the whole document.
-    /// @return how many of the bytes the parser can be given: all up to the end of a piece of markup, or all
-    /// where none is open. Less when the document is refused; whatever follows is not looked at then.
+    /// Scans the next bytes. The first call must pass at least four bytes or the whole document.
+    /// @return how many of the bytes can be passed to the parser: the bytes up to the end of the last
+    ///     complete piece of markup, or all bytes if no piece is open. It is less if the document is refused;
+    ///     the following bytes are not scanned then.
     std::size_t Scan(std::string_view bytes);
 
     bool IsRefused() const { return IsEncodingRefused() || _refusal != nullptr; }
 
-    /// Why the document is refused; null for its encoding, which `ThrowEncoding` tells.
+    /// Returns why the document is refused, or null if it is not or if the reason is its encoding; then call
+    /// `ThrowEncoding`.
     const char* GetRefusal() const { return _refusal; }
     bool IsEncodingRefused() const { return _encoding.IsRefused(); }
     [[noreturn]] void ThrowEncoding() const { _encoding.Throw(); }
@@ -39,21 +41,21 @@ private:
         kCData,
         kReference,
         kOpening,       ///< after "<"
-        kDeclaration,   ///< after "<!", before it shows what it is
+        kDeclaration,   ///< after "<!", before its kind is known
         kCDataOpening,  ///< after "<!["
         kTag,
         kComment,
         kInstruction,
-        kType,          ///< the document type, outside of its square brackets
-        kSubset,        ///< inside of them
-        kSubsetMarkup,  ///< a declaration there
+        kType,          ///< in the document type, outside of its square brackets
+        kSubset,        ///< in these brackets
+        kSubsetMarkup,  ///< in a declaration in these brackets
     };
 
     std::size_t ScanBytes(std::string_view bytes);
     std::size_t ScanPairs(std::string_view bytes);
     std::size_t SkipPlain(std::string_view bytes, std::size_t at) const;
-    void Count(std::size_t bytes);
-    void Take(unsigned int character);
+    void CountMarkup(std::size_t bytes);
+    void TakeCharacter(unsigned int character);
     void TakeText(unsigned int character);
     void TakeOpening(unsigned int character);
     void TakeDeclaration(unsigned int character);
@@ -65,18 +67,18 @@ private:
 
     bool IsInMarkup() const { return _state != kText && _state != kCData; }
     void Refuse(const char* refusal) { _refusal = _refusal != nullptr ? _refusal : refusal; }
-    void Enter(State state);
-    void Leave() { Enter(_isInSubset ? kSubset : kText); }
+    void EnterState(State state);
+    void LeaveMarkup() { EnterState(_isInSubset ? kSubset : kText); }
 
     XmlEncoding _encoding;
     const char* _refusal = nullptr;
     State _state = kText;
-    bool _isInSubset = false;     ///< a comment or a processing instruction may be there or elsewhere
-    unsigned int _quote = 0;      ///< the character that ends what is quoted, or 0
-    unsigned int _run = 0;        ///< how much of an end mark has been seen: 2 after "--" of "-->"
-    std::size_t _length = 0;      ///< of the open piece of markup, in bytes
+    bool _isInSubset = false;  ///< whether a comment or an instruction is in the square brackets
+    unsigned int _quote = 0;   ///< the quotation mark that ends the current string, or 0
+    unsigned int _run = 0;     ///< the number of characters of an end mark seen so far: 2 after "--" of "-->"
+    std::size_t _length = 0;   ///< of the open piece of markup, in bytes
     std::size_t _attributes = 0;  ///< of the open tag
-    unsigned char _half = 0;      ///< the first of two bytes, when a pair was divided
+    unsigned char _half = 0;      ///< the first byte of a pair whose second byte has not arrived
     bool _hasHalf = false;
 };
 

@@ -47,8 +47,8 @@ void InitializeXml() {
 
 namespace {
 
-/// Takes the next character; `cutil::kNoCharacter` for what is not UTF-8 and for what XML cannot hold:
-/// U+FFFE, U+FFFF and control characters.
+/// Takes the next character. Returns `cutil::kNoCharacter` for bytes that are not UTF-8 and for characters
+/// that XML cannot contain: U+FFFE, U+FFFF and control characters.
 unsigned int TakeCharacter(std::string_view& text) {
     const unsigned int code = cutil::utf8_take(text);
     const bool isControl = code < 0x20 && code != '\t' && code != '\n' && code != '\r';
@@ -60,13 +60,13 @@ struct Range {
     unsigned int last;
 };
 
-/// What a name begins with, the colon excepted.
+/// The characters with which a name may begin, except the colon.
 constexpr Range kNameStart[] = {
     {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},     {0xD8, 0xF6},
     {0xF8, 0x2FF},    {0x370, 0x37D},   {0x37F, 0x1FFF},  {0x200C, 0x200D}, {0x2070, 0x218F},
     {0x2C00, 0x2FEF}, {0x3001, 0xD7FF}, {0xF900, 0xFDCF}, {0xFDF0, 0xFFFD}, {0x10000, 0xEFFFF},
 };
-/// What else may be inside.
+/// The other characters that a name may contain.
 constexpr Range kNameMore[] = {
     {'-', '.'}, {'0', '9'}, {0xB7, 0xB7}, {0x300, 0x36F}, {0x203F, 0x2040},
 };

@@ -2,7 +2,7 @@
 
 #pragma once
 
-// What the XML classes share in dealing with libxml2.
+// Functions for the use of libxml2 that the XML classes share.
 
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
@@ -14,7 +14,7 @@
 
 namespace zarip::xml {
 
-/// How libxml2 hands an error to a handler.
+/// The type with which libxml2 passes an error to a handler.
 #if LIBXML_VERSION >= 21200
 using ReportedError = const xmlError*;
 #else
@@ -33,34 +33,35 @@ inline std::string_view ToView(const xmlChar* text) {
     return text != nullptr ? std::string_view(reinterpret_cast<const char*>(text)) : std::string_view();
 }
 
-/// What libxml2 made; throws `std::bad_alloc` for null, where it had no memory.
+/// Returns a result of libxml2. Throws `std::bad_alloc` if it is null, because libxml2 had no memory.
 template <class Node>
-Node* Made(Node* node) {
+Node* RequireMade(Node* node) {
     if (node == nullptr) {
         throw std::bad_alloc();
     }
     return node;
 }
 
-/// The attribute that is written at an element, or null. libxml2's own search also finds declarations of
-/// attributes, which are no attributes.
+/// Finds an attribute of an element; returns null if there is none. libxml2's own search also finds
+/// declarations of attributes, which are not attributes.
 xmlAttr* FindAttribute(const xmlNode* node, std::string_view name, std::string_view namespaceUri);
 std::string ValueOf(const xmlAttr* attribute);
 
-/// Copies a text of libxml2 and frees it.
+/// Copies a string of libxml2 and frees it.
 std::string TakeString(xmlChar* text);
 
-/// Makes libxml2 ready, once; before anything else of it is called.
+/// Initialises libxml2 once. It must be called before any other function of libxml2.
 void InitializeXml();
 
-/// Whether it is a name as the parser takes it, of the letters that XML 1.0 has had since its fifth edition,
-/// and in UTF-8. @param withPrefix  a prefix and a colon may stand before it.
+/// Returns whether the parser accepts it as a name: UTF-8 with the characters that XML 1.0 allows since its
+/// fifth edition.
+/// @param withPrefix  whether a prefix and a colon may precede it.
 bool IsName(std::string_view name, bool withPrefix);
 
-/// Whether it is UTF-8, and of characters that XML can hold.
+/// Returns whether it is UTF-8 and has only characters that XML can contain.
 bool IsText(std::string_view text);
 
-/// Throw `XmlException` for what a document cannot hold.
+/// These functions throw `XmlException` if a document cannot contain the argument.
 void CheckName(std::string_view name, bool withPrefix);
 void CheckText(std::string_view text);
 void CheckNamespace(const std::string& prefix, const std::string& namespaceUri);
@@ -68,8 +69,8 @@ void CheckNamespace(const std::string& prefix, const std::string& namespaceUri);
 /// Throws the last error of a parser.
 [[noreturn]] void ThrowError(const xmlError* error);
 
-/// Takes the errors that libxml2 reports on this thread while it exists, for calls that know no other way to
-/// tell; otherwise they would go to standard error.
+/// Collects the errors that libxml2 reports on this thread while the object exists. It is used for calls that
+/// do not report errors in another way; libxml2 would write them to standard error.
 class ErrorScope {
 public:
     ErrorScope();
@@ -77,7 +78,7 @@ public:
     ErrorScope& operator=(const ErrorScope&) = delete;
     ~ErrorScope();
 
-    /// The first one, or nothing.
+    /// Returns the first error, or an empty string.
     const std::string& GetText() const { return _text; }
 
 private:

@@ -22,7 +22,7 @@ void RefuseUnparsed(void* parser, const xmlChar* /*name*/, const xmlChar* /*publ
     XmlVerdict::Of(parser).Refuse(static_cast<xmlParserCtxt*>(parser), kNoEntities);
 }
 
-/// Each element would be compared with all its declared attributes, and each of them with all others.
+/// libxml2 would compare each element with all its declared attributes, and each of them with all others.
 void RefuseAttribute(void* parser, const xmlChar* /*element*/, const xmlChar* /*name*/, int /*type*/,
                      int /*kind*/, const xmlChar* /*value*/, xmlEnumeration* values) {
     xmlFreeEnumeration(values);
@@ -33,7 +33,7 @@ void Stop(xmlParserCtxt* parser) {
 #if LIBXML_VERSION >= 21400
     xmlStopParser(parser);
 #else
-    // In these versions xmlStopParser also frees the input, which the callers of the handlers still look at.
+    // In these versions xmlStopParser also frees the input, which the callers of the handlers still use.
     parser->instate = XML_PARSER_EOF;
     parser->disableSAX = 1;
 #endif

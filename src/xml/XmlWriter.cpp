@@ -23,7 +23,7 @@ int WriteStream(void* stream, const char* buffer, int length) {
     try {
         output.write(buffer, length);
     } catch (const std::exception&) {
-        return -1;  // one that throws by its mask; a C library stands between
+        return -1;  // the stream throws because of its mask, which must not pass through the C library
     }
     return output ? length : -1;
 }
@@ -34,7 +34,7 @@ int LeaveStream(void* /*stream*/) {
 
 constexpr std::string_view kDeclaration = "xmlns";
 
-/// The names that the reader counts are a few more than those written: XML's own.
+/// The reader also counts XML's own names, so slightly fewer can be written.
 constexpr std::size_t kMaxWrittenNames = static_cast<std::size_t>(kMaxNames) - 100;
 
 std::pair<std::string_view, std::string_view> SplitName(std::string_view name) {
@@ -43,8 +43,8 @@ std::pair<std::string_view, std::string_view> SplitName(std::string_view name) {
                                            : std::make_pair(name.substr(0, colon), name.substr(colon + 1));
 }
 
-/// The most bytes that it takes in an attribute, escaped.
-std::size_t EscapedSize(std::string_view value) {
+/// Returns the maximum size of the escaped value in an attribute, in bytes.
+std::size_t ComputeEscapedSize(std::string_view value) {
     std::size_t size = value.size();
     for (const char c : value) {
         size += c == '"' || c == '&' || c == '<' || c == '>' || static_cast<unsigned char>(c) < 0x20 ? 5 : 0;
@@ -54,8 +54,8 @@ std::size_t EscapedSize(std::string_view value) {
 
 }  // namespace
 
-/// The start tag that is open is kept until something is written after it: only then it is known whether all
-/// prefixes in it are declared. libxml2 writes, without its indentation, which changes mixed text.
+/// An open start tag is kept until its content or end is written, because only then all its prefixes are
+/// declared. libxml2 does the writing, but not the indentation, because its own would change mixed text.
 struct ZARIP_HIDDEN XmlWriter::Impl {
     struct Attribute {
         std::string name;
@@ -63,8 +63,8 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
     };
 
     struct Level {
-        std::vector<std::pair<std::string, std::string>> namespaces;  ///< prefix and name, declared here
-        bool hasText;                                                 ///< it, or an element around it
+        std::vector<std::pair<std::string, std::string>> namespaces;  ///< prefixes and names declared here
+        bool hasText;  ///< whether it or an element around it has text
         bool isEmpty;
     };
 
@@ -72,20 +72,20 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
     ~Impl() {
-        const ErrorScope errors;  // it flushes, and would tell standard error
+        const ErrorScope errors;  // freeing flushes and may report errors
         xmlFreeTextWriter(writer);
     }
 
-    /// Calls a function of the writer.
+    /// Calls a function of the writer and throws if it fails.
     template <class Function, class... Arguments>
-    void Do(Function function, const Arguments&... argument) {
+    void CallWriter(Function function, const Arguments&... argument) {
         const ErrorScope errors;
         if (function(writer, argument...) < 0) {
-            Fail();
+            ThrowFailed();
         }
     }
 
-    [[noreturn]] static void Fail() { throw osa::IOException("XmlWriter: writing failed"); }
+    [[noreturn]] static void ThrowFailed() { throw osa::IOException("XmlWriter: writing failed"); }
 
     void CheckOpen() const {
         if (levels.empty()) {
@@ -108,7 +108,7 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
         }
     }
 
-    /// The namespace of a prefix, or null.
+    /// Returns the namespace of a prefix, or null.
     const std::string* FindNamespace(std::string_view prefix) const {
         for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
             for (const auto& declared : level->namespaces) {
@@ -120,7 +120,7 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
         return nullptr;
     }
 
-    const std::string& NamespaceOf(std::string_view prefix) const {
+    const std::string& RequireNamespace(std::string_view prefix) const {
         static const std::string s_xml(reinterpret_cast<const char*>(XML_XML_NAMESPACE));
         const std::string* const found = prefix == "xml" ? &s_xml : FindNamespace(prefix);
         if (found == nullptr) {
@@ -129,18 +129,18 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
         return *found;
     }
 
-    /// Whether the open start tag can be read again; changes nothing.
+    /// Throws if the open start tag could not be read again; changes nothing.
     void CheckTag() const {
         std::size_t size = 2 * tag.size() + 16;
         std::vector<std::pair<std::string_view, std::string_view>> found;  // namespace and local name
         if (const auto [prefix, local] = SplitName(tag); !prefix.empty()) {
-            NamespaceOf(prefix);
+            RequireNamespace(prefix);
         }
         for (const Attribute& attribute : attributes) {
-            size += attribute.name.size() + EscapedSize(attribute.value) + 4;
+            size += attribute.name.size() + ComputeEscapedSize(attribute.value) + 4;
             const auto [prefix, local] = SplitName(attribute.name);
             if (!prefix.empty() && prefix != kDeclaration) {
-                found.emplace_back(NamespaceOf(prefix), local);
+                found.emplace_back(RequireNamespace(prefix), local);
             }
         }
         std::sort(found.begin(), found.end());
@@ -160,29 +160,29 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
         }
     }
 
-    /// Writes the open start tag, if there is one.
+    /// Writes the open start tag if there is one.
     void CloseTag() {
         if (!isTagOpen) {
             return;
         }
         CheckTag();
-        Do(xmlTextWriterStartElement, ToXml(tag));
+        CallWriter(xmlTextWriterStartElement, ToXml(tag));
         for (const Attribute& attribute : attributes) {
-            Do(xmlTextWriterWriteAttribute, ToXml(attribute.name), ToXml(attribute.value));
+            CallWriter(xmlTextWriterWriteAttribute, ToXml(attribute.name), ToXml(attribute.value));
         }
         isTagOpen = false;
     }
 
-    /// Before an element, a comment or the end of an element: begins a line, unless that would change a text.
+    /// Begins a line before an element, a comment or the end of an element, unless that would change a text.
     void BeginLine(std::size_t depth) {
         textSize = 0;
         if (indent && !(levels.empty() ? isAtStart : levels.back().hasText)) {
-            Do(xmlTextWriterWriteRaw, ToXml("\n" + std::string(2 * depth, ' ')));
+            CallWriter(xmlTextWriterWriteRaw, ToXml("\n" + std::string(2 * depth, ' ')));
         }
         isAtStart = false;
     }
 
-    /// Before text or a section in the element that is open.
+    /// Prepares for text or a CDATA section in the open element.
     void BeginText(std::size_t size) {
         CheckOpen();
         if (size > kMaxText - textSize) {
@@ -222,7 +222,8 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
 
 XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique<Impl>(stream, indent)) {
     InitializeXml();
-    xmlOutputBuffer* const buffer = Made(xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr));
+    xmlOutputBuffer* const buffer =
+        RequireMade(xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr));
     _impl->writer = xmlNewTextWriter(buffer);
     if (_impl->writer == nullptr) {
         xmlOutputBufferClose(buffer);
@@ -237,7 +238,7 @@ void XmlWriter::StartDocument() {
         throw XmlException("the document has begun");
     }
     _impl->isBegun = true;
-    _impl->Do(xmlTextWriterStartDocument, nullptr, "UTF-8", nullptr);
+    _impl->CallWriter(xmlTextWriterStartDocument, nullptr, "UTF-8", nullptr);
 }
 
 void XmlWriter::StartElement(const std::string& name) {
@@ -269,7 +270,7 @@ void XmlWriter::EndElement() {
         _impl->BeginLine(_impl->levels.size() - 1);
     }
     _impl->textSize = 0;
-    _impl->Do(xmlTextWriterEndElement);
+    _impl->CallWriter(xmlTextWriterEndElement);
     _impl->levels.pop_back();
     _impl->isComplete = _impl->levels.empty();
 }
@@ -314,30 +315,30 @@ void XmlWriter::Namespace(const std::string& prefix, const std::string& uri) {
 void XmlWriter::Text(const std::string& text) {
     CheckText(text);
     _impl->BeginText(text.size());
-    _impl->Do(xmlTextWriterWriteString, ToXml(text));
+    _impl->CallWriter(xmlTextWriterWriteString, ToXml(text));
 }
 
 void XmlWriter::CData(const std::string& text) {
     CheckText(text);
     _impl->BeginText(text.size());
-    // The end mark inside is divided between two sections. A carriage return is escaped between two: inside
-    // of a section it would be read as a line feed.
+    // An end mark in the text is divided between two sections. A carriage return is escaped between two
+    // sections, because inside a section it would be read as a line feed.
     std::size_t begin = 0;
     for (std::size_t at = text.find_first_of("]\r"); at != std::string::npos;
          at = text.find_first_of("]\r", at)) {
         if (text[at] == '\r') {
-            _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
-            _impl->Do(xmlTextWriterWriteString, ToXml("\r"));
+            _impl->CallWriter(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
+            _impl->CallWriter(xmlTextWriterWriteString, ToXml("\r"));
             begin = ++at;
         } else if (text.compare(at, 3, "]]>") == 0) {
             at += 2;
-            _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
+            _impl->CallWriter(xmlTextWriterWriteCDATA, ToXml(text.substr(begin, at - begin)));
             begin = at;
         } else {
             ++at;
         }
     }
-    _impl->Do(xmlTextWriterWriteCDATA, ToXml(text.substr(begin)));
+    _impl->CallWriter(xmlTextWriterWriteCDATA, ToXml(text.substr(begin)));
 }
 
 void XmlWriter::Comment(const std::string& text) {
@@ -354,7 +355,7 @@ void XmlWriter::Comment(const std::string& text) {
     if (!_impl->levels.empty()) {
         _impl->levels.back().isEmpty = false;
     }
-    _impl->Do(xmlTextWriterWriteComment, ToXml(text));
+    _impl->CallWriter(xmlTextWriterWriteComment, ToXml(text));
 }
 
 void XmlWriter::EndDocument() {
@@ -364,15 +365,15 @@ void XmlWriter::EndDocument() {
     while (!_impl->levels.empty()) {
         EndElement();
     }
-    _impl->Do(xmlTextWriterEndDocument);
-    _impl->Do(xmlTextWriterFlush);
+    _impl->CallWriter(xmlTextWriterEndDocument);
+    _impl->CallWriter(xmlTextWriterFlush);
     try {
         _impl->stream.flush();
     } catch (const std::exception&) {
-        Impl::Fail();  // it throws by its mask
+        Impl::ThrowFailed();  // it throws by its mask
     }
     if (!_impl->stream) {
-        Impl::Fail();
+        Impl::ThrowFailed();
     }
 }
 

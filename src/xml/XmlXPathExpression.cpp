@@ -24,8 +24,8 @@ struct ObjectDelete {
     void operator()(xmlXPathObject* object) const { xmlXPathFreeObject(object); }
 };
 
-/// What an evaluation may cost: each node that is looked at counts. A condition that looks through a whole
-/// document for each of its elements soon takes longer than anybody waits.
+/// The limit of an evaluation, in visited nodes. A condition that searches the whole document for each of its
+/// elements would take very long.
 constexpr unsigned long kMaxOperations = 20'000'000;
 
 using Object = std::unique_ptr<xmlXPathObject, ObjectDelete>;
@@ -51,7 +51,7 @@ struct ZARIP_HIDDEN XmlXPathExpression::Impl {
         return object;
     }
 
-    static const xmlNodeSet* Nodes(const Object& object) {
+    static const xmlNodeSet* GetNodes(const Object& object) {
         if (object->type != XPATH_NODESET) {
             Throw("the result is no set of nodes");
         }
@@ -66,7 +66,7 @@ XmlXPathExpression::XmlXPathExpression(const std::string& expression,
                                        const std::map<std::string, std::string>& namespaces)
     : _impl(std::make_unique<Impl>()) {
     InitializeXml();
-    _impl->context.reset(Made(xmlXPathNewContext(nullptr)));
+    _impl->context.reset(RequireMade(xmlXPathNewContext(nullptr)));
     _impl->context->opLimit = kMaxOperations;
     for (const auto& [prefix, uri] : namespaces) {
         CheckName(prefix, false);
@@ -88,7 +88,7 @@ XmlXPathExpression::~XmlXPathExpression() = default;
 
 std::vector<XmlElement> XmlXPathExpression::EvaluateNodes(XmlElement start) const {
     const Object object = _impl->Evaluate(start.Node());
-    const xmlNodeSet* const found = Impl::Nodes(object);
+    const xmlNodeSet* const found = Impl::GetNodes(object);
     std::vector<XmlElement> elements;
     for (int i = 0; found != nullptr && i < found->nodeNr; ++i) {
         if (found->nodeTab[i]->type == XML_ELEMENT_NODE) {
@@ -100,7 +100,7 @@ std::vector<XmlElement> XmlXPathExpression::EvaluateNodes(XmlElement start) cons
 
 std::vector<std::string> XmlXPathExpression::EvaluateTexts(XmlElement start) const {
     const Object object = _impl->Evaluate(start.Node());
-    const xmlNodeSet* const found = Impl::Nodes(object);
+    const xmlNodeSet* const found = Impl::GetNodes(object);
     std::vector<std::string> texts;
     for (int i = 0; found != nullptr && i < found->nodeNr; ++i) {
         texts.push_back(TakeString(xmlXPathCastNodeToString(found->nodeTab[i])));

@@ -91,8 +91,8 @@ void PrintReply(const MsgBusMsg& reply, const Options& options) {
     }
 }
 
-/// Calls a member without arguments that the service does not describe: a reply whose signature varies cannot
-/// be described.
+/// Calls a member without arguments that the service does not describe, for example because the signature of
+/// its reply varies.
 int CallUnlisted(MsgBus& bus, const Options& options, const std::string& service, int timeout) {
     const std::string& name = options.words[2];
     const std::string unknown = service + " has no member " + name + "; see zarip-bus describe";
@@ -138,7 +138,7 @@ int Call(MsgBus& bus, const Options& options) {
     }
     if (member->isOneWay) {
         bus.SendMsg(message);
-        AskBus<std::string>(bus, "GetId");  // is answered after the bus has passed the call on
+        AskBus<std::string>(bus, "GetId");  // the bus answers this after it has forwarded the call
         return kDone;
     }
     PrintReply(*Send(bus, message, timeout), options);

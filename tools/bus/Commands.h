@@ -20,13 +20,14 @@ struct Options {
     double timeout = -1;  ///< seconds; negative: not given
     Strings words;        ///< the command and its arguments
 
-    /// Milliseconds.
+    /// The time limit in milliseconds.
     int GetTimeout(int otherwise) const {
         return timeout < 0 ? otherwise : static_cast<int>(std::ceil(timeout * 1000));
     }
 };
 
-// The commands. Each returns the exit status or throws what ends the program.
+// The commands. Each returns the exit status, or throws a `Failure` or `osa::Exception`, which ends the
+// program.
 
 int List(zarip::msgbus::MsgBus& bus, const Options& options);
 int Describe(zarip::msgbus::MsgBus& bus, const Options& options);

@@ -31,7 +31,7 @@ Member ReadMember(XmlElement element, bool isSignal) {
     return member;
 }
 
-/// The members of one interface in the description of a service.
+/// Reads the members of one interface from the description of a service.
 std::vector<Member> ReadInterface(const xml::XmlDocument& description, const std::string& name) {
     std::vector<Member> members;
     for (const XmlElement interface : description.GetRoot().GetChildren("interface")) {

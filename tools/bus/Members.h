@@ -14,7 +14,7 @@ struct Argument {
     std::string type;
 };
 
-/// A member of a service, or a signal, whose arguments are `out`.
+/// A member of a service, or a signal, whose arguments are in `out`.
 struct Member {
     std::string name;
     bool isSignal;
@@ -23,13 +23,13 @@ struct Member {
     std::vector<Argument> out;
 };
 
-/// What a service says of itself.
+/// Reads the description that a service gives of itself.
 std::vector<Member> ReadMembers(zarip::msgbus::MsgBus& bus, const std::string& service, int timeoutMs);
 
-/// A type as a person calls it.
+/// Returns a readable name of a type.
 std::string TypeText(const std::string& type);
 
-/// "Name(in: type) -> out: type", "Name(in: type) without reply" or "signal Name(out: type)".
+/// Returns "Name(in: type) -> out: type", "Name(in: type) without reply" or "signal Name(out: type)".
 std::string Prototype(const Member& member);
 
 }  // namespace bus

@@ -17,7 +17,7 @@ using namespace zarip;
 
 namespace {
 
-/// An error of libdbus, freed at the end of the scope.
+/// An error of libdbus, which the destructor frees.
 struct Error : DBusError {
     Error() { dbus_error_init(this); }
     Error(const Error&) = delete;
@@ -31,7 +31,8 @@ struct Error : DBusError {
     }
 };
 
-/// A connection whose messages are only read, never dispatched: one that watches the bus may not answer.
+/// A connection whose messages are only read and never dispatched, because a connection that monitors the bus
+/// must not answer.
 struct Connection {
     Connection() {
         Error error;
@@ -74,7 +75,7 @@ std::string Line(DBusMessage* raw) {
     return line.Get();
 }
 
-/// What is shown of the bus.
+/// Selects the messages that are shown.
 struct View {
     Strings rules;    ///< of everything that is asked for; empty for the whole bus
     Strings signals;  ///< rules for as much of that as any user may see
@@ -84,7 +85,7 @@ View MakeView(msgbus::MsgBus& bus, const Options& options) {
     if (options.words.size() == 1) {
         return {{}, {"type='signal'"}};
     }
-    // The service need not be there yet.
+    // The service need not be on the bus yet.
     const std::string service = Resolve(GetNames(bus), options.words[1]);
     if (dbus_validate_bus_name(service.c_str(), nullptr) == FALSE) {
         throw Failure(kUsageError, "'" + service + "' is not the name of a service");
@@ -98,7 +99,7 @@ View MakeView(msgbus::MsgBus& bus, const Options& options) {
     return view;
 }
 
-/// Makes a connection one that gets what others say.
+/// Makes a connection a monitor, which receives the messages of all others.
 void BecomeMonitor(DBusConnection* connection, const Strings& rules, Error& error) {
     msgbus::MsgBusMsg message(msgbus::MsgBusMsg::kMethodCall);
     message.SetMsgDestination(DBUS_SERVICE_DBUS);
@@ -113,7 +114,7 @@ void BecomeMonitor(DBusConnection* connection, const Strings& rules, Error& erro
     }
 }
 
-/// Watches the bus or, if it refuses that, subscribes to the signals.
+/// Monitors the bus, or subscribes to the signals if the bus refuses monitoring.
 void Watch(DBusConnection* connection, const View& view) {
     Error refusal;
     BecomeMonitor(connection, view.rules, refusal);
@@ -145,7 +146,7 @@ void PrintMessages(DBusConnection* connection) {
         if (!message) {
             break;
         }
-        // What the bus tells this connection is not what others say.
+        // Messages from the bus to this connection are not shown.
         const bool isOwn =
             dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected") != FALSE ||
             dbus_message_has_destination(message.get(), self.c_str()) != FALSE;
@@ -162,7 +163,8 @@ int Monitor(msgbus::MsgBus& bus, const Options& options) {
     const View view = MakeView(bus, options);
     const Connection monitor;
     Watch(monitor.connection, view);
-    // Reading waits even if something was read before, and the last read may bring messages, too.
+    // The queue is checked before and after reading: reading waits even if messages are queued, and the last
+    // read may queue messages as well.
     do {
         PrintMessages(monitor.connection);
     } while (dbus_connection_read_write(monitor.connection, -1) != FALSE);

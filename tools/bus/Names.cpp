@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-/// The services of the camera, whose names are known before they are on the bus.
+/// The services of the camera, whose names are known even if they are not on the bus.
 constexpr const char* kServices[] = {ZARIP_SERVICES};
 
 bool EndsWith(const std::string& text, const std::string& end) {
@@ -28,7 +28,7 @@ bool EndsWith(const std::string& text, const std::string& end) {
 }  // namespace
 
 Message Send(msgbus::MsgBus& bus, const msgbus::MsgBusMsg& message, int timeoutMs) {
-    // libdbus counts whole milliseconds and may be one early.
+    // libdbus counts whole milliseconds and may time out one too early.
     const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs - 1);
     msgbus::MsgBusMsg* reply = nullptr;
     try {

@@ -17,15 +17,15 @@
 
 namespace bus {
 
-/// How long a call waits unless the user says otherwise.
+/// The default time limit of a call.
 constexpr int kCallTimeoutMs = 5'000;
 
 using Message = std::unique_ptr<zarip::msgbus::MsgBusMsg>;
 
-/// Calls and waits for the reply; tells a time-out from another failure.
+/// Calls and waits for the reply. Throws a different `Failure` for a time-out than for other errors.
 Message Send(zarip::msgbus::MsgBus& bus, const zarip::msgbus::MsgBusMsg& message, int timeoutMs);
 
-/// Calls the bus itself.
+/// Calls the bus daemon.
 template <class Result, class... Arguments>
 Result AskBus(zarip::msgbus::MsgBus& bus, const char* member, const Arguments&... argument) {
     const zarip::msgbus::MsgBusObjectSelector daemon(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS);
@@ -36,21 +36,22 @@ Result AskBus(zarip::msgbus::MsgBus& bus, const char* member, const Arguments&..
     return result;
 }
 
-/// The well-known names on the bus, sorted.
+/// Returns the well-known names on the bus, sorted.
 Strings GetNames(zarip::msgbus::MsgBus& bus);
 
-/// The name that a SERVICE on the command line means: that name itself, or the only one that ends in it after
-/// a dot, on the bus or of the camera's services. SERVICE itself if no name does; throws if several do.
-/// @param names  what is on the bus.
+/// Finds the name for a SERVICE on the command line: the name itself, or the only name that ends with a dot
+/// and SERVICE, among the names on the bus and of the camera's services. Returns SERVICE if there is no such
+/// name. Throws if there are several.
+/// @param names  the names on the bus.
 std::string Resolve(const Strings& names, const std::string& service);
 
-/// The same for a service that has to be on the bus.
+/// Does the same and throws if the service is not on the bus.
 std::string Require(zarip::msgbus::MsgBus& bus, const std::string& service);
 
-/// Throws unless SERVICE can be a name or the end of one.
+/// Throws unless SERVICE can be a name or the end of a name.
 void CheckService(const std::string& service);
 
-/// The object of a service.
+/// Returns the path of the object of a service.
 zarip::msgbus::MsgBusObjectSelector ObjectOf(const std::string& service, const std::string& interface);
 
 }  // namespace bus

@@ -14,7 +14,7 @@ namespace bus {
 
 namespace {
 
-/// A byte in two digits.
+/// Formats a byte with two digits.
 std::string Escape(const char* begin, unsigned char byte) {
     constexpr char kDigits[] = "0123456789abcdef";
     return std::string(begin) + kDigits[byte >> 4] + kDigits[byte & 15];
@@ -33,7 +33,7 @@ std::string EscapeControl(unsigned char character) {
     }
 }
 
-/// @param isJson  escapes the quote and the backslash, too.
+/// @param isJson  whether the quote and the backslash are escaped, too.
 std::string EscapeText(const std::string& text, bool isJson) {
     const bool isUtf8 = dbus_validate_utf8(text.c_str(), nullptr) != FALSE;
     std::string escaped;
@@ -44,7 +44,8 @@ std::string EscapeText(const std::string& text, bool isJson) {
         } else if (byte >= 0x80 && !isUtf8) {
             escaped += Escape("\\x", byte);
         } else if (byte == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0) {
-            // U+0080 to U+009F, of which U+009B begins a sequence as an escape with a bracket does.
+            // U+0080 to U+009F are control characters. For example, U+009B means the same to a terminal as an
+            // escape with a bracket.
             escaped += EscapeControl(static_cast<unsigned char>(text[++i]));
         } else {
             escaped += isJson && (byte == '"' || byte == '\\') ? "\\" : "";
@@ -56,7 +57,7 @@ std::string EscapeText(const std::string& text, bool isJson) {
 
 std::string ValueAsJson(DBusMessageIter& position);
 
-/// What is in a container, one JSON value each.
+/// Formats the values of a container as JSON, one string for each.
 Strings ElementsOf(DBusMessageIter& container) {
     Strings elements;
     DBusMessageIter inner;
@@ -67,7 +68,7 @@ Strings ElementsOf(DBusMessageIter& container) {
     return elements;
 }
 
-/// An object of JSON; its keys are strings whatever they are on the bus.
+/// Formats a JSON object. Its keys become strings, whatever type they have on the bus.
 std::string DictionaryAsJson(DBusMessageIter& container) {
     std::string members;
     DBusMessageIter entry;
@@ -122,7 +123,7 @@ std::string ValueAsJson(DBusMessageIter& position) {
     if (dbus_type_is_container(type) != FALSE) {
         return JsonArray(ElementsOf(position));
     }
-    // Getting a descriptor would duplicate it.
+    // The value is not read, because reading a descriptor duplicates it.
     return type == DBUS_TYPE_UNIX_FD ? "null" : BasicAsJson(position, type);
 }
 

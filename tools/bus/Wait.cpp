@@ -24,7 +24,7 @@ namespace {
 
 constexpr int kWaitTimeoutMs = 60'000;
 
-/// Notices that a name on the bus has changed hands.
+/// Notices that the owner of a name on the bus has changed.
 class OwnerWatch {
 public:
     explicit OwnerWatch(MsgBus& bus) : _handlers(&bus) {
@@ -42,7 +42,7 @@ private:
         try {
             _changed.Release();
         } catch (const osa::LockException&) {
-            // It was noticed already.
+            // The change was noticed already.
         }
     }
 
@@ -66,7 +66,7 @@ int Wait(MsgBus& bus, const Options& options) {
         if (left.count() <= 0) {
             throw Failure(kTimedOut, service + " is not on the bus yet");
         }
-        // Looks again now and then, so that the end of the bus is noticed, too.
+        // The wait is interrupted now and then, so that the loss of the bus is noticed as well.
         watch.Wait(std::min(milliseconds(100), left));
     }
 }

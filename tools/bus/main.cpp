@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Looks at the services on the bus and calls them: see kUsage.
+// Lists, describes and calls the services on the bus; see kUsage.
 
 #include <dbus/dbus.h>
 
@@ -29,22 +29,22 @@ constexpr char kUsage[] = R"(usage: zarip-bus [OPTION]... COMMAND [ARGUMENT]...
   monitor [SERVICE]           every message, or those from and to a service, as one line of JSON each
   wait SERVICE                waits until the service is on the bus
 
-SERVICE is a name on the bus, or the end of one that only one name has: "security" means
+SERVICE is a name on the bus, or the end of exactly one name: "security" means
 "com.brelk.system.security". An ARG is a string, a number, true or false, or for a list a JSON array such as
 '["one", "two"]'.
 
   -a, --all             list: also the names that begin with "org.freedesktop."
   -j, --json            list, describe, call: prints one line of JSON
-  -t, --timeout SECONDS how long to wait; otherwise 5 for call and describe, 60 for wait
-  -h, --help            shows this; options stand before the ARGs of a call
+  -t, --timeout SECONDS the time limit; the default is 5 for call and describe, 60 for wait
+  -h, --help            shows this help; options must precede the ARGs of a call
       --version         shows the version
 
-A member "without reply" (see describe) is only sent: nobody tells what became of it.
+A call of a member "without reply" (see describe) is only sent, so errors of the service are not reported.
 
-Control characters are printed as "\n", "\u001b" and the like, so what a call prints is exact only with --json.
+Control characters are printed as "\n", "\u001b" and the like, so the output of call is exact only with --json.
 
-The bus is the system bus, or the one in DBUS_SYSTEM_BUS_ADDRESS. To see what others say, monitor needs to be
-root or the user of the bus; everybody else sees only signals.
+The bus is the system bus, or the one in DBUS_SYSTEM_BUS_ADDRESS. To see all messages, monitor must run as
+root or as the user of the bus; other users see only signals.
 
 Exit status: 0 done, 1 refused or failed, 2 wrong usage or arguments, 3 no such service or no bus, 4 timed out.
 
@@ -79,7 +79,7 @@ double ParseTimeout(const std::string& text) {
 
 constexpr char kTimeoutIs[] = "--timeout=";
 
-/// Sets a switch. False for another option.
+/// Sets a switch. Returns false if the option is not a switch.
 bool ParseSwitch(const std::string& word, Options& options) {
     const struct {
         const char* letter;
@@ -99,7 +99,7 @@ bool ParseSwitch(const std::string& word, Options& options) {
     return false;
 }
 
-/// Options end at the member of a call, so that arguments may begin with a dash, and at "--".
+/// Options end at "--" and at the member of a call, so that its arguments may begin with a dash.
 Options ParseOptions(const Strings& given) {
     Options options;
     bool isOver = false;
@@ -136,7 +136,7 @@ const Command& FindCommand(const Strings& words) {
     throw Failure(kUsageError, "unknown command " + words[0] + "; see zarip-bus --help");
 }
 
-/// Tells a service that refuses from a bus that is gone.
+/// Returns the exit status, which distinguishes a refusing service from a lost bus.
 int RunOn(MsgBus& bus, const Command& command, const Options& options) {
     try {
         return command.run(bus, options);
@@ -182,7 +182,7 @@ int Run(const Strings& given) {
 }  // namespace bus
 
 int main(int argc, char** argv) {
-    // As every other program: a reader that closes the pipe that this prints to ends it.
+    // libdbus would ignore SIGPIPE. This program should end when the reader of its output closes the pipe.
     dbus_connection_set_change_sigpipe(FALSE);
     try {
         const int status = bus::Run(bus::Strings(argv + 1, argv + argc));

@@ -10,13 +10,12 @@
 
 namespace zarip::crypto {
 
-/// Keeps a message secret and shows whether somebody has changed it, in one call. This is what to take for
-/// data of one's own; the ciphers in `Ciphers.h` are for formats that others have laid down. *Thread-safe*,
-/// except for destruction.
+/// Encrypts a message and protects it against changes, in one call. Use it for your own data; the ciphers in
+/// `Ciphers.h` are for existing formats. *Thread-safe*, except for destruction.
 ///
-/// A sealed message is a nonce of 12 bytes, the encrypted message and a tag of 16 bytes. The nonce is random
-/// and new for each message: nobody has to think of one, and a message that is sealed twice looks different.
-/// A key is good for 4,000,000,000 messages, after which two might get the same nonce.
+/// A sealed message consists of a nonce of 12 bytes, the encrypted message and a tag of 16 bytes. Each call
+/// generates a random nonce, so the same message looks different when it is sealed again. Use a key for at
+/// most 4,000,000,000 messages; with more, two of them might get the same nonce.
 class ZARIP_EXPORT AuthenticatedCipher {
 public:
     enum Algorithm {
@@ -27,30 +26,31 @@ public:
     static constexpr unsigned int kNonceSize = 12;
     static constexpr unsigned int kTagSize = 16;
 
-    /// How much longer a message is when it is sealed.
+    /// The number of bytes by which sealing makes a message longer.
     static constexpr unsigned int kOverhead = kNonceSize + kTagSize;
 
-    /// @param key  a copy is kept. Make one with `CryptoUtils::GenerateKey`, or of a pass phrase with
-    /// `CryptoUtils::DeriveKey`. Throws `CryptoException` "invalid key length" unless it has `kKeySize`
-    /// bytes.
+    /// @param key  is copied. Make it with `CryptoUtils::GenerateKey`, or from a pass phrase with
+    ///     `CryptoUtils::DeriveKey`. Throws `CryptoException` "invalid key length" unless it has `kKeySize`
+    ///     bytes.
     AuthenticatedCipher(Algorithm algorithm, const SecureBuffer& key);
     AuthenticatedCipher(const AuthenticatedCipher&) = delete;
     AuthenticatedCipher& operator=(const AuthenticatedCipher&) = delete;
     ~AuthenticatedCipher();
 
     /// Encrypts a message of any bytes.
-    /// @param associated  is not encrypted and not in the result, but `Open` needs the same: what the message
-    /// is for, a version, a name, so that no sealed message can be passed off as another. Throws
-    /// `CryptoException` "message too long" for more than 4 GiB - 29 bytes.
+    /// @param associated  is neither encrypted nor contained in the result, but `Open` needs the same value.
+    ///     Pass for example the purpose of the message, a version or a name, so that an attacker cannot
+    ///     replace a sealed message by another one. Throws `CryptoException` "message too long" for more than
+    ///     4 GiB - 29 bytes.
     std::string Seal(std::string_view message, std::string_view associated = {}) const;
     std::string Seal(const SecureBuffer& message, std::string_view associated = {}) const;
     std::vector<unsigned char> Seal(const unsigned char* message, unsigned int length,
                                     const unsigned char* associated = nullptr,
                                     unsigned int associatedLength = 0) const;
 
-    /// Decrypts what `Seal` has made. Throws `CryptoException` "authentication failed", whatever is wrong:
-    /// another key, other associated data, a changed or shortened message. Nothing of the message is returned
-    /// then.
+    /// Decrypts a sealed message. Throws `CryptoException` "authentication failed" for every fault: a
+    /// different key, different associated data, a changed or shortened message. Then no part of the message
+    /// is returned.
     SecureBuffer Open(std::string_view sealed, std::string_view associated = {}) const;
     SecureBuffer Open(const unsigned char* sealed, unsigned int length,
                       const unsigned char* associated = nullptr, unsigned int associatedLength = 0) const;

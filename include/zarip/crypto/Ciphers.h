@@ -10,20 +10,22 @@
 
 namespace zarip::crypto {
 
-/// A block cipher, for formats that others have laid down; for data of one's own take `AuthenticatedCipher`.
-/// `Init` with a key, bytes go in and come out with `Update`, the rest with `DoFinal`. *One thread at a
-/// time.* All failures are `CryptoException`s.
+/// A block cipher, for existing formats; use `AuthenticatedCipher` for your own data. *One thread at a time.*
+/// All errors are `CryptoException`s.
+///
+/// States: *without a key* at first; *in a message* after `Init` or `Reset`, when `Update` may be called any
+/// number of times; *finished* after `DoFinal`, until `Reset` or `Init` starts the next message.
 class ZARIP_EXPORT Cipher {
 public:
     enum Mode {
-        kECB,  ///< every block for itself: equal blocks stay recognisable
+        kECB,  ///< encrypts each block separately: equal blocks stay equal
         kCBC,
-        kCTR,  ///< a stream: any length; a vector must never be used twice with a key
-        kCFB   ///< a stream: any length
+        kCTR,  ///< a stream of any length; never use a vector twice with the same key
+        kCFB   ///< a stream of any length
     };
     enum Padding {
-        kNoPadding,    ///< ECB and CBC then take whole blocks only
-        kPKCS7Padding  ///< adds 1 to a whole block of bytes, in every mode
+        kNoPadding,    ///< ECB and CBC then require whole blocks
+        kPKCS7Padding  ///< adds from 1 byte to a whole block, in every mode
     };
     enum Direction { kEncrypt, kDecrypt };
 
@@ -32,52 +34,54 @@ public:
     Cipher& operator=(const Cipher&) = delete;
     virtual ~Cipher();
 
-    /// "AES", "DES", "3DES", "Blowfish", "Twofish".
+    /// Returns "AES", "DES", "3DES", "Blowfish" or "Twofish".
     virtual const char* GetAlgorithmName() const = 0;
 
-    /// In bytes.
+    /// Returns the size of a block in bytes.
     virtual unsigned int GetBlockSize() const = 0;
 
-    /// Starts a message, whatever went in before.
-    /// @param vector  a block, the initialization vector or the counter's first value; null with ECB
-    /// "null key", "invalid key length", "weak key", "null vector", "invalid vector length"; the object is
-    /// then as it was.
+    /// Starts a message, in any state.
+    /// @param vector  the initialization vector or the first value of the counter, which has the size of a
+    ///     block; null with ECB Throws "null key", "invalid key length", "weak key", "null vector" or
+    ///     "invalid vector length"; then the object does not change.
     virtual void Init(Direction direction, const unsigned char* key, unsigned int keyLength,
                       const unsigned char* vector = nullptr, unsigned int vectorLength = 0) = 0;
 
-    /// Starts over, with the same key and the same vector: for reading again, and with ECB. Two messages that
-    /// were encrypted with one vector show what they have in common, so encrypting in another mode throws
-    /// "another message needs another vector". "cipher has no key" before `Init`.
+    /// Starts again with the same key and vector, for decrypting again and for ECB. Two messages that were
+    /// encrypted with the same vector reveal what they have in common. So encrypting in another mode than ECB
+    /// throws "another message needs another vector". Throws "cipher has no key" before `Init`.
     virtual void Reset() = 0;
 
     /// Starts another message with the same key.
     virtual void Reset(const unsigned char* vector, unsigned int vectorLength) = 0;
 
-    /// The most bytes that an `Update` of so many bytes and a `DoFinal` after it write together.
+    /// Returns the maximum number of bytes that an `Update` with `length` bytes and the following `DoFinal`
+    /// write together.
     virtual unsigned long long GetOutputSize(unsigned int length) const = 0;
 
-    /// Does nothing when `data` is null or `length` 0.
-    /// @param out  may be `data`, except where bytes of an earlier call wait for the rest of their block
-    /// @param size  of `out` in bytes; `length` and a block always suffice
-    /// @return how many bytes were written. Streams write all; otherwise bytes wait until they are a block,
-    /// and the
-    ///         last block of what is decrypted with padding waits for `DoFinal`.
-    /// "cipher has no key", "cipher is finished" after `DoFinal`, "null output buffer", "invalid buffer
-    /// length", "overlapping buffers"; nothing has gone in then.
+    /// Processes a part of the message. Does nothing if `data` is null or `length` is 0.
+    /// @param out  may be equal to `data`, unless bytes of an earlier call wait for the rest of their block
+    /// @param size  the size of `out` in bytes; `length` and a block always suffice
+    /// @return the number of bytes written. Streams write all bytes. Otherwise bytes wait until they fill a
+    ///     block, and when decrypting with padding the last block waits for `DoFinal`. Throws "cipher has no
+    ///     key", "cipher is finished" after `DoFinal`, "null output buffer", "invalid buffer length" or
+    ///     "overlapping buffers"; then nothing was processed.
     virtual unsigned int Update(const unsigned char* data, unsigned int length, unsigned char* out,
                                 unsigned int size) = 0;
 
     /// Ends the message; `Reset` or `Init` starts the next one.
-    /// @param size  of `out`: with padding a block, even if less will be written; otherwise `out` may be null
-    /// @return how many bytes were written.
-    /// As `Update`; "incomplete block" for data that are no whole blocks, and "invalid padding" when
-    /// decrypting with a wrong key or of changed data, which mostly but not always shows. (An `Hmac` tells
-    /// for certain: check it first.) How long it takes does not tell what is wrong with the padding. After
-    /// these two the message has ended.
+    /// @param size  the size of `out`: a block with padding, even if less will be written; otherwise `out`
+    ///     may be null
+    /// @return the number of bytes written.
+    /// Throws what `Update` throws. Throws "incomplete block" if the data are not whole blocks. Throws
+    /// "invalid padding" in most but not all cases of a wrong key or changed data; to be certain, check an
+    /// `Hmac` first. The time that this takes does not depend on the fault in the padding. After these two
+    /// errors the message has ended.
     virtual unsigned int DoFinal(unsigned char* out, unsigned int size) = 0;
 
-    /// The same for strings of bytes; `Finish` is `DoFinal` and returns the rest. What was decrypted is not
-    /// wiped when a string ends: for secrets take the functions above and a `SecureBuffer`.
+    /// These functions do the same with strings of bytes; `Finish` calls `DoFinal` and returns the rest.
+    /// Strings are not wiped when they are destroyed, so use the functions above and a `SecureBuffer` for
+    /// secrets.
     void Init(Direction direction, const SecureBuffer& key, std::string_view vector = {});
     void Reset(std::string_view vector);
     std::string Update(std::string_view data);
@@ -87,7 +91,7 @@ public:
 struct CipherFamily;
 struct GCryptCipherImpl;
 
-/// A cipher of libgcrypt. Keys stay in secure memory (see `SecureBuffer`).
+/// A cipher of libgcrypt. Keys are kept in secure memory (see `SecureBuffer`).
 class ZARIP_EXPORT GCryptCipher : public Cipher {
 public:
     ~GCryptCipher() override;
@@ -119,23 +123,23 @@ public:
     explicit AES(Mode mode, Padding padding = kNoPadding);
 };
 
-/// Keys and blocks of 8 bytes; for old data only. Parity bits are not looked at. The published weak and
-/// semi-weak keys are refused: with them encrypting twice decrypts.
+/// Keys and blocks of 8 bytes; for old data only. Parity bits are ignored. The published weak and semi-weak
+/// keys are refused, because encrypting twice with them decrypts.
 class ZARIP_EXPORT DES : public GCryptCipher {
 public:
     explicit DES(Mode mode, Padding padding = kNoPadding);
 };
 
-/// Keys of 24 bytes, or of 16 whose first third is also the last; blocks of 8. For old data only.
-/// Refused as weak are keys with a weak DES key in them, and those where the second third equals one beside
-/// it, which would make it plain DES.
+/// Keys of 24 bytes, or of 16 bytes whose first third is also used as the last; blocks of 8. For old data
+/// only. Keys are refused as weak if they contain a weak DES key, or if the second third equals the first or
+/// the last, which would be plain DES.
 class ZARIP_EXPORT TripleDES : public GCryptCipher {
 public:
     explicit TripleDES(Mode mode, Padding padding = kNoPadding);
 };
 
-/// Keys of 4 to 56 bytes, blocks of 8; for old data only. No key is refused as weak: those that are called so
-/// are one in 32768 of all, and weak in variants with fewer rounds.
+/// Keys of 4 to 56 bytes, blocks of 8; for old data only. No key is refused as weak. One key in 32768 is
+/// called weak, but only for variants with fewer rounds.
 class ZARIP_EXPORT Blowfish : public GCryptCipher {
 public:
     explicit Blowfish(Mode mode, Padding padding = kNoPadding);

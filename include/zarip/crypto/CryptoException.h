@@ -9,7 +9,7 @@
 
 namespace zarip::crypto {
 
-/// A failed cryptographic operation; `what()` says which.
+/// A cryptographic operation has failed. `what()` describes the error.
 class ZARIP_EXPORT CryptoException : public std::exception {
 public:
     explicit CryptoException(const std::string& message);

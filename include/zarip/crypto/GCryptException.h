@@ -6,17 +6,17 @@
 
 namespace zarip::crypto {
 
-/// An error code of libgcrypt.
+/// A function of libgcrypt has failed.
 class ZARIP_EXPORT GCryptException : public CryptoException {
 public:
-    /// @param operation  what failed; the text is this, ": " and libgcrypt's own.
+    /// @param operation  the operation that failed. The message is this, ": " and libgcrypt's description.
     /// @param error  a `gcry_error_t`.
     GCryptException(const std::string& operation, unsigned int error);
     GCryptException(const GCryptException& other);
     GCryptException& operator=(const GCryptException& other);
     ~GCryptException() override;
 
-    /// The `gcry_error_t`.
+    /// Returns the `gcry_error_t`.
     unsigned int GetError() const { return _error; }
 
 private:

@@ -10,10 +10,10 @@ class ZARIP_EXPORT GCryptInit {
 public:
     GCryptInit() = delete;
 
-    /// Makes libgcrypt ready, once in a process; everything in this namespace calls it first. *Thread-safe.*
+    /// Initialises libgcrypt once per process. All classes of this namespace call it first. *Thread-safe.*
     ///
-    /// A process that uses libgcrypt directly as well may have done so itself, or calls this before. Throws
-    /// `CryptoException` when the installed libgcrypt is too old; the next call tries again.
+    /// A process that also uses libgcrypt directly may initialise it itself or call this first. Throws
+    /// `CryptoException` if the installed libgcrypt is too old; the next call tries again.
     static void InitializeGcrypt();
 };
 

@@ -7,33 +7,33 @@
 
 namespace zarip::crypto {
 
-/// A digest that only holders of a key can make and check: it shows that data are as they were written, and
-/// by whom. Check one with `Verify`; comparing it in another way can show an attacker how much of it was
-/// right. *One thread at a time.*
+/// A digest that only holders of a key can make and check. It proves that data are unchanged and come from a
+/// holder of the key. Check it with `Verify`; another comparison can reveal to an attacker how many bytes
+/// were right. *One thread at a time.*
 class ZARIP_EXPORT Hmac : public Digest {
 public:
     /// @param algorithm  libgcrypt's number of the digest.
-    /// @param key  of any length; that of the digest is best. Null for none.
-    /// Throws `GCryptException` where libgcrypt refuses them.
+    /// @param key  a key of any length, preferably that of the digest; null is an empty key. Throws
+    ///     `GCryptException` if libgcrypt refuses the arguments.
     Hmac(int algorithm, const unsigned char* key, unsigned int length);
     Hmac(int algorithm, std::string_view key);
     Hmac(const Hmac&) = delete;
     Hmac& operator=(const Hmac&) = delete;
     ~Hmac() override;
 
-    /// Of the digest, "SHA256" for example.
+    /// Returns the name of the digest, for example "SHA256".
     const char* GetAlgorithmName() const override;
     unsigned int GetDigestSize() const override;
 
-    /// Forgets what has gone in; the key stays.
+    /// Discards the current message; the key stays.
     void Reset() override;
     void Update(unsigned char byte) override;
     void Update(const unsigned char* data, unsigned int length) override;
     void DoFinal(unsigned char* out, unsigned int length) override;
     using Digest::Update;
 
-    /// Ends the message as `DoFinal` does; whether its digest is this one, all of it. The time it takes does
-    /// not show how many bytes are right.
+    /// Ends the message as `DoFinal` does and returns whether its complete digest is `expected`. The time
+    /// that this takes does not depend on how many bytes are right.
     bool Verify(const unsigned char* expected, unsigned int length);
     bool Verify(std::string_view expected);
 
@@ -42,7 +42,7 @@ private:
     gcry_md_handle* _handle;
 };
 
-/// For old data and old peers only; take SHA-256 for anything new.
+/// For old data and old peers only; use SHA-256 for anything new.
 class ZARIP_EXPORT HmacSHA1 : public Hmac {
 public:
     HmacSHA1(const unsigned char* key, unsigned int length);

@@ -6,25 +6,25 @@
 
 namespace zarip::crypto {
 
-/// Bytes that must not be left behind: keys, pass phrases, what was decrypted. They are wiped when the buffer
-/// ends. *One thread at a time.*
+/// Secret bytes, such as keys, pass phrases and decrypted data. They are wiped when the buffer is destroyed.
+/// *One thread at a time.*
 ///
-/// Up to `kMaxLocked` bytes come from libgcrypt's secure memory, which is not written to a swap device as
-/// long as the process may lock memory. Where that is short or forbidden, and for larger buffers, it is
-/// ordinary memory; the wiping is the same.
+/// Buffers of up to `kMaxLocked` bytes are in libgcrypt's secure memory, which is never written to a swap
+/// device if the process may lock memory. If secure memory is short or forbidden, and for larger buffers,
+/// ordinary memory is used, which is wiped as well.
 class ZARIP_EXPORT SecureBuffer {
 public:
     static constexpr unsigned int kMaxLocked = 16'384;
 
     SecureBuffer() noexcept;
 
-    /// Zeros. Throws `std::bad_alloc`.
+    /// Makes a buffer of zeros. Throws `std::bad_alloc`.
     explicit SecureBuffer(unsigned int size);
 
-    /// A copy of `length` bytes.
+    /// Copies `length` bytes.
     SecureBuffer(const void* data, unsigned int length);
     SecureBuffer(const SecureBuffer& other);
-    /// A buffer that was moved from is empty.
+    /// Leaves `other` empty.
     SecureBuffer(SecureBuffer&& other) noexcept;
     SecureBuffer& operator=(const SecureBuffer& other);
     SecureBuffer& operator=(SecureBuffer&& other) noexcept;
@@ -34,10 +34,10 @@ public:
     const unsigned char* GetData() const noexcept { return _data; }
     unsigned int GetSize() const noexcept { return _size; }
 
-    /// Gives up, and wipes, all after the first `size` bytes; does nothing when there are no more.
+    /// Wipes and removes all bytes after the first `size`. Does nothing if the buffer is not larger.
     void Shrink(unsigned int size) noexcept;
 
-    /// Whether this is libgcrypt's secure memory.
+    /// Returns whether the buffer is in libgcrypt's secure memory.
     bool IsSecure() const noexcept;
 
 private:

@@ -11,13 +11,13 @@
 
 namespace zarip::inet {
 
-/// What HTTP requests and responses have in common: protocol, headers and body. *One thread at a time*.
+/// The common part of HTTP requests and responses: protocol, headers and body. *One thread at a time*.
 ///
-/// A limit that is passed throws `ParserException` with the text given at the function; the message then is
-/// as before.
+/// A function that would exceed a limit throws `ParserException` with the message given there and changes
+/// nothing.
 class ZARIP_EXPORT HttpBase {
 public:
-    /// Orders header names without regard to the case of letters.
+    /// Orders header names without regard to the case of ASCII letters.
     struct ZARIP_EXPORT CaseInsensitive {
         bool operator()(const std::string& left, const std::string& right) const;
     };
@@ -29,33 +29,34 @@ public:
     HttpBase& operator=(const HttpBase& other);
     virtual ~HttpBase();
 
-    /// Such as "HTTP/1.1"; initially empty.
+    /// The protocol, for example "HTTP/1.1". It is empty in a new message.
     virtual std::string GetProtocol() const;
 
-    /// Throws "proto exceeds max length" for more than 64 characters.
+    /// Sets the protocol. Throws "proto exceeds max length" if it has more than 64 characters.
     virtual void SetProtocol(const std::string& protocol);
 
-    /// Sets or adds a header. A name that is here in any case of letters keeps its first spelling. Throws
-    /// "BadRequest" for a name of more than 256 characters, a value of more than 4,096, and for a carriage
-    /// return, line feed or zero byte in either: they would end the header in the middle of it, and what
-    /// follows would be read as the next ones.
+    /// Adds a header or replaces its value. Names are compared without regard to case, and the first spelling
+    /// is kept. Throws "BadRequest" if the name has more than 256 characters or the value more than 4,096.
+    /// Also throws it if either contains a carriage return, a line feed or a zero byte, because a receiver
+    /// would read the bytes after it as another header.
     virtual void SetHeader(const std::string& name, const std::string& value);
 
-    /// The headers in the order of their names. Valid until the next change.
+    /// Returns the headers in the order of their names. The iterators are valid until the next change.
     virtual void GetHeaders(const_iterator& begin, const_iterator& end) const;
 
-    /// The bytes of the body with a zero byte behind the last; valid until the next change.
+    /// Returns the body, followed by a zero byte. The pointer is valid until the next change.
     virtual const char* GetBody() const;
 
-    /// In bytes, without that zero byte.
+    /// Returns the size of the body in bytes, without that zero byte.
     virtual unsigned int GetBodyLength() const;
 
-    /// These throw "body exceeds max length" for more than 1,048,576 bytes.
+    /// These functions copy the body. They throw "body exceeds max length" for more than 1,048,576 bytes.
     virtual void SetBody(const char* text);
     virtual void SetBody(const char* data, unsigned int size);
     virtual void SetBody(const std::string& data);
 
-    /// The header of that name in any case; null when absent. *Not owned*, valid until it is removed.
+    /// Returns the value of a header, whose name may be in any case, or null if the header is absent. The
+    /// pointer is *not owned* and valid until the header is removed.
     const std::string* GetHeader(const std::string& name) const;
 
     void RemoveHeader(const std::string& name);
@@ -68,7 +69,7 @@ private:
 
     std::string _protocol;
     Headers _headers;
-    std::vector<char> _body;  // with its zero byte; empty for a message that never had a body
+    std::vector<char> _body;  // includes the final zero byte; empty if no body was ever set
 };
 
 }  // namespace zarip::inet

@@ -16,8 +16,8 @@ class HttpResponse;
 class IHttpHandler;
 struct HttpDispatcherImpl;
 
-/// Hands requests to the handlers of their paths. *Thread-safe*, except that handlers are added and removed
-/// while no request is served. No lock is held while a handler runs.
+/// Passes each request to the handler that is registered for its path. *Thread-safe*, except that handlers
+/// may only be added and removed while no request is served. No lock is held while a handler runs.
 class ZARIP_EXPORT HttpDispatcher {
 public:
     HttpDispatcher();
@@ -25,30 +25,31 @@ public:
     HttpDispatcher& operator=(const HttpDispatcher&) = delete;
     ~HttpDispatcher();
 
-    /// Registers a handler for the paths that match shell wildcards: '*' and '?' match '/' too. A pattern
-    /// that is here already gets the new handler. The handler is *not owned*.
+    /// Registers a handler for the paths that match a pattern of shell wildcards, in which '*' and '?' also
+    /// match '/'. If the pattern is already registered, the new handler replaces the old one. The handler is
+    /// *not owned*.
     ///
-    /// Deliberate: longer patterns are tried first, those of one length in the order of their bytes, so
-    /// callers may register a general pattern such as "*" beside particular ones in any order.
+    /// Deliberate: longer patterns are tried first, and patterns of equal length in the order of their bytes.
+    /// Callers can therefore register a general pattern such as "*" and special ones in any order.
     void AddHandler(const std::string& pattern, IHttpHandler* handler);
 
-    /// Removes every entry of this handler.
+    /// Removes the handler from every pattern for which it is registered.
     void RemoveHandler(IHttpHandler* handler);
 
-    /// Reads one request and writes the answer: 400 when it cannot be read (a stream that breaks down in the
-    /// middle of it included), 404 when no pattern matches, 500 when the handler throws, which is logged.
-    /// Throws nothing that reading or the handler threw. The answer is written even though reading has left
-    /// the stream in a failed state; it is not flushed.
+    /// Reads one request and writes the answer. The code is 400 if the request is malformed or the stream
+    /// fails while it is read, 404 if no pattern matches, and 500 if the handler throws. The handler's
+    /// exception is logged; neither it nor a read error leaves this function. The answer is written even if
+    /// reading has left the stream in a failed state. The stream is not flushed.
     void HandleRequest(std::istream& in, std::ostream& out);
 
-    /// Answers a request that has been read: as above, without the 400.
+    /// Answers a request that has already been read, in the same way but never with 400.
     void HandleRequest(const HttpRequest& request, HttpResponse& response);
 
-    /// Whether the handler for this path is an `IHttpStreamHandler`.
+    /// Returns whether the handler for this path is an `IHttpStreamHandler`.
     bool IsStream(const std::string& path) const;
 
-    /// Has the stream handler for the path of a head decide what becomes of its connection. Answers 500 when
-    /// it throws, and 404 when no stream handler fits.
+    /// Passes the head of a request to the stream handler for its path, which either takes the connection or
+    /// fills the response. The code is 500 if the handler throws, and 404 if no stream handler matches.
     void HandleHead(const HttpRequest& head, HttpResponse& response, IHttpConnection& connection);
 
 private:

@@ -11,9 +11,10 @@ namespace zarip::inet {
 class HttpRequestBase;
 class HttpResponseBase;
 
-/// Writes HTTP/1.1 messages to streams: first line, headers in the order of their names, an empty line, body.
-/// Adds no header of its own and does not flush. Throws `ParserException` "BadRequest", and writes nothing,
-/// if the first line holds a carriage return, line feed or zero byte. *Thread-safe*: it holds nothing.
+/// Writes HTTP/1.1 messages to streams: the first line, the headers in the order of their names, an empty
+/// line, and the body. It adds no headers and does not flush. If the first line contains a carriage return, a
+/// line feed or a zero byte, it throws `ParserException` "BadRequest" and writes nothing. *Thread-safe*,
+/// because it has no state.
 class ZARIP_EXPORT HttpFormatter {
 public:
     HttpFormatter();
@@ -23,12 +24,12 @@ public:
 
     void Format(std::ostream& out, const HttpResponseBase& response) const;
 
-    /// Deliberate: the target is the path as it stands; the query string is not written. Callers that send a
-    /// query have it in the path, encoded as they want it.
+    /// Deliberate: the target is the unchanged path; the query string is not written. Callers that send a
+    /// query append it to the path in the encoding they need.
     void Format(std::ostream& out, const HttpRequestBase& request) const;
 };
 
-/// `HttpFormatter().Format`; returns the stream.
+/// These operators call `HttpFormatter().Format` and return the stream.
 ZARIP_EXPORT std::ostream& operator<<(std::ostream& out, const HttpRequestBase& request);
 ZARIP_EXPORT std::ostream& operator<<(std::ostream& out, const HttpResponseBase& response);
 

@@ -14,19 +14,20 @@ class HttpRequestBase;
 class HttpResponseBase;
 class MessageReader;
 
-/// Reads HTTP/1.1 messages from streams. *Thread-safe*: it holds nothing. Derived classes may read lines in
-/// their own way.
+/// Reads HTTP/1.1 messages from streams. *Thread-safe*, because it has no state. Derived classes can override
+/// how lines are parsed.
 ///
-/// Never reads more of a stream than the message needs, so a stream that waits for its peer may be parsed
-/// from; it blocks while the stream does. Memory grows with what arrives, never with what is announced.
+/// The parser never reads more of a stream than the message needs, so it can read from a stream that waits
+/// for its peer. It blocks while the stream blocks. Memory grows with the bytes that arrive, never with the
+/// announced length.
 ///
-/// What goes wrong throws `ParserException`: "BadRequest", "proto exceeds max length", "body exceeds max
-/// length" or "too much data"; a wrong percent escape throws the text of `Url::Decode`, a `const char*`. The
-/// message may then be filled in part. A stream that breaks down, as by a time-out, is a "BadRequest"; one
-/// that just ends, ends the message.
+/// Errors are `ParserException`s: "BadRequest", "proto exceeds max length", "body exceeds max length" or "too
+/// much data". A malformed percent escape throws a `const char*`, as `Url::Decode` does. After an error the
+/// message may be partly filled. A stream that fails, for example by a time-out, is a "BadRequest"; the end
+/// of the stream ends the message.
 ///
-/// Not for use behind a proxy that keeps connections open: of several "Content-Length" headers the last one
-/// counts.
+/// Do not use it for connections that a proxy keeps open for several requests: if there are several
+/// "Content-Length" headers, the last one counts.
 class ZARIP_EXPORT HttpParser {
 public:
     HttpParser();
@@ -34,33 +35,35 @@ public:
     HttpParser& operator=(const HttpParser& other);
     virtual ~HttpParser();
 
-    /// Reads a request. With a "Content-Length" the body is read to that length, at most 1,048,576 bytes; one
-    /// that ends early is taken as it is (compare `GetBodyLength`). The body of a POST whose content type is
-    /// exactly "application/x-www-form-urlencoded" also becomes form parameters.
+    /// Reads a request. If there is a "Content-Length", a body of that length is read, which may have at most
+    /// 1,048,576 bytes. A body that ends early is accepted; compare `GetBodyLength` with the header. If the
+    /// request is a POST and its content type is exactly "application/x-www-form-urlencoded", the body is
+    /// also parsed into form parameters.
     ///
-    /// These are a "BadRequest": "Transfer-Encoding"; more than 1,000 headers, or 1 MiB of them; white space
-    /// around a header's name; control characters in the first line.
+    /// These throw "BadRequest": a "Transfer-Encoding" header, more than 1,000 headers or more than 1 MiB of
+    /// them, white space around a header's name, and control characters in the first line.
     void Parse(std::istream& in, HttpRequestBase& request) const;
 
-    /// Reads the head of a request alone, up to the empty line after its headers, so that the caller may
-    /// stream a body of any length. Returns the announced length of the body, 0 without one. Fails as `Parse`
-    /// does.
+    /// Reads only the head of a request, up to the empty line after its headers, so that the caller can
+    /// stream a body of any length. Returns the announced length of the body, or 0 if none is announced.
+    /// Throws what `Parse` throws.
     unsigned long long ParseHead(std::istream& in, HttpRequestBase& request) const;
 
-    /// Reads a response; its body is the rest of the stream. Limits for headers as above.
+    /// Reads a response, whose body is the rest of the stream. The headers have the same limits as those of a
+    /// request.
     void Parse(std::istream& in, HttpResponseBase& response) const;
 
-    /// Adds the pairs "name=value" between '&' or ';' to the form or query parameters, '+' and percent
-    /// escapes decoded. A pair without '=' and the 10,001st pair throw "BadRequest"; those before it stay.
-    /// One separator at the end is allowed.
+    /// Splits a query at '&' and ';' into pairs "name=value", decodes '+' and percent escapes in them, and
+    /// adds them to the form or query parameters. A pair without '=' and the 10,001st pair throw
+    /// "BadRequest"; the parameters before it stay. One separator at the end is allowed.
     static void ParseQuery(HttpRequestBase& request, std::string query, bool isForm);
 
 protected:
-    /// These get a line without its end and may write to it.
+    /// These functions get a line without its end and may modify it.
     virtual void ParseRequestLine(char* line, HttpRequestBase& request) const;
     virtual void ParseResponseLine(char* line, HttpResponseBase& response) const;
 
-    /// `name` and `value` become zero-terminated parts of the line.
+    /// Sets `name` and `value` to zero-terminated parts of the line.
     virtual void ParseHeader(char* line, char*& name, char*& value) const;
 
 private:
@@ -77,7 +80,7 @@ private:
                                HttpRequestBase& request) const;
 };
 
-/// `HttpParser().Parse`; returns the stream.
+/// These operators call `HttpParser().Parse` and return the stream.
 ZARIP_EXPORT std::istream& operator>>(std::istream& in, HttpRequestBase& request);
 ZARIP_EXPORT std::istream& operator>>(std::istream& in, HttpResponseBase& response);
 

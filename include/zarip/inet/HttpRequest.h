@@ -9,10 +9,10 @@
 
 namespace zarip::inet {
 
-/// An HTTP request. A new one has the method `UNKW` and no name for it. *One thread at a time*.
+/// An HTTP request. A new request has the method `UNKW` and an empty method name. *One thread at a time*.
 class ZARIP_EXPORT HttpRequest : public HttpRequestBase {
 public:
-    /// Four characters, the first in the lowest byte.
+    /// Each value consists of four characters, the first of them in the lowest byte.
     enum Method : unsigned int {
         HGET = 0x54454748,
         POST = 0x54534F50,
@@ -38,21 +38,21 @@ public:
 #pragma GCC diagnostic pop
     ~HttpRequest() override;
 
-    /// The method's name. For `UNKW` the text that `SetMethodName` last got and did not know, so that a
-    /// method of somebody else's passes through unchanged.
+    /// Returns the method's name. For `UNKW` this is the last unknown name that was passed to
+    /// `SetMethodName`, so an extension method passes through unchanged.
     std::string GetMethodName() const override;
 
-    /// Any case of letters.
+    /// Sets the method by its name, which may be in any case.
     void SetMethodName(const std::string& name) override;
 
-    /// A `Method`, or any other number that was set.
+    /// Returns a `Method`, or any other number that was set.
     virtual unsigned int GetMethod() const;
     virtual void SetMethod(unsigned int method);
 
-    /// `UNKW` for a name that is not known.
+    /// Returns `UNKW` for an unknown name.
     static Method GetMethodByName(const std::string& name);
 
-    /// "UNKNOWN" for `UNKW` and any other number.
+    /// Returns "UNKNOWN" for `UNKW` and for numbers that are not a `Method`.
     static std::string GetNameForMethod(Method method);
 
 private:

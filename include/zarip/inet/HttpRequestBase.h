@@ -14,9 +14,10 @@ namespace zarip::inet {
 
 class Url;
 
-/// A request whose kinds of methods a derived class knows. *One thread at a time*.
+/// The base class of requests. A derived class defines the methods. *One thread at a time*.
 ///
-/// Pointers that getters return are *not owned* and valid until that entry changes; null when there is none.
+/// Getters that return a pointer return null if there is no such entry. The pointers are *not owned* and
+/// valid until the entry changes.
 class ZARIP_EXPORT HttpRequestBase : public InetBase, public HttpBase {
 public:
     HttpRequestBase();
@@ -31,22 +32,22 @@ public:
     virtual std::string GetMethodName() const = 0;
     virtual void SetMethodName(const std::string& name) = 0;
 
-    /// Decoded.
+    /// Returns the decoded path.
     virtual const std::string& GetPath() const;
     virtual void SetPath(const std::string& path);
 
-    /// As it was sent, not decoded.
+    /// Returns the query as it was sent, not decoded.
     virtual const std::string& GetQueryString() const;
 
-    /// Sets the text alone; the parameters stay.
+    /// Sets the query string only; the parameters do not change.
     virtual void SetQueryString(const std::string& query);
 
-    /// A header named "Cookie" also sets cookies: "a=1; b=2". Values are taken as they are; an empty one
-    /// removes its cookie, and a piece without name or '=' is skipped. Cookies of several such headers add
-    /// up, to 10,000 at the most: more throw "BadRequest".
+    /// A header named "Cookie", such as "a=1; b=2", also sets cookies. Their values are not decoded; an empty
+    /// value removes its cookie, and a piece without a name or '=' is skipped. The cookies of several such
+    /// headers accumulate; more than 10,000 throw "BadRequest".
     void SetHeader(const std::string& name, const std::string& value) override;
 
-    /// Names of parameters are kept in upper case and found in any.
+    /// Parameter names are stored in upper case and found in any case.
     virtual const std::string* GetQueryParameter(const std::string& name) const;
     virtual void SetQueryParameter(const std::string& name, const std::string& value);
     virtual void RemoveQueryParameter(const std::string& name);
@@ -54,18 +55,17 @@ public:
     virtual void SetFormParameter(const std::string& name, const std::string& value);
     virtual void RemoveFormParameter(const std::string& name);
 
-    /// The form's parameter where there is one, otherwise the query's.
+    /// Returns the form's parameter if it exists, otherwise the query's.
     virtual const std::string* GetFormOrQueryParameter(const std::string& name) const;
 
-    /// Names of cookies are exact.
+    /// Cookie names are case-sensitive.
     const std::string* GetCookie(const std::string& name) const;
 
-    /// An empty value removes the cookie.
+    /// Sets a cookie; an empty value removes it.
     void SetCookie(const std::string& name, const std::string& value);
 
-    /// Sets the path to the URL's, decoded; the query string, and the parameters in it; and the header
-    /// "HOST". Throws what `Url::Decode` and `HttpParser::ParseQuery` throw; parameters before a wrong one
-    /// stay.
+    /// Sets the decoded path, the query string with its parameters, and the header "HOST" from a URL. Throws
+    /// what `Url::Decode` and `HttpParser::ParseQuery` throw; parameters before a malformed one stay.
     void SetUrl(const Url& url);
 
 private:

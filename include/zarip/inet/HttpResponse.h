@@ -11,8 +11,8 @@ namespace zarip::inet {
 
 /// An HTTP response. *One thread at a time*.
 ///
-/// Deliberate: a new one has the code 503, "Service Unavailable", so a handler that sets nothing is not taken
-/// for one that succeeded.
+/// Deliberate: a new response has the code 503, "Service Unavailable", so a handler that sets nothing does
+/// not report success.
 class ZARIP_EXPORT HttpResponse : public HttpResponseBase {
 public:
     HttpResponse();
@@ -23,7 +23,7 @@ public:
     void SetCode(int code) override;
     int GetCode() const override;
 
-    /// "Unknown" for a code that has no text.
+    /// Returns the reason phrase of the code, or "Unknown" if it has none.
     std::string GetCodeText() const override;
 
 private:

@@ -10,7 +10,7 @@
 
 namespace zarip::inet {
 
-/// A response whose codes a derived class knows. *One thread at a time*.
+/// The base class of responses. A derived class defines the codes. *One thread at a time*.
 class ZARIP_EXPORT HttpResponseBase : public InetBase, public HttpBase {
 public:
     HttpResponseBase();
@@ -20,7 +20,7 @@ public:
     virtual int GetCode() const = 0;
     virtual std::string GetCodeText() const = 0;
 
-    /// These also set the header "Content-Length".
+    /// These functions also set the header "Content-Length".
     void SetBody(const char* text) override;
     void SetBody(const char* data, unsigned int size) override;
     void SetBody(const std::string& data) override;

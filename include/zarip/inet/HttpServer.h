@@ -11,62 +11,67 @@ namespace zarip::inet {
 
 class IHttpHandler;
 
-/// A small HTTP/1.1 server: one request for each connection, answered by the handler with the longest pattern
-/// that matches its path. For a camera's own pages and interfaces.
+/// A small HTTP/1.1 server for a camera's own pages and interfaces. It serves one request per connection,
+/// which the handler with the longest matching pattern answers.
 ///
-/// Handlers are called with whole requests, one at a time unless `SetWorkers` says otherwise, on threads
-/// named "TcpSocketThread" with 1 MiB of stack. Only a handler that takes long delays others: clients that
-/// are silent, dribble, or do not read cost a connection and no thread. A client that sends nothing for 5
-/// seconds before its request is whole, or takes more than the time limit for the head of it, is answered
-/// 400; one that takes nothing of its answer for 5 seconds is cut. While they make progress, a large body and
-/// a large answer may take as long as they need.
+/// States: *new* after the constructor, *running* after `StartServerThread`, *stopped* for good after
+/// `StopServerThread`. Handlers and settings are changed in the first state only; each of the two calls may
+/// be repeated.
 ///
-/// At most 1,000 connections are open at once, no more than half the descriptors that the process may open,
-/// and 8 MiB are held for all of them; beyond that the connection whose time ends first, or that holds the
-/// most, is closed.
+/// Handlers are called with complete requests on threads named "TcpSocketThread", which have 1 MiB of stack.
+/// They run one at a time unless `SetWorkers` allows more. Only a slow handler delays other clients: a client
+/// that is silent, sends slowly or does not read occupies a connection but no thread. A client is answered
+/// 400 if it sends nothing for 5 seconds before its request is complete, or if its head takes longer than the
+/// time limit. A client that accepts nothing of its answer for 5 seconds is disconnected. A large body and a
+/// large answer may take any time as long as they make progress.
 ///
-/// What the server sends is what the handler has set, unless `SetStandardResponses` makes it keep the web's
-/// rules, which browsers, proxies and libraries for clients rely on.
+/// At most 1,000 connections are open at once, and never more than half of the descriptors that the process
+/// may open. If there are too many, the connection that would time out first is closed. All connections
+/// together may buffer 8 MiB. If they exceed that, the connection with the largest buffer is closed.
 ///
-/// *Thread-safe*, except that handlers are added and removed, and everything is set, before the start. A
-/// handler may stop the server, and delete it: both only ask it to end, which it does when the handlers that
-/// run have returned.
+/// The server sends exactly what the handler has set. `SetStandardResponses` makes it follow the rules of the
+/// web as well, on which browsers, proxies and client libraries rely.
+///
+/// *Thread-safe*, except that handlers and settings may only be changed before the start. A handler may stop
+/// or delete the server. Both only request the end, and the server ends when the running handlers have
+/// returned.
 class ZARIP_EXPORT HttpServer {
 public:
-    /// Binds; nothing listens yet. Throws what `osa::TcpSocket` throws.
+    /// Binds the socket, which does not listen yet. Throws what `osa::TcpSocket` throws.
     /// @param address  a numeric IP address, or the name of a unix-domain socket.
-    /// @param port  taken modulo 65,536; 0 takes a free one.
+    /// @param port  is taken modulo 65,536; 0 selects a free port.
     HttpServer(const std::string& address, int port);
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Stops the server.
+    /// Stops the server as `StopServerThread` does.
     ~HttpServer();
 
     /// @param handler  *not owned*, must outlive the server or be removed; see `HttpDispatcher`.
     void AddHandler(const std::string& pattern, IHttpHandler* handler);
     void RemoveHandler(IHttpHandler* handler);
 
-    /// The time in seconds, 30 at first, that a client may take for the head of its request; 0xFFFFFFFF for
-    /// no limit. A limit below 5 seconds is also the longest silence.
+    /// Sets the time in seconds that a client may take to send the head of its request. The default is 30;
+    /// 0xFFFFFFFF means no limit. A limit below 5 seconds also limits how long a client may be silent.
     void SetTimeLimit(unsigned int seconds);
 
-    /// How many handlers may run at once: 1, as at first, to 64; other numbers become the nearest of these.
-    /// With more than one, handlers must be thread-safe.
+    /// Sets how many handlers may run at once, from 1 (the default) to 64; other numbers are clamped. If
+    /// several may run at once, handlers must be thread-safe.
     void SetWorkers(unsigned int count);
 
-    /// Has the server keep the web's rules where a handler has not set something else: answers say
-    /// "Connection: close" and "Date", an answer to HEAD leaves without its body and keeps its length, and a
-    /// client that waits for "100 Continue" before it sends a body of up to 1 MiB gets it. Off at first, for
-    /// clients that know what they get to the byte.
+    /// Makes the server follow the rules of the web unless a handler has set something else. Answers then
+    /// have the headers "Connection" ("close") and "Date". An answer to HEAD is sent without its body but
+    /// with its length. A client that waits for "100 Continue" before it sends a body of up to 1 MiB gets it.
+    /// This is off by default, for clients that expect the exact bytes that a handler sets.
     void SetStandardResponses(bool on);
 
-    /// Starts serving; returns once the server listens. Does nothing while the server runs. Throws
-    /// `osa::SocketException` "listen failed", and "Server was stopped" after `StopServerThread`.
+    /// Starts serving and returns once the server listens. Does nothing if the server is running. Throws
+    /// `osa::SocketException` "listen failed", or "Server was stopped" if the server has been stopped.
     void StartServerThread();
 
-    /// Ends serving, and waits for it: requests that are not whole are cut, handlers that run may end, and
-    /// their answers get a second to leave. Called by a handler it does not wait.
+    /// Stops serving and waits for the end: incomplete requests are dropped, running handlers finish, and
+    /// their answers get one second to be sent. Does not wait if a handler calls it. Does nothing if the
+    /// server is not running.
     void StopServerThread();
 
     unsigned short GetLocalPort() const;

@@ -18,16 +18,16 @@ public:
     IHttpConnection& operator=(const IHttpConnection&) = delete;
     virtual ~IHttpConnection() = default;
 
-    /// Takes the connection out of the server: the *caller owns* it, reads the body from it, writes the
-    /// answer to it, and closes it, best with `TcpSocket::Finish`. It may be used on any thread, has no time
-    /// limit of its own, outlives the server, and is not ended by `HttpServer::StopServerThread`. The part of
-    /// the body that has come already is received first.
+    /// Takes the connection out of the server. The *caller owns* it, reads the body from it, writes the
+    /// answer to it, and closes it, preferably with `TcpSocket::Finish`. The connection can be used on any
+    /// thread. It has no time limit, outlives the server, and is not closed by
+    /// `HttpServer::StopServerThread`. Bytes of the body that have already arrived are received first.
     ///
-    /// A client that waits for "100 Continue" is sent it now if the server makes standard responses.
-    /// Throws `osa::Exception` "Connection was taken" when called again.
+    /// If the server sends standard responses and the client waits for "100 Continue", this call sends it. A
+    /// second call throws `osa::Exception` "Connection was taken".
     virtual std::unique_ptr<osa::TcpSocket> Take() = 0;
 
-    /// The announced length of the body in bytes, of any size; 0 without a body.
+    /// Returns the announced length of the body in bytes, which has no limit; 0 if there is no body.
     virtual unsigned long long GetContentLength() const = 0;
 };
 

@@ -6,21 +6,22 @@
 
 namespace zarip::inet {
 
-/// The texts of an IPv4 and of an IPv6 address, zero-terminated and empty where there is none, and a port.
+/// An IPv4 address, an IPv6 address and a port. The addresses are zero-terminated strings, which are empty if
+/// there is no such address.
 struct _ipaddr_t {
     char ipv4[16];
     char ipv6[68];
     unsigned short port;
 };
 
-/// A point in time since 1970.
+/// A time since 1970-01-01 00:00:00 UTC.
 struct _timeval_t {
     unsigned int seconds;
     unsigned int microseconds;
 };
 
-/// When a message was made, where it goes and where it comes from. A new one has the current time and the
-/// address 0.0.0.0, port 0, for both ends. *One thread at a time*.
+/// The time stamp, destination and source of a message. A new message has the current time, and the address
+/// 0.0.0.0 and port 0 for both ends. *One thread at a time*.
 class ZARIP_EXPORT InetBase {
 public:
     InetBase();

@@ -9,8 +9,8 @@
 
 namespace zarip::inet {
 
-/// A message that cannot be read, or that breaks a limit; copies keep everything. *One thread at a time*. Not
-/// an `osa::Exception`.
+/// A message is malformed or exceeds a limit. Copies keep all fields. *One thread at a time*. This is not an
+/// `osa::Exception`.
 class ZARIP_EXPORT ParserException : public std::exception {
 public:
     explicit ParserException(const std::string& message);

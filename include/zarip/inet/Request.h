@@ -7,7 +7,7 @@
 
 namespace zarip::inet {
 
-/// `InetBase` as a type of its own, for callers that tell requests from responses.
+/// The same data as `InetBase`, as a separate type for callers that distinguish requests from responses.
 class ZARIP_EXPORT Request : public InetBase {
 public:
     Request();

@@ -6,12 +6,12 @@
 
 namespace zarip::inet {
 
-/// The headers that a request and a response of UPnP discovery have in common; a base class of `Message`,
-/// which also derives from `HttpBase`.
+/// The common headers of requests and responses of UPnP discovery. It is a base class of `Message`, which
+/// also derives from `HttpBase`.
 ///
-/// Getters return the header's value, *not owned* and valid until that header changes, or null when it is
-/// absent. Setters take null for the empty text; they throw `ParserException` "BadRequest" as
-/// `HttpBase::SetHeader` does. *One thread at a time*.
+/// Getters return the header's value, or null if the header is absent. The pointer is *not owned* and valid
+/// until that header changes. Setters treat null as the empty string and throw `ParserException` "BadRequest"
+/// as `HttpBase::SetHeader` does. *One thread at a time*.
 template <class Message>
 class UpnpHeaders {
 public:
@@ -22,7 +22,8 @@ public:
     const std::string* GetLocation() const { return Get("LOCATION"); }
     void SetLocation(const char* value) { Set("LOCATION", value); }
 
-    /// The header "CACHE-CONTROL". Deliberate: the names are spelt so, and programs are built against them.
+    /// Access the header "CACHE-CONTROL". Deliberate: programs are built against the names as they are spelt
+    /// here.
     const std::string* GetCatchControl() const { return Get("CACHE-CONTROL"); }
     void SetCatchControl(const char* value) { Set("CACHE-CONTROL", value); }
 

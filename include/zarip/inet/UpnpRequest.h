@@ -10,12 +10,12 @@
 
 namespace zarip::inet {
 
-/// A request of UPnP discovery (SSDP): M-SEARCH or NOTIFY, an HTTP request in a datagram. A new one has no
-/// known method, the protocol "HTTP/1.1", the path "*" and goes to 239.255.255.250, port 1900. *One thread at
-/// a time*. Headers are got and set as `UpnpHeaders` says.
+/// A request of UPnP discovery (SSDP), M-SEARCH or NOTIFY, which is an HTTP request in a datagram. A new
+/// request has the method `UNKO`, the protocol "HTTP/1.1", the path "*" and the destination 239.255.255.250,
+/// port 1900. `UpnpHeaders` describes the functions for headers. *One thread at a time*.
 class ZARIP_EXPORT UpnpRequest : public HttpRequest, public UpnpHeaders<UpnpRequest> {
 public:
-    /// Four characters, the first in the lowest byte.
+    /// Each value consists of four characters, the first of them in the lowest byte.
     enum UpnpMethod : unsigned int {
         MSER = 0x5245534D,  ///< M-SEARCH
         NOTF = 0x46544F4E,  ///< NOTIFY
@@ -28,21 +28,21 @@ public:
     UpnpRequest& operator=(const UpnpRequest& other);
     ~UpnpRequest() override;
 
-    /// "M-SEARCH", "NOTIFY" or "UNKNOWN".
+    /// Returns "M-SEARCH", "NOTIFY" or "UNKNOWN".
     std::string GetMethodName() const override;
 
-    /// The first two, in any case of letters; others throw `ParserException` "Invalid Method", so a datagram
-    /// with another method cannot be parsed into this class.
+    /// Takes "M-SEARCH" and "NOTIFY" in any case. Other names throw `ParserException` "Invalid Method", so a
+    /// datagram with another method cannot be parsed into this class.
     void SetMethodName(const std::string& name) override;
 
-    /// A `UpnpMethod`, or any other number that was set.
+    /// Returns a `UpnpMethod`, or any other number that was set.
     unsigned int GetMethod() const override;
     void SetMethod(unsigned int method) override;
 
     const std::string* GetHost() const { return Get("HOST"); }
     void SetHost(const char* value) { Set("HOST", value); }
 
-    /// The seconds within which a search wants its answers, as the sender has written them.
+    /// Returns the number of seconds within which a search expects its answers, as the sender has written it.
     const std::string* GetMX() const { return Get("MX"); }
 
     const std::string* GetNT() const { return Get("NT"); }

@@ -8,8 +8,8 @@
 
 namespace zarip::inet {
 
-/// An answer to a search of UPnP discovery. A new one has the protocol "HTTP/1.1", otherwise what a new
-/// `HttpResponse` has. *One thread at a time*.
+/// An answer to a search of UPnP discovery. A new response has the protocol "HTTP/1.1" and is otherwise the
+/// same as a new `HttpResponse`. *One thread at a time*.
 class ZARIP_EXPORT UpnpResponse : public HttpResponse, public UpnpHeaders<UpnpResponse> {
 public:
     UpnpResponse();

@@ -10,18 +10,18 @@ namespace zarip::inet {
 
 struct _ipaddr_t;
 
-/// The parts of a URL. A value: copied, assigned and swapped. *One thread at a time*.
+/// The parts of a URL, as a value type. *One thread at a time*.
 ///
-/// `Encode` and `Decode` throw a bare text (`const char*`), which `catch (const std::exception&)` lets
-/// through: where text from outside is decoded, the last handler is `catch (...)`.
+/// `Encode` and `Decode` throw a `const char*`, which `catch (const std::exception&)` does not catch. Use
+/// `catch (...)` around code that decodes strings from outside.
 class ZARIP_EXPORT Url {
 public:
-    /// All parts are empty and the port is 0.
+    /// Makes a URL whose parts are empty and whose port is 0.
     Url();
 
-    /// Splits [scheme "://"] [user [":" password] "@"] [host [":" port]] [path] ["?" query]; nothing is
-    /// decoded, and a fragment is dropped. Digits behind the ':' of the host are the port, in 16 bits. Text
-    /// without a scheme begins with the host, unless it begins with '/' or '?'. Throws
+    /// Splits [scheme "://"] [user [":" password] "@"] [host [":" port]] [path] ["?" query]. Nothing is
+    /// decoded, and a fragment is dropped. The digits after the ':' of the host are the port, truncated to 16
+    /// bits. A string without a scheme begins with the host unless it begins with '/' or '?'. Throws
     /// `std::invalid_argument` "Invalid uri: " + text.
     explicit Url(const std::string& text);
 
@@ -35,33 +35,35 @@ public:
     const std::string& GetUser() const { return _user; }
     const std::string& GetPassword() const { return _password; }
 
-    /// An IPv6 address keeps its brackets.
+    /// Returns the host; an IPv6 address keeps its brackets.
     const std::string& GetHost() const { return _host; }
 
-    /// 0 when absent.
+    /// Returns the port, or 0 if it is absent.
     unsigned short GetPort() const { return _port; }
 
-    /// As written, not decoded.
+    /// Returns the path as it was written, not decoded.
     const std::string& GetPath() const { return _path; }
 
-    /// As written, without the '?'.
+    /// Returns the query as it was written, without the '?'.
     const std::string& GetQuery() const { return _query; }
 
-    /// The text again, without the ':' of port 0, of an empty password, and without an empty query's '?'.
+    /// Joins the parts again. The ':' of port 0 or of an empty password and the '?' of an empty query are
+    /// left out.
     std::string ToString() const;
 
-    /// The host as an address: what stands in brackets is the IPv6 text, any other host the IPv4 text or a
-    /// name. A text that is longer than its field stays empty, and so does the other one.
+    /// Stores the host and the port as an address. A host in brackets is stored as the IPv6 address, any
+    /// other host, which may be a name, as the IPv4 address. The other field becomes empty, and so does the
+    /// field of a host that is too long for it.
     void GetIpAddr(_ipaddr_t& out) const;
 
-    /// Writes every byte but letters, digits and "-._~" as '%' and two hexadecimal digits. Throws the text
-    /// "url_encode() failed" itself, a `const char*`; deliberate: callers catch it as that.
+    /// Replaces every byte except letters, digits and "-._~" by '%' and two hexadecimal digits. Throws the
+    /// string "url_encode() failed" as a `const char*`. Deliberate: callers catch that type.
     static std::string Encode(const std::string& text);
 
-    /// Turns '%' and two hexadecimal digits into that byte; '+' stays. Deliberate: the result ends at the
-    /// first zero byte, as in C, so callers may hand it to functions that take C strings. Throws the text
-    /// "url_decode() failed" itself, a `const char*`, when a '%' lacks its digits; deliberate: callers catch
-    /// it as that.
+    /// Replaces '%' and two hexadecimal digits by that byte; '+' stays. Deliberate: the result ends at the
+    /// first zero byte, as in C, so callers can pass it to functions that take C strings. Throws the string
+    /// "url_decode() failed" as a `const char*` if a '%' has no two digits after it. Deliberate: callers
+    /// catch that type.
     static std::string Decode(const std::string& text);
 
 private:

@@ -18,16 +18,17 @@ namespace zarip::interfaces {
 /// Publishes video-analytics alerts as the signal "AnalyticsAlert" of interface "com.brelk.analytics".
 /// *Thread-safe*.
 ///
-/// There is no proxy: a program that wants alerts registers an `IMessageHandler` for interface and member,
-/// and makes an `AnalyticsAlert` of the message that it gets. Anybody on the bus may send one. The object
-/// describes its interface without the signal, whose signature varies with the number of points.
+/// There is no proxy. A program that receives alerts registers an `IMessageHandler` for this interface and
+/// member, and makes an `AnalyticsAlert` from each message. Any process on the bus may send alerts. The
+/// description of the object does not contain the signal, because its signature varies with the number of
+/// points.
 class ZARIP_EXPORT AnalyticsInterface {
 public:
-    /// One alert. *One thread at a time.* The meaning of the fields is the publisher's.
+    /// An alert. The publisher defines the meaning of the fields. *One thread at a time.*
     ///
-    /// On the bus the fields stand in another order than here: `alertId`, `deviceId`, `ruleId`,
-    /// `objectClass`, `zone`, `track`, `ruleName`, `severity`, `state`, `description`, `startTime`,
-    /// `endTime`. A list of points is its length and then the coordinates of each.
+    /// On the bus the fields have another order than here: `alertId`, `deviceId`, `ruleId`, `objectClass`,
+    /// `zone`, `track`, `ruleName`, `severity`, `state`, `description`, `startTime`, `endTime`. A list of
+    /// points is sent as its length followed by the coordinates of each point.
     class ZARIP_EXPORT AnalyticsAlert {
     public:
         struct Point {
@@ -37,12 +38,12 @@ public:
 
         AnalyticsAlert();
 
-        /// Reads a received alert; a negative length of a list counts as 0. Throws what
+        /// Reads an alert from a received message. A negative length of a list counts as 0. Throws what
         /// `MsgBusMsgArgumentReader` throws.
         explicit AnalyticsAlert(const msgbus::MsgBusMsg& message);
 
-        /// Appends the alert to a message, which holds 121 points at the most, in both lists together. Throws
-        /// as `MsgBusMsg::operator<<`; the message then has part of the alert.
+        /// Appends the alert to a message. A message can hold 121 points, in both lists together. Throws what
+        /// `MsgBusMsg::operator<<` throws; the message then contains a part of the alert.
         void Serialize(msgbus::MsgBusMsg& message) const;
 
         std::string alertId;
@@ -59,7 +60,8 @@ public:
         std::string endTime;
     };
 
-    /// Publishes from the object "/com/brelk/analytics". @param bus  *not owned*, must outlive this object.
+    /// Publishes from the object "/com/brelk/analytics".
+    /// @param bus  *not owned*, must outlive this object.
     explicit AnalyticsInterface(msgbus::MsgBus* bus);
 
     /// Publishes from another object.
@@ -68,8 +70,8 @@ public:
     AnalyticsInterface& operator=(const AnalyticsInterface&) = delete;
     ~AnalyticsInterface();
 
-    /// Throws what `MsgBusSignal`, `AnalyticsAlert::Serialize` and `IMsgBus::SendMsg` throw; then nothing is
-    /// sent.
+    /// Sends an alert. Throws what `MsgBusSignal`, `AnalyticsAlert::Serialize` and `IMsgBus::SendMsg` throw;
+    /// then nothing is sent.
     void BroadcastAnalyticsAlert(const AnalyticsAlert& alert);
 
 private:

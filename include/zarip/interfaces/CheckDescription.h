@@ -11,16 +11,19 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// Compares the description of a service with the table of its server adapter. A test of the service expects
-/// an empty string; otherwise each line names one mismatch: a member or signal that is in one of the two
-/// only or twice, another signature of its arguments or results, a one-way member that is described as one
-/// that replies or the reverse, arguments without names or directions, a property, which no server has, and a
-/// description that is not XML.
+/// Compares the description of a service with the table of its server adapter. Returns an empty string if
+/// they agree, which a test of the service expects. Otherwise each line names one mismatch:
+/// - a member or signal that only one of them has, or that one of them has twice,
+/// - different signatures of arguments or results,
+/// - a one-way member that is described as one that replies, or the reverse,
+/// - an argument without a name or a direction,
+/// - a property, because servers have no properties,
+/// - a description that is not XML.
 ///
-/// Signatures are those of default-constructed values. The argument of a member that can only be read from a
-/// message, and not appended to one, has the signature "?".
-/// @param server  derives from `ServiceServer`; throws `osa::Exception` for another one.
-/// @param leftOut  members that are served on purpose without being described, such as one whose signature
+/// Signatures are those of default-constructed values. A type that can be read from a message but not
+/// appended to one has the signature "?".
+/// @param server  must derive from `ServiceServer`, otherwise this throws `osa::Exception`.
+/// @param leftOut  the members that are deliberately not described, for example because their signature
 ///     varies.
 ZARIP_EXPORT std::string CheckDescription(const InterfaceServer& server,
                                           const std::vector<std::string>& leftOut = {});

@@ -15,16 +15,16 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The service that owns the audio line output, "com.brelk.audio.lineout": a client connects, keeps its
-/// connection alive, disconnects, and asks who is connected.
+/// The service of the audio line output, "com.brelk.audio.lineout". Clients connect, keep their connections
+/// alive, disconnect, and ask which clients are connected.
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There they wait up to 5000 milliseconds for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There they wait up to 5000 milliseconds for the
+/// reply and throw what `IMsgBus::SendMsgWaitForReply` throws.
 ///
-/// The meaning of numbers and strings is the service's.
+/// The service defines the meaning of the numbers and strings.
 class ZARIP_EXPORT IAudioLineOutProvider {
 public:
     struct ConnectResult {
@@ -45,17 +45,19 @@ public:
     virtual std::string Disconnect(int connection);
     virtual std::string KeepAlive(int connection);
 
-    /// A message holds 127 of them; a service that returns more answers "MsgBusMsg: too many arguments!".
+    /// Returns the connections. A message can hold 127 of them; if a service returns more, the call fails
+    /// with "MsgBusMsg: too many arguments!".
     virtual std::vector<QueryResult> Query();
 
-    // Deliberately without `_timeout`: the proxy keeps it, so that the object of a service ends here.
+    // Deliberate: there is no `_timeout` here. The proxy has it, so that the object of a service ends here.
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static IAudioLineOutProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, IAudioLineOutProvider* implementation);
 };
 

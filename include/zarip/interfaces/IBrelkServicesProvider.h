@@ -16,16 +16,16 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The device's service directory, "com.brelk.brelkServices": lists the services that the device offers and
-/// its cameras, and tells when that changed.
+/// The device's service directory, "com.brelk.brelkServices". It lists the services that the device offers
+/// and its cameras, and reports changes.
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There they wait up to `_timeout` for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There they wait up to `_timeout` for the reply and
+/// throw what `IMsgBus::SendMsgWaitForReply` throws.
 ///
-/// The notation of the lists of services and the device types are the service's.
+/// The service defines the device types and the notation of the lists of services.
 class ZARIP_EXPORT IBrelkServicesProvider {
 public:
     IBrelkServicesProvider();
@@ -37,19 +37,21 @@ public:
     virtual std::string GetServicesByDeviceType(const std::string& deviceType) const;
     virtual std::vector<std::string> GetCameraDeviceNames() const;
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// The directory changed. Fired by the service on any thread, and in clients when the signal arrives, on
-    /// MsgBusListenThread.
+    /// The directory has changed. The service fires it on any thread. In clients it is fired on
+    /// MsgBusListenThread when the signal arrives.
     core::Event0 StateChange;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static IBrelkServicesProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, IBrelkServicesProvider* implementation);
 };
 

@@ -15,16 +15,16 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The device's networking service, "com.brelk.networkingV2": reads and changes network settings, each of
-/// them one string, and tells what changed.
+/// The device's networking service, "com.brelk.networkingV2". It reads and changes the network settings,
+/// which are strings, and reports changes.
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There they wait up to `_timeout` for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There they wait up to `_timeout` for the reply and
+/// throw what `IMsgBus::SendMsgWaitForReply` throws.
 ///
-/// The notation of the strings is the service's.
+/// The service defines the notation of the strings.
 class ZARIP_EXPORT INetworkingV2Provider {
 public:
     INetworkingV2Provider();
@@ -35,11 +35,12 @@ public:
     virtual std::string Get(const std::string& query);
     virtual std::string Set(const std::string& settings);
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// What changed. Fired by the service on any thread, and in clients when the signal arrives, on
-    /// MsgBusListenThread.
+    /// These events report changes. The service fires them on any thread. In clients they are fired on
+    /// MsgBusListenThread when the signal arrives.
     core::Event1<std::string> IPv4AddressChange;
     core::Event1<unsigned int> MTUChange;
     core::Event1<std::string> HostnameChange;
@@ -48,12 +49,13 @@ public:
     core::Event1<unsigned int> NTPConfigChanged;
     core::Event1<unsigned int> LighttpdConfigChanged;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static INetworkingV2Provider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, INetworkingV2Provider* implementation);
 };
 

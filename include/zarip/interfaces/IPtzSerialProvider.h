@@ -12,17 +12,17 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The service that owns the serial line to a pan-tilt-zoom unit, "com.brelk.hardware.ptzSerial": sets and
-/// reads the settings of the line, initialising it, and switches the polling of the unit.
+/// The service of the serial line to a pan-tilt-zoom unit, "com.brelk.hardware.ptzSerial". It reads and sets
+/// the settings of the line, which initialises it, and switches the polling of the unit.
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There the two that return something wait up to `_timeout` for the reply and throw
-/// what `IMsgBus::SendMsgWaitForReply` throws; the setters are one-way, return at once and report nothing,
-/// also while no service runs.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There the two members with results wait up to
+/// `_timeout` for the reply and throw what `IMsgBus::SendMsgWaitForReply` throws. The setters are one-way:
+/// they return at once and report no errors, even if the service is not running.
 ///
-/// The meaning of the four settings is the service's.
+/// The service defines the meaning of the four settings.
 class ZARIP_EXPORT IPtzSerialProvider {
 public:
     IPtzSerialProvider();
@@ -33,20 +33,23 @@ public:
     virtual void SetPtzSerialSettingsAndInitialize(unsigned int speed, int framing, unsigned int address,
                                                    bool flag);
 
-    /// Returns the speed. @param framing, address, flag  filled from the reply.
+    /// Returns the speed.
+    /// @param framing, address, flag  are set from the reply.
     virtual unsigned int GetPtzSerialSettingsAndInitialize(int& framing, unsigned int& address, bool& flag);
     virtual void SetPtzPollingState(bool on);
     virtual bool GetPtzPollingState();
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static IPtzSerialProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, IPtzSerialProvider* implementation);
 };
 

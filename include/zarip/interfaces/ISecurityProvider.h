@@ -16,16 +16,16 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The device's security service, "com.brelk.system.security": authenticates users, answers what they may do,
-/// keeps the user list and the pass phrases.
+/// The device's security service, "com.brelk.system.security". It authenticates users, decides what they may
+/// do, and manages the user list and the pass phrases.
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There they wait up to `_timeout` for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws; `Invalidate` is one-way and reports nothing.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There they wait up to `_timeout` for the reply and
+/// throw what `IMsgBus::SendMsgWaitForReply` throws. `Invalidate` is one-way and reports no errors.
 ///
-/// The notation of user and pass-phrase lists, the meaning of flags and of int results are the service's.
+/// The service defines the notation of the lists and the meaning of the flags and of the int results.
 class ZARIP_EXPORT ISecurityProvider {
 public:
     ISecurityProvider();
@@ -52,7 +52,7 @@ public:
     virtual std::vector<std::string> GetAllowedPermissions(const std::string& session) const;
     virtual std::string GetCredentials(const std::string& session) const;
 
-    /// @param result  filled from the reply; what it held before is not sent.
+    /// @param result  is set from the reply; its previous value is not sent.
     virtual int GetExpiration(const std::string& session, std::string& result) const;
     virtual bool Authorize(const std::string& session, const std::string& path);
     virtual bool Logout(const std::string& session);
@@ -69,19 +69,21 @@ public:
     virtual std::string GetPassphrase(const std::string& name) const;
     virtual bool DeletePassphrase(const std::string& name);
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// The user list changed. Fired by the service on any thread, and in clients when the signal arrives, on
-    /// MsgBusListenThread.
+    /// The user list has changed. The service fires it on any thread. In clients it is fired on
+    /// MsgBusListenThread when the signal arrives.
     core::Event1<bool> UsersChanged;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static ISecurityProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, ISecurityProvider* implementation);
 };
 

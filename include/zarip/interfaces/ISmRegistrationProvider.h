@@ -14,17 +14,17 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The service that enrols the device with the manager of a video-management system and keeps the two in
-/// step, "com.brelk.mirase.smRegistration".
+/// The service that registers the device with the manager of a video-management system and keeps the two
+/// synchronised, "com.brelk.mirase.smRegistration".
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There the two questions wait up to `_timeout` for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws; the other three are one-way, return at once and report nothing,
-/// also while no service runs.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There the two members with results wait up to
+/// `_timeout` for the reply and throw what `IMsgBus::SendMsgWaitForReply` throws. The other three are
+/// one-way: they return at once and report no errors, even if the service is not running.
 ///
-/// What the string holds and what a reset clears is the service's.
+/// The service defines the content of the string and the effects of the resets.
 class ZARIP_EXPORT ISmRegistrationProvider {
 public:
     ISmRegistrationProvider();
@@ -38,15 +38,17 @@ public:
     virtual void ResetSynced();
     virtual void ForceRegister(const std::string& manager);
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static ISmRegistrationProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, ISmRegistrationProvider* implementation);
 };
 

@@ -14,15 +14,15 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The video streaming service's counts of connections, "com.brelk.video.streamInfo".
+/// The connection counts of the video streaming service, "com.brelk.video.streamInfo".
 ///
-/// A service derives from it, overrides the members it serves and hands itself to `CreateServer`; a member
-/// that it does not override throws `osa::Exception` "unimplemented", also across the bus. Its members are
-/// then *called on MsgBusListenThread*, one at a time. Every other process calls the same members on what
-/// `CreateClient` returns. There they wait up to `_timeout` for the reply and throw what
-/// `IMsgBus::SendMsgWaitForReply` throws.
+/// A service derives from this class, overrides the members that it serves, and passes itself to
+/// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not
+/// overridden throws `osa::Exception` "unimplemented", also for callers on the bus. Other processes call the
+/// same members on the object that `CreateClient` returns. There they wait up to `_timeout` for the reply and
+/// throw what `IMsgBus::SendMsgWaitForReply` throws.
 ///
-/// What the string names and what counts as a connection is the service's.
+/// The service defines the names of the streams and what counts as a connection.
 class ZARIP_EXPORT IStreamInfoProvider {
 public:
     IStreamInfoProvider();
@@ -33,15 +33,17 @@ public:
     virtual int GetCurrentVideoConnections(const std::string& stream) const;
     virtual int GetGuaranteedVideoConnections(const std::string& stream) const;
 
-    /// How long a client waits for a reply, in milliseconds: 5000 unless the caller changes it.
+    /// The time for which a client waits for a reply, in milliseconds. It is 5000 unless the caller changes
+    /// it.
     int _timeout;
 
-    /// A proxy to the service, *caller owns*. @param bus  *not owned*, must outlive the proxy.
+    /// Makes a proxy of the service, which the *caller owns*.
+    /// @param bus  *not owned*, must outlive the proxy.
     static IStreamInfoProvider* CreateClient(msgbus::IMsgBus* bus);
 
-    /// Serves an implementation on the bus, *caller owns*. Both arguments are *not owned* and must outlive
-    /// the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call `IMsgBus::StartServer` after
-    /// it.
+    /// Makes a server that serves an implementation on the bus; the *caller owns* it. Both arguments are *not
+    /// owned* and must outlive the server. Throws what `IMsgBus::RegisterDestinationName` throws. Call
+    /// `IMsgBus::StartServer` afterwards.
     static InterfaceServer* CreateServer(msgbus::IMsgBus* bus, IStreamInfoProvider* implementation);
 };
 

@@ -12,17 +12,18 @@ class IMsgBus;
 
 namespace zarip::interfaces {
 
-/// What every server adapter is: the owner of a service's bus name while it exists. *One thread at a time.*
+/// The base class of all server adapters. It owns the bus name of a service while it exists. *One thread at a
+/// time.*
 class ZARIP_EXPORT InterfaceServer {
 public:
-    /// Claims the name; throws what `IMsgBus::RegisterDestinationName` throws.
+    /// Acquires the name. Throws what `IMsgBus::RegisterDestinationName` throws.
     /// @param bus  *not owned*, must outlive the server.
     InterfaceServer(msgbus::IMsgBus* bus, const char* busName);
     InterfaceServer(msgbus::IMsgBus* bus, const std::string& busName);
     InterfaceServer(const InterfaceServer&) = delete;
     InterfaceServer& operator=(const InterfaceServer&) = delete;
 
-    /// Gives the name up; never throws.
+    /// Releases the name. Never throws.
     virtual ~InterfaceServer();
 
 protected:

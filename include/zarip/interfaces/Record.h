@@ -9,15 +9,15 @@
 
 namespace zarip::interfaces {
 
-/// Several arguments or results that travel as one value, one bus argument for each field. `Record<>` is the
-/// result of a member that returns nothing, but whose caller waits until it is done.
+/// Several arguments or results as one value. On the bus each field is an argument. `Record<>` is the result
+/// of a member that returns nothing but whose caller waits until it has finished.
 template <class... Fields>
 struct Record : std::tuple<Fields...> {
     using Tuple = std::tuple<Fields...>;
     using Tuple::Tuple;
 };
 
-/// Reads the fields in their order; throws as the reader does.
+/// Reads the fields in order. Throws what the reader throws.
 template <class... Fields>
 msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentReader& reader,
                                             Record<Fields...>& record) {
@@ -26,7 +26,7 @@ msgbus::MsgBusMsgArgumentReader& operator>>(msgbus::MsgBusMsgArgumentReader& rea
     return reader;
 }
 
-/// Appends the fields in their order; throws as the message does.
+/// Appends the fields in order. Throws what the message throws.
 template <class... Fields>
 msgbus::MsgBusMsg& operator<<(msgbus::MsgBusMsg& message, const Record<Fields...>& record) {
     std::apply([&message](const Fields&... field) { (void)(message << ... << field); },

@@ -17,40 +17,40 @@
 
 namespace zarip::interfaces {
 
-/// How long a proxy waits for a reply unless it is told otherwise, in milliseconds.
+/// The default time for which a proxy waits for a reply, in milliseconds.
 inline constexpr int kDefaultTimeout = 5000;
 
-/// What a proxy needs of a service: calls its members and receives its signals. A proxy derives from the
-/// interface of its service, holds a `RemoteService` and forwards each member to it.
+/// Calls the members of a service and receives its signals. A proxy derives from the interface of its
+/// service, holds a `RemoteService` and forwards each member to it.
 ///
-/// *Thread-safe* like the bus, except `Subscribe`, which belongs into the proxy's constructor. Signals arrive
-/// *on MsgBusListenThread*. The destructor ends the subscriptions and waits for an event that is being fired,
-/// unless it is called from that event.
+/// *Thread-safe*, except `Subscribe`, which the proxy's constructor calls once for each signal. Signals
+/// arrive *on MsgBusListenThread*. The destructor ends the subscriptions and waits for an event that is being
+/// fired, unless it is called from that event.
 class RemoteService {
 public:
     /// @param bus  *not owned*, must outlive this object.
-    /// @param timeout  in milliseconds, *not owned*: it is read at every call, so that a proxy can hand over
-    ///     its member and its user can change that.
+    /// @param timeout  in milliseconds, *not owned*. It is read at every call, so a proxy can pass its
+    ///     member, which its user can change.
     RemoteService(msgbus::IMsgBus* bus, const ServiceDescription& service,
                   const int& timeout = kDefaultTimeout)
         : _bus(bus), _selector(service.name, service.path, service.name), _timeout(timeout), _handlers(bus) {}
     RemoteService(msgbus::IMsgBus*, const ServiceDescription&, const int&& timeout) = delete;
 
-    /// Calls a member and waits for its result, a value or a record; throws what
-    /// `IMsgBus::SendMsgWaitForReply` throws, and what reading throws if the reply holds something else.
+    /// Calls a member and waits for its result, which is a value or a record. Throws what
+    /// `IMsgBus::SendMsgWaitForReply` throws, and what reading throws if the reply has other types.
     template <class R, class... A>
     R Call(const char* member, const A&... argument) const {
         msgbus::MsgBusMsg* answer = nullptr;
-        _bus->SendMsgWaitForReply(Message(member, argument...), answer, _timeout);
+        _bus->SendMsgWaitForReply(MakeMessage(member, argument...), answer, _timeout);
         const std::unique_ptr<msgbus::MsgBusMsg> reply(answer);
         return msgbus::internal::ReadArgument<R>(*reply);
     }
 
-    /// Calls a one-way member, which nobody answers: it also returns if no service runs. Throws what
-    /// `IMsgBus::SendMsg` throws.
+    /// Calls a one-way member, which has no reply. It returns normally even if the service is not running.
+    /// Throws what `IMsgBus::SendMsg` throws.
     template <class... A>
     void Send(const char* member, const A&... argument) const {
-        _bus->SendMsg(Message(member, argument...));
+        _bus->SendMsg(MakeMessage(member, argument...));
     }
 
     /// Fires an event for every signal of this name. Throws what `IMsgBus::RegisterMessageHandler` throws.
@@ -72,7 +72,7 @@ public:
 
 private:
     template <class... A>
-    msgbus::MsgBusRemoteMethod Message(const char* member, const A&... argument) const {
+    msgbus::MsgBusRemoteMethod MakeMessage(const char* member, const A&... argument) const {
         msgbus::MsgBusRemoteMethod message(_selector, member);
         (void)(static_cast<msgbus::MsgBusMsg&>(message) << ... << argument);
         return message;

@@ -16,17 +16,17 @@ class IMessageHandler;
 
 namespace zarip::interfaces::internal {
 
-/// What all instances of `ServiceServer` share; not for programs. *One thread at a time.*
+/// The common part of all instances of `ServiceServer`; programs do not use it. *One thread at a time.*
 class ZARIP_EXPORT ServerBase : public InterfaceServer {
 public:
-    /// Works out a signature; called only if somebody asks for it.
+    /// Computes a signature. It is only called when the signature is needed.
     using Signature = std::string (*)();
 
     struct Member {
         const char* name;
         bool isSignal;
-        Signature in;   ///< of a call or a signal
-        Signature out;  ///< of the reply; null for a signal and for a one-way member
+        Signature in;   ///< the arguments of a call or a signal
+        Signature out;  ///< the results; null for a signal and for a one-way member
     };
 
     ~ServerBase() override;
@@ -35,21 +35,21 @@ public:
     const std::vector<Member>& GetMembers() const;
 
 protected:
-    /// Claims the name, then describes the object.
+    /// Acquires the name, then describes the object.
     ServerBase(msgbus::IMsgBus* bus, const ServiceDescription& service);
 
     /// @param handler  *takes ownership*.
     void AddMember(const Member& member, msgbus::IMessageHandler* handler);
-    /// @param detach  ends the forwarding of the event.
+    /// @param detach  is called once to end the forwarding of the event.
     void AddSignal(const Member& signal, std::function<void()> detach);
 
     void DetachFromEvents();
-    /// None of the handlers runs afterwards.
+    /// Unregisters the handlers. None of them runs afterwards.
     void EndHandlers();
 
 private:
-    struct State;
-    std::unique_ptr<State> _state;
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::interfaces::internal

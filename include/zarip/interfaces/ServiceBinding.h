@@ -2,7 +2,7 @@
 
 #pragma once
 
-/// What a service of one's own is made of; guide/own-service.md walks through one.
+/// The parts of which services are made; guide/own-service.md walks through an example.
 ///
 /// A service is an interface class with virtual members whose bodies call `Unimplemented`, a proxy that
 /// derives from it and holds a `RemoteService`, and a server adapter that derives from `ServiceServer`.
@@ -16,7 +16,7 @@
 
 namespace zarip::interfaces {
 
-/// The body of a member that an implementation need not override: throws `osa::Exception` "unimplemented",
+/// The body of a member that an implementation need not override. Throws `osa::Exception` "unimplemented",
 /// which a caller on the bus gets as its error reply.
 [[noreturn]] inline void Unimplemented() {
     throw osa::Exception(osa::Exception::kUnimplemented);

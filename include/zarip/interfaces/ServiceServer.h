@@ -60,9 +60,9 @@ template <class T>
 struct CanAppend<T, std::void_t<decltype(std::declval<msgbus::MsgBusMsg&>() << std::declval<const T&>())>>
     : std::true_type {};
 
-/// How an argument or result travels, or "?" for a type that can only be read.
+/// Returns the bus's type codes of an argument or result, or "?" for a type that can only be read.
 template <class T>
-std::string SignatureOf() {
+std::string GetSignature() {
     if constexpr (CanAppend<T>::value) {
         msgbus::MsgBusMsg message(msgbus::MsgBusMsg::kMethodCall);
         message << T{};
@@ -74,24 +74,25 @@ std::string SignatureOf() {
 
 }  // namespace internal
 
-/// A server adapter: claims the name of a service on the bus, answers calls with an implementation, sends the
-/// implementation's events as signals, and describes the service to those that ask.
+/// A server adapter. It owns the name of a service on the bus, answers calls with an implementation, sends
+/// the implementation's events as signals, and describes the service on the bus.
 ///
-/// A service derives a final class from it and calls, in its constructor, `Forward` for each signal and
-/// `Serve` or `Add` for each member, in the order of the interface. That is the table which
-/// `CheckDescription` compares with the description of the service.
+/// A service derives a final class from it, whose constructor calls `Forward` once for each signal and
+/// `Serve` or `Add` once for each member, in the order of the interface. `CheckDescription` compares this
+/// table with the description of the service.
 ///
-/// Making and destroying it is for *one thread at a time*; the implementation is *called on
-/// MsgBusListenThread*, one call at a time, and may fire its events on any thread. What it throws is the
-/// error reply of a call that expects one. Register everything before `IMsgBus::StartServer`.
+/// It is made and destroyed by *one thread at a time*. The implementation is *called on MsgBusListenThread*,
+/// one call at a time, and may fire its events on any thread. An exception becomes the error reply of a call
+/// that expects a reply. Make all servers before `IMsgBus::StartServer` is called.
 ///
-/// Destruction first detaches from the events, then forgets the implementation, ends the handlers, and gives
-/// the name up. Afterwards nothing of the implementation is called or sent. A final class that gives `Add`
-/// delegates to itself calls `Close` first in its destructor, since they may run until then.
+/// The destructor detaches from the events, drops the implementation, ends the handlers, and releases the
+/// name, in this order. Afterwards the implementation is not called and its events are not sent. If a final
+/// class passes delegates of its own members to `Add`, its destructor must call `Close` first, because they
+/// may run until then.
 template <class Provider>
 class ServiceServer : public internal::ServerBase {
 protected:
-    /// Throws what `IMsgBus::RegisterDestinationName` throws.
+    /// Acquires the name. Throws what `IMsgBus::RegisterDestinationName` throws.
     /// @param bus  *not owned*, must outlive the server.
     /// @param implementation  *not owned*, must outlive the server.
     ServiceServer(msgbus::IMsgBus* bus, const ServiceDescription& service, Provider* implementation)
@@ -99,22 +100,23 @@ protected:
 
     ~ServiceServer() override { Close(); }
 
-    /// Detaches from the events, forgets the implementation and ends the handlers; afterwards none of them
-    /// runs. May be called twice.
+    /// Detaches from the events, drops the implementation and ends the handlers. Afterwards no handler runs.
+    /// It may be called any number of times.
     void Close() {
         DetachFromEvents();
         _implementation = nullptr;
         EndHandlers();
     }
 
-    /// Serves a member of the implementation with any number of arguments. If it returns nothing it is
-    /// one-way: no reply is sent.
+    /// Serves a member of the implementation, which may have any number of arguments. A member that returns
+    /// nothing is one-way: no reply is sent.
     template <class Method>
     void Serve(const char* member, Method method) {
         ServeMethod(member, method);
     }
 
-    /// The same with the record that holds the arguments.
+    /// Serves a member in the same way and checks at compile time that `Parms` is the record of its
+    /// arguments.
     template <class Parms, class R, class... A>
     void Serve(const char* member, R (Provider::*method)(A...)) {
         ServeRecord<Parms, R, A...>(member, method);
@@ -125,45 +127,46 @@ protected:
         ServeRecord<Parms, R, A...>(member, method);
     }
 
-    /// Serves a member with a delegate of the adapter's own, which takes no or one argument; that may be a
-    /// record. *Takes ownership.*
+    /// Serves a member with a delegate, usually to the adapter itself. The delegate has at most one argument,
+    /// which may be a record. *Takes ownership* of the delegate.
     template <class R>
     void Add(const char* member, core::IDelegate0<R>* delegate) {
-        AddMember({member, false, &internal::SignatureOf<Record<>>, &internal::SignatureOf<R>},
+        AddMember({member, false, &internal::GetSignature<Record<>>, &internal::GetSignature<R>},
                   new msgbus::MessageHandler0<R>(delegate));
     }
 
     template <class R, class A>
     void Add(const char* member, core::IDelegate1<R, A>* delegate) {
-        AddMember({member, false, &internal::SignatureOf<A>, &internal::SignatureOf<R>},
+        AddMember({member, false, &internal::GetSignature<A>, &internal::GetSignature<R>},
                   new msgbus::MessageHandler1<R, A>(delegate));
     }
 
     void Add(const char* member, core::IVoidDelegate0* delegate) {
-        AddMember({member, false, &internal::SignatureOf<Record<>>, nullptr},
+        AddMember({member, false, &internal::GetSignature<Record<>>, nullptr},
                   new msgbus::VoidMessageHandler0(delegate, msgbus::IMessageHandler::kMethodCalls));
     }
 
     template <class A>
     void Add(const char* member, core::IVoidDelegate1<A>* delegate) {
-        AddMember({member, false, &internal::SignatureOf<A>, nullptr},
+        AddMember({member, false, &internal::GetSignature<A>, nullptr},
                   new msgbus::VoidMessageHandler1<A>(delegate, msgbus::IMessageHandler::kMethodCalls));
     }
 
     /// Sends an event of the implementation as a signal.
     template <class Class, class A>
     void Forward(const char* signal, core::Event1<A> Class::*event) {
-        Attach(signal, &internal::SignatureOf<A>, _implementation.load()->*event,
+        Attach(signal, &internal::GetSignature<A>, _implementation.load()->*event,
                new Emitter1<A>(this, signal));
     }
 
     template <class Class>
     void Forward(const char* signal, core::Event0 Class::*event) {
-        Attach(signal, &internal::SignatureOf<Record<>>, _implementation.load()->*event,
+        Attach(signal, &internal::GetSignature<Record<>>, _implementation.load()->*event,
                new Emitter0(this, signal));
     }
 
-    /// For delegates of the adapter's own: throws "<name> is shutting down" once the adapter is closing.
+    /// Returns the implementation, for delegates to the adapter itself. Throws "<name> is shutting down"
+    /// after `Close`.
     Provider& GetImplementation() const {
         Provider* const implementation = _implementation;
         if (implementation == nullptr) {

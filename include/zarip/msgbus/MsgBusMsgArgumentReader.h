@@ -49,8 +49,8 @@ public:
     MsgBusMsgArgumentReader& operator>>(std::vector<std::string>& value);
 
 private:
-    struct State;
-    std::unique_ptr<State> _state;
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::msgbus

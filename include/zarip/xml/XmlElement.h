@@ -12,16 +12,17 @@ struct _xmlNode;
 
 namespace zarip::xml {
 
-/// An element of an `XmlDocument`: a reference, cheap to copy, *not owned*. It is valid until the element, or
-/// one around it, is removed, and until the document ends. *One thread at a time* for a whole document.
+/// A reference to an element of an `XmlDocument`, which is cheap to copy and does not own the element. It is
+/// valid until the element or an element around it is removed, or the document is destroyed. *One thread at a
+/// time* for a whole document.
 ///
-/// Names are local names; `namespaceUri` is the name of a namespace, empty for none. Text is UTF-8. Setters
-/// throw `XmlException` "invalid name '...'", "invalid text" (for what is not UTF-8 and for control
-/// characters that XML cannot hold) and "text of more than 10000000 bytes"; all functions throw "no element"
-/// for a reference to nothing.
+/// Names are local names. `namespaceUri` is the name of a namespace; an empty string means no namespace.
+/// Strings are UTF-8. Setters throw `XmlException` "invalid name '...'", "invalid text" (not UTF-8, or
+/// control characters that XML cannot contain) and "text of more than 10000000 bytes". If the reference is
+/// empty, all functions throw "no element".
 class ZARIP_EXPORT XmlElement {
 public:
-    /// Refers to nothing; what looks for an element and finds none returns this.
+    /// Makes an empty reference. Functions that do not find an element return it.
     XmlElement() = default;
     explicit operator bool() const { return _node != nullptr; }
     friend bool operator==(XmlElement a, XmlElement b) { return a._node == b._node; }
@@ -31,54 +32,56 @@ public:
     std::string GetPrefix() const;
     std::string GetNamespaceUri() const;
 
-    /// In the text that was parsed, from 1; 0 for an element that was added.
+    /// Returns the line in the parsed text, from 1, or 0 for an element that was added.
     unsigned int GetLine() const;
 
-    /// All text inside, that of the elements below included.
+    /// Returns the text of the element and of all elements inside it.
     std::string GetText() const;
 
-    /// Replaces everything inside by a text.
+    /// Replaces the content of the element by a text.
     void SetText(const std::string& text);
 
-    /// False when there is no such attribute; `value` stays as it is then.
+    /// Stores the value of an attribute. Returns false and does not change `value` if there is no such
+    /// attribute.
     bool GetAttribute(const std::string& name, std::string& value,
                       const std::string& namespaceUri = {}) const;
 
-    /// The value of an attribute, or `otherwise`.
+    /// Returns the value of an attribute, or `otherwise` if there is no such attribute.
     std::string GetAttributeOr(const std::string& name, const std::string& otherwise) const;
 
-    /// Adds or replaces it. One with a namespace takes the prefix that is declared for it here or around, and
-    /// throws "undeclared namespace '...'" if no prefix is declared.
+    /// Adds or replaces an attribute. An attribute with a namespace gets the prefix that is declared for it
+    /// by this element or an element around it. Throws "undeclared namespace '...'" if no prefix is declared.
     void SetAttribute(const std::string& name, const std::string& value,
                       const std::string& namespaceUri = {});
 
-    /// False when there was none.
+    /// Removes an attribute. Returns false if there is no such attribute.
     bool RemoveAttribute(const std::string& name, const std::string& namespaceUri = {});
 
-    /// Names and values in the order of the document; declarations of namespaces are left out.
+    /// Returns names and values in the order of the document, without the declarations of namespaces.
     std::vector<std::pair<std::string, std::string>> GetAttributes() const;
 
-    /// Declares a namespace for this element and those inside. @param prefix  empty for the default one.
-    /// Throws "prefix '...' is declared already", "prefix '...' is in use" when this element or one inside
-    /// means another namespace by it, or, for the default one, none, and "invalid namespace '...' '...'" for
-    /// XML's own, for one that is not a URI and for a prefix without a namespace.
+    /// Declares a namespace for this element and the elements inside it. Throws "prefix '...' is declared
+    /// already", or "prefix '...' is in use" if this element or one inside it uses the prefix for another
+    /// namespace (or, with an empty prefix, is in no namespace). Throws "invalid namespace '...' '...'" for
+    /// XML's own namespaces, for a name that is not a URI, and for a prefix without a namespace.
+    /// @param prefix  empty for the default namespace.
     void DeclareNamespace(const std::string& prefix, const std::string& namespaceUri);
 
     XmlElement GetParent() const;
     XmlElement GetNextSibling() const;
 
-    /// The first child of this name, of the namespace given or of any.
+    /// These functions return the first child with this name, in any namespace or in the given one.
     XmlElement GetChild(const std::string& name) const;
     XmlElement GetChild(const std::string& name, const std::string& namespaceUri) const;
     std::vector<XmlElement> GetChildren() const;
     std::vector<XmlElement> GetChildren(const std::string& name) const;
 
-    /// Adds a child after the others, in the namespace of this element unless another is given. Throws
-    /// "elements are nested too deep" after 256.
+    /// Adds a child after the last one, in the namespace of this element unless another one is given. Throws
+    /// "elements are nested too deep" after 256 levels.
     XmlElement AddChild(const std::string& name);
     XmlElement AddChild(const std::string& name, const std::string& namespaceUri);
 
-    /// Removes a child and all inside it; throws "not a child" for another element.
+    /// Removes a child with its content. Throws "not a child" for any other element.
     void RemoveChild(XmlElement child);
 
 private:

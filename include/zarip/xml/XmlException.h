@@ -6,19 +6,20 @@
 
 namespace zarip::xml {
 
-/// A document that is not well formed or holds what is not allowed, or a wrong use of the classes here.
+/// A document is not well formed or contains something that is not allowed, or a class of this namespace was
+/// used in a wrong way.
 class ZARIP_EXPORT XmlException : public osa::Exception {
 public:
     explicit XmlException(const std::string& message);
 
-    /// The text is the message, followed by " (line <line>, column <column>)".
-    /// @param line, column  from 1; a column 0 is not known and left out.
+    /// Appends " (line <line>, column <column>)" to the message.
+    /// @param line, column  counted from 1; an unknown column is 0 and left out.
     XmlException(const std::string& message, unsigned int line, unsigned int column);
     XmlException(const XmlException& other);
     XmlException& operator=(const XmlException& other);
     ~XmlException() override;
 
-    /// Where in the document, from 1; 0 when that is not known.
+    /// These functions return the position in the document, from 1, or 0 if it is not known.
     unsigned int GetDocumentLine() const { return _documentLine; }
     unsigned int GetDocumentColumn() const { return _documentColumn; }
 

@@ -11,14 +11,14 @@
 
 namespace zarip::xml {
 
-/// Reads a document piece by piece, whatever its length, with the memory of the piece. *One thread at a
-/// time.* It is as safe with documents from strangers as `XmlDocument` is, has the same limits and throws the
-/// same `XmlException`, after it has delivered what stands before the error. It differs in one thing: two
-/// equal `xml:id` are found if they are among the first 4096 of a document.
+/// Reads a document of any length node by node, with the memory of a small part of it. *One thread at a
+/// time.* It is as safe with documents from strangers as `XmlDocument`, has the same limits and throws the
+/// same `XmlException`s, after it has delivered all nodes before the error. There is one difference: two
+/// equal `xml:id` are only found among the first 4096 of a document.
 class ZARIP_EXPORT XmlReader {
 public:
     enum NodeType {
-        kNone,  ///< before the first and after the last
+        kNone,  ///< before the first and after the last node
         kElement,
         kEndElement,
         kText,
@@ -29,51 +29,55 @@ public:
         kOther,
     };
 
-    /// Reads a text, which is copied.
+    /// Reads a text, which it copies.
     explicit XmlReader(std::string_view text);
 
-    /// Reads a stream, *not owned*, which must outlive the reader. It takes what has arrived and waits for
-    /// more only when that holds no further node: a text is there when the markup after it is. `Read` throws
-    /// `osa::IOException` "XmlReader: reading failed" for a stream that fails or whose buffer throws.
+    /// Reads a stream, *not owned*, which must outlive the reader. The reader takes the bytes that have
+    /// arrived and waits for more only if they contain no further node. A text node is complete when the
+    /// markup after it has arrived. `Read` throws `osa::IOException` "XmlReader: reading failed" if the
+    /// stream fails or its buffer throws.
     explicit XmlReader(std::istream& stream);
     XmlReader(const XmlReader&) = delete;
     XmlReader& operator=(const XmlReader&) = delete;
     ~XmlReader();
 
-    /// Goes to the next node; false at the end of the document.
+    /// Moves to the next node. Returns false at the end of the document.
     bool Read();
 
-    /// Goes to the node after the element that it stands on, with all inside; false at the end.
+    /// Skips the current element with its content and moves to the next node. Returns false at the end of the
+    /// document.
     bool Skip();
 
     NodeType GetNodeType() const;
 
-    /// These are valid until the next `Read`; empty if the node has none. The name of a text is "#text", that
-    /// of a section "#cdata-section" and that of a comment "#comment".
-    std::string_view GetName() const;  ///< with its prefix
+    /// These functions return views that are valid until the next `Read`, and empty if the node has no such
+    /// value. The name of a text is "#text", that of a CDATA section "#cdata-section" and that of a comment
+    /// "#comment".
+    std::string_view GetName() const;  ///< includes the prefix
     std::string_view GetLocalName() const;
     std::string_view GetNamespaceUri() const;
     std::string_view GetValue() const;
 
-    /// 0 for the root element.
+    /// Returns the number of elements around the node, which is 0 for the root element.
     int GetDepth() const;
 
-    /// Whether the element is written as `<name/>`; then no kEndElement follows.
+    /// Returns whether the element is written as `<name/>`; then no kEndElement follows.
     bool IsEmptyElement() const;
 
-    /// False when the element has no such attribute, and at its end; `value` stays as it is then.
-    /// @param name  as it is written, with its prefix; "xmlns" and "xmlns:..." are the declarations.
+    /// Stores the value of an attribute. Returns false and does not change `value` if there is no such
+    /// attribute or the node is not the start of an element.
+    /// @param name  the name as it is written, with its prefix; "xmlns" and "xmlns:..." are the declarations.
     bool GetAttribute(const char* name, std::string& value) const;
 
-    /// @param namespaceUri  empty or null for an attribute of no namespace, which has no prefix.
+    /// @param namespaceUri  empty or null for an attribute without a namespace, which has no prefix.
     bool GetAttribute(const char* localName, const char* namespaceUri, std::string& value) const;
 
-    /// The text inside the element that it stands on; goes to its end. Throws "element '<name>' holds
-    /// more than text" when there is an element inside.
+    /// Returns the text of the current element and moves to its end. Throws "element '<name>' holds more than
+    /// text" if it contains an element.
     std::string ReadText();
 
-    /// The line on which the node begins, for an element that on which its tag ends, from 1; 0 before the
-    /// first.
+    /// Returns the line on which the node begins, from 1. For an element it is the line on which its tag
+    /// ends. Returns 0 before the first node.
     unsigned int GetLine() const;
 
 private:

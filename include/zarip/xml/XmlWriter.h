@@ -10,54 +10,60 @@
 
 namespace zarip::xml {
 
-/// Writes a document piece by piece, which `XmlDocument` and `XmlReader` can read. *One thread at a time.*
+/// Writes a document piece by piece. `XmlDocument` and `XmlReader` can read the result. *One thread at a
+/// time.*
 ///
-/// What they could not read is refused before anything of it is written: `XmlException` "invalid name '...'",
-/// "invalid text" (not UTF-8, or a control character), "invalid namespace '...' '...'" (one of XML's own, no
-/// URI, or a prefix without any), "invalid comment", "attribute '...' twice", "attributes stand at the
-/// beginning of an element", "xml:id is not a name", "xml:id is not the only one of its value", "no element
-/// is open", "elements are nested too deep", "the document is complete", and the limits of `XmlDocument`.
-/// Special characters are escaped as they must be.
+/// States: *before the root*, when `StartDocument` may be called once; *in an element* between its
+/// `StartElement` and `EndElement`, which nest; *complete* after the root element or `EndDocument`.
 ///
-/// A start tag is written when something follows it. Until then its prefixes may be declared in any order;
-/// the call that follows throws "undeclared prefix '...'", and the missing declaration can still be made.
+/// Everything that they could not read is refused before any of it is written, with an `XmlException`:
+/// "invalid name '...'", "invalid text" (not UTF-8, or a control character), "invalid namespace '...' '...'"
+/// (one of XML's own, not a URI, or a prefix without a namespace), "invalid comment", "attribute '...'
+/// twice", "attributes stand at the beginning of an element", "xml:id is not a name", "xml:id is not the only
+/// one of its value", "no element is open", "elements are nested too deep", "the document is complete", and
+/// the messages for the limits of `XmlDocument`. Special characters are escaped.
+///
+/// A start tag is written when its content or end follows. Until then its prefixes can be declared in any
+/// order. If a declaration is missing, the following call throws "undeclared prefix '...'", and the
+/// declaration can still be made.
 class ZARIP_EXPORT XmlWriter {
 public:
     /// Writes to a stream, *not owned*, which must outlive the writer.
-    /// @param indent  an element a line. Nothing is put between a text and what comes after it in the same
-    /// element; in an element where text may come after a child, do not indent.
+    /// @param indent  writes each element on a line of its own. Nothing is inserted after a text in the same
+    ///     element. Do not indent if text may follow a child element.
     explicit XmlWriter(std::ostream& stream, bool indent = false);
     XmlWriter(const XmlWriter&) = delete;
     XmlWriter& operator=(const XmlWriter&) = delete;
 
-    /// Does not complete the document; never throws.
+    /// Does not complete the document. Never throws.
     ~XmlWriter();
 
-    /// The XML declaration; only at the very beginning, and not needed.
+    /// Writes the XML declaration, which is optional. It must be the first call.
     void StartDocument();
 
-    /// @param name  with a prefix if its namespace has one: declare that with `Namespace`.
+    /// @param name  includes the prefix if the namespace has one; declare the prefix with `Namespace`.
     void StartElement(const std::string& name);
     void EndElement();
 
-    /// An element with a text and nothing else.
+    /// Writes an element that contains only a text.
     void Element(const std::string& name, const std::string& text);
 
-    /// For the element that was started last, before anything is written into it. A name "xmlns" or
-    /// "xmlns:..." is a declaration, as `Namespace` makes it.
+    /// Adds an attribute to the element that was started last, before any content is written. A name "xmlns"
+    /// or "xmlns:..." declares a namespace, as `Namespace` does.
     void Attribute(const std::string& name, const std::string& value);
 
-    /// Declares a namespace, the same way. @param prefix  empty for the default one.
+    /// Declares a namespace for the element that was started last, before any content is written.
+    /// @param prefix  empty for the default namespace.
     void Namespace(const std::string& prefix, const std::string& uri);
 
     void Text(const std::string& text);
 
-    /// Divides the text into several sections if one could not hold it.
+    /// Writes a CDATA section, or several sections if one cannot contain the text.
     void CData(const std::string& text);
     void Comment(const std::string& text);
 
-    /// Ends what is open, hands everything to the stream and flushes that. Throws `osa::IOException`
-    /// "XmlWriter: writing failed" when the stream, or its file, has not taken all of it.
+    /// Ends all open elements, passes everything to the stream and flushes the stream. Throws
+    /// `osa::IOException` "XmlWriter: writing failed" if the stream or its file has not accepted everything.
     void EndDocument();
 
 private:

@@ -11,7 +11,7 @@
 
 namespace zarip::inet {
 
-/// Letters of the ASCII set only, whatever the process's locale: what goes over the wire has none.
+/// Converts ASCII letters only, because the protocol does not depend on the locale of the process.
 constexpr unsigned char ToLowerAscii(char c) {
     const auto byte = static_cast<unsigned char>(c);
     return static_cast<unsigned char>(byte - 'A') < 26 ? static_cast<unsigned char>(byte | 0x20U) : byte;
@@ -33,9 +33,10 @@ constexpr bool EqualsIgnoringCase(std::string_view left, std::string_view right)
     return true;
 }
 
-/// Whether the text holds what ends a line of a message, or hides the rest of it.
+/// Returns whether the text contains a carriage return, a line feed or a zero byte.
 inline bool HoldsLineEndOrZero(std::string_view text) {
-    // Most texts hold no character up to the carriage return, which eight at a time can be looked at for.
+    // Most texts contain no character up to the carriage return. Eight characters at a time are tested for
+    // that.
     constexpr std::uint64_t kOnes = 0x0101010101010101;
     const char* next = text.data();
     const char* const end = next + text.size();
@@ -51,7 +52,7 @@ inline bool HoldsLineEndOrZero(std::string_view text) {
     return isLow && text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
 
-/// As `StringUtil::ToUpper`, for the many short texts of a message.
+/// Does the same as `StringUtil::ToUpper`, but is faster for short strings.
 inline void ToUpper(std::string& text) {
     unsigned char all = 0;
     for (char& c : text) {
@@ -60,7 +61,7 @@ inline void ToUpper(std::string& text) {
         all = static_cast<unsigned char>(all | byte);
         c = static_cast<char>(byte - isLower * 0x20);
     }
-    if (all >= 0x80) {  // what the process's locale takes for letters
+    if (all >= 0x80) {  // letters of the process's locale
         for (char& c : text) {
             c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
         }
