@@ -11,11 +11,11 @@
 #include <cmath>
 #include <istream>
 #include <locale>
-#include <sstream>
 #include <string_view>
 
 #include "core/ReadBlocks.h"
 #include "core/Text.h"
+#include "core/TextStream.h"
 #include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
 #include "osa/UniqueFd.h"
@@ -328,7 +328,7 @@ void IniFile::SaveToStream(std::ostream& stream) const {
 }
 
 std::string IniFile::SaveToString() const {
-    std::ostringstream stream;
+    OutputText stream;
     SaveToStream(stream);
     return stream.str();
 }
@@ -525,8 +525,7 @@ void IniFile::SetIntToGroup(Group& group, const std::string& key, int value) {
 }
 
 void IniFile::SetDoubleToGroup(Group& group, const std::string& key, double value) {
-    std::ostringstream stream;
-    stream.imbue(std::locale::classic());
+    OutputText stream;
     stream << value;
     group[key] = stream.str();
 }

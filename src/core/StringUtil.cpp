@@ -13,11 +13,11 @@
 #include <istream>
 #include <locale>
 #include <memory>
-#include <sstream>
 #include <string_view>
 
 #include "core/ReadBlocks.h"
 #include "core/Text.h"
+#include "core/TextStream.h"
 #include "zarip/osa/Exception.h"
 
 namespace zarip::core {
@@ -100,8 +100,7 @@ std::string_view TrimClassic(std::string_view text) {
 
 /// What a stream makes of a number that is too large, which fails, or too small, which is zero.
 bool ExtractOutOfRange(std::string_view number, double& out) {
-    std::istringstream stream{std::string(number)};
-    stream.imbue(std::locale::classic());
+    InputText stream{std::string(number)};
     return static_cast<bool>(stream >> out);
 }
 

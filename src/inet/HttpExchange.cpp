@@ -36,26 +36,23 @@ constexpr std::size_t kOnePiece = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 /// Formats a time for the header "Date", independently of the locale.
-std::string FormatDate(std::time_t time) {
+void FormatDate(std::time_t time, char (&text)[64]) {
     constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     std::tm t{};
     ::gmtime_r(&time, &t);
-    char text[64];
-    const int length =
-        std::snprintf(text, sizeof(text), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[t.tm_wday], t.tm_mday,
-                      kMonths[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
-    return std::string(text, static_cast<std::size_t>(std::clamp(length, 0, 63)));
+    std::snprintf(text, sizeof(text), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[t.tm_wday], t.tm_mday,
+                  kMonths[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
 }
 
 /// Returns the current date. It is formatted once per second and thread.
-const std::string& GetDate() {
+const char* GetDate() {
     thread_local std::time_t t_time = -1;
-    thread_local std::string t_text;
+    thread_local char t_text[64] = "";
     const std::time_t now = std::time(nullptr);
     if (now != t_time) {
-        t_text = FormatDate(now);
+        FormatDate(now, t_text);
         t_time = now;
     }
     return t_text;

@@ -21,6 +21,8 @@ constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
 /// A thread sends at most this many messages before the watcher's thread continues.
 constexpr int kBatch = 64;
+/// The pause before the next attempt if memory is short.
+constexpr int kMemoryPauseMs = 10;
 /// libdbus reads this many bytes at a time. The next constants limit how much of a long message is read
 /// before other threads get the connection.
 constexpr int kLibraryReads = 2048;
@@ -83,8 +85,8 @@ MessageRef AnswerPeer(DBusMessage* message) {
         return MessageRef::Adopt(
             dbus_message_new_error(message, error.GetName(), error.GetMessage().c_str()));
     }
-    if (reply) {
-        dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID);
+    if (reply && dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID) == FALSE) {
+        reply = MessageRef();
     }
     dbus_free(id);
     return reply;
@@ -155,6 +157,9 @@ BusConnection::~BusConnection() {
     _outbox.Close();
     const Use use(*this);
     _watcher.Detach(_connection);
+    if (_preparation != nullptr) {
+        dbus_connection_free_preallocated_send(_connection, _preparation);
+    }
     dbus_connection_close(_connection);
     dbus_connection_unref(_connection);
     _connection = nullptr;
@@ -214,18 +219,28 @@ void BusConnection::FlushOutbox() {
     }
 }
 
+bool BusConnection::PrepareToSend() {
+    if (_preparation == nullptr) {
+        _preparation = dbus_connection_preallocate_send(_connection);
+    }
+    _isShortOfMemory = _preparation == nullptr;
+    return _preparation != nullptr;
+}
+
 void BusConnection::SendQueued() {
     if (_connection == nullptr || _isLost) {
         return;
     }
     for (int i = 0; i < kBatch && dbus_connection_has_messages_to_send(_connection) == FALSE; ++i) {
+        if (!PrepareToSend()) {
+            return;  // nothing is taken out, and the watcher's thread tries again
+        }
         const MessageRef message = _outbox.Take();
         if (!message) {
             break;
         }
-        if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
-            _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
-        }
+        dbus_connection_send_preallocated(_connection, _preparation, message.Get(), nullptr);
+        _preparation = nullptr;
     }
     if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
         _outbox.NoteBlocked();
@@ -301,6 +316,9 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
 // Receiving
 
 void BusConnection::OnReady(unsigned int flags) {
+    if (_isShortOfMemory) {
+        ::poll(nullptr, 0, kMemoryPauseMs);
+    }
     const Use use(*this);
     if ((flags & DBUS_WATCH_WRITABLE) != 0) {
         _outbox.NoteProgress();
@@ -345,7 +363,7 @@ bool BusConnection::TakeIncoming() {
             hasTaken = true;
             TryToRouteMessage(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
-            ::poll(nullptr, 0, 10);
+            ::poll(nullptr, 0, kMemoryPauseMs);
             ++attempts;
         } else {
             break;

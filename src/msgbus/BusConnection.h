@@ -109,6 +109,7 @@ private:
     void TryToRouteMessage(MessageRef message) noexcept ZARIP_REQUIRES(_lock);
     void RouteMessage(MessageRef message) ZARIP_REQUIRES(_lock);
     void NoteLost() ZARIP_REQUIRES(_lock);
+    bool PrepareToSend() ZARIP_REQUIRES(_lock);
     void SendQueued() ZARIP_REQUIRES(_lock);
     void FlushOutbox();
     dbus_uint32_t AssignSerial(DBusMessage* message);
@@ -118,12 +119,15 @@ private:
     ConnectionLock _lock;
     DBusConnection* _connection ZARIP_GUARDED_BY(_lock) = nullptr;
     bool _isLost ZARIP_GUARDED_BY(_lock) = false;
+    /// The memory that libdbus needs for the next message, allocated in advance so that sending cannot fail.
+    DBusPreallocatedSend* _preparation ZARIP_GUARDED_BY(_lock) = nullptr;
     Outbox _outbox;
     PendingCalls _pending;
     DBusWatcher _watcher;
     osa::Thread _watcherThread;
     std::atomic<dbus_uint32_t> _lastSerial{1};  // libdbus has sent its greeting with number 1
     std::atomic<bool> _isUnresponsive{false};
+    std::atomic<bool> _isShortOfMemory{false};
 };
 
 }  // namespace zarip::msgbus

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,9 +35,14 @@ public:
     /// @param handler  *not owned*.
     void Add(const std::string& interface, const std::string& member, IMessageHandler* handler);
 
-    /// Removes the handler from all places at which it is registered and returns these places. Waits until
-    /// the handler does not run, unless the caller is the handler.
-    std::vector<Key> Remove(const IMessageHandler* handler);
+    /// A handler at one place.
+    struct Registration;
+    using Registrations = std::list<Registration>;
+
+    /// Removes the handler from all places at which it is registered and returns its registrations. Waits
+    /// until the handler does not run, unless the caller is the handler. It allocates no memory, so that a
+    /// handler can always be destroyed.
+    Registrations Remove(const IMessageHandler* handler);
 
     /// Returns whether any handler takes such a message.
     bool HasTaker(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
@@ -74,7 +80,12 @@ private:
 
     core::Logger* _logger;
     mutable osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};
-    std::map<Key, Entries, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
+    std::map<Key, Registrations, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
+};
+
+struct MessageDispatcher::Registration {
+    Key place;
+    std::shared_ptr<Entry> entry;
 };
 
 }  // namespace zarip::msgbus

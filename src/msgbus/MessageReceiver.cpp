@@ -50,6 +50,15 @@ void PostRefusal(BusConnection& connection, MessageRef refusal) {
     }
 }
 
+/// Answers a call for which there was no memory. If there is none for the answer either, the caller waits for
+/// its time-out.
+void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
+    try {
+        PostRefusal(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));
+    } catch (...) {
+    }
+}
+
 }  // namespace
 
 MessageReceiver::MessageReceiver(IMsgBus* bus, core::Logger* logger, ListenState* state,
@@ -66,7 +75,7 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
             // applies.
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
         } else {
-            KeepMessage(connection, std::move(message), isListening);
+            KeepMessage(connection, message, isListening);
             // The state is checked again, because a thread that has begun to listen in between may have found
             // the inbox empty.
             if (_state->IsRunning()) {
@@ -75,6 +84,9 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
         }
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
+        if (message) {
+            RefuseFailed(connection, message.Get());
+        }
     }
 }
 
@@ -89,7 +101,7 @@ bool MessageReceiver::IsUnwanted(DBusMessage* message) const {
 }
 
 /// Puts a message into the inbox because the listen thread cannot dispatch it at once.
-void MessageReceiver::KeepMessage(BusConnection& connection, MessageRef message, bool isListening) {
+void MessageReceiver::KeepMessage(BusConnection& connection, MessageRef& message, bool isListening) {
     DBusMessage* const raw = message.Get();
     if (dbus_message_contains_unix_fds(raw) != FALSE &&
         (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
@@ -142,8 +154,10 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         throw;  // pthread_exit
     } catch (const std::exception& e) {
         _logger->Error("Error handling incoming message: %s", e.what());
+        RefuseFailed(connection, message.Get());
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "unknown");
+        RefuseFailed(connection, message.Get());
     }
     return true;
 }

@@ -19,15 +19,16 @@ namespace zarip::msgbus {
 /// it again sends a copy.
 class MsgBusMsgImpl {
 public:
-    /// @param message  if `owned`, this object takes over a reference. Otherwise the message is *not owned*,
-    ///     must outlive this object, and counts as sent. Throws "MsgBusMsg: Trying to create msg from null
-    ///     ptr!".
-    MsgBusMsgImpl(DBusMessage* message, bool owned);
+    /// Takes over a reference. Throws "MsgBusMsg: Trying to create msg from null ptr!".
+    explicit MsgBusMsgImpl(MessageRef message);
+
+    /// @param borrowed  *not owned*, must outlive this object, and counts as sent. Not null.
+    explicit MsgBusMsgImpl(DBusMessage* borrowed);
 
     /// Makes an open copy. Throws "dbus_message_copy failed".
     MsgBusMsgImpl(const MsgBusMsgImpl& original);
     MsgBusMsgImpl& operator=(const MsgBusMsgImpl&) = delete;
-    ~MsgBusMsgImpl();
+    ~MsgBusMsgImpl() = default;
 
     DBusMessage* Get() const { return _message; }
 
@@ -61,8 +62,8 @@ private:
     /// Throws unless the message is open and has room for `codes` more type codes.
     void CheckAppend(std::size_t codes) const;
 
+    MessageRef _owned;  ///< null for a borrowed message
     DBusMessage* _message;
-    bool _owned;
     bool _sent;
     bool _isSizeKnown;
     std::size_t _size = 0;  ///< an upper bound for the size of the arguments
