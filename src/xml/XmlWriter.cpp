@@ -96,7 +96,7 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
     void CheckAttribute(const std::string& name) const {
         CheckOpen();
         if (!isTagOpen) {
-            throw XmlException("attributes stand at the beginning of an element");
+            throw XmlException("attributes must precede the content of an element");
         }
         for (const Attribute& other : attributes) {
             if (other.name == name) {

@@ -592,7 +592,7 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     }
     writer.Text("t");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("b", "1"); }),
-              "attributes stand at the beginning of an element");
+              "attributes must precede the content of an element");
     writer.EndDocument();
     EXPECT_EQ(ErrorOf([&] { writer.StartElement("s"); }), "the document is complete");
     EXPECT_EQ(stream.str(), "<r a=\"1\">t</r>\n");
