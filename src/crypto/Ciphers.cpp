@@ -92,7 +92,7 @@ struct GCryptCipherImpl {
     Cipher::Direction _direction = Cipher::kEncrypt;
     State _state = kNoKey;
     unsigned char _vector[kMaxBlock] = {};
-    unsigned char _pending[kMaxBlock] = {};  ///< what has gone in and not yet been worked on
+    unsigned char _pending[kMaxBlock] = {};  ///< bytes that have not been processed yet
     unsigned int _pendingLength = 0;
 
     GCryptCipherImpl(const CipherFamily& family, Cipher::Mode mode, Cipher::Padding padding)

@@ -52,9 +52,10 @@ _ipaddr_t FindLocalAddress(int fd);
 /// One request and its answer. The object lives on the stack of the thread that serves the request. *One
 /// thread at a time.*
 ///
-/// First `IsReady` is called with all bytes that have arrived. If it returns false, `SendContinue` may follow
-/// and the object ends; a new one is made when more bytes have arrived. If it returns true, either
-/// `ServeRequest` or, if `IsRefused`, `RefuseRequest` is called once.
+/// The loop first calls `IsReady` with all bytes that have arrived. If it returns false, `SendContinue` may
+/// follow, and a new object is made when more bytes have arrived. If it returns true, `ServeRequest` or, if
+/// `IsRefused`, `RefuseRequest` is called once. For a queued request a new object only calls `ServeRequest`,
+/// and for a request that has timed out only `RefuseRequest`.
 class HttpExchange final : private IHttpConnection {
 public:
     HttpExchange(HttpService& service, ServedConnection& connection)

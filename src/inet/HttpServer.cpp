@@ -32,11 +32,12 @@ public:
     void Run() override;
     void Stop() override;
 
-    HttpLoop _loop;
+    HttpLoop& GetLoop() { return _loop; }
 
 private:
     bool IsOwnThread() const ZARIP_REQUIRES(_mutex);
 
+    HttpLoop _loop;
     std::atomic<unsigned int> _left{0};
     std::shared_ptr<ServerThreads> _self;  // set until the last thread has ended
 
@@ -120,23 +121,23 @@ HttpServer::~HttpServer() {
 }
 
 void HttpServer::AddHandler(const std::string& pattern, IHttpHandler* handler) {
-    _impl->server->_loop.GetService().dispatcher.AddHandler(pattern, handler);
+    _impl->server->GetLoop().GetService().dispatcher.AddHandler(pattern, handler);
 }
 
 void HttpServer::RemoveHandler(IHttpHandler* handler) {
-    _impl->server->_loop.GetService().dispatcher.RemoveHandler(handler);
+    _impl->server->GetLoop().GetService().dispatcher.RemoveHandler(handler);
 }
 
 void HttpServer::SetTimeLimit(unsigned int seconds) {
-    _impl->server->_loop.SetTimeLimit(seconds);
+    _impl->server->GetLoop().SetTimeLimit(seconds);
 }
 
 void HttpServer::SetWorkers(unsigned int count) {
-    _impl->server->_loop.GetThreads().SetWorkers(std::clamp(count, 1U, HttpThreads::kMaxWorkers));
+    _impl->server->GetLoop().GetThreads().SetWorkers(std::clamp(count, 1U, HttpThreads::kMaxWorkers));
 }
 
 void HttpServer::SetStandardResponses(bool on) {
-    _impl->server->_loop.GetService().isStandard = on;
+    _impl->server->GetLoop().GetService().isStandard = on;
 }
 
 void HttpServer::StartServerThread() {
@@ -148,7 +149,7 @@ void HttpServer::StopServerThread() {
 }
 
 unsigned short HttpServer::GetLocalPort() const {
-    return _impl->server->_loop.GetLocalPort();
+    return _impl->server->GetLoop().GetLocalPort();
 }
 
 }  // namespace zarip::inet

@@ -21,7 +21,7 @@ constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
 /// A thread sends at most this many messages before the watcher's thread continues.
 constexpr int kBatch = 64;
-/// Before the next attempt when memory is short.
+/// The pause before the next attempt if memory is short.
 constexpr int kMemoryPauseMs = 10;
 /// libdbus reads this many bytes at a time. The next constants limit how much of a long message is read
 /// before other threads get the connection.

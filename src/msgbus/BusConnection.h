@@ -119,7 +119,7 @@ private:
     ConnectionLock _lock;
     DBusConnection* _connection ZARIP_GUARDED_BY(_lock) = nullptr;
     bool _isLost ZARIP_GUARDED_BY(_lock) = false;
-    /// What libdbus needs to take the next message, so that it does so without fail.
+    /// The memory that libdbus needs for the next message, allocated in advance so that sending cannot fail.
     DBusPreallocatedSend* _preparation ZARIP_GUARDED_BY(_lock) = nullptr;
     Outbox _outbox;
     PendingCalls _pending;

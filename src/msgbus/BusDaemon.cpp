@@ -60,7 +60,7 @@ void BusDaemon::RequestName(const std::string& name) {
     DBusErrorRecord error;
     MessageRef call = MakeCall("RequestName", name);
     const dbus_uint32_t flags = kNameFlags;
-    // libdbus leaves half a message when it fails, for which the bus would close the connection.
+    // If libdbus fails, it leaves half a message, for which the bus would close the connection.
     if (dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID) == FALSE) {
         throw osa::Exception("MsgBusMsg: Creating msg failed!");
     }

@@ -39,9 +39,9 @@ public:
     struct Registration;
     using Registrations = std::list<Registration>;
 
-    /// Removes the handler from all places at which it is registered and returns these places. Waits until
-    /// the handler does not run, unless the caller is the handler. It needs no memory, so a handler can
-    /// always be destroyed.
+    /// Removes the handler from all places at which it is registered and returns its registrations. Waits
+    /// until the handler does not run, unless the caller is the handler. It allocates no memory, so that a
+    /// handler can always be destroyed.
     Registrations Remove(const IMessageHandler* handler);
 
     /// Returns whether any handler takes such a message.

@@ -50,8 +50,8 @@ void PostRefusal(BusConnection& connection, MessageRef refusal) {
     }
 }
 
-/// For a call that memory was too short for. There may be enough for this answer again, or later; otherwise
-/// the caller waits for its time-out.
+/// Answers a call for which there was no memory. If there is none for the answer either, the caller waits for
+/// its time-out.
 void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
     try {
         PostRefusal(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));

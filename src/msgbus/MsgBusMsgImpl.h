@@ -19,10 +19,10 @@ namespace zarip::msgbus {
 /// it again sends a copy.
 class MsgBusMsgImpl {
 public:
-    /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
+    /// Takes over a reference. Throws "MsgBusMsg: Trying to create msg from null ptr!".
     explicit MsgBusMsgImpl(MessageRef message);
 
-    /// @param borrowed  not null, *not owned*; must outlive this object, and counts as sent.
+    /// @param borrowed  *not owned*, must outlive this object, and counts as sent. Not null.
     explicit MsgBusMsgImpl(DBusMessage* borrowed);
 
     /// Makes an open copy. Throws "dbus_message_copy failed".

@@ -44,16 +44,16 @@ struct ParserDelete {
 
 }  // namespace
 
-/// Bytes of the document are appended to `held` as they arrive and scanned. All bytes up to the end of a
+/// Bytes of the document are appended to `_held` as they arrive and scanned. All bytes up to the end of a
 /// piece of markup go from there to the parser, whose handlers fill the queue.
 struct ZARIP_HIDDEN XmlReader::Impl {
     /// Moves to the next node. All nodes before an error are delivered before the error is thrown.
     bool ReadNode() {
-        while (!queue.Advance(isComplete)) {
-            if (isComplete) {
+        while (!_queue.Advance(_isComplete)) {
+            if (_isComplete) {
                 return false;
             }
-            if (queue.IsBad() || scanner.IsRefused() || hasFailed || isBroken || isAtEnd) {
+            if (_queue.IsBad() || _scanner.IsRefused() || _hasFailed || _isBroken || _isAtEnd) {
                 Throw();
             }
             ParseHeld(SupplyBytes());
@@ -62,49 +62,49 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     }
 
     [[noreturn]] void Throw() {
-        if (hasFailed && !queue.IsBad()) {
+        if (_hasFailed && !_queue.IsBad()) {
             throw osa::IOException("XmlReader: reading failed");
         }
-        if (scanner.IsEncodingRefused()) {
-            scanner.ThrowEncoding();
+        if (_scanner.IsEncodingRefused()) {
+            _scanner.ThrowEncoding();
         }
-        const bool isRefused = scanner.GetRefusal() != nullptr;
-        if (queue.IsBad() || (!isRefused && breakage.empty())) {
-            queue.Throw();
+        const bool isRefused = _scanner.GetRefusal() != nullptr;
+        if (_queue.IsBad() || (!isRefused && _breakage.empty())) {
+            _queue.Throw();
         }
-        const xmlParserInput* const input = parser ? parser->input : nullptr;
-        throw XmlException(isRefused ? scanner.GetRefusal() : breakage,
+        const xmlParserInput* const input = _parser ? _parser->input : nullptr;
+        throw XmlException(isRefused ? _scanner.GetRefusal() : _breakage,
                            static_cast<unsigned int>(input != nullptr ? std::max(input->line, 1) : 1),
                            static_cast<unsigned int>(input != nullptr ? std::max(input->col, 1) : 1));
     }
 
-    /// Appends the next bytes to `held`. Returns how many bytes of it the parser can take.
+    /// Appends the next bytes to `_held`. Returns how many bytes of it the parser can take.
     std::size_t SupplyBytes() {
-        const std::size_t before = held.size();
-        while (held.size() == before || (!parser && held.size() < kFirstPiece)) {
+        const std::size_t before = _held.size();
+        while (_held.size() == before || (!_parser && _held.size() < kFirstPiece)) {
             if (!AppendPiece()) {
-                isAtEnd = !hasFailed;
+                _isAtEnd = !_hasFailed;
                 break;
             }
         }
-        const std::size_t whole = scanner.Scan(std::string_view(held).substr(scanned));
-        const std::size_t ready = whole == 0 ? 0 : scanned + whole;
-        scanned = held.size();
-        return isAtEnd && !scanner.IsRefused() ? held.size() : ready;
+        const std::size_t whole = _scanner.Scan(std::string_view(_held).substr(_scanned));
+        const std::size_t ready = whole == 0 ? 0 : _scanned + whole;
+        _scanned = _held.size();
+        return _isAtEnd && !_scanner.IsRefused() ? _held.size() : ready;
     }
 
     /// Appends a piece. Returns false at the end of the document and if reading fails.
     bool AppendPiece() {
-        if (stream == nullptr) {
-            const std::string_view piece = std::string_view(text).substr(taken, kPiece);
-            held += piece;
-            taken += piece.size();
+        if (_stream == nullptr) {
+            const std::string_view piece = std::string_view(_text).substr(_taken, kPiece);
+            _held += piece;
+            _taken += piece.size();
             return !piece.empty();
         }
         try {
             return AppendArrived();
         } catch (const std::exception&) {
-            hasFailed = true;  // the stream's buffer, or the stream because of its exception mask
+            _hasFailed = true;  // the stream's buffer, or the stream because of its exception mask
             return false;
         }
     }
@@ -112,59 +112,59 @@ struct ZARIP_HIDDEN XmlReader::Impl {
     /// Appends the bytes that have arrived. Waits only if there are none.
     bool AppendArrived() {
         using Traits = std::istream::traits_type;
-        std::streambuf* const source = stream->rdbuf();
-        if (stream->fail() || source == nullptr) {
-            hasFailed = true;
+        std::streambuf* const source = _stream->rdbuf();
+        if (_stream->fail() || source == nullptr) {
+            _hasFailed = true;
             return false;
         }
-        if (stream->eof() || Traits::eq_int_type(source->sgetc(), Traits::eof())) {
-            stream->setstate(std::ios_base::eofbit);
+        if (_stream->eof() || Traits::eq_int_type(source->sgetc(), Traits::eof())) {
+            _stream->setstate(std::ios_base::eofbit);
             return false;
         }
         const std::streamsize arrived =
             std::clamp<std::streamsize>(source->in_avail(), 1, static_cast<std::streamsize>(kPiece));
-        const std::size_t before = held.size();
-        held.resize(before + static_cast<std::size_t>(arrived));
-        held.resize(before + static_cast<std::size_t>(source->sgetn(&held[before], arrived)));
+        const std::size_t before = _held.size();
+        _held.resize(before + static_cast<std::size_t>(arrived));
+        _held.resize(before + static_cast<std::size_t>(source->sgetn(&_held[before], arrived)));
         return true;
     }
 
     void ParseHeld(std::size_t ready) {
         const ErrorScope errors;  // libxml2 reports some errors to no handler of the parser
         std::size_t parsed = 0;
-        if (!parser) {
-            if (ready < kFirstPiece && !isAtEnd) {
+        if (!_parser) {
+            if (ready < kFirstPiece && !_isAtEnd) {
                 return;
             }
             parsed = std::min(ready, kFirstPiece);
-            parser.reset(RequireMade(
-                xmlCreatePushParserCtxt(nullptr, nullptr, held.data(), static_cast<int>(parsed), nullptr)));
-            xmlCtxtUseOptions(parser.get(), kOptions);
-            queue.Attach(*parser);
+            _parser.reset(RequireMade(
+                xmlCreatePushParserCtxt(nullptr, nullptr, _held.data(), static_cast<int>(parsed), nullptr)));
+            xmlCtxtUseOptions(_parser.get(), kOptions);
+            _queue.Attach(*_parser);
         }
         if (ready > parsed) {
-            xmlParseChunk(parser.get(), &held[parsed], static_cast<int>(ready - parsed), 0);
+            xmlParseChunk(_parser.get(), &_held[parsed], static_cast<int>(ready - parsed), 0);
         }
-        held.erase(0, ready);
-        scanned -= ready;
-        if (held.capacity() > 16 * kPiece && held.size() < kPiece) {
-            held.shrink_to_fit();  // after an unusually long piece of markup
+        _held.erase(0, ready);
+        _scanned -= ready;
+        if (_held.capacity() > 16 * kPiece && _held.size() < kPiece) {
+            _held.shrink_to_fit();  // after an unusually long piece of markup
         }
-        if (isAtEnd && !scanner.IsRefused() && !queue.IsBad()) {
-            xmlParseChunk(parser.get(), nullptr, 0, 1);
-            isComplete = queue.IsEnded() && parser->wellFormed != 0 && !queue.IsBad();
+        if (_isAtEnd && !_scanner.IsRefused() && !_queue.IsBad()) {
+            xmlParseChunk(_parser.get(), nullptr, 0, 1);
+            _isComplete = _queue.IsEnded() && _parser->wellFormed != 0 && !_queue.IsBad();
         }
         // Bytes that are invalid in the encoding stop the parser without a call of its handlers.
-        isBroken = IsStopped(parser.get()) || !errors.GetText().empty();
-        breakage = errors.GetText();
+        _isBroken = IsStopped(_parser.get()) || !errors.GetText().empty();
+        _breakage = errors.GetText();
     }
 
     /// Returns the first attribute of the current element for which `fits` is true, or null.
     template <class Fits>
     const XmlNodeQueue::Attribute* FindAttribute(Fits fits) const {
-        const XmlNodeQueue::Node& node = queue.Current();
+        const XmlNodeQueue::Node& node = _queue.Current();
         for (std::size_t i = 0; i < node.attributes; ++i) {
-            const XmlNodeQueue::Attribute& attribute = queue.AttributeAt(node.firstAttribute + i);
+            const XmlNodeQueue::Attribute& attribute = _queue.AttributeAt(node.firstAttribute + i);
             if (fits(attribute.name)) {
                 return &attribute;
             }
@@ -174,26 +174,26 @@ struct ZARIP_HIDDEN XmlReader::Impl {
 
     bool TakeValue(const XmlNodeQueue::Attribute* attribute, std::string& value) const {
         if (attribute != nullptr) {
-            value = queue.TextOf(attribute->value);
+            value = _queue.TextOf(attribute->value);
         }
         return attribute != nullptr;
     }
 
-    std::string text;
-    std::size_t taken = 0;           ///< of the text
-    std::istream* stream = nullptr;  ///< in place of the text
-    bool hasFailed = false;          ///< the stream
-    bool isAtEnd = false;
-    bool isComplete = false;  ///< the parser has seen the end and is content
-    bool isBroken = false;    ///< the parser does not go further
-    std::string breakage;     ///< why, if nobody else knows
-    XmlScanner scanner;
-    std::string held;         ///< what the parser has not yet been given
-    std::size_t scanned = 0;  ///< of that
-    XmlNodeQueue queue;
-    std::unique_ptr<xmlParserCtxt, ParserDelete> parser;
-    std::string name;   ///< the value of `GetName`
-    std::string lines;  ///< the value of `GetValue`
+    std::string _text;
+    std::size_t _taken = 0;           ///< the number of bytes taken from the text
+    std::istream* _stream = nullptr;  ///< the source instead of the text, or null
+    bool _hasFailed = false;          ///< whether reading the stream has failed
+    bool _isAtEnd = false;
+    bool _isComplete = false;  ///< whether the parser has accepted the whole document
+    bool _isBroken = false;    ///< whether the parser has stopped
+    std::string _breakage;     ///< the reason if no handler has reported one
+    XmlScanner _scanner;
+    std::string _held;         ///< the bytes that have not been passed to the parser
+    std::size_t _scanned = 0;  ///< the number of scanned bytes in `_held`
+    XmlNodeQueue _queue;
+    std::unique_ptr<xmlParserCtxt, ParserDelete> _parser;
+    std::string _name;   ///< the value of `GetName`
+    std::string _lines;  ///< the value of `GetValue`
 };
 
 XmlReader::XmlReader(std::string_view text) : _impl(std::make_unique<Impl>()) {
@@ -201,12 +201,12 @@ XmlReader::XmlReader(std::string_view text) : _impl(std::make_unique<Impl>()) {
     if (text.size() > INT_MAX) {
         throw XmlException("the document is too large");
     }
-    _impl->text = text;
+    _impl->_text = text;
 }
 
 XmlReader::XmlReader(std::istream& stream) : _impl(std::make_unique<Impl>()) {
     InitializeXml();
-    _impl->stream = &stream;
+    _impl->_stream = &stream;
 }
 
 XmlReader::~XmlReader() = default;
@@ -225,18 +225,18 @@ bool XmlReader::Skip() {
 }
 
 XmlReader::NodeType XmlReader::GetNodeType() const {
-    return _impl->queue.Current().type;
+    return _impl->_queue.Current().type;
 }
 
 std::string_view XmlReader::GetName() const {
-    const XmlNodeQueue::Name& name = _impl->queue.Current().name;
+    const XmlNodeQueue::Name& name = _impl->_queue.Current().name;
     if (name.prefix == nullptr) {
         return GetLocalName();
     }
-    _impl->name = ToView(name.prefix);
-    _impl->name += ':';
-    _impl->name += ToView(name.local);
-    return _impl->name;
+    _impl->_name = ToView(name.prefix);
+    _impl->_name += ':';
+    _impl->_name += ToView(name.local);
+    return _impl->_name;
 }
 
 std::string_view XmlReader::GetLocalName() const {
@@ -249,21 +249,21 @@ std::string_view XmlReader::GetLocalName() const {
         case kComment:
             return "#comment";
         default:
-            return ToView(_impl->queue.Current().name.local);
+            return ToView(_impl->_queue.Current().name.local);
     }
 }
 
 std::string_view XmlReader::GetNamespaceUri() const {
-    return ToView(_impl->queue.Current().name.uri);
+    return ToView(_impl->_queue.Current().name.uri);
 }
 
 std::string_view XmlReader::GetValue() const {
-    const std::string_view value = _impl->queue.TextOf(_impl->queue.Current().value);
+    const std::string_view value = _impl->_queue.TextOf(_impl->_queue.Current().value);
     // libxml2 does not normalise line ends in CDATA sections that it reads in pieces.
     if (GetNodeType() != kCData || value.find('\r') == std::string_view::npos) {
         return value;
     }
-    std::string& lines = _impl->lines;
+    std::string& lines = _impl->_lines;
     lines.clear();
     for (std::size_t i = 0; i < value.size(); ++i) {
         if (value[i] != '\r') {
@@ -276,11 +276,11 @@ std::string_view XmlReader::GetValue() const {
 }
 
 int XmlReader::GetDepth() const {
-    return _impl->queue.Current().depth;
+    return _impl->_queue.Current().depth;
 }
 
 bool XmlReader::IsEmptyElement() const {
-    return _impl->queue.Current().isEmpty;
+    return _impl->_queue.Current().isEmpty;
 }
 
 bool XmlReader::GetAttribute(const char* name, std::string& value) const {
@@ -327,7 +327,7 @@ std::string XmlReader::ReadText() {
 }
 
 unsigned int XmlReader::GetLine() const {
-    return _impl->queue.Current().line;
+    return _impl->_queue.Current().line;
 }
 
 }  // namespace zarip::xml

@@ -68,19 +68,19 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
         bool isEmpty;
     };
 
-    explicit Impl(std::ostream& output, bool isIndented) : stream(output), indent(isIndented) {}
+    explicit Impl(std::ostream& output, bool isIndented) : _stream(output), _indent(isIndented) {}
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
     ~Impl() {
         const ErrorScope errors;  // freeing flushes and may report errors
-        xmlFreeTextWriter(writer);
+        xmlFreeTextWriter(_writer);
     }
 
     /// Calls a function of the writer and throws if it fails.
     template <class Function, class... Arguments>
     void CallWriter(Function function, const Arguments&... argument) {
         const ErrorScope errors;
-        if (function(writer, argument...) < 0) {
+        if (function(_writer, argument...) < 0) {
             ThrowFailed();
         }
     }
@@ -88,29 +88,29 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
     [[noreturn]] static void ThrowFailed() { throw osa::IOException("XmlWriter: writing failed"); }
 
     void CheckOpen() const {
-        if (levels.empty()) {
-            throw XmlException(isComplete ? "the document is complete" : "no element is open");
+        if (_levels.empty()) {
+            throw XmlException(_isComplete ? "the document is complete" : "no element is open");
         }
     }
 
     void CheckAttribute(const std::string& name) const {
         CheckOpen();
-        if (!isTagOpen) {
-            throw XmlException("attributes stand at the beginning of an element");
+        if (!_isTagOpen) {
+            throw XmlException("attributes must precede the content of an element");
         }
-        for (const Attribute& other : attributes) {
+        for (const Attribute& other : _attributes) {
             if (other.name == name) {
                 throw XmlException("attribute '" + name + "' twice");
             }
         }
-        if (attributes.size() == kMaxAttributes) {
+        if (_attributes.size() == kMaxAttributes) {
             throw XmlException(kTooManyAttributes);
         }
     }
 
     /// Returns the namespace of a prefix, or null.
     const std::string* FindNamespace(std::string_view prefix) const {
-        for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
+        for (auto level = _levels.rbegin(); level != _levels.rend(); ++level) {
             for (const auto& declared : level->namespaces) {
                 if (declared.first == prefix) {
                     return &declared.second;
@@ -131,12 +131,12 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
 
     /// Throws if the open start tag could not be read again; changes nothing.
     void CheckTag() const {
-        std::size_t size = 2 * tag.size() + 16;
+        std::size_t size = 2 * _tag.size() + 16;
         std::vector<std::pair<std::string_view, std::string_view>> found;  // namespace and local name
-        if (const auto [prefix, local] = SplitName(tag); !prefix.empty()) {
+        if (const auto [prefix, local] = SplitName(_tag); !prefix.empty()) {
             RequireNamespace(prefix);
         }
-        for (const Attribute& attribute : attributes) {
+        for (const Attribute& attribute : _attributes) {
             size += attribute.name.size() + ComputeEscapedSize(attribute.value) + 4;
             const auto [prefix, local] = SplitName(attribute.name);
             if (!prefix.empty() && prefix != kDeclaration) {
@@ -149,7 +149,7 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
             throw XmlException("attribute '" + std::string(twice->second) + "' twice");
         }
         std::size_t declared = 0;
-        for (const Level& level : levels) {
+        for (const Level& level : _levels) {
             declared += level.namespaces.size();
         }
         if (declared > static_cast<std::size_t>(kMaxNamespaces)) {
@@ -162,70 +162,70 @@ struct ZARIP_HIDDEN XmlWriter::Impl {
 
     /// Writes the open start tag if there is one.
     void CloseTag() {
-        if (!isTagOpen) {
+        if (!_isTagOpen) {
             return;
         }
         CheckTag();
-        CallWriter(xmlTextWriterStartElement, ToXml(tag));
-        for (const Attribute& attribute : attributes) {
+        CallWriter(xmlTextWriterStartElement, ToXml(_tag));
+        for (const Attribute& attribute : _attributes) {
             CallWriter(xmlTextWriterWriteAttribute, ToXml(attribute.name), ToXml(attribute.value));
         }
-        isTagOpen = false;
+        _isTagOpen = false;
     }
 
     /// Begins a line before an element, a comment or the end of an element, unless that would change a text.
     void BeginLine(std::size_t depth) {
-        textSize = 0;
-        if (indent && !(levels.empty() ? isAtStart : levels.back().hasText)) {
+        _textSize = 0;
+        if (_indent && !(_levels.empty() ? _isAtStart : _levels.back().hasText)) {
             CallWriter(xmlTextWriterWriteRaw, ToXml("\n" + std::string(2 * depth, ' ')));
         }
-        isAtStart = false;
+        _isAtStart = false;
     }
 
     /// Prepares for text or a CDATA section in the open element.
     void BeginText(std::size_t size) {
         CheckOpen();
-        if (size > kMaxText - textSize) {
+        if (size > kMaxText - _textSize) {
             throw XmlException(kTooLongText);
         }
         CloseTag();
-        textSize += size;
-        levels.back().hasText = true;
-        levels.back().isEmpty = false;
+        _textSize += size;
+        _levels.back().hasText = true;
+        _levels.back().isEmpty = false;
     }
 
     void CheckNewNames(std::initializer_list<std::string_view> used) {
         for (const std::string_view name : used) {
-            if (names.find(name) == names.end()) {
-                if (names.size() >= kMaxWrittenNames) {
+            if (_names.find(name) == _names.end()) {
+                if (_names.size() >= kMaxWrittenNames) {
                     throw XmlException(kTooManyNames);
                 }
-                names.emplace(name);
+                _names.emplace(name);
             }
         }
     }
 
-    std::ostream& stream;
-    const bool indent;
-    xmlTextWriter* writer = nullptr;
-    std::vector<Level> levels;  ///< of open elements
-    bool isBegun = false;
-    bool isComplete = false;
-    bool isAtStart = true;  ///< of a line, outside of the root element
-    bool isTagOpen = false;
-    std::string tag;  ///< of the element that was started last
-    std::vector<Attribute> attributes;
-    std::size_t textSize = 0;  ///< since the last tag or comment
-    std::set<std::string, std::less<>> names;
-    std::set<std::string> ids;
+    std::ostream& _stream;
+    const bool _indent;
+    xmlTextWriter* _writer = nullptr;
+    std::vector<Level> _levels;  ///< the open elements
+    bool _isBegun = false;
+    bool _isComplete = false;
+    bool _isAtStart = true;  ///< whether the next piece begins a line outside of the root element
+    bool _isTagOpen = false;
+    std::string _tag;  ///< the name of the element that was started last
+    std::vector<Attribute> _attributes;
+    std::size_t _textSize = 0;  ///< the size of the text since the last tag or comment
+    std::set<std::string, std::less<>> _names;
+    std::set<std::string> _ids;
 };
 
 XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique<Impl>(stream, indent)) {
     InitializeXml();
     xmlOutputBuffer* const buffer =
         RequireMade(xmlOutputBufferCreateIO(WriteStream, LeaveStream, &stream, nullptr));
-    _impl->writer = xmlNewTextWriter(buffer);
-    if (_impl->writer == nullptr) {
+    _impl->_writer = xmlNewTextWriter(buffer);
+    if (_impl->_writer == nullptr) {
         xmlOutputBufferClose(buffer);
         throw std::bad_alloc();
     }
@@ -234,45 +234,45 @@ XmlWriter::XmlWriter(std::ostream& stream, bool indent) : _impl(std::make_unique
 XmlWriter::~XmlWriter() = default;
 
 void XmlWriter::StartDocument() {
-    if (_impl->isBegun) {
+    if (_impl->_isBegun) {
         throw XmlException("the document has begun");
     }
-    _impl->isBegun = true;
+    _impl->_isBegun = true;
     _impl->CallWriter(xmlTextWriterStartDocument, nullptr, "UTF-8", nullptr);
 }
 
 void XmlWriter::StartElement(const std::string& name) {
     CheckName(name, true);
-    if (_impl->isComplete) {
+    if (_impl->_isComplete) {
         throw XmlException("the document is complete");
     }
-    if (_impl->levels.size() == static_cast<std::size_t>(kMaxDepth)) {
+    if (_impl->_levels.size() == static_cast<std::size_t>(kMaxDepth)) {
         throw XmlException("elements are nested too deep");
     }
     const auto [prefix, local] = SplitName(name);
     _impl->CheckNewNames({prefix, local});
     _impl->CloseTag();
-    _impl->BeginLine(_impl->levels.size());
-    _impl->isBegun = true;
-    if (!_impl->levels.empty()) {
-        _impl->levels.back().isEmpty = false;
+    _impl->BeginLine(_impl->_levels.size());
+    _impl->_isBegun = true;
+    if (!_impl->_levels.empty()) {
+        _impl->_levels.back().isEmpty = false;
     }
-    _impl->levels.push_back({{}, !_impl->levels.empty() && _impl->levels.back().hasText, true});
-    _impl->isTagOpen = true;
-    _impl->tag = name;
-    _impl->attributes.clear();
+    _impl->_levels.push_back({{}, !_impl->_levels.empty() && _impl->_levels.back().hasText, true});
+    _impl->_isTagOpen = true;
+    _impl->_tag = name;
+    _impl->_attributes.clear();
 }
 
 void XmlWriter::EndElement() {
     _impl->CheckOpen();
     _impl->CloseTag();
-    if (!_impl->levels.back().isEmpty) {
-        _impl->BeginLine(_impl->levels.size() - 1);
+    if (!_impl->_levels.back().isEmpty) {
+        _impl->BeginLine(_impl->_levels.size() - 1);
     }
-    _impl->textSize = 0;
+    _impl->_textSize = 0;
     _impl->CallWriter(xmlTextWriterEndElement);
-    _impl->levels.pop_back();
-    _impl->isComplete = _impl->levels.empty();
+    _impl->_levels.pop_back();
+    _impl->_isComplete = _impl->_levels.empty();
 }
 
 void XmlWriter::Element(const std::string& name, const std::string& text) {
@@ -294,17 +294,17 @@ void XmlWriter::Attribute(const std::string& name, const std::string& value) {
     }
     _impl->CheckAttribute(name);
     if (name == "xml:id") {
-        if (!IsName(value, false) || _impl->ids.count(value) != 0) {
+        if (!IsName(value, false) || _impl->_ids.count(value) != 0) {
             throw XmlException(IsName(value, false) ? kDoubledId : kInvalidId);
         }
-        _impl->ids.insert(value);
+        _impl->_ids.insert(value);
     }
     _impl->CheckNewNames({prefix, local, isDeclaration ? std::string_view(value) : prefix});
     if (isDeclaration) {
-        _impl->levels.back().namespaces.emplace_back(name == kDeclaration ? std::string_view() : local,
-                                                     value);
+        _impl->_levels.back().namespaces.emplace_back(name == kDeclaration ? std::string_view() : local,
+                                                      value);
     }
-    _impl->attributes.push_back({name, value});
+    _impl->_attributes.push_back({name, value});
 }
 
 void XmlWriter::Namespace(const std::string& prefix, const std::string& uri) {
@@ -350,29 +350,29 @@ void XmlWriter::Comment(const std::string& text) {
         throw XmlException(kTooLongMarkup);
     }
     _impl->CloseTag();
-    _impl->BeginLine(_impl->levels.size());
-    _impl->isBegun = true;
-    if (!_impl->levels.empty()) {
-        _impl->levels.back().isEmpty = false;
+    _impl->BeginLine(_impl->_levels.size());
+    _impl->_isBegun = true;
+    if (!_impl->_levels.empty()) {
+        _impl->_levels.back().isEmpty = false;
     }
     _impl->CallWriter(xmlTextWriterWriteComment, ToXml(text));
 }
 
 void XmlWriter::EndDocument() {
-    if (_impl->levels.empty() && !_impl->isComplete) {
+    if (_impl->_levels.empty() && !_impl->_isComplete) {
         throw XmlException("no element is open");
     }
-    while (!_impl->levels.empty()) {
+    while (!_impl->_levels.empty()) {
         EndElement();
     }
     _impl->CallWriter(xmlTextWriterEndDocument);
     _impl->CallWriter(xmlTextWriterFlush);
     try {
-        _impl->stream.flush();
+        _impl->_stream.flush();
     } catch (const std::exception&) {
         Impl::ThrowFailed();  // it throws by its mask
     }
-    if (!_impl->stream) {
+    if (!_impl->_stream) {
         Impl::ThrowFailed();
     }
 }

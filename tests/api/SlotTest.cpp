@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 
 // The place of each virtual function is part of the library's binary interface: programs that were built with
-// an older version call by it. New functions go behind the last one.
+// an older version call by it. New functions are added after the last one.
 
 #include <zarip/core/AsyncCall.h>
 #include <zarip/core/Delegate.h>
@@ -205,7 +205,7 @@ TEST(SlotTest, FunctionsOfHttpMessagesKeepTheirPlaces) {
               &Http::GetBody, &Http::GetBodyLength, static_cast<void (Http::*)(const char*)>(&Http::SetBody),
               static_cast<void (Http::*)(const char*, unsigned int)>(&Http::SetBody),
               static_cast<void (Http::*)(Text)>(&Http::SetBody)),
-        // Behind the eight of InetBase, whose destructor comes last.
+        // These follow the eight functions of InetBase, whose destructor comes last.
         Table("HttpRequestBase", 8, static_cast<Request& (Request::*)(const Request&)>(&Request::operator=),
               &Request::GetMethodName, &Request::SetMethodName, &Request::GetPath, &Request::SetPath,
               &Request::GetQueryString, &Request::SetQueryString, &Request::SetHeader,
@@ -234,94 +234,95 @@ struct Derived : Class {
     virtual void Next() {}
 };
 
-/// The place behind all functions of the class.
+/// The place after all functions of the class.
 template <class Class>
 std::size_t End() {
     static_assert(std::has_virtual_destructor_v<Class>);
     return SlotOf(&Derived<Class>::Next);
 }
 
+const struct {
+    const char* name;
+    std::size_t end;
+    std::size_t expected;
+} kClasses[] = {
+    // Only the destructor.
+    {"Mutex", End<osa::Mutex>(), 2},
+    {"Semaphore", End<osa::Semaphore>(), 2},
+    {"ReadWriteLock", End<osa::ReadWriteLock>(), 2},
+    {"Thread", End<osa::Thread>(), 2},
+    {"Timer", End<osa::Timer>(), 2},
+    {"TcpSocket", End<osa::TcpSocket>(), 2},
+    {"UdpSocket", End<osa::UdpSocket>(), 2},
+    {"Logger", End<core::Logger>(), 2},
+    {"Statistics", End<core::Statistics>(), 2},
+    {"Stopwatch", End<core::Stopwatch>(), 2},
+    {"ResultMarshaller", End<core::ResultMarshaller>(), 2},
+    {"MsgBusMsg", End<msgbus::MsgBusMsg>(), 2},
+    {"MsgBusRemoteMethod", End<msgbus::MsgBusRemoteMethod>(), 2},
+    {"MsgBusSignal", End<msgbus::MsgBusSignal>(), 2},
+    {"MsgBusMsgArgumentDumper", End<msgbus::MsgBusMsgArgumentDumper>(), 2},
+    {"InterfaceServer", End<interfaces::InterfaceServer>(), 2},
+    {"ServerBase", End<interfaces::internal::ServerBase>(), 2},
+    {"HttpFormatter", End<inet::HttpFormatter>(), 2},
+    // The destructor and the functions in the tables above.
+    {"Exception", End<osa::Exception>(), 3},
+    {"IOException", End<osa::IOException>(), 3},
+    {"LockException", End<osa::LockException>(), 3},
+    {"SocketException", End<osa::SocketException>(), 3},
+    {"Signal", End<osa::Signal>(), 3},
+    {"ParserException", End<inet::ParserException>(), 3},
+    {"ITimeSource", End<osa::ITimeSource>(), 4},
+    {"SystemTimeSource", End<osa::SystemTimeSource>(), 4},
+    {"MonotonicTimeSource", End<osa::MonotonicTimeSource>(), 4},
+    {"ITcpSocketAccept", End<osa::ITcpSocketAccept>(), 3},
+    {"ITimerCallback", End<osa::ITimerCallback>(), 3},
+    {"IUdpBufferAccept", End<osa::IUdpBufferAccept>(), 3},
+    {"Runnable", End<osa::Runnable>(), 4},
+    {"TcpServer", End<osa::TcpServer>(), 4},
+    {"TcpSocketStreamBuf", End<osa::TcpSocketStreamBuf>(), 14},  // as its base
+    {"UdpServer", End<osa::UdpServer>(), 6},
+    {"MulticastServer", End<osa::MulticastServer>(), 6},
+    {"ILogAppender", End<core::ILogAppender>(), 3},  // the destructor comes last
+    {"MemoryAppender", End<core::MemoryAppender>(), 3},
+    {"ITaskQueue", End<core::ITaskQueue>(), 4},
+    {"TaskManager", End<core::TaskManager>(), 4},
+    {"IDelegate0", End<core::IDelegate0<int>>(), 4},
+    {"IDelegate1", End<core::IDelegate1<int, int>>(), 4},
+    {"IVoidDelegate0", End<core::IVoidDelegate0>(), 4},
+    {"IVoidDelegate1", End<core::IVoidDelegate1<int>>(), 4},
+    {"IAllocator", End<core::IAllocator>(), 5},
+    {"IMsgBus", End<msgbus::IMsgBus>(), 14},
+    {"FakeBus", End<msgbus::FakeBus>(), 14},
+    {"IMessageHandler", End<msgbus::IMessageHandler>(), 4},
+    {"ISecurityProvider", End<interfaces::ISecurityProvider>(), 26},
+    {"INetworkingV2Provider", End<interfaces::INetworkingV2Provider>(), 4},
+    {"IStreamInfoProvider", End<interfaces::IStreamInfoProvider>(), 4},
+    {"IPtzSerialProvider", End<interfaces::IPtzSerialProvider>(), 6},
+    {"IAudioLineOutProvider", End<interfaces::IAudioLineOutProvider>(), 6},
+    {"ISmRegistrationProvider", End<interfaces::ISmRegistrationProvider>(), 7},
+    {"IBrelkServicesProvider", End<interfaces::IBrelkServicesProvider>(), 5},
+    {"Digest", End<crypto::Digest>(), 8},
+    {"GCryptDigest", End<crypto::GCryptDigest>(), 8},
+    {"CRC32", End<crypto::CRC32>(), 8},
+    {"InetBase", End<inet::InetBase>(), 8},
+    {"Request", End<inet::Request>(), 8},
+    {"Response", End<inet::Response>(), 8},
+    {"HttpBase", End<inet::HttpBase>(), 11},
+    {"HttpRequestBase", End<inet::HttpRequestBase>(), 23},
+    {"HttpRequest", End<inet::HttpRequest>(), 26},
+    {"UpnpRequest", End<inet::UpnpRequest>(), 26},
+    {"HttpResponseBase", End<inet::HttpResponseBase>(), 15},
+    {"HttpResponse", End<inet::HttpResponse>(), 15},
+    {"UpnpResponse", End<inet::UpnpResponse>(), 15},
+    {"HttpParser", End<inet::HttpParser>(), 5},
+    {"IHttpHandler", End<inet::IHttpHandler>(), 3},
+    {"IHttpStreamHandler", End<inet::IHttpStreamHandler>(), 4},
+    {"IHttpConnection", End<inet::IHttpConnection>(), 4},
+};
+
 TEST(SlotTest, ClassesHaveNoOtherVirtualFunctions) {
-    const struct {
-        const char* name;
-        std::size_t end;
-        std::size_t expected;
-    } classes[] = {
-        // Nothing but the destructor.
-        {"Mutex", End<osa::Mutex>(), 2},
-        {"Semaphore", End<osa::Semaphore>(), 2},
-        {"ReadWriteLock", End<osa::ReadWriteLock>(), 2},
-        {"Thread", End<osa::Thread>(), 2},
-        {"Timer", End<osa::Timer>(), 2},
-        {"TcpSocket", End<osa::TcpSocket>(), 2},
-        {"UdpSocket", End<osa::UdpSocket>(), 2},
-        {"Logger", End<core::Logger>(), 2},
-        {"Statistics", End<core::Statistics>(), 2},
-        {"Stopwatch", End<core::Stopwatch>(), 2},
-        {"ResultMarshaller", End<core::ResultMarshaller>(), 2},
-        {"MsgBusMsg", End<msgbus::MsgBusMsg>(), 2},
-        {"MsgBusRemoteMethod", End<msgbus::MsgBusRemoteMethod>(), 2},
-        {"MsgBusSignal", End<msgbus::MsgBusSignal>(), 2},
-        {"MsgBusMsgArgumentDumper", End<msgbus::MsgBusMsgArgumentDumper>(), 2},
-        {"InterfaceServer", End<interfaces::InterfaceServer>(), 2},
-        {"ServerBase", End<interfaces::internal::ServerBase>(), 2},
-        {"HttpFormatter", End<inet::HttpFormatter>(), 2},
-        // The destructor, and what the tables above list.
-        {"Exception", End<osa::Exception>(), 3},
-        {"IOException", End<osa::IOException>(), 3},
-        {"LockException", End<osa::LockException>(), 3},
-        {"SocketException", End<osa::SocketException>(), 3},
-        {"Signal", End<osa::Signal>(), 3},
-        {"ParserException", End<inet::ParserException>(), 3},
-        {"ITimeSource", End<osa::ITimeSource>(), 4},
-        {"SystemTimeSource", End<osa::SystemTimeSource>(), 4},
-        {"MonotonicTimeSource", End<osa::MonotonicTimeSource>(), 4},
-        {"ITcpSocketAccept", End<osa::ITcpSocketAccept>(), 3},
-        {"ITimerCallback", End<osa::ITimerCallback>(), 3},
-        {"IUdpBufferAccept", End<osa::IUdpBufferAccept>(), 3},
-        {"Runnable", End<osa::Runnable>(), 4},
-        {"TcpServer", End<osa::TcpServer>(), 4},
-        {"TcpSocketStreamBuf", End<osa::TcpSocketStreamBuf>(), 14},  // as its base
-        {"UdpServer", End<osa::UdpServer>(), 6},
-        {"MulticastServer", End<osa::MulticastServer>(), 6},
-        {"ILogAppender", End<core::ILogAppender>(), 3},  // the destructor comes last
-        {"MemoryAppender", End<core::MemoryAppender>(), 3},
-        {"ITaskQueue", End<core::ITaskQueue>(), 4},
-        {"TaskManager", End<core::TaskManager>(), 4},
-        {"IDelegate0", End<core::IDelegate0<int>>(), 4},
-        {"IDelegate1", End<core::IDelegate1<int, int>>(), 4},
-        {"IVoidDelegate0", End<core::IVoidDelegate0>(), 4},
-        {"IVoidDelegate1", End<core::IVoidDelegate1<int>>(), 4},
-        {"IAllocator", End<core::IAllocator>(), 5},
-        {"IMsgBus", End<msgbus::IMsgBus>(), 14},
-        {"FakeBus", End<msgbus::FakeBus>(), 14},
-        {"IMessageHandler", End<msgbus::IMessageHandler>(), 4},
-        {"ISecurityProvider", End<interfaces::ISecurityProvider>(), 26},
-        {"INetworkingV2Provider", End<interfaces::INetworkingV2Provider>(), 4},
-        {"IStreamInfoProvider", End<interfaces::IStreamInfoProvider>(), 4},
-        {"IPtzSerialProvider", End<interfaces::IPtzSerialProvider>(), 6},
-        {"IAudioLineOutProvider", End<interfaces::IAudioLineOutProvider>(), 6},
-        {"ISmRegistrationProvider", End<interfaces::ISmRegistrationProvider>(), 7},
-        {"IBrelkServicesProvider", End<interfaces::IBrelkServicesProvider>(), 5},
-        {"Digest", End<crypto::Digest>(), 8},
-        {"GCryptDigest", End<crypto::GCryptDigest>(), 8},
-        {"CRC32", End<crypto::CRC32>(), 8},
-        {"InetBase", End<inet::InetBase>(), 8},
-        {"Request", End<inet::Request>(), 8},
-        {"Response", End<inet::Response>(), 8},
-        {"HttpBase", End<inet::HttpBase>(), 11},
-        {"HttpRequestBase", End<inet::HttpRequestBase>(), 23},
-        {"HttpRequest", End<inet::HttpRequest>(), 26},
-        {"UpnpRequest", End<inet::UpnpRequest>(), 26},
-        {"HttpResponseBase", End<inet::HttpResponseBase>(), 15},
-        {"HttpResponse", End<inet::HttpResponse>(), 15},
-        {"UpnpResponse", End<inet::UpnpResponse>(), 15},
-        {"HttpParser", End<inet::HttpParser>(), 5},
-        {"IHttpHandler", End<inet::IHttpHandler>(), 3},
-        {"IHttpStreamHandler", End<inet::IHttpStreamHandler>(), 4},
-        {"IHttpConnection", End<inet::IHttpConnection>(), 4},
-    };
-    for (const auto& polymorphic : classes) {
+    for (const auto& polymorphic : kClasses) {
         EXPECT_EQ(polymorphic.end, polymorphic.expected) << polymorphic.name;
     }
 }

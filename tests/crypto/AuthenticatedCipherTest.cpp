@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <iterator>
 
 #include "Bytes.h"
 
@@ -26,33 +26,22 @@ std::string ToText(const SecureBuffer& buffer) {
 }
 
 TEST(AuthenticatedCipherTest, TheTablesOpenOrDoNot) {
-    for (const auto& [algorithm, table] : kAlgorithms) {
-        std::ifstream file(std::string(ZARIP_CRYPTO_VECTORS "/") + table);
-        int rows = 0;
-        for (std::string line; std::getline(file, line);) {
-            if (line[0] == '#') {
-                continue;
-            }
-            std::istringstream stream(line);
-            std::string result;
-            std::string columns[6];  // key, nonce, associated data, message, encrypted message, tag
-            stream >> result;
-            for (std::string& column : columns) {
-                stream >> column;
-                column = column == "-" ? "" : crypto::ToText(FromHex(column));
-            }
-            const std::string& key = columns[0];
-            const std::string& message = columns[3];
-            const AuthenticatedCipher cipher(algorithm,
-                                             SecureBuffer(key.data(), static_cast<unsigned int>(key.size())));
+    for (const auto& algorithm : kAlgorithms) {
+        const auto check = [&](const std::vector<std::string>& row, const std::string& line) {
+            std::vector<std::string> bytes;  // key, nonce, associated data, message, encrypted message, tag
+            std::transform(row.begin() + 1, row.end(), std::back_inserter(bytes),
+                           [](const std::string& column) { return crypto::ToText(FromHex(column)); });
+            const AuthenticatedCipher cipher(
+                algorithm.algorithm,
+                SecureBuffer(bytes.at(0).data(), static_cast<unsigned int>(bytes[0].size())));
             std::string opened = "nothing";
             const std::string error = CryptoErrorOf(
-                [&] { opened = ToText(cipher.Open(columns[1] + columns[4] + columns[5], columns[2])); });
-            EXPECT_EQ(error, result == "valid" ? "no exception" : "authentication failed") << line;
-            EXPECT_EQ(opened, result == "valid" ? message : "nothing") << line;
-            ++rows;
-        }
-        EXPECT_GT(rows, 50) << table;
+                [&] { opened = ToText(cipher.Open(bytes.at(1) + bytes.at(4) + bytes.at(5), bytes.at(2))); });
+            const bool isValid = row[0] == "valid";
+            EXPECT_EQ(error, isValid ? "no exception" : "authentication failed") << line;
+            EXPECT_EQ(opened, isValid ? bytes.at(3) : "nothing") << line;
+        };
+        EXPECT_GT(ForEachRow(algorithm.table, check), 50) << algorithm.table;
     }
 }
 

@@ -5,24 +5,24 @@
 #include <zarip/crypto/CryptoException.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/ErrorOf.h"
 
 namespace zarip::crypto {
 
 using Bytes = std::vector<unsigned char>;
 
+/// Returns the message of the `CryptoException` that an action throws, or "no exception".
 template <class Action>
 std::string CryptoErrorOf(Action action) {
-    try {
-        action();
-    } catch (const CryptoException& e) {
-        return e.what();
-    }
-    return "no exception";
+    return test::ErrorOf<CryptoException>(action);
 }
 
-/// Of hexadecimal digits, with blanks in between.
+/// Converts hexadecimal digits, between which there may be spaces.
 inline Bytes FromHex(const std::string& hex) {
     Bytes bytes;
     std::string digits;
@@ -63,6 +63,26 @@ inline Bytes ToBytes(const std::string& text) {
 
 inline std::string ToText(const Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
+}
+
+/// Calls `check(columns, line)` for each row of a table in the folder `vectors`. A column "-" is empty, and
+/// '#' begins a comment. Returns the number of rows.
+template <class Check>
+int ForEachRow(const std::string& table, Check check) {
+    std::ifstream file(ZARIP_CRYPTO_VECTORS "/" + table);
+    int rows = 0;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream stream(line.substr(0, line.find('#')));
+        std::vector<std::string> columns;
+        for (std::string column; stream >> column;) {
+            columns.push_back(column == "-" ? "" : column);
+        }
+        if (!columns.empty()) {
+            check(columns, line);
+            ++rows;
+        }
+    }
+    return rows;
 }
 
 }  // namespace zarip::crypto

@@ -24,7 +24,7 @@ namespace {
 std::string Finish(Digest& digest) {
     std::vector<unsigned char> out(digest.GetDigestSize() + 1, 0x5A);
     digest.DoFinal(out.data(), static_cast<unsigned int>(out.size()));
-    EXPECT_EQ(out.back(), 0x5A) << "written behind the digest";
+    EXPECT_EQ(out.back(), 0x5A) << "written after the digest";
     std::string text;
     for (std::size_t i = 0; i + 1 < out.size(); ++i) {
         char byte[3];
@@ -68,7 +68,7 @@ TEST(DigestsTest, EveryAlgorithmGivesItsPublishedDigestAgainAndAgain) {
         EXPECT_EQ(digest->GetDigestSize() * 2, std::string(algorithm.abc).size());
         Feed(*digest, "abc");
         EXPECT_EQ(Finish(*digest), algorithm.abc);
-        // The context was reset; bytes, pieces and nothing at all come to the same.
+        // The context was reset. Single bytes, pieces and empty updates give the same digest.
         digest->Update('a');
         digest->Update(nullptr, 5);
         digest->Update(reinterpret_cast<const unsigned char*>("xyz"), 0);
@@ -118,7 +118,7 @@ TEST(DigestsTest, DeliberatelyACopyHasNoContext) {
     EXPECT_EQ(Finish(source), kAlgorithms[2].abc);
 }
 
-// Also at their very end, when what a thread keeps has gone.
+// Digests also work at the very end of a thread, when its kept digest has been destroyed.
 TEST(DigestsTest, ManyThreadsMayDigestFromTheStart) {
     struct AtTheEnd {
         ~AtTheEnd() {

@@ -80,7 +80,7 @@ std::string Decrypt(const RsaPrivateKey& key, RsaEncryption encryption, const By
     return ToText(key.Decrypt(encryption, data.data(), SizeOf(data)));
 }
 
-/// One for all tests: making it takes a while.
+/// All tests share this key, because generating it takes a while.
 const RsaPrivateKey& GeneratedKey() {
     static const auto* const s_key = new RsaPrivateKey(KeyFactory::GenerateRsa(2048));
     return *s_key;
@@ -113,7 +113,7 @@ TEST(RsaTest, KeysAreMadeSavedAndLoadedInEveryFormat) {
             EXPECT_EQ(loaded.GetBits(), made.GetBits());
             EXPECT_EQ(Sign(loaded, RsaSignature::kPKCS1, RsaHash::kSHA256, kMessage), signature);
             EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(loaded, format)), ToText(pem));
-            // Text around it, and the line ends of other systems, do not matter.
+            // Text around the key and the line ends of other systems are accepted.
             std::string text = "A key:\n" + publicPem + "that was it\n";
             for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos; at += 3) {
                 text.replace(at, 1, " \r\n");
@@ -144,7 +144,7 @@ TEST(RsaTest, WhatIsEncryptedIsDecryptedAndAllElseIsRefusedInOneWay) {
             EXPECT_EQ(Decrypt(key, encryption, data), message);
             EXPECT_NE(Encrypt(publicKey, encryption, message), data) << "the same each time";
             for (const RsaEncryption as : kEncryptions) {
-                // Once in some thousand times data of other kinds look like PKCS #1.
+                // Once in some thousand times, data with another padding look like PKCS #1.
                 if (as != encryption && as != RsaEncryption::kPKCS1) {
                     EXPECT_EQ(refusal(data, as), "decryption failed");
                 }
@@ -193,7 +193,7 @@ TEST(RsaTest, OnlyTheVerySignatureVerifies) {
             }
         }
     }
-    // PSS with SHA-512 does not fit 1024 bits, so nothing can be its signature.
+    // PSS with SHA-512 does not fit 1024 bits, so no signature is valid.
     EXPECT_FALSE(Verifies(other, RsaSignature::kPSS, RsaHash::kSHA512, kMessage, FromHex(kSignature)));
     const unsigned char digest[64] = {};
     EXPECT_EQ(CryptoErrorOf(
@@ -224,101 +224,118 @@ TEST(RsaTest, OneKeyServesManyThreads) {
     EXPECT_EQ(results, std::vector<std::string>(4, kMessage + kSignature));
 }
 
-TEST(RsaTest, OpenSslUnderstandsItAndIsUnderstood) {
-    const test::TempDir folder;
-    std::string output;
-    ASSERT_EQ(test::RunOpenSsl("version", &output), 0) << output;
-    const auto run = [&](const std::string& arguments) {
+/// Runs openssl in a folder that has keys and a message of ours.
+class OpenSslTest : public testing::Test {
+protected:
+    void Run(const std::string& arguments) {
         EXPECT_EQ(test::RunOpenSsl("'" + arguments.substr(0, arguments.find(' ')) + "'" +
                                        arguments.substr(arguments.find(' ')),
                                    &output),
                   0)
             << arguments << "\n"
             << output;
-    };
+    }
+
+    const test::TempDir folder;
+    std::string output;
+    const RsaPrivateKey& key = GeneratedKey();
+    const RsaPublicKey publicKey = key.GetPublicKey();
     const std::string theirs = folder.File("theirs");
+    const std::string ours = folder.Write("ours", ToText(KeyFactory::SavePrivateKey(key)));
+    const std::string oursPublic = folder.Write("ours-public", KeyFactory::SavePublicKey(publicKey));
     const std::string message = folder.Write("message", kMessage);
-    // Keys of theirs are loaded, of ours are checked, in every format.
+    const std::string out = folder.File("out");
+};
+
+TEST_F(OpenSslTest, KeysAreExchangedInEveryFormat) {
+    // The library loads openssl's keys, and openssl checks the library's keys, in every format.
     for (const unsigned int bits : {1024U, 4096U}) {
-        run("genrsa -out " + theirs + " " + std::to_string(bits));
-        run("rsa -in " + theirs + " -traditional -out " + theirs + "-1");
-        run("rsa -in " + theirs + " -pubout -out " + theirs + "-public");
-        run("rsa -in " + theirs + " -RSAPublicKey_out -out " + theirs + "-public-1");
-        folder.Write("theirs-" + std::to_string(bits), folder.Read("theirs"));
-        const RsaPrivateKey key = LoadPrivate(folder.Read("theirs"));
-        EXPECT_EQ(key.GetBits(), bits);
-        EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(key)), folder.Read("theirs"));
+        Run("genrsa -out " + theirs + " " + std::to_string(bits));
+        Run("rsa -in " + theirs + " -traditional -out " + theirs + "-1");
+        Run("rsa -in " + theirs + " -pubout -out " + theirs + "-public");
+        Run("rsa -in " + theirs + " -RSAPublicKey_out -out " + theirs + "-public-1");
+        const RsaPrivateKey loaded = LoadPrivate(folder.Read("theirs"));
+        EXPECT_EQ(loaded.GetBits(), bits);
+        EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(loaded)), folder.Read("theirs"));
         EXPECT_EQ(ToText(KeyFactory::SavePrivateKey(LoadPrivate(folder.Read("theirs-1")))),
                   folder.Read("theirs"));
         EXPECT_EQ(KeyFactory::SavePublicKey(KeyFactory::LoadPublicKey(folder.Read("theirs-public-1"))),
                   folder.Read("theirs-public"));
-        EXPECT_EQ(KeyFactory::SavePublicKey(key.GetPublicKey(), KeyFactory::kPKCS1),
+        EXPECT_EQ(KeyFactory::SavePublicKey(loaded.GetPublicKey(), KeyFactory::kPKCS1),
                   folder.Read("theirs-public-1"));
     }
-    run("rsa -in " + theirs + " -aes128 -passout pass:secret -out " + theirs + "-secret");
-    run("rsa -in " + theirs + " -traditional -aes128 -passout pass:secret -out " + theirs + "-secret-1");
+    Run("rsa -in " + theirs + " -aes128 -passout pass:secret -out " + theirs + "-secret");
+    Run("rsa -in " + theirs + " -traditional -aes128 -passout pass:secret -out " + theirs + "-secret-1");
     EXPECT_EQ(CryptoErrorOf([&] { LoadPrivate(folder.Read("theirs-secret")); }),
               "the key needs a pass phrase");
     EXPECT_EQ(CryptoErrorOf([&] { LoadPrivate(folder.Read("theirs-secret-1")); }),
               "encrypted keys are not supported");
-    run("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out " + theirs + "-ec");
+    Run("genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out " + theirs + "-ec");
     EXPECT_EQ(CryptoErrorOf([&] { LoadPrivate(folder.Read("theirs-ec")); }), "unsupported key");
 
-    const RsaPrivateKey& key = GeneratedKey();
-    const RsaPublicKey publicKey = key.GetPublicKey();
-    const std::string ours = folder.Write("ours", ToText(KeyFactory::SavePrivateKey(key)));
-    const std::string oursPublic = folder.Write("ours-public", KeyFactory::SavePublicKey(publicKey));
-    run("rsa -check -noout -in " + ours);
+    Run("rsa -check -noout -in " + ours);
     EXPECT_NE(output.find("RSA key ok"), std::string::npos) << output;
-    const std::string out = folder.File("out");
+}
+
+TEST_F(OpenSslTest, EncryptedMessagesAreExchanged) {
     const char* const paddings[] = {"-pkeyopt rsa_padding_mode:pkcs1", "-pkeyopt rsa_padding_mode:oaep",
                                     "-pkeyopt rsa_padding_mode:oaep -pkeyopt rsa_oaep_md:sha256"};
     for (int i = 0; i < 3; ++i) {
         const std::string padding = paddings[i];
-        run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + message + " -out " + out + " " +
+        Run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + message + " -out " + out + " " +
             padding);
         EXPECT_EQ(Decrypt(key, kEncryptions[i], ToBytes(folder.Read("out"))), kMessage) << padding;
         const std::string data =
             folder.Write("data", crypto::ToText(Encrypt(publicKey, kEncryptions[i], kMessage)));
-        run("pkeyutl -decrypt -inkey " + ours + " -in " + data + " -out " + out + " " + padding);
+        Run("pkeyutl -decrypt -inkey " + ours + " -in " + data + " -out " + out + " " + padding);
         EXPECT_EQ(folder.Read("out"), kMessage) << padding;
     }
+}
+
+TEST_F(OpenSslTest, SignaturesAreExchanged) {
     for (const RsaSignature kind : {RsaSignature::kPKCS1, RsaSignature::kPSS}) {
         for (int i = 0; i < 4; ++i) {
             const std::string options =
                 std::string("dgst -") + kHashNames[i] +
                 (kind == RsaSignature::kPSS ? " -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:-1"
                                             : "");
-            run(options + " -sign " + ours + " -out " + out + " " + message);
+            Run(options + " -sign " + ours + " -out " + out + " " + message);
             EXPECT_TRUE(Verifies(publicKey, kind, kHashes[i], kMessage, ToBytes(folder.Read("out"))))
                 << options;
             const std::string signature =
                 folder.Write("signature", crypto::ToText(Sign(key, kind, kHashes[i], kMessage)));
-            run(options + " -verify " + oursPublic + " -signature " + signature + " " + message);
+            Run(options + " -verify " + oursPublic + " -signature " + signature + " " + message);
         }
     }
-    // Salts of any length, the longest one by default.
+}
+
+TEST_F(OpenSslTest, SaltsOfAnyLengthAreAccepted) {
+    // Salts of any length; openssl's default is the longest one.
     for (const char* const length :
          {"", "-sigopt rsa_pss_saltlen:0", "-sigopt rsa_pss_saltlen:1", "-sigopt rsa_pss_saltlen:100"}) {
-        run(std::string("dgst -sha256 -sigopt rsa_padding_mode:pss ") + length + " -sign " + ours + " -out " +
+        Run(std::string("dgst -sha256 -sigopt rsa_padding_mode:pss ") + length + " -sign " + ours + " -out " +
             out + " " + message);
         Bytes signature = ToBytes(folder.Read("out"));
         EXPECT_TRUE(Verifies(publicKey, RsaSignature::kPSS, RsaHash::kSHA256, kMessage, signature)) << length;
         EXPECT_FALSE(Verifies(publicKey, RsaSignature::kPSS, RsaHash::kSHA256, "x", signature)) << length;
         EXPECT_FALSE(Verifies(publicKey, RsaSignature::kPSS, RsaHash::kSHA384, kMessage, signature));
     }
-    run("dgst -sha512 -sigopt rsa_padding_mode:pss -sign " + theirs + "-1024 -out " + out + " " + message);
-    EXPECT_TRUE(Verifies(LoadPrivate(folder.Read("theirs-1024")).GetPublicKey(), RsaSignature::kPSS,
+    Run("genrsa -out " + theirs + " 1024");
+    Run("dgst -sha512 -sigopt rsa_padding_mode:pss -sign " + theirs + " -out " + out + " " + message);
+    EXPECT_TRUE(Verifies(LoadPrivate(folder.Read("theirs")).GetPublicKey(), RsaSignature::kPSS,
                          RsaHash::kSHA512, kMessage, ToBytes(folder.Read("out"))))
         << "a salt shorter than the digest";
-    // A padding that is not there, made by encrypting raw: each of them is refused with the same text.
+}
+
+TEST_F(OpenSslTest, MessagesWithoutAValidPaddingAreRefused) {
+    // Raw encryption makes messages without a valid padding. All of them are refused with the same message.
     const char* const blocks[] = {"0001", "0002", "000211223344556677", "0102", "00021122334455667700"};
     for (const char* const begin : blocks) {
         Bytes block = FromHex(begin);
         const bool isGood = begin == blocks[4];
         block.resize(256, begin == blocks[2] || begin == blocks[0] ? 0 : isGood ? 0 : 0x55);
         folder.Write("block", crypto::ToText(block));
-        run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + folder.File("block") + " -out " + out +
+        Run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + folder.File("block") + " -out " + out +
             " -pkeyopt rsa_padding_mode:none");
         EXPECT_EQ(CryptoErrorOf([&] { Decrypt(key, RsaEncryption::kPKCS1, ToBytes(folder.Read("out"))); }),
                   "decryption failed")
@@ -329,7 +346,7 @@ TEST(RsaTest, OpenSslUnderstandsItAndIsUnderstood) {
     block.push_back(0);
     block.resize(256, 0x41);
     folder.Write("block", crypto::ToText(block));
-    run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + folder.File("block") + " -out " + out +
+    Run("pkeyutl -encrypt -pubin -inkey " + oursPublic + " -in " + folder.File("block") + " -out " + out +
         " -pkeyopt rsa_padding_mode:none");
     EXPECT_EQ(Decrypt(key, RsaEncryption::kPKCS1, ToBytes(folder.Read("out"))), "AAAAA");
 }
@@ -393,7 +410,7 @@ Bytes Number(const std::string& hex) {
     return Element(0x02, FromHex(hex));
 }
 
-/// The content of the known keys: numbers of the private one, in order.
+/// The numbers of the known private key, in order.
 std::vector<Bytes> KnownNumbers() {
     const std::string pem = kPrivatePem;
     std::string digits;
@@ -467,7 +484,7 @@ TEST(KeyFactoryTest, MalformedPublicKeysAreRefused) {
         {"an empty sequence", "RSA PUBLIC KEY", {0x30, 0}, kInvalidDer},
         {"the one format as the other", "PUBLIC KEY", good, kInvalidDer},
         {"the other as the one", "RSA PUBLIC KEY", info(algorithm, bits), kInvalidDer},
-        {"a byte behind", "RSA PUBLIC KEY", good + Bytes{0}, kInvalidDer},
+        {"a byte after it", "RSA PUBLIC KEY", good + Bytes{0}, kInvalidDer},
         {"a third number", "RSA PUBLIC KEY", Element(0x30, n + e + e), kInvalidDer},
         {"no exponent", "RSA PUBLIC KEY", Element(0x30, n), kInvalidDer},
         {"indefinite length", "RSA PUBLIC KEY", Bytes{0x30, 0x80} + n + e + Bytes{0, 0}, kInvalidDer},
@@ -506,13 +523,13 @@ TEST(KeyFactoryTest, MalformedPublicKeysAreRefused) {
         {"no algorithm", "PUBLIC KEY", info({0x30, 0}, bits), kInvalidDer},
         {"parameters", "PUBLIC KEY", info(FromHex("300e06092a864886f70d010101050100"), bits), kInvalidDer},
         {"no parameters", "PUBLIC KEY", info(FromHex("300b06092a864886f70d010101"), bits), kInvalidDer},
-        {"something behind them", "PUBLIC KEY", info(FromHex("300f06092a864886f70d01010105000500"), bits),
+        {"a number after them", "PUBLIC KEY", info(FromHex("300f06092a864886f70d01010105000500"), bits),
          kInvalidDer},
         {"bits that are not used", "PUBLIC KEY", info(algorithm, Element(0x03, Bytes{1} + good)),
          kInvalidDer},
         {"no bits", "PUBLIC KEY", info(algorithm, Element(0x03, {})), kInvalidDer},
         {"an octet string", "PUBLIC KEY", info(algorithm, Element(0x04, Bytes{0} + good)), kInvalidDer},
-        {"something behind the bits", "PUBLIC KEY", info(algorithm, bits + Bytes{5, 0}), kInvalidDer},
+        {"something after the bits", "PUBLIC KEY", info(algorithm, bits + Bytes{5, 0}), kInvalidDer},
         {"a private key", "RSA PRIVATE KEY", good, "no public key in this text"},
     };
     for (const auto& row : rows) {
@@ -543,7 +560,7 @@ TEST(KeyFactoryTest, MalformedPrivateKeysAreRefused) {
     EXPECT_EQ(errorOf("PRIVATE KEY", info("00", Element(0x04, good + Bytes{0}))), kInvalidDer);
     EXPECT_EQ(errorOf(rsa, good + good), kInvalidDer);
     for (std::size_t i = 0; i < 9; ++i) {
-        // Each number one off, zero, one, missing and negative.
+        // Each number is changed by one, set to zero and one, left out, and made negative.
         for (const Bytes& bad : {Bytes(known[i].begin(), known[i].end() - 1) +
                                      Bytes{static_cast<unsigned char>(known[i].back() ^ 2U)},
                                  Bytes{0}, Bytes{1}}) {
@@ -561,7 +578,7 @@ TEST(KeyFactoryTest, MalformedPrivateKeysAreRefused) {
         numbers[i] = {0x80};
         EXPECT_EQ(errorOf(rsa, Sequence(numbers)), kInvalidDer) << i;
     }
-    // The primes the other way round are the same key once the rest is, too.
+    // With exchanged primes it is the same key if the other numbers are exchanged as well.
     std::vector<Bytes> swapped = known;
     std::swap(swapped[4], swapped[5]);
     std::swap(swapped[6], swapped[7]);
@@ -604,7 +621,7 @@ TEST(KeyFactoryTest, MalformedTextsAreRefused) {
         {with(end - 1, 1, ""), kInvalidPem},    // a group of three
         {with(end - 1, 1, "=="), kInvalidPem},  // one too many
         {with(end - 2, 1, "F"), kInvalidPem},   // bits that no byte has
-        {with(end, 0, "A"), kInvalidPem},       // behind the end
+        {with(end, 0, "A"), kInvalidPem},       // after the end
         {with(end - 1, 1, "A"), kInvalidDer},   // a byte more
         {with(body, 0, "Proc-Type: 4,ENCRYPTED\n\n"), "encrypted keys are not supported"},
         {with(body, 0, "Comment: mine\n\n"), kInvalidPem},
@@ -731,7 +748,7 @@ TEST(KeyFactoryTest, TheFirstKeyOfTheKindIsTaken) {
         {encrypted + publicPem + privatePem, "no exception", kEncrypted},
         {publicPem + encrypted, "no exception", kEncrypted},
         {certificate, kNoPublic, kNoPrivate},
-        // Blocks end with their own label, also those that are skipped.
+        // All blocks must end with their own labels, even those that are skipped.
         {"-----BEGIN CERTIFICATE-----\n" + publicPem, kInvalidPem, kInvalidPem},
         {"-----BEGIN PUBLIC KEY-----\nAAAA\n-----END RSA PUBLIC KEY-----\n", kInvalidPem, kInvalidPem},
         {"-----BEGIN PUBLIC KEY-----\n" + publicPem, kInvalidPem, kInvalidPem},

@@ -26,7 +26,8 @@
 namespace zarip::crypto {
 namespace {
 
-/// Bytes that are looked for in memory, kept with all bits inverted so that the search does not find itself.
+/// Searches memory for bytes. They are stored with all bits inverted, so that the search does not find
+/// itself.
 class Needle {
 public:
     Needle(const unsigned char* secret, std::size_t size) {
@@ -35,7 +36,7 @@ public:
         }
     }
 
-    /// How often it stands in what this process can write to, in either byte order.
+    /// Counts the occurrences in the writable memory of this process, in either byte order.
     unsigned int Count() const {
         constexpr std::size_t kBlock = 1U << 20U;
         const std::size_t size = _inverted.size();
@@ -51,7 +52,7 @@ public:
             unsigned long long begin = 0;
             unsigned long long end = 0;
             char access[5] = {};
-            // A sanitizer's tables are larger than what there is to be read.
+            // The tables of a sanitizer are too large to read.
             if (std::sscanf(line.c_str(), "%llx-%llx %4s", &begin, &end, access) != 3 || access[0] != 'r' ||
                 access[1] != 'w' || end - begin > (1ULL << 28U)) {
                 continue;
@@ -72,7 +73,7 @@ public:
     }
 
 private:
-    /// From `block` to `last`, where the last one may begin.
+    /// Counts the occurrences from `block` to `last`, which is the last possible beginning.
     template <class Iterator>
     unsigned int CountIn(const unsigned char* block, const unsigned char* last, Iterator inverted) const {
         const auto isInverted = [](unsigned char a, unsigned char b) { return (a ^ b) == 0xFF; };
@@ -93,7 +94,7 @@ private:
     Bytes _inverted;
 };
 
-/// Of the middle of the first prime.
+/// Makes a search for the middle of the first prime.
 Needle PrimeOf(const RsaPrivateKey& key) {
     const SecureBuffer pem = KeyFactory::SavePrivateKey(key, KeyFactory::kPKCS1);
     const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -111,7 +112,7 @@ Needle PrimeOf(const RsaPrivateKey& key) {
             }
         }
     }
-    // Behind the version, the modulus, the public and the private exponent.
+    // It follows the version, the modulus, and the public and the private exponent.
     const unsigned int prime = 4 + 3 + (4 + 257) + 5 + (4 + 256);
     return {der.GetData() + prime + 40, 32};
 }

@@ -25,7 +25,7 @@ class Handler : public IHttpHandler {
 public:
     using Body = std::function<void(const HttpRequest&, HttpResponse&)>;
 
-    /// Answers with the text.
+    /// A handler that answers with the text.
     explicit Handler(const std::string& text)
         : _body([text](const HttpRequest&, HttpResponse& response) {
               response.SetCode(200);
@@ -52,7 +52,7 @@ std::string Serve(HttpDispatcher& dispatcher, const std::string& text, Wire::End
     return wire.Output();
 }
 
-/// What stands behind the headers of the answer to a request for the path.
+/// Returns the body of the answer to a request for the path.
 std::string BodyFor(HttpDispatcher& dispatcher, const std::string& path) {
     const std::string answer = Serve(dispatcher, "GET " + path + " HTTP/1.1\r\n\r\n");
     return answer.substr(answer.find("\r\n\r\n") + 4);
@@ -74,7 +74,7 @@ TEST(HttpDispatcherTest, LongerPatternsAreTriedFirst) {
     dispatcher.AddHandler("[/]a[bc]", &set);
     EXPECT_EQ(BodyFor(dispatcher, "/api/x/y"), "api");
     EXPECT_EQ(BodyFor(dispatcher, "/index.html"), "any");
-    EXPECT_EQ(BodyFor(dispatcher, "/xy"), "/?y");  // matches both: the smaller bytes
+    EXPECT_EQ(BodyFor(dispatcher, "/xy"), "/?y");  // matches both: the one with the smaller bytes is used
     EXPECT_EQ(BodyFor(dispatcher, "/xz"), "/x?");
     EXPECT_EQ(BodyFor(dispatcher, "/ac"), "[/]a[bc]");
     EXPECT_EQ(BodyFor(dispatcher, "/api%2Fx?q=1"), "api");
@@ -135,7 +135,7 @@ TEST(HttpDispatcherTest, WhatCannotBeReadIsABadRequest) {
         EXPECT_EQ(Serve(dispatcher, text), kBadRequest) << text.substr(0, 40);
     }
     EXPECT_EQ(any.Calls(), 0);
-    // An early end is no mistake of the message.
+    // An early end is not an error.
     EXPECT_EQ(Serve(dispatcher, "GET / HTTP/1.1"), "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nany");
 }
 

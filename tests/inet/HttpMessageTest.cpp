@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::string_literals;
 
-/// The value, or "-" where there is none.
+/// Returns the value, or "-" for null.
 std::string Text(const std::string* value) {
     return value != nullptr ? *value : "-";
 }
@@ -39,7 +39,7 @@ TEST(HttpMessageTest, HeaderNamesHaveNoCase) {
     request.SetHeader("x-b", "1");
     request.SetHeader("X-a", "2");
     request.SetHeader("content-type", "b");
-    request.SetHeader("x_a", "3");  // lower case counts, as in strcasecmp: '_' stands before the letters
+    request.SetHeader("x_a", "3");  // compared in lower case, as in strcasecmp: '_' is before the letters
     request.SetHeader("X", "");
     EXPECT_EQ(HeadersOf(request), "Content-Type=b|X=|X-a=2|x-b=1|x_a=3|");
     EXPECT_EQ(Text(request.GetHeader("CONTENT-TYPE")), "b");
@@ -52,20 +52,20 @@ TEST(HttpMessageTest, HeaderNamesHaveNoCase) {
 TEST(HttpMessageTest, LimitsRefuseAndLeaveTheMessage) {
     HttpResponse response;
     response.SetProtocol(std::string(64, 'p'));
-    EXPECT_EQ(Thrown([&] { response.SetProtocol(std::string(65, 'q')); }), "proto exceeds max length");
+    EXPECT_EQ(ParserErrorOf([&] { response.SetProtocol(std::string(65, 'q')); }), "proto exceeds max length");
     EXPECT_EQ(response.GetProtocol(), std::string(64, 'p'));
 
     response.SetHeader(std::string(256, 'n'), std::string(4096, 'v'));
-    EXPECT_EQ(Thrown([&] { response.SetHeader(std::string(257, 'n'), "v"); }), "BadRequest");
-    EXPECT_EQ(Thrown([&] { response.SetHeader(std::string(256, 'n'), std::string(4097, 'w')); }),
+    EXPECT_EQ(ParserErrorOf([&] { response.SetHeader(std::string(257, 'n'), "v"); }), "BadRequest");
+    EXPECT_EQ(ParserErrorOf([&] { response.SetHeader(std::string(256, 'n'), std::string(4097, 'w')); }),
               "BadRequest");
     EXPECT_EQ(HeadersOf(response), std::string(256, 'n') + "=" + std::string(4096, 'v') + "|");
 
     response.SetBody(std::string(1048576, 'b'));
-    EXPECT_EQ(Thrown([&] { response.SetBody(std::string(1048577, 'c')); }), "body exceeds max length");
-    EXPECT_EQ(Thrown([&] { response.SetBody(std::string(1048577, 'c').c_str()); }),
+    EXPECT_EQ(ParserErrorOf([&] { response.SetBody(std::string(1048577, 'c')); }), "body exceeds max length");
+    EXPECT_EQ(ParserErrorOf([&] { response.SetBody(std::string(1048577, 'c').c_str()); }),
               "body exceeds max length");
-    EXPECT_EQ(Thrown([&] { response.SetBody("", 1048577U); }), "body exceeds max length");
+    EXPECT_EQ(ParserErrorOf([&] { response.SetBody("", 1048577U); }), "body exceeds max length");
     EXPECT_EQ(response.GetBodyLength(), 1048576U);
     EXPECT_STREQ(response.GetBody(), std::string(1048576, 'b').c_str());
     EXPECT_EQ(Text(response.GetHeader("Content-Length")), "1048576");
@@ -75,9 +75,9 @@ TEST(HttpMessageTest, AHeaderCannotHoldTheNextOne) {
     HttpRequest request;
     for (const std::string& bad :
          {"a\r"s, "\na"s, "a\0b"s, "a\r\nSet-Cookie: b"s, std::string(40, 'x') + "\n"}) {
-        EXPECT_EQ(Thrown([&] { request.SetHeader(bad, "v"); }), "BadRequest");
-        EXPECT_EQ(Thrown([&] { request.SetHeader("Location", bad); }), "BadRequest");
-        EXPECT_EQ(Thrown([&] { request.SetHeader("Cookie", "a=b" + bad); }), "BadRequest");
+        EXPECT_EQ(ParserErrorOf([&] { request.SetHeader(bad, "v"); }), "BadRequest");
+        EXPECT_EQ(ParserErrorOf([&] { request.SetHeader("Location", bad); }), "BadRequest");
+        EXPECT_EQ(ParserErrorOf([&] { request.SetHeader("Cookie", "a=b" + bad); }), "BadRequest");
     }
     EXPECT_EQ(HeadersOf(request), "");
     EXPECT_EQ(request.GetCookie("a"), nullptr);
@@ -132,7 +132,7 @@ TEST(HttpMessageTest, CookiesOfSeveralHeadersAddUpToALimit) {
     for (int i = 0; i < 10000; i += 500) {
         request.SetHeader("Cookie", cookies(i, 500));
     }
-    EXPECT_EQ(Thrown([&] { request.SetHeader("Cookie", "one=more"); }), "BadRequest");
+    EXPECT_EQ(ParserErrorOf([&] { request.SetHeader("Cookie", "one=more"); }), "BadRequest");
     EXPECT_EQ(request.GetCookie("one"), nullptr);
     EXPECT_EQ(Text(request.GetCookie("0")), "v");
     EXPECT_EQ(Text(request.GetCookie("9999")), "v");
@@ -167,8 +167,9 @@ TEST(HttpMessageTest, AUrlSetsPathQueryAndHost) {
     EXPECT_EQ(HeadersOf(request), "HOST=[::1]|");
     EXPECT_EQ(request.GetPath() + request.GetQueryString(), "");
     EXPECT_EQ(Text(request.GetQueryParameter("X")), "1 +");  // stays
-    EXPECT_EQ(Thrown([&] { request.SetUrl(Url("http://cam/%4?a=b")); }), "the text url_decode() failed");
-    EXPECT_EQ(Thrown([&] { request.SetUrl(Url("http://cam/p?a=b&c")); }), "BadRequest");
+    EXPECT_EQ(ParserErrorOf([&] { request.SetUrl(Url("http://cam/%4?a=b")); }),
+              "the text url_decode() failed");
+    EXPECT_EQ(ParserErrorOf([&] { request.SetUrl(Url("http://cam/p?a=b&c")); }), "BadRequest");
     EXPECT_EQ(Text(request.GetQueryParameter("a")), "b");
 }
 
@@ -218,7 +219,7 @@ TEST(HttpMessageTest, AnUnknownMethodKeepsItsText) {
     request.SetMethodName("get");
     EXPECT_EQ(request.GetMethodName(), "GET");
     request.SetMethod(HttpRequest::UNKW);
-    EXPECT_EQ(request.GetMethodName(), "m-Search");  // a name that is known leaves it as it was
+    EXPECT_EQ(request.GetMethodName(), "m-Search");  // a known name does not change it
     request.SetMethod(7);
     EXPECT_EQ(request.GetMethod(), 7U);
     EXPECT_EQ(request.GetMethodName(), "UNKNOWN");
@@ -298,11 +299,11 @@ TEST(HttpMessageTest, AFormattedFirstLineIsOneLine) {
         requests[2].SetMethodName("GET / HTTP/1.1" + end);
         std::ostringstream out;
         for (const HttpRequest& request : requests) {
-            EXPECT_EQ(Thrown([&] { out << request; }), "BadRequest");
+            EXPECT_EQ(ParserErrorOf([&] { out << request; }), "BadRequest");
         }
         HttpResponse response;
         response.SetProtocol("HTTP/1.1" + end);
-        EXPECT_EQ(Thrown([&] { out << response; }), "BadRequest");
+        EXPECT_EQ(ParserErrorOf([&] { out << response; }), "BadRequest");
         EXPECT_EQ(out.str(), "");
     }
 }
@@ -321,7 +322,7 @@ TEST(HttpMessageTest, CopiesAreDeep) {
     const HttpRequest copy(request);
     HttpRequest assigned;
     HttpRequestBase& base = assigned;
-    base = request;  // what the base holds
+    base = request;  // assigns only the members of the base
     EXPECT_EQ(assigned.GetMethodName(), "");
     EXPECT_EQ(assigned.GetPath(), "/p");
     assigned = copy;

@@ -24,11 +24,11 @@ std::string Text(const std::string* value) {
     return value != nullptr ? *value : "-";
 }
 
-/// A message that was read, and what reading threw.
+/// The result of reading a message, and what reading has thrown.
 template <class Message>
 struct Parsed {
     explicit Parsed(const std::string& text, Wire::End end = Wire::kCloses) : wire(text, end), stream(&wire) {
-        error = Thrown([&] { stream >> message; });
+        error = ParserErrorOf([&] { stream >> message; });
     }
 
     Wire wire;
@@ -63,7 +63,7 @@ TEST(HttpParserTest, ReadsARequestLine) {
     };
     for (const Row& row : rows) {
         const Request request(row.line);
-        EXPECT_EQ(request.error, "nothing") << row.line;
+        EXPECT_EQ(request.error, "no exception") << row.line;
         EXPECT_EQ(request.message.GetMethodName(), row.method) << row.line;
         EXPECT_EQ(request.message.GetPath(), row.path) << row.line;
         EXPECT_EQ(request.message.GetQueryString(), row.query) << row.line;
@@ -94,12 +94,12 @@ TEST(HttpParserTest, RefusesOtherRequestLines) {
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(Request(text).error, expected) << text.substr(0, 40);
     }
-    EXPECT_EQ(Request("GET / " + std::string(64, 'v') + "\r\n\r\n").error, "nothing");
+    EXPECT_EQ(Request("GET / " + std::string(64, 'v') + "\r\n\r\n").error, "no exception");
 }
 
 TEST(HttpParserTest, AnOverlongFirstLineIsCutAndEndsTheMessage) {
     const Request request("GET / HTTP/1.1" + std::string(5000, ' ') + "x\r\nA: b\r\n\r\n");
-    EXPECT_EQ(request.error, "nothing");
+    EXPECT_EQ(request.error, "no exception");
     EXPECT_EQ(request.message.GetProtocol(), "HTTP/1.1");
     EXPECT_EQ(request.message.GetHeader("A"), nullptr);
 }
@@ -116,7 +116,7 @@ TEST(HttpParserTest, ReadsHeaders) {
         "Cookie: b=; c=3\r\n"
         "\r\n"
         "Behind: x\r\n");
-    EXPECT_EQ(request.error, "nothing");
+    EXPECT_EQ(request.error, "no exception");
     const HttpRequest& message = request.message;
     EXPECT_EQ(Text(message.GetHeader("host")), "cam:80");
     EXPECT_EQ(Text(message.GetHeader("odd")), "a: b \t");
@@ -138,14 +138,14 @@ TEST(HttpParserTest, RefusesOtherHeaders) {
         {"Content-Length\t: 3\r\n", "BadRequest"},
         {" Content-Length: 3\r\n", "BadRequest"},
         {": Content-Length: 3\r\n", "BadRequest"},
-        {"Two words: v\r\n", "nothing"},
-        {"No colon \r\n", "nothing"},
-        {line(4094), "nothing"},
+        {"Two words: v\r\n", "no exception"},
+        {"No colon \r\n", "no exception"},
+        {line(4094), "no exception"},
         {line(4095), "BadRequest"},
         {line(4096), "BadRequest"},
         {line(4097), "BadRequest"},
         {line(9000), "BadRequest"},
-        {std::string(256, 'n') + ": v\r\n", "nothing"},
+        {std::string(256, 'n') + ": v\r\n", "no exception"},
         {std::string(257, 'n') + ": v\r\n", "BadRequest"},
         {":\r\n", "BadRequest"},
         {"::::\r\n", "BadRequest"},
@@ -154,9 +154,9 @@ TEST(HttpParserTest, RefusesOtherHeaders) {
         {"\0\r\n"s, "BadRequest"},
         {"n: a\rb\r\n", "BadRequest"},
         {"n: v\r\r\n", "BadRequest"},
-        {Repeat("n: v\r\n", 1000), "nothing"},
+        {Repeat("n: v\r\n", 1000), "no exception"},
         {Repeat("n: v\r\n", 1001), "BadRequest"},
-        {Repeat(line(4094), 256), "nothing"},
+        {Repeat(line(4094), 256), "no exception"},
         {Repeat(line(4094), 257), "BadRequest"},
     };
     for (const auto& [headers, expected] : rows) {
@@ -173,21 +173,21 @@ TEST(HttpParserTest, ReadsABodyOfItsLength) {
     };
     const std::string big(1048576, 'b');
     const Row rows[] = {
-        {"Content-Length: 3", "abcdef", "abc", "nothing"},
-        {"content-length:3", "a\0b"s, "a\0b"s, "nothing"},
-        {"Content-Length: 3\r\nContent-Length: 2", "abc", "ab", "nothing"},  // the last one counts
-        {"Content-Length: 2 apples", "abc", "ab", "nothing"},
-        {"Content-Length: 2, 3", "abc", "ab", "nothing"},
-        {"Content-Length: 10", "abc", "abc", "nothing"},  // ends early, taken as it is
-        {"Content-Length: 0", "abc", "", "nothing"},
-        {"X: y", "abc", "", "nothing"},
-        {"Content-Length: 1048576", big + "c", big, "nothing"},
+        {"Content-Length: 3", "abcdef", "abc", "no exception"},
+        {"content-length:3", "a\0b"s, "a\0b"s, "no exception"},
+        {"Content-Length: 3\r\nContent-Length: 2", "abc", "ab", "no exception"},  // the last one counts
+        {"Content-Length: 2 apples", "abc", "ab", "no exception"},
+        {"Content-Length: 2, 3", "abc", "ab", "no exception"},
+        {"Content-Length: 10", "abc", "abc", "no exception"},  // ends early and is accepted
+        {"Content-Length: 0", "abc", "", "no exception"},
+        {"X: y", "abc", "", "no exception"},
+        {"Content-Length: 1048576", big + "c", big, "no exception"},
         {"Content-Length: 1048577", big + "c", "", "body exceeds max length"},
-        {"Content-Length: 1048577", big, big, "nothing"},
-        // Nothing is set aside for these, and no digit is lost on 32 bits.
-        {"Content-Length: 4294967297", "abc", "abc", "nothing"},
-        {"Content-Length: 18446744073709551615", "abc", "abc", "nothing"},
-        {"Content-Length: 18446744073709551617", "abc", "abc", "nothing"},
+        {"Content-Length: 1048577", big, big, "no exception"},
+        // No memory is reserved for these lengths, and they do not overflow 32 bits.
+        {"Content-Length: 4294967297", "abc", "abc", "no exception"},
+        {"Content-Length: 18446744073709551615", "abc", "abc", "no exception"},
+        {"Content-Length: 18446744073709551617", "abc", "abc", "no exception"},
         {"Content-Length: " + std::string(4000, '9'), big + "c", "", "body exceeds max length"},
         {"Content-Length: many", "abc", "", "BadRequest"},
         {"Content-Length:", "abc", "", "BadRequest"},
@@ -207,10 +207,10 @@ TEST(HttpParserTest, ReadsABodyOfItsLength) {
 }
 
 TEST(HttpParserTest, TakesNoMoreOfTheStreamThanTheMessage) {
-    // Whoever reads on after these waits for a peer that waits for the answer.
+    // A parser that read more than this would wait for a peer that waits for the answer.
     for (const char* text :
          {"GET / HTTP/1.1\r\nA: b\r\n\r\n", "PUT / HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"}) {
-        EXPECT_EQ(Request(text, Wire::kBreaks).error, "nothing") << text;
+        EXPECT_EQ(Request(text, Wire::kBreaks).error, "no exception") << text;
     }
 }
 
@@ -238,7 +238,7 @@ TEST(HttpParserTest, AFormOfExactlyItsTypeBecomesParameters) {
     for (const Row& row : rows) {
         const Request request(row.method + " /?ABC=q HTTP/1.1\r\nContent-Type: " + row.type +
                               "\r\nContent-Length: 20\r\n\r\n" + body);
-        EXPECT_EQ(request.error, "nothing");
+        EXPECT_EQ(request.error, "no exception");
         EXPECT_EQ(Text(request.message.GetFormParameter("abc")), row.parameter) << row.method << row.type;
         EXPECT_EQ(Text(request.message.GetQueryParameter("abc")), "q");
         EXPECT_EQ(request.message.GetBody(), body);
@@ -250,21 +250,21 @@ TEST(HttpParserTest, ReadsPairsOfAQuery) {
         std::string query, error, a, b;
     };
     const Row rows[] = {
-        {"", "nothing", "-", "-"},
-        {"a=1;b=2", "nothing", "1", "2"},
-        {"a=1&b=2&", "nothing", "1", "2"},
+        {"", "no exception", "-", "-"},
+        {"a=1;b=2", "no exception", "1", "2"},
+        {"a=1&b=2&", "no exception", "1", "2"},
         {"a=1&&b=2", "BadRequest", "1", "-"},  // those before a wrong pair stay
         {"&a=1", "BadRequest", "-", "-"},
         {"a=1&b", "BadRequest", "1", "-"},
-        {"a==2=&a=3;b=", "nothing", "3", ""},
-        {"%41=%26+%3b", "nothing", "& ;", "-"},
-        {"a=x%00y&b=x\0y"s, "nothing", "x", "x"},
+        {"a==2=&a=3;b=", "no exception", "3", ""},
+        {"%41=%26+%3b", "no exception", "& ;", "-"},
+        {"a=x%00y&b=x\0y"s, "no exception", "x", "x"},
         {"b=1&a=%", "the text url_decode() failed", "-", "1"},
     };
     for (const Row& row : rows) {
         for (const bool isForm : {false, true}) {
             HttpRequest request;
-            EXPECT_EQ(Thrown([&] { HttpParser::ParseQuery(request, row.query, isForm); }), row.error)
+            EXPECT_EQ(ParserErrorOf([&] { HttpParser::ParseQuery(request, row.query, isForm); }), row.error)
                 << row.query;
             EXPECT_EQ(Text(isForm ? request.GetFormParameter("A") : request.GetQueryParameter("A")), row.a)
                 << row.query;
@@ -280,7 +280,7 @@ TEST(HttpParserTest, TheWorstRequestCostsLessThan32MiB) {
         const struct mallinfo2 info = ::mallinfo2();
         return info.uordblks + info.hblkhd;
     };
-    // As many entries as fit: short names of cookies and of parameters, none of them twice.
+    // Makes as many entries as fit, with short and different names of cookies or parameters.
     const auto name = [](unsigned int number) {
         std::string text;
         for (; text.empty() || number > 0; number /= 161) {  // no separator, no lower case
@@ -311,7 +311,7 @@ TEST(HttpParserTest, TheWorstRequestCostsLessThan32MiB) {
     std::istringstream stream(text);
     const std::size_t before = held();
     HttpRequest request;
-    EXPECT_EQ(Thrown([&] { stream >> request; }), "nothing");
+    EXPECT_EQ(ParserErrorOf([&] { stream >> request; }), "no exception");
     EXPECT_EQ(request.GetBodyLength(), 1048576U);
     EXPECT_NE(request.GetFormParameter(name(9'999)), nullptr);
     EXPECT_EQ(Text(request.GetCookie(name(9989))), "1");
@@ -324,8 +324,9 @@ TEST(HttpParserTest, AFormOrQueryHasAtMost10000Parameters) {
     for (const bool isForm : {false, true}) {
         HttpRequest request;
         const std::string most = Repeat("a=1&", 10'000);
-        EXPECT_EQ(Thrown([&] { HttpParser::ParseQuery(request, most, isForm); }), "nothing");
-        EXPECT_EQ(Thrown([&] { HttpParser::ParseQuery(request, most + "b=1", isForm); }), "BadRequest");
+        EXPECT_EQ(ParserErrorOf([&] { HttpParser::ParseQuery(request, most, isForm); }), "no exception");
+        EXPECT_EQ(ParserErrorOf([&] { HttpParser::ParseQuery(request, most + "b=1", isForm); }),
+                  "BadRequest");
         EXPECT_EQ(request.GetFormOrQueryParameter("b"), nullptr);
     }
 }
@@ -348,13 +349,13 @@ TEST(HttpParserTest, ReadsAStatusLine) {
     };
     const std::string digits(32, '0');
     const Row rows[] = {
-        {"HTTP/1.1 404 Not Found", "nothing", "HTTP/1.1", 404},
-        {" HTTP/1.1   200", "nothing", "HTTP/1.1", 200},
-        {"ICY abc def ghi", "nothing", "ICY", 0},
-        {"P 12ab", "nothing", "P", 12},
-        {"P " + digits, "nothing", "P", 0},
+        {"HTTP/1.1 404 Not Found", "no exception", "HTTP/1.1", 404},
+        {" HTTP/1.1   200", "no exception", "HTTP/1.1", 200},
+        {"ICY abc def ghi", "no exception", "ICY", 0},
+        {"P 12ab", "no exception", "P", 12},
+        {"P " + digits, "no exception", "P", 0},
         {"P " + digits + "0", "BadRequest", "", 503},
-        {std::string(64, 'p') + " 1", "nothing", std::string(64, 'p'), 1},
+        {std::string(64, 'p') + " 1", "no exception", std::string(64, 'p'), 1},
         {std::string(65, 'p') + " 1", "BadRequest", "", 503},
         {"P", "BadRequest", "", 503},
         {"", "BadRequest", "", 503},
@@ -372,7 +373,7 @@ TEST(HttpParserTest, ReadsTheBodyOfAResponseToTheEnd) {
     const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 999\r\nContent-Type: a\r\n\r\n";
     for (const std::size_t size : {0UL, 2UL, 4095UL, 4096UL, 4097UL, 1044479UL}) {
         const Response response(head + std::string(size, '\0'));
-        EXPECT_EQ(response.error, "nothing") << size;
+        EXPECT_EQ(response.error, "no exception") << size;
         EXPECT_EQ(response.message.GetBodyLength(), size);
         EXPECT_EQ(Text(response.message.GetHeader("Content-Length")), std::to_string(size));
     }
@@ -380,7 +381,7 @@ TEST(HttpParserTest, ReadsTheBodyOfAResponseToTheEnd) {
         EXPECT_EQ(Response(head + std::string(size, 'x')).error, "too much data") << size;
     }
     const Response empty("HTTP/1.1 204 No Content");
-    EXPECT_EQ(empty.error, "nothing");
+    EXPECT_EQ(empty.error, "no exception");
     EXPECT_EQ(Text(empty.message.GetHeader("content-length")), "0");
 }
 

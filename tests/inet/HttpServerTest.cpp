@@ -64,7 +64,7 @@ private:
     Function _function;
 };
 
-/// The resident size of this process in KiB.
+/// Returns the resident size of this process in KiB.
 long ResidentKiB() {
     std::ifstream status("/proc/self/status");
     for (string line; std::getline(status, line);) {
@@ -93,13 +93,13 @@ string Receive(osa::TcpSocket& socket, std::size_t most = string::npos) {
     return answer;
 }
 
-/// Whether the server has answered or closed the connection.
+/// Returns whether the server has answered or closed the connection.
 bool HasHeard(const osa::TcpSocket& socket) {
     pollfd descriptor = {socket.getHandle(), POLLIN, 0};
     return ::poll(&descriptor, 1, 0) > 0;
 }
 
-/// What the server did with the connection in the end: its answer, or "reset".
+/// Waits for the end of the connection and returns the answer, or "reset".
 string Fate(osa::TcpSocket& socket) {
     try {
         return Receive(socket);
@@ -175,7 +175,7 @@ TEST_F(HttpServerTest, AnswersOneRequestForEachConnection) {
                               "GET /" + string(5000, 'x') + " HTTP/1.1\r\n\r\n"}) {
         EXPECT_EQ(Ask(bad), kEmpty400);
     }
-    // A header in three pieces, a body in two; and a client that ends early, which is no mistake.
+    // A header in three pieces and a body in two. Then clients that end early, which is not an error.
     const Socket slow = SendTo("POST /echo HT");
     Send(*slow, "TP/1.1\r\nContent-Length: 6\r\n");
     Send(*slow, "\r\nabc");
@@ -225,7 +225,7 @@ TEST_F(HttpServerTest, AnswersTheSameInWhateverPiecesARequestComes) {
                 Send(*socket, request.substr(cut));
                 socket->ShutdownSend();
             } catch (const osa::SocketException&) {
-                // It is answered already.
+                // The request was answered already.
             }
             EXPECT_EQ(Receive(*socket), expected.str()) << request.substr(0, 60) << " cut at " << cut;
         }
@@ -236,7 +236,7 @@ TEST_F(HttpServerTest, TakesABodyOfOneMebibyteAndRefusesALargerOneSoThatTheClien
     _server->StartServerThread();
     const string body(1024 * 1024, '\xff');
     EXPECT_TRUE(Ask(Post(body.size(), body)) == Echoed(body));
-    // The client reads the answer after it has sent all.
+    // The client only reads the answer after it has sent everything.
     EXPECT_EQ(Ask(Post(body.size() + 1, body + "x")), kEmpty400);
     EXPECT_EQ(Ask(Post(8 * body.size(), string(8 * body.size(), 'x'))), kEmpty400);
     EXPECT_EQ(_echo._calls, 1);
@@ -275,7 +275,7 @@ TEST_F(HttpServerTest, NoClientDelaysAnother) {
                 Send(*hostile[i], "x");
             }
         }
-        // Bytes after a request, and an unfinished one, cost their client and nobody else.
+        // Bytes after a request and unfinished requests do not affect other clients.
         EXPECT_EQ(Ask(Post(5, "quick") + "surplus"), Echoed("quick"));
     }
     for (std::size_t i = 0; i < 60; ++i) {
@@ -289,7 +289,7 @@ TEST_F(HttpServerTest, NoClientDelaysAnother) {
 
 TEST_F(HttpServerTest, WhatCannotBecomeARequestIsRefusedAtOnce) {
     _server->StartServerThread();
-    const Socket older = SendTo("GET / HT");  // its time ends before that of the others
+    const Socket older = SendTo("GET / HT");  // this times out before the others
     for (const string& begin :
          {string("\x16\x03\x01\x02", 4), string("GET /\r\nHost: camera\r\n"), string("\r\n"),
           "GET /" + string(4'100, 'x'), "GET / HTTP/1.1\r\nA: " + string(4'100, 'x'),
@@ -310,7 +310,7 @@ TEST_F(HttpServerTest, SilenceIsAnswered400AndProgressIsNotCut) {
     const Socket steadyReader = SendTo(kGetLarge, 4'096);
     const Socket steady = SendTo(Post(30, ""));
     const Socket dribbledHead = SendTo("GET /echo HTTP/1.1\r\n");
-    // Longer than the limit and than any silence that is allowed.
+    // Longer than the limit and than the longest silence.
     string read;
     for (int i = 0; i < 30; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(60));
@@ -355,7 +355,7 @@ TEST_F(HttpServerTest, AHandlerThatTakesLongDelaysOnlyTheRequestsThatWaitForOne)
         for (unsigned int i = 0; i < workers; ++i) {
             entered.Lock();
         }
-        EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // the loop is not held up
+        EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // the loop is not blocked
         EXPECT_EQ(running, static_cast<int>(workers));
         for (int i = 0; i < 5; ++i) {
             leave.Release();
@@ -463,7 +463,7 @@ TEST_F(HttpServerTest, KeepsTheRulesOfTheWebIfItIsToldTo) {
     EXPECT_EQ(Receive(*waits, go.size()), go);
     Send(*waits, "body");
     EXPECT_EQ(Receive(*waits).substr(0, 15), "HTTP/1.1 200 OK");
-    // Neither one that has sent its body nor one that is refused.
+    // A client that has sent its body or is refused does not get it.
     EXPECT_EQ(Ask(Post(4, "body", expect)).substr(0, 15), "HTTP/1.1 200 OK");
     EXPECT_EQ(Ask(Post(4'000'000, "", expect)).substr(0, 12), "HTTP/1.1 400");
 }
@@ -483,7 +483,7 @@ TEST_F(HttpServerTest, StopLetsHandlersEndAndTheirAnswersLeave) {
     entered.Lock();
     const Socket queued = SendTo(Post(2, "hi"));
     const Socket half = SendTo(Post(10, "half"));
-    EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // by now the loop has seen the others, too
+    EXPECT_EQ(Ask("bad\r\n\r\n"), kEmpty400);  // by now the loop has also read the other requests
     auto stopping = std::async(std::launch::async, [&] { _server->StopServerThread(); });
     EXPECT_NE(Fate(*half), kEmpty400);
     EXPECT_NE(Fate(*queued), Echoed("hi"));
@@ -625,7 +625,7 @@ TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
     const Socket client = SendTo(put("firmware", "") + "xx");
     EXPECT_TRUE(WaitUntil([&] { return upload.valid(); }));
     EXPECT_EQ(Ask(Post(5, "quick")).substr(0, 15), "HTTP/1.1 200 OK");
-    _server->StopServerThread();  // which is nothing to the connection any more
+    _server->StopServerThread();  // which does not affect the connection
     Send(*client, string(size - 2, 'x'));
     EXPECT_EQ(Receive(*client), "HTTP/1.1 200 OK\r\n\r\ntaken");
     EXPECT_EQ(upload.get(), size);
@@ -634,7 +634,7 @@ TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
     _server->AddHandler("/stream/*", &stream);
     _server->SetStandardResponses(true);
     _server->StartServerThread();
-    // A client that waits is told to continue when the connection is taken, and not when it is refused.
+    // A client that waits gets "100 Continue" when the connection is taken, but not when it is refused.
     const string expect = "Expect: 100-continue\r\n";
     const string go = "HTTP/1.1 100 Continue\r\n\r\n";
     const Socket waits = SendTo(put("firmware", expect));
@@ -669,7 +669,7 @@ TEST(HttpServer, ServesAUnixDomainSocketToo) {
         Send(client, text);
         return Receive(client);
     };
-    // It can be captured like any other.
+    // Its connections can be captured like those of other servers.
     EXPECT_EQ(ask("dump start\n"), "");
     EXPECT_EQ(ask("GET / HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
     EXPECT_EQ(ask("dump stop\n"), "");

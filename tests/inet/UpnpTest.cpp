@@ -74,7 +74,7 @@ TEST(UpnpTest, ANewRequestGoesToTheDiscoveryGroupAndFormatsAsItWasFilled) {
     EXPECT_EQ(string(request.GetDest().ipv4), "239.255.255.250");
     EXPECT_EQ(request.GetDest().port, 1900);
 
-    HttpRequest& base = request;  // the method is the derived one's, whoever asks
+    HttpRequest& base = request;  // the method is the derived class's
     base.SetMethod(UpnpRequest::NOTF);
     request.SetHost("239.255.255.250:1900");
     request.SetCatchControl("max-age=1800");

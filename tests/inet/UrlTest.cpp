@@ -161,7 +161,7 @@ TEST(UrlTest, DecodingEndsAtAZeroByte) {
 
 TEST(UrlTest, DecodingThrowsABareText) {
     for (const char* text : {"%", "%4", "a%", "%4g", "%g4", "%%41", "%+1"}) {
-        EXPECT_EQ(Thrown([&] { Url::Decode(text); }), "the text url_decode() failed") << text;
+        EXPECT_EQ(ParserErrorOf([&] { Url::Decode(text); }), "the text url_decode() failed") << text;
     }
 }
 

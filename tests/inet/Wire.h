@@ -2,8 +2,6 @@
 
 #pragma once
 
-#include <algorithm>
-#include <exception>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -11,12 +9,18 @@
 
 #include <zarip/inet/ParserException.h>
 
+#include "support/ErrorOf.h"
+
 namespace zarip::inet {
 
-/// Both directions of a connection: what the peer sends, byte by byte, and what it gets.
+/// A stream buffer for both directions of a connection: it delivers what the peer sends byte by byte and
+/// records what the peer gets.
 class Wire : public std::streambuf {
 public:
-    enum End { kCloses, kBreaks };  ///< after its text the peer closes; or reading throws, as a time-out does
+    enum End {
+        kCloses,
+        kBreaks
+    };  ///< the end of the input: the peer closes, or reading throws as after a time-out
 
     explicit Wire(std::string input, End end = kCloses) : _input(std::move(input)), _end(end) {}
 
@@ -55,19 +59,14 @@ private:
     int _writes = 0;
 };
 
-/// The text of what the action throws; "nothing" when it throws nothing.
+/// Returns the message of the exception or the bare string that an action throws, or "no exception".
 template <class Action>
-std::string Thrown(Action action) {
+std::string ParserErrorOf(Action action) {
     try {
-        action();
-    } catch (const ParserException& e) {
-        return e.ToString();
-    } catch (const std::exception& e) {
-        return std::string("another exception: ") + e.what();
+        return test::ErrorOf<ParserException>(action);
     } catch (const char* text) {
         return std::string("the text ") + text;
     }
-    return "nothing";
 }
 
 }  // namespace zarip::inet

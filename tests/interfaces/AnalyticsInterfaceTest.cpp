@@ -36,7 +36,7 @@ Alert MakeAlert() {
     return alert;
 }
 
-/// All fields in the order of their declaration.
+/// Prints all fields in the order of their declaration.
 string Show(const Alert& alert) {
     const auto& [alertId, deviceId, ruleName, description, severity, state, ruleId, objectClass, zone, track,
                  startTime, endTime] = alert;
@@ -149,7 +149,7 @@ TEST(AnalyticsInterfaceTest, AlertsReachWhoListens) {
     msgbus::MsgBus bus;
     AnalyticsInterface usual(&bus);
     AnalyticsInterface other("/elsewhere", &bus);
-    // What cannot be sent is not sent in part either.
+    // An alert that cannot be sent is not sent partly either.
     Alert broken = MakeAlert();
     broken.endTime = "\xff";
     EXPECT_EQ(ErrorOf([&] { usual.BroadcastAnalyticsAlert(broken); }), "MsgBusMsg: text is not valid UTF-8!");

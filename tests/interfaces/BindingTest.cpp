@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// A service that is not one of the library's own, made of what is installed.
+// A service of another maker, which only uses installed headers.
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 using std::string;
 using test::ErrorOf;
 
-/// A type that can only be read.
+/// A type that can be read but not appended.
 struct Position {
     int x = 0;
 };
@@ -116,7 +116,7 @@ TEST(ServiceBinding, AServiceOfOnesOwnIsCalledAndHeard) {
     EXPECT_EQ(heard, (std::vector<string>{"a", "0.500000"}));
 }
 
-/// The description with one part replaced.
+/// Returns the description with one part replaced.
 string With(const string& part, const string& replacement) {
     string xml = kXml;
     return xml.replace(xml.find(part), part.size(), replacement);

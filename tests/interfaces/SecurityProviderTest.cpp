@@ -63,7 +63,8 @@ TEST(SecurityProviderTest, DeliberatelyTheFirstFailureToUnregisterEndsIt) {
         ~Handler() override { ADD_FAILURE() << "a registered handler was deleted"; }
         void HandleMessage(const msgbus::MsgBusMsg&, msgbus::IMsgBus&) override {}
     };
-    static Handler* handlers[] = {new Handler, new Handler};  // kept, so that they are not reported as leaks
+    static Handler* handlers[] = {new Handler,
+                                  new Handler};  // referenced, so that they are not reported as leaks
     Refusing bus;
     bus._isFailing = true;
     {
@@ -133,7 +134,7 @@ TEST(SecurityProviderOnTheBus, SignalsAreNoCallsAndEndWithTheServer) {
     signal.listen(*other, second);
     clientBus.StartServer();
 
-    // Anybody may send a signal with a member's name; it must not be taken for the call.
+    // Any process may send a signal with a member's name. It must not be treated as a call.
     msgbus::MsgBusSignal forged(Security::kPath, Security::kName, "DeletePassphrase");
     forged << "all of them";
     clientBus.SendMsg(forged);
@@ -149,7 +150,7 @@ TEST(SecurityProviderOnTheBus, SignalsAreNoCallsAndEndWithTheServer) {
         ErrorOf([&] { client->GetUsers(); }).find("DBUS call com.brelk.system.security::GetUsers failed: "),
         0U);
     signal.fire(implementation);
-    // Sent after it on the same connection, so received after it.
+    // This is sent later on the same connection, so it is received later.
     serverBus.SendMsg(msgbus::MsgBusSignal(Security::kPath, Security::kName, "UsersChanged") << false);
     EXPECT_TRUE(test::WaitUntil([&] { return first.Get().back() == "UsersChanged false"; }));
     EXPECT_EQ(first.Get().size(), 2U);

@@ -20,7 +20,7 @@
 #include "zarip/interfaces/ISmRegistrationProvider.h"
 #include "zarip/interfaces/IStreamInfoProvider.h"
 
-// Every service as tables of members and signals, and an implementation that tells what it was called with.
+// Tables of the members and signals of every service, and implementations that record their arguments.
 
 namespace zarip::interfaces {
 
@@ -32,19 +32,19 @@ string Show(const T& value) {
     return testing::PrintToString(value);
 }
 
-/// A member as it travels.
+/// A member and its messages on the bus.
 template <class Provider>
 struct Member {
     const char* name;
     const char* arguments;  // the signature of the call
     const char* reply;      // the signature of the reply; null for a one-way member
-    const char* received;   // what the implementation gets
-    const char* returned;   // what the caller gets
+    const char* received;   // the arguments of the implementation
+    const char* returned;   // the result at the caller
     std::function<string(Provider&)> call;
-    bool variesInSignature = false;  // so it is not in the description
+    bool variesInSignature = false;  // then it is not in the description
 };
 
-/// What arrived, on any thread.
+/// Collects what has arrived, on any thread.
 class Arrivals {
 public:
     void Add(const string& text) {
@@ -88,7 +88,7 @@ Signal<Provider> MakeSignal(const char* name, const char* signature, core::Event
             }};
 }
 
-/// The last call as one text.
+/// The last call as one string.
 class Recorder {
 public:
     mutable string _last;

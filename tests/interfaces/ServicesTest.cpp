@@ -30,7 +30,7 @@ string Address(const msgbus::MsgBusMsg& message) {
            message.GetName();
 }
 
-/// The text of the error that a call ends with, or "no exception".
+/// Returns the message of the error of a call, or "no exception".
 string ErrorOfCall(msgbus::IMsgBus& bus, const msgbus::MsgBusMsg& call) {
     return ErrorOf([&] {
         msgbus::MsgBusMsg* reply = nullptr;
@@ -89,7 +89,7 @@ TYPED_TEST(ServiceTest, EveryMemberTravelsAsItsTableSays) {
         EXPECT_EQ(sent[0]->GetSignature(), member.arguments);
         EXPECT_EQ(bus._replySignature, member.reply != nullptr ? member.reply : "none");
         EXPECT_EQ(bus._timeout, member.reply != nullptr ? timeout : 0);
-        // What the adapter answers does not depend on how the proxy asks.
+        // The adapter's answer does not depend on the proxy.
         EXPECT_EQ(ErrorOfCall(bus, *sent[0]),
                   member.reply != nullptr ? "no exception"
                                           : Failed<TypeParam>(member.name, "Did not receive a reply"));
@@ -244,7 +244,7 @@ TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
     }
 }
 
-/// What a command of the shell prints.
+/// Returns the output of a shell command.
 string OutputOf(const string& command) {
     FILE* const pipe = ::popen((command + " 2>&1").c_str(), "r");
     string output;
@@ -280,7 +280,7 @@ TYPED_TEST(ServiceTest, IsShownByGdbus) {
     }
 }
 
-/// The element in the file of an interface.
+/// Reads the element from the file of an interface.
 string ElementOf(const string& interface) {
     std::ifstream file(INTERFACES + interface + ".xml");
     std::ostringstream text;
@@ -310,7 +310,7 @@ TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
     const std::unique_ptr<InterfaceServer> first(ISecurityProvider::CreateServer(&serverBus, &security));
     std::unique_ptr<InterfaceServer> second(INetworkingV2Provider::CreateServer(&serverBus, &networking));
     serverBus.StartServer();
-    // Of another connection, so not in this one's tree.
+    // This object is of another connection and therefore not in the tree of the first.
     msgbus::MsgBus otherBus;
     IStreamInfoProvider streams;
     const std::unique_ptr<InterfaceServer> other(IStreamInfoProvider::CreateServer(&otherBus, &streams));
@@ -352,7 +352,7 @@ TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
         EXPECT_NE(tree.find(string(Security::kPath) + "\n"), string::npos) << tree;
     }
 
-    // The same service twice is still one object; what is gone is not described any more.
+    // Two servers of one service are one object. A destroyed object is not described any more.
     INetworkingV2Provider more;
     std::unique_ptr<InterfaceServer> third(INetworkingV2Provider::CreateServer(&serverBus, &more));
     EXPECT_EQ(describe(Networking::kPath).GetInterfaces(), with(Networking::kName));
@@ -373,12 +373,12 @@ TEST(Introspection, EveryFileIsThatOfAService) {
         expected.insert(string(name) + ".xml");
     }
     EXPECT_EQ(files, expected);
-    // The signature of its signal varies, so no description fits.
+    // The signature of its signal varies, so it is not described.
     EXPECT_EQ(ElementOf("com.brelk.analytics"),
               "  <interface name=\"com.brelk.analytics\">\n  </interface>\n");
 }
 
-/// A call as other libraries send it. Returns the name of the error that answers it, or "".
+/// Calls as other libraries do. Returns the name of the error in the answer, or "".
 string CallRaw(const string& destination, const string& path, const char* interface, const char* member) {
     DBusError error = DBUS_ERROR_INIT;
     DBusConnection* const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
@@ -410,8 +410,8 @@ TEST(ServicesOnTheBus, ServeTheirOwnPathAlsoToClientsThatNameNoInterface) {
                   DBUS_ERROR_UNKNOWN_METHOD);
     }
     EXPECT_EQ(CallRaw(PtzSerial::kName, PtzSerial::kPath, nullptr, "Introspect"), "");
-    // As long as a call can be, so the answer must not repeat it all. Had it been sent, the bus would have
-    // closed the connection.
+    // A name with the maximum length of a call. The answer must not repeat all of it, because the bus would
+    // close the connection.
     const string path = "/" + string(33'554'432 - 152, 'x');
     EXPECT_EQ(CallRaw(PtzSerial::kName, path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
               DBUS_ERROR_UNKNOWN_OBJECT);
@@ -430,7 +430,7 @@ TEST(ServicesOnTheBus, TextThatIsNotUtf8NeverReachesIt) {
     EXPECT_EQ(ErrorOf([&] { registration->ForceRegister("\xff"); }), refused);
     EXPECT_EQ(ErrorOf([&] { security->DeleteUsers({"fine", "\xed\xa0\x80"}); }), refused);
 
-    // A service's own text.
+    // The message of a service's exception.
     struct Broken : INetworkingV2Provider {
         string Get(const string&) override { return "\xff"; }
         string Set(const string&) override { throw osa::Exception("not \xff"); }
@@ -460,7 +460,7 @@ TEST(ServicesOnTheBus, OneWayMembersReturnAlsoWhereNobodyServes) {
     const auto ptz = std::unique_ptr<IPtzSerialProvider>(IPtzSerialProvider::CreateClient(&bus));
     const auto registration =
         std::unique_ptr<ISmRegistrationProvider>(ISmRegistrationProvider::CreateClient(&bus));
-    // More than the bus keeps replies for.
+    // More calls than the bus has room for replies.
     for (int i = 0; i < 200; ++i) {
         ptz->SetPtzPollingState(true);
         registration->ForceRegister("");

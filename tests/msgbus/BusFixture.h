@@ -33,7 +33,7 @@ constexpr const char* kPath = "/org/camera/test";
 constexpr const char* kInterface = "org.camera.test";
 inline const MsgBusObjectSelector kService(kName, kPath, kInterface);
 
-/// What a handler has received, in order.
+/// The messages that a handler has received, in order.
 class Record {
 public:
     void Add(const string& text) {
@@ -88,7 +88,7 @@ struct EchoService : Service {
     FunctionHandler echo = Answering([](const string& text) { return text; });
 };
 
-/// Three replies of a service's "Large", to be held.
+/// Makes three calls of a service's "Large" and keeps the replies.
 inline std::vector<std::unique_ptr<MsgBusMsg>> AskForLarge(MsgBus& client) {
     std::vector<std::unique_ptr<MsgBusMsg>> replies;
     for (int i = 0; i < 3; ++i) {
@@ -106,10 +106,10 @@ protected:
     MsgBusTest() { PrivateBus::Get(); }
 };
 
-/// Keeps a handler inside itself until the test lets it go.
+/// Blocks a handler until the test opens the gate.
 class Gate {
 public:
-    /// By the handler.
+    /// The handler calls this and is blocked.
     void Pass() {
         _entered.Release();
         _open.Lock();
@@ -121,7 +121,8 @@ public:
         }
     }
 
-    /// Opens the gate at the end of a scope, also when the test fails: the connection waits for its handler.
+    /// Opens the gate at the end of a scope, even if the test fails, because the connection waits for its
+    /// handler.
     class Opener {
     public:
         explicit Opener(Gate& gate) : _gate(gate) {}

@@ -11,7 +11,7 @@
 namespace zarip::msgbus {
 namespace {
 
-/// What calls of a service come back with, and what it has done.
+/// The results of the calls of a service, and what the service has done.
 class Scenario {
 public:
     Scenario(IMsgBus& server, IMsgBus& client) : _server(server), _client(client) {}
@@ -130,7 +130,7 @@ TEST(FakeBusTest, ACallThatNobodyAnswersFailsAtOnce) {
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0]->GetName(), "Silent");
     EXPECT_EQ(bus.TakeSent().size(), 0U);
-    bus.SendMsg(*sent[0]);  // again
+    bus.SendMsg(*sent[0]);  // sends it a second time
     EXPECT_EQ(bus.TakeSent().size(), 1U);
 }
 
@@ -155,7 +155,7 @@ TEST(FakeBusTest, HandlersRunOneAtATimeAndSendersDoNotWaitForThem) {
     std::thread caller([&] { test::Ask(bus, kService, "Slow", ""); });
     isRunning.get_future().wait();
     MsgBusSignal signal(kPath, kInterface, "Said");
-    bus.SendMsg(signal << "signal");  // returns, since the caller delivers it
+    bus.SendMsg(signal << "signal");  // returns, because the calling thread delivers it
     mayEnd.set_value();
     caller.join();
     EXPECT_EQ(order.Get(), (std::vector<string>{"slow", "signal"}));

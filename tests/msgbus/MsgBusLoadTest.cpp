@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// What one connection stands when many threads use it, when the bus stops, and when strangers send.
+// One connection when many threads use it, when the bus stops, and when strangers send.
 
 #include <dbus/dbus.h>
 #include <sys/wait.h>
@@ -27,7 +27,7 @@ constexpr const char* kSendFailed = "dbus_connection_send failed";
 constexpr const char* kNoException = "no exception";
 constexpr std::size_t kTooLong = 33'600'000;
 
-/// A name whose owner never answers.
+/// Owns a name and never answers.
 struct HungService {
     HungService() { bus.RegisterDestinationName("org.camera.hung"); }
     MsgBus bus;
@@ -46,14 +46,14 @@ bool IsPending(const std::future<string>& call) {
 }
 
 string UniqueNameOf(MsgBus& bus) {
-    // The daemon addresses its reply to it.
+    // The daemon addresses its reply to the unique name.
     const MsgBusObjectSelector daemon(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS);
     MsgBusMsg* answer = nullptr;
     bus.SendMsgWaitForReply(MsgBusRemoteMethod(daemon, "GetId"), answer, 30000);
     return std::unique_ptr<MsgBusMsg>(answer)->GetDestination();
 }
 
-/// Afterwards nothing that the connection sends reaches the bus until that is thawed.
+/// Stops the bus and fills the socket, so that nothing more reaches the bus until it is thawed.
 void FreezeWithFullSocket(MsgBus& bus) {
     PrivateBus::Get().Freeze();
     for (int i = 0; i < 2000; ++i) {
@@ -108,7 +108,7 @@ TEST_F(MsgBusLoadTest, SomebodyReadsWhileAHandlerTakesLong) {
     const string address = UniqueNameOf(client);
     Signal(service.bus, "Changed", "");
     gate.WaitForEntry();
-    // Answered by the connection itself, as soon as it is read.
+    // The connection itself answers this as soon as it is read.
     const MsgBusRemoteMethod ping(MsgBusObjectSelector(address, kPath, DBUS_INTERFACE_PEER), "Ping");
     MsgBusMsg* answer = nullptr;
     service.bus.SendMsgWaitForReply(ping, answer, 30000);
@@ -347,11 +347,12 @@ TEST_F(MsgBusLoadTest, RepliesGetThroughWhateverStrangersSend) {
             EXPECT_EQ(Ask(client, kService, "Echo", "through"), "through");
         }
     }
-    UniqueNameOf(stranger);  // answered after its signals were passed on, and the next one after they came
+    UniqueNameOf(
+        stranger);  // answered after its signals were forwarded; the next call is answered after they arrived
     EXPECT_EQ(Ask(client, kService, "Echo", "through"), "through");
     EXPECT_EQ(log.Count("The handlers are too slow: dropping the oldest"), 1);
 
-    // Calls are not dropped but refused.
+    // Calls are refused and not dropped.
     HungService hung;
     auto reading = AskInBackground(client, hung.object, "Hang", 0x7FFFFFFF);
     const MsgBusObjectSelector object(address, kPath, kInterface);
@@ -386,7 +387,7 @@ TEST_F(MsgBusLoadTest, NoCallEndsAService) {
     EXPECT_EQ(ErrorOf([&] { Ask(client, kService, "Throw", ""); }), error);
 }
 
-/// A message, and what may be done with it without losing the connection.
+/// A message, and the results of the ways to send it that keep the connection.
 struct Hostile {
     string name;
     std::function<DBusMessage*()> make;
@@ -463,8 +464,8 @@ std::vector<Hostile> HostileMessages() {
     return messages;
 }
 
-/// Whether the connection lives after each of several ways to send the message; texts of failures go to
-/// standard error.
+/// Sends the message in several ways and returns whether the connection survives each of them. Failures are
+/// written to standard error.
 bool Survives(const Hostile& hostile) {
     MsgBus bus;
     const auto send = [&](const char* way, auto action) {
@@ -473,7 +474,7 @@ bool Survives(const Hostile& hostile) {
         if (!isFine) {
             fprintf(stderr, "%s, %s: %s\n", hostile.name.c_str(), way, error.c_str());
         }
-        // Answered only if the daemon has kept the connection.
+        // This is only answered if the daemon has kept the connection.
         return isFine && !UniqueNameOf(bus).empty();
     };
     const std::unique_ptr<DBusMessage, void (*)(DBusMessage*)> raw(hostile.make(), &dbus_message_unref);
@@ -520,7 +521,7 @@ TEST_F(MsgBusLoadTest, WhatIsAppendedBehindTheLibrarysBackCountsAsWell) {
     client.RegisterMessageHandler("Any", string(kTooLong, 'x'), &handler);
     client.UnregisterMessageHandler(&handler);
 
-    // A received reply is not sent again, and nobody else's call suffers.
+    // A received reply is not sent again, and other calls are not affected.
     MsgBusRemoteMethod good(kService, "Echo");
     good << "good";
     MsgBusMsg* answer = nullptr;

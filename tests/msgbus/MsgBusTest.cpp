@@ -62,7 +62,7 @@ TEST_F(MsgBusTest, WhatAServiceDoesNotTakeComesBackAsAnErrorAtOnce) {
     MsgBus client;
 
     const string prefix = "DBUS call org.camera.test::";
-    // No limit on the wait: only an answer ends these.
+    // These calls have no time limit, so only an answer ends them.
     EXPECT_EQ(ErrorOf([&] {
                   Ask(client, kService, "Missing", "", 0x7FFFFFFF);
               }).find(prefix + "Missing failed: Method \"Missing\""),
@@ -233,7 +233,7 @@ TEST_F(MsgBusTest, KeepsTheThousandNewestMessagesWhileNobodyListens) {
     for (int i = 0; i < 1500; ++i) {
         Signal(sender, "Changed", std::to_string(i));
     }
-    // The sender's own call is answered after its signals were passed on, and the receiver's after they came.
+    // The sender's call is answered after its signals were forwarded, and the receiver's after they arrived.
     sender.RegisterDestinationName("org.camera.marker");
     receiver.RegisterDestinationName("org.camera.other");
     receiver.StartServer();
@@ -256,7 +256,7 @@ TEST_F(MsgBusTest, LargeMessagesThatNobodyTakesDoNotKeepRepliesAway) {
         for (int i = 0; i < 25; ++i) {
             Signal(sender, "Changed", string(1024 * 1024, 'x'));
         }
-        // The one call is answered after the signals were passed on, the other after they came.
+        // One call is answered after the signals were forwarded, the other after they arrived.
         sender.RegisterDestinationName(kName);
         EXPECT_EQ(ErrorOf([&] { receiver.RegisterDestinationName(name); }), "no exception");
     }
@@ -279,7 +279,8 @@ TEST_F(MsgBusTest, ReadingGoesOnOnceLargeRepliesAreGone) {
         replies.clear();
         Signal(service.bus, "Changed", listens ? "to the listener" : "to be kept");
         if (!listens) {
-            // What the watcher has read is there for the listen thread, whose own reading starts later.
+            // The listen thread gets the messages that the watcher has read, although it starts reading
+            // later.
             client.StartServer();
         }
         EXPECT_TRUE(WaitUntil([&] { return record.Get().size() == (listens ? 2U : 1U); }));
@@ -639,7 +640,7 @@ TEST_F(LostBusTest, EndsAWaitingCallAndAHandlerThatRuns) {
     auto call = std::async(std::launch::async,
                            [&] { return ErrorOf([&] { Ask(client, kService, "Echo", "", 0x7FFFFFFF); }); });
     entered.Lock();
-    // Messages without arguments fill what may wait to be sent as well.
+    // Messages without arguments also fill the outbox.
     PrivateBus::Get().Freeze();
     const MsgBusSignal signal(kPath, kInterface, "Changed");
     string refused = "no exception";

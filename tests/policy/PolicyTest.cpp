@@ -57,7 +57,7 @@ using test::ErrorOf;
 const struct Service {
     const char* name;
     const char* path;
-    const char* member;  // null where there are only signals
+    const char* member;  // null if there are only signals
     InterfaceServer* (*serve)(MsgBus* bus);
 } kServices[] = {
     {"com.brelk.system.security", "/com/brelk/system/security", "GetNonce",
@@ -103,7 +103,7 @@ public:
     }
     void AddUser(const std::string& name) {
         Run("useradd --system --no-create-home --user-group --shell /usr/sbin/nologin " + name);
-        // By force: a sanitizer's helper that a process of the user started may still be about to end.
+        // Forced, because a sanitizer's helper that a process of the user has started may not have ended yet.
         _undo.push_back("userdel --force " + name);
     }
     Accounts() = default;
@@ -125,10 +125,10 @@ private:
     std::vector<std::string> _undo;
 };
 
-/// A process that runs as a user, and in a group if one is given, and writes lines for this one to read.
+/// A process that runs as a user, and in a group if one is given, and reports lines to this process.
 class Actor {
 public:
-    /// @param act  gets a way to say a line and one to wait for `Cue`.
+    /// @param act  gets a function that reports a line and one that waits for `Cue`.
     using Say = std::function<void(const std::string&)>;
     using Await = std::function<void()>;
     Actor(const std::string& user, const std::string& group, const std::function<void(Say, Await)>& act) {
@@ -152,7 +152,7 @@ public:
             } catch (const std::exception& e) {
                 ::dprintf(lines[1], "%s\n", e.what());
             }
-            ::_exit(0);  // neither the tests nor the accounts are this process's
+            ::_exit(0);  // this process owns neither the tests nor the accounts
         }
         ::close(lines[1]);
         ::close(cues[0]);
@@ -167,7 +167,7 @@ public:
         ::waitpid(_pid, nullptr, 0);
     }
 
-    /// The next line, or "the end".
+    /// Returns the next line, or "the end".
     std::string Read() {
         std::string line;
         for (int c = std::fgetc(_lines); c != '\n'; c = std::fgetc(_lines)) {
@@ -207,7 +207,7 @@ std::string CallService(MsgBus& bus, const std::string& destination, const Servi
                         const char* member = nullptr) {
     msgbus::MsgBusRemoteMethod message({destination, service.path, service.name},
                                        member != nullptr ? member : service.member);
-    message << "";  // for those that want a text; superfluous arguments are ignored
+    message << "";  // for members that take a string; additional arguments are ignored
     return ErrorOf([&] {
         MsgBusMsg* reply = nullptr;
         bus.SendMsgWaitForReply(message, reply, 5'000);
@@ -215,7 +215,7 @@ std::string CallService(MsgBus& bus, const std::string& destination, const Servi
     });
 }
 
-/// Counts the signals that arrive of some interfaces, up to one that its own process sends.
+/// Counts the signals of some interfaces until one arrives that its own process sends.
 class Listener {
 public:
     explicit Listener(MsgBus& bus) : _bus(bus), _handlers(&bus) { Listen("zt.end", "End", _ends); }
@@ -226,7 +226,7 @@ public:
     void AwaitGenuine(std::size_t count) {
         test::WaitUntil([&] { return _genuine == static_cast<int>(count); });
     }
-    /// The bus keeps the order, so everything that was sent before has arrived.
+    /// The bus keeps the order, so all messages that were sent before have arrived.
     std::string Count() {
         _bus.SendMsg(msgbus::MsgBusSignal("/zt", "zt.end", "End"));
         test::WaitUntil([&] { return _ends != 0; });
@@ -256,9 +256,8 @@ private:
 const char* const kSecrets[] = {"GetPassphrase", "GetPassphrases", "GetCredentials"};
 const char kViewers[] = "com.brelk.example.viewers";
 
-/// Serves everything, each service on a connection of its own as on a device, since a rule about a name holds
-/// for whatever its connection owns. Sends the signals when told to, and listens to how many viewers there
-/// are.
+/// Serves everything. As on a device, each service has its own connection, because a rule about a name
+/// applies to all names of its connection. Sends the signals on a cue and receives the number of viewers.
 void Serve(const Actor::Say& say, const Actor::Await& await) {
     std::vector<std::unique_ptr<MsgBus>> buses;
     std::vector<std::unique_ptr<InterfaceServer>> servers;
@@ -291,7 +290,7 @@ void CallForSecrets(const Actor::Say& say, const Actor::Await& /*await*/) {
     }
 }
 
-/// Calls every service, asks for the secrets, then reports the signals that arrive.
+/// Calls every service, asks for the secrets, and reports the signals that arrive.
 void CallAndListen(const Actor::Say& say, const Actor::Await& await) {
     MsgBus bus;
     Listener listener(bus);
@@ -310,7 +309,7 @@ void CallAndListen(const Actor::Say& say, const Actor::Await& await) {
     say(listener.Count());
 }
 
-/// Tries all that it must not.
+/// Tries everything that is not allowed.
 void Attack(const Actor::Say& say, const Actor::Await& await) {
     MsgBus bus;
     Listener listener(bus);
@@ -323,7 +322,7 @@ void Attack(const Actor::Say& say, const Actor::Await& await) {
                                               "org.freedesktop.DBus");
     for (const Service& service : kServices) {
         msgbus::MsgBusRemoteMethod request(daemon, "RequestName");
-        request << service.name << 2U;  // takes it from its owner where that is allowed
+        request << service.name << 2U;  // takes the name from its owner if that is allowed
         say(ErrorOf([&] {
             MsgBusMsg* reply = nullptr;
             bus.SendMsgWaitForReply(request, reply, 5'000);
@@ -344,7 +343,7 @@ void Attack(const Actor::Say& say, const Actor::Await& await) {
     CallForSecrets(say, await);
     SendSignals(bus, "Forged");
     bus.SendMsg(msgbus::MsgBusSignal("/", kViewers, "Forged"));
-    // The answer comes after the signals.
+    // The answer arrives after the signals.
     MsgBusMsg* answer = nullptr;
     bus.SendMsgWaitForReply(msgbus::MsgBusRemoteMethod(daemon, "GetId"), answer, 5'000);
     delete answer;

@@ -8,13 +8,13 @@
 
 namespace zarip::test {
 
-/// The message of the exception that an action throws, or "no exception".
-template <class Action>
+/// Returns the message of the exception of this type that an action throws, or "no exception".
+template <class Exception = osa::Exception, class Action>
 std::string ErrorOf(Action action) {
     try {
         action();
-    } catch (const osa::Exception& e) {
-        return e.ToString();
+    } catch (const Exception& e) {
+        return e.what();
     }
     return "no exception";
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// The program zarip-bus, run as a shell does it, with services in this process.
+// Runs the program zarip-bus as a shell does, with services in this process.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/reader.h>
@@ -42,7 +42,7 @@ using Strings = vector<string>;
 /// A child process with its output.
 class Child {
 public:
-    /// @param output  where standard output goes, a file of the child's own if empty.
+    /// @param output  the file for standard output; if empty, the child has its own.
     explicit Child(Strings command, const string& output = "") {
         vector<char*> argv;
         for (string& word : command) {
@@ -54,7 +54,7 @@ public:
         const string out = output.empty() ? _folder.File("out") : output;
         ::posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
         ::posix_spawn_file_actions_addopen(&files, 2, _folder.File("err").c_str(), O_WRONLY | O_CREAT, 0600);
-        // As from a shell: libdbus ignores SIGPIPE in this process.
+        // As from a shell. In this process libdbus ignores SIGPIPE, which a child would inherit.
         posix_spawnattr_t attributes;
         ::posix_spawnattr_init(&attributes);
         sigset_t pipe;
@@ -75,7 +75,7 @@ public:
         }
     }
 
-    /// The exit status, or the negative number of the signal that ended it.
+    /// Returns the exit status, or the negative number of the signal that has ended the child.
     int Wait() {
         int status = 0;
         EXPECT_EQ(::waitpid(_pid, &status, 0), _pid);
@@ -190,7 +190,7 @@ TEST_F(ZaripBusTest, ListsAndDescribesServices) {
         R"({"name":"GetCameraDeviceNames","arguments":[],"results":[{"name":"names","type":"as"}],)"
         R"("hasReply":true}],"signals":[{"name":"StateChange","arguments":[]}]})"
         "\n|");
-    // Every name on the bus is known by its last part, too.
+    // Every name on the bus can be given by its last part.
     EXPECT_EQ(Outcome({"call", "-j", "DBus", "NameHasOwner", "com.brelk.brelkServices"}), "0|[true]\n|");
 }
 
@@ -208,7 +208,7 @@ TEST_F(ZaripBusTest, PrintsWhatACallReturns) {
         {{"call", "-j", "security", "GetAllowedPermissions", "x"}, "0|[[]]\n|"},
         {{"call", "security", "GetAllowedPaths", "a\"b"}, "0|[\"GetAllowedPaths|a\\\"b\",\"/\"]\n|"},
         {{"call", "security", "DeleteUsers", "[\"a\", \"b\\u00e4\"]"}, "0|2\n|"},
-        // After the member everything is an argument, as it is.
+        // Everything after the member is an unchanged argument.
         {{"call", "security", "GetCredentials", "--help"}, "0|GetCredentials|--help\n|"},
         {{"call", "security", "GetCredentials", ""}, "0|GetCredentials|\n|"},
         {{"call", "security", "GetCredentials", "\xc3\xa4 $(id) \\ '"},
@@ -397,7 +397,7 @@ json::Array Lines(const string& output) {
     return lines;
 }
 
-/// The first line of a monitor with these members, as text, or nothing.
+/// Returns the first line of a monitor with these members, or an empty string.
 string Find(const Child& monitor, const std::vector<std::pair<string, json::UnknownElement>>& members) {
     for (const json::UnknownElement& element : Lines(monitor.GetOutput())) {
         const json::Object& line = element;
@@ -422,10 +422,10 @@ json::Array Arguments(const vector<json::UnknownElement>& elements) {
 }
 
 TEST_F(ZaripBusTest, MonitorsCallsAndSignalsAsLinesOfJson) {
-    // Before the service is there.
+    // The service is not on the bus yet.
     Child monitor(Tool({"monitor", "security"}));
     Child everything(Tool({"monitor"}));
-    Child alerts(Tool({"monitor", "analytics"}));  // nobody owns this name
+    Child alerts(Tool({"monitor", "analytics"}));  // this name has no owner
     Served<Security::Implementation> security;
     Served<PtzSerial::Implementation> ptz;
     AnalyticsInterface analytics(&ptz._bus);
@@ -613,7 +613,8 @@ TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
         Child tool(Tool(words));
         EXPECT_EQ(tool.Wait(), 0) << member.name << tool.GetErrors();
         EXPECT_EQ(tool.GetOutput().empty(), member.reply == nullptr) << member.name;
-        // Answered after the call; then the listen thread has ended, so that this one may look.
+        // This is answered after the call. Then the listen thread has ended, so this thread may read the
+        // variable.
         msgbus::MsgBusMsg* reply = nullptr;
         client.SendMsgWaitForReply(
             msgbus::MsgBusRemoteMethod({TypeParam::kName, TypeParam::kPath, "org.freedesktop.DBus.Peer"},

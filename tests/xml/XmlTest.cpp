@@ -205,15 +205,15 @@ string Repeat(const string& text, int times) {
     return all;
 }
 
-string Numbered(const string& before, const string& behind, int count) {
+string Numbered(const string& before, const string& after, int count) {
     string all;
     for (int i = 0; i < count; ++i) {
-        all += before + std::to_string(i) + behind;
+        all += before + std::to_string(i) + after;
     }
     return all;
 }
 
-/// In UTF-16, of ASCII.
+/// Converts ASCII to UTF-16.
 string Wide(const string& text, bool isBig = false) {
     string wide = isBig ? "\xFE\xFF" : "\xFF\xFE";
     for (const char c : text) {
@@ -222,7 +222,7 @@ string Wide(const string& text, bool isBig = false) {
     return wide;
 }
 
-/// The errors with which a document ends: in memory, and piece by piece from a text and from a stream.
+/// Returns the errors of reading a document in memory, and piece by piece from a text and from a stream.
 std::vector<string> Verdicts(const string& text) {
     return {ErrorOf([&] { XmlDocument::Parse(text); }), ErrorOf([&] {
                 XmlReader reader(text);
@@ -241,69 +241,77 @@ long PeakKiB() {
     return usage.ru_maxrss;
 }
 
-TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
+string MakeLaughs() {
     string laughs = "<!DOCTYPE r [<!ENTITY l0 \"lol\">";
     for (int i = 1; i < 10; ++i) {
         laughs +=
             "<!ENTITY l" + std::to_string(i) + " \"" + Repeat("&l" + std::to_string(i - 1) + ";", 10) + "\">";
     }
-    const string none = "entity declarations are not allowed (line 1, column ";
-    const std::pair<string, string> cases[] = {
-        {laughs + "]><r>&l9;</r>", none},
-        {laughs + "]><r a=\"&l9;\"/>", none},
-        {laughs + "<!ATTLIST r a CDATA \"&l9;\">]><r/>", none},
-        {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file:///etc/passwd\">]><r>&x;</r>", none},
-        {"<!DOCTYPE r [<!ENTITY x SYSTEM \"http://127.0.0.1:1/\">]><r>&x;</r>", none},
-        {"<!DOCTYPE r [<!ENTITY % x SYSTEM \"file:///etc/passwd\"> %x;]><r/>", none},
-        {"<!DOCTYPE r [<!ENTITY q \"" + string(100'000, 'q') + "\">]><r>" + Repeat("&q;", 50'000) + "</r>",
-         none},
-        {"<!DOCTYPE r [<!NOTATION n SYSTEM 'n'><!ENTITY x SYSTEM 'x' NDATA n>]><r/>", none},
-        {"<!DOCTYPE r [<!ATTLIST r a CDATA 'x'>]><r/>", "attribute declarations are not allowed (line 1, "},
-        {"<!DOCTYPE r [" + Numbered("<!ATTLIST r a", " CDATA 'x'>", 4'000) + "]><r>" + Repeat("<r/>", 50'000),
-         "attribute declarations are not allowed (line 1, "},
-        {"<r" + Numbered(" a", "=''", 120'000) + "/>", "too many attributes (line 1, column "},
-        {"<r><b" + Numbered(" xmlns:a", "='u'", 60'000) + "/></r>", "too many attributes (line 1, column "},
-        {"<?xml version='1.0' encoding='UTF-7'?>\n<r><b" + Numbered(" a", "+AD0-''", 60'000) + "/></r>",
-         "encoding 'UTF-7' is not supported (line 1, column 31)"},
-        {"<?xml version='1.0'\n encoding = \"ISO-2022-JP\" ?><r><b" + Numbered(" a", "=\x1B(B''", 60'000),
-         "encoding 'ISO-2022-JP' is not supported (line 2, column 14)"},
-        {"<?xml version='1.0' encoding='UTF-7'+AD8-+AD4-<r>+AD0-</r>",  // its end is in UTF-7, too
-         "encoding 'UTF-7' is not supported (line 1, column 31)"},
-        {"<?xml version='1.0' encoding=''?><r/>", "Invalid XML encoding name (line 1, column 31)"},
-        {"<?xml version='1.0' encoding='UTF-7?><r/>", ""},
-        {"<?xml version='1.0'" + string(1'024, ' ') + "encoding='UTF-7'?><r/>",
-         "the XML declaration is too long (line 1, column 1)"},
-        {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
-        {Repeat("<d>", 100'000), "Excessive depth in document: 256"},
-        {"", ""},
-        {"<r>", ""},
-        {"<r>\n\n<a></b></r>", "Opening and ending tag mismatch: a line 3 and b (line 3, column 8)"},
-        {"<r a='1' a='2'/>", "Attribute a redefined (line 1, column "},
-        {"<r>&none;</r>", "Entity 'none' not defined (line 1, column "},
-        {"<r>\xFF</r>", ""},
-        {"<r><![CDATA[\xFF]]></r>", ""},
-        {"<r><![CDATA[" + string(1'000, 'x') + "\xC1\x9C" + string(1'000, 'x') + "]]></r>", ""},
-        {"<r><![CDATA[\x01]]></r>", ""},
-        {"<r/><r/>", "Extra content at the end of the document (line 1, column 5)"},
-        {string("<r>\0</r>", 8), "zero bytes are not allowed (line 1, column "},
-        {string("<r/>\0", 5), "zero bytes are not allowed (line 1, column "},
-        {"<r/>" + string(5'000, ' ') + string("\0<x>", 4), "zero bytes are not allowed (line 1, column "},
-        {string("<r a='\0'/>", 10), "zero bytes are not allowed (line 1, column "},
-        {"<r><!--" + string(1 << 20, '-'), "Double hyphen within comment (line 1, column 8)"},
-        {Repeat("<r" + Numbered(" xmlns:a", "='u'", 100) + ">", 3), "too many namespaces (line 1, column "},
-        {"<r>" + Numbered("<a", "/>", 70'000), "too many different names (line 1, column "},
-        {"<r>" + string(10'000'001, 'x') + "</r>", ""},
-        {"<r a='" + string(9'900'000, 'x') + "'/>", "a tag or comment of more than 9900000 bytes (line 1, "},
-        {"<r><a xml:id='x'/><a xml:id='x'/></r>", ""},
-        {"<r xml:id='1'/>", ""},
-    };
-    std::vector<std::pair<string, string>> texts(std::begin(cases), std::end(cases));
-    for (const auto& [text, error] : cases) {
+    return laughs;
+}
+
+const string kLaughs = MakeLaughs();
+const string kNoEntities = "entity declarations are not allowed (line 1, column ";
+
+/// Documents and the beginnings of their errors.
+const std::pair<string, string> kBroken[] = {
+    {kLaughs + "]><r>&l9;</r>", kNoEntities},
+    {kLaughs + "]><r a=\"&l9;\"/>", kNoEntities},
+    {kLaughs + "<!ATTLIST r a CDATA \"&l9;\">]><r/>", kNoEntities},
+    {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file:///etc/passwd\">]><r>&x;</r>", kNoEntities},
+    {"<!DOCTYPE r [<!ENTITY x SYSTEM \"http://127.0.0.1:1/\">]><r>&x;</r>", kNoEntities},
+    {"<!DOCTYPE r [<!ENTITY % x SYSTEM \"file:///etc/passwd\"> %x;]><r/>", kNoEntities},
+    {"<!DOCTYPE r [<!ENTITY q \"" + string(100'000, 'q') + "\">]><r>" + Repeat("&q;", 50'000) + "</r>",
+     kNoEntities},
+    {"<!DOCTYPE r [<!NOTATION n SYSTEM 'n'><!ENTITY x SYSTEM 'x' NDATA n>]><r/>", kNoEntities},
+    {"<!DOCTYPE r [<!ATTLIST r a CDATA 'x'>]><r/>", "attribute declarations are not allowed (line 1, "},
+    {"<!DOCTYPE r [" + Numbered("<!ATTLIST r a", " CDATA 'x'>", 4'000) + "]><r>" + Repeat("<r/>", 50'000),
+     "attribute declarations are not allowed (line 1, "},
+    {"<r" + Numbered(" a", "=''", 120'000) + "/>", "too many attributes (line 1, column "},
+    {"<r><b" + Numbered(" xmlns:a", "='u'", 60'000) + "/></r>", "too many attributes (line 1, column "},
+    {"<?xml version='1.0' encoding='UTF-7'?>\n<r><b" + Numbered(" a", "+AD0-''", 60'000) + "/></r>",
+     "encoding 'UTF-7' is not supported (line 1, column 31)"},
+    {"<?xml version='1.0'\n encoding = \"ISO-2022-JP\" ?><r><b" + Numbered(" a", "=\x1B(B''", 60'000),
+     "encoding 'ISO-2022-JP' is not supported (line 2, column 14)"},
+    {"<?xml version='1.0' encoding='UTF-7'+AD8-+AD4-<r>+AD0-</r>",  // its end is in UTF-7, too
+     "encoding 'UTF-7' is not supported (line 1, column 31)"},
+    {"<?xml version='1.0' encoding=''?><r/>", "Invalid XML encoding name (line 1, column 31)"},
+    {"<?xml version='1.0' encoding='UTF-7?><r/>", ""},
+    {"<?xml version='1.0'" + string(1'024, ' ') + "encoding='UTF-7'?><r/>",
+     "the XML declaration is too long (line 1, column 1)"},
+    {"<r><u:b/></r>", "Namespace prefix u on b is not defined (line 1, column "},
+    {Repeat("<d>", 100'000), "Excessive depth in document: 256"},
+    {"", ""},
+    {"<r>", ""},
+    {"<r>\n\n<a></b></r>", "Opening and ending tag mismatch: a line 3 and b (line 3, column 8)"},
+    {"<r a='1' a='2'/>", "Attribute a redefined (line 1, column "},
+    {"<r>&none;</r>", "Entity 'none' not defined (line 1, column "},
+    {"<r>\xFF</r>", ""},
+    {"<r><![CDATA[\xFF]]></r>", ""},
+    {"<r><![CDATA[" + string(1'000, 'x') + "\xC1\x9C" + string(1'000, 'x') + "]]></r>", ""},
+    {"<r><![CDATA[\x01]]></r>", ""},
+    {"<r/><r/>", "Extra content at the end of the document (line 1, column 5)"},
+    {string("<r>\0</r>", 8), "zero bytes are not allowed (line 1, column "},
+    {string("<r/>\0", 5), "zero bytes are not allowed (line 1, column "},
+    {"<r/>" + string(5'000, ' ') + string("\0<x>", 4), "zero bytes are not allowed (line 1, column "},
+    {string("<r a='\0'/>", 10), "zero bytes are not allowed (line 1, column "},
+    {"<r><!--" + string(1 << 20, '-'), "Double hyphen within comment (line 1, column 8)"},
+    {Repeat("<r" + Numbered(" xmlns:a", "='u'", 100) + ">", 3), "too many namespaces (line 1, column "},
+    {"<r>" + Numbered("<a", "/>", 70'000), "too many different names (line 1, column "},
+    {"<r>" + string(10'000'001, 'x') + "</r>", ""},
+    {"<r a='" + string(9'900'000, 'x') + "'/>", "a tag or comment of more than 9900000 bytes (line 1, "},
+    {"<r><a xml:id='x'/><a xml:id='x'/></r>", ""},
+    {"<r xml:id='1'/>", ""},
+};
+
+TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
+    std::vector<std::pair<string, string>> texts(std::begin(kBroken), std::end(kBroken));
+    for (const auto& [text, error] : kBroken) {
         if (text.find_first_of("\xFF\xC1") == string::npos) {
             texts.emplace_back(Wide(text), error);
         }
     }
-    // Not in what they say that they are in.
+    // Documents that are not in the declared encoding.
     for (const auto& [text, name] :
          {std::pair<string, string>{"\xEF\xBB\xBF<?xml version='1.0' encoding='", "ISO-8859-1"},
           {"<?xml version='1.0' encoding='", "UTF-16LE"},
@@ -314,11 +322,11 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
             text + (text[1] == '\xFE' || text[1] == '\xFF' ? Wide(end, text[0] == '\xFE').substr(2) : end),
             "encoding '" + name + "' is not that of the document (line 1, column 31)");
     }
-    // A first half of a pair with no second half.
+    // The first half of a surrogate pair without the second.
     for (const char* const before : {"<r>", "<r/>", "<r/><!--", "", "<r><![CDATA["}) {
         texts.emplace_back(Wide(before) + "\xDB\xDB\xDB\xDB" + string(600, '\xDB'), "");
     }
-    // In EBCDIC, which is told by how it writes "<?xm", and in four bytes for a character.
+    // EBCDIC, which is detected by its form of "<?xm", and four bytes per character.
     texts.emplace_back("\x4C\x6F\xA7\x94\x93", "encoding 'EBCDIC' is not supported (line 1, column 1)");
     for (const string& wide : {string("\0\0\0<", 4), string("<\0\0\0", 4), string("\xFF\xFE\0\0", 4)}) {
         texts.emplace_back(wide + "r", "encoding 'UCS-4' is not supported (line 1, column 1)");
@@ -332,9 +340,10 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         }
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-    EXPECT_LT(PeakKiB() - before, 384 * 1024) << "what expands would take GiB";
+    EXPECT_LT(PeakKiB() - before, 384 * 1024) << "expanded entities would take GiB";
+}
 
-    // Those that pass.
+TEST(XmlAttackTest, SafeEncodingsAreAccepted) {
     for (const string& text :
          {string("<?xml version='1.0' encoding='iso-8859-1'?><r>\xE9</r>"),
           string("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='yes'?><r>\xC3\xA9</r>"),
@@ -350,8 +359,9 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         }
         EXPECT_EQ(reader.ReadText(), "\xC3\xA9") << text;
     }
+}
 
-    // What looks like many attributes but is none.
+TEST(XmlAttackTest, TextThatLooksLikeManyAttributesIsRead) {
     const string signs(300'000, '=');
     const string harmless =
         "<r><!--" + signs.substr(0, 4'000) + "-->" + signs + "<![CDATA[" + signs + "]]></r>";
@@ -359,8 +369,9 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
     XmlReader reader(harmless);
     ASSERT_TRUE(reader.Read());
     EXPECT_EQ(reader.ReadText(), signs + signs);
+}
 
-    // Told by number, too; and nothing is fetched for a type that names a file.
+TEST(XmlAttackTest, ErrorsHaveAPositionAndNothingIsFetched) {
     try {
         XmlDocument::Parse("<r>\n  <a></b></r>");
         FAIL();
@@ -373,7 +384,7 @@ TEST(XmlAttackTest, AttacksAndBrokenDocumentsEndInAnErrorWithALine) {
         "<\xC3\xA9");
 }
 
-// With time that grows as the square of the length these would not end before the test is stopped.
+// If the time grew with the square of the length, these would not end before the test is stopped.
 TEST(XmlAttackTest, LongDocumentsWithinTheLimitsAreRead) {
     constexpr int kSize = 4 << 20;
     const string attributes = "<a" + Numbered(" a", "='>'", 2'048) + "/>";
@@ -393,8 +404,8 @@ TEST(XmlAttackTest, LongDocumentsWithinTheLimitsAreRead) {
     }
 }
 
-/// A stream of pieces, each of which arrives when the one before has been read, the last one several times.
-/// After that it fails.
+/// A stream of pieces. Each piece arrives when the previous one has been read, the last one several times.
+/// Then the stream fails.
 class Pieces : public std::streambuf {
 public:
     explicit Pieces(std::vector<string> pieces, int repeated = 1)
@@ -581,7 +592,7 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     }
     writer.Text("t");
     EXPECT_EQ(ErrorOf([&] { writer.Attribute("b", "1"); }),
-              "attributes stand at the beginning of an element");
+              "attributes must precede the content of an element");
     writer.EndDocument();
     EXPECT_EQ(ErrorOf([&] { writer.StartElement("s"); }), "the document is complete");
     EXPECT_EQ(stream.str(), "<r a=\"1\">t</r>\n");
@@ -598,61 +609,60 @@ TEST(XmlWriterTest, MisuseAndAFullStreamAreTold) {
     }
 }
 
+/// Errors and the calls that cause them.
+using Write = void (*)(XmlWriter&);
+const std::pair<string, Write> kUnreadable[] = {
+    {"undeclared prefix 'p'", [](XmlWriter& w) { w.StartElement("p:a"), w.Text("t"); }},
+    {"undeclared prefix 'xmlns'", [](XmlWriter& w) { w.Element("xmlns:a", ""); }},
+    {"undeclared prefix 'p'", [](XmlWriter& w) { w.Attribute("p:a", "1"), w.EndDocument(); }},
+    {"undeclared prefix 'p'",
+     [](XmlWriter& w) { w.StartElement("a"), w.Namespace("p", "u"), w.EndElement(), w.Element("p:a", ""); }},
+    {"attribute 'a' twice",
+     [](XmlWriter& w) {
+         w.Namespace("p", "u"), w.Namespace("q", "u"), w.Attribute("p:a", "1"), w.Attribute("q:a", "2");
+         w.Comment("c");
+     }},
+    {"invalid namespace '' 'a b'", [](XmlWriter& w) { w.Namespace("", "a b"); }},
+    {"xml:id is not a name", [](XmlWriter& w) { w.Attribute("xml:id", "1"); }},
+    {"xml:id is not the only one of its value",
+     [](XmlWriter& w) { w.Attribute("xml:id", "a"), w.StartElement("b"), w.Attribute("xml:id", "a"); }},
+    {"text of more than 10000000 bytes", [](XmlWriter& w) { w.Text(string(10'000'001, 'x')); }},
+    {"text of more than 10000000 bytes",
+     [](XmlWriter& w) { w.CData(string(9'800'000, 'x')), w.Text(""), w.Text(string(200'001, 'x')); }},
+    {"a tag or comment of more than 9900000 bytes",
+     [](XmlWriter& w) { w.Attribute("a", string(2'000'000, '<')), w.EndElement(); }},
+    {"a tag or comment of more than 9900000 bytes", [](XmlWriter& w) { w.Comment(string(9'900'000, 'x')); }},
+    {"invalid name", [](XmlWriter& w) { w.StartElement(string(50'001, 'x')); }},
+    {"elements are nested too deep",
+     [](XmlWriter& w) {
+         for (int i = 0; i < 256; ++i) {
+             w.StartElement("a");
+         }
+     }},
+    {"too many attributes",
+     [](XmlWriter& w) {
+         for (int i = 0; i < 2'049; ++i) {
+             w.Attribute("a" + std::to_string(i), "");
+         }
+     }},
+    {"too many different names",
+     [](XmlWriter& w) {
+         for (int i = 0; i < 70'000; ++i) {
+             w.Element("a" + std::to_string(i), "");
+         }
+     }},
+    {"too many namespaces",
+     [](XmlWriter& w) {
+         for (int i = 0; i < 150; ++i) {
+             w.Namespace("p" + std::to_string(i), "u");
+             w.StartElement("a");
+             w.Namespace("q" + std::to_string(i), "u");
+         }
+     }},
+};
+
 TEST(XmlWriterTest, WhatCouldNotBeReadAgainIsRefusedBeforeItIsWritten) {
-    using Write = void (*)(XmlWriter&);
-    const std::pair<string, Write> cases[] = {
-        {"undeclared prefix 'p'", [](XmlWriter& w) { w.StartElement("p:a"), w.Text("t"); }},
-        {"undeclared prefix 'xmlns'", [](XmlWriter& w) { w.Element("xmlns:a", ""); }},
-        {"undeclared prefix 'p'", [](XmlWriter& w) { w.Attribute("p:a", "1"), w.EndDocument(); }},
-        {"undeclared prefix 'p'",
-         [](XmlWriter& w) {
-             w.StartElement("a"), w.Namespace("p", "u"), w.EndElement(), w.Element("p:a", "");
-         }},
-        {"attribute 'a' twice",
-         [](XmlWriter& w) {
-             w.Namespace("p", "u"), w.Namespace("q", "u"), w.Attribute("p:a", "1"), w.Attribute("q:a", "2");
-             w.Comment("c");
-         }},
-        {"invalid namespace '' 'a b'", [](XmlWriter& w) { w.Namespace("", "a b"); }},
-        {"xml:id is not a name", [](XmlWriter& w) { w.Attribute("xml:id", "1"); }},
-        {"xml:id is not the only one of its value",
-         [](XmlWriter& w) { w.Attribute("xml:id", "a"), w.StartElement("b"), w.Attribute("xml:id", "a"); }},
-        {"text of more than 10000000 bytes", [](XmlWriter& w) { w.Text(string(10'000'001, 'x')); }},
-        {"text of more than 10000000 bytes",
-         [](XmlWriter& w) { w.CData(string(9'800'000, 'x')), w.Text(""), w.Text(string(200'001, 'x')); }},
-        {"a tag or comment of more than 9900000 bytes",
-         [](XmlWriter& w) { w.Attribute("a", string(2'000'000, '<')), w.EndElement(); }},
-        {"a tag or comment of more than 9900000 bytes",
-         [](XmlWriter& w) { w.Comment(string(9'900'000, 'x')); }},
-        {"invalid name", [](XmlWriter& w) { w.StartElement(string(50'001, 'x')); }},
-        {"elements are nested too deep",
-         [](XmlWriter& w) {
-             for (int i = 0; i < 256; ++i) {
-                 w.StartElement("a");
-             }
-         }},
-        {"too many attributes",
-         [](XmlWriter& w) {
-             for (int i = 0; i < 2'049; ++i) {
-                 w.Attribute("a" + std::to_string(i), "");
-             }
-         }},
-        {"too many different names",
-         [](XmlWriter& w) {
-             for (int i = 0; i < 70'000; ++i) {
-                 w.Element("a" + std::to_string(i), "");
-             }
-         }},
-        {"too many namespaces",
-         [](XmlWriter& w) {
-             for (int i = 0; i < 150; ++i) {
-                 w.Namespace("p" + std::to_string(i), "u");
-                 w.StartElement("a");
-                 w.Namespace("q" + std::to_string(i), "u");
-             }
-         }},
-    };
-    for (const auto& row : cases) {
+    for (const auto& row : kUnreadable) {
         const string& error = row.first;
         std::ostringstream stream;
         XmlWriter writer(stream);
@@ -664,7 +674,7 @@ TEST(XmlWriterTest, WhatCouldNotBeReadAgainIsRefusedBeforeItIsWritten) {
                   refused == "no exception" ? refused : error);
     }
 
-    // A declaration may come last, and be made after the refusal.
+    // A declaration may follow the attributes, and can still be made after the refusal.
     std::ostringstream stream;
     XmlWriter writer(stream);
     writer.StartElement("p:r");

@@ -34,24 +34,26 @@ public:
     FakeBus& operator=(const FakeBus&) = delete;
     ~FakeBus() override;
 
-    void SendMsg(const MsgBusMsg& message) override;
-    /// Ignores the time-out.
-    void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) override;
-    void SendReply(const MsgBusMsg& message) override;
-    void StartServer() override;
-    void StartServer(unsigned int stackSize, signed char priority) override;
-    void StopServer() override;
-    void StopServer(bool wait) override;
+    /// Returns the registered names in the order of their registration.
+    std::vector<std::string> GetNames() const;
     void RegisterDestinationName(const std::string& name) override;
     void UnregisterDestinationName(const std::string& name) override;
-    /// Returns whether `StartServer` was called and `StopServer` was not called after it.
-    bool IsRunning() const override;
+
     void RegisterMessageHandler(const std::string& member, const std::string& interface,
                                 IMessageHandler* handler) override;
     void UnregisterMessageHandler(IMessageHandler* handler) override;
 
-    /// Returns the registered names in the order of their registration.
-    std::vector<std::string> GetNames() const;
+    /// Returns whether `StartServer` was called and `StopServer` was not called after it.
+    bool IsRunning() const override;
+    void StartServer() override;
+    void StartServer(unsigned int stackSize, signed char priority) override;
+    void StopServer() override;
+    void StopServer(bool wait) override;
+
+    void SendMsg(const MsgBusMsg& message) override;
+    /// Ignores the time-out.
+    void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) override;
+    void SendReply(const MsgBusMsg& message) override;
 
     /// Returns the calls and signals, but not the replies, that were sent since the last call of this
     /// function, in the order of sending. The caller can read them and send them again.
