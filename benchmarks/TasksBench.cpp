@@ -37,7 +37,7 @@ namespace {
 
 using zarip::osa::TimeSpan;
 
-/// The work: counts down, and wakes the one who waits for the last.
+/// The work of a task: it counts down and wakes the thread that waits for the last task.
 class Countdown {
 public:
     Countdown() { ::sem_init(&_done, 0, 0); }

@@ -109,7 +109,7 @@ private:
         }
     }
 
-    /// There is one task at the most, however often connections come and are kept alive.
+    /// There is at most one task, however often clients connect and keep their connections alive.
     void WaitFor(Clock::duration time) {
         using std::chrono::duration_cast;
         const auto microseconds = duration_cast<std::chrono::microseconds>(time).count();

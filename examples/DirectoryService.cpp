@@ -76,7 +76,7 @@ public:
                                                   : std::vector<std::string>();
     }
 
-    /// Notes who has come or gone; fires `StateChange` when that is news.
+    /// Notes names that have come or gone, and fires `StateChange` if the list has changed.
     void Note(const std::string& service, bool isThere) {
         if (!StringUtil::StartsWith(service, "com.brelk.")) {
             return;
@@ -124,7 +124,7 @@ public:
         std::string oldOwner;
         std::string newOwner;
         MsgBusMsgArgumentReader(message) >> name >> oldOwner >> newOwner;
-        if (message.GetSender() == kBusName) {  // anybody can send a signal of that interface
+        if (message.GetSender() == kBusName) {  // every process can send a signal of that interface
             _service.Note(name, !newOwner.empty());
         }
     }
@@ -168,8 +168,9 @@ int main(int argc, char** argv) {
         const std::unique_ptr<zarip::interfaces::InterfaceServer> server(
             IBrelkServicesProvider::CreateServer(&bus, &service));
 
-        // A connection of its own watches the bus: whoever serves and asks on one makes his callers wait.
-        // What changes after the handler is there is kept until StartServer, so nothing is missed in between.
+        // A connection of its own watches the bus. On one connection the callers would wait for its
+        // questions. What changes after the handler is there is kept until StartServer, so nothing is missed
+        // in between.
         zarip::msgbus::MsgBus watchBus;
         zarip::msgbus::MessageHandlerCollection handlers(&watchBus);
         handlers.AddHandler(kBusName, "NameOwnerChanged", new OwnerHandler(service));

@@ -12,11 +12,11 @@
 //
 // It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
 // there when it starts.
-// Anybody can send datagrams in the name of another host, which would get the answers. So only searches that
-// were sent to the group from an address of the interface's own network are answered, a few at a time, and
-// each once, however often it came before it is answered. Each address has its share of these few
-// (SearchQueue). Datagrams that are not searches for this device are ignored. What it sends to the group does
-// not leave that network either.
+// A datagram may name another host as its sender, and that host would get the answers. Therefore only
+// searches that were sent to the group from the network of the interface are answered, and only a few in a
+// second. Equal searches of an address are answered once while the first of them waits, and each address has
+// a share of the answers (SearchQueue). Datagrams that are not searches for this device are ignored.
+// Announcements to the group do not leave that network, either.
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -116,7 +116,7 @@ struct Interface {
     }
 };
 
-/// The one that the system's routes name for the group. Throws when there is none.
+/// Finds the interface that the routes of the system name for the group. Throws if they name none.
 Interface FindInterface() {
     sockaddr_in group{};
     group.sin_family = AF_INET;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// The networking service: tells what the machine's network is like and when that changes, and keeps settings.
+// The networking service reports the network of the machine and its changes, and keeps settings.
 //
 //   networking-service FILE      networking.ini shows what the file holds
 //
@@ -13,8 +13,8 @@
 //   to read and change   [IPv4/Static]Enabled, Address, PrefixLength and Gateway; [NTP]Enabled and Server;
 //                        [Lighttpd]Port
 //
-// The interface is eth0 or, where there is none, the first Ethernet interface, whose name [NIC/eth0]Name
-// tells. Settings are stored in the file and go no further: the machine stays as it is.
+// The interface is eth0 or, if the machine has no eth0, the first Ethernet interface. [NIC/eth0]Name has its
+// name. Settings are stored in the file only; they change nothing on the machine.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -68,7 +68,7 @@ using zarip::osa::Exception;
 // The machine -----------------------------------------------------------------------------------------------
 
 struct Network {
-    std::string interface;  // all of them are empty when there is none
+    std::string interface;  // all of them are empty if the machine has no interface
     std::string eui64;
     std::string ipv4;
     std::set<std::string> ipv6;
@@ -95,7 +95,7 @@ std::string ToText(const sockaddr* address) {
     return text;
 }
 
-/// The hardware address with ff:fe in the middle and the bit flipped that says who assigned it.
+/// The hardware address with ff:fe in the middle and its universal/local bit flipped.
 std::string ToEui64(const unsigned char* mac) {
     char text[24];
     std::snprintf(text, sizeof(text), "%02x:%02x:%02x:ff:fe:%02x:%02x:%02x", mac[0] ^ 2U, mac[1], mac[2],
@@ -173,7 +173,7 @@ bool IsNumber(const std::string& text) {
            number >= kLeast && number <= kMost;
 }
 
-/// As it stands in the file: a key of a group.
+/// A setting as the file has it: a key of a group.
 struct Setting {
     const char* group;
     const char* key;

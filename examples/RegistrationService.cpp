@@ -59,7 +59,7 @@ bool Parse(const std::string& text, Address& address) {
         return true;
     }
     address = {text, 0};
-    // No path: nothing but what stands in that folder.
+    // A path is refused, so that only sockets in that folder can be named.
     return !text.empty() && text.size() <= 64 && text.front() != '.' &&
            text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
                std::string::npos;

@@ -50,7 +50,7 @@ void LogLines(PipeStream& output, Logger& logger) {
     }
 }
 
-/// Signals that would end us and leave the program behind; blocked from the start on.
+/// Blocks, from the start, the signals that would end this process and not the program.
 const sigset_t& EndSignals() {
     static const sigset_t signals = [] {
         sigset_t result;
@@ -104,7 +104,7 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
     PipeStream output(process, kNoLimit);
     output.SetTimeLimit(limitMs);
     LogLines(output, logger);
-    // It may also close its output and go on.
+    // The program may also close its output and continue.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
     if (output.bad() || !process.Wait(static_cast<unsigned int>(std::max<long long>(left, 0)))) {
         logger.Warning("took longer than %u ms", limitMs);

@@ -127,7 +127,8 @@ public:
     /// @param keep  asks for a long session.
     /// Returns the session, or "" when name or password is wrong.
     std::string Authenticate(bool keep, const std::string& name, const std::string& password) override {
-        // An unknown name costs the same time as a wrong password, so that nobody can ask which names exist.
+        // An unknown name costs the same time as a wrong password, so that the time does not reveal which
+        // names exist.
         User user;
         const bool isKnown = IsName(name) && FindUser(name, user);
         if (!HasPassword(user, password) || !isKnown) {
@@ -400,7 +401,7 @@ private:
         });
     }
 
-    /// Without an administrator nobody could ever change the users again.
+    /// Without an administrator the users could never be changed again.
     int KeepUsers(const IniFile& changed, const Strings& endSessionsOf) {
         if (HasAdministrator(_ini) && !HasAdministrator(changed)) {
             return kLastAdministrator;
@@ -470,7 +471,7 @@ private:
         return session != nullptr && FindUser(session->user, user) ? user.role : "";
     }
 
-    /// Whether a path is what it seems: one with detours could be read as another by whoever serves it.
+    /// Whether a path has no detours. A server could read a path with detours as another one.
     static bool IsPlain(const std::string& path) {
         return !path.empty() && path.front() == '/' && path.find("..") == std::string::npos &&
                path.find("//") == std::string::npos && path.find("/./") == std::string::npos;

@@ -196,7 +196,7 @@ public:
     }
 
 private:
-    /// Opens one that nobody has, neither among the files to be written nor beside them.
+    /// Opens a file with a name that no file has yet, neither in the archive nor in the folder.
     int Make(int folder) {
         static unsigned int s_count = 0;
         const std::string stem = ".settings-backup-" + std::to_string(::getpid()) + "-";

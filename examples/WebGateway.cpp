@@ -13,11 +13,11 @@
 //   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
 //                                answers 429 until the time in "Retry-After" has passed.
 //   POST   /logout
-//   GET    /session              the name of the camera, and who is logged in, or null, and for how long
+//   GET    /session              the name of the camera, the user that is logged in, or null, and for how long
 //   GET    /live                 the live picture, for the roles that the security service lets see /live
 //   GET    /device.xml           the UPnP description
 //   GET    /health               whether the bus and the security service were there when asked last
-//   GET    /api/status           who is logged in, and for how long
+//   GET    /api/status           the user that is logged in, and for how long
 //   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
 //                                DELETE deletes one (/api/users?name=...)
 //   GET    /api/events           the last changes of the user list
@@ -179,7 +179,7 @@ void WalkAlong(Scene& scene, const CameraState::Alert& alert) {
 }
 
 std::string Text(const std::string* value) {
-    // The bus would carry what stands before it.
+    // The bus would carry only the part before the zero byte.
     if (value != nullptr && value->find('\0') != std::string::npos) {
         throw Failure{400, "A zero byte."};
     }
@@ -215,7 +215,7 @@ Caller FindCaller(CameraState& camera, const std::string& session) {
     return caller;
 }
 
-/// Throws `Failure` for a caller that may not go on.
+/// Throws `Failure` for a caller that is not allowed to.
 Caller Allow(CameraState& camera, const HttpRequest& request) {
     const std::string session = Session(request);
     const Caller caller = FindCaller(camera, session);
@@ -333,7 +333,7 @@ LiveView::Admit AdmitViewers(CameraState& camera) {
         return [&camera, session] {
             try {
                 return !FindCaller(camera, session).user.empty();
-            } catch (const Failure& /*nobody knows*/) {
+            } catch (const Failure& /*unknown*/) {
                 return true;
             }
         };

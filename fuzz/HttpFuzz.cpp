@@ -36,7 +36,7 @@ void CheckAnswer(const std::string& input, bool isRead) {
     dispatcher.HandleRequest(in, out);
     HttpResponse response;
     Check(Read(out.str(), response), "the answer can be read");
-    Check((response.GetCode() == 400) == !isRead, "400 tells what cannot be read");
+    Check((response.GetCode() == 400) == !isRead, "400 answers what cannot be read");
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ bool IsTaken(Action action) {
     }
 }
 
-/// The reader that takes the value that comes next; 16 if there is none.
+/// The kind of the next value; 16 after the last value.
 int FindKind(DBusMessageIter& position) {
     constexpr char kBasic[] = "bynqiuxtds";
     constexpr char kElements[] = "yiudsb";

@@ -3,8 +3,8 @@
 #pragma once
 
 /// Makes an allocation fail: by `new`, by malloc and so by libdbus, libxml2, libgcrypt and the C library. The
-/// program's malloc counts the blocks of the whole process. Sanitizers bring an allocator of their own, so
-/// there is none of this in builds with them.
+/// program's malloc counts the blocks of the whole process. Sanitizers have an allocator of their own, so
+/// builds with them do not support this (`IsSupported`).
 namespace zarip::reliability {
 
 class FailingMemory {

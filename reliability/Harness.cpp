@@ -49,7 +49,7 @@ struct Outcome {
     bool isPassed;
     std::string figures;
     double seconds;
-    long memory;  ///< KiB at the most
+    long memory;  ///< KiB at most
 };
 
 [[noreturn]] void ShowWhereItEnds() {

@@ -8,7 +8,7 @@
 
 /// What the rows of the table of reliability share. A row is a function in a source file of its own:
 ///
-///     ROW(Tasks, "A million tasks leave no memory behind", 60) {
+///     ROW(Tasks, "A million tasks leave no thread and no descriptor", 60) {
 ///         const Usage before = Usage::Now();
 ///         ...
 ///         run.Expect(done == count, "%d of %d tasks ran", done, count);

@@ -143,7 +143,7 @@ public:
     }
 
     /// Whether the bus was there and the security service answered when they were asked last; otherwise
-    /// throws `Failure`. Asks nobody.
+    /// throws `Failure`. Calls no service.
     void CheckHealth() {
         if (GetServices() == nullptr) {
             throw Failure{503, "The message bus is gone."};
@@ -266,7 +266,7 @@ private:
         return text;
     }
 
-    /// The connection, or null if there is none or the bus is lost.
+    /// The connection, or null if none has been made or the bus is lost.
     std::shared_ptr<Services> GetServices() const {
         const std::lock_guard<std::mutex> lock(_mutex);
         return _services != nullptr && _services->bus.IsRunning() ? _services : nullptr;

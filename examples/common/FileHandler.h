@@ -97,7 +97,8 @@ private:
         return -1;
     }
 
-    /// Anything else is offered to be saved, since a browser that guesses may run what somebody has uploaded.
+    /// Anything else is offered to be saved, because a browser that guesses the type may run an uploaded
+    /// file.
     static std::string TypeOf(const std::string& path) {
         static const std::map<std::string, const char*> types = {
             {"html", "text/html; charset=UTF-8"},

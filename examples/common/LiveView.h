@@ -31,7 +31,7 @@
 ///
 /// A thread takes a picture 10 times a second while there are viewers. Each viewer has a thread of its own,
 /// which sends the newest picture as soon as the one before has left. So a slow viewer gets fewer pictures
-/// and delays nobody, and one that takes nothing for 5 seconds is cut.
+/// and delays no other viewer, and one that takes nothing for 5 seconds is cut.
 class LiveView final : public zarip::inet::IHttpStreamHandler {
 public:
     using Clock = std::chrono::steady_clock;

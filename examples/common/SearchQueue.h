@@ -27,7 +27,7 @@ struct Search {
 };
 
 /// Searches that wait for an answer, and the order in which they get it. At most 20 searches a second are
-/// answered, so that nobody can use the camera to flood others; those 20 are shared so that a flood cannot
+/// answered, so that the camera cannot be used to flood others; those 20 are shared so that a flood cannot
 /// silence it:
 ///
 /// - One half is for addresses that were answered before, the other for new ones; what one half leaves the

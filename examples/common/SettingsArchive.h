@@ -14,16 +14,16 @@
 #include <map>
 #include <string>
 
-/// Files in one piece, which only those who know a pass phrase can read or change.
+/// Several files in one archive, which can be read and changed only with a pass phrase.
 ///
 ///     "ZARIPBAK"  version  iterations  salt | names and contents, sealed
 ///      8 bytes    4        4           16
 ///
 /// Numbers have four bytes, the most significant first. PBKDF2 makes a key of the pass phrase and the salt,
-/// and `AuthenticatedCipher` with ChaCha20-Poly1305 seals the rest, with all that stands before it as
+/// and `AuthenticatedCipher` with ChaCha20-Poly1305 seals the rest, with everything before it as
 /// associated data.
 ///
-/// Archives of version 1 are still read: AES-256 in counter mode, then HMAC-SHA256 of all that stands before
+/// Archives of version 1 are still read: AES-256 in counter mode, then HMAC-SHA256 of everything before
 /// it.
 namespace settings_archive {
 
