@@ -35,7 +35,7 @@ function(zarip_forwarding_headers include_dir output_dir)
     endforeach()
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
   endforeach()
-  # Names of classes that are gone are not installed.
+  # Headers of classes that have been removed are not installed.
   file(GLOB_RECURSE present ${output_dir}/*)
   if(written AND present)
     list(REMOVE_ITEM present ${written})

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 
-// The directory of the device's services: what is on the bus now.
+// The directory of the services of the device that are on the bus now.
 //
 //   directory-service CAMERA     the name of the camera
 //
 // GetAllServices and GetServicesByDeviceType answer with a JSON array of objects, such as
 // {"name":"com.brelk.audio.lineout","deviceType":"audio"}. Types are "camera", "audio", "ptz", "network" and
-// "system". There is a camera as long as a video service is on the bus.
+// "system". The camera is listed as long as a video service is on the bus.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/writer.h>
@@ -60,7 +60,8 @@ const char* DeviceType(const std::string& service) {
     return "system";
 }
 
-/// Its members come on the thread of the bus that serves it, changes on that of the bus that watches.
+/// Members are called on the thread of the connection that serves, and changes are noted on the thread of the
+/// connection that watches.
 class DirectoryService final : public IBrelkServicesProvider {
 public:
     explicit DirectoryService(const char* camera) : _camera(camera) {}
@@ -169,7 +170,7 @@ int main(int argc, char** argv) {
             IBrelkServicesProvider::CreateServer(&bus, &service));
 
         // A connection of its own watches the bus. On one connection the callers would wait for its
-        // questions. What changes after the handler is there is kept until StartServer, so nothing is missed
+        // questions. A change after the handler is registered is kept until StartServer, so nothing is missed
         // in between.
         zarip::msgbus::MsgBus watchBus;
         zarip::msgbus::MessageHandlerCollection handlers(&watchBus);

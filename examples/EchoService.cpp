@@ -2,8 +2,8 @@
 
 // A stream service on a unix-domain socket, whose traffic can be captured while it runs.
 //
-//   echo-service serve NAME      sends back what it gets on /tmp/sockets/NAME, one connection at a time
-//   echo-service say NAME TEXT   sends a text and prints what comes back
+//   echo-service serve NAME      echoes on /tmp/sockets/NAME, one connection at a time
+//   echo-service say NAME TEXT   sends a text and prints the answer
 //   echo-service capture NAME start|stop
 //                                starts or ends writing all its traffic to /tmp/NAME.pcap, for root and the
 //                                service's own user; the log of the service has what it refuses

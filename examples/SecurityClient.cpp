@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Talks to the security service: security-client COMMAND [ARGUMENT]...
+// Calls the security service from the command line: security-client COMMAND [ARGUMENT]...
 
 #include <zarip/core/Delegate.h>
 #include <zarip/interfaces/ISecurityProvider.h>

@@ -3,9 +3,9 @@
 // Makes every kind of call to the security service and reports whether each answer is what was
 // expected.
 //
-//   security-demo [PID]     with the service's process id it stops the service in the end
+//   security-demo [PID]     with the process id of the service, it kills the service at the end
 //
-// scripts/demo starts it. Exit status 0: everything was as expected.
+// scripts/demo starts it. The exit status is 0 if everything was as expected.
 
 #include <signal.h>
 
@@ -56,7 +56,7 @@ std::string Show(const Strings& values) {
 
 class Demo {
 public:
-    /// Prints one step: what is asked, what came back, whether that is right.
+    /// Prints one step: the call, the answer, and whether it is right.
     void Step(const std::string& asked, const std::string& got, const std::string& expected,
               bool isAsExpected) {
         std::printf("%2d. [%s] %s\n      came back: %s\n      expected:  %s\n", ++_steps,
@@ -65,7 +65,7 @@ public:
         _failures += isAsExpected ? 0 : 1;
     }
 
-    /// A call that is to return one value.
+    /// A call that must return one value.
     template <class Result, class Call>
     void Returns(const std::string& asked, const Result& expected, Call call) {
         std::string got;
@@ -94,7 +94,7 @@ public:
         return result;
     }
 
-    /// A call that is to throw an exception whose text begins so.
+    /// A call that must throw an exception whose message has this beginning.
     template <class Call>
     void Throws(const std::string& asked, const std::string& begin, Call call) {
         std::string got = "no exception";

@@ -42,7 +42,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kMostViewers = 1'000;          // of one reporter
 constexpr std::size_t kMostReports = 1'000;  // of one stream
 
-/// Its members and the reports come on the same thread, that of the bus.
+/// Members are called, and reports arrive, on the thread of the bus.
 class StreamInfoService final : public IStreamInfoProvider {
 public:
     explicit StreamInfoService(std::chrono::seconds patience) : _patience(patience) {}

@@ -26,7 +26,7 @@ public:
     }
 };
 
-/// The answer of a dispatcher is a response, and a 400 exactly when the request cannot be read.
+/// The answer of a dispatcher is a valid response. It is a 400 exactly if the request cannot be read.
 void CheckAnswer(const std::string& input, bool isRead) {
     HttpDispatcher dispatcher;
     Handler handler;

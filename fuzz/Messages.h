@@ -15,13 +15,13 @@
 
 #include "Targets.h"
 
-/// What the targets that take messages share.
+/// Helpers that the targets for messages share.
 namespace fuzz {
 
 using zarip::inet::HttpBase;
 
-/// False when the message is refused; anything but a `ParserException` or the text of `Url::Decode` ends the
-/// process.
+/// Returns false if the message is refused. Any exception except a `ParserException` or that of `Url::Decode`
+/// ends the process.
 template <class Message>
 bool Read(const std::string& text, Message& message) {
     std::istringstream stream(text);

@@ -45,7 +45,8 @@ public:
     static constexpr std::chrono::seconds kAdmission{10};
     static constexpr std::size_t kMostViewers = 16;
     static constexpr unsigned int kPatienceMs = 5'000;
-    /// What waits in the kernel for a slow viewer is old when it arrives, so it is little.
+    /// The buffer of the kernel is small, because a picture that waits there for a slow viewer is old when it
+    /// arrives.
     static constexpr unsigned int kSocketBuffer = 64U << 10U;
 
     LiveView(Take take, Admit admit) : _take(std::move(take)), _admit(std::move(admit)) {

@@ -13,7 +13,7 @@
 
 #include "Picture.h"
 
-/// A made-up view of a front yard, in which a person walks along the tracks of the alerts. *Thread-safe*,
+/// A simulated view of a front yard, in which a person walks along the tracks of the alerts. *Thread-safe*,
 /// except that one thread takes the pictures.
 class Scene {
 public:
