@@ -113,7 +113,7 @@ void HandOver(const bench::Options& options, int burst) {
     worker.join();
 }
 
-/// What one writes without a library: a heap under a mutex, a condition variable for the worker.
+/// A simple queue without a library: a heap under a mutex, and a condition variable for the worker.
 class PlainQueue {
 public:
     void Post(std::chrono::microseconds delay, std::function<void()> task) {

@@ -44,7 +44,7 @@ int CountEntries(const char* folder) {
     return count;
 }
 
-/// What a row's process has come to.
+/// The result of the process of a row.
 struct Outcome {
     bool isPassed;
     std::string figures;
