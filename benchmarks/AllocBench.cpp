@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t kSize = 256;
 constexpr int kRepeats = 200'000;
 
-/// Takes and gives back so many at a time, in two threads.
+/// Allocates and frees this number of blocks at a time, in two threads.
 template <class Allocate, class Free>
 void InTwoThreads(int atATime, Allocate allocate, Free free) {
     const auto work = [&] {
@@ -40,7 +40,8 @@ void InTwoThreads(int atATime, Allocate allocate, Free free) {
     other.join();
 }
 
-/// One thread takes blocks and hands them to another, which gives them back; up to 64 are on their way.
+/// One thread allocates blocks and passes them to another thread, which frees them; up to 64 are on their
+/// way.
 template <class Allocate, class Free>
 void FromThreadToThread(Allocate allocate, Free free) {
     constexpr unsigned int kPlaces = 64;

@@ -2,12 +2,10 @@
 
 // Several threads on one connection; benchmarks/bus_bench.py runs it.
 //
-//   zarip-bench-bus-threads call THREADS CALLS       calls a second, of "zarip-bench-peer-zarip serve"
-//   zarip-bench-bus-threads beside-hung CALLS        p99 of a call in microseconds: alone, and while another
-//   thread
-//                                                    waits for a service that does not answer
-//   zarip-bench-bus-threads send THREADS BYTES MS    signals sent, refused and lost, the slowest send in
-//   milliseconds
+//   call THREADS CALLS       calls a second of "zarip-bench-peer-zarip serve"
+//   beside-hung CALLS        p99 of a call in microseconds: alone, and while another thread waits for a
+//                            service that does not answer
+//   send THREADS BYTES MS    signals that were sent, refused and lost, and the slowest send in milliseconds
 
 #include <algorithm>
 #include <atomic>

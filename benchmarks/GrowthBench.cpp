@@ -32,7 +32,7 @@ struct Cost {
     long kibibytes = 0;
 };
 
-/// In a process of its own, whose memory starts afresh.
+/// Measures in a process of its own, so that the memory of other documents does not count.
 Cost Measure(const std::function<void()>& action) {
     int ends[2];
     if (::pipe(ends) != 0) {
@@ -49,7 +49,7 @@ Cost Measure(const std::function<void()>& action) {
         try {
             action();
         } catch (const std::exception&) {
-            // Refused: that is a cost, too.
+            // A refused document has a cost, too.
         }
         Cost cost;
         cost.seconds = bench::Now() - start;

@@ -16,7 +16,7 @@
 
 namespace {
 
-/// The least that a program would write for itself: lines into the same maps, no rules beyond that.
+/// The least that a program would write for itself. It puts lines into the same maps and has no other rules.
 std::size_t LoadPlainly(const std::string& path) {
     std::map<std::string, std::map<std::string, std::string>> groups;
     std::ifstream file(path);

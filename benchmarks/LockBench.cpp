@@ -21,7 +21,7 @@
 
 namespace {
 
-// A counting semaphore as one writes it with the standard library.
+// A simple counting semaphore of the standard library.
 class StdSemaphore {
 public:
     StdSemaphore(unsigned int maxCount, unsigned int count) : _maxCount(maxCount), _count(count) {}
@@ -142,7 +142,7 @@ void CompareSemaphores(const bench::Options& options) {
 
 int main(int argc, char** argv) {
     const bench::Options options = bench::ParseOptions(argc, argv);
-    // The C library takes shortcuts in a process of one thread, which no service is.
+    // The C library takes shortcuts in a process of one thread, and services have several.
     std::promise<void> done;
     std::thread other([future = done.get_future()] { future.wait(); });
     CompareMutexes(options, false);

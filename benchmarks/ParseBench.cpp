@@ -38,7 +38,7 @@ private:
     std::string _text;
 };
 
-// The least that a program would write for itself: lines into the same maps, no limits, every input is taken.
+// The least that a program would write for itself. It puts lines into the same maps and accepts every input.
 
 struct CaseInsensitive {
     bool operator()(const std::string& left, const std::string& right) const {

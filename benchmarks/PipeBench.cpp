@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kCapacity = 1U << 20U;
 
-/// A pipe with much room, which is emptied when it is full: that costs a small part of what is measured.
+/// A pipe with a large buffer. It is emptied when it is full, which costs a small part of the measured time.
 class RoomyPipe {
 public:
     RoomyPipe() {
@@ -32,7 +32,7 @@ public:
     RoomyPipe& operator=(const RoomyPipe&) = delete;
     ~RoomyPipe() { ::close(_fds[0]); }
 
-    /// The end for writing, which the caller owns.
+    /// The end for writing. The caller owns it.
     int GetWriteFd() const { return _fds[1]; }
 
     void MakeRoom(std::size_t size) {

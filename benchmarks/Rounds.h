@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-/// Measuring contestants side by side. Every round measures each of them once, so that a machine that turns
-/// slower or faster does so for all; what counts is the median of the ratios within a round. *One thread at a
-/// time.*
+/// Measures contestants side by side. Every round measures each contestant once, so that a change in the
+/// speed of the machine affects all of them. The result is the median of the ratios within a round. *One
+/// thread at a time.*
 namespace bench {
 
 struct Options {
@@ -22,7 +22,7 @@ struct Options {
     double seconds = 0.02;  // of one contestant in one round, at the least
 };
 
-/// `--quick` measures less, `--rounds N` sets their number; anything else ends the program.
+/// `--quick` measures less, and `--rounds N` sets the number of rounds. Any other option ends the program.
 inline Options ParseOptions(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
@@ -103,7 +103,7 @@ private:
         std::vector<double> times;  // seconds per unit, one for each round
     };
 
-    // Also the warm-up.
+    // This is the warm-up, too.
     std::size_t FindCalls(Contestant& contestant) const {
         std::size_t calls = 1;
         double seconds = contestant.measure(calls);

@@ -37,7 +37,7 @@ namespace {
 
 using zarip::osa::TimeSpan;
 
-/// The work: counts down, and wakes the one who waits for the last.
+/// The work of a task: it counts down and wakes the thread that waits for the last task.
 class Countdown {
 public:
     Countdown() { ::sem_init(&_done, 0, 0); }
@@ -113,7 +113,7 @@ void HandOver(const bench::Options& options, int burst) {
     worker.join();
 }
 
-/// What one writes without a library: a heap under a mutex, a condition variable for the worker.
+/// A simple queue without a library: a heap under a mutex, and a condition variable for the worker.
 class PlainQueue {
 public:
     void Post(std::chrono::microseconds delay, std::function<void()> task) {

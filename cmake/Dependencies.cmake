@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 
-# What the library is built from. A library that is missing is named with the package of Debian that has it.
+# The dependencies of the library. If one is missing, the error names the package of Debian that has it.
 
 # zarip_find_module(<prefix> <module of pkg-config> <package of Debian>): defines PkgConfig::<prefix>.
 macro(zarip_find_module prefix module package)

@@ -2,7 +2,7 @@
 
 # zarip_forwarding_headers(<include dir> <output dir> <header>...)
 #
-# Writes zarip/<namespace>/<Class> for every class that stands at the left margin of a public header, and for the
+# Writes zarip/<namespace>/<Class> for every class at the left margin of a public header, and for the
 # header's own stem; each of them only includes the header. The global property ZARIP_NAMES_<header> holds the
 # names, as in ZARIP_NAMES_zarip/osa/Thread.h.
 function(zarip_forwarding_headers include_dir output_dir)
@@ -35,7 +35,7 @@ function(zarip_forwarding_headers include_dir output_dir)
     endforeach()
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
   endforeach()
-  # Names of classes that are gone are not installed.
+  # Headers of classes that have been removed are not installed.
   file(GLOB_RECURSE present ${output_dir}/*)
   if(written AND present)
     list(REMOVE_ITEM present ${written})

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 
-# Installs the library, its headers, and what CMake and pkg-config need to find them.
+# Installs the library, its headers, and the files for CMake and pkg-config.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zarip EXPORT zaripTargets DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -11,7 +11,7 @@ if(ZARIP_JSON_INSTALL_DIR)
 endif()
 install(FILES docs/zarip.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
 
-# What the services of the device need on its bus: policies, and the users that these name.
+# Installs the policies of the services for the bus of the device, and the users that the policies name.
 install(DIRECTORY dbus/system.d DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1)
 install(DIRECTORY dbus/sysusers.d DESTINATION lib)
 install(FILES ${ZARIP_INTERFACES} DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces)

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 
-# The JSON element model. An installed CAJUN is used where one is found. Otherwise compat/ has the same names and is
-# installed as well, in ZARIP_JSON_INSTALL_DIR, a folder of its own; its parser is part of the library.
+# The JSON element model. If CAJUN is installed, it is used. Otherwise the headers of compat/ with the same names are used
+# and installed in ZARIP_JSON_INSTALL_DIR, a folder of its own, and their parser is part of the library.
 add_library(zarip_json INTERFACE)
 add_library(zarip_rapidjson INTERFACE)
 find_path(CAJUN_INCLUDE_DIR cajun/json/elements.h)

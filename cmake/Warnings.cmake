@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 
-# The warnings that the project's own code compiles without, with g++ and with clang++.
+# The warnings with which the code of the project compiles cleanly, with g++ and with clang++.
 add_library(zarip_warnings INTERFACE)
 target_compile_options(zarip_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 $<$<BOOL:${ZARIP_WERROR}>:-Werror>

@@ -21,7 +21,7 @@ else()
   string(REPLACE "." "/" path "/${name}")
 endif()
 string(REPLACE "." "_" constant "${name}")
-# A compiler need not take a longer literal, so a long description is several.
+# Compilers need not accept longer literals, so a long description becomes several.
 string(LENGTH "${element}" length)
 set(literal)
 set(begin 0)

@@ -2,14 +2,14 @@
 
 # zarip_add_interface(<target> [PUBLIC] <file>...)
 #
-# Embeds descriptions of services into a target: each file is an introspection document with one interface, is called
-# like that interface, and becomes a header for the sources of the target. com.example.Illuminator.xml becomes
+# Embeds descriptions of services into a target. Each file is an introspection document with one interface and has its
+# name. It becomes a header for the sources of the target: com.example.Illuminator.xml becomes
 # "com.example.Illuminator.h", with the constant
 #
 #   zarip::descriptions::com_example_Illuminator
 #
-# of type `zarip::interfaces::ServiceDescription`, which `RemoteService` and `ServiceServer` are made with. The path of
-# the object is the name of the file's root node; without one it is the name of the interface with slashes. With PUBLIC
+# of type `zarip::interfaces::ServiceDescription`, which the constructors of `RemoteService` and `ServiceServer` take. The
+# path of the object is the name of the root node in the file, or else the name of the interface with slashes. With PUBLIC
 # the targets that link to this one find the headers, too. Call it in the folder that makes the target.
 
 function(zarip_add_interface target)
@@ -19,7 +19,7 @@ function(zarip_add_interface target)
   endif()
   get_target_property(owner ${target} SOURCE_DIR)
   if(NOT owner STREQUAL CMAKE_CURRENT_SOURCE_DIR)
-    # Its build would not know how to make the headers.
+    # The build of the target would have no rule for the headers.
     message(FATAL_ERROR "zarip_add_interface: ${target} is made in ${owner}; call it there")
   endif()
   set(scope PRIVATE)

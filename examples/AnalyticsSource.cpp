@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 
-// A source of video-analytics alerts: a made-up object walks to and fro past a fence, and crosses it.
+// A source of video-analytics alerts: a simulated person walks up and down along a fence, and crosses it.
 //
 //   analytics-source MILLISECONDS [COUNT]
 //
-// It publishes an alert every so many milliseconds, COUNT of them or until it is told to end. Coordinates are
-// parts of the picture's width and height. It owns a name on the bus, which publishing does not ask for, so
-// that the directory lists it.
+// It publishes an alert after each interval, until COUNT alerts are sent or a signal ends it. Coordinates are
+// fractions of the width and height of the picture. Publishing needs no name on the bus; the source owns one
+// so that the directory lists it.
 
 #include <signal.h>
 #include <unistd.h>
@@ -39,10 +39,10 @@ using Point = AnalyticsInterface::AnalyticsAlert::Point;
 
 constexpr std::size_t kTrackPoints = 5;
 
-/// All of it happens on the pool's thread.
+/// Everything happens on the thread of the pool.
 class Source {
 public:
-    /// @param count  how many alerts; 0 for no end. @param bus  *not owned*, must outlive the source.
+    /// @param count  how many alerts; 0 for no limit. @param bus  *not owned*, must outlive the source.
     Source(zarip::msgbus::MsgBus& bus, TimeSpan pause, int count, const zarip::core::Logger& logger)
         : _analytics(&bus), _pause(pause), _count(count), _logger(logger) {
         QueueNext();

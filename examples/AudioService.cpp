@@ -7,8 +7,8 @@
 //
 // Connect takes the client's name, the samples in a second (8000, 16000 or 48000) and the channels (1 or 2).
 // It answers "ok" and the number of the connection, or "busy" or "refused" and 0. Disconnect and KeepAlive
-// take that number and answer "ok", or "unknown" for one that has ended. A connection that is not kept alive
-// ends after SECONDS.
+// take that number and answer "ok", or "unknown" if the connection has ended. A connection that is not kept
+// alive ends after SECONDS.
 
 #include <zarip/core/Delegate.h>
 #include <zarip/core/Logger.h>
@@ -40,10 +40,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLongestName = 64;
 
-/// Its members come on the bus's thread, the ends of connections on the pool's.
+/// Members are called on the thread of the bus, and connections end on the thread of the pool.
 class AudioService final : public IAudioLineOutProvider {
 public:
-    /// @param most  not more than one answer of Query holds.
+    /// @param most  connections at once, at most as many as an answer of Query can hold.
     AudioService(std::chrono::seconds patience, std::size_t most, const zarip::core::Logger& logger)
         : _patience(patience), _most(most), _logger(logger) {}
 
@@ -109,7 +109,7 @@ private:
         }
     }
 
-    /// There is one task at the most, however often connections come and are kept alive.
+    /// There is at most one task, however often clients connect and keep their connections alive.
     void WaitFor(Clock::duration time) {
         using std::chrono::duration_cast;
         const auto microseconds = duration_cast<std::chrono::microseconds>(time).count();

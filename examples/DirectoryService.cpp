@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 
-// The directory of the device's services: what is on the bus now.
+// The directory of the services of the device that are on the bus now.
 //
 //   directory-service CAMERA     the name of the camera
 //
 // GetAllServices and GetServicesByDeviceType answer with a JSON array of objects, such as
 // {"name":"com.brelk.audio.lineout","deviceType":"audio"}. Types are "camera", "audio", "ptz", "network" and
-// "system". There is a camera as long as a video service is on the bus.
+// "system". The camera is listed as long as a video service is on the bus.
 
 #include <cajun/json/elements.h>
 #include <cajun/json/writer.h>
@@ -60,7 +60,8 @@ const char* DeviceType(const std::string& service) {
     return "system";
 }
 
-/// Its members come on the thread of the bus that serves it, changes on that of the bus that watches.
+/// Members are called on the thread of the connection that serves, and changes are noted on the thread of the
+/// connection that watches.
 class DirectoryService final : public IBrelkServicesProvider {
 public:
     explicit DirectoryService(const char* camera) : _camera(camera) {}
@@ -76,7 +77,7 @@ public:
                                                   : std::vector<std::string>();
     }
 
-    /// Notes who has come or gone; fires `StateChange` when that is news.
+    /// Notes names that have come or gone, and fires `StateChange` if the list has changed.
     void Note(const std::string& service, bool isThere) {
         if (!StringUtil::StartsWith(service, "com.brelk.")) {
             return;
@@ -124,7 +125,7 @@ public:
         std::string oldOwner;
         std::string newOwner;
         MsgBusMsgArgumentReader(message) >> name >> oldOwner >> newOwner;
-        if (message.GetSender() == kBusName) {  // anybody can send a signal of that interface
+        if (message.GetSender() == kBusName) {  // every process can send a signal of that interface
             _service.Note(name, !newOwner.empty());
         }
     }
@@ -168,8 +169,9 @@ int main(int argc, char** argv) {
         const std::unique_ptr<zarip::interfaces::InterfaceServer> server(
             IBrelkServicesProvider::CreateServer(&bus, &service));
 
-        // A connection of its own watches the bus: whoever serves and asks on one makes his callers wait.
-        // What changes after the handler is there is kept until StartServer, so nothing is missed in between.
+        // A connection of its own watches the bus. On one connection the callers would wait for its
+        // questions. A change after the handler is registered is kept until StartServer, so nothing is missed
+        // in between.
         zarip::msgbus::MsgBus watchBus;
         zarip::msgbus::MessageHandlerCollection handlers(&watchBus);
         handlers.AddHandler(kBusName, "NameOwnerChanged", new OwnerHandler(service));

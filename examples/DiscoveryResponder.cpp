@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Makes the camera known in its network: announces it and answers searches, as UPnP discovery (SSDP) asks.
+// Announces the camera in its network and answers searches for it, by the rules of UPnP discovery (SSDP).
 //
 //   discovery-responder DEVICE [LOCATION [MAX-AGE]]
 //
@@ -12,11 +12,11 @@
 //
 // It works on the interface to which the system routes 239.255.255.250, with the IPv4 address that it finds
 // there when it starts.
-// Anybody can send datagrams in the name of another host, which would get the answers. So only searches that
-// were sent to the group from an address of the interface's own network are answered, a few at a time, and
-// each once, however often it came before it is answered. Each address has its share of these few
-// (SearchQueue). Datagrams that are not searches for this device are ignored. What it sends to the group does
-// not leave that network either.
+// A datagram may name another host as its sender, and that host would get the answers. Therefore only
+// searches that were sent to the group from the network of the interface are answered, and only a few in a
+// second. Equal searches of an address are answered once while the first of them waits, and each address has
+// a share of the answers (SearchQueue). Datagrams that are not searches for this device are ignored.
+// Announcements to the group do not leave that network, either.
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -116,7 +116,7 @@ struct Interface {
     }
 };
 
-/// The one that the system's routes name for the group. Throws when there is none.
+/// Finds the interface that the routes of the system name for the group. Throws if they name none.
 Interface FindInterface() {
     sockaddr_in group{};
     group.sin_family = AF_INET;
@@ -134,7 +134,7 @@ Interface FindInterface() {
         throw zarip::osa::Exception("there is no route to the group");
     }
     if (own.sin_addr.s_addr == htonl(INADDR_ANY)) {
-        // An address that is valid on the machine only is not offered for a group: it is the loopback's.
+        // The loopback interface is left out, because its address is valid on this machine only.
         own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
     const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owned(all, &::freeifaddrs);
@@ -156,7 +156,7 @@ Interface FindInterface() {
     throw zarip::osa::Exception("no interface has the address that is routed to the group");
 }
 
-/// What is searched for and announced, and the name of the device as such.
+/// A target of searches and announcements, with the name under which the device is announced for it.
 struct Target {
     std::string type;
     std::string name;
@@ -205,7 +205,7 @@ public:
         _server.Start(this);
     }
 
-    /// Answers that still wait are not given any more.
+    /// Answers that still wait are dropped.
     void Stop() {
         _server.Stop();
         _pool.reset();
@@ -235,13 +235,13 @@ public:
                 Queue({info.remoteIpv4, info.remotePort, *type, length}, delay);
             }
         } catch (...) {
-            // It was not a search. An exception that leaves this function would end an attempt of the server.
-            // Not all that the parser throws is a std::exception.
+            // The datagram was not a search. An exception that left this function would end an attempt of the
+            // server. The parser also throws exceptions that are not std::exception.
         }
     }
 
 private:
-    /// May come again, when the socket was lost; may throw, and is tried again.
+    /// Called each time that the server has opened its socket. If it throws, the server tries again.
     void OnStart() {
         const Interface found = FindInterface();
         if (_location.empty() && !_web.IsServedAt(found.address)) {
@@ -296,7 +296,7 @@ private:
         LookAgain();
     }
 
-    /// Has the pool look for due searches after a while, if any wait; needs the lock.
+    /// If searches wait, queues a task that answers them when they are due. The caller holds the lock.
     void LookAgain() {
         if (!_isLooking && !_searches.IsEmpty()) {
             _pool->GetTaskQueue()->QueueTask(kLook, zarip::core::MakeDelegate(this, &Responder::AnswerDue));
@@ -304,7 +304,7 @@ private:
         }
     }
 
-    /// Called on the pool's thread, by the one task that looks.
+    /// Called on the thread of the pool by the one task that answers.
     void AnswerDue() {
         while (const std::optional<Search> search = TakeSearch()) {
             try {
@@ -348,7 +348,7 @@ private:
         }
     }
 
-    /// Whether the address may get one more answer; counts it. Called on the pool's thread alone.
+    /// Returns whether the address may get one more answer, and counts it. Called on the pool's thread.
     bool TakeAnswer(const std::string& address) {
         const Clock::time_point now = Clock::now();
         for (auto answers = _answers.begin(); answers != _answers.end();) {
@@ -365,7 +365,7 @@ private:
         return true;
     }
 
-    /// The next one comes after a quarter to a half of the time for which others remember this one.
+    /// Queues the next announcement after a quarter to a half of the time for which others remember this one.
     void Announce() {
         const TimeSpan pause = ++_announcements < kFirstAnnouncements
                                    ? kFirstPause
@@ -409,7 +409,7 @@ private:
     int _announcements = 0;
     std::map<std::string, std::deque<Clock::time_point>> _answers;  // of the last second, by address
     std::unique_ptr<zarip::core::ThreadPool> _pool = std::make_unique<zarip::core::ThreadPool>();
-    /// One byte more, so that a datagram that was cut is told from one that just fits.
+    /// One byte more than is allowed, so that a datagram that was cut differs from one that just fits.
     zarip::osa::MulticastServer _server{"0.0.0.0", kPort, kMaxDatagram + 1, 0};
 };
 

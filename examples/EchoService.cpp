@@ -2,11 +2,11 @@
 
 // A stream service on a unix-domain socket, whose traffic can be captured while it runs.
 //
-//   echo-service serve NAME      sends back what it gets on /tmp/sockets/NAME, one connection at a time
-//   echo-service say NAME TEXT   sends a text and prints what comes back
+//   echo-service serve NAME      echoes on /tmp/sockets/NAME, one connection at a time
+//   echo-service say NAME TEXT   sends a text and prints the answer
 //   echo-service capture NAME start|stop
 //                                starts or ends writing all its traffic to /tmp/NAME.pcap, for root and the
-//                                service's own user; the service's log tells what it refuses
+//                                service's own user; the log of the service has what it refuses
 
 #include <sys/stat.h>
 
@@ -29,7 +29,7 @@ class Echo final : public zarip::osa::ITcpSocketAccept {
 public:
     void AcceptSocket(TcpSocket* accepted) override {
         const std::unique_ptr<TcpSocket> socket(accepted);
-        socket->SetTimeLimit(30'000);  // whoever waits behind it waits no longer
+        socket->SetTimeLimit(30'000);  // the next client waits no longer than this
         char buffer[4096];
         while (const unsigned int count = socket->Recv(buffer, sizeof(buffer), 10)) {
             socket->SendAll(buffer, count);

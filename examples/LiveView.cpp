@@ -4,12 +4,12 @@
 //
 //   live-view PORT FOLDER
 //
-//   GET  /live                    a made-up live picture, in which a person walks to and fro; any browser
-//   shows it PUT  /firmware?sha256=DIGEST  keeps the body as FOLDER/firmware.bin if its SHA-256 is the one
-//   given GET  /...                     the files in FOLDER/public, whole or in parts
+//   GET  /live                    a simulated live picture, in which a person walks up and down
+//   PUT  /firmware?sha256=DIGEST  keeps the body as FOLDER/firmware.bin if it has this SHA-256
+//   GET  /...                     the files in FOLDER/public, whole or in parts
 //
-// With 0 as the port it takes a free one. It prints the address. It listens on 127.0.0.1 only, since it has
-// no logins; web-gateway shows how to ask for them.
+// With port 0 the system chooses a free port. The program prints its address. It listens on 127.0.0.1 only,
+// because it has no logins; web-gateway shows how to ask for them.
 
 #include <sys/stat.h>
 
@@ -31,7 +31,7 @@ namespace {
 
 constexpr int kFramesOfWalk = 60;
 
-/// Lets the person walk to and fro.
+/// Lets the person walk up and down.
 std::string TakePicture(Scene& scene, int& frames) {
     if (frames % kFramesOfWalk == 0) {
         const bool isBack = frames % (2 * kFramesOfWalk) != 0;

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: MIT
 
-// The networking service: tells what the machine's network is like and when that changes, and keeps settings.
+// The networking service reports the network of the machine and its changes, and keeps settings.
 //
 //   networking-service FILE      networking.ini shows what the file holds
 //
 // Get takes {"settings":["[IPv4/Actual]Address","[NTP]Server"]} and answers with an object of those keys and
-// their values; what has no value at present is left out. Set takes such an object, stores all of it or, when
-// one is refused, nothing, and answers with what it stored. Values are texts, also numbers and "true".
+// their values; keys without a value are left out. Set takes such an object and answers with what it has
+// stored. If one value is refused, it stores nothing. All values are strings, also numbers and "true".
 //
 //   to read              [IPv4/Actual]Address, [IPv6/Actual]Addresses (with commas in between),
 //                        [NIC/eth0]EUI64, [NIC/eth0]Name, [NIC/eth0]MTU, [System]Hostname
 //   to read and change   [IPv4/Static]Enabled, Address, PrefixLength and Gateway; [NTP]Enabled and Server;
 //                        [Lighttpd]Port
 //
-// The interface is eth0 or, where there is none, the first Ethernet interface, whose name [NIC/eth0]Name
-// tells. Settings are stored in the file and go no further: the machine stays as it is.
+// The interface is eth0 or, if the machine has no eth0, the first Ethernet interface. [NIC/eth0]Name has its
+// name. Settings are stored in the file only; they change nothing on the machine.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -68,7 +68,7 @@ using zarip::osa::Exception;
 // The machine -----------------------------------------------------------------------------------------------
 
 struct Network {
-    std::string interface;  // all of them are empty when there is none
+    std::string interface;  // all of them are empty if the machine has no interface
     std::string eui64;
     std::string ipv4;
     std::set<std::string> ipv6;
@@ -95,7 +95,7 @@ std::string ToText(const sockaddr* address) {
     return text;
 }
 
-/// The hardware address with ff:fe in the middle and the bit flipped that says who assigned it.
+/// The hardware address with ff:fe in the middle and its universal/local bit flipped.
 std::string ToEui64(const unsigned char* mac) {
     char text[24];
     std::snprintf(text, sizeof(text), "%02x:%02x:%02x:ff:fe:%02x:%02x:%02x", mac[0] ^ 2U, mac[1], mac[2],
@@ -173,7 +173,7 @@ bool IsNumber(const std::string& text) {
            number >= kLeast && number <= kMost;
 }
 
-/// As it stands in the file: a key of a group.
+/// A setting as the file has it: a key of a group.
 struct Setting {
     const char* group;
     const char* key;
@@ -251,7 +251,7 @@ public:
                         (IsReadOnly(member.name) ? "nobody can change " : "there is no setting ") +
                         ToJson(json::String(member.name)));
                 }
-                // A zero byte would end the text for some and not for others.
+                // Some readers would take a zero byte for the end of the value and others would not.
                 if (value.find('\0') != std::string::npos || !setting->isValid(value)) {
                     throw Exception(member.name + " cannot be " + ToJson(json::String(value)));
                 }
@@ -282,14 +282,14 @@ private:
         return values;
     }
 
-    /// The file first, and in one step: whatever happens, it and we hold all of a change or nothing of it.
+    /// Replaces the file first and in one step, so that file and memory always have all of a change or none.
     void Keep(const IniFile& changed) {
         const auto differs = [&](const char* group) { return changed[group] != GroupOf(_ini, group); };
         const bool isNtp = changed.HasGroup("NTP") && differs("NTP");
         const bool isLighttpd = changed.HasGroup("Lighttpd") && differs("Lighttpd");
         changed.Save(_path.c_str());
         _ini = changed;
-        // The values count the changes since the service was started.
+        // The number counts the changes since the service was started.
         if (isNtp) {
             NTPConfigChanged.FireEvent(++_ntpChanges);
         }
@@ -308,11 +308,11 @@ private:
     unsigned int _lighttpdChanges = 0;
 };
 
-/// Fires the events of a service when the kernel reports a change. It only takes the report as a reason to
-/// look: one that got lost, since many came at once, does no harm.
+/// Fires the events of a service when the kernel reports a change. A report is only a reason to look at the
+/// network, so it does no harm if one of many is lost.
 class NetworkWatch final : public zarip::osa::Runnable {
 public:
-    /// From here on no change is missed. @param service  *not owned*, must outlive the watch.
+    /// No change is missed from the constructor on. @param service  *not owned*, must outlive the watch.
     NetworkWatch(INetworkingV2Provider& service, const zarip::core::Logger& logger)
         : _service(service), _logger(logger) {
         sockaddr_nl address{};

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 
-// The owner of the serial line to a pan-tilt-zoom head, which it talks to in Pelco-D.
+// Owns the serial line to a pan-tilt-zoom head and talks to the head in Pelco-D.
 //
-//   ptz-service [LINE]           such as /dev/ttyS1; without it a made-up head on a pseudo-terminal
+//   ptz-service [LINE]           such as /dev/ttyS1; without LINE a simulated head on a pseudo-terminal
 //
 // The settings of the line: the speed in baud; the framing, 0 without parity, 1 even, 2 odd; the address of
-// the head, 1 to 255; and whether there are two stop bits. Settings that cannot be are logged and change
-// nothing. While polling is on, the head is asked twice a second where it looks. The made-up head has the
-// address 1 and turns by a degree whenever it is asked; a pseudo-terminal takes no parity.
+// the head, 1 to 255; and whether there are two stop bits. Invalid settings are logged and change
+// nothing. While polling is on, the service asks the head twice a second where it points. The simulated head
+// has the address 1 and turns by a degree whenever it is asked. A pseudo-terminal has no parity.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -56,7 +56,7 @@ constexpr unsigned char kBegin = 0xFF;
 constexpr unsigned char kAskPan = 0x51;
 constexpr unsigned char kTellPan = 0x59;
 
-/// Begin, address, two bytes that say what it is, two of data, and the sum of the five before.
+/// A frame: a start byte, the address, two bytes of command, two of data, and the sum of the five before.
 using Frame = std::array<unsigned char, 7>;
 
 Frame MakeFrame(unsigned int address, unsigned char what, unsigned int data) {
@@ -73,10 +73,10 @@ unsigned int DataOf(const Frame& frame) {
     return frame[4] * 256U + frame[5];
 }
 
-/// Finds the frames in what a line brings.
+/// Finds the frames in the bytes from a line.
 class FrameReader {
 public:
-    /// Reads what is there; false when there was nothing.
+    /// Reads the bytes that have arrived. Returns false if there were none.
     bool ReadFrom(int fd) {
         unsigned char bytes[64];
         const ssize_t count = ::read(fd, bytes, sizeof(bytes));
@@ -105,11 +105,11 @@ bool Send(int fd, const Frame& frame) {
     return ::write(fd, frame.data(), frame.size()) == static_cast<ssize_t>(frame.size());
 }
 
-// The made-up head ------------------------------------------------------------------------------------------
+// The simulated head ----------------------------------------------------------------------------------------
 
 class Head final : public zarip::osa::Runnable {
 public:
-    /// The name of the line to it.
+    /// The name of the line to the head.
     std::string GetLine() const {
         char name[64];
         if (::grantpt(_end.Get()) != 0 || ::unlockpt(_end.Get()) != 0 ||
@@ -119,7 +119,7 @@ public:
         return name;
     }
 
-    /// To be called when the line is open: before, the pseudo-terminal reports that it was closed.
+    /// Call this when the line is open, because before that the pseudo-terminal reports that it was closed.
     void Run() override {
         pollfd fds[] = {{_stop.Get(), POLLIN, 0}, {_end.Get(), POLLIN, 0}};
         FrameReader reader;
@@ -155,7 +155,7 @@ constexpr struct {
 } kSpeeds[] = {{2'400, B2400},   {4'800, B4800},   {9'600, B9600},    {19'200, B19200},
                {38'400, B38400}, {57'600, B57600}, {115'200, B115200}};
 
-/// Its members come on the bus's thread, polls on the pool's; they take turns.
+/// Members are called on the thread of the bus and polls run on the thread of the pool. They take turns.
 class PtzService final : public IPtzSerialProvider {
 public:
     PtzService(const std::string& line, const zarip::core::Logger& logger)
@@ -211,7 +211,7 @@ private:
     };
     enum Answered { kUnknown, kNo, kYes };
 
-    /// Returns what the line has then. Throws when that is not all that was wanted.
+    /// Returns the settings that the line has afterwards. Throws if these are not all that were wanted.
     termios Initialize(const Settings& settings) const {
         const auto speed = std::find_if(std::begin(kSpeeds), std::end(kSpeeds),
                                         [&](const auto& known) { return known.baud == settings.speed; });
@@ -230,7 +230,7 @@ private:
         ::cfsetospeed(&line, speed->code);
         Check(::tcsetattr(_line.Get(), TCSANOW, &line), "tcsetattr");
         ::tcflush(_line.Get(), TCIOFLUSH);
-        // That succeeds when any of it could be done.
+        // tcsetattr succeeds if any of the changes could be made.
         termios is{};
         Check(::tcgetattr(_line.Get(), &is), "tcgetattr");
         constexpr tcflag_t framing = CSIZE | CSTOPB | PARENB | PARODD;
@@ -253,7 +253,7 @@ private:
             _logger.Warning("The head does not answer");
         }
         _hasAnswered = hasAnswered ? kYes : kNo;
-        // Switched off and on while this one waited for its turn, there is one already.
+        // If polling was switched off and on while this task waited for its turn, another task polls.
         _pool.GetTaskQueue()->DequeueTasksByTarget(this);
         _pool.GetTaskQueue()->QueueTask(kPollPause, zarip::core::MakeDelegate(this, &PtzService::Poll));
     }

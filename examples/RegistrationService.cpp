@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 
-// Enrols the camera with the manager of a video-management system and keeps the two in step.
+// Registers the camera with the manager of a video-management system and keeps the two synchronised.
 //
 //   registration-service FILE CAMERA SECONDS
 //
 // ForceRegister takes the manager: HOST:PORT with a numeric address, or the name of a stream socket below
 // /tmp/sockets. The service connects, sends the line "register CAMERA" and is registered when the manager
-// sends that line back; every SECONDS from then on it does the same with "sync CAMERA". An echo-service will
-// do as a manager. ResetSecurity forgets the manager; ResetSynced has the camera out of step until the next
-// "sync". FILE keeps the manager and whether it has agreed; it is made when it is not there.
+// sends that line back. From then on it does the same with "sync CAMERA" every SECONDS. An echo-service can
+// be the manager. ResetSecurity forgets the manager. After ResetSynced the camera is not synchronised until
+// the next "sync". FILE has the manager and whether it has agreed; the service makes the file if necessary.
 
 #include <unistd.h>
 
@@ -59,13 +59,13 @@ bool Parse(const std::string& text, Address& address) {
         return true;
     }
     address = {text, 0};
-    // No path: nothing but what stands in that folder.
+    // A path is refused, so that only sockets in that folder can be named.
     return !text.empty() && text.size() <= 64 && text.front() != '.' &&
            text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
                std::string::npos;
 }
 
-/// Whether the manager sends the line back. Throws when it cannot be asked.
+/// Returns whether the manager sends the line back. Throws if the manager cannot be asked.
 bool Ask(const Address& manager, const std::string& line) {
     zarip::osa::TcpSocket socket;
     socket.SetTimeLimit(kPatience * 1'000);
@@ -83,7 +83,8 @@ bool Ask(const Address& manager, const std::string& line) {
     return answer == line;
 }
 
-/// Its members come on the bus's thread; the manager is talked to on the pool's, which may take its time.
+/// Members are called on the thread of the bus. The thread of the pool talks to the manager, which may take
+/// long.
 class RegistrationService final : public ISmRegistrationProvider {
 public:
     RegistrationService(const char* path, const char* camera, TimeSpan pause,
@@ -120,7 +121,7 @@ public:
             throw zarip::osa::Exception("this is no address of a manager");
         }
         Begin({manager, false, false});
-        // A talk that waits for its turn will be with the newest manager, so one is enough.
+        // A conversation that waits for its turn is with the newest manager, so one is enough.
         if (!_isTalkQueued.exchange(true)) {
             _pool.GetTaskQueue()->QueueTask(
                 zarip::core::MakeDelegate(this, &RegistrationService::TalkWhenForced));
@@ -134,7 +135,7 @@ private:
         bool isSynced = false;
     };
 
-    /// Another state, whatever comes of a talk that is going on.
+    /// Sets another state. A conversation that runs does not change it any more.
     void Begin(const State& state) {
         const std::lock_guard<std::mutex> lock(_mutex);
         Keep(state);

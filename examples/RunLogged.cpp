@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 
-// Runs a program, logs what it prints line by line, and ends it when it takes too long.
+// Runs a program, logs its output line by line, and ends the program if it takes too long.
 //
 //   run-logged SECONDS PROGRAM [ARGUMENT]...
 //
-// Exit status: that of the program; 124 when it took too long, 128 + N when signal N ended it, 125 when it
-// cannot be run. A signal that is to end us (SIGHUP, SIGINT, SIGTERM) goes to the program.
+// The exit status is that of the program, 124 if it took too long, 128 + N if signal N ended it, and 125 if
+// it cannot be run. The signals SIGHUP, SIGINT and SIGTERM are passed on to the program.
 
 #include <signal.h>
 
@@ -33,7 +33,7 @@ namespace {
 constexpr unsigned int kNoLimit = 0xFFFFFFFF;
 constexpr unsigned int kGraceMs = 2'000;
 
-/// Returns at the end of the output, or when it takes too long. A very long line is logged in pieces.
+/// Returns at the end of the output, or if the program takes too long. A very long line is logged in pieces.
 void LogLines(PipeStream& output, Logger& logger) {
     constexpr std::streamsize kSize = 1024;
     char line[kSize];
@@ -50,7 +50,7 @@ void LogLines(PipeStream& output, Logger& logger) {
     }
 }
 
-/// Signals that would end us and leave the program behind; blocked from the start on.
+/// Blocks, from the start, the signals that would end this process and not the program.
 const sigset_t& EndSignals() {
     static const sigset_t signals = [] {
         sigset_t result;
@@ -63,7 +63,7 @@ const sigset_t& EndSignals() {
     return signals;
 }
 
-/// Hands them over to the program.
+/// Passes the signals on to the program.
 class Forwarder {
 public:
     explicit Forwarder(Process& process) : _thread([this, &process] { Forward(process); }) {}
@@ -104,7 +104,7 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
     PipeStream output(process, kNoLimit);
     output.SetTimeLimit(limitMs);
     LogLines(output, logger);
-    // It may also close its output and go on.
+    // The program may also close its output and continue.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
     if (output.bad() || !process.Wait(static_cast<unsigned int>(std::max<long long>(left, 0)))) {
         logger.Warning("took longer than %u ms", limitMs);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Talks to the security service: security-client COMMAND [ARGUMENT]...
+// Calls the security service from the command line: security-client COMMAND [ARGUMENT]...
 
 #include <zarip/core/Delegate.h>
 #include <zarip/interfaces/ISecurityProvider.h>
@@ -40,7 +40,7 @@ int PrintLines(const Arguments& lines) {
     return 0;
 }
 
-/// Waits until somebody serves the interface, for ten seconds.
+/// Waits for at most ten seconds until the interface is served.
 int Wait(ISecurityProvider& service) {
     for (int attempt = 0;; ++attempt) {
         try {
@@ -62,7 +62,7 @@ struct Watcher {
     }
 };
 
-/// Prints signals until the bus is lost or somebody ends the program.
+/// Prints signals until the bus is lost or the program is ended.
 int Watch(ISecurityProvider& service, MsgBus& bus) {
     Watcher watcher;
     service.UsersChanged.AddDelegate(zarip::core::MakeDelegate(&watcher, &Watcher::OnUsersChanged));

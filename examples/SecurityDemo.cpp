@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 
-// Drives the security service through every kind of call and tells whether what comes back is what was
+// Makes every kind of call to the security service and reports whether each answer is what was
 // expected.
 //
-//   security-demo [PID]     with the service's process id it stops the service in the end
+//   security-demo [PID]     with the process id of the service, it kills the service at the end
 //
-// scripts/demo starts it. Exit status 0: everything was as expected.
+// scripts/demo starts it. The exit status is 0 if everything was as expected.
 
 #include <signal.h>
 
@@ -56,7 +56,7 @@ std::string Show(const Strings& values) {
 
 class Demo {
 public:
-    /// Prints one step: what is asked, what came back, whether that is right.
+    /// Prints one step: the call, the answer, and whether it is right.
     void Step(const std::string& asked, const std::string& got, const std::string& expected,
               bool isAsExpected) {
         std::printf("%2d. [%s] %s\n      came back: %s\n      expected:  %s\n", ++_steps,
@@ -65,7 +65,7 @@ public:
         _failures += isAsExpected ? 0 : 1;
     }
 
-    /// A call that is to return one value.
+    /// A call that must return one value.
     template <class Result, class Call>
     void Returns(const std::string& asked, const Result& expected, Call call) {
         std::string got;
@@ -80,7 +80,7 @@ public:
         Step(asked, got, Show(expected), isAsExpected);
     }
 
-    /// A call that is to return a text that nobody knows before, but not "".
+    /// A call that must return a string that is not known in advance and not "".
     std::string ReturnsSome(const std::string& asked, const std::function<std::string()>& call) {
         std::string result;
         std::string got;
@@ -94,7 +94,7 @@ public:
         return result;
     }
 
-    /// A call that is to throw an exception whose text begins so.
+    /// A call that must throw an exception whose message has this beginning.
     template <class Call>
     void Throws(const std::string& asked, const std::string& begin, Call call) {
         std::string got = "no exception";
@@ -188,7 +188,7 @@ std::string RunLogin(Demo& demo, ISecurityProvider& service, Subscriber& first, 
     return alice;
 }
 
-/// Lets bob in, changes his role and deletes him, then ends the session of alice.
+/// Logs bob in, changes the role of bob and deletes bob, then ends the session of alice.
 void RunRights(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscriber& second,
                const std::string& alice) {
     const std::string bob = demo.ReturnsSome("Authenticate bob with his password", [&] {
@@ -203,7 +203,7 @@ void RunRights(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscr
     demo.Returns("Authorize bob for /live/../config", false,
                  [&] { return service.Authorize(bob, "/live/../config"); });
     demo.Returns("GetAllowedPaths of bob", Strings{"/live"}, [&] { return service.GetAllowedPaths(bob); });
-    demo.Returns("ModifyUsers: bob becomes an administrator and keeps his password", 0,
+    demo.Returns("ModifyUsers: bob becomes an administrator and keeps the password", 0,
                  [&] { return service.ModifyUsers("bob:administrator:"); });
     ExpectSignals(demo, first, second);
     demo.Returns("Authorize bob for /config/network", true,

@@ -4,10 +4,10 @@
 //
 //   security-service FILE        security.ini shows what the file holds
 //
-// Lists are lines of text. GetUsers gives "name:role"; AddUsers and ModifyUsers take "name:role:password",
-// where ModifyUsers keeps the old password if none is given. Either all lines of a call are carried out or
-// none. GetPassphrases gives names. The file holds passwords as salted digests and pass phrases as they are,
-// so it is readable by its owner only.
+// Lists are lines of text. GetUsers returns "name:role"; AddUsers and ModifyUsers take "name:role:password",
+// where ModifyUsers keeps the old password if none is given. A call carries out all of its lines or none.
+// GetPassphrases returns names. The file has passwords as salted digests and pass phrases in clear, so only
+// its owner can read it.
 
 #include <sys/stat.h>
 
@@ -43,7 +43,7 @@ using zarip::interfaces::ISecurityProvider;
 using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 
-/// What the members that return an int return.
+/// The results of the members that return an int.
 enum Result {
     kDone = 0,
     kPasswordTooShort = 1,
@@ -80,7 +80,7 @@ std::string Random() {
     return ToHex(bytes, sizeof bytes);
 }
 
-/// Of the file's own number of iterations, which an administrator may have made smaller.
+/// Uses the number of iterations in the file, which an administrator may have made smaller.
 std::string Digest(const std::string& password, const std::string& salt, unsigned int iterations) {
     const SecureBuffer digest =
         CryptoUtils::DeriveWeakKey(password.data(), static_cast<unsigned int>(password.size()), salt.data(),
@@ -88,20 +88,20 @@ std::string Digest(const std::string& password, const std::string& salt, unsigne
     return ToHex(digest.GetData(), digest.GetSize());
 }
 
-/// Takes the same time wherever the texts differ.
+/// Compares in the same time wherever the strings differ.
 bool AreEqual(const std::string& a, const std::string& b) {
     return a.size() == b.size() &&
            CryptoUtils::AreEqual(a.data(), b.data(), static_cast<unsigned int>(a.size()));
 }
 
-/// Whether a text may be a key of the file: nothing in it has a meaning there, in our lists or in a log.
+/// Whether a string may be a key of the file: no character of it has a meaning there, in a list or in a log.
 bool IsName(const std::string& text) {
     return !text.empty() && text.size() <= 64 && text.find_first_of("._-") != 0 &&
            text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
                std::string::npos;
 }
 
-/// Whether a text comes back from the file as it went in.
+/// Whether a string can be stored in the file and read back unchanged.
 bool IsValue(const std::string& text) {
     return !text.empty() && text.size() <= kMaxText && text.front() != ' ' && text.back() != ' ' &&
            std::none_of(text.begin(), text.end(),
@@ -125,9 +125,10 @@ public:
     // Sessions
 
     /// @param keep  asks for a long session.
-    /// Returns the session, or "" when name or password is wrong.
+    /// Returns the session, or "" if name or password is wrong.
     std::string Authenticate(bool keep, const std::string& name, const std::string& password) override {
-        // An unknown name costs the same time as a wrong password, so that nobody can ask which names exist.
+        // An unknown name costs the same time as a wrong password, so that the time does not reveal which
+        // names exist.
         User user;
         const bool isKnown = IsName(name) && FindUser(name, user);
         if (!HasPassword(user, password) || !isKnown) {
@@ -135,7 +136,7 @@ public:
             return "";
         }
         DropSessions([](const Session& session) { return session.end <= Clock::now(); });
-        // A user with too many loses the oldest of them and takes nothing from others.
+        // A user with too many sessions loses the oldest of them, and other users lose none.
         DropOldestSession(kMaxSessionsOfUser,
                           [&name](const Session& session) { return session.user == name; });
         DropOldestSession(kMaxSessions, [](const Session& /*session*/) { return true; });
@@ -150,7 +151,7 @@ public:
     bool Logout(const std::string& id) override { return _sessions.erase(id) > 0; }
     void Invalidate(const std::string& id) override { _sessions.erase(id); }
 
-    /// Returns the seconds that are left, and the user's name; 0 and "" for what is no session.
+    /// Returns the seconds that are left, and the name of the user; 0 and "" for an unknown session.
     int GetExpiration(const std::string& id, std::string& name) const override {
         const Session* session = FindSession(id);
         name = session != nullptr ? session->user : "";
@@ -168,7 +169,7 @@ public:
     }
 
     std::string GetNonce() override { return Random(); }
-    // HTTP digests need the password in clear, which is nowhere.
+    // HTTP digests need the password in clear, which the service does not have.
     bool AllowHttpDigest() const override { return false; }
 
     // Rights
@@ -242,7 +243,7 @@ public:
 
     // Pass phrases
 
-    /// Returns the name, or "" when name or text is not acceptable or the name is taken.
+    /// Returns the name, or "" if name or text is not acceptable or the name is taken.
     std::string AddPassphrase(const std::string& name, const std::string& text) override {
         if (!IsName(name) || !IsValue(text) || _ini.HasValue("passphrases", name)) {
             return "";
@@ -338,8 +339,8 @@ private:
         return KeepUsers(changed, names);
     }
 
-    /// Checks one line and puts its user into the file; one whose password is new gets the role only, and
-    /// the password into `passwords`, since its digest takes time that a wrong line is not worth.
+    /// Checks one line and stores its user. A user with a new password gets the role only, and
+    /// the password goes into `passwords`: its digest takes long and is made only if all lines are right.
     int SetUser(const std::string& line, bool mustExist, IniFile& changed,
                 std::map<std::string, std::string>& passwords) const {
         const std::size_t first = line.find(':');
@@ -380,8 +381,8 @@ private:
             user.role + " " + std::to_string(user.iterations) + " " + user.salt + " " + user.digest);
     }
 
-    /// Digests of many passwords would keep all other callers waiting: some are made at once, and then one
-    /// in each pause. False when the last ones are not paid for yet.
+    /// Digests of many passwords would keep all other callers waiting. So some are made at once, and then one
+    /// in each pause. Returns false if the pauses for the last ones are not over yet.
     bool TakeTimeForPasswords(std::size_t count) {
         const Clock::time_point now = Clock::now();
         if (count > 0 && _passwordsPaidUntil > now + (kPasswordsAtOnce - 1) * kPasswordPause) {
@@ -400,7 +401,7 @@ private:
         });
     }
 
-    /// Without an administrator nobody could ever change the users again.
+    /// Without an administrator the users could never be changed again.
     int KeepUsers(const IniFile& changed, const Strings& endSessionsOf) {
         if (HasAdministrator(_ini) && !HasAdministrator(changed)) {
             return kLastAdministrator;
@@ -411,8 +412,8 @@ private:
         return kDone;
     }
 
-    /// The file first, and in one step: whatever happens, it and we hold all of a change or nothing of it.
-    /// `Save` would write in place where the folder does not allow a new file; then this refuses the change.
+    /// Replaces the file first and in one step, so that file and memory always have all of a change or none.
+    /// `Save` would write in place if the folder allows no new file; in that case this refuses the change.
     void Keep(const IniFile& changed) {
         zarip::osa::FileUtils::WriteAtomically(_path, changed.SaveToString());
         _ini = changed;
@@ -423,7 +424,7 @@ private:
         return found != _sessions.end() && found->second.end > Clock::now() ? &found->second : nullptr;
     }
 
-    /// Finds a session and has it last its whole length again.
+    /// Finds a session and starts its time anew.
     const Session* UseSession(const std::string& id) {
         const Session* session = FindSession(id);
         if (session != nullptr) {
@@ -439,7 +440,7 @@ private:
         }
     }
 
-    /// Makes room for one more session of those that fit the condition.
+    /// Makes room for one more session among those that meet the condition.
     template <class Condition>
     void DropOldestSession(std::size_t most, Condition condition) {
         std::size_t count = 0;
@@ -470,13 +471,13 @@ private:
         return session != nullptr && FindUser(session->user, user) ? user.role : "";
     }
 
-    /// Whether a path is what it seems: one with detours could be read as another by whoever serves it.
+    /// Whether a path has no detours. A server could read a path with detours as another one.
     static bool IsPlain(const std::string& path) {
         return !path.empty() && path.front() == '/' && path.find("..") == std::string::npos &&
                path.find("//") == std::string::npos && path.find("/./") == std::string::npos;
     }
 
-    /// Finds the roles of the longest protected path that holds this one.
+    /// Finds the roles of the longest protected path that contains this one.
     bool FindRoles(const std::string& path, std::string& roles) const {
         std::size_t longest = 0;
         for (const auto& [prefix, allowed] : GroupOf("paths")) {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 
-// Backs up settings, which hold pass phrases of users, in an encrypted archive.
+// Saves settings, which may contain pass phrases, in an encrypted archive.
 //
 //   settings-backup [--pass-phrase FILE] save ARCHIVE FILE...      writes the files into a new archive
 //   settings-backup [--pass-phrase FILE] list ARCHIVE              prints their names
-//   settings-backup [--pass-phrase FILE] restore ARCHIVE FOLDER    writes them into a folder, which it makes
+//   settings-backup [--pass-phrase FILE] restore ARCHIVE FOLDER    writes them into a folder
 //
-// The pass phrase is the first line of the file, or of standard input. Nothing is written when it is wrong or
-// the archive was changed. Files keep the folders in their names, but never leave the folder they are
-// restored to. "saved" and "restored" are printed when the disk has it all.
+// The pass phrase is the first line of the file, or of standard input. If it is wrong or the
+// archive was changed, nothing is written. Files keep the folders in their names, but never leave the folder
+// that they are restored to. "saved" and "restored" are printed when all data are on the disk.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -41,7 +41,7 @@ std::pair<std::string, std::string> Split(const std::string& path) {
                                       : std::make_pair(path.substr(0, slash + 1), path.substr(slash + 1));
 }
 
-/// Does not show what is typed, as long as it lives.
+/// Switches the echo of the terminal off while it exists.
 class HiddenInput {
 public:
     HiddenInput() : _isTerminal(::tcgetattr(STDIN_FILENO, &s_before) == 0) {
@@ -73,7 +73,7 @@ public:
 private:
     static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGQUIT};
 
-    /// The signal ends the program, and the terminal shows again what is typed.
+    /// Switches the echo on again before the signal ends the program.
     static void Interrupt(int signal) {
         ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &s_before);
         ::raise(signal);
@@ -87,7 +87,7 @@ SecureBuffer ReadLine(int fd) {
     SecureBuffer line(1'024);
     unsigned int length = 0;
     for (; length < line.GetSize(); ++length) {
-        // Byte by byte and straight into the buffer: no other one keeps a copy.
+        // It reads byte by byte directly into the buffer, so that no other buffer keeps a copy.
         unsigned char* const next = line.GetData() + length;
         if (Check(static_cast<int>(::read(fd, next, 1)), "read") == 0 || *next == '\n') {
             length -= length > 0 && next[-1] == '\r' ? 1 : 0;  // a file that was written on another system
@@ -124,7 +124,7 @@ std::string ReadFile(const std::string& path) {
     return content;
 }
 
-/// Has the disk keep the entries of a folder; some file systems do that by themselves and know no such call.
+/// Writes the entries of a folder to the disk. Some file systems do so by themselves and refuse the call.
 void Synchronise(int folder, const std::string& name) {
     if (::fsync(folder) != 0 && errno != EINVAL) {
         Check(-1, name.c_str());
@@ -133,7 +133,7 @@ void Synchronise(int folder, const std::string& name) {
 
 using FolderPtr = std::unique_ptr<Fd>;
 
-/// Opens what is in a folder step by step, and makes what is missing; a symbolic link on the way ends it.
+/// Opens the folders of a path step by step and makes those that are missing. Throws at a symbolic link.
 FolderPtr OpenFolder(int root, const std::string& path) {
     auto folder =
         std::make_unique<Fd>(Check(::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), "open"));
@@ -153,8 +153,8 @@ FolderPtr OpenFolder(int root, const std::string& path) {
     return folder;
 }
 
-/// A file that takes the place of an older one only when it is whole. It is open only while it is written, so
-/// there may be any number of them. An attempt that is interrupted leaves ".settings-backup-...".
+/// A file that replaces an older one only when it is complete. It is open only while it is written, so any
+/// number of them may exist. An attempt that is interrupted leaves ".settings-backup-...".
 class NewFile {
 public:
     using Open = std::function<FolderPtr()>;
@@ -196,7 +196,7 @@ public:
     }
 
 private:
-    /// Opens one that nobody has, neither among the files to be written nor beside them.
+    /// Opens a file with a name that no file has yet, neither in the archive nor in the folder.
     int Make(int folder) {
         static unsigned int s_count = 0;
         const std::string stem = ".settings-backup-" + std::to_string(::getpid()) + "-";
@@ -214,13 +214,13 @@ private:
     bool _isPut = false;
 };
 
-/// A folder by its path; the current one for none.
+/// Opens a folder by its path, or the current folder if the path is empty.
 FolderPtr OpenPath(const std::string& path) {
     return std::make_unique<Fd>(
         Check(::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path.c_str()));
 }
 
-/// The name of a file in the archive: relative, and without parts that mean nothing ("", ".").
+/// Makes the name of a file in the archive: relative, and without the empty parts "" and ".".
 std::string NameOf(const std::string& path) {
     std::string name;
     for (std::size_t begin = 0; begin < path.size();) {
@@ -257,7 +257,7 @@ void Restore(const Files& files, const char* folder) {
         Check(-1, folder);
     }
     const FolderPtr root = OpenPath(folder);
-    // All are written before the first one takes its place.
+    // All files are written before the first one replaces an older file.
     std::vector<std::unique_ptr<NewFile>> restored;
     for (const auto& [path, content] : files) {
         const auto [inside, name] = Split(path);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-// Tells what an H.264 stream holds: stream-header SPS, with the sequence parameter set in hexadecimal.
+// Prints the properties of an H.264 stream: stream-header SPS, with the sequence parameter set in
+// hexadecimal.
 
 #include <zarip/core/BitStreamReader.h>
 #include <zarip/osa/Exception.h>

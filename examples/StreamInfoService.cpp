@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 
-// The video service's counts: how many watch a stream, and how many are sure to be served.
+// Counts the viewers of the camera's streams: how many watch a stream, and how many are guaranteed a place.
 //
 //   stream-info-service SECONDS STREAM=GUARANTEED...
 //
-// Whoever serves viewers (here: web-gateway) reports how many it has with the signal "Viewers" of interface
-// "com.brelk.example.viewers", which holds the stream and the number. What the reporters say is added up. A
-// report holds until the same reporter sends the next one, and for SECONDS at the most: so nobody is counted
-// for ever because his web server died, and a reporter repeats itself in less than that.
+// A program that serves viewers (here: web-gateway) reports how many it has with the signal "Viewers" of the
+// interface "com.brelk.example.viewers". The signal has the stream and the number. The numbers of all
+// reporters are added. A report counts until the same reporter sends the next one, and for at most SECONDS.
+// So the viewers of a web server that has died are forgotten, and a reporter has to repeat its report in less
+// than that time.
 
 #include <zarip/core/Logger.h>
 #include <zarip/core/StringUtil.h>
@@ -41,7 +42,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kMostViewers = 1'000;          // of one reporter
 constexpr std::size_t kMostReports = 1'000;  // of one stream
 
-/// Its members and the reports come on the same thread, that of the bus.
+/// Members are called, and reports arrive, on the thread of the bus.
 class StreamInfoService final : public IStreamInfoProvider {
 public:
     explicit StreamInfoService(std::chrono::seconds patience) : _patience(patience) {}

@@ -1,24 +1,22 @@
 // SPDX-License-Identifier: MIT
 
-// The camera's web front end: a status page and a small JSON interface, with every answer fetched over the
-// bus.
+// The web front end of the camera: a status page and a small JSON interface to the services on the bus.
 //
 //   web-gateway PAGES [DEVICE [PORT]]
 //
-//   PAGES is the folder web, with the page and what belongs to it. DEVICE is device.ini, as for
-//   discovery-responder, which also says where the gateway listens: at 127.0.0.1:8080 unless it says
-//   something else. A PORT here overrides the one there; with 0 it takes a free one. It prints the address.
+//   PAGES is the folder web, with the page and its files. DEVICE is device.ini, as for discovery-responder.
+//   It also has the address at which the gateway listens, by default 127.0.0.1:8080. PORT overrides the port
+//   in it; with 0 the system chooses a free port. The gateway prints its address.
 //
 //   GET    /                     the page, and the other files in PAGES
 //   POST   /login                form "user", "password"; sets the session cookie. After wrong passwords it
 //                                answers 429 until the time in "Retry-After" has passed.
 //   POST   /logout
-//   GET    /session              the name of the camera, and who is logged in, or null, and for how long
-//   GET    /live                 the live picture, for the roles that the security service lets see /live
-//   GET    /device.xml           the UPnP description
-//   GET    /health               whether the bus and the security service were there when asked last
-//   GET    /api/status           who is logged in, and for how long
-//   GET    /api/users            the users; POST adds one (form "name", "role", "password"),
+//   GET    /session              the name of the camera, the user that is logged in, or null, and for how
+//   long GET    /live                 the live picture, for the roles that the security service lets see
+//   /live GET    /device.xml           the UPnP description GET    /health               whether the bus and
+//   the security service were there when asked last GET    /api/status           the user that is logged in,
+//   and for how long GET    /api/users            the users; POST adds one (form "name", "role", "password"),
 //                                DELETE deletes one (/api/users?name=...)
 //   GET    /api/events           the last changes of the user list
 //   GET    /api/camera           network, viewers, PTZ, audio, registration and services; what does not
@@ -31,12 +29,14 @@
 //   POST   /measure              the length of the body
 //   GET    /fault                a handler that throws
 //
-// Answers are JSON. A request that changes something and comes from the page of another site, or of another
-// port, is answered 403, and one for a host that is neither a numeric address nor "localhost" nor a name in
-// DEVICE 421. /api/ answers 401 without a valid login and 403 if the role is not enough; what
-// needs the security service answers 503 when that or the bus is gone. A service that does not answer delays
-// no request (CameraState). The gateway keeps no password: a login is a session of the service's. It speaks
-// no TLS.
+// Answers are JSON. These requests are refused:
+//   401  a request of /api/ without a valid login
+//   403  a request of /api/ for which the role is not enough; a change that the page of another site or port
+//        sends
+//   421  a host that is neither a numeric address nor "localhost" nor a name in DEVICE
+//   503  a request that needs the security service, if the service or the bus is gone
+// A service that does not answer delays no request (CameraState). The gateway keeps no password, because a
+// login is a session of the security service. It has no TLS.
 
 #include <cajun/json/elements.h>
 
@@ -97,13 +97,13 @@ bool HoldsZeroByte(const HttpRequest& request) {
     return false;
 }
 
-/// Answers with what a function makes of a request.
+/// Answers a request with the JSON that a function makes.
 class Route final : public zarip::inet::IHttpHandler {
 public:
     using Function =
         std::function<void(CameraState& camera, const HttpRequest& request, HttpResponse& response)>;
 
-    /// @param methods  with spaces in between, GET first; HEAD comes with it.
+    /// @param methods  separated by spaces, GET first, which includes HEAD.
     Route(CameraState& camera, const char* methods, Function function)
         : _camera(camera), _methods(methods), _function(std::move(function)) {}
 
@@ -141,7 +141,7 @@ Route::Function ServeXml(const std::string& text) {
     };
 }
 
-/// The description of the device, with what its file says of it.
+/// The description of the device, with the values in its file.
 std::string DescribeDevice(const IniFile& file) {
     std::ostringstream text;
     zarip::xml::XmlWriter writer(text, true);
@@ -179,7 +179,7 @@ void WalkAlong(Scene& scene, const CameraState::Alert& alert) {
 }
 
 std::string Text(const std::string* value) {
-    // The bus would carry what stands before it.
+    // The bus would carry only the part before the zero byte.
     if (value != nullptr && value->find('\0') != std::string::npos) {
         throw Failure{400, "A zero byte."};
     }
@@ -208,14 +208,14 @@ struct Caller {
 Caller FindCaller(CameraState& camera, const std::string& session) {
     Caller caller;
     if (!session.empty()) {
-        // Not IsAuthenticated, which makes the session last longer: a page left open would never end it.
+        // IsAuthenticated would prolong the session, and a page that is left open would keep it for ever.
         caller.secondsLeft =
             camera.Ask([&](auto& service) { return service.GetExpiration(session, caller.user); });
     }
     return caller;
 }
 
-/// Throws `Failure` for a caller that may not go on.
+/// Throws `Failure` for a caller that is not allowed to.
 Caller Allow(CameraState& camera, const HttpRequest& request) {
     const std::string session = Session(request);
     const Caller caller = FindCaller(camera, session);
@@ -282,7 +282,7 @@ private:
         return source.ipv6[0] != '\0' ? source.ipv6 : source.ipv4;
     }
 
-    /// What a client sends cannot forge lines of the log.
+    /// Removes everything with which a client could forge lines of the log.
     static std::string ForLog(std::string text) {
         text.resize(std::min<std::size_t>(text.size(), 64));
         const bool isPlain =
@@ -314,7 +314,7 @@ void Status(CameraState& camera, const HttpRequest& request, HttpResponse& respo
         "{\"user\":" + Quote(caller.user) + ",\"secondsLeft\":" + std::to_string(caller.secondsLeft) + "}");
 }
 
-/// For the page, which asks this without being logged in: so that is not an error.
+/// The page asks this before the login, too, so a missing login is not an error.
 Route::Function DescribeSession(const std::string& name) {
     return [=](CameraState& camera, const HttpRequest& request, HttpResponse& response) {
         const Caller caller = FindCaller(camera, Session(request));
@@ -325,7 +325,7 @@ Route::Function DescribeSession(const std::string& name) {
     };
 }
 
-/// Lets those watch whose session allows it, as long as it does.
+/// Admits viewers whose session allows it, for as long as it does.
 LiveView::Admit AdmitViewers(CameraState& camera) {
     return [&camera](const HttpRequest& head) -> std::function<bool()> {
         Allow(camera, head);
@@ -333,7 +333,7 @@ LiveView::Admit AdmitViewers(CameraState& camera) {
         return [&camera, session] {
             try {
                 return !FindCaller(camera, session).user.empty();
-            } catch (const Failure& /*nobody knows*/) {
+            } catch (const Failure& /*unknown*/) {
                 return true;
             }
         };
@@ -356,7 +356,7 @@ int AddUser(CameraState& camera, const HttpRequest& request) {
     const std::string name = Field(request, "name");
     const std::string role = Field(request, "role");
     const std::string password = Field(request, "password");
-    // The service takes lines of fields: what ends a line or a field would be another user or role.
+    // The service takes lines of fields. A character that ends a line or a field would add a user or a role.
     if ((name + role).find_first_of(":\n") != std::string::npos || password.find('\n') != std::string::npos) {
         throw Failure{400, "Name, role or password holds characters that cannot be."};
     }
@@ -373,7 +373,7 @@ void Users(CameraState& camera, const HttpRequest& request, HttpResponse& respon
         result = camera.Ask([&](auto& service) { return service.DeleteUsers(names); });
     }
     if (result != 0) {
-        // As the security service numbers them.
+        // The numbers are those of the security service.
         const std::map<int, const char*> reasons = {
             {1, "The password is too short."},
             {2, "Name or password holds characters that cannot be."},
@@ -434,7 +434,8 @@ void Fault(CameraState& /*camera*/, const HttpRequest& /*request*/, HttpResponse
 }
 #endif
 
-/// The gateway with all its parts. The server is the last of them: it stops before what its handlers need.
+/// The gateway with all its parts. The server is the last member, so it stops before the parts that its
+/// handlers need.
 class Gateway {
 public:
     /// @param port  -1 for the one in the device's file.
@@ -457,7 +458,7 @@ public:
     Gateway(const Gateway&) = delete;
     Gateway& operator=(const Gateway&) = delete;
 
-    /// Serves until there is a signal to stop.
+    /// Serves until a signal asks it to stop.
     void Run(const zarip::msgbus::StopSignal& stop) {
         _server.StartServerThread();
         std::printf("http://%s:%u/\n", _address.address.c_str(),

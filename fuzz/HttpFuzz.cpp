@@ -26,7 +26,7 @@ public:
     }
 };
 
-/// The answer of a dispatcher is a response, and a 400 exactly when the request cannot be read.
+/// The answer of a dispatcher is a valid response. It is a 400 exactly if the request cannot be read.
 void CheckAnswer(const std::string& input, bool isRead) {
     HttpDispatcher dispatcher;
     Handler handler;
@@ -36,7 +36,7 @@ void CheckAnswer(const std::string& input, bool isRead) {
     dispatcher.HandleRequest(in, out);
     HttpResponse response;
     Check(Read(out.str(), response), "the answer can be read");
-    Check((response.GetCode() == 400) == !isRead, "400 tells what cannot be read");
+    Check((response.GetCode() == 400) == !isRead, "400 answers what cannot be read");
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ std::string ToText(const json::UnknownElement& element) {
     return stream.str();
 }
 
-/// Whether the check for text from outside lets it through, and the model reads it then.
+/// Returns whether the check of untrusted text accepts it. The model must then read it.
 bool IsParsed(const std::string& input) {
     try {
         zarip::core::JsonUtils::Parse(input);

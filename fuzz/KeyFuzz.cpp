@@ -74,7 +74,7 @@ std::string Wrap(const std::string& label, const std::string& der) {
 
 }  // namespace
 
-// PEM text, or the DER that stands in one.
+// PEM text, or DER as PEM contains it.
 FUZZ_TARGET(key) {
     if (input.find("-----") != std::string::npos) {
         TryPublic(input);

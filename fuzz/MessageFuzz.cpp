@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Messages of the bus: as bytes, and made value by value, since few bytes make a valid one.
+// Messages of the bus, as bytes and value by value, because few inputs are valid messages as bytes.
 
 #include <dbus/dbus.h>
 
@@ -115,7 +115,8 @@ using Values =
           double, std::string, std::vector<unsigned char>, std::vector<int>, std::vector<unsigned int>,
           std::vector<double>, std::vector<std::string>, std::deque<bool>>;
 
-/// Runs what may refuse its message with an exception of the library, and in no other way.
+/// Runs an action that may refuse its message only with an exception of the library. Returns whether it did
+/// not.
 template <class Action>
 bool IsTaken(Action action) {
     try {
@@ -126,7 +127,7 @@ bool IsTaken(Action action) {
     }
 }
 
-/// The reader that takes the value that comes next; 16 if there is none.
+/// The kind of the next value; 16 after the last value.
 int FindKind(DBusMessageIter& position) {
     constexpr char kBasic[] = "bynqiuxtds";
     constexpr char kElements[] = "yiudsb";
@@ -138,7 +139,7 @@ int FindKind(DBusMessageIter& position) {
     return found == nullptr ? 16 : static_cast<int>(found - codes) + (isArray ? 10 : 0);
 }
 
-/// Reads the values as far as there is a reader for them, and one in another way than it is.
+/// Reads the values as long as their kinds can be read, and reads one as another kind.
 void ReadAll(const MsgBusMsg& message, unsigned int choice) {
     MsgBusMsgArgumentReader reader(message);
     DBusMessageIter position;
@@ -232,7 +233,7 @@ struct AllServices {
     Served<interfaces::IStreamInfoProvider> stream{bus};
 };
 
-/// Gives the message, as a call with a serial number, to a handler that the input chooses.
+/// Passes the message, as a call with a serial number, to a handler that the input chooses.
 void Serve(const MsgBusMsg& message, unsigned int choice) {
     static auto* const s_services = new AllServices;
     if (message.GetType() != "method_call") {
@@ -247,7 +248,7 @@ void Serve(const MsgBusMsg& message, unsigned int choice) {
     }
 }
 
-/// One of the ways in which a message is used: a choice, since exceptions take most of the time.
+/// Uses the message in one way that the input chooses. All ways would take too long, because exceptions do.
 void UseReceived(const MsgBusMsg& message, unsigned int choice) {
     switch (choice % 4) {
         case 0:
@@ -280,7 +281,7 @@ constexpr const char* kInterface = "org.camera.fuzz";
 
 }  // namespace
 
-/// The bytes of a message. What libdbus does not take as one is a list of values.
+/// The bytes of a message. If libdbus refuses them, they are a list of values.
 FUZZ_TARGET(message) {
     Bytes bytes(input);
     const unsigned int choice = TakeByte(bytes);
@@ -302,8 +303,8 @@ FUZZ_TARGET(message) {
     UseReceived(made, choice);
 }
 
-/// What programs put into messages: fields and values of any kind are taken or refused, and those that are
-/// taken are those that are read.
+/// Messages as programs make them: fields and values of any kind are accepted or refused, and the accepted
+/// values are read again.
 FUZZ_TARGET(builder) {
     Bytes bytes(input);
     MsgBusMsg message(TakeByte(bytes) % 2 == 0 ? MsgBusMsg::kSignal : MsgBusMsg::kMethodCall);

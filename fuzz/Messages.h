@@ -15,13 +15,13 @@
 
 #include "Targets.h"
 
-/// What the targets that take messages share.
+/// Helpers that the targets for messages share.
 namespace fuzz {
 
 using zarip::inet::HttpBase;
 
-/// False when the message is refused; anything but a `ParserException` or the text of `Url::Decode` ends the
-/// process.
+/// Returns false if the message is refused. Any exception except a `ParserException` or that of `Url::Decode`
+/// ends the process.
 template <class Message>
 bool Read(const std::string& text, Message& message) {
     std::istringstream stream(text);
@@ -52,8 +52,8 @@ inline bool FitsLines(const std::string& text) {
 }
 
 inline void CheckMessage(const HttpBase& message) {
-    Check(message.GetProtocol().size() <= 64, "a protocol has 64 characters at the most");
-    Check(message.GetBodyLength() <= 0x100000, "a body has 1 MiB at the most");
+    Check(message.GetProtocol().size() <= 64, "a protocol has at most 64 characters");
+    Check(message.GetBodyLength() <= 0x100000, "a body has at most 1 MiB");
     Check(message.GetBody()[message.GetBodyLength()] == '\0', "a body is a text too");
     HttpBase::const_iterator header;
     HttpBase::const_iterator end;
@@ -88,7 +88,7 @@ inline void CheckAgain(bool isRead, const std::string& first, const std::string&
 
 template <class Message>
 void CheckRequestAgain(const Message& request) {
-    // A path is written as it stands, so it is encoded first; an empty one would leave no target.
+    // A path is written without a change, so it is encoded first; an empty one would leave no target.
     if (request.GetPath().empty() || HasBlankName(request)) {
         return;
     }

@@ -83,7 +83,7 @@ void CheckQuery(const std::string& query, bool isForm) {
 
 }  // namespace
 
-/// A query up to the first line feed, a cookie header behind it.
+/// A query up to the first line feed, then a cookie header.
 FUZZ_TARGET(query) {
     const std::size_t end = std::min(input.find('\n'), input.size());
     CheckQuery(input.substr(0, end), false);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Runs every target with the files of its folder, as a test: what a fuzzer once found stays found.
+// Runs every target with the files of its folder, as a test, so that no fault comes back that a fuzzer found.
 
 #include <algorithm>
 #include <cstdio>
@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Runs a target with the files of a folder; how many there are.
+/// Runs a target with the files of a folder and returns their number.
 std::size_t RunFolder(const fuzz::Target& target, const std::filesystem::path& folder, bool withBeginnings) {
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -29,7 +29,7 @@ std::size_t RunFolder(const fuzz::Target& target, const std::filesystem::path& f
         fuzz::Check(file.is_open(), "the file opens");
         const std::string input((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         target.run(input);
-        // Every beginning is an input too: a peer may stop anywhere.
+        // Every beginning is an input, too, because a peer may stop anywhere.
         const std::size_t beginnings = withBeginnings ? std::min<std::size_t>(input.size(), 1000) : 0;
         for (std::size_t size = 0; size < beginnings; ++size) {
             target.run(input.substr(0, size));
@@ -40,7 +40,7 @@ std::size_t RunFolder(const fuzz::Target& target, const std::filesystem::path& f
 
 }  // namespace
 
-/// The second corpus is what a fuzzer has found and may lack targets.
+/// The second corpus has the inputs that a fuzzer has found. It may lack targets.
 int main(int argc, char** argv) {
     if (argc != 2 && argc != 3) {
         std::fprintf(stderr, "usage: %s CORPUS [FOUND]\n", argv[0]);

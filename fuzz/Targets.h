@@ -6,16 +6,16 @@
 #include <cstdlib>
 #include <string>
 
-/// What fuzzers are made of. A target is a function in a source file of this folder, and its corpus a folder
-/// of its name:
+/// The parts of a fuzzer. A target is a function in a source file of this folder, and its corpus is a folder
+/// with its name:
 ///
 ///     FUZZ_TARGET(query) {
 ///         ... input ...
 ///         Check(again == text, "what was written reads as the same");
 ///     }
 ///
-/// Each takes any bytes and ends the process when something is not as it must be. Entry.cpp makes a fuzzer of
-/// them, RunFiles.cpp a test.
+/// A target takes any bytes and ends the process if a check fails. Entry.cpp makes a fuzzer of the targets,
+/// and RunFiles.cpp makes a test of them.
 namespace fuzz {
 
 struct Target {

@@ -48,7 +48,7 @@ void CheckNumber(const std::string& text) {
     }
 }
 
-/// Opens what a parser keeps for those that derive from it.
+/// Makes protected members of a parser public.
 class LineParser final : public zarip::inet::HttpParser {
 public:
     void Parse(std::string line) const {
@@ -166,7 +166,7 @@ FUZZ_TARGET(xpath) {
     }
 }
 
-/// A format, checked against several lists of arguments as the compiler does it for a literal.
+/// A format is checked with several lists of arguments, as the compiler checks a literal.
 FUZZ_TARGET(format) {
     if (HasLongNumber(input)) {
         return;
@@ -225,7 +225,7 @@ FUZZ_TARGET(rotate) {
 
 }  // namespace fuzz
 
-/// The editor of the configuration uses two commands of the shell, which take longer than all else.
+/// The editor of the configuration runs two commands of the shell, which take most of the time.
 extern "C" int system(const char* command) {
     const std::string text(command);
     if (text.compare(0, 7, "rm -rf ") == 0) {

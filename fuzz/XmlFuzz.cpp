@@ -50,7 +50,7 @@ std::size_t CountElements(XmlElement element) {
     return count;
 }
 
-/// Writes what the reader finds, and a text; whatever the writer takes can be read again.
+/// Writes the nodes that the reader finds, and a text. Everything that the writer accepts can be read again.
 void CheckWriter(const std::string& input, const std::string& text) {
     std::ostringstream out;
     zarip::xml::XmlWriter writer(out);

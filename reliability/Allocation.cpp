@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Fails one allocation after the other, of the library and of what it uses, in each kind of work.
+// Makes one allocation after the other fail in each kind of work, also allocations of the libraries below.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,7 +23,7 @@ bool IsChosen(const Work& work) {
     return chosen == nullptr || std::string(chosen) == work.name;
 }
 
-/// Fails the n-th allocation; false if there are not so many.
+/// Makes the n-th allocation fail. Returns false if the work makes fewer allocations.
 bool Fail(Run& run, const Work& work, long n) {
     FailingMemory::FailAt(n, work.threads);
     const Result result = Try(work);
@@ -34,13 +34,13 @@ bool Fail(Run& run, const Work& work, long n) {
     return hasFailed;
 }
 
-/// Fails each allocation of the very first run, each in a process of its own.
+/// Makes each allocation of the first run in a process fail, each in a process of its own.
 void FailEachFirst(Run& run, const Work& work) {
     for (long n = 1; n <= 5000; ++n) {
         std::fflush(nullptr);
         const pid_t child = ::fork();
         if (child == 0) {
-            // What libxml2 prints for each allocation that fails at its own start.
+            // libxml2 prints a message for each allocation that fails at its start.
             if (std::getenv("ZARIP_TRACE") == nullptr && std::freopen("/dev/null", "w", stderr) == nullptr) {
                 ::_exit(4);
             }
@@ -62,8 +62,8 @@ void FailEachFirst(Run& run, const Work& work) {
     }
 }
 
-/// Fails each allocation many times: what leaks does so each time, while the caches of libdbus and libxml2
-/// grow by a few blocks. How many allocations there are.
+/// Makes each allocation fail many times. A leak then grows each time, while the caches of libdbus and
+/// libxml2 grow by a few blocks. Returns the number of allocations.
 long FailEach(Run& run, const Work& work) {
     constexpr int kRounds = 20;
     run.Expect(Try(work) == Result::kRight, "%s: does not work at all", work.name);
@@ -72,7 +72,7 @@ long FailEach(Run& run, const Work& work) {
     while (count < 5000 && Fail(run, work, count + 1)) {
         ++count;
     }
-    // What takes long has waited for something that was lost.
+    // Work that takes long has waited for something that was lost.
     const int rounds = MillisecondsSince(start) < (run.IsLong() ? 5000 : 100) ? kRounds : 1;
     for (long n = 1; n <= count && rounds > 1 && !work.mayLeaveBlocks; ++n) {
         const long before = FailingMemory::GetBlocks();

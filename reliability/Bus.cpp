@@ -31,7 +31,7 @@ public:
 
     bool AreWaiting() const { return _waiting == 8 && _sent > 100; }
 
-    /// Waits until every thread has come to its end; how long the slowest call took beyond its time-out.
+    /// Waits until every thread has ended. Returns how long the slowest call took beyond its time-out.
     long long Join() {
         _isOver = true;
         for (std::thread& thread : _threads) {

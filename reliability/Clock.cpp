@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-// The real-time clock is set while everything waits. The program's own functions of the C library show the
-// library another time; the kernel's clock, on which timers of the system run, stays as it is.
+// The real-time clock is set while everything waits. The program replaces functions of the C library, so
+// the library sees another time. The clock of the kernel, on which timers of the system run, is not changed.
 
 #include <dlfcn.h>
 #include <sys/time.h>
@@ -32,7 +32,7 @@ std::atomic<long> s_step{0};  // seconds by which the real-time clock is shown w
 using ClockFunction = int (*)(clockid_t, timespec*);
 
 ClockFunction FindClock() {
-    // The name for 64-bit times on a 32-bit machine.
+    // This is the name for 64-bit times on a 32-bit machine.
     void* const other = sizeof(long) < sizeof(time_t) ? ::dlsym(RTLD_NEXT, "__clock_gettime64") : nullptr;
     return reinterpret_cast<ClockFunction>(other != nullptr ? other : ::dlsym(RTLD_NEXT, "clock_gettime"));
 }
@@ -90,8 +90,8 @@ bool IsBefore(const std::atomic<bool>& done) {
     return test::WaitUntil([&] { return done.load(); });
 }
 
-/// Waits for longer than a second are not made of locks here: their deadlines are on the real-time clock, so
-/// a clock that is set ahead ends them early.
+/// No wait for a lock is longer than a second here. The deadlines of locks are on the real-time clock, so a
+/// clock that is set ahead ends longer waits early.
 std::vector<Wait> MakeWaits(osa::Mutex& held, msgbus::MsgBus& client) {
     constexpr int kMs = 700;
     return {
@@ -136,7 +136,7 @@ std::vector<Wait> MakeWaits(osa::Mutex& held, msgbus::MsgBus& client) {
     };
 }
 
-/// Runs all at once; by how many milliseconds each ended late.
+/// Runs all waits at once. Returns by how many milliseconds each ended late.
 std::vector<long long> WaitWhileTheClockIsSet(const std::vector<Wait>& waits) {
     std::vector<long long> late(waits.size());
     std::vector<std::thread> threads;
@@ -187,7 +187,7 @@ ROW(Clock,
         }
     }
     for (std::size_t i = 0; i < waits.size(); ++i) {
-        // What a busy machine adds is not in every round; what the clock adds would be.
+        // A busy machine delays some rounds. A fault with the clock would delay every round.
         run.Expect(least[i] <= 20, "%s: %lld ms off in every round", waits[i].name, least[i]);
     }
     run.Figure("%d rounds of %zu waits, at best each at most %lld ms off, at worst %lld ms", rounds,

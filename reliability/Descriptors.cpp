@@ -13,7 +13,7 @@
 namespace zarip::reliability {
 namespace {
 
-/// For the length of a scope the process may open only so many descriptors more.
+/// Limits the descriptors that the process may still open, for the length of a scope.
 class DescriptorLimit {
 public:
     explicit DescriptorLimit(int left) {
@@ -32,7 +32,8 @@ public:
     }
 
 private:
-    /// The limit is one on numbers, so none below may be free. Returns the first free number.
+    /// Fills all numbers below the limit, because the limit applies to numbers. Returns the first free
+    /// number.
     int FillGaps() {
         const int used = Usage::Now().descriptors;
         for (;;) {

@@ -3,8 +3,8 @@
 #pragma once
 
 /// Makes an allocation fail: by `new`, by malloc and so by libdbus, libxml2, libgcrypt and the C library. The
-/// program's malloc counts the blocks of the whole process. Sanitizers bring an allocator of their own, so
-/// there is none of this in builds with them.
+/// program's malloc counts the blocks of the whole process. Sanitizers have an allocator of their own, so
+/// builds with them do not support this (`IsSupported`).
 namespace zarip::reliability {
 
 class FailingMemory {
@@ -13,13 +13,13 @@ public:
 
     static bool IsSupported();
 
-    /// The n-th allocation from now on fails; those that follow succeed. With the environment variable
-    /// ZARIP_TRACE set to n the stack of the failure is printed.
+    /// Makes the n-th allocation from now on fail. The allocations after it succeed. With the environment
+    /// variable ZARIP_TRACE set to n the stack of the failure is printed.
     static void FailAt(long n, Threads threads);
-    /// Ends that; true if the allocation has failed.
+    /// Ends this. Returns whether an allocation has failed.
     static bool End();
 
-    /// How many blocks are allocated.
+    /// Returns the number of allocated blocks.
     static long GetBlocks();
 };
 

@@ -137,7 +137,7 @@ int FillDisks(Run& run, const Saving& saving, const test::TempDir& folder, int c
     return count;
 }
 
-/// The same in a file system that has room for one and a half files. False if mounting is not permitted.
+/// The same in a file system with room for one and a half files. Returns false if mounting is not permitted.
 bool FillMounted(Run& run, const std::vector<Saving>& savings, const test::TempDir& folder) {
     bool isMounted = false;
     test::WithOwnMounts([&] {

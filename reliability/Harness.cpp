@@ -44,12 +44,12 @@ int CountEntries(const char* folder) {
     return count;
 }
 
-/// What a row's process has come to.
+/// The result of the process of a row.
 struct Outcome {
     bool isPassed;
     std::string figures;
     double seconds;
-    long memory;  ///< KiB at the most
+    long memory;  ///< KiB at most
 };
 
 [[noreturn]] void ShowWhereItEnds() {

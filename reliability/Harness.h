@@ -6,9 +6,9 @@
 #include <cstdarg>
 #include <string>
 
-/// What the rows of the table of reliability share. A row is a function in a source file of its own:
+/// The parts that all rows share. A row is a function in one of the sources:
 ///
-///     ROW(Tasks, "A million tasks leave no memory behind", 60) {
+///     ROW(Tasks, "A million tasks leave no thread and no descriptor", 60) {
 ///         const Usage before = Usage::Now();
 ///         ...
 ///         run.Expect(done == count, "%d of %d tasks ran", done, count);
@@ -18,7 +18,7 @@
 /// `Harness.cpp` runs each row in a process of its own, ends it at its limit and makes the table.
 namespace zarip::reliability {
 
-/// What the process uses.
+/// The resources that the process uses.
 struct Usage {
     long memory;  ///< resident, KiB
     int descriptors;
@@ -33,12 +33,12 @@ public:
     explicit Run(bool isLong) : _isLong(isLong) {}
 
     bool IsLong() const { return _isLong; }
-    /// A number for the long form and one for the short form.
+    /// Returns the first number in the long form and the second in the short form.
     int Count(int inLong, int inShort) const { return _isLong ? inLong : inShort; }
 
-    /// Prints what is wrong; the row then fails at its end.
+    /// If the condition is false, prints the message, and the row fails at its end.
     void Expect(bool holds, const char* format, ...) __attribute__((format(printf, 3, 4)));
-    /// Descriptors and threads are those of `before`, at once or within two seconds.
+    /// Expects the descriptors and threads of `before`, at once or within two seconds.
     void ExpectNothingLeft(const Usage& before);
     /// Adds a figure to the row's line in the table.
     void Figure(const char* format, ...) __attribute__((format(printf, 2, 3)));

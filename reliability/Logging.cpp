@@ -54,7 +54,7 @@ void LogFromThreads(Run& run, int first, int end) {
     }
 }
 
-/// Every line is there once, whole, and those of a thread are in order.
+/// Checks that every line is there once and whole, and that the lines of a thread are in order.
 void CheckLines(Run& run, const std::string& path, int lines) {
     std::ifstream file(path);
     std::string line;
@@ -99,7 +99,7 @@ ROW(Logging,
     for (const core::ILogAppender* const appender : appenders) {
         core::Logger::AddAppender(appender, false);
     }
-    // The C library writes what syslog does not take to the console, which may take milliseconds.
+    // The C library writes records that syslog does not take to the console, which may take milliseconds.
     const int withSyslog = 100;
     const int lines = run.Count(100'000, 5'000);
     LogFromThreads(run, 0, withSyslog);

@@ -98,8 +98,8 @@ struct WebServer {
     inet::HttpServer server;
 };
 
-/// Connects to a port of this machine with the calls of the system alone; -1 on failure. With SOCK_NONBLOCK
-/// the connection is only begun.
+/// Connects to a port of this machine without the library. Returns -1 on failure. With SOCK_NONBLOCK it only
+/// begins to connect.
 inline int ConnectTo(unsigned short port, int flags = 0) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
     if (fd < 0) {
@@ -124,8 +124,8 @@ inline void SendBytes(int fd, const char* text) {
     static_cast<void>(ignored);
 }
 
-/// The status of the answer to a request of "/path", 0 if the connection ends without one, -1 if there is no
-/// connection or the answer is damaged. Allocates nothing.
+/// Returns the status of the answer to a request of "/path", 0 if the connection ends without an answer, and
+/// -1 if no connection can be made or the answer is damaged. Allocates nothing.
 inline int Get(unsigned short port) {
     const int fd = ConnectTo(port);
     if (fd < 0) {
@@ -149,7 +149,7 @@ inline int Get(unsigned short port) {
     return status == 200 && std::strstr(answer, "\r\n\r\n/path") == nullptr ? -1 : status;
 }
 
-/// Takes connections and closes them at once, or keeps them open for a time.
+/// Accepts connections and closes them at once, or keeps them open for a time.
 class Acceptor final : public osa::ITcpSocketAccept {
 public:
     void AcceptSocket(osa::TcpSocket* socket) override {

@@ -27,7 +27,7 @@ public:
     std::atomic<int> count{0};
 };
 
-/// One of everything that has a thread.
+/// One object of every kind that has a thread.
 struct World {
     World() {
         datagrams.Start(&counter);
@@ -89,7 +89,7 @@ public:
     Starter& operator=(const Starter&) = delete;
     ~Starter() { ::waitpid(_pid, nullptr, 0); }
 
-    /// How many children have failed; -1 if that is not known.
+    /// Returns how many children have failed, or -1 if that is not known.
     int Run(const std::string& address) {
         int failed = -1;
         if (::write(_address[1], address.c_str(), address.size() + 1) < 0 ||

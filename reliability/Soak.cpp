@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// One process that works for long.
+// One process works for a long time.
 
 #include "Harness.h"
 #include "Parts.h"
@@ -35,7 +35,7 @@ private:
         }
     }
 
-    /// Signals, tasks and datagrams, of which the kernel keeps only so many.
+    /// Sends signals, tasks and datagrams, a limited number at a time, because the kernel drops datagrams.
     void Burst() {
         for (int i = 0; i < kBurst; ++i) {
             SendSignal(_client);

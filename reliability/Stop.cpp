@@ -18,7 +18,7 @@
 namespace zarip::reliability {
 namespace {
 
-/// What clients have done to a server before it is stopped.
+/// What clients do with a server before it is stopped.
 struct Clients {
     const char* name;
     int count;
@@ -51,7 +51,7 @@ private:
     std::vector<int> _fds;
 };
 
-/// Keeps what it gets open until its end.
+/// Keeps the connections that it gets open until it ends.
 class Keeper final : public osa::ITcpSocketAccept {
 public:
     void AcceptSocket(osa::TcpSocket* socket) override { _sockets.emplace_back(socket); }

@@ -100,7 +100,7 @@ void StartAndStopEach(msgbus::MsgBus& bus) {
     timer.Start(osa::TimeStruct(0, 1), nullptr);
 }
 
-/// What a child does with the library that its busy parent has left it. 0 if all is well.
+/// A child uses the library as its busy parent has left it. Returns 0 if everything works.
 int UseInChild() {
     ::alarm(20);
     core::Logger::GetLogger("child")->Error("a line of %d", static_cast<int>(::getpid()));

@@ -195,7 +195,7 @@ bool MakeConnection() {
     return subscriber.WaitFor(1, std::chrono::milliseconds(300));
 }
 
-/// Throws what the client is told: an error, the end of the connection, or that it has no descriptor itself.
+/// Throws the failure that the client sees: an error, the end of the connection, or no descriptor of its own.
 bool GetPath(const WebServer& web) {
     const int status = Get(web.server.GetLocalPort());
     if (status == 0 || status >= 400 || (status < 0 && errno == EMFILE)) {

@@ -11,22 +11,23 @@
 #include "zarip/core/ThreadPool.h"
 #include "zarip/osa/UdpServer.h"
 
-/// What the library does for a program, as small pieces of work that can fail for want of something.
+/// Small pieces of work of the library that can fail if memory or descriptors run out.
 namespace zarip::reliability {
 
-/// True if the result is right, an exception if it reports the failure.
+/// Returns whether the result is right, or throws if it reports the failure.
 struct Work {
     const char* name;
-    FailingMemory::Threads threads;  ///< those that do the work
+    FailingMemory::Threads threads;  ///< the threads that do the work
     std::function<bool()> run;
-    bool mayLeaveBlocks = false;  ///< until the connection ends: of a handler that is removed without memory
-    bool mayBeLost = false;       ///< what others do for it reports nothing: a signal, a datagram, a task
+    bool mayLeaveBlocks =
+        false;  ///< a handler that is removed without memory keeps some until the connection ends
+    bool mayBeLost = false;  ///< a signal, a datagram or a task may be lost without a report
 };
 
 enum class Result { kRight, kReported, kWrong };
 Result Try(const Work& work);
 
-/// Those that need no service. @param folder  must outlive them.
+/// Makes the works that need no service. @param folder  must outlive them.
 std::vector<Work> LocalWorks(const test::TempDir& folder);
 
 /// Services and clients that live as long as the object, and the work that uses them.

@@ -1,12 +1,12 @@
-# Shared by the scripts beside it; not run on its own.
+# The other scripts of this folder source this file.
 
-# What every build needs.
+# The packages that every build needs.
 base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev libjpeg-dev dbus libglib2.0-bin openssl"
-# What the demo talks to the examples with.
+# The programs with which the demo calls the examples.
 demo_packages="curl tshark gupnp-tools iproute2 libglib2.0-bin"
-# Without these some tests are skipped: clients of another library, and the completion of zsh.
+# Without these packages the tests with clients of another library and with the completion of zsh are skipped.
 peer_packages="libsdbus-c++-dev libsdbus-c++-bin zsh"
-# What it uses the page with.
+# The packages with which the demo uses the page in a browser.
 browser_packages="chromium chromium-driver python3-selenium"
 
 # usage: prints the comment at the top of the running script.
@@ -30,10 +30,10 @@ as_root() {
     fi
 }
 
-# What --no-install sets: nothing is installed, and what is missing ends the script.
+# Set by --no-install: nothing is installed, and a missing package ends the script.
 no_install=
 
-# install_missing PACKAGE...: lists those that are not installed, and installs them.
+# install_missing PACKAGE...: lists the packages that are not installed, and installs them.
 install_missing() {
     local package missing=()
     for package in "$@"; do
@@ -52,14 +52,14 @@ install_missing() {
         return
     fi
     echo "These packages are missing and will be installed, with what they depend on: ${missing[*]}"
-    # Without package lists, or with old ones, the first attempt fails.
+    # If the package lists are missing or old, the first attempt fails.
     as_root apt-get install -y --no-install-recommends "${missing[@]}" >/dev/null 2>&1 || {
         as_root apt-get update
         as_root apt-get install -y --no-install-recommends "${missing[@]}"
     }
 }
 
-# clang_packages: clang++ and the run-time libraries of its sanitizers, whose package has the version in its name.
+# clang_packages: prints the packages of clang++ and of the run-time libraries of its sanitizers.
 clang_packages() {
     local version
     version=$(apt-cache depends clang 2>/dev/null | sed -n 's/^ *Depends: clang-\([0-9]*\)$/\1/p')
@@ -70,7 +70,7 @@ clang_packages() {
     echo "clang ${version:+libclang-rt-$version-dev}"
 }
 
-# configure PRESET FOLDER [CMAKE ARGUMENT]...: with ZARIP_WERROR and ZARIP_DEBUG_INFO of the environment.
+# configure PRESET FOLDER [CMAKE ARGUMENT]...: configures a build, with ZARIP_WERROR and ZARIP_DEBUG_INFO of the environment.
 configure() {
     local preset=$1 folder=$2
     shift 2
@@ -85,7 +85,7 @@ configure() {
     }
 }
 
-# quietly COMMAND...: shows what it prints only if it fails.
+# quietly COMMAND...: shows the output of the command only if it fails.
 quietly() {
     local output
     output=$("$@" 2>&1) || {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// GDBus, the way its manual does it: the client's calls block, the server and the subscriber run a main loop.
+// GDBus, as in its manual: calls of the client block, and server and subscriber run a main loop.
 
 #include <gio/gio.h>
 
@@ -22,7 +22,7 @@ GDBusConnection* Connect() {
     return connection;
 }
 
-// A call of the bus itself, waiting for the answer.
+// Calls the bus itself and waits for the answer.
 void CallBus(GDBusConnection* connection, const char* method, GVariant* arguments) {
     GError* error = nullptr;
     GVariant* const reply = g_dbus_connection_call_sync(
@@ -133,7 +133,7 @@ void Listen(const std::function<void()>& ready, const std::function<void(bool)>&
     g_dbus_connection_signal_subscribe(connection, nullptr, kService, kSignal, kPath, nullptr,
                                        G_DBUS_SIGNAL_FLAGS_NONE, ReceiveSignal,
                                        const_cast<std::function<void(bool)>*>(&receive), nullptr);
-    // The rule is asked for without waiting; an answered call comes after it.
+    // The rule is requested without waiting. A call that is answered comes after it.
     CallBus(connection, "GetId", nullptr);
     ready();
     RunMainLoop();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// libdbus as it is, on one thread: what nobody who uses libdbus can undercut.
+// libdbus alone, on one thread. No library that uses libdbus can be faster.
 
 #include <memory>
 

@@ -74,13 +74,13 @@ struct Services {
     zarip::msgbus::MessageHandlerCollection handlers;
 };
 
-/// What the camera's services say, kept for requests over the web. *Thread-safe.*
+/// The last answers of the services of the camera, for requests over the web. *Thread-safe.*
 ///
 /// A thread of its own asks each service every two seconds and keeps the answers, so a request waits for no
 /// service but the security service, which decides about each request itself. A service that does not answer
-/// within its time-out is left out for ten seconds, and at most one of these is tried in each round, so the
-/// others stay up to date. If it is the security service, requests are refused at once until it answers that
-/// thread again. The thread also connects to the bus, and again after the bus was lost.
+/// within its time-out is left out for ten seconds. At most one of these services is tried in each round, so
+/// the others stay up to date. If it is the security service, requests are refused at once until it answers
+/// that thread again. The thread also connects to the bus, and again after the bus was lost.
 class CameraState {
 public:
     using Clock = std::chrono::steady_clock;
@@ -143,7 +143,7 @@ public:
     }
 
     /// Whether the bus was there and the security service answered when they were asked last; otherwise
-    /// throws `Failure`. Asks nobody.
+    /// throws `Failure`. Calls no service.
     void CheckHealth() {
         if (GetServices() == nullptr) {
             throw Failure{503, "The message bus is gone."};
@@ -266,7 +266,7 @@ private:
         return text;
     }
 
-    /// The connection, or null if there is none or the bus is lost.
+    /// The connection, or null if none has been made or the bus is lost.
     std::shared_ptr<Services> GetServices() const {
         const std::lock_guard<std::mutex> lock(_mutex);
         return _services != nullptr && _services->bus.IsRunning() ? _services : nullptr;
@@ -404,7 +404,7 @@ private:
 
     static json::UnknownElement AskPtz(const Services& services) {
         json::Object ptz;
-        // Nothing else: a call for the settings initialises the line.
+        // Only the polling is asked for, because asking for the settings would initialise the line.
         ptz["polling"] = json::Boolean(services.ptz->GetPtzPollingState());
         return ptz;
     }

@@ -9,7 +9,7 @@
 #include <zarip/core/JsonUtils.h>
 #include <zarip/inet/HttpResponse.h>
 
-/// Thrown by what handles a request and answers with an error.
+/// Thrown by a handler of requests to answer with an error.
 struct Failure {
     int code;
     std::string reason;

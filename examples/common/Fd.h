@@ -10,7 +10,7 @@
 
 #include <zarip/osa/Exception.h>
 
-/// What a system call returned; throws what went wrong when that is -1.
+/// Returns the result of a system call, or throws its error if that is -1.
 inline int Check(int result, const char* call) {
     if (result < 0) {
         throw zarip::osa::Exception(std::string(call) + ": " + std::strerror(errno));

@@ -24,11 +24,10 @@
 
 /// Serves the files of a folder: "/a/b.css" is a/b.css in it, and "/" is index.html. *Thread-safe.*
 ///
-/// Nothing outside of the folder is reached, whatever a path holds: each part of it is opened on its own, in
-/// the folder that the part before it has opened, without following links; and names that begin with a dot
-/// are not served. Browsers keep what they have and ask whether it has changed ("ETag"); players and broken
-/// downloads ask for a part ("Range"). What is sent at once is at most 16 MiB: larger files need an
-/// `IHttpStreamHandler`.
+/// No path leads out of the folder: each part of it is opened in the folder that the part before it has
+/// opened, without following links. Names that begin with a dot are not served. Browsers may ask whether a
+/// file has changed ("ETag"), and players and broken downloads may ask for a part of it ("Range"). An answer
+/// has at most 16 MiB; larger files need an `IHttpStreamHandler`.
 class FileHandler final : public zarip::inet::IHttpHandler {
 public:
     static constexpr std::uint64_t kMostBytes = 16U << 20U;
@@ -72,7 +71,7 @@ private:
         response.SetBody(response.GetCodeText());
     }
 
-    /// Returns -1 for what is not there or must not be served.
+    /// Returns -1 for a file that does not exist or must not be served.
     int Open(const std::string& path) const {
         if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos) {
             return -1;
@@ -97,7 +96,8 @@ private:
         return -1;
     }
 
-    /// Anything else is offered to be saved, since a browser that guesses may run what somebody has uploaded.
+    /// Anything else is offered to be saved, because a browser that guesses the type may run an uploaded
+    /// file.
     static std::string TypeOf(const std::string& path) {
         static const std::map<std::string, const char*> types = {
             {"html", "text/html; charset=UTF-8"},

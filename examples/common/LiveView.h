@@ -31,7 +31,7 @@
 ///
 /// A thread takes a picture 10 times a second while there are viewers. Each viewer has a thread of its own,
 /// which sends the newest picture as soon as the one before has left. So a slow viewer gets fewer pictures
-/// and delays nobody, and one that takes nothing for 5 seconds is cut.
+/// and delays no other viewer, and one that takes nothing for 5 seconds is cut.
 class LiveView final : public zarip::inet::IHttpStreamHandler {
 public:
     using Clock = std::chrono::steady_clock;
@@ -45,7 +45,8 @@ public:
     static constexpr std::chrono::seconds kAdmission{10};
     static constexpr std::size_t kMostViewers = 16;
     static constexpr unsigned int kPatienceMs = 5'000;
-    /// What waits in the kernel for a slow viewer is old when it arrives, so it is little.
+    /// The buffer of the kernel is small, because a picture that waits there for a slow viewer is old when it
+    /// arrives.
     static constexpr unsigned int kSocketBuffer = 64U << 10U;
 
     LiveView(Take take, Admit admit) : _take(std::move(take)), _admit(std::move(admit)) {

@@ -5,7 +5,7 @@
 #include <zarip/core/IniFile.h>
 #include <zarip/core/Logger.h>
 
-/// Logs to standard output: warnings of the library, and what the process itself has to tell with the logger
+/// Logs to standard output: warnings of the library, and the messages of the process itself with the logger
 /// that this returns.
 inline zarip::core::Logger* LogToStdout(const char* name) {
     using zarip::core::Logger;

@@ -16,7 +16,7 @@
 /// a time*.
 ///
 /// An address from which a name has logged in before does not wait for that name: guesses from elsewhere
-/// cannot keep the user out. What has not failed for a quarter of an hour is forgotten.
+/// cannot keep the user out. A name or address without a failure for a quarter of an hour is forgotten.
 class LoginDelay {
 public:
     using Clock = std::chrono::steady_clock;
@@ -46,7 +46,7 @@ public:
         return Count(_entries[AddressKey(address)], now);
     }
 
-    /// The failures of the address stay: an attacker with a login of their own could reset them.
+    /// Keeps the failures of the address, which an attacker with a valid login could reset otherwise.
     void AddSuccess(const std::string& name, const std::string& address,
                     Clock::time_point now = Clock::now()) {
         _entries.erase(NameKey(name));

@@ -97,9 +97,9 @@ private:
     std::vector<std::string> _names;
 };
 
-/// Answers what the guard refuses, and sets on every answer what has browsers run nothing but the camera's
-/// own scripts and styles, guess no types, show the page in no other site's frame, and not name it to other
-/// sites. Returns whether the request may be served.
+/// Answers a request that the guard refuses. Sets headers on every answer, with which browsers run only the
+/// scripts and styles of the camera, guess no types, do not show the page in a frame of another site, and do
+/// not name it to other sites. Returns whether the request may be served.
 inline bool GuardAnswer(const RequestGuard& guard, const zarip::inet::HttpRequest& request,
                         zarip::inet::HttpResponse& response) {
     response.SetHeader("Content-Security-Policy",
@@ -117,7 +117,7 @@ inline bool GuardAnswer(const RequestGuard& guard, const zarip::inet::HttpReques
     return refusal == 0;
 }
 
-/// Passes to another handler what the guard lets through. *Thread-safe* if the other handler is.
+/// Passes the requests that the guard admits to another handler. *Thread-safe* if the other handler is.
 class GuardedHandler final : public zarip::inet::IHttpHandler {
 public:
     /// Both are *not owned* and must outlive this.

@@ -13,7 +13,7 @@
 
 #include "Picture.h"
 
-/// A made-up view of a front yard, in which a person walks along the tracks of the alerts. *Thread-safe*,
+/// A simulated view of a front yard, in which a person walks along the tracks of the alerts. *Thread-safe*,
 /// except that one thread takes the pictures.
 class Scene {
 public:
@@ -27,7 +27,7 @@ public:
 
     Scene() : _yard(kWidth, kHeight) { DrawYard(); }
 
-    /// From now on the person walks along this track, and then stands at its end.
+    /// From now on the person walks along this track and then stays at its end.
     /// @param track  parts of width and height; ignored if it is empty.
     void Walk(std::vector<Point> track) {
         const std::lock_guard<std::mutex> lock(_mutex);

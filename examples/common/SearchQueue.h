@@ -27,7 +27,7 @@ struct Search {
 };
 
 /// Searches that wait for an answer, and the order in which they get it. At most 20 searches a second are
-/// answered, so that nobody can use the camera to flood others; those 20 are shared so that a flood cannot
+/// answered, so that the camera cannot be used to flood others; those 20 are shared so that a flood cannot
 /// silence it:
 ///
 /// - One half is for addresses that were answered before, the other for new ones; what one half leaves the
@@ -61,7 +61,7 @@ public:
         _waiting.push_back({std::move(search), due, limit + kPatience});
     }
 
-    /// Removes and returns the search that is to be answered now, if there is one.
+    /// Removes and returns the search that must be answered now, if any is due.
     std::optional<Search> Take(Clock::time_point now) {
         _waiting.erase(std::remove_if(_waiting.begin(), _waiting.end(),
                                       [&](const Entry& entry) { return entry.limit < now; }),
@@ -114,7 +114,8 @@ private:
                           [&](const Entry& entry) { return IsKnown(entry.search.address) == isKnown; }));
     }
 
-    /// The one that is due of the address whose last answer is the oldest; the number of all for none.
+    /// Returns the due search of the address whose last answer is the oldest; the number of all if none is
+    /// due.
     std::size_t FindNext(Clock::time_point now, bool isKnown) const {
         std::size_t best = _waiting.size();
         const auto rank = [this](const Entry& entry) {
@@ -132,7 +133,7 @@ private:
 
     /// Removes a search of the same half for one more of this address, of which `ofThis` wait. The address
     /// with the most searches loses one; of several that was answered last, or by chance if all are new.
-    /// Returns false if it is the newcomer that loses.
+    /// Returns false if the new search loses.
     bool MakeRoom(const std::string& address, std::size_t ofThis) {
         const auto rank = [this](const std::string& of, std::size_t count) {
             return std::make_tuple(count, LastAnswer(of), _random());

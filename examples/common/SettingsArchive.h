@@ -14,16 +14,16 @@
 #include <map>
 #include <string>
 
-/// Files in one piece, which only those who know a pass phrase can read or change.
+/// Several files in one archive, which can be read and changed only with a pass phrase.
 ///
 ///     "ZARIPBAK"  version  iterations  salt | names and contents, sealed
 ///      8 bytes    4        4           16
 ///
 /// Numbers have four bytes, the most significant first. PBKDF2 makes a key of the pass phrase and the salt,
-/// and `AuthenticatedCipher` with ChaCha20-Poly1305 seals the rest, with all that stands before it as
+/// and `AuthenticatedCipher` with ChaCha20-Poly1305 seals the rest, with everything before it as
 /// associated data.
 ///
-/// Archives of version 1 are still read: AES-256 in counter mode, then HMAC-SHA256 of all that stands before
+/// Archives of version 1 are still read: AES-256 in counter mode, then HMAC-SHA256 of everything before
 /// it.
 namespace settings_archive {
 
@@ -38,7 +38,7 @@ constexpr char kMagic[] = "ZARIPBAK";
 constexpr std::uint32_t kOldVersion = 1;
 constexpr std::uint32_t kVersion = 2;
 constexpr std::uint32_t kIterations = 200'000;
-// What comes from a file is believed only so far: fewer are no protection, more only keep the device busy.
+// Limits for the number in a file: fewer iterations do not protect, and more only keep the device busy.
 constexpr std::uint32_t kMinIterations = 10'000;
 constexpr std::uint32_t kMaxIterations = 5'000'000;
 constexpr std::size_t kSaltAt = 16;
@@ -77,7 +77,7 @@ inline bool IsGoodName(const std::string& name) {
     }
 }
 
-/// What a header says that the pass phrase has to be turned into.
+/// Makes the key from the pass phrase and the header.
 inline SecureBuffer MakeKey(const SecureBuffer& passPhrase, const std::string& header) {
     return CryptoUtils::DeriveKey(passPhrase.GetData(), passPhrase.GetSize(), header.data() + kSaltAt,
                                   kSaltSize, ReadNumber(header, 12), AuthenticatedCipher::kKeySize);
@@ -108,7 +108,7 @@ inline std::string OpenOld(const std::string& archive, const SecureBuffer& maste
     return aes.Update(archive.substr(kHeader + kCounter, end - kHeader - kCounter));
 }
 
-/// Nothing comes out unless the pass phrase is right and no byte was changed.
+/// Throws unless the pass phrase is right and no byte was changed.
 inline std::string OpenSealed(const std::string& archive, const SecureBuffer& key) {
     try {
         const AuthenticatedCipher cipher(AuthenticatedCipher::kChaCha20Poly1305, key);
@@ -119,8 +119,8 @@ inline std::string OpenSealed(const std::string& archive, const SecureBuffer& ke
     }
 }
 
-/// The archive of these files. Throws `osa::Exception` for a name that `IsGoodName` refuses, and for too
-/// much.
+/// The archive of these files. Throws `osa::Exception` for a name that `IsGoodName` refuses, and for
+/// more than 16 MiB.
 inline std::string Seal(const Files& files, const SecureBuffer& passPhrase,
                         std::uint32_t iterations = kIterations) {
     std::string plain;
@@ -146,8 +146,8 @@ inline std::string Seal(const Files& files, const SecureBuffer& passPhrase,
     return archive + cipher.Seal(plain, archive);
 }
 
-/// What `Seal` was given. Throws `osa::Exception` for a wrong pass phrase, and for an archive of which a
-/// single bit has changed; the two look the same.
+/// Returns the files that `Seal` was given. Throws `osa::Exception` for a wrong pass phrase, and for an
+/// archive of which a single bit has changed; the two look the same.
 inline Files Open(const std::string& archive, const SecureBuffer& passPhrase) {
     if (archive.size() < kHeader || archive.compare(0, 8, kMagic) != 0 || archive.size() > kMaxSize) {
         throw Exception("this is no archive of settings");
@@ -163,7 +163,7 @@ inline Files Open(const std::string& archive, const SecureBuffer& passPhrase) {
     const SecureBuffer key = MakeKey(passPhrase, archive);
     const std::string plain = version == kVersion ? OpenSealed(archive, key) : OpenOld(archive, key);
 
-    // The maker of this knew the pass phrase; that is no reason to let it write anywhere.
+    // The maker of the archive knew the pass phrase, and still must not write outside of the folder.
     Files files;
     std::size_t at = 0;
     const auto take = [&plain, &at] {

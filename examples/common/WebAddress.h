@@ -9,8 +9,8 @@
 #include <zarip/core/IniFile.h>
 #include <zarip/osa/Exception.h>
 
-/// Where the web gateway listens, as device.ini says. The gateway and the responder that announces it read it
-/// with this, so what is announced is what is served.
+/// The address in device.ini at which the web gateway listens. The gateway and the responder that announces
+/// it both use this class, so the announced address is the one that is served.
 struct WebAddress {
     std::string address = "127.0.0.1";
     int port = 8'080;

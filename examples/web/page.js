@@ -26,7 +26,7 @@ const asTime = value => {
   return isToday ? time.toLocaleTimeString() : time.toLocaleString();
 };
 
-let user = null;       // who is logged in
+let user = null;       // the user that is logged in
 let trouble = "";      // why there are no answers
 let seenChanges = "";  // of the user list, when it was fetched
 let latestAlert = 0;   // the number of the last one that is shown
@@ -181,7 +181,7 @@ function showCamera(state) {
   if (!state.network) lines.push([kNames.network, "does not answer", true]);
   add("viewers", ({now, guaranteed}) => `${Number(now)} now, ${Number(guaranteed)} guaranteed`);
   add("ptz", ({polling}) => polling ? "is polled" : "is not polled");
-  add("audio", list => list.map(({client}) => client).join(", ") || "nobody is connected");
+  add("audio", list => list.map(({client}) => client).join(", ") || "no client is connected");
   add("registration", ({registered, synced}) => (registered ? "registered" : "not registered") + (synced ? ", in step" : ""));
   fill($("#camera table"), lines, ([name]) => name, ([name, value, isSilent], row) => {
     queueMicrotask(() => row.cells[1].classList.toggle("silent", Boolean(isSilent)));

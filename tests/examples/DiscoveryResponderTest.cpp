@@ -354,7 +354,7 @@ struct Flooded {
         queue.Add({address, static_cast<unsigned short>(port), "type", 100}, now,
                   now + std::chrono::hours(1));
     }
-    /// Whom the next answer goes to, after the time of one; "" for nobody.
+    /// The address that gets the next answer after the time of one answer; "" if no address waits.
     string Answer() {
         now += kStep;
         const auto search = queue.Take(now);
@@ -399,8 +399,8 @@ TEST(SearchQueueTest, AFloodDoesNotSilenceTheOthers) {
     }
     EXPECT_LE(flooded.AnswersUntil("newcomer", searchFromWholeNetwork), 2 + 32);
     const int left = flooded.AnswersUntil("honest", searchFromWholeNetwork);
-    EXPECT_TRUE(left >= 1 && left <= 4) << left;  // nobody has waited longer
-    // One address with very many ports takes nobody's place.
+    EXPECT_TRUE(left >= 1 && left <= 4) << left;  // no address has waited longer
+    // One address with many ports takes no place of another.
     Flooded greedy;
     for (int port = 1; port <= 100; ++port) {
         greedy.Search("greedy", port);
@@ -414,7 +414,7 @@ TEST(SearchQueueTest, AFloodDoesNotSilenceTheOthers) {
     EXPECT_EQ(answers["greedy"], 8);
 }
 
-TEST(SearchQueueTest, AnswersTwentyInASecondAndNobodyWhoHasGone) {
+TEST(SearchQueueTest, AnswersTwentyInASecondAndNoAddressThatHasGone) {
     SearchQueue queue;
     const Clock::time_point now = Clock::now();
     using std::chrono::seconds;

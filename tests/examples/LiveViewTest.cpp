@@ -154,7 +154,7 @@ private:
     string _held;
 };
 
-TEST_F(LiveViewTest, ASlowViewerMissesFramesAndDelaysNobody) {
+TEST_F(LiveViewTest, ASlowViewerMissesFramesAndDelaysNoOther) {
     std::list<Viewer> viewers;
     for (int i = 0; i < 10; ++i) {
         viewers.emplace_back(_port);

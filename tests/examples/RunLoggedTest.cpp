@@ -49,7 +49,7 @@ TEST(RunLoggedTest, LogsLinesAndPassesTheEndOn) {
                 program.Kill();
             }
         }
-        EXPECT_TRUE(output.eof());  // nobody is left who could write
+        EXPECT_TRUE(output.eof());  // no process is left that could write
         EXPECT_EQ(messages, row.messages);
         EXPECT_TRUE(program.Wait());
         EXPECT_EQ(program.GetExitStatus(), row.status);

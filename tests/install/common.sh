@@ -1,6 +1,6 @@
-# Shared by the scripts of this folder; not run on its own.
+# The other scripts of this folder source this file.
 
-# What consumer.cpp prints.
+# The output of consumer.cpp.
 expected="alice on 8080"
 
 temp=$(mktemp -d "${TMPDIR:-/tmp}/zarip-install-XXXXXX")
@@ -10,7 +10,7 @@ fail() {
     echo "$(basename "$0"): $1" >&2
     exit 1
 }
-# quietly COMMAND...: shows what it prints only if it fails.
+# quietly COMMAND...: shows the output of the command only if it fails.
 quietly() {
     "$@" >"$temp/output" 2>&1 || {
         cat "$temp/output" >&2
