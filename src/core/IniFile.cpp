@@ -14,8 +14,8 @@
 #include <sstream>
 #include <string_view>
 
-#include "core/ReadBlocks.h"
-#include "core/Text.h"
+#include "core/ReadFileBlocks.h"
+#include "core/Trim.h"
 #include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
 #include "osa/UniqueFd.h"
@@ -158,14 +158,18 @@ Replaced Replace(const std::string& target, const struct stat* old, const std::s
     if (!replacement.Open(old != nullptr ? 0600 : 0666)) {
         return Replaced::kNotOpened;
     }
-    if (!osa::WriteAll(replacement.GetFd(), text) || (old != nullptr && !replacement.TakeOver(*old)) ||
-        !osa::Synchronise(replacement.GetFd())) {
+    if (!osa::WriteAll(replacement.GetFd(), text) || (old != nullptr && !replacement.TakeOver(*old))) {
         return Replaced::kNotWritten;
     }
-    if (!replacement.Commit()) {
-        return Replaced::kNotOpened;
+    switch (replacement.Finish()) {
+        case osa::FileReplacement::Finished::kDone:
+            return Replaced::kDone;
+        case osa::FileReplacement::Finished::kNotReplaced:
+            return Replaced::kNotOpened;
+        case osa::FileReplacement::Finished::kFailed:
+            break;
     }
-    return replacement.SynchroniseFolder() ? Replaced::kDone : Replaced::kNotWritten;
+    return Replaced::kNotWritten;
 }
 
 /// Whether a file that could not be replaced may well be written: its folder or its file system does not

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "core/AppenderGuard.h"
-#include "core/CompositeAppenderBody.h"
+#include "core/CompositeAppenderImpl.h"
 #include "core/LogRotate.h"
 #include "osa/CurrentThread.h"
 #include "zarip/core/CompositeAppender.h"
@@ -105,16 +105,16 @@ struct LoggerRegistry {
     // taken for the time of the fork. The root's comes first, as an appender that runs under it may want the
     // registry's.
     static void BeforeFork() {
-        s_instance->root._body->LockForFork();
+        s_instance->root._impl->LockForFork();
         ::pthread_mutex_lock(&RegistryLock::s_mutex);
     }
     static void AfterForkInParent() {
         ::pthread_mutex_unlock(&RegistryLock::s_mutex);
-        s_instance->root._body->UnlockInParent();
+        s_instance->root._impl->UnlockInParent();
     }
     static void AfterForkInChild() {
         ::pthread_mutex_unlock(&RegistryLock::s_mutex);
-        s_instance->root._body->UnlockInChild();
+        s_instance->root._impl->UnlockInChild();
     }
 };
 

@@ -16,8 +16,8 @@
 #include <sstream>
 #include <string_view>
 
-#include "core/ReadBlocks.h"
-#include "core/Text.h"
+#include "core/ReadFileBlocks.h"
+#include "core/Trim.h"
 #include "zarip/osa/Exception.h"
 
 namespace zarip::core {

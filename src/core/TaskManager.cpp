@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <deque>
-#include <exception>
 #include <utility>
 #include <vector>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimeSource.h"
@@ -20,13 +20,13 @@
 #include "zarip/osa/MutexAutoLock.h"
 #include "zarip/osa/Semaphore.h"
 #include "zarip/osa/TimeStruct.h"
+#include "zarip/osa/Timeout.h"
 
 namespace zarip::core {
 
 namespace {
 
 constexpr int kMaxCount = 500;
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
 /// A clock that jumps changes how long a wait has to be, so no wait is longer without a look at the clock.
 constexpr long long kLookAgainMs = 1'000;
@@ -238,10 +238,10 @@ void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 /// `_mutex` guards the queue and the numbers of waiting threads. A task that is queued while a thread waits
 /// releases `_wakeUp`, but not more often than there are threads that wait: a burst of tasks wakes a worker
 /// once.
-class ZARIP_HIDDEN TaskManager::TaskManagerImpl {
+class ZARIP_HIDDEN TaskManager::Impl {
 public:
     /// @param isMonotonic  whether the time source never goes back.
-    TaskManagerImpl(osa::ITimeSource* timeSource, bool ownsTimeSource, bool isMonotonic, int maxCount)
+    Impl(osa::ITimeSource* timeSource, bool ownsTimeSource, bool isMonotonic, int maxCount)
         : _timeSource(timeSource),
           _ownedTimeSource(ownsTimeSource ? timeSource : nullptr),
           _isMonotonic(isMonotonic),
@@ -296,8 +296,8 @@ private:
     int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that no thread has taken yet
 };
 
-void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
-                                         bool evenIfFull) {
+void TaskManager::Impl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
+                              bool evenIfFull) {
     const Microseconds wait = delay.GetTotalMicroseconds();
     // The task that ends a pool comes after all that are due, so it needs the exact time.
     const bool isUndelayed = wait == 0 && _isMonotonic && !evenIfFull;
@@ -322,8 +322,7 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     }
 }
 
-void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
-                                        std::unique_ptr<IVoidDelegate0> task) {
+void TaskManager::Impl::Push(Microseconds due, Microseconds delay, std::unique_ptr<IVoidDelegate0> task) {
     if (delay == 0 && due >= _queue.GetLastInList()) {
         _queue.PushInOrder(due, std::move(task));
         return;
@@ -336,35 +335,32 @@ void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
 
 /// The due time is the time of the last tick, unless a task with a delay is due so soon that only the exact
 /// time tells which of the two comes first.
-void TaskManager::TaskManagerImpl::PushUndelayed(Microseconds lastTick,
-                                                 std::unique_ptr<IVoidDelegate0> task) {
+void TaskManager::Impl::PushUndelayed(Microseconds lastTick, std::unique_ptr<IVoidDelegate0> task) {
     const Microseconds now = _queue.HasDelayed(lastTick + kSoon) ? Now() : lastTick;
     const Microseconds due = std::max(now, _queue.GetLastInList());
     _lastNow = std::max(_lastNow, due);
     _queue.PushInOrder(due, std::move(task));
 }
 
-void TaskManager::TaskManagerImpl::Dequeue(void* target) {
+void TaskManager::Impl::Dequeue(void* target) {
     // Deleted without the lock: the end of a task may use the queue.
     std::vector<std::unique_ptr<IVoidDelegate0>> removed;
     const osa::MutexAutoLock lock(&_mutex);
     removed = _queue.Remove(target);
 }
 
-void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
+void TaskManager::Impl::Run(IVoidDelegate0& task) const {
     try {
         task.Call();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit ends the thread
-    } catch (const std::exception& e) {
-        _logger->Error("Exception running task: %s", e.what());
     } catch (...) {
-        _logger->Error("Exception running task: %s", "unknown");
+        _logger->Error("Exception running task: %s", osa::DescribeCaught());
     }
 }
 
 /// Whether the top of the queue is due, by a time read before if that says so already.
-bool TaskManager::TaskManagerImpl::IsDue() {
+bool TaskManager::Impl::IsDue() {
     if (_queue.IsEmpty()) {
         return false;
     }
@@ -374,7 +370,7 @@ bool TaskManager::TaskManagerImpl::IsDue() {
     return _queue.GetNextDue() <= _lastNow;
 }
 
-TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Call& call) {
+TaskManager::Impl::Step TaskManager::Impl::GetNextStep(Call& call) {
     const osa::MutexAutoLock lock(&_mutex);
     if (std::exchange(call.hasSlept, false)) {
         --_waiting;
@@ -397,7 +393,7 @@ TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Cal
         call.target = std::min(call.target, _queue.GetNextDue());
     }
     call.isLastSleep = false;
-    call.sleepMs = kNoLimit;
+    call.sleepMs = osa::kWaitForEver;
     if (call.target != kNever) {
         const long long wait = ToMilliseconds(call.target - Now());
         if (wait < 0) {
@@ -411,7 +407,7 @@ TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Cal
     return Step::kSleep;
 }
 
-bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
+bool TaskManager::Impl::WaitAndExecute(int timeoutMs) {
     Call call(timeoutMs);
     if (timeoutMs > 0) {
         call.target = Now() + static_cast<Microseconds>(timeoutMs) * 1'000;
@@ -438,10 +434,10 @@ bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
 TaskManager::TaskManager() : TaskManager(kMaxCount) {}
 
 TaskManager::TaskManager(int maxCount)
-    : _impl(std::make_unique<TaskManagerImpl>(new osa::MonotonicTimeSource, true, true, maxCount)) {}
+    : _impl(std::make_unique<Impl>(new osa::MonotonicTimeSource, true, true, maxCount)) {}
 
 TaskManager::TaskManager(osa::ITimeSource* timeSource, bool takeOwnership)
-    : _impl(std::make_unique<TaskManagerImpl>(timeSource, takeOwnership, false, kMaxCount)) {}
+    : _impl(std::make_unique<Impl>(timeSource, takeOwnership, false, kMaxCount)) {}
 
 TaskManager::~TaskManager() = default;
 

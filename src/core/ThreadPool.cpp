@@ -19,12 +19,12 @@ constexpr unsigned int kStackSize = 32'768;
 }  // namespace
 
 /// Shared with the worker while it runs, so that a task may destroy the pool.
-class ZARIP_HIDDEN ThreadPool::ThreadPoolImpl final : public osa::Runnable {
+class ZARIP_HIDDEN ThreadPool::Impl final : public osa::Runnable {
 public:
-    ThreadPoolImpl() = default;
-    explicit ThreadPoolImpl(int maxCount) : _tasks(maxCount) {}
+    Impl() = default;
+    explicit Impl(int maxCount) : _tasks(maxCount) {}
 
-    void Start(std::shared_ptr<ThreadPoolImpl> self) {
+    void Start(std::shared_ptr<Impl> self) {
         _self = std::move(self);
         _logger->Debug("Spawning thread");
         try {
@@ -36,14 +36,14 @@ public:
     }
 
     void Run() override {
-        const std::shared_ptr<ThreadPoolImpl> self = std::move(_self);
+        const std::shared_ptr<Impl> self = std::move(_self);
         while (!_stop) {
             _tasks.WaitAndExecuteTask(-1);
         }
     }
 
     /// Queues the task that ends the worker, after those that are due by now. A full queue takes it, too.
-    void Stop() override { _tasks.QueueEvenIfFull(MakeDelegate(this, &ThreadPoolImpl::SetStopFlag)); }
+    void Stop() override { _tasks.QueueEvenIfFull(MakeDelegate(this, &Impl::SetStopFlag)); }
 
     void SetStopFlag() { _stop = true; }
 
@@ -51,14 +51,14 @@ public:
     TaskManager _tasks;
     osa::Thread _thread{"ThreadPool", this, kStackSize, 0};
     std::atomic<bool> _stop{false};
-    std::shared_ptr<ThreadPoolImpl> _self;
+    std::shared_ptr<Impl> _self;
 };
 
-ThreadPool::ThreadPool() : _impl(std::make_shared<ThreadPoolImpl>()) {
+ThreadPool::ThreadPool() : _impl(std::make_shared<Impl>()) {
     _impl->Start(_impl);
 }
 
-ThreadPool::ThreadPool(int maxCount) : _impl(std::make_shared<ThreadPoolImpl>(maxCount)) {
+ThreadPool::ThreadPool(int maxCount) : _impl(std::make_shared<Impl>(maxCount)) {
     _impl->Start(_impl);
 }
 

@@ -18,6 +18,7 @@
 #include "inet/Address.h"
 #include "inet/MessageHead.h"
 #include "inet/Text.h"
+#include "osa/DescribeCaught.h"
 #include "osa/Errors.h"
 #include "osa/TcpSocketImpl.h"
 #include "zarip/core/Logger.h"
@@ -118,10 +119,8 @@ void HttpService::LogCaught() noexcept {
     try {
         try {
             throw;
-        } catch (const std::exception& e) {
-            LogFailure(e.what());
         } catch (...) {
-            LogFailure("unknown");
+            LogFailure(osa::DescribeCaught());
         }
     } catch (...) {
         // There is not even memory for the record.

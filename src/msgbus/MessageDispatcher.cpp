@@ -5,9 +5,9 @@
 #include <cxxabi.h>
 
 #include <algorithm>
-#include <exception>
 #include <iterator>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/msgbus/MsgBusMsg.h"
@@ -114,10 +114,8 @@ bool MessageDispatcher::Run(Entry& entry, const MsgBusMsg& message, bool isSigna
         entry.handler->HandleMessage(message, bus);
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
-    } catch (const std::exception& e) {
-        Fail(message, isSignal, bus, e.what());
     } catch (...) {
-        Fail(message, isSignal, bus, "unknown");
+        Fail(message, isSignal, bus, osa::DescribeCaught());
     }
     return true;
 }

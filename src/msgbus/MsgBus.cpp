@@ -10,6 +10,7 @@
 #include "msgbus/MessageDispatcher.h"
 #include "msgbus/MessageReceiver.h"
 #include "msgbus/MsgBusMsgImpl.h"
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
@@ -274,10 +275,8 @@ void MsgBus::MsgBusImpl::Run() {
         Listen();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit in a handler
-    } catch (const std::exception& e) {
-        _logger->Error("Run caught exception: %s", e.what());
     } catch (...) {
-        _logger->Error("Run caught exception: %s", "unknown");
+        _logger->Error("Run caught exception: %s", osa::DescribeCaught());
     }
 }
 
@@ -325,10 +324,8 @@ void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
         for (const auto& [interface, member] : places) {
             _daemon.RemoveMatch(MatchRule(interface, member));
         }
-    } catch (const std::exception& e) {
-        _logger->Error("Failed to unregister message handler: %s", e.what());
     } catch (...) {
-        _logger->Error("Failed to unregister message handler: %s", "unknown");
+        _logger->Error("Failed to unregister message handler: %s", osa::DescribeCaught());
     }
 }
 

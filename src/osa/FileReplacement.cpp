@@ -114,7 +114,7 @@ void RemoveAbandoned(const std::string& folder) {
     };
     const std::unique_ptr<DIR, CloseFolder> opened(::opendir(folder.empty() ? "." : folder.c_str()));
     if (!opened) {
-        return;  // one that may be written but not read
+        return;  // a folder that may be written but not read
     }
     const int fd = ::dirfd(opened.get());
     while (const dirent* const entry = ::readdir(opened.get())) {
@@ -182,7 +182,7 @@ void AccessList::RestrictGroup() {
     }
 }
 
-bool AccessList::Apply(int file, mode_t mode) const {
+bool AccessList::ApplyTo(int file, mode_t mode) const {
     if (!_list.empty() && ::fsetxattr(file, kAccessList, _list.data(), _list.size(), 0) == 0) {
         return ::fchmod(file, mode) == 0;
     }
@@ -249,22 +249,25 @@ bool FileReplacement::TakeOver(const struct stat& old, AccessList list) {
         list.RestrictGroup();
         mode &= list.IsEmpty() ? 0707 | ((mode & 07) << 3) : 0777;
     }
-    return list.Apply(_file.Get(), mode);
+    return list.ApplyTo(_file.Get(), mode);
 }
 
-bool FileReplacement::Commit() {
+FileReplacement::Finished FileReplacement::Finish() {
+    if (_file.IsValid() && !Synchronise(_file.Get())) {
+        return Finished::kFailed;
+    }
     if (::rename(_path.c_str(), _target.c_str()) != 0) {
-        return false;
+        return Finished::kNotReplaced;
     }
     _path.clear();
-    return true;
+    return SynchroniseFolder() ? Finished::kDone : Finished::kFailed;
 }
 
 bool FileReplacement::SynchroniseFolder() const {
     const UniqueFd folder(
         ::open(_folder.empty() ? "." : _folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.IsValid()) {
-        ::sync();  // one that may be written but not read is part of everything
+        ::sync();  // a folder that may be written but not read
         return true;
     }
     return Synchronise(folder.Get());

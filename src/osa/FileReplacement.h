@@ -42,7 +42,7 @@ public:
 
     /// Sets mode and list of a file; without a list it removes the one that a new file gets from its folder.
     /// If a list cannot be set, only the owner keeps rights. False with errno.
-    bool Apply(int file, mode_t mode) const;
+    bool ApplyTo(int file, mode_t mode) const;
 
 private:
     template <class Get>
@@ -83,19 +83,23 @@ public:
     bool TakeOver(const struct stat& old) { return TakeOver(old, AccessList::Of(_target)); }
     bool TakeOver(const struct stat& old, AccessList list);
 
-    /// To write, and to synchronise: what takes a place has to be on the disk before.
+    /// The file to write to; -1 for a link.
     int GetFd() const { return _file.Get(); }
 
-    /// False also if the target cannot be replaced (another file system is mounted on it).
-    bool Commit();
+    enum class Finished {
+        kDone,
+        kNotReplaced,  ///< the target cannot be replaced: another file system is mounted on it, for example
+        kFailed,
+    };
 
-    /// To be called after `Commit`: only then the disk keeps the file in its place. It is in its place also
-    /// if this fails.
-    bool SynchroniseFolder() const;
+    /// Has the disk keep the content, puts the file in the target's place and has the disk keep that, too. If
+    /// only the last step fails, the file is in its place already. To be called once, as the last function.
+    Finished Finish();
 
 private:
     template <class Make>
     bool MakeTemporary(Make make);
+    bool SynchroniseFolder() const;
 
     const std::string _target;
     const std::string _folder;

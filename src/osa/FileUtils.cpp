@@ -126,7 +126,7 @@ void ReplaceFile(const std::string& path, const Target& target, mode_t mode, std
                  SetRights setRights) {
     FileReplacement replacement(target.path);
     if (!replacement.Open(mode) || !WriteAll(replacement.GetFd(), content) || !setRights(replacement) ||
-        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
+        replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", path);
     }
 }
@@ -201,13 +201,13 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
         CopyBlocks(source.Get(), replacement.GetFd(), from, to);
         const timespec times[] = {status.st_atim, status.st_mtim};
         if (!replacement.TakeOver(status, AccessList::Of(source.Get())) ||
-            ::futimens(replacement.GetFd(), times) != 0 || !Synchronise(replacement.GetFd())) {
+            ::futimens(replacement.GetFd(), times) != 0) {
             Fail("Couldn't write", to);
         }
     } else {
         Fail("Couldn't move", from, EXDEV);
     }
-    if (!replacement.Commit() || !replacement.SynchroniseFolder()) {
+    if (replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", to);
     }
     if (::unlink(from.c_str()) != 0 && errno != ENOENT) {
@@ -231,14 +231,14 @@ public:
         : _path(path), _parent(parent), _name(name) {}
 
     bool Run() {
-        Begin();
+        OpenParent();
         while (_levels.size() > 1 || !_levels.back().folders.empty()) {
             if (_levels.back().folders.empty()) {
-                Leave();
+                DeleteEmptied();
             } else {
                 std::string name = std::move(_levels.back().folders.back());
                 _levels.back().folders.pop_back();
-                Enter(name);
+                DeleteOrEnter(name);
             }
         }
         return _found;
@@ -255,7 +255,7 @@ private:
     static constexpr int kOpenFolder = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     static constexpr int kMaxAgain = 100;
 
-    [[noreturn]] void Stop(const std::string& name, int error = errno) const {
+    [[noreturn]] void ThrowFailure(const std::string& name, int error = errno) const {
         if (_levels.size() <= 1 && name == _name) {
             Fail("Couldn't delete", _path, error);
         }
@@ -265,11 +265,11 @@ private:
     /// Others are changing the tree: that is a failure only if they never stop.
     void CountAgain(const std::string& name, int error) {
         if (++_again > kMaxAgain) {
-            Stop(name, error);
+            ThrowFailure(name, error);
         }
     }
 
-    void Begin() {
+    void OpenParent() {
         _levels.clear();
         _folder = UniqueFd(::open(_parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat status {};
@@ -277,7 +277,7 @@ private:
             const int error = errno;
             _levels.push_back({});
             if (!IsNowhere(error)) {
-                Stop(_name, error);
+                ThrowFailure(_name, error);
             }
             return;
         }
@@ -285,7 +285,7 @@ private:
     }
 
     /// Deletes an entry of the present folder, or goes into it.
-    void Enter(const std::string& name) {
+    void DeleteOrEnter(const std::string& name) {
         if (::unlinkat(_folder.Get(), name.c_str(), 0) == 0) {
             _found = true;
             return;
@@ -293,7 +293,7 @@ private:
         const int error = errno;
         if (error != EISDIR && error != EPERM) {
             if (!IsNowhere(error)) {
-                Stop(name, error);
+                ThrowFailure(name, error);
             }
             return;
         }
@@ -304,12 +304,12 @@ private:
                 CountAgain(name, error);  // no folder any more
                 _levels.back().folders.push_back(name);
             } else if (errno != ENOENT) {
-                Stop(name, errno == ENOTDIR ? error : errno);
+                ThrowFailure(name, errno == ENOTDIR ? error : errno);
             }
             return;
         }
         if (status.st_dev != _levels.back().device || IsMountPoint(child.Get())) {
-            Stop(name, EXDEV);
+            ThrowFailure(name, EXDEV);
         }
         _found = true;
         Level level = {status.st_dev, status.st_ino, name, {}};
@@ -317,7 +317,7 @@ private:
         if (!readable.IsValid() && errno == EACCES) {
             // Nothing has to be read in an empty folder.
             if (::unlinkat(_folder.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-                Stop(name, EACCES);
+                ThrowFailure(name, EACCES);
             }
             return;
         }
@@ -328,19 +328,19 @@ private:
                 if (errno == EISDIR) {
                     level.folders.push_back(entry);
                 } else if (errno != ENOENT) {
-                    Stop(entry);
+                    ThrowFailure(entry);
                 }
             }
         });
         if (!isRead && errno != ENOENT) {
-            Stop(name);
+            ThrowFailure(name);
         }
         _levels.push_back(std::move(level));
         _folder = std::move(child);
     }
 
     /// Goes up and deletes the folder that it has come from, which is empty.
-    void Leave() {
+    void DeleteEmptied() {
         const std::string name = std::move(_levels.back().name);
         _levels.pop_back();
         UniqueFd parent(::openat(_folder.Get(), "..", kOpenFolder));
@@ -348,7 +348,7 @@ private:
         if (!parent.IsValid() || ::fstat(parent.Get(), &status) != 0 ||
             status.st_dev != _levels.back().device || status.st_ino != _levels.back().inode) {
             CountAgain(name, parent.IsValid() ? EBUSY : errno);  // the folder has been moved
-            Begin();
+            OpenParent();
             return;
         }
         _folder = std::move(parent);
@@ -356,7 +356,7 @@ private:
             return;
         }
         if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOTDIR) {
-            Stop(name);
+            ThrowFailure(name);
         }
         CountAgain(name, errno);
         _levels.back().folders.push_back(name);
@@ -450,8 +450,8 @@ void FileUtils::Copy(const std::string& from, const std::string& to) {
         replacement.TakeOwner(target.old);
     }
     CopyBlocks(source.Get(), replacement.GetFd(), from, to);
-    if (!AccessList::Of(source.Get()).Apply(replacement.GetFd(), status.st_mode & 0777) ||
-        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
+    if (!AccessList::Of(source.Get()).ApplyTo(replacement.GetFd(), status.st_mode & 0777) ||
+        replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", to);
     }
 }
@@ -540,7 +540,7 @@ void FileUtils::WriteAtomically(const std::string& path, const void* data, std::
         if (target.exists) {
             replacement.TakeOwner(target.old);
         }
-        return AccessList().Apply(replacement.GetFd(), mode);
+        return AccessList().ApplyTo(replacement.GetFd(), mode);
     });
 }
 

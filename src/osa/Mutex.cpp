@@ -72,10 +72,8 @@ int LockUntil(pthread_mutex_t* mutex, const Deadline& deadline) {
     }
 }
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
 int LockFor(pthread_mutex_t* mutex, unsigned int timeoutMs) {
-    if (timeoutMs == kNoLimit) {
+    if (timeoutMs == kWaitForEver) {
         return ::pthread_mutex_lock(mutex);
     }
     if (timeoutMs == 0) {

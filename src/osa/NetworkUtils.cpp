@@ -7,9 +7,9 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/JsonUtils.h"
 #include "zarip/core/Logger.h"
 #include "zarip/interfaces/INetworkingV2Provider.h"
@@ -59,10 +59,8 @@ std::string Query(const char* key, const char* failure) {
     std::string reason;
     try {
         return ValueOf(core::JsonUtils::ParseObject(NetworkUtils::GetProvider()->Get(Request(key))), key);
-    } catch (const std::exception& e) {
-        reason = e.what();
     } catch (...) {
-        reason = "unknown";
+        reason = DescribeCaught();
     }
     static auto* const s_logger = core::Logger::GetLogger("NetworkUtils");
     s_logger->Debug("%s: %s", key, reason.c_str());

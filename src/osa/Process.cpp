@@ -257,7 +257,7 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
 
 /// Whether it has ended. That of a group stays a zombie until the object goes: as long as it is one, nobody
 /// else gets the number of the group.
-bool Process::Impl::Look() {
+bool Process::Impl::CheckEnded() {
     const MutexAutoLock lock(&mutex);
     if (ended) {
         return true;
@@ -330,7 +330,7 @@ Process::Process(const std::string& program, const std::vector<std::string>& arg
 
 Process::~Process() {
     try {
-        const bool hadEnded = _impl->Look();
+        const bool hadEnded = _impl->CheckEnded();
         {
             const MutexAutoLock lock(&_impl->mutex);
             if (!_impl->reaped) {
@@ -351,7 +351,7 @@ Process::~Process() {
 bool Process::Wait(unsigned int timeoutMs) {
     const MonotonicMs until = timeoutMs == kWaitForEver ? kNever : NowMs() + timeoutMs;
     MonotonicMs pause = 1;
-    while (!_impl->Look()) {
+    while (!_impl->CheckEnded()) {
         const MonotonicMs left = until == kNever ? kLongestPauseMs : until - NowMs();
         if (left <= 0) {
             return false;
@@ -370,7 +370,7 @@ bool Process::Wait(unsigned int timeoutMs) {
 }
 
 bool Process::Kill(int signal) {
-    const bool ended = _impl->Look();
+    const bool ended = _impl->CheckEnded();
     const MutexAutoLock lock(&_impl->mutex);
     if (_impl->reaped) {
         return false;
@@ -383,7 +383,7 @@ bool Process::Kill(int signal) {
 }
 
 int Process::GetExitStatus() {
-    if (!_impl->Look()) {
+    if (!_impl->CheckEnded()) {
         throw Exception("Process has not ended");
     }
     const MutexAutoLock lock(&_impl->mutex);
@@ -391,7 +391,7 @@ int Process::GetExitStatus() {
 }
 
 int Process::GetSignal() {
-    if (!_impl->Look()) {
+    if (!_impl->CheckEnded()) {
         throw Exception("Process has not ended");
     }
     const MutexAutoLock lock(&_impl->mutex);

@@ -11,8 +11,6 @@ namespace {
 
 enum State { kUnlocked = 0, kReadLocked = 1, kWriteLocked = 2 };
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
 /// Gives one unit back at the end of the scope, also when the scope is left by an exception.
 class Unit {
 public:
@@ -46,7 +44,7 @@ void ReadWriteLock::ReadLock(unsigned int timeoutMs) {
     const Unit turn(&_writeLock);
     const MutexAutoLock lock(&_mutex);
     if (_readers == 0) {
-        _readLock.Lock(kNoLimit);
+        _readLock.Lock(kWaitForEver);
     }
     ++_readers;
     _state = kReadLocked;

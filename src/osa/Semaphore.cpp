@@ -14,7 +14,7 @@
 namespace zarip::osa {
 
 struct ZARIP_HIDDEN Semaphore::Context {
-    bool Take(unsigned int timeoutMs);
+    bool TakeUnit(unsigned int timeoutMs);
     bool Wait(unsigned int timeoutMs);
     void UnlockAndSignal();
 
@@ -29,8 +29,6 @@ struct ZARIP_HIDDEN Semaphore::Context {
 };
 
 namespace {
-
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
 // Out of line, so that the functions that throw them stay small.
 [[noreturn, gnu::cold, gnu::noinline]] void Throw(const char* text, LockException::LockError error) {
@@ -89,7 +87,7 @@ Semaphore::~Semaphore() {
 /// Called with the lock, which it gives back. Waits for a unit and takes it.
 [[gnu::noinline]] bool Semaphore::Context::Wait(unsigned int timeoutMs) {
     const Waiter waiter(&mutex, waiters);
-    if (timeoutMs == kNoLimit) {
+    if (timeoutMs == kWaitForEver) {
         while (count <= 0) {
             ::pthread_cond_wait(&available, &mutex);
         }
@@ -116,7 +114,7 @@ Semaphore::~Semaphore() {
     signalling.fetch_sub(1, std::memory_order_release);
 }
 
-inline bool Semaphore::Context::Take(unsigned int timeoutMs) {
+inline bool Semaphore::Context::TakeUnit(unsigned int timeoutMs) {
     LockRecord(&mutex);
     // Mostly there is a unit; then the clock need not be read.
     if (__builtin_expect(count <= 0, 0)) {
@@ -135,14 +133,14 @@ bool Semaphore::TryLock(unsigned int timeoutMs) {
     if (_context == nullptr) {
         Throw("_context was NULL", LockException::LockInvalid);
     }
-    return _context->Take(timeoutMs);
+    return _context->TakeUnit(timeoutMs);
 }
 
 void Semaphore::Lock(unsigned int timeoutMs) {
     if (_context == nullptr) {
         Throw("_context was NULL", LockException::LockInvalid);
     }
-    if (!_context->Take(timeoutMs)) {
+    if (!_context->TakeUnit(timeoutMs)) {
         Throw(("Semaphore::Lock timeout after " + std::to_string(timeoutMs) + "ms").c_str(),
               LockException::LockTimeout);
     }

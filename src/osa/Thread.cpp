@@ -11,9 +11,9 @@
 
 #include <atomic>
 #include <cerrno>
-#include <exception>
 
 #include "osa/CurrentThread.h"
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -155,7 +155,7 @@ public:
     Attributes(unsigned int stackSize, int priority) {
         Check(::pthread_attr_init(&_attributes), "Create Thread Error");
         try {
-            Set(stackSize, priority);
+            SetAttributes(stackSize, priority);
         } catch (...) {
             ::pthread_attr_destroy(&_attributes);
             throw;
@@ -168,7 +168,7 @@ public:
     const pthread_attr_t* Get() const { return &_attributes; }
 
 private:
-    void Set(unsigned int stackSize, int priority) {
+    void SetAttributes(unsigned int stackSize, int priority) {
         Check(::pthread_attr_setstacksize(&_attributes, std::size_t{stackSize} + kGuardSize),
               "Set Stack Size failed");
         Check(::pthread_attr_setguardsize(&_attributes, kGuardSize), "Set Stack Guard Size failed");
@@ -271,10 +271,8 @@ Thread::~Thread() {
         if (entry != s_threads().end() && entry->second == this) {
             s_threads().erase(entry);
         }
-    } catch (const std::exception& e) {
-        _logger->Warning("~Thread caught exception: %s", e.what());
     } catch (...) {
-        _logger->Warning("~Thread caught exception: %s", "unknown");
+        _logger->Warning("~Thread caught exception: %s", DescribeCaught());
     }
     if (_runnable != nullptr && _runnable->_thread == this) {
         _runnable->_thread = nullptr;
@@ -313,12 +311,8 @@ void* Thread::Entry(void* argument) {
         record->runnable->Run();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit: the body ends in its own way
-    } catch (const std::exception& e) {
-        record->logger->Error("Unhandled exception from thread entry point: %s", e.what());
-        record->logger->Error("Application will terminate");
-        throw;
     } catch (...) {
-        record->logger->Error("Unhandled exception from thread entry point: %s", "unknown");
+        record->logger->Error("Unhandled exception from thread entry point: %s", DescribeCaught());
         record->logger->Error("Application will terminate");
         throw;
     }

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimerCallback.h"
@@ -93,13 +94,13 @@ public:
         setting.it_value.tv_sec = static_cast<time_t>(time.seconds);
         // All zero would disarm.
         setting.it_value.tv_nsec = time == TimeStruct() ? 1 : static_cast<long>(time.microseconds) * 1'000;
-        Set(setting);
+        SetTimer(setting);
         expiry = time;
         armed = true;
     }
 
     void Disarm() {
-        Set(itimerspec{});
+        SetTimer(itimerspec{});
         armed = false;
     }
 
@@ -110,7 +111,7 @@ public:
     bool armed = false;
 
 private:
-    void Set(const itimerspec& setting) {
+    void SetTimer(const itimerspec& setting) {
         if (_deleted) {
             throw Exception("Invalid timer ID");
         }
@@ -246,10 +247,8 @@ private:
         }
         try {
             alarm->callback->OnTimer(expiry, userData);
-        } catch (const std::exception& e) {
-            _logger->Error("Exception in timer callback: %s", e.what());
         } catch (...) {
-            _logger->Error("Exception in timer callback: %s", "unknown");
+            _logger->Error("Exception in timer callback: %s", DescribeCaught());
         }
         const MutexAutoLock lock(&_mutex);
         _running = nullptr;

@@ -264,15 +264,15 @@ unsigned short UdpSocket::GetLocalPort() const {
     return _impl->port;
 }
 
-/// Receives a datagram that waits already; false when none does.
+/// Receives a datagram that waits already; false if there is no such datagram.
 bool UdpSocket::ReceiveWaiting(unsigned char* buffer, unsigned int length, Info& info,
                                unsigned int& received) const {
     return _impl->ReceiveNow(_impl->ipv4.Get(), buffer, length, info, received) ||
            _impl->ReceiveNow(_impl->ipv6.Get(), buffer, length, info, received);
 }
 
-/// False when a descriptor is not a socket any more: other code may have closed it by mistake. Otherwise some
-/// shortage has made receiving fail, which is not tried again at full speed.
+/// False if a descriptor is not a socket any more, because other code has closed it by mistake. Otherwise a
+/// shortage has made receiving fail, and the pause keeps the caller from retrying at full speed.
 bool UdpSocket::PauseAfterFailure() const {
     for (const UniqueFd* fd : {&_impl->ipv4, &_impl->ipv6}) {
         int type = 0;
@@ -281,8 +281,7 @@ bool UdpSocket::PauseAfterFailure() const {
             return false;
         }
     }
-    WaitResult result{};
-    WaitForEither({-1, 0}, {-1, 0}, &_impl->cancel, NowMs() + kPauseMs, result);
+    Pause(kPauseMs, &_impl->cancel);
     return true;
 }
 

@@ -37,8 +37,8 @@ public:
 
 private:
     friend struct LoggerRegistry;
-    struct Body;
-    std::unique_ptr<Body> _body;
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::core

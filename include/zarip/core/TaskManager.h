@@ -58,11 +58,11 @@ public:
 
 private:
     friend class ThreadPool;
-    class TaskManagerImpl;
+    class Impl;
 
     void QueueEvenIfFull(IVoidDelegate0* task);
 
-    std::unique_ptr<TaskManagerImpl> _impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::core

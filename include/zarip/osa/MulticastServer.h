@@ -71,9 +71,12 @@ public:
     void FireOnErrorEvents() const;
 
 private:
-    class MulticastImpl;
+    struct Impl;
 
-    std::unique_ptr<MulticastImpl> _multicast;
+    /// One attempt; false if it has failed.
+    ZARIP_HIDDEN bool RunOnce();
+
+    std::unique_ptr<Impl> _multicast;
 };
 
 }  // namespace zarip::osa

@@ -8,6 +8,7 @@
 
 #include <zarip/osa/Export.h>
 #include <zarip/osa/ThreadAnnotations.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -29,7 +30,7 @@ public:
     virtual ~Mutex();
 
     /// Returns only when the lock is held; a time-out, or a busy mutex with time-out 0, throws "Timeout".
-    void Lock(unsigned int timeoutMs = 0xFFFFFFFFU) ZARIP_ACQUIRE();
+    void Lock(unsigned int timeoutMs = kWaitForEver) ZARIP_ACQUIRE();
 
     /// Takes the lock if that needs no wait; false when another thread holds it.
     bool TryLock() ZARIP_TRY_ACQUIRE(true);

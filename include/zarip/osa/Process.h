@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <zarip/osa/Export.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -142,7 +143,7 @@ public:
 
     /// Waits until the program has ended; false if it has not in time.
     /// @param timeoutMs  milliseconds; 0 does not wait, 0xFFFFFFFF waits without limit.
-    bool Wait(unsigned int timeoutMs = 0xFFFFFFFFU);
+    bool Wait(unsigned int timeoutMs = kWaitForEver);
 
     /// Sends a signal, SIGTERM unless told otherwise; false if the program is known to have ended. To a
     /// group it is sent as long as the object lives. Throws `IOException` "Couldn't send the signal: ...".

@@ -5,6 +5,7 @@
 #include <zarip/osa/Export.h>
 #include <zarip/osa/Mutex.h>
 #include <zarip/osa/Semaphore.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -23,10 +24,10 @@ public:
     ReadWriteLock& operator=(const ReadWriteLock&) = delete;
     virtual ~ReadWriteLock();
 
-    void ReadLock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    void ReadLock(unsigned int timeoutMs = kWaitForEver);
 
     /// Waits for other writers and then for readers, up to `timeoutMs` each.
-    void WriteLock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    void WriteLock(unsigned int timeoutMs = kWaitForEver);
 
     /// Releases either kind. Deliberate: the kind is that of the last lock taken by anybody, not what the
     /// calling thread holds, so the thread that locks must be the one that releases. Throws "No locks"

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include <zarip/osa/Export.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -27,7 +28,7 @@ public:
 
     /// Takes one unit; throws "Semaphore::Lock timeout after <timeoutMs>ms" (`LockTimeout`) when none became
     /// free.
-    void Lock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    void Lock(unsigned int timeoutMs = kWaitForEver);
 
     /// Gives one unit back; throws "maxCount was reached" (`LockInvalid`) when all units are there already.
     void Release();

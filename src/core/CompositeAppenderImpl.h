@@ -9,7 +9,7 @@
 
 namespace zarip::core {
 
-struct ZARIP_HIDDEN CompositeAppender::Body {
+struct ZARIP_HIDDEN CompositeAppender::Impl {
     struct Entry {
         const ILogAppender* appender;
         bool owned;
@@ -21,19 +21,19 @@ struct ZARIP_HIDDEN CompositeAppender::Body {
     /// in the child.
     class Delivery {
     public:
-        explicit Delivery(Body* body);
+        explicit Delivery(Impl* impl);
         Delivery(const Delivery&) = delete;
         Delivery& operator=(const Delivery&) = delete;
         ~Delivery();
 
     private:
-        Body* _body;
+        Impl* _impl;
     };
 
-    Body();
-    Body(const Body&) = delete;
-    Body& operator=(const Body&) = delete;
-    ~Body();
+    Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+    ~Impl();
 
     /// Takes out the dead entries, for the caller to delete without the lock: a destructor may wait for a
     /// thread that logs. Takes none while the calling thread is still delivering a record further up its
