@@ -44,7 +44,7 @@ void CompositeAppender::Impl::DeleteOwned(const std::vector<Entry>& entries) {
         const auto isSame = [&](const Entry& earlier) {
             return earlier.owned && earlier.appender == entry->appender;
         };
-        // An appender that was added twice goes once.
+        // An appender that was added twice is deleted once.
         if (entry->owned && std::none_of(entries.begin(), entry, isSame)) {
             delete entry->appender;
         }
@@ -63,13 +63,13 @@ CompositeAppender::Impl::Delivery::~Delivery() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
         try {
             dead = _impl->TakeDead();
         } catch (...) {
-            // No memory: they go after the next record.
+            // There is no memory, so they are deleted after the next record.
         }
     }
     try {
         _impl->mutex->Release();
     } catch (...) {
-        // Held by this thread, so there is nothing to fail.
+        // This thread holds the mutex, so releasing it cannot fail.
     }
     if (__builtin_expect(!dead.empty(), false)) {
         DeleteOwned(dead);
@@ -85,10 +85,10 @@ void CompositeAppender::Impl::UnlockInParent() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void CompositeAppender::Impl::UnlockInChild() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    // The old one is left alone: a mutex that is held must not be destroyed.
+    // The old mutex is not destroyed, because it is held.
     mutex = new osa::Mutex(kMutexName);
     for (int i = 0; i < depth; ++i) {
-        mutex->Lock();  // forked by an appender: the deliveries further up the stack release it
+        mutex->Lock();  // if an appender has forked, the deliveries further up the stack release it
     }
 }
 
@@ -98,7 +98,7 @@ CompositeAppender::~CompositeAppender() {
     try {
         Clear();
     } catch (...) {
-        // A destructor has nobody to tell.
+        // A destructor must not throw.
     }
 }
 
@@ -148,7 +148,7 @@ void CompositeAppender::AppendV(Logger::LogLevel level, const char* threadName, 
     const int savedErrno = errno;
     AppenderGuard::Exempt(this);
     const Impl::Delivery delivery(_impl.get());
-    // By index, as an appender may add others; those get the next record.
+    // The loop uses an index, because an appender may add others, which get the next record.
     for (std::size_t i = 0, end = _impl->entries.size(); i < end; ++i) {
         const Impl::Entry entry = _impl->entries[i];
         AppenderGuard guard(entry.appender);
@@ -164,7 +164,7 @@ void CompositeAppender::AppendV(Logger::LogLevel level, const char* threadName, 
             va_end(copy);
             throw;
         } catch (...) {
-            // The others get the record all the same.
+            // The other appenders still get the record.
         }
         va_end(copy);
     }

@@ -9,16 +9,18 @@
 
 namespace zarip::core {
 
+/// The list of a `CompositeAppender`. `*mutex` guards it, and is held while a record is delivered. An entry
+/// that is removed during a delivery is dead until the delivery has ended.
 struct ZARIP_HIDDEN CompositeAppender::Impl {
     struct Entry {
         const ILogAppender* appender;
         bool owned;
-        /// Removed while a record was being delivered; goes when that has ended.
+        /// It was removed while a record was being delivered, and is deleted afterwards.
         bool dead = false;
     };
 
-    /// One delivery: holds the mutex, and looks it up again at the end, since a fork in between replaces it
-    /// in the child.
+    /// One delivery. It holds the mutex and reads the pointer to it again at the end, because a fork
+    /// meanwhile replaces the mutex in the child.
     class Delivery {
     public:
         explicit Delivery(Impl* impl);
@@ -35,22 +37,22 @@ struct ZARIP_HIDDEN CompositeAppender::Impl {
     Impl& operator=(const Impl&) = delete;
     ~Impl();
 
-    /// Takes out the dead entries, for the caller to delete without the lock: a destructor may wait for a
-    /// thread that logs. Takes none while the calling thread is still delivering a record further up its
-    /// stack.
+    /// Removes the dead entries. The caller deletes them without the lock, because a destructor may wait for
+    /// a thread that logs. Removes nothing while the calling thread is still delivering a record further up
+    /// its stack.
     std::vector<Entry> TakeDead() ZARIP_REQUIRES(*mutex);
 
     static void DeleteOwned(const std::vector<Entry>& entries);
 
-    /// Around a fork. A recursive mutex belongs to the thread id of the parent, which the child cannot
-    /// release, so the child gets a new one.
+    /// Called around a fork. The recursive mutex belongs to the thread of the parent and cannot be released
+    /// in the child, so the child gets a new one.
     void LockForFork();
     void UnlockInParent();
     void UnlockInChild();
 
     osa::Mutex* mutex;
     std::vector<Entry> entries ZARIP_GUARDED_BY(*mutex);
-    /// Deliveries under way, all of them on the thread that holds the mutex.
+    /// The number of nested deliveries, all of them on the thread that holds the mutex.
     int depth ZARIP_GUARDED_BY(*mutex) = 0;
     bool anyDead ZARIP_GUARDED_BY(*mutex) = false;
 };

@@ -33,7 +33,7 @@ struct Field {
     std::size_t Width() const { return std::max(length, Minimum); }
 
     char* Put(char* out) const {
-        std::memset(out, ' ', Minimum);  // of a constant size, as that is not a call
+        std::memset(out, ' ', Minimum);  // a constant size avoids a call
         char* const begin = out + Width() - length;
         std::memcpy(begin, text, length);
         return begin + length;
@@ -43,7 +43,7 @@ struct Field {
     std::size_t length;
 };
 
-/// "(%5s) %20s [%5s] :: ", built by hand, as printf takes much longer.
+/// "(%5s) %20s [%5s] :: ", built by hand, because printf takes much longer.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
@@ -173,7 +173,7 @@ private:
     std::size_t _size = kBufferSize;
 };
 
-/// Writes and flushes in one piece, between what others print to the stream.
+/// Writes and flushes in one piece, so that other output to the stream comes before or after the record.
 void WriteToStream(FILE* file, const char* record, std::size_t length) {
     struct StreamLock {
         explicit StreamLock(FILE* locked) : stream(locked) { ::flockfile(stream); }
@@ -200,7 +200,7 @@ void WriteToDescriptor(int fd, const char* record, std::size_t length) {
 }
 
 FILE* OpenForAppending(const char* path) {
-    // "a", and not inherited by the programs that the process starts.
+    // "e" keeps programs that the process starts from inheriting the file.
     FILE* const file = std::fopen(path != nullptr ? path : "", "ae");
     if (file == nullptr) {
         throw osa::Exception(std::string("Failed to open file ") + (path != nullptr ? path : "") +

@@ -90,7 +90,7 @@ bool ParseNarrow(const std::string& text, Wide least, Wide greatest, Narrow& out
     return true;
 }
 
-/// Without the white space of the "C" locale.
+/// Removes the white space of the "C" locale at both ends.
 std::string_view TrimClassic(std::string_view text) {
     constexpr const char* kSpaces = " \t\n\v\f\r";
     const std::size_t first = text.find_first_not_of(kSpaces);
@@ -98,7 +98,8 @@ std::string_view TrimClassic(std::string_view text) {
                                            : text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
 }
 
-/// What a stream makes of a number that is too large, which fails, or too small, which is zero.
+/// The result that a stream gives: it fails for a number that is too large, and gives zero for one that is
+/// too small.
 bool ExtractOutOfRange(std::string_view number, double& out) {
     std::istringstream stream{std::string(number)};
     stream.imbue(std::locale::classic());
@@ -305,7 +306,7 @@ bool StringUtil::TryParse(const std::string& text, unsigned char& out) {
 
 bool StringUtil::TryParse(const std::string& text, double& out) {
     std::string_view number = TrimClassic(text);
-    // from_chars knows the minus sign only, and "inf" and "nan", which a stream does not.
+    // from_chars accepts the minus sign only. It accepts "inf" and "nan", which a stream does not.
     if (number.size() > 1 && number[0] == '+' && number[1] != '-') {
         number.remove_prefix(1);
     }

@@ -3,7 +3,6 @@
 #include "zarip/core/ThreadPool.h"
 
 #include <atomic>
-#include <exception>
 
 #include "zarip/core/Logger.h"
 #include "zarip/core/TaskManager.h"
@@ -18,7 +17,9 @@ constexpr unsigned int kStackSize = 32'768;
 
 }  // namespace
 
-/// Shared with the worker while it runs, so that a task may destroy the pool.
+/// The queue and its worker. The worker shares it while it runs, so that a task may destroy the pool.
+///
+/// It is started once and ended once, by the pool.
 class ZARIP_HIDDEN ThreadPool::Impl final : public osa::Runnable {
 public:
     Impl() = default;
@@ -30,7 +31,7 @@ public:
         try {
             _thread.Run();
         } catch (...) {
-            _self.reset();  // it would keep itself alive
+            _self.reset();  // the object would keep itself alive
             throw;
         }
     }
@@ -42,9 +43,26 @@ public:
         }
     }
 
-    /// Queues the task that ends the worker, after those that are due by now. A full queue takes it, too.
+    /// Queues the task that ends the worker, after the tasks that are due by now. A full queue takes it, too.
     void Stop() override { _tasks.QueueEvenIfFull(MakeDelegate(this, &Impl::SetStopFlag)); }
 
+    /// Waits until the worker has run what is due. If a task is the caller, the worker ends after it.
+    void End() {
+        try {
+            if (osa::Thread::CurrentThread::ThreadPtr() == &_thread) {
+                SetStopFlag();
+                return;
+            }
+            Stop();
+            _thread.Join();
+        } catch (...) {
+            _logger->Error("Error shutting down ThreadPool");
+        }
+    }
+
+    ITaskQueue* GetTaskQueue() { return &_tasks; }
+
+private:
     void SetStopFlag() { _stop = true; }
 
     Logger* _logger = Logger::GetLogger("ThreadPool");
@@ -63,20 +81,11 @@ ThreadPool::ThreadPool(int maxCount) : _impl(std::make_shared<Impl>(maxCount)) {
 }
 
 ThreadPool::~ThreadPool() {
-    try {
-        if (osa::Thread::CurrentThread::ThreadPtr() == &_impl->_thread) {
-            _impl->SetStopFlag();
-            return;
-        }
-        _impl->Stop();
-        _impl->_thread.Join();
-    } catch (...) {
-        _impl->_logger->Error("Error shutting down ThreadPool");
-    }
+    _impl->End();
 }
 
 ITaskQueue* ThreadPool::GetTaskQueue() {
-    return &_impl->_tasks;
+    return _impl->GetTaskQueue();
 }
 
 }  // namespace zarip::core

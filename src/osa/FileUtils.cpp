@@ -36,7 +36,7 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
     ThrowIOErrno(what, path, error);
 }
 
-/// The path as the system takes it, which would silently use the part before a zero byte.
+/// The path for a system call, which would silently use only the part before a zero byte.
 const char* Checked(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         throw IOException("Invalid path");
@@ -52,12 +52,12 @@ struct stat StatusOf(const std::string& path, const char* what) {
     return status;
 }
 
-/// Also where a link leads in circles.
+/// Whether the error means that there is nothing at the path. A link that leads in circles counts, too.
 bool IsNowhere(int error) {
     return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-/// Clock values beyond what a date can be become the nearest that can.
+/// A time outside the range of `DateTime` becomes the nearest one inside.
 DateTime ToDateTime(const timespec& time) {
     constexpr long long kFirst = -62'135'596'800;
     constexpr long long kLast = 253'402'300'799;
@@ -65,7 +65,7 @@ DateTime ToDateTime(const timespec& time) {
     return DateTime() + TimeSpan::FromSeconds(seconds) + TimeSpan::FromMicroseconds(time.tv_nsec / 1'000);
 }
 
-/// Hands the entries of an open folder to `take` as name and type of dirent; false with errno.
+/// Calls `take` with the name and the dirent type of each entry of an open folder. False with errno.
 template <class Take>
 bool ReadEntries(UniqueFd folder, Take take) {
     const Directory directory(folder.IsValid() ? ::fdopendir(folder.Get()) : nullptr);
@@ -86,15 +86,15 @@ bool ReadEntries(UniqueFd folder, Take take) {
     }
 }
 
-/// A file that is to be replaced, or made.
+/// A file that is to be replaced or made.
 struct Target {
     std::string path;  // after links were followed
     bool exists = false;
     struct stat old {};
 };
 
-/// What is at the path must be a file that may be written. The path is not followed any more from here on, so
-/// that a link that somebody puts there meanwhile is refused or replaced.
+/// If the path exists, it must be a file that may be written. From here on links are not followed any more,
+/// so a link that another process puts there meanwhile is refused or replaced.
 Target FindTarget(const std::string& path) {
     Target target;
     target.path = FollowLinks(Checked(path));
@@ -120,7 +120,7 @@ Target FindTarget(const std::string& path) {
     return target;
 }
 
-/// Writes a new file, has `setRights` make it what it is to be, and puts it in its place.
+/// Writes a new file, calls `setRights` for it, and puts it in the target's place.
 template <class SetRights>
 void ReplaceFile(const std::string& path, const Target& target, mode_t mode, std::string_view content,
                  SetRights setRights) {
@@ -160,7 +160,7 @@ bool AreSame(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// Whether two paths are names of one entry of a folder, such as "a" and "./a".
+/// Whether two paths name the same entry of a folder, such as "a" and "./a".
 bool AreOneEntry(const std::string& one, const std::string& other) {
     struct stat folders[2] = {};
     return PathUtils::GetName(one) == PathUtils::GetName(other) &&
@@ -168,7 +168,7 @@ bool AreOneEntry(const std::string& one, const std::string& other) {
            ::stat(PathUtils::GetParent(other).c_str(), &folders[1]) == 0 && AreSame(folders[0], folders[1]);
 }
 
-/// Renaming does nothing if both names are hard links to one file; then the old name still has to go.
+/// If both names are hard links to one file, renaming does nothing, and the old name still has to be removed.
 void RemoveOldLink(const std::string& from, const std::string& to) {
     struct stat left {};
     struct stat moved {};
@@ -215,16 +215,16 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
     }
 }
 
-/// Whether a file system or another folder is mounted there. Linux before 5.8 does not say.
+/// Whether a file system or another folder is mounted there. Linux before 5.8 does not report it.
 bool IsMountPoint(int folder) {
     struct statx status {};
     return ::statx(folder, "", AT_EMPTY_PATH, 0, &status) == 0 &&
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
-/// Deletes what is at a path, going through folders by their descriptors: one for the folder that it is in.
-/// It goes up by "..", and only if that is the folder that it has come down from. It does not go into what is
-/// mounted in the tree.
+/// Deletes what is at a path. It has one descriptor open, that of the present folder. It goes up by "..", and
+/// only if that leads to the folder from which it has come. It does not enter a mounted file system. `Run` is
+/// called once.
 class TreeDeleter {
 public:
     TreeDeleter(const std::string& path, const std::string& parent, const std::string& name)
@@ -262,7 +262,7 @@ private:
         throw IOException(WithErrno("Couldn't delete '" + name + "' in tree '" + _path + "'", error));
     }
 
-    /// Others are changing the tree: that is a failure only if they never stop.
+    /// Another process is changing the tree. That is a failure only if it does not stop.
     void CountAgain(const std::string& name, int error) {
         if (++_again > kMaxAgain) {
             ThrowFailure(name, error);
@@ -284,7 +284,7 @@ private:
         _levels.push_back({status.st_dev, status.st_ino, "", {_name}});
     }
 
-    /// Deletes an entry of the present folder, or goes into it.
+    /// Deletes an entry of the present folder, or enters it if it is a folder.
     void DeleteOrEnter(const std::string& name) {
         if (::unlinkat(_folder.Get(), name.c_str(), 0) == 0) {
             _found = true;
@@ -301,7 +301,7 @@ private:
         struct stat status {};
         if (!child.IsValid() || ::fstat(child.Get(), &status) != 0) {
             if (errno == ENOTDIR && error == EISDIR) {
-                CountAgain(name, error);  // no folder any more
+                CountAgain(name, error);  // it is not a folder any more
                 _levels.back().folders.push_back(name);
             } else if (errno != ENOENT) {
                 ThrowFailure(name, errno == ENOTDIR ? error : errno);
@@ -312,10 +312,15 @@ private:
             ThrowFailure(name, EXDEV);
         }
         _found = true;
+        EnterFolder(name, std::move(child), status);
+    }
+
+    /// Deletes what is in the folder, except for other folders, and makes it the present one. A folder that
+    /// may not be read is deleted at once, which works if it is empty.
+    void EnterFolder(const std::string& name, UniqueFd child, const struct stat& status) {
         Level level = {status.st_dev, status.st_ino, name, {}};
         UniqueFd readable(::openat(child.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!readable.IsValid() && errno == EACCES) {
-            // Nothing has to be read in an empty folder.
             if (::unlinkat(_folder.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
                 ThrowFailure(name, EACCES);
             }
@@ -339,7 +344,7 @@ private:
         _folder = std::move(child);
     }
 
-    /// Goes up and deletes the folder that it has come from, which is empty.
+    /// Goes up and deletes the folder from which it has come, which is empty.
     void DeleteEmptied() {
         const std::string name = std::move(_levels.back().name);
         _levels.pop_back();
@@ -428,7 +433,7 @@ bool FileUtils::CreateDirectory(const std::string& path) {
         end = std::min(path.find('/', path.find_first_not_of('/', end)), size);
         made = ::mkdir(path.substr(0, end).c_str(), 0777) == 0;
         if (!made && errno != EEXIST && error == 0) {
-            error = errno;  // of what stands in the way, if it does
+            error = errno;  // the first error names the obstacle
         }
     }
     struct stat status {};
@@ -479,7 +484,7 @@ bool FileUtils::Delete(const std::string& path) {
 
 bool FileUtils::DeleteTree(const std::string& path) {
     Checked(path);
-    // A slash at the end would follow a link.
+    // With a slash at the end, the system would follow a link.
     const std::string tree = path.substr(0, path.find_last_not_of('/') + 1);
     const std::size_t slash = tree.rfind('/');
     const std::string name = tree.substr(slash + 1);
@@ -499,7 +504,7 @@ std::string FileUtils::Read(const std::string& path, unsigned int maxSize) {
         }
     };
     if (status.st_blocks != 0) {
-        check(status.st_size);  // what the kernel makes while it is read says 0, or 4096, and has no blocks
+        check(status.st_size);  // a file of /proc has no blocks and a size of 0 or 4096
     }
     std::string content;
     const bool isRead = ReadBlocks(file.Get(), [&](std::string_view block) {

@@ -30,7 +30,7 @@ struct ZARIP_HIDDEN Semaphore::Context {
 
 namespace {
 
-// Out of line, so that the functions that throw them stay small.
+// The function is out of line, so that its callers stay small.
 [[noreturn, gnu::cold, gnu::noinline]] void Throw(const char* text, LockException::LockError error) {
     throw LockException(text, error);
 }
@@ -41,8 +41,8 @@ inline void LockRecord(pthread_mutex_t* mutex) {
     }
 }
 
-/// A thread that waits, with the lock. The wait may end by an exception (a clock that cannot be read) or by
-/// the thread being cancelled; the lock is held then, too.
+/// Counts a waiting thread for the length of a scope, with the lock held. The wait may end by an exception (a
+/// clock that cannot be read) or by a cancelled thread; the lock is held then as well.
 class Waiter {
 public:
     Waiter(pthread_mutex_t* mutex, int& waiters) : _mutex(mutex), _waiters(waiters) { ++_waiters; }
@@ -75,7 +75,8 @@ Semaphore::Semaphore(const char* name, unsigned short maxCount, unsigned short i
 }
 
 Semaphore::~Semaphore() {
-    // A sleep, since a thread of high priority that only yields would keep the signalling one from its CPU.
+    // It sleeps, because a thread of high priority that only yields would keep the signalling thread from the
+    // processor.
     while (_context->signalling.load(std::memory_order_acquire) != 0) {
         const timespec pause{0, 50'000};
         ::clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
@@ -84,7 +85,7 @@ Semaphore::~Semaphore() {
     ::pthread_mutex_destroy(&_context->mutex);
 }
 
-/// Called with the lock, which it gives back. Waits for a unit and takes it.
+/// Waits for a unit and takes it. Called with the lock, which it releases.
 [[gnu::noinline]] bool Semaphore::Context::Wait(unsigned int timeoutMs) {
     const Waiter waiter(&mutex, waiters);
     if (timeoutMs == kWaitForEver) {
@@ -105,8 +106,9 @@ Semaphore::~Semaphore() {
     return true;
 }
 
-/// Called with the lock, which it gives back: a woken thread that runs at once, on one CPU, would only find
-/// it taken. A waiter that takes the unit may destroy the semaphore meanwhile; its destructor waits.
+/// Called with the lock, which it releases before it signals: a woken thread that runs at once on the same
+/// processor would otherwise find the lock taken. A waiter that takes the unit may destroy the semaphore
+/// meanwhile, so the destructor waits.
 [[gnu::noinline]] void Semaphore::Context::UnlockAndSignal() {
     signalling.fetch_add(1, std::memory_order_relaxed);
     ::pthread_mutex_unlock(&mutex);
@@ -116,7 +118,7 @@ Semaphore::~Semaphore() {
 
 inline bool Semaphore::Context::TakeUnit(unsigned int timeoutMs) {
     LockRecord(&mutex);
-    // Mostly there is a unit; then the clock need not be read.
+    // Usually there is a unit, and the clock need not be read.
     if (__builtin_expect(count <= 0, 0)) {
         if (timeoutMs != 0) {
             return Wait(timeoutMs);

@@ -25,16 +25,16 @@ namespace zarip::osa {
 
 namespace {
 
-/// What a thread needs to know of itself. It lives until the thread has ended, whatever happens to the
+/// What a thread needs to know about itself. It lives until the thread has ended, whatever happens to the
 /// object, so the thread reads it without a lock.
 struct Identity {
     /// Set before the thread is released.
     std::string name;
-    /// The object; null once it is gone.
+    /// The object, or null once it has been destroyed.
     std::atomic<Thread*> owner{nullptr};
 };
 
-/// That of the calling thread; null on a thread that this class has not made.
+/// The identity of the calling thread, or null on a thread that this class has not made.
 thread_local const Identity* t_identity __attribute__((tls_model("initial-exec"))) = nullptr;
 
 /// Keeps the record of the calling thread. It is made before all other objects of the thread's storage, so it
@@ -55,13 +55,13 @@ thread_local IdentityHolder t_holder;
 /// set before the thread is released.
 struct Thread::StartRecord : Identity {
     core::Logger* logger = nullptr;
-    /// Taken by the new thread before anything else, given by `Run()` or by the destructor of a thread never
-    /// run.
+    /// The new thread takes it before anything else. `Run()` releases it, or the destructor if the thread was
+    /// never run.
     Semaphore start{"Thread::start", 1, 0};
     Runnable* runnable = nullptr;
     signed char priority = 0;
     std::atomic<bool> cancelled{false};
-    /// Somebody waits in `Join()`, or it has succeeded.
+    /// A call of `Join()` waits or has succeeded.
     std::atomic<bool> joining{false};
     /// The system may have given the id to another thread.
     std::atomic<bool> joined{false};
@@ -75,7 +75,8 @@ constexpr unsigned int kGuardSize = 131'072;
 constexpr signed char kLowestNicePriority = -20;
 constexpr const char* kThreadsLockName = "Thread::s_threadsLock";
 
-// Read once from the system; threads that come first at the same time store the same values.
+// They are read once from the system. Several threads may do that at the same time and then store the same
+// values.
 std::atomic<int> s_roundRobinMin{-1};
 std::atomic<int> s_roundRobinMax{-1};
 
@@ -120,7 +121,7 @@ void SetSchedulingClass(pthread_t thread, int priority) {
     }
 }
 
-/// The priority of a thread; `isCaller` says whether its nice value can be asked for.
+/// The priority of a thread; `isCaller` is whether its nice value can be queried.
 signed char PriorityOf(pthread_t thread, bool isCaller) {
     int policy = 0;
     sched_param parameter{};
@@ -188,17 +189,18 @@ private:
 
 const char* const Thread::kMainThreadName = "ZARIP";
 
-// Which threads have come by, for a debugger: no code looks a thread up here, as the system gives the id of a
-// thread that has ended to another one. Neither of these is ever destroyed, because threads that are alive at
-// exit still use them.
+// The registry of threads is for a debugger. No code looks a thread up here, because the system gives the id
+// of a thread that has ended to another one. Neither object is ever destroyed, because threads that are alive
+// at exit still use them.
 std::map<pthread_t, Thread*>& Thread::s_threads() {
     static auto* const threads = new std::map<pthread_t, Thread*>;
     return *threads;
 }
 
 Mutex& Thread::s_threadsLock() {
-    // Also held by a fork: a thread of the child may ask for its object, as logging does. The child gets a
-    // new one, since a recursive mutex belongs to the thread of the parent that took it.
+    // A fork holds the mutex as well, because a thread of the child may ask for its object, as logging does.
+    // The child gets a new mutex, since a recursive mutex belongs to the thread of the parent that has taken
+    // it.
     static std::atomic<Mutex*> s_lock{[] {
         ::pthread_atfork([]() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Lock(); },
                          []() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Release(); },
@@ -282,7 +284,7 @@ Thread::~Thread() {
         try {
             _context->start.Release();
         } catch (...) {
-            // Given already: the thread is on its way.
+            // The unit was released already, so the thread runs.
         }
         ::pthread_join(_id, nullptr);
     } else if (_stackSize != 0 && !_context->joined) {
@@ -415,8 +417,8 @@ void Thread::CurrentThread::MicroSleep(unsigned int microseconds) {
         case EINVAL:
             throw Exception("invalid input");
         case EINTR:
-            // Deliberate: the number is always 2, whatever signal came. Callers take it as "interrupted", no
-            // more.
+            // Deliberate: the number is always 2, whatever the signal was. Callers only take it as
+            // "interrupted".
             throw osa::Signal(2);
         default:
             throw Exception("unknown error");

@@ -5,6 +5,6 @@
 namespace zarip::osa {
 
 /// The time-out, in whatever unit a function takes, that waits without limit.
-constexpr unsigned int kWaitForEver = 0xFFFFFFFFU;
+inline constexpr unsigned int kWaitForEver = 0xFFFFFFFFU;
 
 }  // namespace zarip::osa
