@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Blocks of a pool that two threads share, frames of a ring, and bits from a stream.
+// Pool and ring allocators beside malloc, and bit streams.
 
 #include <atomic>
 #include <cstdint>

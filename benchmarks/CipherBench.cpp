@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Ciphers on small and on large data, through the classes and through a kept handle of libgcrypt.
+// AES and Twofish on small and on large data, beside a handle of libgcrypt that is kept.
 
 #include <gcrypt.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Digests of small and of large data, through the classes and through a kept handle of libgcrypt.
+// MD5 and SHA-256 of small and of large data, beside a handle of libgcrypt that is kept.
 
 #include <gcrypt.h>
 

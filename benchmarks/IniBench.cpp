@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Loading an INI file of 10,000 keys in 100 groups.
+// Loading an INI file of 10,000 keys in 100 groups, beside a plain loop and GKeyFile.
 
 #include <glib.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Reads and writes a settings document of about 100 KiB: ours against nlohmann::json and RapidJSON's DOM.
+// Reading and writing a settings document of about 100 KiB, beside nlohmann::json and RapidJSON.
 
 #include <sstream>
 #include <string>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 
-// Taking and giving back a free lock: the price of every access to guarded data.
+// Taking and releasing a free lock, beside pthread and the standard library.
+//
+// This is the price of every access to guarded data.
 
 #include <condition_variable>
 #include <future>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 
-// Reading HTTP requests: a browser's GET of 640 bytes, and a POST with a form of 2 KiB. Each contestant reads
+// Parsing HTTP requests, beside a plain loop and Poco.
+//
+// The requests are a GET of a browser with 640 bytes and a POST with a form of 2 KiB. Each contestant reads
 // from the same stream over memory and looks up one value in the end.
 
 #include <Poco/Net/HTMLForm.h>

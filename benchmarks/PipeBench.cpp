@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// Writing through a pipe: small strings that leave at once, as one sends commands to a program.
+// Small strings that leave through a pipe at once, beside write(2) and stdio.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// A document of 1 MB read piece by piece, through the class and through the functions behind it.
+// Reading a document of 1 MB piece by piece, beside the functions of libxml2.
 
 #include <libxml/xmlreader.h>
 

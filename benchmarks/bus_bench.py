@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
-"""Calls and signals through a private bus: this library against raw libdbus, GDBus and sdbus-c++; then several threads
-on one connection.
+"""Calls and signals through a private bus, beside raw libdbus, GDBus and sdbus-c++; threads that share a connection.
 
-In the comparison the bus, both ends and this driver share one CPU, because a hand-over between two CPUs would cost more than everything
-that is compared here. In each round every pair runs once; tables show medians over the rounds and, as ratios, the
-medians of what a pair took in a round divided by what raw libdbus took in it. The threads use all CPUs.
+In the comparison the bus, both ends and this driver share one CPU, because a hand-over between two CPUs costs more than
+everything that is compared here. Every pair runs once in each round. Tables show medians over the rounds. A ratio is the
+median of the time of a pair in a round divided by the time of raw libdbus in that round. The threads use all CPUs.
 """
 
 import argparse

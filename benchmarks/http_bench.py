@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""GET of 1 KiB, one request for each connection: this library's server beside a bare loop, nginx, cpp-httplib and Poco.
+"""A web server, beside a bare loop, Boost.Beast, nginx, cpp-httplib and Poco; with hostile and with common clients.
 
-What counts is the CPU time that a server takes for a request, all its processes and threads together: the times on the
-clock hang on the load generator, too. In each round every server answers once; the table shows medians over the rounds
-and, as ratios, the medians of what a server took in a round divided by what the bare loop took in it.
+Each connection has one request, a GET of 1 KiB. The table shows the CPU time that all processes and threads of a server
+take for a request, because elapsed time also depends on the load generator. Every server answers once in each round. The
+table shows medians over the rounds. A ratio is the median of the time of a server in a round divided by the time of the
+bare loop in that round.
 
-After that the library's server is attacked, and asked by the clients that people use.
+After that the server of the library is attacked, and then called by common clients.
 """
 
 import argparse

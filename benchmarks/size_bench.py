@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""What the library costs a process: its size, the memory of an idle process with a connection to the bus, and the time
-to load it, beside a program that is linked to libdbus alone.
+"""What the library costs a process, also on the device, beside a program that is linked to libdbus alone.
 
-Resident are the pages of files, which processes share, and those of the process's own. Of a program that runs in an
-emulator only the pages of its own address space count. Load times are those of whole processes, started in turns.
+The costs are the size of the library, the memory of an idle process with a connection to the bus, and the time to load the
+library. Resident memory has the pages of files, which processes share, and the private pages of the process. If a program
+runs in an emulator, only the pages of its own address space count. Load times are times of whole processes, which are
+started in turns.
 """
 
 import argparse

@@ -18,6 +18,7 @@
 #include <zarip/interfaces/AnalyticsInterface.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/DateTime.h>
 #include <zarip/osa/TimeSpan.h>
 
@@ -27,7 +28,6 @@
 #include <vector>
 
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         const zarip::core::Logger* const logger = LogToStdout("AnalyticsSource");
         zarip::msgbus::MsgBus bus;
         const zarip::interfaces::InterfaceServer name(&bus, "com.brelk.analytics");

@@ -17,6 +17,7 @@
 #include <zarip/interfaces/IAudioLineOutProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/TimeSpan.h>
 
 #include <algorithm>
@@ -30,7 +31,6 @@
 #include <vector>
 
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         const zarip::core::Logger* const logger = LogToStdout("AudioLineOut");
         AudioService service(std::chrono::seconds(seconds), most, *logger);
         zarip::msgbus::MsgBus bus;

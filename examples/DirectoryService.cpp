@@ -22,6 +22,7 @@
 #include <zarip/msgbus/MsgBusMsgArgumentReader.h>
 #include <zarip/msgbus/MsgBusObjectSelector.h>
 #include <zarip/msgbus/MsgBusRemoteMethod.h>
+#include <zarip/msgbus/StopSignal.h>
 
 #include <cstdio>
 #include <cstring>
@@ -33,7 +34,6 @@
 #include <vector>
 
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -161,7 +161,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         LogToStdout("Directory");
         DirectoryService service(argv[1]);
         zarip::msgbus::MsgBus bus;

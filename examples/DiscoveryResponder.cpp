@@ -35,6 +35,7 @@
 #include <zarip/inet/HttpParser.h>
 #include <zarip/inet/UpnpRequest.h>
 #include <zarip/inet/UpnpResponse.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/IUdpBufferAccept.h>
 #include <zarip/osa/MulticastServer.h>
@@ -58,7 +59,6 @@
 #include <vector>
 
 #include "common/SearchQueue.h"
-#include "common/WaitForStop.h"
 #include "common/WebAddress.h"
 
 namespace {
@@ -444,7 +444,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         zarip::core::IniFile settings;
         settings.SetValue("log", "log.stdout", "true");
         zarip::core::Logger::ConfigureLogging(settings, "log");

@@ -12,6 +12,7 @@
 
 #include <zarip/core/IniFile.h>
 #include <zarip/core/Logger.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/ITcpSocketAccept.h>
 #include <zarip/osa/TcpServer.h>
 #include <zarip/osa/TcpSocket.h>
@@ -19,8 +20,6 @@
 #include <cstdio>
 #include <memory>
 #include <string>
-
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -50,7 +49,7 @@ int main(int argc, char** argv) {
     const std::string command = argc > 1 ? argv[1] : "";
     try {
         if (command == "serve" && argc == 3) {
-            const WaitForStop stop;
+            const zarip::msgbus::StopSignal stop;
             zarip::core::IniFile settings;
             settings.SetValue("log", "log.stdout", "true");
             zarip::core::Logger::ConfigureLogging(settings, "log");

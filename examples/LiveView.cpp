@@ -15,6 +15,7 @@
 
 #include <zarip/core/StringUtil.h>
 #include <zarip/inet/HttpServer.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/PathUtils.h>
 
 #include <cstdio>
@@ -25,7 +26,6 @@
 #include "common/LiveView.h"
 #include "common/LogToStdout.h"
 #include "common/Scene.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         LogToStdout("live-view");
         const std::string folder = argv[2];
         const std::string files = zarip::osa::PathUtils::Join(folder, "public");

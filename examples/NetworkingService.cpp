@@ -39,6 +39,7 @@
 #include <zarip/interfaces/INetworkingV2Provider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/NetworkUtils.h>
 #include <zarip/osa/Runnable.h>
@@ -55,7 +56,6 @@
 
 #include "common/Fd.h"
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -398,7 +398,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         const zarip::core::Logger* const logger = LogToStdout("Networking");
         NetworkingService service(argv[1]);
         zarip::msgbus::MsgBus bus;

@@ -22,6 +22,7 @@
 #include <zarip/interfaces/IPtzSerialProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/Runnable.h>
 #include <zarip/osa/Thread.h>
@@ -38,7 +39,6 @@
 
 #include "common/Fd.h"
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -308,7 +308,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         const zarip::core::Logger* const logger = LogToStdout("PtzSerial");
         const std::unique_ptr<Head> head(argc < 2 ? new Head : nullptr);
         PtzService service(head ? head->GetLine() : argv[1], *logger);

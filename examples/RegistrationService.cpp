@@ -20,6 +20,7 @@
 #include <zarip/interfaces/ISmRegistrationProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/NetworkUtils.h>
 #include <zarip/osa/TcpSocket.h>
@@ -34,7 +35,6 @@
 #include <string>
 
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -223,7 +223,7 @@ int main(int argc, char** argv) {
         return Usage(stderr);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         const zarip::core::Logger* const logger = LogToStdout("SmRegistration");
         RegistrationService service(argv[1], argv[2], TimeSpan::FromSeconds(seconds), *logger);
         zarip::msgbus::MsgBus bus;

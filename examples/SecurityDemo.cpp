@@ -130,7 +130,7 @@ public:
     Subscriber& operator=(const Subscriber&) = delete;
     ~Subscriber() { _service->UsersChanged.RemoveDelegate(this); }
 
-    /// The signal that comes next.
+    /// Waits for the next signal.
     std::string Next() {
         if (!_arrived.TryLock(5000)) {
             return "nothing";
@@ -150,20 +150,26 @@ private:
     std::unique_ptr<ISecurityProvider> _service;
 };
 
-void RunUsers(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscriber& second) {
-    const Strings expected = {"UsersChanged(true)", "UsersChanged(true)"};
-    const auto signals = [&] { return Strings{first.Next(), second.Next()}; };
+/// Expects the next signal at both subscribers.
+void ExpectSignals(Demo& demo, Subscriber& first, Subscriber& second) {
+    demo.Returns("Two subscribers wait for a signal", Strings{"UsersChanged(true)", "UsersChanged(true)"},
+                 [&] {
+                     return Strings{first.Next(), second.Next()};
+                 });
+}
 
+/// Adds users and logs alice in. Returns the session of alice.
+std::string RunLogin(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscriber& second) {
     demo.Returns("AddUsers: alice, an administrator, and bob, a viewer", 0, [&] {
         return service.AddUsers("alice:administrator:correct horse\nbob:viewer:battery staple");
     });
-    demo.Returns("Two subscribers wait for a signal", expected, signals);
+    ExpectSignals(demo, first, second);
     const std::string alice = demo.ReturnsSome("Authenticate alice with her password", [&] {
         return service.Authenticate(false, "alice", "correct horse");
     });
     demo.Returns("Authenticate alice with a wrong password", std::string(),
                  [&] { return service.Authenticate(false, "alice", "battery staple"); });
-    demo.Returns("Authenticate mallory, whom nobody knows", std::string(),
+    demo.Returns("Authenticate mallory, an unknown user", std::string(),
                  [&] { return service.Authenticate(false, "mallory", "correct horse"); });
     demo.Returns("IsAuthenticated with alice's session", true,
                  [&] { return service.IsAuthenticated(alice); });
@@ -179,7 +185,12 @@ void RunUsers(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscri
                  [&] { return service.AddUsers("eve = administrator\n[users]:viewer:some password"); });
     demo.Returns("ValidatePassword: is a short one good for alice?", 1,
                  [&] { return service.ValidatePassword("alice", "correct horse", "short"); });
+    return alice;
+}
 
+/// Lets bob in, changes his role and deletes him, then ends the session of alice.
+void RunRights(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscriber& second,
+               const std::string& alice) {
     const std::string bob = demo.ReturnsSome("Authenticate bob with his password", [&] {
         return service.Authenticate(true, "bob", "battery staple");
     });
@@ -194,14 +205,14 @@ void RunUsers(Demo& demo, ISecurityProvider& service, Subscriber& first, Subscri
     demo.Returns("GetAllowedPaths of bob", Strings{"/live"}, [&] { return service.GetAllowedPaths(bob); });
     demo.Returns("ModifyUsers: bob becomes an administrator and keeps his password", 0,
                  [&] { return service.ModifyUsers("bob:administrator:"); });
-    demo.Returns("Two subscribers wait for a signal", expected, signals);
+    ExpectSignals(demo, first, second);
     demo.Returns("Authorize bob for /config/network", true,
                  [&] { return service.Authorize(bob, "/config/network"); });
     demo.Returns("DeleteUsers: bob", 0, [&] { return service.DeleteUsers({"bob"}); });
-    demo.Returns("Two subscribers wait for a signal", expected, signals);
+    ExpectSignals(demo, first, second);
     demo.Returns("IsAuthenticated with bob's session", false, [&] { return service.IsAuthenticated(bob); });
     demo.Returns("DeleteUsers: bob again", 5, [&] { return service.DeleteUsers({"bob"}); });
-    demo.Returns("DeleteUsers: nobody", 0, [&] { return service.DeleteUsers({}); });
+    demo.Returns("DeleteUsers: an empty list", 0, [&] { return service.DeleteUsers({}); });
 
     demo.Returns("Invalidate alice's session, a one-way call", std::string("at once"), [&] {
         service.Invalidate(alice);
@@ -225,7 +236,7 @@ void RunPassphrases(Demo& demo, ISecurityProvider& service) {
     demo.Returns("DeletePassphrase backup again", false, [&] { return service.DeletePassphrase("backup"); });
 }
 
-/// Freezes a process and waits until all of its threads have stopped: kill() does not.
+/// Freezes a process and waits until all of its threads have stopped, for which kill() does not wait.
 void Freeze(pid_t process) {
     ::kill(process, SIGSTOP);
     const std::string tasks = "/proc/" + std::to_string(process) + "/task";
@@ -235,14 +246,14 @@ void Freeze(pid_t process) {
             std::ifstream file(task.path() / "stat");
             std::string line;
             std::getline(file, line);
-            const std::size_t name = line.rfind(") ");  // the state is the letter behind it: stopped or ended
+            const std::size_t name = line.rfind(") ");  // the letter after it is the state
             isFrozen = isFrozen && name != std::string::npos &&
                        std::string("TZX").find(line[name + 2]) != std::string::npos;
         }
     }
 }
 
-/// Stops the service while somebody waits for it.
+/// Freezes and kills the service while a call waits for it.
 void RunStop(Demo& demo, ISecurityProvider& service, pid_t process) {
     const std::string failed = "DBUS call com.brelk.system.security::GetUsers failed: ";
     const auto getUsers = [&] { service.GetUsers(); };
@@ -253,7 +264,7 @@ void RunStop(Demo& demo, ISecurityProvider& service, pid_t process) {
 
     service._timeout = 60'000;
     std::thread killer([process] {
-        // Nothing tells when the call is on its way; it takes a fraction of a millisecond.
+        // The call reaches the service in a fraction of a millisecond, but nothing reports when it has.
         zarip::osa::Thread::CurrentThread::Sleep(300);
         ::kill(process, SIGKILL);
     });
@@ -271,13 +282,14 @@ void RunStop(Demo& demo, ISecurityProvider& service, pid_t process) {
 int main(int argc, char** argv) {
     Demo demo;
     try {
-        // A waiting call holds its connection, so whoever listens has another.
+        // Subscribers are other processes as a rule, so they have connections of their own.
         Subscriber first;
         Subscriber second;
         MsgBus bus;
         const std::unique_ptr<ISecurityProvider> service(ISecurityProvider::CreateClient(&bus));
 
-        RunUsers(demo, *service, first, second);
+        const std::string alice = RunLogin(demo, *service, first, second);
+        RunRights(demo, *service, first, second, alice);
         RunPassphrases(demo, *service);
         demo.Throws("TestLdap, which this service does not offer",
                     "DBUS call com.brelk.system.security::TestLdap failed: unimplemented", [&] {

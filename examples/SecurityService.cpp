@@ -19,6 +19,7 @@
 #include <zarip/interfaces/ISecurityProvider.h>
 #include <zarip/interfaces/InterfaceServer.h>
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/osa/FileUtils.h>
 
@@ -30,8 +31,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -510,7 +509,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         ::umask(077);
 
         SecurityService service(argv[1]);

@@ -61,7 +61,7 @@ bool HasChromaFormat(unsigned int profile) {
     return false;
 }
 
-/// What is shown of a picture's width or height.
+/// Returns the visible part of the width or height of a picture.
 /// @param blocks  of 16 lines each
 unsigned int Crop(unsigned long long blocks, unsigned long long first, unsigned long long last,
                   unsigned int unit) {
@@ -84,35 +84,29 @@ struct Header {
     unsigned int height;
 };
 
-Header ReadHeader(const Bytes& bytes) {
-    BitStreamReader reader(bytes.data(), bytes.size());
-    reader.SkipBits(3);
-    if (reader.ReadBits(5) != 7) {
-        throw Exception("no sequence parameter set");
+/// Reads the format of the colours, which only some profiles have. Returns its number.
+unsigned int ReadChromaFormat(BitStreamReader& reader, unsigned int profile) {
+    if (!HasChromaFormat(profile)) {
+        return 1;
     }
-    Header header{};
-    header.profile = static_cast<unsigned int>(reader.ReadBits(8));
-    reader.SkipBits(8);  // constraints
-    header.level = static_cast<unsigned int>(reader.ReadBits(8));
-    reader.ReadUnsignedGolomb();  // number of the set
-    unsigned int chromaFormat = 1;
-    if (HasChromaFormat(header.profile)) {
-        chromaFormat = reader.ReadUnsignedGolomb();
-        if (chromaFormat == 3) {
-            reader.SkipBits(1);
-        }
-        reader.ReadUnsignedGolomb();  // bit depths
-        reader.ReadUnsignedGolomb();
+    const unsigned int chromaFormat = reader.ReadUnsignedGolomb();
+    if (chromaFormat == 3) {
         reader.SkipBits(1);
-        if (reader.ReadBit()) {
-            for (int list = 0; list < (chromaFormat == 3 ? 12 : 8); ++list) {
-                if (reader.ReadBit()) {
-                    SkipScalingList(reader, list < 6 ? 16 : 64);
-                }
+    }
+    reader.ReadUnsignedGolomb();  // bit depths
+    reader.ReadUnsignedGolomb();
+    reader.SkipBits(1);
+    if (reader.ReadBit()) {
+        for (int list = 0; list < (chromaFormat == 3 ? 12 : 8); ++list) {
+            if (reader.ReadBit()) {
+                SkipScalingList(reader, list < 6 ? 16 : 64);
             }
         }
     }
-    reader.ReadUnsignedGolomb();  // length of the frame numbers
+    return chromaFormat;
+}
+
+void SkipPictureOrder(BitStreamReader& reader) {
     const unsigned int orderType = reader.ReadUnsignedGolomb();
     if (orderType == 0) {
         reader.ReadUnsignedGolomb();
@@ -124,6 +118,22 @@ Header ReadHeader(const Bytes& bytes) {
             reader.ReadSignedGolomb();
         }
     }
+}
+
+Header ReadHeader(const Bytes& bytes) {
+    BitStreamReader reader(bytes.data(), bytes.size());
+    reader.SkipBits(3);
+    if (reader.ReadBits(5) != 7) {
+        throw Exception("no sequence parameter set");
+    }
+    Header header{};
+    header.profile = static_cast<unsigned int>(reader.ReadBits(8));
+    reader.SkipBits(8);  // constraints
+    header.level = static_cast<unsigned int>(reader.ReadBits(8));
+    reader.ReadUnsignedGolomb();  // number of the set
+    const unsigned int chromaFormat = ReadChromaFormat(reader, header.profile);
+    reader.ReadUnsignedGolomb();  // length of the frame numbers
+    SkipPictureOrder(reader);
     reader.ReadUnsignedGolomb();  // reference frames
     reader.SkipBits(1);
     const unsigned long long columns = reader.ReadUnsignedGolomb() + 1ULL;

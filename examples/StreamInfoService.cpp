@@ -18,6 +18,7 @@
 #include <zarip/msgbus/MsgBus.h>
 #include <zarip/msgbus/MsgBusMsg.h>
 #include <zarip/msgbus/MsgBusMsgArgumentReader.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 
 #include <algorithm>
@@ -30,7 +31,6 @@
 #include <string>
 
 #include "common/LogToStdout.h"
-#include "common/WaitForStop.h"
 
 namespace {
 
@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
         service.AddStream(argument.substr(0, equals), guaranteed);
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         LogToStdout("StreamInfo");
         zarip::msgbus::MsgBus bus;
         const std::unique_ptr<zarip::interfaces::InterfaceServer> server(

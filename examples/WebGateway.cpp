@@ -48,6 +48,7 @@
 #include <zarip/inet/HttpResponse.h>
 #include <zarip/inet/HttpServer.h>
 #include <zarip/inet/IHttpHandler.h>
+#include <zarip/msgbus/StopSignal.h>
 #include <zarip/osa/Exception.h>
 #include <zarip/xml/XmlWriter.h>
 
@@ -70,7 +71,6 @@
 #include "common/RequestGuard.h"
 #include "common/Scene.h"
 #include "common/SessionCookie.h"
-#include "common/WaitForStop.h"
 #include "common/WebAddress.h"
 
 namespace {
@@ -458,7 +458,7 @@ public:
     Gateway& operator=(const Gateway&) = delete;
 
     /// Serves until there is a signal to stop.
-    void Run(const WaitForStop& stop) {
+    void Run(const zarip::msgbus::StopSignal& stop) {
         _server.StartServerThread();
         std::printf("http://%s:%u/\n", _address.address.c_str(),
                     static_cast<unsigned int>(_server.GetLocalPort()));
@@ -519,7 +519,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        const WaitForStop stop;
+        const zarip::msgbus::StopSignal stop;
         IniFile settings;
         settings.SetValue("log", "log.stdout", "true");
         zarip::core::Logger::ConfigureLogging(settings, "log");

@@ -41,7 +41,7 @@ void CheckAnswer(const std::string& input, bool isRead) {
 
 }  // namespace
 
-void Request(const std::string& input) {
+FUZZ_TARGET(request) {
     HttpRequest request;
     const bool isRead = Read(input, request);
     CheckMessage(request);
@@ -51,7 +51,7 @@ void Request(const std::string& input) {
     }
 }
 
-void Response(const std::string& input) {
+FUZZ_TARGET(response) {
     HttpResponse response;
     const bool isRead = Read(input, response);
     CheckMessage(response);

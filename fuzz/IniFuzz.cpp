@@ -8,7 +8,7 @@
 
 namespace fuzz {
 
-void Ini(const std::string& input) {
+FUZZ_TARGET(ini) {
     using zarip::core::IniFile;
     IniFile ini;
     ini.LoadFromString(input);

@@ -32,7 +32,7 @@ bool IsParsed(const std::string& input) {
 
 }  // namespace
 
-void Json(const std::string& input) {
+FUZZ_TARGET(json) {
     const bool isParsed = IsParsed(input);
     json::UnknownElement element;
     try {

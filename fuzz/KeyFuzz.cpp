@@ -75,7 +75,7 @@ std::string Wrap(const std::string& label, const std::string& der) {
 }  // namespace
 
 // PEM text, or the DER that stands in one.
-void Key(const std::string& input) {
+FUZZ_TARGET(key) {
     if (input.find("-----") != std::string::npos) {
         TryPublic(input);
         TryPrivate(input);

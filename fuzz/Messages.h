@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <sstream>
 #include <string>
 
@@ -65,6 +66,21 @@ inline void CheckMessage(const HttpBase& message) {
     }
 }
 
+/// Whether a name begins or ends with white space, as a line without a colon may. Written with its colon it
+/// is refused, because other programs may take it for the name without the white space.
+inline bool HasBlankName(const HttpBase& message) {
+    HttpBase::const_iterator header;
+    HttpBase::const_iterator end;
+    for (message.GetHeaders(header, end); header != end; ++header) {
+        const std::string& name = header->first;
+        if (std::strchr(" \t\v\f", name.front()) != nullptr ||
+            std::strchr(" \t\v\f", name.back()) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
 inline void CheckAgain(bool isRead, const std::string& first, const std::string& second) {
     Check(isRead, "what was written can be read");
     Check(first == second, "what was written and read is the same");
@@ -73,7 +89,7 @@ inline void CheckAgain(bool isRead, const std::string& first, const std::string&
 template <class Message>
 void CheckRequestAgain(const Message& request) {
     // A path is written as it stands, so it is encoded first; an empty one would leave no target.
-    if (request.GetPath().empty()) {
+    if (request.GetPath().empty() || HasBlankName(request)) {
         return;
     }
     Message encoded(request);
@@ -91,7 +107,15 @@ void CheckRequestAgain(const Message& request) {
 
 template <class Message>
 void CheckResponseAgain(const Message& response) {
-    const std::string text = Write(response);
+    if (HasBlankName(response)) {
+        return;
+    }
+    std::string text;
+    try {
+        text = Write(response);
+    } catch (const zarip::inet::ParserException&) {
+        return;  // a first line that was read with a carriage return within it is not written
+    }
     if (!FitsLines(text.substr(0, text.size() - response.GetBodyLength()))) {
         return;
     }

@@ -84,7 +84,7 @@ void CheckQuery(const std::string& query, bool isForm) {
 }  // namespace
 
 /// A query up to the first line feed, a cookie header behind it.
-void Query(const std::string& input) {
+FUZZ_TARGET(query) {
     const std::size_t end = std::min(input.find('\n'), input.size());
     CheckQuery(input.substr(0, end), false);
     CheckQuery(input.substr(0, end), true);

@@ -6,19 +6,35 @@
 #include <cstdlib>
 #include <string>
 
-/// Each target takes any bytes and ends the process when something is not as it must be. Entry.cpp makes a
-/// fuzzer of one of them, RunFiles.cpp a test of all.
+/// What fuzzers are made of. A target is a function in a source file of this folder, and its corpus a folder
+/// of its name:
+///
+///     FUZZ_TARGET(query) {
+///         ... input ...
+///         Check(again == text, "what was written reads as the same");
+///     }
+///
+/// Each takes any bytes and ends the process when something is not as it must be. Entry.cpp makes a fuzzer of
+/// them, RunFiles.cpp a test.
 namespace fuzz {
 
-void Request(const std::string& input);
-void Response(const std::string& input);
-void Upnp(const std::string& input);
-void Url(const std::string& input);
-void Query(const std::string& input);
-void Ini(const std::string& input);
-void Json(const std::string& input);
-void Xml(const std::string& input);
-void Key(const std::string& input);
+struct Target {
+    Target(const char* targetName, void (*function)(const std::string&));
+
+    const char* name;
+    void (*run)(const std::string& input);
+    const Target* next;
+
+    /// The first of all.
+    static const Target* s_first;
+};
+
+inline const Target* Target::s_first = nullptr;
+
+inline Target::Target(const char* targetName, void (*function)(const std::string&))
+    : name(targetName), run(function), next(s_first) {
+    s_first = this;
+}
 
 inline void Check(bool holds, const char* what) {
     if (!holds) {
@@ -28,3 +44,8 @@ inline void Check(bool holds, const char* what) {
 }
 
 }  // namespace fuzz
+
+#define FUZZ_TARGET(name)                                            \
+    static void Fuzz_##name(const std::string& input);               \
+    static const ::fuzz::Target s_target_##name(#name, Fuzz_##name); \
+    static void Fuzz_##name(const std::string& input)

@@ -28,7 +28,7 @@ void CheckHeaders(const Message& message) {
 }  // namespace
 
 /// The datagram as a request and as an answer.
-void Upnp(const std::string& input) {
+FUZZ_TARGET(upnp) {
     UpnpRequest request;
     const bool isRequest = Read(input, request);
     CheckHeaders(request);

@@ -41,7 +41,7 @@ void CheckParts(const Url& url) {
 
 }  // namespace
 
-void Url(const std::string& input) {
+FUZZ_TARGET(url) {
     using Class = zarip::inet::Url;
     Check(Class::Decode(Class::Encode(input)) == input.c_str(), "what was encoded decodes to the same text");
     try {

@@ -87,7 +87,7 @@ void CheckWriter(const std::string& input, const std::string& text) {
 
 }  // namespace
 
-void Xml(const std::string& input) {
+FUZZ_TARGET(xml) {
     XmlReader reader(input);
     const Summary fromText = Read(reader);
     std::istringstream stream(input);

@@ -70,12 +70,12 @@ clang_packages() {
     echo "clang ${version:+libclang-rt-$version-dev}"
 }
 
-# configure PRESET FOLDER [CMAKE ARGUMENT]...: warnings are errors if ZARIP_WERROR is ON in the environment.
+# configure PRESET FOLDER [CMAKE ARGUMENT]...: with ZARIP_WERROR and ZARIP_DEBUG_INFO of the environment.
 configure() {
     local preset=$1 folder=$2
     shift 2
     command -v ninja >/dev/null || fail "the build needs ninja; Debian has it in ninja-build"
-    set -- -DZARIP_WERROR="${ZARIP_WERROR:-OFF}" "$@"
+    set -- -DZARIP_WERROR="${ZARIP_WERROR:-OFF}" -DZARIP_DEBUG_INFO="${ZARIP_DEBUG_INFO:-OFF}" "$@"
     if command -v ccache >/dev/null; then
         set -- -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@"
     fi

@@ -1,35 +1,23 @@
 // SPDX-License-Identifier: MIT
 
 // illuminator            serves the lamp until SIGINT or SIGTERM comes or the bus is lost
-// illuminator PERCENT    sets its brightness and prints what it is then; "off" switches it off
-
-#include <signal.h>
-#include <time.h>
+// illuminator PERCENT    sets the brightness of the lamp and prints the new one; "off" switches the lamp off
 
 #include <cstdio>
 #include <string>
 
 #include <zarip/msgbus/MsgBus.h>
+#include <zarip/msgbus/StopSignal.h>
 
 #include "Lamp.h"
 
 static int Serve() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);  // first: threads inherit it
+    const zarip::msgbus::StopSignal stop;  // first, so that every thread leaves the signals to it
     zarip::msgbus::MsgBus bus;
     Lamp lamp;
     const IlluminatorServer server(&bus, &lamp);
-    bus.StartServer();  // last: calls come in from here on
-    const timespec second = {1, 0};
-    while (bus.IsRunning()) {
-        if (sigtimedwait(&stop, nullptr, &second) > 0) {
-            return 0;
-        }
-    }
-    return 1;
+    bus.StartServer();  // last, because calls are served from here on
+    return stop.Wait(bus) ? 0 : 1;
 }
 
 static int Call(const std::string& brightness) {

@@ -11,10 +11,10 @@
 #include <cmath>
 #include <istream>
 #include <locale>
-#include <sstream>
 #include <string_view>
 
 #include "core/ReadFileBlocks.h"
+#include "core/TextStream.h"
 #include "core/Trim.h"
 #include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
@@ -334,7 +334,7 @@ void IniFile::SaveToStream(std::ostream& stream) const {
 }
 
 std::string IniFile::SaveToString() const {
-    std::ostringstream stream;
+    OutputText stream;
     SaveToStream(stream);
     return stream.str();
 }
@@ -531,8 +531,7 @@ void IniFile::SetIntToGroup(Group& group, const std::string& key, int value) {
 }
 
 void IniFile::SetDoubleToGroup(Group& group, const std::string& key, double value) {
-    std::ostringstream stream;
-    stream.imbue(std::locale::classic());
+    OutputText stream;
     stream << value;
     group[key] = stream.str();
 }

@@ -9,10 +9,10 @@
 #include <cmath>
 #include <istream>
 #include <limits>
-#include <sstream>
 #include <streambuf>
 
 #include "core/JsonCheck.h"
+#include "core/TextStream.h"
 
 namespace zarip::core {
 
@@ -95,7 +95,7 @@ public:
 
 private:
     const bool _pretty;
-    std::ostringstream _stream;
+    OutputText _stream;
 };
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "core/Allocators.h"
+#include "osa/PerThread.h"
 #include "zarip/core/AllocationException.h"
 
 namespace zarip::core {
@@ -85,9 +86,9 @@ public:
     static unsigned int Get() { return __builtin_expect(s_group != kLists, 1) ? s_group : Join(); }
 
 private:
-    struct Membership {
-        ~Membership() { s_threads[s_group].fetch_sub(1, std::memory_order_relaxed); }
-    };
+    static void CountEnd(void* threads) {
+        static_cast<std::atomic<unsigned int>*>(threads)->fetch_sub(1, std::memory_order_relaxed);
+    }
 
     static unsigned int Join() {
         unsigned int group = 0;
@@ -97,11 +98,11 @@ private:
                 group = other;
             }
         }
-        s_threads[group].fetch_add(1, std::memory_order_relaxed);
         s_group = group;
-        // The membership ends with the thread. A thread-local object that is destroyed later may still ask,
-        // but is not counted.
-        static thread_local const Membership s_membership;
+        static const osa::PerThread<std::atomic<unsigned int>> s_membership(&CountEnd);
+        if (s_membership.Set(&s_threads[group])) {
+            s_threads[group].fetch_add(1, std::memory_order_relaxed);
+        }
         return group;
     }
 

@@ -13,10 +13,10 @@
 #include <istream>
 #include <locale>
 #include <memory>
-#include <sstream>
 #include <string_view>
 
 #include "core/ReadFileBlocks.h"
+#include "core/TextStream.h"
 #include "core/Trim.h"
 #include "zarip/osa/Exception.h"
 
@@ -101,8 +101,7 @@ std::string_view TrimClassic(std::string_view text) {
 /// The result that a stream gives: it fails for a number that is too large, and gives zero for one that is
 /// too small.
 bool ExtractOutOfRange(std::string_view number, double& out) {
-    std::istringstream stream{std::string(number)};
-    stream.imbue(std::locale::classic());
+    InputText stream{std::string(number)};
     return static_cast<bool>(stream >> out);
 }
 

@@ -242,9 +242,10 @@ void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 class ZARIP_HIDDEN TaskManager::Impl {
 public:
     /// @param isMonotonic  whether the time source never goes back.
-    Impl(osa::ITimeSource* timeSource, bool ownsTimeSource, bool isMonotonic, int maxCount)
+    Impl(osa::ITimeSource* timeSource, std::unique_ptr<osa::ITimeSource> owned, bool isMonotonic,
+         int maxCount)
         : _timeSource(timeSource),
-          _ownedTimeSource(ownsTimeSource ? timeSource : nullptr),
+          _ownedTimeSource(std::move(owned)),
           _isMonotonic(isMonotonic),
           _maxWoken(std::clamp(maxCount, 1, 0xFFFF)),
           _wakeUp("TaskManager", static_cast<unsigned short>(_maxWoken), 0),
@@ -434,11 +435,16 @@ bool TaskManager::Impl::WaitAndExecute(int timeoutMs) {
 
 TaskManager::TaskManager() : TaskManager(kMaxCount) {}
 
-TaskManager::TaskManager(int maxCount)
-    : _impl(std::make_unique<Impl>(new osa::MonotonicTimeSource, true, true, maxCount)) {}
+TaskManager::TaskManager(int maxCount) {
+    auto clock = std::make_unique<osa::MonotonicTimeSource>();
+    osa::ITimeSource* const timeSource = clock.get();
+    _impl = std::make_unique<Impl>(timeSource, std::move(clock), true, maxCount);
+}
 
-TaskManager::TaskManager(osa::ITimeSource* timeSource, bool takeOwnership)
-    : _impl(std::make_unique<Impl>(timeSource, takeOwnership, false, kMaxCount)) {}
+TaskManager::TaskManager(osa::ITimeSource* timeSource, bool takeOwnership) {
+    std::unique_ptr<osa::ITimeSource> owned(takeOwnership ? timeSource : nullptr);
+    _impl = std::make_unique<Impl>(timeSource, std::move(owned), false, kMaxCount);
+}
 
 TaskManager::~TaskManager() = default;
 

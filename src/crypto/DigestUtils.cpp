@@ -9,6 +9,7 @@
 
 #include "cutil/hex.h"
 #include "osa/FileCalls.h"
+#include "osa/PerThread.h"
 #include "osa/ReadBlocks.h"
 #include "zarip/crypto/CryptoUtils.h"
 #include "zarip/crypto/Digests.h"
@@ -23,34 +24,26 @@ namespace {
 class KeptMd5 {
 public:
     static std::unique_ptr<MD5> Take() {
-        if (!t_isOver) {
-            if (std::unique_ptr<MD5> md5 = std::move(Get().md5)) {
-                return md5;
-            }
+        std::unique_ptr<MD5> md5(Kept().Get());
+        if (md5) {
+            Kept().Set(nullptr);
+        } else {
+            md5 = std::make_unique<MD5>();
         }
-        return std::make_unique<MD5>();
+        return md5;
     }
 
     static void GiveBack(std::unique_ptr<MD5> md5) {
-        if (!t_isOver) {
-            Get().md5 = std::move(md5);
+        if (Kept().Set(md5.get())) {
+            static_cast<void>(md5.release());
         }
     }
 
 private:
-    struct Keeper {
-        Keeper() = default;
-        Keeper(const Keeper&) = delete;
-        Keeper& operator=(const Keeper&) = delete;
-        ~Keeper() { t_isOver = true; }
-        std::unique_ptr<MD5> md5;
-    };
-    static Keeper& Get() {
-        thread_local Keeper keeper;
-        return keeper;
+    static const osa::PerThread<MD5>& Kept() {
+        static const osa::PerThread<MD5> s_kept([](void* md5) { delete static_cast<MD5*>(md5); });
+        return s_kept;
     }
-    /// The objects of the thread's storage are being destroyed; others among them may still need a digest.
-    static inline thread_local bool t_isOver = false;
 };
 
 std::string Finish(MD5& md5) {

@@ -18,7 +18,6 @@
 #include "inet/Address.h"
 #include "inet/MessageHead.h"
 #include "inet/Text.h"
-#include "osa/DescribeCaught.h"
 #include "osa/Errors.h"
 #include "osa/TcpSocketImpl.h"
 #include "zarip/core/Logger.h"
@@ -37,26 +36,23 @@ constexpr std::size_t kOnePiece = 8'192;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 /// A standard time of day for the header "Date", in any locale.
-std::string FormatDate(std::time_t time) {
+void FormatDate(std::time_t time, char (&text)[64]) {
     constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     std::tm t{};
     ::gmtime_r(&time, &t);
-    char text[64];
-    const int length =
-        std::snprintf(text, sizeof(text), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[t.tm_wday], t.tm_mday,
-                      kMonths[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
-    return std::string(text, static_cast<std::size_t>(std::clamp(length, 0, 63)));
+    std::snprintf(text, sizeof(text), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[t.tm_wday], t.tm_mday,
+                  kMonths[t.tm_mon], t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec);
 }
 
 /// The current one; most answers of a second share it.
-const std::string& Date() {
+const char* Date() {
     thread_local std::time_t t_time = -1;
-    thread_local std::string t_text;
+    thread_local char t_text[64] = "";
     const std::time_t now = std::time(nullptr);
     if (now != t_time) {
-        t_text = FormatDate(now);
+        FormatDate(now, t_text);
         t_time = now;
     }
     return t_text;
@@ -119,8 +115,10 @@ void HttpService::LogCaught() noexcept {
     try {
         try {
             throw;
+        } catch (const std::exception& e) {
+            LogFailure(e.what());
         } catch (...) {
-            LogFailure(osa::DescribeCaught());
+            LogFailure("unknown");
         }
     } catch (...) {
         // There is not even memory for the record.

@@ -19,14 +19,17 @@ namespace {
 constexpr unsigned int kWatcherStackSize = 32768;
 constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
 constexpr int kLastWriteLimitMs = 250;
-/// How many messages a thread sends for others before the watcher's thread continues.
+/// A thread sends at most this many messages before the watcher's thread continues.
 constexpr int kBatch = 64;
-/// What libdbus reads at a time, and what is read of one long message before others get the connection.
+/// Before the next attempt when memory is short.
+constexpr int kMemoryPauseMs = 10;
+/// libdbus reads this many bytes at a time. The next constants limit how much of a long message is read
+/// before other threads get the connection.
 constexpr int kLibraryReads = 2048;
 constexpr int kReadStep = 32 * 1024;
 constexpr int kMaxReadSteps = 32;
 
-// The texts of libdbus's own waiting calls.
+// The messages of libdbus's own waiting calls.
 const char* const kTimedOut =
     "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
     "message "
@@ -35,7 +38,7 @@ constexpr const char* kDisconnected = "Connection was disconnected before a repl
 constexpr const char* kClosed = "Connection is closed";
 
 core::Logger* WithThreads(core::Logger* logger) {
-    // Before the first connection, so that libdbus locks its own data.
+    // libdbus locks its own data only if this is called before the first connection is made.
     dbus_threads_init_default();
     return logger;
 }
@@ -50,7 +53,8 @@ DBusConnection* Connect() {
         throw osa::Exception("dbus_bus_get_private returned NULL");
     }
     dbus_connection_set_exit_on_disconnect(connection, FALSE);
-    // Never reached: what is received is bounded by its receivers, and a reply must always get through.
+    // This limit is never reached. The receivers limit what is kept, and libdbus must not stop reading,
+    // because a reply might be next.
     dbus_connection_set_max_received_size(connection, INT_MAX / 2);
     return connection;
 }
@@ -60,7 +64,7 @@ bool IsLocalDisconnected(DBusMessage* message) {
            dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected") != FALSE;
 }
 
-/// The answer to a call of the interface that every connection has; null for any other message.
+/// Makes the answer to a call of the interface that every connection has; null for any other message.
 MessageRef AnswerPeer(DBusMessage* message) {
     if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
         dbus_message_has_interface(message, DBUS_INTERFACE_PEER) == FALSE) {
@@ -81,8 +85,8 @@ MessageRef AnswerPeer(DBusMessage* message) {
         return MessageRef::Adopt(
             dbus_message_new_error(message, error.GetName(), error.GetMessage().c_str()));
     }
-    if (reply) {
-        dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID);
+    if (reply && dbus_message_append_args(reply.Get(), DBUS_TYPE_STRING, &id, DBUS_TYPE_INVALID) == FALSE) {
+        reply = MessageRef();
     }
     dbus_free(id);
     return reply;
@@ -90,7 +94,7 @@ MessageRef AnswerPeer(DBusMessage* message) {
 
 }  // namespace
 
-/// Holds the connection; hands libdbus what waits to be sent before letting go.
+/// Locks the connection. Before it unlocks, it passes waiting messages to libdbus.
 class ZARIP_SCOPED_CAPABILITY BusConnection::Use {
 public:
     explicit Use(BusConnection& connection) ZARIP_ACQUIRE(connection._lock) : _connection(connection) {
@@ -110,7 +114,7 @@ private:
     BusConnection& _connection;
 };
 
-/// Enters a call for the length of a scope, at the end of which another leads.
+/// Registers a pending call for a scope, at the end of which another call takes the lead.
 class BusConnection::Pending {
 public:
     Pending(BusConnection& connection, PendingCalls::Call& call) : _connection(connection), _call(call) {
@@ -153,6 +157,9 @@ BusConnection::~BusConnection() {
     _outbox.Close();
     const Use use(*this);
     _watcher.Detach(_connection);
+    if (_preparation != nullptr) {
+        dbus_connection_free_preallocated_send(_connection, _preparation);
+    }
     dbus_connection_close(_connection);
     dbus_connection_unref(_connection);
     _connection = nullptr;
@@ -189,14 +196,15 @@ Outbox::Result BusConnection::Send(MessageRef message, std::size_t size, Outbox:
 
 void BusConnection::Post(MessageRef message) {
     if (message) {
-        // If the calling thread holds the lock, `Flush` does nothing and the end of that `Use` sends it.
+        // If the calling thread holds the lock, `Flush` does nothing, and the destructor of that `Use` sends
+        // the message.
         const std::size_t size = MeasureMessage(message.Get());
         Send(std::move(message), size, Outbox::Patience::kNever);
     }
 }
 
-/// Sends what waits. If another thread has the lock that thread sends it, because it looks at the outbox
-/// after it has let go.
+/// Sends waiting messages. If another thread has the lock, that thread sends them, because it checks the
+/// outbox after it has unlocked.
 void BusConnection::Flush() {
     for (int round = 0; _outbox.HasWork(); ++round) {
         if (round == 2) {
@@ -211,18 +219,28 @@ void BusConnection::Flush() {
     }
 }
 
+bool BusConnection::PrepareToSend() {
+    if (_preparation == nullptr) {
+        _preparation = dbus_connection_preallocate_send(_connection);
+    }
+    _isShortOfMemory = _preparation == nullptr;
+    return _preparation != nullptr;
+}
+
 void BusConnection::Drain() {
     if (_connection == nullptr || _isLost) {
         return;
     }
     for (int i = 0; i < kBatch && dbus_connection_has_messages_to_send(_connection) == FALSE; ++i) {
+        if (!PrepareToSend()) {
+            return;  // nothing is taken out, and the watcher's thread tries again
+        }
         const MessageRef message = _outbox.Take();
         if (!message) {
             break;
         }
-        if (dbus_connection_send(_connection, message.Get(), nullptr) == FALSE) {
-            _logger->Error("dbus_connection_send failed: %d queued messages are lost", 1);
-        }
+        dbus_connection_send_preallocated(_connection, _preparation, message.Get(), nullptr);
+        _preparation = nullptr;
     }
     if (dbus_connection_has_messages_to_send(_connection) != FALSE) {
         _outbox.NoteBlocked();
@@ -230,7 +248,7 @@ void BusConnection::Drain() {
         _outbox.NoteWritten();
     }
     if (dbus_connection_get_is_connected(_connection) == FALSE) {
-        TakeIncoming();  // which ends with the news of the loss
+        TakeIncoming();  // delivers libdbus's message that the connection is lost
     }
 }
 
@@ -273,7 +291,7 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
     bool isLate = false;
     for (auto role = _pending.GetRole(call); role != PendingCalls::Role::kDone && !isLate;
          role = _pending.GetRole(call)) {
-        isLate = until != osa::kNever && osa::NowMs() >= until;  // one look also when there is no time at all
+        isLate = until != osa::kNever && osa::NowMs() >= until;  // reads once even if the time is 0
         if (role == PendingCalls::Role::kFollower) {
             if (!isLate) {
                 _pending.Wait(call, until);
@@ -298,6 +316,9 @@ void BusConnection::ReadUntilDone(PendingCalls::Call& call, osa::MonotonicMs unt
 // Receiving
 
 void BusConnection::OnReady(unsigned int flags) {
+    if (_isShortOfMemory) {
+        ::poll(nullptr, 0, kMemoryPauseMs);
+    }
     const Use use(*this);
     if ((flags & DBUS_WATCH_WRITABLE) != 0) {
         _outbox.NoteProgress();
@@ -313,8 +334,9 @@ void BusConnection::WaitAndRead() {
     }
 }
 
-/// libdbus reads 2 KiB at a time. While a longer message arrives this reads on without waiting, because the
-/// bus drops replies to a connection that falls behind by more than 127 MiB, which strangers may send it.
+/// Reads and routes what has arrived. libdbus reads 2 KiB at a time, so a longer message is read in several
+/// steps without waiting. Speed matters because strangers may send any amount, and the bus drops replies to a
+/// connection that has more than 127 MiB to read.
 void BusConnection::Read(unsigned int flags) {
     if (_isLost) {
         return;
@@ -332,7 +354,7 @@ void BusConnection::Read(unsigned int flags) {
     }
 }
 
-/// Takes what libdbus has parsed; false if that is nothing.
+/// Takes and routes the messages that libdbus has parsed. Returns false if there were none.
 bool BusConnection::TakeIncoming() {
     bool hasTaken = false;
     for (int attempts = 0; !_isLost && attempts < 100;) {
@@ -341,7 +363,7 @@ bool BusConnection::TakeIncoming() {
             hasTaken = true;
             TryToRoute(std::move(message));
         } else if (dbus_connection_get_dispatch_status(_connection) == DBUS_DISPATCH_NEED_MEMORY) {
-            ::poll(nullptr, 0, 10);
+            ::poll(nullptr, 0, kMemoryPauseMs);
             ++attempts;
         } else {
             break;
@@ -350,7 +372,7 @@ bool BusConnection::TakeIncoming() {
     return hasTaken;
 }
 
-/// A message for which there is no memory is lost, but not the connection.
+/// Routes a message. If memory is short, the message is lost but not the connection.
 void BusConnection::TryToRoute(MessageRef message) noexcept {
     try {
         Route(std::move(message));

@@ -12,14 +12,13 @@ namespace zarip::msgbus {
 namespace {
 
 constexpr unsigned int kNameFlags = DBUS_NAME_FLAG_REPLACE_EXISTING | DBUS_NAME_FLAG_DO_NOT_QUEUE;
-/// How long names and rules are waited for, in milliseconds: when they are wanted, and when they are given
-/// up.
+/// The time limits, in milliseconds, for acquiring and for releasing names and rules.
 constexpr int kAskLimitMs = 5000;
 constexpr int kGiveUpLimitMs = 250;
-/// The bus itself takes 1,024 bytes; a message above 32 MiB would cost the connection.
+/// The bus accepts rules of 1,024 bytes. It would close the connection for a message above 32 MiB.
 constexpr std::size_t kMaxRule = std::size_t{64} * 1024;
 
-/// A call of the bus itself with one string.
+/// Makes a call of the bus daemon with one string.
 MessageRef MakeCall(const char* member, const std::string& argument) {
     MessageRef call = MessageRef::Adopt(
         dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
@@ -32,8 +31,8 @@ MessageRef MakeCall(const char* member, const std::string& argument) {
 
 }  // namespace
 
-/// Calls the bus itself. After one time-out nothing is awaited until the bus has shown that it lives, unless
-/// the caller must have an answer: the call is sent, and counts as one that timed out.
+/// Calls the bus daemon. If it does not respond and the caller does not need an answer (`mustAsk`), the call
+/// is sent without waiting and counts as timed out.
 MessageRef BusDaemon::Call(MessageRef call, int limitMs, bool mustAsk, DBusErrorRecord& error) {
     const std::size_t size = MeasureMessage(call.Get());
     if (!mustAsk && _connection->IsUnresponsive()) {
@@ -42,7 +41,7 @@ MessageRef BusDaemon::Call(MessageRef call, int limitMs, bool mustAsk, DBusError
         dbus_set_error_const(error.Get(), DBUS_ERROR_NO_REPLY, "The bus does not answer");
         return {};
     }
-    // A name that is not waited for any more must not be taken later; everything else is still wanted.
+    // A name must not be acquired after its request has timed out. All other requests are still sent.
     const auto afterTimeout =
         mustAsk ? BusConnection::AfterTimeout::kWithdraw : BusConnection::AfterTimeout::kSend;
     MessageRef reply =
@@ -61,7 +60,10 @@ void BusDaemon::RequestName(const std::string& name) {
     DBusErrorRecord error;
     MessageRef call = MakeCall("RequestName", name);
     const dbus_uint32_t flags = kNameFlags;
-    dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID);
+    // libdbus leaves half a message when it fails, for which the bus would close the connection.
+    if (dbus_message_append_args(call.Get(), DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID) == FALSE) {
+        throw osa::Exception("MsgBusMsg: Creating msg failed!");
+    }
     const MessageRef reply = Call(std::move(call), kAskLimitMs, true, error);
     dbus_uint32_t result = 0;
     if (reply) {
@@ -77,7 +79,7 @@ void BusDaemon::RequestName(const std::string& name) {
 
 void BusDaemon::ReleaseName(const std::string& name) {
     if (_state->IsLost()) {
-        return;  // the bus gave it up with the connection
+        return;  // the bus released it with the connection
     }
     DBusErrorRecord error;
     if (IsValidBusName(name.c_str())) {

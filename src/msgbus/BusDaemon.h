@@ -9,14 +9,14 @@
 
 namespace zarip::msgbus {
 
-/// The bus daemon as a connection uses it: names and match rules. *Thread-safe*; holds no lock.
+/// The calls of a connection to the bus daemon, for names and match rules. *Thread-safe*; it holds no lock.
 ///
-/// Every call has a time limit. After one time-out on a connection, rules and releases are sent but not
-/// awaited until something comes from the bus, so that destroying many objects on a stopped bus takes no
-/// longer than destroying one.
+/// Every call has a time limit. After a time-out, requests for rules and releases are sent without waiting
+/// until the bus has sent something. So destroying many objects on a stopped bus takes no longer than
+/// destroying one.
 class BusDaemon {
 public:
-    /// All are *not owned* and must outlive this object.
+    /// All arguments are *not owned* and must outlive this object.
     BusDaemon(core::Logger* logger, ListenState* state, BusConnection* connection)
         : _logger(logger), _state(state), _connection(connection) {}
 
@@ -24,7 +24,7 @@ public:
     /// owner".
     void RequestName(const std::string& name);
 
-    // Failures are logged.
+    // The following functions log failures.
 
     void ReleaseName(const std::string& name);
     void AddMatch(const std::string& rule);

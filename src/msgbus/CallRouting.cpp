@@ -2,6 +2,8 @@
 
 #include "msgbus/CallRouting.h"
 
+#include <new>
+
 #include "msgbus/DBusText.h"
 #include "msgbus/DescribedObjects.h"
 #include "msgbus/MsgBusMsgImpl.h"
@@ -12,7 +14,7 @@ namespace zarip::msgbus {
 
 namespace {
 
-/// Answers the call if it is Introspect and the path is known.
+/// Answers the call if it is Introspect and the path is known; returns whether that is the case.
 bool AnswerIntrospect(const MsgBusMsg& call, IMsgBus& bus) {
     const std::string interface = call.GetInterface();
     if (call.GetName() != "Introspect" ||
@@ -31,7 +33,7 @@ bool AnswerIntrospect(const MsgBusMsg& call, IMsgBus& bus) {
 }  // namespace
 
 bool RouteToHandlers(DBusMessage* message, MessageDispatcher& dispatcher, IMsgBus& bus) {
-    const MsgBusMsg wrapped(new MsgBusMsgImpl(message, false));
+    const MsgBusMsg wrapped(new MsgBusMsgImpl(message));
     const std::string_view member = ViewOf(dbus_message_get_member(message));
     std::string_view interface = ViewOf(dbus_message_get_interface(message));
     if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL) {
@@ -39,7 +41,7 @@ bool RouteToHandlers(DBusMessage* message, MessageDispatcher& dispatcher, IMsgBu
     }
     std::string found;
     if (interface.empty()) {
-        // The interface of a call is optional: many clients leave it out.
+        // The interface of a call is optional, and many clients omit it.
         found = dispatcher.FindInterface(member);
         interface = found;
     }
@@ -55,7 +57,11 @@ MessageRef MakeRefusal(DBusMessage* message, const char* error, const std::strin
         dbus_message_get_no_reply(message) != FALSE) {
         return {};
     }
-    return MessageRef::Adopt(dbus_message_new_error(message, error, ToErrorText(text).c_str()));
+    MessageRef refusal = MessageRef::Adopt(dbus_message_new_error(message, error, ToErrorText(text).c_str()));
+    if (!refusal) {
+        throw std::bad_alloc();
+    }
+    return refusal;
 }
 
 MessageRef MakeRefusal(DBusMessage* message, const IMsgBus& bus) {

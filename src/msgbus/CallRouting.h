@@ -9,16 +9,17 @@
 
 namespace zarip::msgbus {
 
-/// Hands a call or signal to the handlers that take it, on the calling thread; a call of Introspect that
-/// nobody takes is answered with the description of the object. False if nobody takes the message.
-/// @param bus  the connection that has received it; handlers get it, and replies go to it.
+/// Passes a call or signal to the handlers that take it, on the calling thread. If no handler takes a call of
+/// Introspect, it is answered with the description of the object. Returns false if the message was not taken.
+/// @param bus  the connection that has received the message; it is passed to the handlers and sends the
+///     replies.
 bool RouteToHandlers(DBusMessage* message, MessageDispatcher& dispatcher, IMsgBus& bus);
 
-/// The error reply to a call that nobody takes, as libdbus has it; empty if the message is not a call that
-/// expects a reply.
+/// Makes the error reply to a call that no handler takes, with libdbus's message. Empty if the message is not
+/// a call that expects a reply.
 MessageRef MakeRefusal(DBusMessage* message, const IMsgBus& bus);
 
-/// An error reply; empty if the message is not a call that expects a reply.
+/// Makes an error reply. Empty if the message is not a call that expects a reply.
 MessageRef MakeRefusal(DBusMessage* message, const char* error, const std::string& text);
 
 }  // namespace zarip::msgbus

@@ -10,11 +10,12 @@
 
 namespace zarip::msgbus {
 
-/// The lock of the libdbus connection: first come, first served. *Thread-safe*, not recursive.
+/// The lock of the libdbus connection, which serves threads in the order of their requests. *Thread-safe*,
+/// not recursive.
 ///
-/// A thread that sends in a tight loop would take an ordinary mutex again and again before a thread that
-/// sleeps on it has woken. Here `Release` hands the lock to the thread that has waited longest, and `TryLock`
-/// fails while somebody waits. The lock is never held during a wait, so every turn is short.
+/// With an ordinary mutex, a thread that sends in a tight loop would lock it again before a sleeping thread
+/// has woken. Here `Release` passes the lock to the thread that has waited longest, and `TryLock` fails while
+/// a thread waits. The lock is never held during a wait, so each turn is short.
 class ZARIP_CAPABILITY("mutex") ConnectionLock {
 public:
     ConnectionLock() = default;
@@ -46,7 +47,7 @@ public:
         }
         Waiter* const next = std::exchange(_first, _first->next);
         next->isTurn = true;
-        // Under the mutex: once it is free the waiter may have left and be gone.
+        // The mutex must be held, because the waiter may destroy its object as soon as the mutex is free.
         next->turn.notify_one();
     }
 
@@ -59,7 +60,8 @@ private:
 
     std::mutex _mutex;
     bool _isHeld = false;
-    // The threads that wait, on whose stacks these are. Threads wait only while the lock is held.
+    // A list of the waiting threads, whose elements are on their stacks. Threads only wait while the lock is
+    // held.
     Waiter* _first = nullptr;
     Waiter* _last = nullptr;
 };

@@ -10,7 +10,7 @@
 
 namespace zarip::msgbus {
 
-/// A libdbus error record, freed at the end of the scope.
+/// A libdbus error record, which the destructor frees.
 class DBusErrorRecord {
 public:
     DBusErrorRecord() { dbus_error_init(&_error); }
@@ -42,10 +42,10 @@ public:
         }
     }
 
-    /// Takes over a reference that the caller has, which may be null.
+    /// Takes over a reference of the caller, which may be null.
     static MessageRef Adopt(DBusMessage* message) { return MessageRef(message); }
 
-    /// Adds a reference of its own.
+    /// Adds a reference.
     static MessageRef Share(DBusMessage* message) { return MessageRef(dbus_message_ref(message)); }
 
     DBusMessage* Get() const { return _message; }
@@ -60,7 +60,7 @@ private:
     DBusMessage* _message = nullptr;
 };
 
-/// libdbus gives null for a field that a message does not have.
+/// Converts null, which libdbus returns for a field that a message does not have, to an empty string.
 inline const char* TextOf(const char* field) {
     return field != nullptr ? field : "";
 }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kMaxErrorText = std::size_t{64} * 1024;
 
-/// ASCII, which nearly all text on this bus is, needs no decoding: eight bytes at a time.
+/// Tests eight bytes at a time. Nearly all strings on the bus are ASCII and need no decoding.
 bool IsAscii(const char* text, std::size_t length) {
     constexpr std::uint64_t kHighBits = 0x8080808080808080U;
     std::uint64_t seen = 0;
@@ -29,7 +29,7 @@ bool IsAscii(const char* text, std::size_t length) {
     return (seen & kHighBits) == 0;
 }
 
-/// The length of the UTF-8 sequence at `text`, 0 when there is none; `end` is where the text ends.
+/// Returns the length of the UTF-8 sequence at `text`, or 0 if it is not valid. `end` is the end of the text.
 std::size_t SequenceLength(const char* text, const char* end) {
     const auto lead = static_cast<unsigned char>(*text);
     std::size_t length = 1;

@@ -6,14 +6,15 @@
 
 namespace zarip::msgbus {
 
-// The bus library ends the process over text that it does not allow, so all of it is looked at here first.
+// libdbus ends the process if it gets a string that it does not allow, so these functions check all strings
+// first.
 
-/// Whether the text up to its first zero byte is what the bus takes as a string; null is not.
+/// Returns whether the bus accepts the text up to its first zero byte as a string; false for null.
 bool IsValidText(const char* text);
 
-/// The string with every byte that is not part of valid UTF-8 replaced by '?', and cut after 64 KiB: the text
-/// of an error may hold what a caller sent, several times over, and the bus closes the connection over a
-/// message that is too long.
+/// Replaces every byte that is not part of valid UTF-8 by '?' and truncates the string to 64 KiB. An error
+/// message may contain several copies of what a caller has sent, and the bus closes the connection if a
+/// message is too long.
 std::string ToErrorText(const std::string& text);
 
 bool IsValidBusName(const char* name);

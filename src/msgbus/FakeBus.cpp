@@ -70,8 +70,7 @@ public:
                                  "::" + TextOf(dbus_message_get_member(call.Get())) +
                                  " failed: " + error.GetMessage());
         }
-        auto impl = std::make_unique<MsgBusMsgImpl>(reply.Get(), true);
-        reply.Release();
+        auto impl = std::make_unique<MsgBusMsgImpl>(std::move(reply));
         impl->MarkSent();
         return new MsgBusMsg(impl.release());
     }

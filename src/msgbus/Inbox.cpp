@@ -80,7 +80,9 @@ Inbox::Result Inbox::Put(MessageRef& message, std::size_t size, const Limits& li
         TakeFrom(_signals);
         result = Result::kDroppedSignals;
     }
-    (isSignal ? _signals : _others).push_back({std::move(message), memory, ++_lastNumber, hasDescriptors});
+    Queue& queue = isSignal ? _signals : _others;
+    queue.emplace_back();  // first, so that the caller still has the message if there is no memory
+    queue.back() = {std::move(message), memory, ++_lastNumber, hasDescriptors};
     _memory += memory;
     _withDescriptors += hasDescriptors ? 1 : 0;
     return result;

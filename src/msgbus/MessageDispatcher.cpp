@@ -5,9 +5,9 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
 
-#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/msgbus/MsgBusMsg.h"
@@ -21,33 +21,33 @@ void MessageDispatcher::Add(const std::string& interface, const std::string& mem
                             IMessageHandler* handler) {
     auto entry = std::make_shared<Entry>();
     entry->handler = handler;
+    Registrations added;
+    added.push_back({Key(interface, member), std::move(entry)});
     const osa::MutexAutoLock lock(&_handlerMapMutex);
-    _handlers[Key(interface, member)].push_back(std::move(entry));
+    Registrations& registrations = _handlers[added.front().place];
+    registrations.splice(registrations.end(), added);
 }
 
-std::vector<MessageDispatcher::Key> MessageDispatcher::Remove(const IMessageHandler* handler) {
-    std::vector<Key> places;
-    Entries removed;
+MessageDispatcher::Registrations MessageDispatcher::Remove(const IMessageHandler* handler) {
+    Registrations removed;
     {
         const osa::MutexAutoLock lock(&_handlerMapMutex);
         for (auto place = _handlers.begin(); place != _handlers.end();) {
-            Entries& entries = place->second;
-            const auto first =
-                std::stable_partition(entries.begin(), entries.end(),
-                                      [handler](const auto& entry) { return entry->handler != handler; });
-            for (auto entry = first; entry != entries.end(); ++entry) {
-                (*entry)->removed = true;
-                places.push_back(place->first);
+            Registrations& registrations = place->second;
+            for (auto next = registrations.begin(); next != registrations.end();) {
+                const auto registration = next++;
+                if (registration->entry->handler == handler) {
+                    registration->entry->removed = true;
+                    removed.splice(removed.end(), registrations, registration);
+                }
             }
-            std::move(first, entries.end(), std::back_inserter(removed));
-            entries.erase(first, entries.end());
-            place = entries.empty() ? _handlers.erase(place) : std::next(place);
+            place = registrations.empty() ? _handlers.erase(place) : std::next(place);
         }
     }
-    for (const auto& entry : removed) {
-        const osa::MutexAutoLock untilItHasRun(&entry->running);
+    for (const Registration& registration : removed) {
+        const osa::MutexAutoLock untilItHasRun(&registration.entry->running);
     }
-    return places;
+    return removed;
 }
 
 MessageDispatcher::Entries MessageDispatcher::FindTakers(std::string_view interface, std::string_view member,
@@ -56,9 +56,9 @@ MessageDispatcher::Entries MessageDispatcher::FindTakers(std::string_view interf
     const osa::MutexAutoLock lock(&_handlerMapMutex);
     const auto place = _handlers.find(std::pair(interface, member));
     if (place != _handlers.end()) {
-        for (const auto& entry : place->second) {
-            if ((entry->handler->GetKind() & kind) != 0) {
-                takers.push_back(entry);
+        for (const Registration& registration : place->second) {
+            if ((registration.entry->handler->GetKind() & kind) != 0) {
+                takers.push_back(registration.entry);
                 if (kind == IMessageHandler::kMethodCalls) {
                     break;
                 }
@@ -73,8 +73,9 @@ bool MessageDispatcher::Takes(std::string_view interface, std::string_view membe
     const osa::MutexAutoLock lock(&_handlerMapMutex);
     const auto place = _handlers.find(std::pair(interface, member));
     return place != _handlers.end() &&
-           std::any_of(place->second.begin(), place->second.end(),
-                       [kind](const auto& entry) { return (entry->handler->GetKind() & kind) != 0; });
+           std::any_of(place->second.begin(), place->second.end(), [kind](const Registration& registration) {
+               return (registration.entry->handler->GetKind() & kind) != 0;
+           });
 }
 
 std::string MessageDispatcher::FindInterface(std::string_view member) const {
@@ -82,9 +83,9 @@ std::string MessageDispatcher::FindInterface(std::string_view member) const {
     std::string interface;
     for (auto place = _handlers.lower_bound(std::pair(std::string_view(), member));
          place != _handlers.end() && place->first.second == member; ++place) {
-        const Entries& entries = place->second;
-        if (std::any_of(entries.begin(), entries.end(), [](const auto& entry) {
-                return (entry->handler->GetKind() & IMessageHandler::kMethodCalls) != 0;
+        const Registrations& registrations = place->second;
+        if (std::any_of(registrations.begin(), registrations.end(), [](const Registration& registration) {
+                return (registration.entry->handler->GetKind() & IMessageHandler::kMethodCalls) != 0;
             })) {
             if (!interface.empty()) {
                 return {};
@@ -114,8 +115,10 @@ bool MessageDispatcher::Run(Entry& entry, const MsgBusMsg& message, bool isSigna
         entry.handler->HandleMessage(message, bus);
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
+    } catch (const std::exception& e) {
+        Fail(message, isSignal, bus, e.what());
     } catch (...) {
-        Fail(message, isSignal, bus, osa::DescribeCaught());
+        Fail(message, isSignal, bus, "unknown");
     }
     return true;
 }

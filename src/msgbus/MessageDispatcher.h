@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,9 +35,13 @@ public:
     /// @param handler  *not owned*.
     void Add(const std::string& interface, const std::string& member, IMessageHandler* handler);
 
-    /// Removes the handler wherever it is registered and returns where that was. Waits until it does not run,
-    /// unless the caller is the handler.
-    std::vector<Key> Remove(const IMessageHandler* handler);
+    /// A handler in one place.
+    struct Registration;
+    using Registrations = std::list<Registration>;
+
+    /// Removes the handler wherever it is registered, and returns where that was. Waits until it does not
+    /// run, unless the caller is the handler. Needs no memory, so that a handler can always be destroyed.
+    Registrations Remove(const IMessageHandler* handler);
 
     /// Whether a handler takes such a message.
     bool Takes(std::string_view interface, std::string_view member, IMessageHandler::Kind kind) const;
@@ -73,7 +78,12 @@ private:
 
     core::Logger* _logger;
     mutable osa::Mutex _handlerMapMutex{"MessageDispatcher::_handlerMapMutex"};
-    std::map<Key, Entries, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
+    std::map<Key, Registrations, Less> _handlers ZARIP_GUARDED_BY(_handlerMapMutex);
+};
+
+struct MessageDispatcher::Registration {
+    Key place;
+    std::shared_ptr<Entry> entry;
 };
 
 }  // namespace zarip::msgbus

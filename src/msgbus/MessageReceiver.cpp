@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "msgbus/CallRouting.h"
-#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -51,6 +50,15 @@ void Post(BusConnection& connection, MessageRef refusal) {
     }
 }
 
+/// For a call that memory was too short for. There may be enough for this answer again, or later; otherwise
+/// the caller waits for its time-out.
+void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
+    try {
+        Post(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));
+    } catch (...) {
+    }
+}
+
 }  // namespace
 
 MessageReceiver::MessageReceiver(IMsgBus* bus, core::Logger* logger, ListenState* state,
@@ -66,7 +74,7 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
             // It has found the inbox empty and dispatches this next: there is nothing to bound.
             _inbox.Put(message, 0, {kNoLimit, kNoLimit});
         } else {
-            Keep(connection, std::move(message), isListening);
+            Keep(connection, message, isListening);
             // Asked again: a thread that began to listen meanwhile may have found the inbox empty.
             if (_state->IsRunning()) {
                 connection.WakeListener();
@@ -74,6 +82,9 @@ void MessageReceiver::OnReceived(BusConnection& connection, MessageRef message) 
         }
     } catch (...) {
         _logger->Error("Error handling incoming message: %s", "Out of Memory!");
+        if (message) {
+            RefuseFailed(connection, message.Get());
+        }
     }
 }
 
@@ -88,7 +99,7 @@ bool MessageReceiver::IsUnwanted(DBusMessage* message) const {
 }
 
 /// Puts a message into the inbox that the listen thread cannot dispatch at once.
-void MessageReceiver::Keep(BusConnection& connection, MessageRef message, bool isListening) {
+void MessageReceiver::Keep(BusConnection& connection, MessageRef& message, bool isListening) {
     DBusMessage* const raw = message.Get();
     if (dbus_message_contains_unix_fds(raw) != FALSE &&
         (!isListening || _inbox.CountWithDescriptors() >= kMaxWithDescriptors)) {
@@ -139,8 +150,12 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         }
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
+    } catch (const std::exception& e) {
+        _logger->Error("Error handling incoming message: %s", e.what());
+        RefuseFailed(connection, message.Get());
     } catch (...) {
-        _logger->Error("Error handling incoming message: %s", osa::DescribeCaught());
+        _logger->Error("Error handling incoming message: %s", "unknown");
+        RefuseFailed(connection, message.Get());
     }
     return true;
 }

@@ -33,7 +33,7 @@ public:
 
 private:
     bool IsUnwanted(DBusMessage* message) const;
-    void Keep(BusConnection& connection, MessageRef message, bool isListening);
+    void Keep(BusConnection& connection, MessageRef& message, bool isListening);
     void WarnOfDropping(bool isListening);
     bool DispatchMsg(DBusMessage* message);
     void LogReceived(DBusMessage* message);

@@ -10,7 +10,6 @@
 #include "msgbus/MessageDispatcher.h"
 #include "msgbus/MessageReceiver.h"
 #include "msgbus/MsgBusMsgImpl.h"
-#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
@@ -185,8 +184,7 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
                        TextOf(dbus_message_get_sender(received)));
         _logger->Trace("SendMsgWaitForReply() done.");
     }
-    auto impl = std::make_unique<MsgBusMsgImpl>(reply.Get(), true);
-    reply.Release();
+    auto impl = std::make_unique<MsgBusMsgImpl>(std::move(reply));
     impl->MarkSent();
     return new MsgBusMsg(impl.release());
 }
@@ -275,8 +273,10 @@ void MsgBus::MsgBusImpl::Run() {
         Listen();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit in a handler
+    } catch (const std::exception& e) {
+        _logger->Error("Run caught exception: %s", e.what());
     } catch (...) {
-        _logger->Error("Run caught exception: %s", osa::DescribeCaught());
+        _logger->Error("Run caught exception: %s", "unknown");
     }
 }
 
@@ -316,16 +316,19 @@ void MsgBus::MsgBusImpl::Register(const std::string& member, const std::string& 
 }
 
 void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
-    try {
-        const auto places = _dispatcher.Remove(handler);
-        if (places.empty()) {
-            throw osa::Exception("the handler is not registered");
-        }
-        for (const auto& [interface, member] : places) {
+    const auto registrations = _dispatcher.Remove(handler);
+    if (registrations.empty()) {
+        _logger->Error("Failed to unregister message handler: %s", "the handler is not registered");
+    }
+    for (const auto& registration : registrations) {
+        try {
+            const auto& [interface, member] = registration.place;
             _daemon.RemoveMatch(MatchRule(interface, member));
+        } catch (const std::exception& e) {
+            _logger->Error("Failed to unregister message handler: %s", e.what());
+        } catch (...) {
+            _logger->Error("Failed to unregister message handler: %s", "unknown");
         }
-    } catch (...) {
-        _logger->Error("Failed to unregister message handler: %s", osa::DescribeCaught());
     }
 }
 

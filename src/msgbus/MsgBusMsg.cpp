@@ -21,6 +21,15 @@ std::string TextOrEmpty(const char* text) {
     return text != nullptr ? text : "";
 }
 
+/// Takes over a reference; null if libdbus could not make the message.
+MsgBusMsgImpl* NewImpl(DBusMessage* made) {
+    MessageRef message = MessageRef::Adopt(made);
+    if (!message) {
+        throw osa::Exception("MsgBusMsg: Creating msg failed!");
+    }
+    return new MsgBusMsgImpl(std::move(message));
+}
+
 MsgBusMsgImpl* NewMessage(MsgBusMsg::MsgBusMsgType type) {
     int dbusType = 0;
     switch (type) {
@@ -33,11 +42,7 @@ MsgBusMsgImpl* NewMessage(MsgBusMsg::MsgBusMsgType type) {
         default:
             throw osa::Exception("MsgBusMsg: Invalid msg type!");
     }
-    DBusMessage* const message = dbus_message_new(dbusType);
-    if (message == nullptr) {
-        throw osa::Exception("MsgBusMsg: Creating msg failed!");
-    }
-    return new MsgBusMsgImpl(message, true);
+    return NewImpl(dbus_message_new(dbusType));
 }
 
 using Setter = dbus_bool_t (*)(DBusMessage*, const char*);
@@ -71,7 +76,7 @@ MsgBusMsg::MsgBusMsg(MsgBusMsgType type) : _impl(NewMessage(type)) {}
 MsgBusMsg::MsgBusMsg(const MsgBusMsg& other) : _impl(std::make_unique<MsgBusMsgImpl>(*other._impl)) {}
 
 MsgBusMsg::MsgBusMsg(DBusMessage* message)
-    : _impl(std::make_unique<MsgBusMsgImpl>(message != nullptr ? dbus_message_ref(message) : nullptr, true)) {
+    : _impl(std::make_unique<MsgBusMsgImpl>(message != nullptr ? MessageRef::Share(message) : MessageRef())) {
     _impl->MarkSent();
     _impl->Expose();
 }
@@ -136,13 +141,13 @@ bool MsgBusMsg::IsExpectingResponse() const {
 
 MsgBusMsg* MsgBusMsg::MakeReplyMsg() const {
     CheckAnswerable(_impl->Get());
-    return new MsgBusMsg(new MsgBusMsgImpl(dbus_message_new_method_return(_impl->Get()), true));
+    return new MsgBusMsg(new MsgBusMsgImpl(MessageRef::Adopt(dbus_message_new_method_return(_impl->Get()))));
 }
 
 MsgBusMsg* MsgBusMsg::MakeErrorMsg(const std::string& text) const {
     CheckAnswerable(_impl->Get());
-    return new MsgBusMsg(new MsgBusMsgImpl(
-        dbus_message_new_error(_impl->Get(), DBUS_ERROR_FAILED, ToErrorText(text).c_str()), true));
+    return new MsgBusMsg(new MsgBusMsgImpl(MessageRef::Adopt(
+        dbus_message_new_error(_impl->Get(), DBUS_ERROR_FAILED, ToErrorText(text).c_str()))));
 }
 
 DBusMessage* MsgBusMsg::GetDBusMessage() const {
@@ -291,13 +296,8 @@ MsgBusMsgImpl* NewCall(const MsgBusObjectSelector& selector, bool valid, const c
         refused.SetMsgInterface(selector.GetInterface());
         refused.SetMsgName(TextOrEmpty(member));
     }
-    DBusMessage* const message =
-        dbus_message_new_method_call(selector.GetDestination().c_str(), selector.GetPath().c_str(),
-                                     selector.GetInterface().c_str(), member);
-    if (message == nullptr) {
-        throw osa::Exception("MsgBusMsg: Creating msg failed!");
-    }
-    return new MsgBusMsgImpl(message, true);
+    return NewImpl(dbus_message_new_method_call(selector.GetDestination().c_str(), selector.GetPath().c_str(),
+                                                selector.GetInterface().c_str(), member));
 }
 
 MsgBusMsgImpl* NewSignal(const char* path, const char* interface, const char* member) {
@@ -307,11 +307,7 @@ MsgBusMsgImpl* NewSignal(const char* path, const char* interface, const char* me
         refused.SetMsgInterface(TextOrEmpty(interface));
         refused.SetMsgName(TextOrEmpty(member));
     }
-    DBusMessage* const message = dbus_message_new_signal(path, interface, member);
-    if (message == nullptr) {
-        throw osa::Exception("MsgBusMsg: Creating msg failed!");
-    }
-    return new MsgBusMsgImpl(message, true);
+    return NewImpl(dbus_message_new_signal(path, interface, member));
 }
 
 }  // namespace

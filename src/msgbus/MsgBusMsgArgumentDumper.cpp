@@ -6,8 +6,7 @@
 #include <cajun/json/writer.h>
 #include <dbus/dbus.h>
 
-#include <sstream>
-
+#include "core/TextStream.h"
 #include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 
@@ -118,7 +117,7 @@ std::string MsgBusMsgArgumentDumper::AsJson(bool withTypes) {
             arguments.Insert(value);
         }
     }
-    std::ostringstream text;
+    core::OutputText text;
     json::Writer::Write(arguments, text, false);
     return text.str();
 }

@@ -4,8 +4,6 @@
 
 #include <dbus/dbus.h>
 
-#include <sstream>
-
 #include "msgbus/MsgBusMsgImpl.h"
 #include "zarip/msgbus/MsgBusMsg.h"
 #include "zarip/osa/Exception.h"
@@ -30,14 +28,11 @@ void CheckType(int found, int expected) {
     if (found == expected) {
         return;
     }
-    std::ostringstream text;
     if (found == DBUS_TYPE_INVALID) {
-        text << "MsgBusMsg argument missing (expected type '" << static_cast<char>(expected) << "')";
-    } else {
-        text << "MsgBusMsg argument mismatch (expected type '" << static_cast<char>(expected)
-             << "' but found type '" << static_cast<char>(found) << "')";
+        throw osa::Exception("MsgBusMsg argument missing (expected type '%c')", expected);
     }
-    throw osa::Exception(text.str());
+    throw osa::Exception("MsgBusMsg argument mismatch (expected type '%c' but found type '%c')", expected,
+                         found);
 }
 
 template <class T>

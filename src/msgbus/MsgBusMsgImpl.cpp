@@ -115,26 +115,22 @@ std::size_t MeasureOnWire(DBusMessage* message) {
 
 }  // namespace
 
-MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* message, bool owned)
-    : _message(message), _owned(owned), _sent(!owned), _isSizeKnown(false) {
+MsgBusMsgImpl::MsgBusMsgImpl(MessageRef message)
+    : _owned(std::move(message)), _message(_owned.Get()), _sent(false), _isSizeKnown(false) {
     if (_message == nullptr) {
         throw osa::Exception("MsgBusMsg: Trying to create msg from null ptr!");
     }
-    _isSizeKnown = owned && *dbus_message_get_signature(message) == '\0';
+    _isSizeKnown = *dbus_message_get_signature(_message) == '\0';
 }
 
+MsgBusMsgImpl::MsgBusMsgImpl(DBusMessage* borrowed) : _message(borrowed), _sent(true), _isSizeKnown(false) {}
+
 MsgBusMsgImpl::MsgBusMsgImpl(const MsgBusMsgImpl& original)
-    : _message(Copy(original._message).Release()),
-      _owned(true),
+    : _owned(Copy(original._message)),
+      _message(_owned.Get()),
       _sent(false),
       _isSizeKnown(original._isSizeKnown),
       _size(original._size) {}
-
-MsgBusMsgImpl::~MsgBusMsgImpl() {
-    if (_owned) {
-        dbus_message_unref(_message);
-    }
-}
 
 MsgBusMsgImpl::Outgoing MsgBusMsgImpl::MakeOutgoing() const {
     if (!HasValidFields(_message)) {

@@ -19,15 +19,17 @@ namespace zarip::msgbus {
 /// again sends a copy.
 class MsgBusMsgImpl {
 public:
-    /// @param message  a reference that this object gives up at its end when `owned`; otherwise borrowed: the
-    ///     caller keeps it for as long as this object lives, and it counts as sent.
     /// Throws "MsgBusMsg: Trying to create msg from null ptr!".
-    MsgBusMsgImpl(DBusMessage* message, bool owned);
+    explicit MsgBusMsgImpl(MessageRef message);
+
+    /// @param borrowed  the caller keeps it for as long as this object lives, and it counts as sent. Not
+    /// null.
+    explicit MsgBusMsgImpl(DBusMessage* borrowed);
 
     /// An open copy. Throws "dbus_message_copy failed".
     MsgBusMsgImpl(const MsgBusMsgImpl& original);
     MsgBusMsgImpl& operator=(const MsgBusMsgImpl&) = delete;
-    ~MsgBusMsgImpl();
+    ~MsgBusMsgImpl() = default;
 
     DBusMessage* Get() const { return _message; }
 
@@ -60,8 +62,8 @@ private:
     /// Throws unless `codes` more type codes may be appended.
     void CheckAppend(std::size_t codes) const;
 
+    MessageRef _owned;  ///< null for a borrowed message
     DBusMessage* _message;
-    bool _owned;
     bool _sent;
     bool _isSizeKnown;
     std::size_t _size = 0;  ///< of the arguments, at most

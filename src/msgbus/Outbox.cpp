@@ -125,15 +125,15 @@ void Outbox::Withdraw(dbus_uint32_t serial) {
 }
 
 std::size_t Outbox::Close() {
-    std::deque<Entry> lost;
     const std::lock_guard<std::mutex> lock(_mutex);
-    lost.swap(_queue);
+    const std::size_t lost = _queue.size();
+    _queue.clear();  // not swapped with another, since even an empty deque takes memory
     _isClosed = true;
     _memory = 0;
     _takenMemory = 0;
     Update();
     _changed.notify_all();
-    return lost.size();
+    return lost;
 }
 
 void Outbox::WaitUntilWritten(int limitMs) {

@@ -6,8 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "osa/UniqueFd.h"
 #include "zarip/osa/SocketException.h"
@@ -40,16 +43,20 @@ std::vector<SocketAddress> ResolveNumeric(const std::string& address, unsigned s
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | (passive ? AI_PASSIVE : 0);
     addrinfo* found = nullptr;
     std::vector<SocketAddress> addresses;
-    if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    const int result = ::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (result == EAI_MEMORY || (result == EAI_SYSTEM && errno == ENOMEM)) {
+        throw std::bad_alloc();  // an address that is not numeric would be taken for the name of a socket
+    }
+    if (result != 0) {
         return addresses;
     }
+    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owned(found, &::freeaddrinfo);
     for (const addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
-        SocketAddress result;
-        std::memcpy(&result.storage, entry->ai_addr, entry->ai_addrlen);
-        result.length = entry->ai_addrlen;
-        addresses.push_back(result);
+        SocketAddress socket;
+        std::memcpy(&socket.storage, entry->ai_addr, entry->ai_addrlen);
+        socket.length = entry->ai_addrlen;
+        addresses.push_back(socket);
     }
-    ::freeaddrinfo(found);
     return addresses;
 }
 

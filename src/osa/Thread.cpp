@@ -14,6 +14,7 @@
 
 #include "osa/CurrentThread.h"
 #include "osa/DescribeCaught.h"
+#include "osa/PerThread.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -37,18 +38,6 @@ struct Identity {
 /// The identity of the calling thread, or null on a thread that this class has not made.
 thread_local const Identity* t_identity __attribute__((tls_model("initial-exec"))) = nullptr;
 
-/// Keeps the record of the calling thread. It is made before all other objects of the thread's storage, so it
-/// is destroyed after them, and their destructors can still log.
-struct IdentityHolder {
-    IdentityHolder() = default;
-    IdentityHolder(const IdentityHolder&) = delete;
-    IdentityHolder& operator=(const IdentityHolder&) = delete;
-    ~IdentityHolder() { t_identity = nullptr; }
-
-    std::shared_ptr<const Identity> identity;
-};
-thread_local IdentityHolder t_holder;
-
 }  // namespace
 
 /// What the object and its thread share; it lives as long as either of them. Everything except the atomics is
@@ -57,7 +46,7 @@ struct Thread::StartRecord : Identity {
     core::Logger* logger = nullptr;
     /// The new thread takes it before anything else. `Run()` releases it, or the destructor if the thread was
     /// never run.
-    Semaphore start{"Thread::start", 1, 0};
+    mutable Semaphore start{"Thread::start", 1, 0};
     Runnable* runnable = nullptr;
     signed char priority = 0;
     std::atomic<bool> cancelled{false};
@@ -68,6 +57,39 @@ struct Thread::StartRecord : Identity {
 };
 
 namespace {
+
+using HeldRecord = std::shared_ptr<const Identity>;
+
+/// Keep the records of the threads until the objects of their storage are destroyed, so that the destructors
+/// of those can still log.
+const PerThread<HeldRecord>& HeldRecords() {
+    static const PerThread<HeldRecord> s_records([](void* held) {
+        t_identity = nullptr;
+        delete static_cast<HeldRecord*>(held);
+    });
+    return s_records;
+}
+
+/// The calling thread has a record for the length of a scope, and for longer if there is memory for that.
+class IdentityScope {
+public:
+    explicit IdentityScope(std::unique_ptr<HeldRecord> record) : _record(std::move(record)) {
+        t_identity = _record->get();
+        if (HeldRecords().Set(_record.get())) {
+            static_cast<void>(_record.release());
+        }
+    }
+    IdentityScope(const IdentityScope&) = delete;
+    IdentityScope& operator=(const IdentityScope&) = delete;
+    ~IdentityScope() {
+        if (_record) {
+            t_identity = nullptr;
+        }
+    }
+
+private:
+    std::unique_ptr<HeldRecord> _record;
+};
 
 constexpr unsigned int kMinStackSize = 65'536;
 constexpr unsigned int kPageSize = 4'096;
@@ -232,7 +254,7 @@ Thread::Thread(const char* name, Runnable* runnable, unsigned int stackSize, sig
     _context->owner = this;
 
     const MutexAutoLock lock(&s_threadsLock());
-    auto argument = std::make_unique<std::shared_ptr<StartRecord>>(_context);
+    auto argument = std::make_unique<HeldRecord>(_context);
     const Attributes attributes(_stackSize, priority);
     Check(::pthread_create(&_id, attributes.Get(), &Thread::Entry, argument.get()), "Create Thread Error");
     static_cast<void>(argument.release());
@@ -293,18 +315,13 @@ Thread::~Thread() {
 }
 
 void* Thread::Entry(void* argument) {
-    std::shared_ptr<StartRecord> record;
-    {
-        const std::unique_ptr<std::shared_ptr<StartRecord>> handed(
-            static_cast<std::shared_ptr<StartRecord>*>(argument));
-        record = *handed;
-    }
+    std::unique_ptr<HeldRecord> handed(static_cast<HeldRecord*>(argument));
+    const auto record = std::static_pointer_cast<const StartRecord>(*handed);
     record->start.Lock();
     if (record->cancelled) {
         return nullptr;
     }
-    t_holder.identity = record;
-    t_identity = record.get();
+    const IdentityScope identity(std::move(handed));
     if (!IsRealTime(record->priority)) {
         SetNiceValue(record->priority);
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -36,6 +37,23 @@ protected:
         return test::ReceiveAll(socket);
     }
 
+    static string DigestOf(const string& bytes) {
+        crypto::SHA256 sum;
+        sum.Update(bytes);
+        string hex;
+        for (const char byte : sum.Finish()) {
+            constexpr const char* digits = "0123456789abcdef";
+            hex += {digits[static_cast<unsigned char>(byte) >> 4U], digits[byte & 15]};
+        }
+        return hex;
+    }
+
+    /// Returns the code of the answer.
+    string Upload(const string& digest, const string& length, const string& bytes) const {
+        return Ask("PUT /firmware?sha256=" + digest + " HTTP/1.1\r\nContent-Length: " + length, bytes)
+            .substr(9, 3);
+    }
+
     test::TempDir _folder;
     std::unique_ptr<test::Program> _program;
     string _port;
@@ -53,12 +71,13 @@ TEST_F(LiveViewTest, ServesFilesOfItsFolderOnly) {
     const std::size_t at = whole.find("ETag: ");
     ASSERT_NE(at, string::npos) << whole;
     const string tag = whole.substr(at + 6, whole.find('\r', at) - at - 6);
-    const struct {
+    struct Row {
         const char* path;
         string header;
         const char* code;
-        const char* part;
-    } rows[] = {
+        const char* part = "";
+    };
+    const Row rows[] = {
         {"/", "", "200", "Content-Type: text/html; charset=UTF-8\r\n"},
         {"/index.html", "Range: bytes=3-5", "206", "\r\n\r\n012"},
         {"/index.html", "Range: bytes=3-5", "206", "Content-Range: bytes 3-5/13\r\n"},
@@ -75,21 +94,18 @@ TEST_F(LiveViewTest, ServesFilesOfItsFolderOnly) {
         {"/index.html", "If-None-Match: \"a\", " + tag, "304", ""},
         {"/index.html", "If-None-Match: \"a\"", "200", ""},
         {"/data.bin", "", "200", "Content-Type: application/octet-stream\r\n"},
-        {"/../secret.txt", "", "404", ""},
-        {"/%2e%2e/secret.txt", "", "404", ""},
-        {"//secret.txt", "", "404", ""},
-        {"/link.txt", "", "404", ""},
-        {"/up/secret.txt", "", "404", ""},
-        {"/.hidden", "", "404", ""},
-        {"/pipe", "", "404", ""},
-        {"/data.bin/x", "", "404", ""},
     };
-    for (const auto& row : rows) {
+    const auto expect = [this](const Row& row) {
         SCOPED_TRACE(row.path + (" " + row.header));
         const string answer = Ask(string("GET ") + row.path + " HTTP/1.1\r\n" + row.header);
         EXPECT_EQ(answer.substr(9, 3), row.code);
         EXPECT_NE(answer.find(row.part), string::npos) << answer;
         EXPECT_EQ(answer.find("secret"), string::npos);
+    };
+    std::for_each(std::begin(rows), std::end(rows), expect);
+    for (const char* path : {"/../secret.txt", "/%2e%2e/secret.txt", "//secret.txt", "/link.txt",
+                             "/up/secret.txt", "/.hidden", "/pipe", "/data.bin/x"}) {
+        expect({path, "", "404"});
     }
     EXPECT_NE(Ask("PUT / HTTP/1.1").find("405 "), string::npos);
 }
@@ -180,44 +196,31 @@ TEST_F(LiveViewTest, ASlowViewerMissesFramesAndDelaysNobody) {
 
 TEST_F(LiveViewTest, KeepsAnUploadOnlyIfItIsWhole) {
     const string body = "firmware";
-    const auto digestOf = [](const string& bytes) {
-        crypto::SHA256 sum;
-        sum.Update(bytes);
-        string hex;
-        for (const char byte : sum.Finish()) {
-            constexpr const char* digits = "0123456789abcdef";
-            hex += {digits[static_cast<unsigned char>(byte) >> 4U], digits[byte & 15]};
-        }
-        return hex;
-    };
-    const auto upload = [&](const string& digest, const string& length, const string& bytes) {
-        return Ask("PUT /firmware?sha256=" + digest + " HTTP/1.1\r\nContent-Length: " + length, bytes)
-            .substr(9, 3);
-    };
     const auto files = [&] {
         return _folder.Read("firmware.bin") + "|" +
                (::access(_folder.File("firmware.bin.part").c_str(), F_OK) == 0 ? "part" : "");
     };
-    const string right = digestOf(body);
-    EXPECT_EQ(upload(right, "8", "otherone"), "400");
+    const string right = DigestOf(body);
+    EXPECT_EQ(Upload(right, "8", "otherone"), "400");
     EXPECT_EQ(files(), "|");
-    EXPECT_EQ(upload(right, "8", body), "200");
+    EXPECT_EQ(Upload(right, "8", body), "200");
     EXPECT_EQ(files(), "firmware|");
-    EXPECT_EQ(upload(right, "8", "firmwarf"), "400");
-    EXPECT_EQ(upload("", "8", ""), "400");
-    EXPECT_EQ(upload(right, "0", ""), "411");
-    EXPECT_EQ(upload(right, "268435457", ""), "413");
+    EXPECT_EQ(Upload(right, "8", "firmwarf"), "400");
+    EXPECT_EQ(Upload("", "8", ""), "400");
+    EXPECT_EQ(Upload(right, "0", ""), "411");
+    EXPECT_EQ(Upload(right, "268435457", ""), "413");
     EXPECT_NE(Ask("GET /firmware HTTP/1.1").find("405 "), string::npos);
     {
         TcpSocket socket;
         const string begin = "PUT /firmware?sha256=" + right + " HTTP/1.1\r\nContent-Length: 8\r\n\r\n";
         test::Send(socket, _port, begin + "fir");
         EXPECT_TRUE(test::WaitUntil([&] { return files() == "firmware|part"; }));
-        EXPECT_EQ(upload(right, "8", body), "409");
+        EXPECT_EQ(Upload(right, "8", body), "409");
     }
     EXPECT_TRUE(test::WaitUntil([&] { return files() == "firmware|"; }));
+}
 
-    // Larger than what the program has in memory.
+TEST_F(LiveViewTest, TakesAnUploadLargerThanItsMemory) {
     const auto peak = [&] {
         std::ifstream status("/proc/" + std::to_string(_program->GetProcess().GetPid()) + "/status");
         string word;
@@ -229,7 +232,7 @@ TEST_F(LiveViewTest, KeepsAnUploadOnlyIfItIsWhole) {
     };
     const int before = peak();
     const string large(64U << 20U, 'x');
-    EXPECT_EQ(upload(digestOf(large), std::to_string(large.size()), large), "200");
+    EXPECT_EQ(Upload(DigestOf(large), std::to_string(large.size()), large), "200");
     EXPECT_EQ(_folder.Read("firmware.bin").size(), large.size());
     EXPECT_GT(before, 0);
     EXPECT_LT(peak() - before, 32 << 10);

@@ -27,7 +27,6 @@
 #include "support/WaitUntil.h"
 #include "zarip/core/IniFile.h"
 #include "zarip/osa/FileUtils.h"
-#include "zarip/osa/Process.h"
 
 namespace zarip::osa {
 namespace {
@@ -691,41 +690,6 @@ TEST(FileUtilsTest, KeepsFilesThatMayNotBeWritten) {
     EXPECT_EQ(atomic, Failed("write", path, kDenied));
     EXPECT_EQ(copied, atomic);
     EXPECT_EQ(folder.Read("file"), "old");
-}
-
-string WholeContent(char letter) {
-    return string(300'000, letter) + "end";
-}
-
-// Run by the test below, in a process of its own.
-TEST(FileUtilsTest, DISABLED_WritesUntilItIsKilled) {
-    const char* const path = std::getenv("ZARIP_TEST_FILE");
-    for (int i = 0; path != nullptr; ++i) {
-        FileUtils::WriteAtomically(path, WholeContent(i % 2 == 0 ? 'a' : 'b'));
-    }
-}
-
-TEST(FileUtilsTest, AKilledWriterLeavesOldOrNewContent) {
-    const TempDir folder;
-    const string path = folder.Write("file", WholeContent('b'));
-    Process::Options options;
-    options.environment["ZARIP_TEST_FILE"] = path;
-    options.output = Process::Redirect::Null();
-    for (int round = 0; round < 5; ++round) {
-        Process writer("/proc/self/exe",
-                       {"--gtest_also_run_disabled_tests", "--gtest_filter=*DISABLED_WritesUntilItIsKilled"},
-                       options);
-        const auto isWhole = [&] {
-            const string content = FileUtils::Read(path);
-            EXPECT_TRUE(content == WholeContent('a') || content == WholeContent('b'));
-            return content[0];
-        };
-        const char first = isWhole();
-        EXPECT_TRUE(test::WaitUntil([&] { return isWhole() != first; }));
-        writer.Kill(SIGKILL);
-        writer.Wait();
-        isWhole();
-    }
 }
 
 }  // namespace

@@ -314,7 +314,7 @@ TEST(UdpServerTest, StopsWhereverItIsBoundAndStartsAgain) {
 /// Puts something that is no socket in the place of every datagram socket of the process.
 void LoseSockets() {
     const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    for (int fd = 3; fd < 1'000; ++fd) {
+    for (int fd = 3; fd < 5'000; ++fd) {
         int protocol = 0;
         socklen_t size = sizeof(protocol);
         if (::getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 && protocol == IPPROTO_UDP) {

@@ -353,25 +353,12 @@ void Attack(const Actor::Say& say, const Actor::Await& await) {
     say(listener.Count());
 }
 
-/// The policy files with the users and the group of this test, after what a system bus has by default.
+/// The rules of every system bus, then the policy files with the users and the group of this test.
 /// @param keeper  the one user beside the services that may read secrets.
 std::string Policy(const std::string& user, const std::string& keeper, const std::string& group) {
-    std::string policy = R"(
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus"/>
-  </policy>
-)";
-    std::vector<std::string> files = {ZARIP_POLICY_FOLDER "/zarip.conf", ZARIP_VIEWERS_POLICY};
+    std::string policy;
+    std::vector<std::string> files = {ZARIP_BUS_RULES, ZARIP_POLICY_FOLDER "/zarip.conf",
+                                      ZARIP_VIEWERS_POLICY};
     for (const Service& service : kServices) {
         files.push_back(ZARIP_POLICY_FOLDER "/" + std::string(service.name) + ".conf");
     }

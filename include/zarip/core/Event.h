@@ -4,12 +4,11 @@
 
 #include <cxxabi.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <list>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include <zarip/core/Delegate.h>
 #include <zarip/osa/Mutex.h>
@@ -38,7 +37,7 @@ public:
         std::unique_ptr<Delegate> owned(delegate);
         if (owned) {
             osa::MutexAutoLock lock(&_state->mutex);
-            _state->delegates.push_back(std::move(owned));
+            _state->delegates.push_back({std::move(owned)});
         }
     }
 
@@ -55,12 +54,12 @@ protected:
         osa::MutexAutoLock lock(&state->mutex);
         std::exception_ptr failure;
         ++state->depth;
-        // Delegates may add to the list, so there are no iterators, and may remove from it, which leaves null
-        // until the end.
-        for (std::size_t i = 0, end = state->delegates.size(); i < end; ++i) {
-            if (Delegate* delegate = state->delegates[i].get()) {
+        // Delegates may add to the list, and remove from it, which leaves the entry until the end.
+        auto entry = state->delegates.begin();
+        for (std::size_t left = state->delegates.size(); left > 0; --left, ++entry) {
+            if (!entry->isRemoved) {
                 try {
-                    delegate->Call(argument...);
+                    entry->delegate->Call(argument...);
                 } catch (const abi::__forced_unwind&) {
                     --state->depth;  // pthread_exit: the thread ends, the event stays usable
                     throw;
@@ -79,32 +78,36 @@ protected:
     }
 
 private:
+    struct Entry {
+        std::unique_ptr<Delegate> delegate;
+        bool isRemoved = false;
+    };
+
     struct State {
+        /// Neither this nor `Tidy` takes memory: an event always ends.
         template <class Predicate>
         void RemoveIf(Predicate predicate) {
             osa::MutexAutoLock lock(&mutex);
-            for (auto& delegate : delegates) {
-                if (delegate && predicate(*delegate)) {
-                    removed.emplace_back(std::move(delegate));
-                }
+            for (Entry& entry : delegates) {
+                entry.isRemoved = entry.isRemoved || predicate(*entry.delegate);
             }
             Tidy();
         }
 
         void Tidy() ZARIP_REQUIRES(mutex) {
-            if (depth > 0) {
-                return;
-            }
-            delegates.erase(std::remove(delegates.begin(), delegates.end(), nullptr), delegates.end());
             // They are taken out first, because an object that a delegate owns may remove other delegates
             // when it is deleted.
-            const std::vector<std::unique_ptr<Delegate>> deleted = std::move(removed);
-            removed.clear();
+            std::list<Entry> deleted;
+            for (auto entry = delegates.begin(); depth == 0 && entry != delegates.end();) {
+                const auto current = entry++;
+                if (current->isRemoved) {
+                    deleted.splice(deleted.end(), delegates, current);
+                }
+            }
         }
 
         osa::Mutex mutex{"Event"};
-        std::vector<std::unique_ptr<Delegate>> delegates ZARIP_GUARDED_BY(mutex);
-        std::vector<std::unique_ptr<Delegate>> removed ZARIP_GUARDED_BY(mutex);
+        std::list<Entry> delegates ZARIP_GUARDED_BY(mutex);
         int depth ZARIP_GUARDED_BY(mutex) = 0;  ///< of nested firings
     };
 

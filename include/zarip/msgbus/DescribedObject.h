@@ -12,17 +12,18 @@ namespace zarip::msgbus {
 
 class IMsgBus;
 
-/// An object that a connection describes. While it exists the connection answers Introspect at the path with
-/// the interface, answers it at the parents of the path with what is below them, and refuses calls of the
-/// interface at other paths. A `ServiceServer` has one; programs make their own only for objects without it.
+/// An object that a connection describes on the bus. While it exists, Introspect at its path returns the
+/// interface, and Introspect at a parent path returns the names of the children. Calls of the interface at
+/// other paths are refused. A `ServiceServer` contains one; programs only make their own for objects without
+/// a `ServiceServer`.
 ///
 /// *One thread at a time*, while the connection runs on its own threads.
 class ZARIP_EXPORT DescribedObject {
 public:
-    /// @param bus  *not owned*; it is only compared, never used.
+    /// @param bus  identifies the connection. It is *not owned* and never dereferenced.
     /// @param interface  the name of the interface.
-    /// @param description  its element of the introspection format, or empty; *not owned*, it must outlive
-    ///     the object.
+    /// @param description  the element of the introspection format that describes the interface, or empty. It
+    ///     is *not owned* and must outlive the object.
     DescribedObject(const IMsgBus* bus, const std::string& path, const std::string& interface,
                     std::string_view description);
     DescribedObject(const DescribedObject&) = delete;

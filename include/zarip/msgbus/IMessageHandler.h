@@ -16,13 +16,14 @@ public:
 
     virtual ~IMessageHandler() = default;
 
-    /// *Called on MsgBusListenThread* with the connection's `_busMutex` held, one message at a time. It may
-    /// send, reply, make waiting calls on `bus`, unregister handlers, this one included, and delete this
-    /// handler after that. What it throws is logged, and is the error reply of a call that expects one.
+    /// *Called on MsgBusListenThread* with the connection's `_busMutex` held, one message at a time. The
+    /// handler may send, reply, and make waiting calls on `bus`. It may unregister handlers, including
+    /// itself, and may delete itself after that. An exception is logged and becomes the error reply of a call
+    /// that expects a reply.
     /// @param message  *not owned*, valid during the call.
     virtual void HandleMessage(const MsgBusMsg& message, IMsgBus& bus) = 0;
 
-    /// What it is registered for. A signal never reaches a handler of method calls, whoever sent it.
+    /// Returns which messages the handler takes. A signal never reaches a handler of method calls.
     virtual Kind GetKind() const { return kBoth; }
 };
 

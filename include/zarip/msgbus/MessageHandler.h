@@ -12,12 +12,12 @@
 
 namespace zarip::msgbus {
 
-/// Handlers that read no or one argument, call a delegate and, where it returns something, send that in a
-/// reply. An argument or result may be a record: a type with `operator>>` on a reader and `operator<<` on a
-/// message.
+/// Handlers that read at most one argument, call a delegate, and send its result, if it has one, as the
+/// reply. An argument or result may be a record, which is a type with `operator>>` for a reader and
+/// `operator<<` for a message.
 ///
 /// They *take ownership* of the delegate, which is *called on MsgBusListenThread* and may delete the handler.
-/// Arguments beyond those read are ignored; missing or wrong ones throw the reader's exception, which becomes
+/// Additional arguments are ignored. A missing or wrong argument throws the reader's exception, which becomes
 /// the error reply.
 
 namespace internal {
@@ -69,7 +69,7 @@ private:
     std::shared_ptr<core::IDelegate1<R, A>> _delegate;
 };
 
-/// Sends no reply, also where the caller expects one: what returns nothing is one-way.
+/// The handler of a one-way member. It never replies, even if the caller expects a reply.
 class VoidMessageHandler0 final : public IMessageHandler {
 public:
     explicit VoidMessageHandler0(core::IVoidDelegate0* delegate, Kind kind = kBoth)

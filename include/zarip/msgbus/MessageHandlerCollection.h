@@ -13,8 +13,7 @@ namespace zarip::msgbus {
 
 class IMsgBus;
 
-/// The handlers that an object has on one bus; destroying it unregisters and deletes them. *One thread at a
-/// time.*
+/// The handlers of an object on one bus. The destructor unregisters and deletes them. *One thread at a time.*
 class ZARIP_EXPORT MessageHandlerCollection {
 public:
     /// @param bus  *not owned*, must outlive the collection.
@@ -22,12 +21,12 @@ public:
     MessageHandlerCollection(const MessageHandlerCollection&) = delete;
     MessageHandlerCollection& operator=(const MessageHandlerCollection&) = delete;
 
-    /// Once it has returned no handler runs any more, except for one that calls it. If the bus fails to
-    /// unregister a handler (`MsgBus` never does), that one and those after it stay registered, and are not
+    /// When it has returned, no handler runs except one that has called it. If the bus fails to unregister a
+    /// handler, which `MsgBus` never does, that handler and those after it stay registered and are not
     /// deleted.
     ~MessageHandlerCollection();
 
-    /// Registers the handler; *takes ownership*, also when this throws.
+    /// Registers the handler and *takes ownership* of it, even if this throws.
     void AddHandler(const std::string& interface, const std::string& member, IMessageHandler* handler);
 
 private:

@@ -10,14 +10,17 @@
 
 namespace zarip::msgbus {
 
-/// The process's connection to the system bus, private to this object. *Thread-safe*.
+/// A private connection to the system bus. *Thread-safe*.
 ///
-/// Threads: "MsgBusListenThread" (from `StartServer` on) runs the handlers, one at a time, with the recursive
-/// `_busMutex` held, which nothing else takes. "DBusWatcher" writes what the bus does not take at once, and
-/// reads while there is neither a listen thread nor a waiting call.
+/// States: *connected* after the constructor; *listening* between `StartServer` and `StopServer`, which may
+/// follow each other any number of times; *lost* for good when the bus closes the connection.
 ///
-/// The environment variable DBUS_SYSTEM_BUS_ADDRESS overrides the address; it is read once in a process. The
-/// bus library ignores SIGPIPE for the whole process.
+/// Threads: "MsgBusListenThread" runs the handlers from `StartServer` on, one at a time, with the recursive
+/// `_busMutex` held, which nothing else locks. "DBusWatcher" writes messages that the bus does not accept at
+/// once, and reads if neither the listen thread nor a waiting call does.
+///
+/// The environment variable DBUS_SYSTEM_BUS_ADDRESS overrides the address; libdbus reads it once per process.
+/// libdbus ignores SIGPIPE for the whole process.
 class ZARIP_EXPORT MsgBus final : public IMsgBus {
 public:
     /// Throws "dbus_bus_get_private failed: <reason>", "dbus_bus_get_private returned NULL", "pipe failed".
@@ -25,9 +28,9 @@ public:
     MsgBus(const MsgBus&) = delete;
     MsgBus& operator=(const MsgBus&) = delete;
 
-    /// Waits for a running handler, hands the last one-way messages to the bus (for at most a quarter of a
-    /// second, and not to one that takes nothing), gives up its names and closes the connection. Not to be
-    /// called by a handler of this connection.
+    /// Waits for a running handler, sends the last one-way messages, and closes the connection, which
+    /// releases its names. Sending takes at most a quarter of a second and ends early if the bus accepts
+    /// nothing. A handler of this connection must not call this.
     ~MsgBus() override;
 
     void SendMsg(const MsgBusMsg& message) override;

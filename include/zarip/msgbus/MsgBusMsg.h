@@ -19,11 +19,13 @@ class MsgBusMsgImpl;
 
 /// A message of the bus: a method call, a reply, an error or a signal, with typed arguments.
 ///
-/// *One thread at a time.* Failures throw `osa::Exception`; the message stays usable after one. Once a
-/// message was sent nothing more can be set or appended. All text is UTF-8 and ends at the first zero byte.
+/// *One thread at a time.* A message is *open* at first and *sent* after it was sent or received. It can be
+/// sent again, but fields can no longer be set and arguments no longer be appended. Errors throw
+/// `osa::Exception`, after which the message is still usable. All strings are UTF-8 and end at the first zero
+/// byte.
 ///
-/// A message carries at most 255 type codes: one for each argument, two for an array. One argument more
-/// throws "MsgBusMsg: too many arguments!".
+/// A message can hold 255 type codes: one for each argument, two for an array. Another argument throws
+/// "MsgBusMsg: too many arguments!".
 class ZARIP_EXPORT MsgBusMsg {
 public:
     enum MsgBusMsgType : int { kSignal = 1, kMethodCall = 2 };
@@ -31,13 +33,12 @@ public:
     /// Throws "MsgBusMsg: Invalid msg type!", "MsgBusMsg: Creating msg failed!".
     explicit MsgBusMsg(MsgBusMsgType type);
 
-    /// A deep copy, which was not sent yet; throws "dbus_message_copy failed".
+    /// Makes an open deep copy. Throws "dbus_message_copy failed".
     MsgBusMsg(const MsgBusMsg& other);
     MsgBusMsg& operator=(const MsgBusMsg&) = delete;
 
-    /// A message of libdbus to be read, for programs that use that library, too; *takes a reference* of its
-    /// own. As with one that was sent nothing can be set or appended. Throws "MsgBusMsg: Trying to create msg
-    /// from null ptr!".
+    /// Wraps a message of libdbus for reading, for programs that also use that library, and adds a reference
+    /// of its own. The state is *sent*. Throws "MsgBusMsg: Trying to create msg from null ptr!".
     explicit MsgBusMsg(DBusMessage* message);
 
     /// *Takes ownership* of the implementation object.
@@ -45,43 +46,43 @@ public:
 
     virtual ~MsgBusMsg();
 
-    /// Each throws "dbus_message_set_member failed" (`_interface`, `_destination`, `_path`) for a value that
-    /// the bus does not allow there, or after the message was sent.
+    /// Each setter throws "dbus_message_set_member failed" (or `_interface`, `_destination`, `_path`) if the
+    /// bus does not allow the value or the message was sent.
     void SetMsgName(const std::string& name);
     void SetMsgInterface(const std::string& interface);
     void SetMsgDestination(const std::string& destination);
     void SetMsgPath(const std::string& path);
 
-    /// "signal", "method_call", "method_return" or "error".
+    /// Returns "signal", "method_call", "method_return" or "error".
     std::string GetType() const;
 
-    /// Empty where the message has no such field.
+    /// These getters return an empty string if the message has no such field.
     std::string GetName() const;
     std::string GetInterface() const;
     std::string GetDestination() const;
     std::string GetPath() const;
     std::string GetSender() const;
 
-    /// The types of the arguments as the bus writes them, such as "sai".
+    /// Returns the bus's type codes of the arguments, for example "sai".
     std::string GetSignature() const;
 
     bool IsExpectingResponse() const;
 
-    /// An empty reply to this call, *caller owns*. Throws "MsgBusMsg: Trying to create msg from null ptr!"
-    /// where there is nothing to reply to, as in a call that was not sent.
+    /// Makes an empty reply to this call, which the *caller owns*. Throws "MsgBusMsg: Trying to create msg
+    /// from null ptr!" if this message cannot be answered, for example because it was not sent.
     MsgBusMsg* MakeReplyMsg() const;
 
-    /// An error reply "org.freedesktop.DBus.Error.Failed" to this call, *caller owns*. Bytes of the text that
-    /// are not UTF-8 are replaced, and it is cut after 64 KiB. Throws as `MakeReplyMsg`.
+    /// Makes an error reply "org.freedesktop.DBus.Error.Failed" to this call, which the *caller owns*. Bytes
+    /// of the text that are not UTF-8 are replaced, and the text is truncated to 64 KiB. Throws what
+    /// `MakeReplyMsg` throws.
     MsgBusMsg* MakeErrorMsg(const std::string& text) const;
 
-    /// The message of libdbus, *not owned*, for programs that use that library, too. From then on a
-    /// connection sends a copy and checks it first, because this object does not know what the program has
-    /// changed.
+    /// Returns the message of libdbus, *not owned*, for programs that also use that library. From then on a
+    /// connection checks the message and sends a copy of it, because the program may have changed it.
     DBusMessage* GetDBusMessage() const;
 
-    /// Append one argument. Throw "MsgBusMsg: text is not valid UTF-8!", "MsgBusMsg: too many arguments!" and
-    /// "MsgBusMsg: Out of Memory trying to append to msg!".
+    /// These operators append one argument. They throw "MsgBusMsg: text is not valid UTF-8!", "MsgBusMsg: too
+    /// many arguments!" and "MsgBusMsg: Out of Memory trying to append to msg!".
     MsgBusMsg& operator<<(bool value);
     MsgBusMsg& operator<<(unsigned char value);
     MsgBusMsg& operator<<(short value);
@@ -100,8 +101,8 @@ public:
     MsgBusMsg& operator<<(const std::vector<double>& value);
     MsgBusMsg& operator<<(const std::vector<std::string>& value);
 
-    /// Read the first argument; the reader returned goes on with the second. Throw as
-    /// `MsgBusMsgArgumentReader`.
+    /// These operators read the first argument and return a reader that continues with the second. They throw
+    /// what `MsgBusMsgArgumentReader` throws.
     MsgBusMsgArgumentReader operator>>(bool& value) const;
     MsgBusMsgArgumentReader operator>>(unsigned char& value) const;
     MsgBusMsgArgumentReader operator>>(short& value) const;

@@ -11,7 +11,7 @@ namespace zarip::msgbus {
 
 class MsgBusMsg;
 
-/// Shows the arguments of a message as JSON. *One thread at a time.* It keeps what it shows alive.
+/// Formats the arguments of a message as JSON. It may outlive the `MsgBusMsg`. *One thread at a time.*
 class ZARIP_EXPORT MsgBusMsgArgumentDumper {
 public:
     explicit MsgBusMsgArgumentDumper(const MsgBusMsg& message);
@@ -19,9 +19,9 @@ public:
     MsgBusMsgArgumentDumper& operator=(const MsgBusMsgArgumentDumper&) = delete;
     virtual ~MsgBusMsgArgumentDumper();
 
-    /// One array with an element for each argument: the bare value, or with types an object of "type" and
-    /// "value". The "type" of an array is that of its elements. Numbers have double precision, so 64-bit
-    /// integers beyond 2^53 are rounded; the value of a type that messages here do not carry is null.
+    /// Returns an array with one element for each argument: its value or, with types, an object with "type"
+    /// and "value". The "type" of an array is the type of its elements. Numbers have double precision, so
+    /// 64-bit integers beyond 2^53 are rounded. A value whose type `MsgBusMsg` cannot hold becomes null.
     std::string AsJson(bool withTypes);
 
 private:

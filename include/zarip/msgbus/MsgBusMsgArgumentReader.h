@@ -13,16 +13,16 @@ namespace zarip::msgbus {
 
 class MsgBusMsg;
 
-/// Reads the arguments of a message, from the first on. *One thread at a time.*
+/// Reads the arguments of a message in order, each once. *One thread at a time.*
 ///
-/// The reader keeps what it reads alive and may outlive the `MsgBusMsg`. Each read throws `osa::Exception`
-/// "MsgBusMsg argument missing (expected type 'x')" or "MsgBusMsg argument mismatch (expected type 'x' but
-/// found type 'y')" with the bus's type codes, and then leaves target and position as they were.
+/// The reader may outlive the `MsgBusMsg`. A read that fails throws `osa::Exception` "MsgBusMsg argument
+/// missing (expected type 'x')" or "MsgBusMsg argument mismatch (expected type 'x' but found type 'y')" with
+/// the bus's type codes. The target and the position then stay as they were.
 class ZARIP_EXPORT MsgBusMsgArgumentReader {
 public:
     explicit MsgBusMsgArgumentReader(const MsgBusMsg& message);
 
-    /// The copy goes on from the same position, independently.
+    /// The copy continues independently from the same position.
     MsgBusMsgArgumentReader(const MsgBusMsgArgumentReader& other);
     MsgBusMsgArgumentReader& operator=(const MsgBusMsgArgumentReader&) = delete;
     ~MsgBusMsgArgumentReader();
@@ -38,15 +38,14 @@ public:
     MsgBusMsgArgumentReader& operator>>(double& value);
     MsgBusMsgArgumentReader& operator>>(std::string& value);
 
-    /// These replace the content of the target.
+    /// These operators replace the content of the target.
     MsgBusMsgArgumentReader& operator>>(std::deque<bool>& value);
     MsgBusMsgArgumentReader& operator>>(std::vector<unsigned char>& value);
     MsgBusMsgArgumentReader& operator>>(std::vector<int>& value);
     MsgBusMsgArgumentReader& operator>>(std::vector<unsigned int>& value);
     MsgBusMsgArgumentReader& operator>>(std::vector<double>& value);
 
-    /// Deliberate: the strings are put behind those already there, so that callers can gather several lists
-    /// in one.
+    /// Deliberate: the strings are appended to the target, so that callers can collect several lists in one.
     MsgBusMsgArgumentReader& operator>>(std::vector<std::string>& value);
 
 private:

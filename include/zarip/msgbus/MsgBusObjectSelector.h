@@ -8,7 +8,7 @@
 
 namespace zarip::msgbus {
 
-/// Addresses an interface of an object of a service. Immutable, so *thread-safe*.
+/// The address of an interface of an object of a service. *Thread-safe*, because it is immutable.
 class ZARIP_EXPORT MsgBusObjectSelector {
 public:
     MsgBusObjectSelector(const std::string& destination, const std::string& path,
@@ -24,7 +24,7 @@ private:
     std::string _destination;
     std::string _path;
     std::string _interface;
-    bool _valid;  ///< whether the bus allows all three; checked once, not for each call
+    bool _valid;  ///< whether the bus allows all three names; checked once, not at each call
 };
 
 }  // namespace zarip::msgbus

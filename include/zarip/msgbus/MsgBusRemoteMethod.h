@@ -8,10 +8,10 @@
 
 namespace zarip::msgbus {
 
-/// A call of a service's method.
+/// A call of a method of a service.
 class ZARIP_EXPORT MsgBusRemoteMethod : public MsgBusMsg {
 public:
-    /// Throws `osa::Exception` as the setters of `MsgBusMsg` when the bus does not allow one of the names.
+    /// Throws what the setters of `MsgBusMsg` throw if the bus does not allow one of the names.
     MsgBusRemoteMethod(const MsgBusObjectSelector& selector, const char* member);
 };
 

@@ -7,10 +7,10 @@
 
 namespace zarip::msgbus {
 
-/// A signal to everybody who listens.
+/// A signal, which the bus delivers to every connection that has asked for it.
 class ZARIP_EXPORT MsgBusSignal : public MsgBusMsg {
 public:
-    /// Throws `osa::Exception` as the setters of `MsgBusMsg` when the bus does not allow one of the names.
+    /// Throws what the setters of `MsgBusMsg` throw if the bus does not allow one of the names.
     MsgBusSignal(const char* path, const char* interface, const char* member);
 };
 

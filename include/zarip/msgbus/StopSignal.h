@@ -9,20 +9,20 @@
 
 namespace zarip::msgbus {
 
-/// Lets a service end in order when it gets SIGINT or SIGTERM.
+/// Lets a service shut down in order when it receives SIGINT or SIGTERM.
 ///
-/// The constructor blocks both signals for its thread and the threads that this one starts later, so it comes
-/// first in `main`. They stay blocked when the object is gone. *One thread* waits, and may do so several
-/// times.
+/// The constructor blocks both signals for the calling thread and for the threads that it starts later, so
+/// make the object first in `main`. The signals stay blocked after its destruction. *One thread at a time*
+/// may wait, any number of times.
 class ZARIP_EXPORT StopSignal {
 public:
     StopSignal();
 
-    /// Returns when one of the signals comes.
+    /// Waits until one of the signals arrives.
     void Wait() const;
 
-    /// Returns true when one of the signals comes, and false within a second after the listen thread of the
-    /// bus has ended, as it does when the bus is lost. The process should then end and be started again.
+    /// Returns true when one of the signals arrives. Returns false within a second after the listen thread of
+    /// the bus has ended, for example because the bus is lost. The process should then exit and be restarted.
     bool Wait(const IMsgBus& bus) const;
 
 private:
