@@ -13,7 +13,8 @@ inline bool IsPowerOfTwo(std::size_t number) {
     return number != 0 && (number & (number - 1)) == 0;
 }
 
-/// The size that a request counts as; throws for an alignment that is none or beyond `maxAlignment`.
+/// The size that is used for a request. Throws for an alignment that is not a power of two or is beyond
+/// `maxAlignment`.
 inline std::size_t CheckRequest(std::size_t size, std::size_t alignment, std::size_t maxAlignment) {
     if (!IsPowerOfTwo(alignment) || alignment > maxAlignment) {
         throw AllocatorException("invalid alignment");

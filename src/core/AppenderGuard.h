@@ -7,7 +7,7 @@
 namespace zarip::core {
 
 /// Marks an appender as running on this thread for the length of a scope. An appender that logs would
-/// otherwise be handed its own record, log about that one, and so on without end.
+/// otherwise get its own record, log again, and so on without end.
 class AppenderGuard {
 public:
     explicit AppenderGuard(const ILogAppender* appender) : _appender(appender), _outer(t_innermost) {
@@ -17,14 +17,14 @@ public:
     AppenderGuard& operator=(const AppenderGuard&) = delete;
     ~AppenderGuard() { t_innermost = _outer; }
 
-    /// For an appender that only hands records on, and marks each of those it hands them to.
+    /// For an appender that only passes records on, and marks each appender to which it passes them.
     static void Exempt(const ILogAppender* appender) {
         if (t_innermost != nullptr && t_innermost->_appender == appender) {
             t_innermost->_appender = nullptr;
         }
     }
 
-    /// False for null and for an appender that runs on this thread already.
+    /// False for null, and for an appender that runs on this thread already.
     bool MayRun() const {
         for (const AppenderGuard* guard = _outer; guard != nullptr; guard = guard->_outer) {
             if (guard->_appender == _appender) {

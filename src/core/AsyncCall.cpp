@@ -14,7 +14,7 @@ namespace zarip::core {
 
 namespace {
 
-/// The call: one reference to the outcome, and the target.
+/// The call. It owns one reference to the outcome, and the target.
 class AsyncCall final : public IVoidDelegate0 {
 public:
     AsyncCall(ResultMarshaller* marshaller, std::unique_ptr<IVoidDelegate0> target)

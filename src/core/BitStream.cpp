@@ -32,7 +32,7 @@ void BitStreamReader::SkipBits(std::size_t count) {
     _position += count;
 }
 
-/// As many zeros as there are bits behind the one that follows them.
+/// A code is a number of zeros, a one, and as many bits as there were zeros.
 unsigned int BitStreamReader::ReadUnsignedGolomb() {
     BitStreamReader ahead(*this);
     unsigned int zeros = 0;

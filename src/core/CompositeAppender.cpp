@@ -9,7 +9,7 @@
 #include <iterator>
 
 #include "core/AppenderGuard.h"
-#include "core/CompositeAppenderBody.h"
+#include "core/CompositeAppenderImpl.h"
 #include "zarip/osa/MutexAutoLock.h"
 
 namespace zarip::core {
@@ -20,13 +20,13 @@ constexpr const char* kMutexName = "CompositeAppender";
 
 }  // namespace
 
-CompositeAppender::Body::Body() : mutex(new osa::Mutex(kMutexName)) {}
+CompositeAppender::Impl::Impl() : mutex(new osa::Mutex(kMutexName)) {}
 
-CompositeAppender::Body::~Body() {
+CompositeAppender::Impl::~Impl() {
     delete mutex;
 }
 
-std::vector<CompositeAppender::Body::Entry> CompositeAppender::Body::TakeDead() {
+std::vector<CompositeAppender::Impl::Entry> CompositeAppender::Impl::TakeDead() {
     std::vector<Entry> taken;
     if (!anyDead || depth > 0) {
         return taken;
@@ -39,118 +39,118 @@ std::vector<CompositeAppender::Body::Entry> CompositeAppender::Body::TakeDead() 
     return taken;
 }
 
-void CompositeAppender::Body::DeleteOwned(const std::vector<Entry>& entries) {
+void CompositeAppender::Impl::DeleteOwned(const std::vector<Entry>& entries) {
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
         const auto isSame = [&](const Entry& earlier) {
             return earlier.owned && earlier.appender == entry->appender;
         };
-        // An appender that was added twice goes once.
+        // An appender that was added twice is deleted once.
         if (entry->owned && std::none_of(entries.begin(), entry, isSame)) {
             delete entry->appender;
         }
     }
 }
 
-CompositeAppender::Body::Delivery::Delivery(Body* body) ZARIP_NO_THREAD_SAFETY_ANALYSIS : _body(body) {
-    _body->mutex->Lock();
-    ++_body->depth;
+CompositeAppender::Impl::Delivery::Delivery(Impl* impl) ZARIP_NO_THREAD_SAFETY_ANALYSIS : _impl(impl) {
+    _impl->mutex->Lock();
+    ++_impl->depth;
 }
 
-CompositeAppender::Body::Delivery::~Delivery() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    --_body->depth;
+CompositeAppender::Impl::Delivery::~Delivery() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+    --_impl->depth;
     std::vector<Entry> dead;
-    if (__builtin_expect(_body->anyDead, false)) {
+    if (__builtin_expect(_impl->anyDead, false)) {
         try {
-            dead = _body->TakeDead();
+            dead = _impl->TakeDead();
         } catch (...) {
-            // No memory: they go after the next record.
+            // There is no memory, so they are deleted after the next record.
         }
     }
     try {
-        _body->mutex->Release();
+        _impl->mutex->Release();
     } catch (...) {
-        // Held by this thread, so there is nothing to fail.
+        // This thread holds the mutex, so releasing it cannot fail.
     }
     if (__builtin_expect(!dead.empty(), false)) {
         DeleteOwned(dead);
     }
 }
 
-void CompositeAppender::Body::LockForFork() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+void CompositeAppender::Impl::LockForFork() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
     mutex->Lock();
 }
 
-void CompositeAppender::Body::UnlockInParent() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+void CompositeAppender::Impl::UnlockInParent() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
     mutex->Release();
 }
 
-void CompositeAppender::Body::UnlockInChild() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
-    // The old one is left alone: a mutex that is held must not be destroyed.
+void CompositeAppender::Impl::UnlockInChild() ZARIP_NO_THREAD_SAFETY_ANALYSIS {
+    // The old mutex is not destroyed, because it is held.
     mutex = new osa::Mutex(kMutexName);
     for (int i = 0; i < depth; ++i) {
-        mutex->Lock();  // forked by an appender: the deliveries further up the stack release it
+        mutex->Lock();  // if an appender has forked, the deliveries further up the stack release it
     }
 }
 
-CompositeAppender::CompositeAppender() : _body(std::make_unique<Body>()) {}
+CompositeAppender::CompositeAppender() : _impl(std::make_unique<Impl>()) {}
 
 CompositeAppender::~CompositeAppender() {
     try {
         Clear();
     } catch (...) {
-        // A destructor has nobody to tell.
+        // A destructor must not throw.
     }
 }
 
 void CompositeAppender::AddAppender(const ILogAppender* appender, bool owned) {
     std::unique_ptr<const ILogAppender> holder(owned ? appender : nullptr);
-    const osa::MutexAutoLock lock(_body->mutex);
-    _body->entries.push_back({appender, owned});
+    const osa::MutexAutoLock lock(_impl->mutex);
+    _impl->entries.push_back({appender, owned});
     static_cast<void>(holder.release());
 }
 
 bool CompositeAppender::RemoveAppender(const ILogAppender* appender) {
-    const osa::MutexAutoLock lock(_body->mutex);
+    const osa::MutexAutoLock lock(_impl->mutex);
     const auto entry = std::find_if(
-        _body->entries.begin(), _body->entries.end(),
-        [&](const Body::Entry& candidate) { return candidate.appender == appender && !candidate.dead; });
-    if (entry == _body->entries.end()) {
+        _impl->entries.begin(), _impl->entries.end(),
+        [&](const Impl::Entry& candidate) { return candidate.appender == appender && !candidate.dead; });
+    if (entry == _impl->entries.end()) {
         return false;
     }
-    if (_body->depth == 0) {
-        _body->entries.erase(entry);
+    if (_impl->depth == 0) {
+        _impl->entries.erase(entry);
     } else {
         entry->owned = false;
         entry->dead = true;
-        _body->anyDead = true;
+        _impl->anyDead = true;
     }
     return true;
 }
 
 void CompositeAppender::Clear() {
-    std::vector<Body::Entry> removed;
+    std::vector<Impl::Entry> removed;
     {
-        const osa::MutexAutoLock lock(_body->mutex);
-        if (_body->depth == 0) {
-            removed.swap(_body->entries);
+        const osa::MutexAutoLock lock(_impl->mutex);
+        if (_impl->depth == 0) {
+            removed.swap(_impl->entries);
         } else {
-            for (Body::Entry& entry : _body->entries) {
+            for (Impl::Entry& entry : _impl->entries) {
                 entry.dead = true;
             }
-            _body->anyDead = true;
+            _impl->anyDead = true;
         }
     }
-    Body::DeleteOwned(removed);
+    Impl::DeleteOwned(removed);
 }
 
 void CompositeAppender::AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                                 const char* format, va_list args) const ZARIP_NO_THREAD_SAFETY_ANALYSIS {
     const int savedErrno = errno;
     AppenderGuard::Exempt(this);
-    const Body::Delivery delivery(_body.get());
-    // By index, as an appender may add others; those get the next record.
-    for (std::size_t i = 0, end = _body->entries.size(); i < end; ++i) {
-        const Body::Entry entry = _body->entries[i];
+    const Impl::Delivery delivery(_impl.get());
+    // The loop uses an index, because an appender may add others, which get the next record.
+    for (std::size_t i = 0, end = _impl->entries.size(); i < end; ++i) {
+        const Impl::Entry entry = _impl->entries[i];
         AppenderGuard guard(entry.appender);
         if (entry.dead || !guard.MayRun()) {
             continue;
@@ -164,7 +164,7 @@ void CompositeAppender::AppendV(Logger::LogLevel level, const char* threadName, 
             va_end(copy);
             throw;
         } catch (...) {
-            // The others get the record all the same.
+            // The other appenders still get the record.
         }
         va_end(copy);
     }

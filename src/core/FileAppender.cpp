@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "zarip/core/StderrAppender.h"
 #include "zarip/core/StdoutAppender.h"
@@ -23,7 +24,7 @@ namespace {
 /// Enough for nearly every record; a longer one is built on the heap.
 constexpr std::size_t kBufferSize = 1024;
 
-/// A text, right-aligned in a minimum of characters.
+/// A string, right-aligned in a minimum of characters.
 template <std::size_t Minimum>
 struct Field {
     explicit Field(const char* content)
@@ -32,7 +33,7 @@ struct Field {
     std::size_t Width() const { return std::max(length, Minimum); }
 
     char* Put(char* out) const {
-        std::memset(out, ' ', Minimum);  // of a constant size, as that is not a call
+        std::memset(out, ' ', Minimum);  // a constant size avoids a call
         char* const begin = out + Width() - length;
         std::memcpy(begin, text, length);
         return begin + length;
@@ -42,7 +43,7 @@ struct Field {
     std::size_t length;
 };
 
-/// "(%5s) %20s [%5s] :: ", built by hand, as printf takes much longer.
+/// "(%5s) %20s [%5s] :: ", built by hand, because printf takes much longer.
 class Prefix {
 public:
     Prefix(const char* threadName, const char* loggerName, const char* levelName)
@@ -75,9 +76,9 @@ char* PutNumber(char* out, char* end, Number value, int base = 10) {
     return result.ec == std::errc() ? result.ptr : nullptr;
 }
 
-/// What vsnprintf would write for plain texts and integers, without flags, widths and precisions, in much
-/// less time. Returns the end of the text, which is not zero-terminated, or null for what is left
-/// to vsnprintf: other conversions, null texts, and text that does not fit.
+/// Writes what vsnprintf would write for strings and integers without flags, widths and precisions, in much
+/// less time. Returns the end of the message, which is not zero-terminated. Returns null for what is left to
+/// vsnprintf: other conversions, null strings, and a message that does not fit.
 char* PutSimply(char* out, char* end, const char* format, va_list args) {
     for (;;) {
         for (; *format != '%'; ++format) {
@@ -129,7 +130,50 @@ char* PutSimply(char* out, char* end, const char* format, va_list args) {
     }
 }
 
-/// Writes and flushes in one piece, between what others print to the stream.
+/// Writes a message, and returns its length also if it does not fit. `out` has room for a zero byte more.
+ZARIP_PRINTF(3, 0)
+std::size_t PutMessage(char* out, std::size_t room, const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const char* const end = PutSimply(out, out + room, format, copy);
+    va_end(copy);
+    if (end != nullptr) {
+        return static_cast<std::size_t>(end - out);
+    }
+    va_copy(copy, args);
+    const int length = std::vsnprintf(out, room + 1, format, copy);
+    va_end(copy);
+    return static_cast<std::size_t>(std::max(length, 0));
+}
+
+/// Memory for one record: on the stack, or on the heap for a long one. *One thread at a time.*
+class RecordBuffer {
+public:
+    /// Makes room for a record of that size; the content is lost. If there is no memory, it returns false and
+    /// leaves everything as it was.
+    bool Grow(std::size_t size) {
+        if (size <= _size) {
+            return true;
+        }
+        std::unique_ptr<char[]> larger(new (std::nothrow) char[size]);
+        if (!larger) {
+            return false;
+        }
+        _heap = std::move(larger);
+        _size = size;
+        return true;
+    }
+
+    char* GetBegin() { return _heap ? _heap.get() : _stack; }
+    char* GetLast() { return GetBegin() + _size - 1; }
+
+private:
+    char _stack[kBufferSize];
+    std::unique_ptr<char[]> _heap;
+    std::size_t _size = kBufferSize;
+};
+
+/// Writes and flushes in one piece, so that other output to the stream comes before or after the record.
 void WriteToStream(FILE* file, const char* record, std::size_t length) {
     struct StreamLock {
         explicit StreamLock(FILE* locked) : stream(locked) { ::flockfile(stream); }
@@ -156,7 +200,7 @@ void WriteToDescriptor(int fd, const char* record, std::size_t length) {
 }
 
 FILE* OpenForAppending(const char* path) {
-    // "a", and not inherited by the programs that the process starts.
+    // "e" keeps programs that the process starts from inheriting the file.
     FILE* const file = std::fopen(path != nullptr ? path : "", "ae");
     if (file == nullptr) {
         throw osa::Exception(std::string("Failed to open file ") + (path != nullptr ? path : "") +
@@ -185,48 +229,22 @@ FileAppender::~FileAppender() {
 void FileAppender::AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                            const char* format, va_list args) const {
     const Prefix prefix(threadName, loggerName, Logger::GetLevelString(level));
-    const std::size_t prefixWidth = prefix.Width();
-    char buffer[kBufferSize];
-    char* const last = buffer + kBufferSize - 1;
-    std::size_t length = 0;
-    if (prefixWidth < kBufferSize) {
-        char* const message = prefix.Put(buffer);
-        va_list copy;
-        va_copy(copy, args);
-        char* end = PutSimply(message, last, format, copy);
-        va_end(copy);
-        if (end == nullptr) {
-            va_copy(copy, args);
-            const auto space = static_cast<std::size_t>(last - message) + 1;
-            length = static_cast<std::size_t>(std::max(std::vsnprintf(message, space, format, copy), 0));
-            va_end(copy);
-            end = length < space ? message + length : nullptr;
-        }
-        if (end != nullptr) {
-            *end = '\n';
-            Write(buffer, static_cast<std::size_t>(end + 1 - buffer));
-            return;
-        }
-    } else {
-        va_list copy;
-        va_copy(copy, args);
-        length = static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, copy), 0));
-        va_end(copy);
-    }
-
-    const std::unique_ptr<char[]> record(new (std::nothrow) char[prefixWidth + length + 1]);
-    if (!record) {
-        if (prefixWidth < kBufferSize) {  // no memory: what fits is better than nothing
-            *last = '\n';
-            Write(buffer, kBufferSize);
-        }
+    RecordBuffer buffer;
+    if (!buffer.Grow(prefix.Width() + 1)) {
         return;
     }
-    char* const message = prefix.Put(record.get());
-    const int again = std::vsnprintf(message, length + 1, format, args);
-    length = std::min(static_cast<std::size_t>(std::max(again, 0)), length);
-    message[length] = '\n';
-    Write(record.get(), prefixWidth + length + 1);
+    for (;;) {
+        char* const message = prefix.Put(buffer.GetBegin());
+        const auto room = static_cast<std::size_t>(buffer.GetLast() - message);
+        const std::size_t length = PutMessage(message, room, format, args);
+        // If there is no memory for all of it, what fits is better than nothing.
+        if (length <= room || !buffer.Grow(prefix.Width() + length + 1)) {
+            char* const end = message + std::min(length, room);
+            *end = '\n';
+            Write(buffer.GetBegin(), static_cast<std::size_t>(end + 1 - buffer.GetBegin()));
+            return;
+        }
+    }
 }
 
 void FileAppender::Write(const char* record, std::size_t length) const {

@@ -63,7 +63,8 @@ void HeapAllocator::Free(void* memory) {
     const osa::MutexAutoLock lock(&_impl->mutex);
     const auto entry = _impl->out.find(memory);
     if (entry == _impl->out.end()) {
-        // Whether it ever was is not known: the heap may have handed the address to somebody else since.
+        // Which of the two it is cannot be known, because the heap may have given the address to other code
+        // since.
         throw AllocatorException("the pointer is not of this allocator, or was freed before");
     }
     _impl->statistics.used -= entry->second.size;

@@ -13,9 +13,9 @@
 #include <locale>
 #include <string_view>
 
-#include "core/ReadBlocks.h"
-#include "core/Text.h"
+#include "core/ReadFileBlocks.h"
 #include "core/TextStream.h"
+#include "core/Trim.h"
 #include "osa/FileCalls.h"
 #include "osa/FileReplacement.h"
 #include "osa/UniqueFd.h"
@@ -43,12 +43,12 @@ bool MayBeginKey(char c) {
     return IsLetter(c) || IsDigit(c) || c == '.' || c == '/' || c == '\\';
 }
 
-/// Takes lines and stores what they hold.
+/// Parses lines and stores their content.
 class Loader {
 public:
     explicit Loader(std::map<std::string, IniFile::Group>& groups) : _groups(groups), _name(GlobalGroup()) {}
 
-    /// Takes the whole lines of a block that continues the text before it.
+    /// Parses the complete lines of a block, which continues the block before it.
     void TakeBlock(std::string_view block) {
         for (;;) {
             const std::size_t end = block.find('\n');
@@ -92,7 +92,8 @@ private:
         }
         const std::string_view value = TrimBeforeZero(line.substr(equals + 1));
         const std::string_view key = TrimBeforeZero(line.substr(0, equals));
-        // Files that were saved here hold their keys in order: then the end of the group is the right place.
+        // A file that this class has saved has its keys in order, so the end of the group is usually the
+        // right place.
         const std::size_t size = _group->size();
         const auto entry = _group->emplace_hint(_group->end(), key, value);
         if (_group->size() == size) {
@@ -116,7 +117,7 @@ bool Contains(const std::string& text, char c) {
     return text.find(c) != std::string::npos;
 }
 
-/// Refuses what would be read back as another line, another group or another key.
+/// Refuses names and values that would be read back as another line, another group or another key.
 void CheckGroup(const std::string& name, const IniFile::Group& group) {
     Refuse(Contains(name, '\n'), "line feed in a group name");
     Refuse(Contains(name, ']'), "']' in a group name");
@@ -140,8 +141,8 @@ void WriteGroup(std::ostream& stream, const std::string& name, const IniFile::Gr
     WriteKeys(stream, group);
 }
 
-/// Opens a file for writing and brings `status` up to date. False for a pipe, a device or whatever else is
-/// not a file; opening one of these may wait, or have an effect, so they are recognised before.
+/// Opens a file for writing and brings `status` up to date. False for a pipe, a device or anything else that
+/// is not a file. Opening one of these may wait or have an effect, so they are recognised before.
 bool OpenFile(const std::string& path, struct stat& status, osa::UniqueFd& file) {
     if (!S_ISREG(status.st_mode)) {
         return false;
@@ -158,23 +159,28 @@ Replaced Replace(const std::string& target, const struct stat* old, const std::s
     if (!replacement.Open(old != nullptr ? 0600 : 0666)) {
         return Replaced::kNotOpened;
     }
-    if (!osa::WriteAll(replacement.GetFd(), text) || (old != nullptr && !replacement.TakeOver(*old)) ||
-        !osa::Synchronise(replacement.GetFd())) {
+    if (!osa::WriteAll(replacement.GetFd(), text) || (old != nullptr && !replacement.TakeOver(*old))) {
         return Replaced::kNotWritten;
     }
-    if (!replacement.Commit()) {
-        return Replaced::kNotOpened;
+    switch (replacement.Finish()) {
+        case osa::FileReplacement::Finished::kDone:
+            return Replaced::kDone;
+        case osa::FileReplacement::Finished::kNotReplaced:
+            return Replaced::kNotOpened;
+        case osa::FileReplacement::Finished::kFailed:
+            break;
     }
-    return replacement.SynchroniseFolder() ? Replaced::kDone : Replaced::kNotWritten;
+    return Replaced::kNotWritten;
 }
 
-/// Whether a file that could not be replaced may well be written: its folder or its file system does not
-/// permit it, or another file system is mounted on it.
+/// Whether a file that could not be replaced may still be writable: its folder or its file system does not
+/// permit replacing, or another file system is mounted on it.
 bool IsOnlyIrreplaceable(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == EBUSY || error == EXDEV;
 }
 
-/// Overwrites a file. The room is reserved first, so that a full disk leaves the old text. False with errno.
+/// Overwrites a file. The room is reserved first, so a full disk does not damage the old content. False with
+/// errno.
 bool WriteInPlace(int fd, off_t oldSize, const std::string& text) {
     const auto size = static_cast<off_t>(text.size());
     if (size > oldSize) {
@@ -264,7 +270,7 @@ void IniFile::LoadFromStream(std::istream& stream) {
     char block[16384];
     std::ios_base::iostate state = std::ios_base::goodbit;
     try {
-        // Only as much as the stream has at hand, so that nothing is lost when reading on fails.
+        // It reads only as much as the stream has buffered, so that nothing is lost if a later read fails.
         std::streambuf& source = *stream.rdbuf();
         while (source.sgetc() != std::streambuf::traits_type::eof()) {
             const auto available = std::max<std::streamsize>(source.in_avail(), 1);
@@ -450,7 +456,7 @@ std::string IniFile::GetValueOrDefault(const std::string& group, const std::stri
 const std::string& IniFile::GetValueFromGroup(const Group& group, const std::string& key) {
     const std::string* const value = FindIn(group, key);
     if (value == nullptr) {
-        // Deliberate: ends here. Callers tell this failure from that of GetValue by it.
+        // Deliberate: the message ends here. Callers distinguish this failure from that of GetValue by it.
         throw osa::Exception("no value " + key + " exists in group");
     }
     return *value;

@@ -29,7 +29,7 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// Whether a number, written as it has to be, is not too large for a double; in any locale.
+/// Whether a well-formed number fits a double, in any locale.
 bool FitsDouble(const std::string& number) {
     static const locale_t s_classic = ::newlocale(LC_ALL_MASK, "C", nullptr);
     return std::isfinite(::strtod_l(number.c_str(), nullptr, s_classic));
@@ -62,7 +62,8 @@ private:
                               ", column " + std::to_string(column) + ")");
     }
 
-    /// The next character, or a zero at the end. A zero in the text is nowhere what is asked for.
+    /// The next character, or a zero at the end. A zero inside the document is never valid, so the two need
+    /// not be distinguished.
     char Next() const { return _at < _text.size() ? _text[_at] : '\0'; }
 
     bool Take(char c) {
@@ -79,7 +80,7 @@ private:
 
     void SkipBlanks() { _at = std::min(_text.find_first_not_of(" \t\r\n", _at), _text.size()); }
 
-    /// A value, or the beginning of an array or object and the name before its first value.
+    /// Reads a value, or the beginning of an array or object and the name before its first value.
     void TakeValue() {
         if (++_elements > kMaxElements) {
             Fail("too many elements");
@@ -130,7 +131,7 @@ private:
         Expect(':');
     }
 
-    /// What follows a value: the ends of arrays and objects, then a comma or the end of the document.
+    /// Reads what follows a value: the ends of arrays and objects, then a comma or the end of the document.
     void TakeEnds() {
         while (_depth > 0) {
             SkipBlanks();
@@ -141,7 +142,7 @@ private:
                 continue;
             }
             if (isFirst) {
-                return;  // the first value of what was opened
+                return;  // the first value of the new level
             }
             Expect(',');
             SkipBlanks();
@@ -253,7 +254,7 @@ private:
     std::size_t _elements = 0;
     std::size_t _depth = 0;
     std::size_t _levels[kMaxDepth];  ///< 0 for an array, otherwise how many members the object has so far
-    bool _isOpened = false;          ///< the innermost has just begun
+    bool _isOpened = false;          ///< the innermost level has just begun
 };
 
 }  // namespace

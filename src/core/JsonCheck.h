@@ -6,13 +6,14 @@
 
 namespace zarip::core {
 
-/// Throws `json::Exception` for a text that is not one JSON document, or one that may cost too much to read.
+/// Throws `json::Exception` for a string that is not exactly one JSON document, or for a document that may be
+/// too expensive to read.
 ///
-/// The element model is not always ours, and one that is installed may accept what is not JSON, or end the
-/// process by recursion. So this is our own, small and without recursion: it reads the text once and keeps
-/// one number for each level. What it accepts is what RFC 8259 calls JSON, in UTF-8, with limits: 200 levels,
-/// 1,000,000 elements, 10,000 members in an object, because models compare each name with all others. Two
-/// members of one name are left to the model, which refuses them.
+/// The program may use an installed element model, whose parser may accept what is not JSON, or end the
+/// process by recursion. So this check is our own. It has no recursion, reads the document once and keeps one
+/// number for each level. It accepts JSON as defined by RFC 8259, in UTF-8, with at most 200 levels,
+/// 1,000,000 elements, and 10,000 members in an object. The last limit exists because models compare each
+/// name with all others. The model refuses two members of one name.
 void CheckJson(std::string_view text);
 
 }  // namespace zarip::core

@@ -18,7 +18,8 @@ namespace zarip::core {
 
 namespace {
 
-/// Cuts towards zero. Elsewhere than here the result of a number out of range would depend on the processor.
+/// Cuts towards zero, within the range of the type. A plain conversion of a number outside of it would depend
+/// on the processor.
 template <class Int>
 Int Truncate(double value) {
     using Limits = std::numeric_limits<Int>;
@@ -34,7 +35,7 @@ Int Truncate(double value) {
     return static_cast<Int>(value);
 }
 
-/// A text as a source of characters, without a copy.
+/// A string as a stream buffer, without a copy.
 class TextBuffer : public std::streambuf {
 public:
     explicit TextBuffer(std::string_view text) {
@@ -53,7 +54,7 @@ Element Read(std::string_view text) {
     return element;
 }
 
-/// For a document of one kind, by the character that it begins with.
+/// Parses a document of one kind, recognised by its first character.
 template <class Element>
 Element ReadKind(std::string_view text, char first) {
     const std::size_t begin = text.find_first_not_of(" \t\r\n");
@@ -80,7 +81,7 @@ Plain GetPlain(const json::Object& object, const std::string& name, const Plain&
     return visitor.isNull ? fallback : convert(static_cast<const Element&>(member->element));
 }
 
-/// Writes an element of any kind as it is asked for; models write some kinds in one way only.
+/// Writes an element of any kind, pretty or not. Some element models support only one of the two.
 class TextVisitor final : public JsonUtils::ConstVisitor {
 public:
     explicit TextVisitor(bool pretty) : _pretty(pretty) {}

@@ -55,15 +55,15 @@ bool IsStillAt(FILE* file, const char* path) {
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-/// Opens for reading and writing, not truncated, and waits for two seconds at the most until no other process
-/// edits the file. One that has just done so may have put a new file in its place: then that is opened.
+/// Opens the file for reading and writing without truncating it. Waits for at most two seconds until no other
+/// process edits it. If such a process has replaced the file meanwhile, the new file is opened.
 File OpenLocked(const char* path) {
     for (;;) {
         File file(std::fopen(path, "r+e"));
         if (!file) {
             return file;
         }
-        // Not without limit: any process that may read the file can hold this lock for ever.
+        // The wait is limited, because any process that may read the file can hold this lock for ever.
         for (int i = 0; i < kLockLooks && ::flock(::fileno(file.get()), LOCK_EX | LOCK_NB) != 0; ++i) {
             ::poll(nullptr, 0, kLockPauseMs);
         }
@@ -96,8 +96,8 @@ void EditLogRotateConf(const std::string& logFile, const std::string& owner, con
         bool found = false;
         bool written = true;
         char line[kLineSize];
-        // Deliberate: a last line without line feed is not copied, and a long one is looked at in pieces. The
-        // file is only ever written in whole lines, so half of one is what is left of a broken edit.
+        // Deliberate: a last line without line feed is not copied, because the file is always written in
+        // complete lines, so such a line is the rest of a broken edit. A long line is processed in pieces.
         while (std::fgets(line, sizeof line, input.get()) != nullptr && std::feof(input.get()) == 0) {
             written = std::fputs(line, output.get()) >= 0 && written;
             if (!found && std::strstr(line, owner.c_str()) != nullptr && std::strchr(line, '#') != nullptr) {
@@ -110,7 +110,7 @@ void EditLogRotateConf(const std::string& logFile, const std::string& owner, con
         }
         if (found) {
             written = Flush(output.get()) && std::ferror(input.get()) == 0 && written;
-            // A configuration that was not written whole must not take the place of the one that is.
+            // An incomplete configuration must not replace the complete one.
             command = written ? "mv " + temporary + " " + configuration : remove;
         } else {
             const off_t end = ::fseeko(input.get(), 0, SEEK_END) == 0 ? ::ftello(input.get()) : -1;

@@ -6,9 +6,8 @@
 
 namespace zarip::core {
 
-/// The edit behind `Logger::ModifyLogRotateConf`, on any pair of files: `configuration`, and `temporary`,
-/// which is created or emptied and gone afterwards (unless the configuration could not be opened). Both paths
-/// go through the shell.
+/// Does the work of `Logger::ModifyLogRotateConf` on any pair of files. `temporary` is created or emptied,
+/// and removed at the end (unless `configuration` could not be opened). Both paths are passed to the shell.
 void EditLogRotateConf(const std::string& logFile, const std::string& owner, const std::string& configuration,
                        const std::string& temporary);
 

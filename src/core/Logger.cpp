@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "core/AppenderGuard.h"
-#include "core/CompositeAppenderBody.h"
+#include "core/CompositeAppenderImpl.h"
 #include "core/LogRotate.h"
 #include "osa/CurrentThread.h"
 #include "zarip/core/CompositeAppender.h"
@@ -43,7 +43,8 @@ public:
     RegistryLock& operator=(const RegistryLock&) = delete;
     ~RegistryLock() { ::pthread_mutex_unlock(&s_mutex); }
 
-    /// Ready before anything of this library runs: loggers are asked for while libraries are loaded.
+    /// It is ready before any code of this library runs, because loggers are requested while libraries are
+    /// loaded.
     static inline pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 
@@ -51,9 +52,9 @@ std::atomic<int> s_defaultLevel{Logger::kError};
 
 }  // namespace
 
-/// What the process's logging consists of; made on first use and never destroyed, since threads may log until
-/// the process has gone. Its members are guarded by `RegistryLock`, which is never held while the root's
-/// mutex is taken or an appender runs: an appender may look up loggers.
+/// The state of the process's logging. It is made on first use and never destroyed, because threads may log
+/// until the process has ended. `RegistryLock` guards its members. It is never held while the root's mutex is
+/// taken or an appender runs, because an appender may look up loggers.
 struct LoggerRegistry {
     CompositeAppender root;
     NullAppender silence;
@@ -62,7 +63,7 @@ struct LoggerRegistry {
 
     static LoggerRegistry* s_instance;
 
-    /// Needs `RegistryLock`.
+    /// The caller holds `RegistryLock`.
     static LoggerRegistry& Get() {
         if (s_instance == nullptr) {
             auto made = std::make_unique<LoggerRegistry>();
@@ -101,20 +102,20 @@ struct LoggerRegistry {
         loggers.clear();
     }
 
-    // A child must be able to log although another thread held a lock when the process was forked: both are
-    // taken for the time of the fork. The root's comes first, as an appender that runs under it may want the
-    // registry's.
+    // A forked child must be able to log even if another thread held a lock at the fork, so both locks are
+    // taken for the time of the fork. The root's lock is taken first, because an appender that runs under it
+    // may need the registry's lock.
     static void BeforeFork() {
-        s_instance->root._body->LockForFork();
+        s_instance->root._impl->LockForFork();
         ::pthread_mutex_lock(&RegistryLock::s_mutex);
     }
     static void AfterForkInParent() {
         ::pthread_mutex_unlock(&RegistryLock::s_mutex);
-        s_instance->root._body->UnlockInParent();
+        s_instance->root._impl->UnlockInParent();
     }
     static void AfterForkInChild() {
         ::pthread_mutex_unlock(&RegistryLock::s_mutex);
-        s_instance->root._body->UnlockInChild();
+        s_instance->root._impl->UnlockInChild();
     }
 };
 
@@ -171,8 +172,8 @@ void Logger::ConfigureLogging(const IniFile& ini, const std::string& group) {
     if (ini.HasValue(group, "log.level")) {
         SetLevelDefault(static_cast<LogLevel>(ini.GetInt(group, "log.level")), true);
     } else {
-        // Deliberate: loggers that exist keep their level. A process may raise single loggers before it reads
-        // a configuration that names no level.
+        // Deliberate: existing loggers keep their level. A process may raise single loggers before it reads a
+        // configuration that names no level.
         SetLevelDefault(kWarning, false);
     }
 }

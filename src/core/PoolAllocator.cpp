@@ -17,12 +17,12 @@ namespace {
 
 using Index = std::uint32_t;
 constexpr Index kNone = 0xFFFFFFFE;  ///< the end of a list
-constexpr Index kOut = 0xFFFFFFFF;   ///< in place of a successor: the block is the caller's
+constexpr Index kOut = 0xFFFFFFFF;   ///< in place of a successor: the caller has the block
 constexpr std::size_t kMaxCount = 0x7FFFFFFF;
-constexpr std::size_t kCacheLine = 128;  ///< two of them: processors fetch in pairs
+constexpr std::size_t kCacheLine = 128;  ///< two lines, because processors fetch them in pairs
 
-/// For each block the next in its list, or kOut. Neighbours, which are often in the hands of different
-/// threads, stand in different cache lines.
+/// Holds for each block the next block in its list, or kOut. Neighbouring blocks are often used by different
+/// threads, so their entries are in different cache lines.
 class Successors {
 public:
     explicit Successors(std::size_t count) {
@@ -43,11 +43,11 @@ private:
     std::unique_ptr<std::atomic<Index>[]> _successors;
 };
 
-/// A list of free blocks that any thread may push to and pop from: the first block below, and above a number
-/// that changes with every change, so that a list which looks the same is the same.
+/// A list of free blocks that any thread may push to and pop from. The lower half of the head is the first
+/// block. The upper half is a version counter against the ABA problem.
 class alignas(kCacheLine) FreeList {
 public:
-    std::uint64_t Look() const { return _head.load(std::memory_order_acquire); }
+    std::uint64_t GetHead() const { return _head.load(std::memory_order_acquire); }
     static bool IsEmpty(std::uint64_t head) { return static_cast<Index>(head) == kNone; }
 
     void Push(const Successors& next, Index block) {
@@ -59,7 +59,7 @@ public:
     }
 
     Index Pop(const Successors& next) {
-        std::uint64_t head = Look();
+        std::uint64_t head = GetHead();
         while (!IsEmpty(head)) {
             const auto block = static_cast<Index>(head);
             const Index successor = next[block].load(std::memory_order_relaxed);
@@ -80,13 +80,13 @@ private:
 
 constexpr unsigned int kLists = 4;
 
-/// Where the calling thread belongs: to the group that had the fewest living threads when it first asked.
+/// The group of the calling thread: the one that had the fewest living threads when the thread first asked.
 class OwnGroup {
 public:
     static unsigned int Get() { return __builtin_expect(s_group != kLists, 1) ? s_group : Join(); }
 
 private:
-    static void Leave(void* threads) {
+    static void CountEnd(void* threads) {
         static_cast<std::atomic<unsigned int>*>(threads)->fetch_sub(1, std::memory_order_relaxed);
     }
 
@@ -99,14 +99,14 @@ private:
             }
         }
         s_group = group;
-        static const osa::PerThread<std::atomic<unsigned int>> s_membership(&Leave);
+        static const osa::PerThread<std::atomic<unsigned int>> s_membership(&CountEnd);
         if (s_membership.Set(&s_threads[group])) {
             s_threads[group].fetch_add(1, std::memory_order_relaxed);
         }
         return group;
     }
 
-    // The library is loaded with the program or by it, once, so this costs no call.
+    // The initial-exec model reads the variable without a call. It suits a library that is never unloaded.
     static inline thread_local unsigned int s_group __attribute__((tls_model("initial-exec"))) = kLists;
     static inline std::atomic<unsigned int> s_threads[kLists] = {};
 };
@@ -118,33 +118,76 @@ struct AlignedDelete {
 
 }  // namespace
 
-/// Blocks that were never out stand behind `_fresh`; the others are in one of the lists or out.
+/// A block is in the caller's hands, in one of the free lists, or was never taken; the last kind begins at
+/// `_fresh`. Each step is one atomic operation, so no thread waits for another.
 ///
-/// A group that finds its list empty exchanges it for another's with blocks in it. Where one thread takes
-/// blocks and another gives them back, the two so exchange a full list for an empty one now and then and
-/// seldom meet at one. Who has which list is no more than a preference: any thread may use any list at any
-/// time.
-struct ZARIP_HIDDEN PoolAllocator::Impl {
-    Impl(std::size_t size, std::size_t count, std::size_t blockAlignment)
+/// There is a list for each group of threads. A group that finds its list empty exchanges it for one of
+/// another group that has blocks. If one thread takes blocks and another gives them back, the two exchange a
+/// full list for an empty one now and then, and so they seldom use the same list at the same time. Which
+/// group has which list is only a preference: any thread may use any list at any time.
+class ZARIP_HIDDEN PoolAllocator::Impl {
+public:
+    Impl(std::size_t size, std::size_t count, std::size_t alignment)
         : _blockSize(size),
           _blockCount(static_cast<Index>(count)),
-          _alignment(blockAlignment),
-          _memory(static_cast<unsigned char*>(::operator new(size* count, std::align_val_t(blockAlignment))),
-                  AlignedDelete{std::align_val_t(blockAlignment)}),
+          _alignment(alignment),
+          _memory(static_cast<unsigned char*>(::operator new(size* count, std::align_val_t(alignment))),
+                  AlignedDelete{std::align_val_t(alignment)}),
           _next(count) {}
 
-    Index Take() {
-        const unsigned int own = OwnGroup::Get();
-        const Index block = ListOf(own).Pop(_next);
-        return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(own);
+    void* Allocate(std::size_t size, std::size_t alignment) {
+        if (internal::CheckRequest(size, alignment, _alignment) > _blockSize) {
+            throw AllocatorException("invalid size");
+        }
+        const Index block = TakeBlock();
+        if (block == kNone) {
+            _failed.fetch_add(1, std::memory_order_relaxed);
+            throw AllocationException("out of memory: all blocks of the pool are in use");
+        }
+        _next[block].store(kOut, std::memory_order_relaxed);
+        return &_memory[block * _blockSize];
     }
 
-    void Give(Index block) { ListOf(OwnGroup::Get()).Push(_next, block); }
+    void Free(void* memory) {
+        // Computed as numbers, because the pointer may point anywhere.
+        const std::uintptr_t offset =
+            reinterpret_cast<std::uintptr_t>(memory) - reinterpret_cast<std::uintptr_t>(_memory.get());
+        const std::uintptr_t number = _shift != 0 ? offset >> _shift : offset / _blockSize;
+        if (number >= _blockCount || number * _blockSize != offset) {
+            internal::ThrowForeign();
+        }
+        const auto block = static_cast<Index>(number);
+        Index out = kOut;
+        if (!_next[block].compare_exchange_strong(out, kNone, std::memory_order_acq_rel)) {
+            internal::ThrowFreed();
+        }
+        ListOf(OwnGroup::Get()).Push(_next, block);
+    }
 
+    Statistics GetStatistics() const {
+        Statistics statistics{};
+        const Index fresh = _fresh.load(std::memory_order_relaxed);
+        for (Index block = 0; block < fresh; ++block) {
+            statistics.count += _next[block].load(std::memory_order_relaxed) == kOut ? 1 : 0;
+        }
+        statistics.capacity = _blockSize * _blockCount;
+        statistics.used = statistics.count * _blockSize;
+        statistics.peak = fresh * _blockSize;
+        statistics.failed = _failed.load(std::memory_order_relaxed);
+        return statistics;
+    }
+
+private:
     static unsigned int ListOf(unsigned int group, unsigned int lists) { return lists >> (2 * group) & 3U; }
 
     FreeList& ListOf(unsigned int group) {
         return _lists[ListOf(group, _listsOfGroups.load(std::memory_order_relaxed))];
+    }
+
+    Index TakeBlock() {
+        const unsigned int own = OwnGroup::Get();
+        const Index block = ListOf(own).Pop(_next);
+        return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(own);
     }
 
     Index TakeElsewhere(unsigned int own) {
@@ -153,10 +196,10 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
             for (unsigned int i = 0; i < kLists; ++i) {
                 const Index block = _lists[i].Pop(_next);
                 if (block != kNone) {
-                    Prefer(own, i);
+                    PreferList(own, i);
                     return block;
                 }
-                seen[i] = _lists[i].Look();
+                seen[i] = _lists[i].GetHead();
             }
             Index fresh = _fresh.load(std::memory_order_relaxed);
             while (fresh < _blockCount) {
@@ -164,10 +207,11 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
                     return fresh;
                 }
             }
-            // All were empty when looked at one by one; if none has changed they were so at once.
+            // The lists were found empty one after the other. If none has changed since, all were empty at
+            // once.
             bool isEmpty = true;
             for (unsigned int i = 0; i < kLists; ++i) {
-                isEmpty = isEmpty && FreeList::IsEmpty(seen[i]) && _lists[i].Look() == seen[i];
+                isEmpty = isEmpty && FreeList::IsEmpty(seen[i]) && _lists[i].GetHead() == seen[i];
             }
             if (isEmpty) {
                 return kNone;
@@ -175,10 +219,10 @@ struct ZARIP_HIDDEN PoolAllocator::Impl {
         }
     }
 
-    /// Gives the group that list, and its own one to the group that has it; nothing where another exchanges
-    /// at the same moment. In one step, or two groups would share a list for good and leave another to
-    /// nobody.
-    void Prefer(unsigned int group, unsigned int list) {
+    /// Exchanges the list of a group for another one, with the group that has that. It is one step, because
+    /// two groups could otherwise share a list for good and leave another one unused. If another thread
+    /// exchanges lists at the same moment, nothing changes.
+    void PreferList(unsigned int group, unsigned int list) {
         unsigned int lists = _listsOfGroups.load(std::memory_order_relaxed);
         const unsigned int difference = ListOf(group, lists) ^ list;
         unsigned int exchanged = lists;
@@ -222,48 +266,17 @@ PoolAllocator::PoolAllocator(std::size_t blockSize, std::size_t blockCount, std:
 PoolAllocator::~PoolAllocator() = default;
 
 void* PoolAllocator::Allocate(std::size_t size, std::size_t alignment) {
-    if (internal::CheckRequest(size, alignment, _impl->_alignment) > _impl->_blockSize) {
-        throw AllocatorException("invalid size");
-    }
-    const Index block = _impl->Take();
-    if (block == kNone) {
-        _impl->_failed.fetch_add(1, std::memory_order_relaxed);
-        throw AllocationException("out of memory: all blocks of the pool are in use");
-    }
-    _impl->_next[block].store(kOut, std::memory_order_relaxed);
-    return &_impl->_memory[block * _impl->_blockSize];
+    return _impl->Allocate(size, alignment);
 }
 
 void PoolAllocator::Free(void* memory) {
-    if (memory == nullptr) {
-        return;
+    if (memory != nullptr) {
+        _impl->Free(memory);
     }
-    // As numbers, since the pointer may point anywhere.
-    const std::uintptr_t offset =
-        reinterpret_cast<std::uintptr_t>(memory) - reinterpret_cast<std::uintptr_t>(_impl->_memory.get());
-    const std::uintptr_t number = _impl->_shift != 0 ? offset >> _impl->_shift : offset / _impl->_blockSize;
-    if (number >= _impl->_blockCount || number * _impl->_blockSize != offset) {
-        internal::ThrowForeign();
-    }
-    const auto block = static_cast<Index>(number);
-    Index out = kOut;
-    if (!_impl->_next[block].compare_exchange_strong(out, kNone, std::memory_order_acq_rel)) {
-        internal::ThrowFreed();
-    }
-    _impl->Give(block);
 }
 
 IAllocator::Statistics PoolAllocator::GetStatistics() const {
-    Statistics statistics{};
-    const Index fresh = _impl->_fresh.load(std::memory_order_relaxed);
-    for (Index block = 0; block < fresh; ++block) {
-        statistics.count += _impl->_next[block].load(std::memory_order_relaxed) == kOut ? 1 : 0;
-    }
-    statistics.capacity = _impl->_blockSize * _impl->_blockCount;
-    statistics.used = statistics.count * _impl->_blockSize;
-    statistics.peak = fresh * _impl->_blockSize;
-    statistics.failed = _impl->_failed.load(std::memory_order_relaxed);
-    return statistics;
+    return _impl->GetStatistics();
 }
 
 }  // namespace zarip::core

@@ -16,7 +16,7 @@ namespace zarip::core {
 
 namespace {
 
-/// Positions count from the beginning of the first lap and never go back; the place in the ring is the
+/// Positions count from the beginning of the first lap and never decrease. The place in the ring is the
 /// position modulo the size.
 using Position = std::uint64_t;
 
@@ -34,8 +34,8 @@ struct PageDelete {
 
 }  // namespace
 
-/// The memory from the oldest allocation's begin to `head` is in use, the gap at the end of the ring that a
-/// large allocation left behind included.
+/// The memory from the beginning of the oldest allocation to `head` is in use. That includes the gap at the
+/// end of the ring that a large allocation did not fit into.
 struct ZARIP_HIDDEN RingAllocator::Impl {
     explicit Impl(std::size_t ringSize)
         : size(ringSize),
@@ -75,12 +75,12 @@ void* RingAllocator::Allocate(std::size_t size, std::size_t alignment) {
     }
     const osa::MutexAutoLock lock(&_impl->mutex);
     if (_impl->allocations.empty()) {
-        _impl->head = 0;  // from the start, so that even the whole ring fits
+        _impl->head = 0;  // an allocation of the whole ring starts at the beginning
     }
     const std::size_t place = static_cast<std::size_t>(_impl->head % _impl->size);
     const Position lap = _impl->head - place;
     const std::size_t aligned = (place + alignment - 1) & ~(alignment - 1);
-    // Behind the last one, or at the beginning of the next lap.
+    // The place is after the last allocation, or at the beginning of the next lap.
     const bool fits = aligned >= place && aligned <= _impl->size && wanted <= _impl->size - aligned;
     const Position begin = fits ? lap + aligned : lap + _impl->size;
     if (begin + wanted - _impl->Tail() > _impl->size) {
@@ -103,7 +103,7 @@ void RingAllocator::Free(void* memory) {
     if (memory == nullptr) {
         return;
     }
-    // As numbers, since the pointer may point anywhere.
+    // Computed as numbers, because the pointer may point anywhere.
     const std::uintptr_t place =
         reinterpret_cast<std::uintptr_t>(memory) - reinterpret_cast<std::uintptr_t>(_impl->memory.get());
     const osa::MutexAutoLock lock(&_impl->mutex);

@@ -21,7 +21,7 @@ namespace {
 
 constexpr unsigned int kMicrosecondsPerSecond = 1'000'000;
 
-/// The time since the last lap; false at the first.
+/// The time since the last lap. False for the first lap.
 bool TakeLap(bool& started, Stopwatch& stopwatch, unsigned long long& microseconds) {
     osa::TimeMonotonic(stopwatch.stop);
     if (started) {

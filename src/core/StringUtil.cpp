@@ -15,9 +15,9 @@
 #include <memory>
 #include <string_view>
 
-#include "core/ReadBlocks.h"
-#include "core/Text.h"
+#include "core/ReadFileBlocks.h"
 #include "core/TextStream.h"
+#include "core/Trim.h"
 #include "zarip/osa/Exception.h"
 
 namespace zarip::core {
@@ -90,7 +90,7 @@ bool ParseNarrow(const std::string& text, Wide least, Wide greatest, Narrow& out
     return true;
 }
 
-/// Without the white space of the "C" locale.
+/// Removes the white space of the "C" locale at both ends.
 std::string_view TrimClassic(std::string_view text) {
     constexpr const char* kSpaces = " \t\n\v\f\r";
     const std::size_t first = text.find_first_not_of(kSpaces);
@@ -98,7 +98,8 @@ std::string_view TrimClassic(std::string_view text) {
                                            : text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
 }
 
-/// What a stream makes of a number that is too large, which fails, or too small, which is zero.
+/// The result that a stream gives: it fails for a number that is too large, and gives zero for one that is
+/// too small.
 bool ExtractOutOfRange(std::string_view number, double& out) {
     InputText stream{std::string(number)};
     return static_cast<bool>(stream >> out);
@@ -304,7 +305,7 @@ bool StringUtil::TryParse(const std::string& text, unsigned char& out) {
 
 bool StringUtil::TryParse(const std::string& text, double& out) {
     std::string_view number = TrimClassic(text);
-    // from_chars knows the minus sign only, and "inf" and "nan", which a stream does not.
+    // from_chars accepts the minus sign only. It accepts "inf" and "nan", which a stream does not.
     if (number.size() > 1 && number[0] == '+' && number[1] != '-') {
         number.remove_prefix(1);
     }

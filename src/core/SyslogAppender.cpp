@@ -25,8 +25,8 @@ int PriorityOf(Logger::LogLevel level) {
     return LOG_DAEMON | (index < std::size(kPriorities) ? kPriorities[index] : LOG_DEBUG);
 }
 
-/// Who has the system logger open. It keeps the pointer it is opened with, also past its closing by another
-/// part of the process, so the identifications are kept for good.
+/// The appenders that have opened the system logger. The system keeps the pointer to an identification, even
+/// after other code has closed the logger, so the identifications are never deleted.
 class Identifications {
 public:
     static void Open(const SyslogAppender* appender, const std::string& ident) {

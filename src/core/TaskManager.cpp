@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <deque>
-#include <exception>
 #include <utility>
 #include <vector>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimeSource.h"
@@ -20,19 +20,19 @@
 #include "zarip/osa/MutexAutoLock.h"
 #include "zarip/osa/Semaphore.h"
 #include "zarip/osa/TimeStruct.h"
+#include "zarip/osa/Timeout.h"
 
 namespace zarip::core {
 
 namespace {
 
 constexpr int kMaxCount = 500;
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 
-/// A clock that jumps changes how long a wait has to be, so no wait is longer without a look at the clock.
+/// A clock may jump and so change how long a wait has to be. The clock is read again after this time.
 constexpr long long kLookAgainMs = 1'000;
 
-/// Microseconds of the time source. `kLatest` is the last that a `TimeStruct` can express; `kNever` is later
-/// than every time of a task.
+/// A time of the time source in microseconds. `kLatest` is the last one that a `TimeStruct` can express;
+/// `kNever` is later than every due time.
 using Microseconds = long long;
 constexpr Microseconds kLatest = 4'294'967'295'999'999;
 constexpr Microseconds kNever = 0x7FFFFFFFFFFFFFFFLL;
@@ -50,7 +50,7 @@ Microseconds LastTick() {
     return static_cast<Microseconds>(tick.tv_sec) * 1'000'000 + tick.tv_nsec / 1'000;
 }
 
-/// Two ticks, since one may be overdue.
+/// Two ticks, because one may be late.
 Microseconds GetTicks() {
     static const Microseconds ticks = [] {
         timespec resolution{};
@@ -60,10 +60,10 @@ Microseconds GetTicks() {
     return ticks;
 }
 
-/// A task with a delay that is due this soon makes the exact time necessary.
+/// If a task with a delay is due within this time, the exact time is needed.
 constexpr Microseconds kSoon = 100'000;
 
-/// The time after `delay`; throws for one that a `TimeStruct` cannot express.
+/// The time after `delay`. Throws if a `TimeStruct` cannot express it.
 Microseconds After(Microseconds now, Microseconds delay) {
     if (delay > kLatest - now || delay < -now) {
         throw osa::Exception("Invalid parameter");
@@ -75,7 +75,7 @@ Microseconds After(Microseconds now, Microseconds delay) {
 /// were queued. *One thread at a time.*
 ///
 /// Tasks without a delay are queued in that order anyway, so they wait in a list; all others wait in a heap.
-/// Of the first items of the two, the one that comes first in the order is the next task.
+/// The next task is the earlier of the first items of the two.
 class DueQueue {
 public:
     DueQueue() = default;
@@ -137,7 +137,7 @@ public:
         return task;
     }
 
-    /// Takes out the tasks that are bound to `target`; nothing changes if this throws.
+    /// Removes the tasks that are bound to `target`. If it throws, nothing has changed.
     std::vector<std::unique_ptr<IVoidDelegate0>> Remove(const void* target) {
         std::deque<Item> list;
         std::vector<Item> heap;
@@ -159,7 +159,7 @@ public:
     }
 
 private:
-    /// The queue owns the task. A plain pointer, because the heap moves items all the time.
+    /// The queue owns the task. The pointer is a plain one, because the heap moves items often.
     struct Item {
         Microseconds due;
         unsigned long long number;
@@ -191,7 +191,7 @@ private:
         return IsBefore(_heap[b], _heap[a]) ? b : a;
     }
 
-    /// Takes the first item out: the gap at the top sinks to the bottom, and the last item rises from there.
+    /// Removes the first item: the gap at the top sinks to the bottom, and the last item rises from there.
     void PopHeap() {
         const Item last = _heap.back();
         _heap.pop_back();
@@ -217,7 +217,7 @@ private:
         }
     }
 
-    /// Four keep the heap flat, so that fewer items are looked at that are not in the processor's cache.
+    /// Four children keep the heap flat, so that fewer items are read that are not in the processor's cache.
     static constexpr std::size_t kChildren = 4;
 
     std::deque<Item> _list;
@@ -226,7 +226,7 @@ private:
     unsigned long long _firstEarly = 0;  ///< items from this number on were not postponed yet
 };
 
-/// Rounded up: a wait must not end before its time.
+/// Rounds up, because a wait must not end before its time.
 long long ToMilliseconds(Microseconds duration) {
     return duration > 0 ? (duration + 999) / 1'000 : duration / 1'000;
 }
@@ -235,14 +235,15 @@ long long ToMilliseconds(Microseconds duration) {
 
 void ITaskQueue::DoDequeueTasksByTarget(void* /*target*/) {}
 
-/// `_mutex` guards the queue and the numbers of waiting threads. A task that is queued while a thread waits
-/// releases `_wakeUp`, but not more often than there are threads that wait: a burst of tasks wakes a worker
-/// once.
-class ZARIP_HIDDEN TaskManager::TaskManagerImpl {
+/// The queue and the threads that run its tasks. *Thread-safe*. `_mutex` guards the queue and the numbers of
+/// waiting and woken threads; it is not held while a task runs or a thread sleeps. A task that is queued
+/// while a thread waits releases `_wakeUp`, but not more often than threads wait, so a burst of tasks wakes a
+/// worker once.
+class ZARIP_HIDDEN TaskManager::Impl {
 public:
     /// @param isMonotonic  whether the time source never goes back.
-    TaskManagerImpl(osa::ITimeSource* timeSource, std::unique_ptr<osa::ITimeSource> owned, bool isMonotonic,
-                    int maxCount)
+    Impl(osa::ITimeSource* timeSource, std::unique_ptr<osa::ITimeSource> owned, bool isMonotonic,
+         int maxCount)
         : _timeSource(timeSource),
           _ownedTimeSource(std::move(owned)),
           _isMonotonic(isMonotonic),
@@ -269,7 +270,7 @@ private:
         Microseconds target = kNever;  ///< when the wait ends
         bool hasYielded = false;
         bool hasSlept = false;
-        bool wasWoken = false;     ///< out of that sleep
+        bool wasWoken = false;     ///< the sleep ended because `_wakeUp` was released
         bool isLastSleep = false;  ///< the sleep lasts until `target`
         unsigned int sleepMs = 0;
         std::unique_ptr<IVoidDelegate0> task;
@@ -297,10 +298,10 @@ private:
     int _woken ZARIP_GUARDED_BY(_mutex) = 0;  ///< units of `_wakeUp` that no thread has taken yet
 };
 
-void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
-                                         bool evenIfFull) {
+void TaskManager::Impl::Queue(const osa::TimeSpan& delay, std::unique_ptr<IVoidDelegate0> task,
+                              bool evenIfFull) {
     const Microseconds wait = delay.GetTotalMicroseconds();
-    // The task that ends a pool comes after all that are due, so it needs the exact time.
+    // The task that ends a pool runs after all tasks that are due, so it needs the exact time.
     const bool isUndelayed = wait == 0 && _isMonotonic && !evenIfFull;
     const Microseconds due = isUndelayed ? LastTick() : After(Now(), wait);
     bool wakes = false;
@@ -314,7 +315,7 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
         } else {
             Push(due, wait, std::move(task));
         }
-        // More units than tasks that may wait would find nothing to do, and no room in `_wakeUp`.
+        // More units than waiting threads would wake threads for nothing, and `_wakeUp` has no room for them.
         wakes = _woken < std::min(_waiting, _maxWoken);
         _woken += wakes ? 1 : 0;
     }
@@ -323,8 +324,7 @@ void TaskManager::TaskManagerImpl::Queue(const osa::TimeSpan& delay, std::unique
     }
 }
 
-void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
-                                        std::unique_ptr<IVoidDelegate0> task) {
+void TaskManager::Impl::Push(Microseconds due, Microseconds delay, std::unique_ptr<IVoidDelegate0> task) {
     if (delay == 0 && due >= _queue.GetLastInList()) {
         _queue.PushInOrder(due, std::move(task));
         return;
@@ -335,37 +335,34 @@ void TaskManager::TaskManagerImpl::Push(Microseconds due, Microseconds delay,
     _queue.PushDelayed(due, std::move(task));
 }
 
-/// The due time is the time of the last tick, unless a task with a delay is due so soon that only the exact
-/// time tells which of the two comes first.
-void TaskManager::TaskManagerImpl::PushUndelayed(Microseconds lastTick,
-                                                 std::unique_ptr<IVoidDelegate0> task) {
+/// The due time is the time of the last tick. If a task with a delay is due soon, only the exact time decides
+/// which of the two comes first.
+void TaskManager::Impl::PushUndelayed(Microseconds lastTick, std::unique_ptr<IVoidDelegate0> task) {
     const Microseconds now = _queue.HasDelayed(lastTick + kSoon) ? Now() : lastTick;
     const Microseconds due = std::max(now, _queue.GetLastInList());
     _lastNow = std::max(_lastNow, due);
     _queue.PushInOrder(due, std::move(task));
 }
 
-void TaskManager::TaskManagerImpl::Dequeue(void* target) {
-    // Deleted without the lock: the end of a task may use the queue.
+void TaskManager::Impl::Dequeue(void* target) {
+    // The tasks are deleted without the lock, because the destructor of a task may use the queue.
     std::vector<std::unique_ptr<IVoidDelegate0>> removed;
     const osa::MutexAutoLock lock(&_mutex);
     removed = _queue.Remove(target);
 }
 
-void TaskManager::TaskManagerImpl::Run(IVoidDelegate0& task) const {
+void TaskManager::Impl::Run(IVoidDelegate0& task) const {
     try {
         task.Call();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit ends the thread
-    } catch (const std::exception& e) {
-        _logger->Error("Exception running task: %s", e.what());
     } catch (...) {
-        _logger->Error("Exception running task: %s", "unknown");
+        _logger->Error("Exception running task: %s", osa::DescribeCaught());
     }
 }
 
-/// Whether the top of the queue is due, by a time read before if that says so already.
-bool TaskManager::TaskManagerImpl::IsDue() {
+/// Whether the next task is due. The clock is read only if the last time that was read does not show it.
+bool TaskManager::Impl::IsDue() {
     if (_queue.IsEmpty()) {
         return false;
     }
@@ -375,7 +372,7 @@ bool TaskManager::TaskManagerImpl::IsDue() {
     return _queue.GetNextDue() <= _lastNow;
 }
 
-TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Call& call) {
+TaskManager::Impl::Step TaskManager::Impl::GetNextStep(Call& call) {
     const osa::MutexAutoLock lock(&_mutex);
     if (std::exchange(call.hasSlept, false)) {
         --_waiting;
@@ -398,7 +395,7 @@ TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Cal
         call.target = std::min(call.target, _queue.GetNextDue());
     }
     call.isLastSleep = false;
-    call.sleepMs = kNoLimit;
+    call.sleepMs = osa::kWaitForEver;
     if (call.target != kNever) {
         const long long wait = ToMilliseconds(call.target - Now());
         if (wait < 0) {
@@ -412,7 +409,7 @@ TaskManager::TaskManagerImpl::Step TaskManager::TaskManagerImpl::GetNextStep(Cal
     return Step::kSleep;
 }
 
-bool TaskManager::TaskManagerImpl::WaitAndExecute(int timeoutMs) {
+bool TaskManager::Impl::WaitAndExecute(int timeoutMs) {
     Call call(timeoutMs);
     if (timeoutMs > 0) {
         call.target = Now() + static_cast<Microseconds>(timeoutMs) * 1'000;
@@ -441,12 +438,12 @@ TaskManager::TaskManager() : TaskManager(kMaxCount) {}
 TaskManager::TaskManager(int maxCount) {
     auto clock = std::make_unique<osa::MonotonicTimeSource>();
     osa::ITimeSource* const timeSource = clock.get();
-    _impl = std::make_unique<TaskManagerImpl>(timeSource, std::move(clock), true, maxCount);
+    _impl = std::make_unique<Impl>(timeSource, std::move(clock), true, maxCount);
 }
 
 TaskManager::TaskManager(osa::ITimeSource* timeSource, bool takeOwnership) {
     std::unique_ptr<osa::ITimeSource> owned(takeOwnership ? timeSource : nullptr);
-    _impl = std::make_unique<TaskManagerImpl>(timeSource, std::move(owned), false, kMaxCount);
+    _impl = std::make_unique<Impl>(timeSource, std::move(owned), false, kMaxCount);
 }
 
 TaskManager::~TaskManager() = default;

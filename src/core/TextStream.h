@@ -10,8 +10,8 @@
 namespace zarip::core {
 
 /// A string stream with numbers as in the "C" locale, `std::ostringstream` or `std::istringstream`. It throws
-/// when memory is short; a plain one only remembers it, and a string that lacks its end looks like a whole
-/// one.
+/// if memory is short. A plain stream only sets its state then, and the incomplete string looks like a
+/// complete one.
 template <class Stream>
 class TextStream : public Stream {
 public:

@@ -46,8 +46,8 @@ void WriteKeyFile(const std::string& path, const SecureBuffer& content) {
     const std::string_view text(reinterpret_cast<const char*>(content.GetData()), content.GetSize());
     // The mode is set before the key is written, because the umask may have removed the owner's rights.
     if (!replacement.Open(kOwnerOnly) || ::fchmod(replacement.GetFd(), kOwnerOnly) != 0 ||
-        !osa::WriteAll(replacement.GetFd(), text) || !osa::Synchronise(replacement.GetFd()) ||
-        !replacement.Commit() || !replacement.SynchroniseFolder()) {
+        !osa::WriteAll(replacement.GetFd(), text) ||
+        replacement.Finish() != osa::FileReplacement::Finished::kDone) {
         osa::ThrowIOErrno("Couldn't write", path);
     }
 }

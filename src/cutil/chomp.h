@@ -6,9 +6,8 @@
 
 namespace zarip::cutil {
 
-/// Removes the line end, "\n" or "\r\n", from the end of the text; also a "\r" whose line feed is gone
-/// already.
-/// The form with the text's length gives the new one.
+/// Removes the line end, "\n", "\r\n" or "\r", from the end of the string. The form with the length returns
+/// the new length.
 void chomp(char* text);
 std::size_t chomp(char* text, std::size_t length);
 

@@ -4,7 +4,7 @@
 
 namespace zarip::cutil {
 
-/// The wall clock since 1970.
+/// The real-time clock, counted from 1970.
 void gettime(unsigned int& seconds, unsigned int& microseconds);
 
 }  // namespace zarip::cutil

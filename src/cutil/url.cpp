@@ -21,7 +21,7 @@ constexpr bool IsLetter(char c) {
 }
 
 struct Parts {
-    Text scheme, user, password, host, port, path, query;  // no data: absent
+    Text scheme, user, password, host, port, path, query;  // a null pointer means that the part is absent
 };
 
 bool IsScheme(Text text) {
@@ -36,7 +36,7 @@ bool IsScheme(Text text) {
     return true;
 }
 
-/// Host and port. A host in brackets may hold colons.
+/// Splits host and port. A host in brackets may contain colons.
 bool SplitHost(Text text, Parts& parts) {
     std::size_t end = 0;
     if (text[0] == '[') {
@@ -117,7 +117,7 @@ url_t* url_alloc(const char* text) {
         return nullptr;
     }
     auto* const url = static_cast<url_t*>(std::calloc(1, sizeof(url_t)));
-    // Each part gets a zero byte where at most one separator stood, and the last one needs its own.
+    // The zero byte after each part takes the place of a separator, and the last part needs one more.
     char* out = url != nullptr ? static_cast<char*>(std::malloc(Text(text).size() + 8)) : nullptr;
     if (out == nullptr) {
         std::free(url);

@@ -6,7 +6,7 @@
 
 namespace zarip::cutil {
 
-/// The parts of a URL as zero-terminated texts, null when absent; all of them live in `storage`.
+/// The parts of a URL as zero-terminated strings, or null for an absent part. All of them are in `storage`.
 struct url_t {
     char* storage;
     const char* scheme;
@@ -19,23 +19,23 @@ struct url_t {
 };
 
 /// Splits [scheme "://"] [user [":" password] "@"] [host [":" port]] [path] ["?" query] ["#" fragment]; the
-/// fragment is dropped. A text without a scheme begins with the host, with '/' or with '?'. Nothing is
+/// fragment is dropped. A string without a scheme begins with the host, with '/' or with '?'. Nothing is
 /// decoded.
 ///
-/// Null when the text is no URL, or memory is short: it is empty, holds white space or control characters,
-/// has
-/// '@' or ':' but no user or host there, a host with brackets or colons in wrong places, or no host and no
-/// path behind its scheme. The port may hold any other characters. Free the record with `url_free`.
+/// Null if the string is not a URL, or if memory is short. A string is not a URL if it is empty, has white
+/// space or control characters, has '@' or ':' without a user or a host, has a host with brackets or colons
+/// in wrong places, or has neither a host nor a path after its scheme. The port may have any other
+/// characters. Free the record with `url_free`.
 url_t* url_alloc(const char* text);
 void url_free(url_t* url);
 
-/// Writes the text with every byte but letters, digits and "-._~" as '%' and two hexadecimal digits, and a
-/// zero byte. Returns the length without that, or -1 when `outSize` is too small.
+/// Writes the string and a zero byte. Every byte except letters, digits and "-._~" becomes '%' and two
+/// hexadecimal digits. Returns the length without the zero byte, or -1 if `outSize` is too small.
 int url_encode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
 
-/// Writes the text with '%' and two hexadecimal digits as that byte, and a zero byte; '+' stays, since paths
-/// hold it. `out` may be `in`. Returns the length without that, or -1 when a '%' lacks its digits or
-/// `outSize` is too small.
+/// Writes the string and a zero byte. '%' and two hexadecimal digits become the byte; '+' stays, because
+/// paths may contain it. `out` may be `in`. Returns the length without the zero byte, or -1 if a '%' lacks
+/// its digits or `outSize` is too small.
 int url_decode(const char* in, std::size_t inLength, char* out, std::size_t outSize);
 
 /// The values of hexadecimal digits, -1 for all other characters.
@@ -52,7 +52,7 @@ struct url_hex_values {
 };
 inline constexpr url_hex_values kUrlHexValues;
 
-/// The byte that two hexadecimal digits stand for, -1 when they are none.
+/// The byte that two hexadecimal digits name, or -1 if they are not such digits.
 inline int url_byte(char high, char low) {
     const int first = kUrlHexValues.of[static_cast<unsigned char>(high)];
     const int second = kUrlHexValues.of[static_cast<unsigned char>(low)];

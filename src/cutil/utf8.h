@@ -8,9 +8,9 @@ namespace zarip::cutil {
 
 constexpr unsigned int kNoCharacter = 0xFFFFFFFF;
 
-/// Takes the first character from a text in UTF-8, which is not empty. Returns `kNoCharacter`, and takes
-/// nothing, for what is not UTF-8: longer forms than needed, surrogates (U+D800 to U+DFFF), what is beyond
-/// U+10FFFF or cut off.
+/// Removes the first character from a UTF-8 string that is not empty. For bytes that are not UTF-8 it returns
+/// `kNoCharacter` and removes nothing. Forms that are longer than needed, surrogates (U+D800 to U+DFFF),
+/// characters above U+10FFFF and incomplete ones are not UTF-8.
 unsigned int utf8_take(std::string_view& text);
 
 }  // namespace zarip::cutil

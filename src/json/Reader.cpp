@@ -23,7 +23,7 @@
 #include <system_error>
 #include <vector>
 
-// A violated assumption of RapidJSON throws; it must not end the process.
+// A violated assumption of RapidJSON throws, because it must not end the process.
 #define RAPIDJSON_ASSERT(condition) ((condition) ? static_cast<void>(0) : ThrowBrokenParser())
 namespace {
 [[noreturn]] void ThrowBrokenParser() {
@@ -31,7 +31,7 @@ namespace {
 }
 }  // namespace
 #if defined(__clang__)
-// RapidJSON's stack begins as a null pointer and adds to it, which is harmless but stops a sanitized program.
+// RapidJSON's stack begins as a null pointer and adds to it. That is harmless but stops a sanitized program.
 #pragma clang attribute push(__attribute__((no_sanitize("pointer-overflow"))), apply_to = function)
 #endif
 #include <rapidjson/error/en.h>
@@ -48,7 +48,7 @@ using ParseException = Reader::ParseException;
 
 namespace {
 
-// The value of a number that is written as JSON has it, whatever the locale; false when it does not fit.
+// Converts a well-formed JSON number, whatever the locale. False if it does not fit.
 bool ToDouble(const std::string& number, double& value) {
     static const locale_t s_classic = ::newlocale(LC_ALL_MASK, "C", nullptr);
     value = ::strtod_l(number.c_str(), nullptr, s_classic);
@@ -58,7 +58,7 @@ bool ToDouble(const std::string& number, double& value) {
 constexpr std::size_t kMaxDepth = 200;
 constexpr std::size_t kMaxElements = 1'000'000;
 
-// The whole text, in the form of a RapidJSON input stream: after the end there are NULs only.
+// The document as an input stream of RapidJSON, which has NULs only after its end.
 class Source {
 public:
     using Ch = char;
@@ -72,7 +72,7 @@ public:
     Ch Take() { return _at != _end ? *_at++ : '\0'; }
     std::size_t Tell() const { return static_cast<std::size_t>(_at - _begin); }
 
-    // The characters up to the next that may need a look within a string, as taken.
+    // Takes the characters of a string up to the next one that may be special.
     std::string_view TakePlain() {
         const char* const begin = _at;
         while (*_at >= 0x20 && *_at < 0x7F && *_at != '"' && *_at != '\\') {
@@ -81,7 +81,7 @@ public:
         return {begin, static_cast<std::size_t>(_at - begin)};
     }
 
-    // RapidJSON compiles these, but calls them only when it parses in place.
+    // RapidJSON needs these functions to compile, but calls them only if it parses in place.
     Ch* PutBegin() { ThrowBrokenParser(); }
     void* Push(rapidjson::SizeType /*count*/) { ThrowBrokenParser(); }
     void Put(Ch /*c*/) { ThrowBrokenParser(); }
@@ -89,8 +89,8 @@ public:
 
     std::string_view Text() const { return _text; }
 
-    // Starts again, with 0.0 in place of every number: RapidJSON refuses some that fit a double by how
-    // they are written, such as 0e400. Returns false when that was done before.
+    // Starts again with 0.0 in place of every number, because RapidJSON refuses some forms of numbers that
+    // fit a double, such as 0e400. False if that was done before.
     bool ReplaceNumbers() {
         if (!_shown.empty()) {
             return false;
@@ -103,7 +103,7 @@ public:
                                                      : at + 1;
             const std::size_t next = std::min(end, _text.size());
             double value = 0.0;
-            // What only begins as a number, such as 0e400e1, must stay as broken as it is.
+            // A token that only begins like a number, such as 0e400e1, must stay invalid.
             if (isNumber && next - at > 2 && FindNumberEnd(at) == next &&
                 ToDouble(_text.substr(at, next - at), value)) {
                 _replaced[at] = value;
@@ -131,7 +131,7 @@ public:
         throw ParseException(message, Locate(begin), Locate(end));
     }
 
-    // Whether a token begins with this character; nothing else than white space stands between tokens.
+    // Whether a token begins with this character. Between tokens there is only white space.
     static bool StartsToken(char c) {
         return c != '\0' && std::strchr("[]{},:\"-0123456789tfn", c) != nullptr;
     }
@@ -151,7 +151,7 @@ public:
         return std::max(begin + 1, std::min(end, _text.size()));
     }
 
-    // Where the number ends that begins here, or here if none does.
+    // The end of the number that begins here, or this position if no number begins here.
     std::size_t FindNumberEnd(std::size_t begin) const {
         std::size_t at = begin;
         const auto skipDigits = [&] {
@@ -182,7 +182,7 @@ public:
         return at;
     }
 
-    // Where the string begins whose closing quote is the last character taken.
+    // The beginning of the string whose closing quote was the last character taken.
     std::size_t FindStringBegin() const {
         std::size_t begin = Tell() - 1;
         std::size_t backslashes = 0;
@@ -233,15 +233,14 @@ private:
     }
 
     const std::string _text;
-    std::string _shown;  // in place of the text, once numbers have been replaced
+    std::string _shown;  // replaces the document once numbers have been replaced
     std::map<std::size_t, double> _replaced;
     const char* _begin;
     const char* _at;
     const char* _end;
 };
 
-// UTF-8 that is validated and copied by the run, where nothing speaks against it, instead of by the
-// character.
+// UTF-8 that is validated and copied in runs of plain characters instead of one by one.
 struct Utf8 : rapidjson::UTF8<> {
     template <class InputStream, class OutputStream>
     static bool Validate(InputStream& in, OutputStream& out) {
@@ -254,7 +253,7 @@ struct Utf8 : rapidjson::UTF8<> {
     }
 };
 
-// malloc() with the failures that RapidJSON does not look for.
+// malloc() that throws on failure, because RapidJSON does not check for it.
 class Allocator {
 public:
     [[maybe_unused]] static constexpr bool kNeedFree = true;
@@ -323,7 +322,7 @@ public:
         } else if (!level.names.empty()) {
             added = level.names.insert(name).second;
         } else {
-            // A tree, because an outsider can choose names that all have one hash.
+            // It is a tree, because an attacker can choose names that all have the same hash.
             for (const Object::Member& member : members) {
                 added = level.names.insert(member.name).second;
             }
@@ -378,8 +377,8 @@ private:
         return true;
     }
 
-    // RapidJSON has validated the bytes and the first halves of escaped surrogate pairs, not a second
-    // half alone.
+    // RapidJSON has validated the bytes and the first halves of escaped surrogate pairs, but not a second
+    // half on its own.
     void CheckSurrogates(const char* text, std::size_t length) const {
         const char* const end = text + length;
         for (const char* at = text; _hasEscapes && at != end; ++at) {
@@ -395,7 +394,7 @@ private:
         }
     }
 
-    // RapidJSON has checked the form. Its own conversion is not used, since its sum of exponents can
+    // RapidJSON has checked the form. Its own conversion is not used, because its sum of exponents can
     // overflow.
     double ToNumber(const char* begin, const char* end) const {
         constexpr std::ptrdiff_t kFewDigits = 15;
@@ -439,8 +438,8 @@ namespace {
         case rapidjson::kParseErrorArrayMissCommaOrSquareBracket:
             break;
         case rapidjson::kParseErrorValueInvalid:
-            // Either a token that is no value, or a word or number that breaks off after a letter or a
-            // minus.
+            // The error is either a token that is not a value, or a word or number that breaks off after a
+            // letter or a minus.
             if (offset == 0 || std::strchr("-aeflnrstu", text[offset - 1]) == nullptr) {
                 break;
             }
@@ -460,7 +459,7 @@ namespace {
 }
 
 UnknownElement Parse(Source& source) {
-    // Iterative: the depth of the text costs no stack.
+    // The parser is iterative, so a deep document needs no stack.
     constexpr unsigned int kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
                                     rapidjson::kParseNumbersAsStringsFlag;
     DocumentBuilder builder(source);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "osa/DescribeCaught.h"
 #include "osa/Wait.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
@@ -95,10 +96,8 @@ void DBusWatcher::Run() {
                 nextLook = osa::NowMs() + kGuardMs;
             }
         }
-    } catch (const std::exception& e) {
-        _logger->Error("%s", e.what());
     } catch (...) {
-        _logger->Error("%s", "unknown");
+        _logger->Error("%s", osa::DescribeCaught());
     }
     _logger->Debug("Run thread shutting down");
 }

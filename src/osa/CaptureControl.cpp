@@ -20,16 +20,16 @@ bool BeginsWith(std::string_view text, std::string_view begin) {
 
 }  // namespace
 
-CaptureControl::Command CaptureControl::Find(std::string_view said) {
-    if (BeginsWith(said, kStartCapture)) {
+CaptureControl::Command CaptureControl::Find(std::string_view received) {
+    if (BeginsWith(received, kStartCapture)) {
         return Command::kStart;
     }
-    if (BeginsWith(said, kStopCapture)) {
+    if (BeginsWith(received, kStopCapture)) {
         return Command::kStop;
     }
-    // Before the blank it may as well be the first word of something else.
-    const bool isBegun =
-        BeginsWith(said, "dump ") && (BeginsWith(kStartCapture, said) || BeginsWith(kStopCapture, said));
+    // Without the blank it could as well be the first word of other content.
+    const bool isBegun = BeginsWith(received, "dump ") &&
+                         (BeginsWith(kStartCapture, received) || BeginsWith(kStopCapture, received));
     return isBegun ? Command::kMaybe : Command::kNone;
 }
 

@@ -13,12 +13,12 @@ class Logger;
 
 namespace zarip::osa {
 
-/// The control commands of a unix-domain server, "dump start\n" and "dump stop\n", with which a connection
-/// begins instead of what the server serves.
+/// The control commands of a unix-domain server, "dump start\n" and "dump stop\n". A connection that begins
+/// with one is not served but controls the packet capture.
 class CaptureControl {
 public:
     enum class Command {
-        kNone,   ///< the connection says something else
+        kNone,   ///< the connection has sent something else
         kMaybe,  ///< the beginning of a command
         kStart,
         kStop,
@@ -27,10 +27,11 @@ public:
     /// No command is longer.
     static constexpr std::size_t kMaxLength = 15;
 
-    static Command Find(std::string_view said);
+    /// @param received  what the connection has sent so far.
+    static Command Find(std::string_view received);
 
-    /// Carries out `kStart` or `kStop` if the peer is root or this process's user; logs it if that fails.
-    /// @param fd  the connection that has said it.
+    /// Carries out `kStart` or `kStop` if the peer is root or this process's user; a failure is logged.
+    /// @param fd  the connection that has sent the command.
     /// @param address  of the listening socket; names the file.
     static void Execute(Command command, int fd, const std::string& address, PacketCapture& capture,
                         core::Logger& logger);

@@ -37,7 +37,7 @@ long long FloorDivide(long long value, long long divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
 
-/// Reads decimal digits of a text from the left.
+/// Reads decimal digits of a string from the left.
 class Scanner {
 public:
     explicit Scanner(const std::string& text) : _text(text) {}
@@ -59,7 +59,7 @@ public:
         return found;
     }
 
-    /// The decimals of a second in microseconds.
+    /// Reads the decimals of a second, in microseconds.
     bool Fraction(int& microseconds) {
         microseconds = 0;
         int digits = 0;
@@ -114,7 +114,7 @@ DateTime::Fields FieldsOf(long long microseconds) {
     DateTime::Fields fields;
     const long long day = FloorDivide(microseconds, kDay);
     const long long rest = microseconds - day * kDay;
-    // A guess by the mean length of a year, which is one off at the most.
+    // A guess by the mean length of a year, which is wrong by at most one.
     fields.year = static_cast<int>(FloorDivide(day * 400, 146'097)) + 1970;
     while (DaysBefore(fields.year) > day) {
         --fields.year;
@@ -186,7 +186,7 @@ DateTime DateTime::Parse(const std::string& text) {
                             fields.microsecond) -
                    TimeSpan::FromMinutes(zone);
         } catch (const Exception&) {
-            // No such date: the text says it all.
+            // There is no such date. The caller throws the exception of `Parse`.
         }
     }
     throw Exception("Invalid date text '" + text + "'");

@@ -6,19 +6,18 @@
 
 namespace zarip::osa {
 
-/// The end of a timed wait: an absolute time on the real-time clock, and beside it the same duration on the
-/// monotonic clock, so that a clock that is set back while somebody waits does not stretch the wait.
+/// The end of a timed wait: an absolute time on the real-time clock, and the same duration on the monotonic
+/// clock. If the real-time clock is set back during the wait, the second one still ends it.
 class Deadline {
 public:
     /// Throws LockException "clock_gettime failed".
     explicit Deadline(unsigned int timeoutMs);
 
-    /// The clock of `NextLook`: a wait on the real-time clock would itself be stretched when that is set
+    /// The clock of `NextLook`: a wait on the real-time clock would itself last longer if that clock is set
     /// back.
     static constexpr clockid_t kLookClock = CLOCK_MONOTONIC;
 
-    /// Until when to wait at the most before looking at `HasPassed` again: the end itself, or one second from
-    /// now.
+    /// The latest time at which to check `HasPassed` again: the end itself, or one second from now.
     timespec NextLook() const;
 
     bool HasPassed() const;

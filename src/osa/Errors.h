@@ -21,12 +21,13 @@ inline std::string WithErrno(const std::string& text, int error) {
     return text + ": errno(" + std::to_string(error) + "): " + DescribeError(error);
 }
 
-/// Throws `text`, the number and its description as a general socket failure. For failed system calls.
+/// Throws `text`, the error number and its description as a general socket failure. For failed system calls.
 [[noreturn]] inline void ThrowErrno(const char* text, int error = errno) {
     throw SocketException(WithErrno(text, error), SocketException::SocketGeneralError);
 }
 
-/// The same as a failure of input or output. The text comes in pieces, as building it could change errno.
+/// The same as a failure of input or output. The message is passed in pieces, because building it could
+/// change errno.
 [[noreturn]] inline void ThrowIOErrno(const char* text, int error = errno) {
     throw IOException(WithErrno(text, error));
 }

@@ -32,8 +32,8 @@ bool IsPipe(int fd) {
     return ::fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-/// Writes with a flag that Linux knows since 6.18. False if the system does not know it, or not for this
-/// file; then nothing was written. A system that does not know it for a pipe is not asked again.
+/// Writes with a flag that Linux has since 6.18. If the system does not support it, or not for this file, it
+/// writes nothing and returns false. After that happened for a pipe, the flag is not tried again.
 bool WriteWithFlag(int fd, const char* data, std::size_t length, ssize_t& result) {
     static std::atomic<bool> s_isKnown{true};
     if (!s_isKnown) {

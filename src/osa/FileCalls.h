@@ -17,19 +17,20 @@ namespace zarip::osa {
 /// reader) or for a line that is not connected; reading and writing wait as usual. Invalid with errno.
 UniqueFd OpenAtOnce(const char* path, int flags, mode_t mode = 0666);
 
-/// Opens a regular file for reading, and waits for nobody. Invalid with errno: EISDIR for a folder, EINVAL
-/// for a pipe or a device.
-/// @param flags  more of those of open()
+/// Opens a regular file for reading, without waiting. Invalid with errno: EISDIR for a folder, EINVAL for a
+/// pipe or a device.
+/// @param flags  additional flags of open()
 UniqueFd OpenRegular(const char* path, int flags, struct stat& status);
 
-/// write() without the SIGPIPE that comes when nobody reads. One system call since Linux 6.18, three before.
+/// As write(), but without SIGPIPE if the pipe has no reader. It takes one system call since Linux 6.18,
+/// three before.
 ssize_t WriteQuietly(int fd, const char* data, std::size_t length);
 
 /// Writes all of it, without SIGPIPE; false with errno.
 bool WriteAll(int fd, std::string_view text);
 
-/// Has the disk keep what was written; false with errno. A special file (a pipe, /dev/stdout) knows no
-/// synchronisation, nor do the folders of some file systems, which is no failure.
+/// Synchronises the file with the disk; false with errno. If a special file (a pipe, /dev/stdout) or a folder
+/// of some file systems does not support that, it is not a failure.
 bool Synchronise(int fd);
 
 /// False, with errno, if the file system reports only now that it could not store everything. The file is

@@ -26,7 +26,7 @@ constexpr int kMaxLinks = 40;
 
 constexpr time_t kMaxLinkAge = 60;
 
-/// With its slash; empty for a name in the current folder.
+/// The folder of a path, with its slash; empty for a name in the current folder.
 std::string FolderOf(const std::string& path) {
     return path.substr(0, path.rfind('/') + 1);
 }
@@ -36,8 +36,8 @@ UniqueFd OpenFolderOf(const std::string& path) {
     return UniqueFd(::open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
-/// The content of a link that may be followed; false for anything else. What is looked at and what is read
-/// are one link, whatever others put in its place meanwhile.
+/// The content of a link that may be followed; false for anything else. The link that is checked is also the
+/// one that is read, even if another process replaces it meanwhile.
 bool ReadLink(const std::string& path, std::string& content) {
     const UniqueFd folder = OpenFolderOf(path);
     const std::string name = path.substr(FolderOf(path).size());
@@ -77,12 +77,12 @@ bool IsNoList(int error) {
     return error == ENODATA || error == ENOTSUP || error == ENOSYS;
 }
 
-/// For a file just made: false with EEXIST if another writer was quicker and takes it for abandoned.
+/// Locks a new file. False with EEXIST if another writer was quicker and takes it for abandoned.
 bool Lock(int fd) {
     struct stat status {};
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK) {
-            return true;  // a file system without locks: nobody takes the file for abandoned
+            return true;  // without locks no writer takes the file for abandoned
         }
     } else if (::fstat(fd, &status) != 0 || status.st_nlink != 0) {
         return true;
@@ -92,7 +92,7 @@ bool Lock(int fd) {
 }
 
 /// Whether the file of that name is one that its writer does not lock, so that the writer was killed. A link
-/// cannot be locked, but it exists only for a moment, so its age tells. `file` holds the lock afterwards.
+/// cannot be locked, but it exists only for a moment, so its age decides. `file` holds the lock afterwards.
 bool IsAbandoned(int folder, const char* name, UniqueFd& file) {
     struct stat named {};
     if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -114,7 +114,7 @@ void RemoveAbandoned(const std::string& folder) {
     };
     const std::unique_ptr<DIR, CloseFolder> opened(::opendir(folder.empty() ? "." : folder.c_str()));
     if (!opened) {
-        return;  // one that may be written but not read
+        return;  // a folder that may be written but not read
     }
     const int fd = ::dirfd(opened.get());
     while (const dirent* const entry = ::readdir(opened.get())) {
@@ -158,7 +158,7 @@ bool IsTrusted(const std::string& path, const struct stat& entry) {
 template <class Get>
 AccessList AccessList::Read(Get get) {
     AccessList result;
-    char list[4096];  // a longer one counts as one that cannot be kept
+    char list[4096];  // a longer list cannot be kept
     const ssize_t length = get(list, sizeof list);
     result._isKnown = length >= 0 || IsNoList(errno);
     result._list.assign(list, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
@@ -182,7 +182,7 @@ void AccessList::RestrictGroup() {
     }
 }
 
-bool AccessList::Apply(int file, mode_t mode) const {
+bool AccessList::ApplyTo(int file, mode_t mode) const {
     if (!_list.empty() && ::fsetxattr(file, kAccessList, _list.data(), _list.size(), 0) == 0) {
         return ::fchmod(file, mode) == 0;
     }
@@ -206,7 +206,7 @@ FileReplacement::~FileReplacement() {
 template <class Make>
 bool FileReplacement::MakeTemporary(Make make) {
     static std::atomic<unsigned int> s_count{0};
-    // Not made of the target's name, which may be as long as a name can be.
+    // The target's name is not used, because it may have the greatest length that the system allows.
     const std::string stem = _folder + ".zarip-" + std::to_string(::getpid()) + "-";
     do {
         _path = stem + std::to_string(s_count++) + ".tmp";
@@ -231,7 +231,7 @@ bool FileReplacement::OpenLink(const std::string& content) {
 }
 
 FileReplacement::Taken FileReplacement::TakeOwner(const struct stat& old) {
-    // Only root may give files away; anybody else may still set a group of its own.
+    // Only root may give files away. Other users may still set a group that they belong to.
     if (::fchown(_file.Get(), old.st_uid, old.st_gid) == 0) {
         return Taken::kBoth;
     }
@@ -242,29 +242,33 @@ bool FileReplacement::TakeOver(const struct stat& old, AccessList list) {
     mode_t mode = old.st_mode & 07777;
     const Taken taken = TakeOwner(old);
     if (taken != Taken::kBoth) {
-        mode &= 0777;  // nobody else's program runs with another owner's rights
+        mode &= 0777;  // a program must not run with the rights of another owner
     }
     if (taken == Taken::kNone) {
-        // Nor may another group what not everybody may. With a list, the group bits do not say what it may.
+        // Another group gets no more rights than all other users have. With a list, the group bits of the
+        // mode are not the rights of the group.
         list.RestrictGroup();
         mode &= list.IsEmpty() ? 0707 | ((mode & 07) << 3) : 0777;
     }
-    return list.Apply(_file.Get(), mode);
+    return list.ApplyTo(_file.Get(), mode);
 }
 
-bool FileReplacement::Commit() {
+FileReplacement::Finished FileReplacement::Finish() {
+    if (_file.IsValid() && !Synchronise(_file.Get())) {
+        return Finished::kFailed;
+    }
     if (::rename(_path.c_str(), _target.c_str()) != 0) {
-        return false;
+        return Finished::kNotReplaced;
     }
     _path.clear();
-    return true;
+    return SynchroniseFolder() ? Finished::kDone : Finished::kFailed;
 }
 
 bool FileReplacement::SynchroniseFolder() const {
     const UniqueFd folder(
         ::open(_folder.empty() ? "." : _folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.IsValid()) {
-        ::sync();  // one that may be written but not read is part of everything
+        ::sync();  // a folder that may be written but not read
         return true;
     }
     return Synchronise(folder.Get());

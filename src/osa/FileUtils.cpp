@@ -36,7 +36,7 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
     ThrowIOErrno(what, path, error);
 }
 
-/// The path as the system takes it, which would silently use the part before a zero byte.
+/// The path for a system call, which would silently use only the part before a zero byte.
 const char* Checked(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         throw IOException("Invalid path");
@@ -52,12 +52,12 @@ struct stat StatusOf(const std::string& path, const char* what) {
     return status;
 }
 
-/// Also where a link leads in circles.
+/// Whether the error means that there is nothing at the path. A link that leads in circles counts, too.
 bool IsNowhere(int error) {
     return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-/// Clock values beyond what a date can be become the nearest that can.
+/// A time outside the range of `DateTime` becomes the nearest one inside.
 DateTime ToDateTime(const timespec& time) {
     constexpr long long kFirst = -62'135'596'800;
     constexpr long long kLast = 253'402'300'799;
@@ -65,7 +65,7 @@ DateTime ToDateTime(const timespec& time) {
     return DateTime() + TimeSpan::FromSeconds(seconds) + TimeSpan::FromMicroseconds(time.tv_nsec / 1'000);
 }
 
-/// Hands the entries of an open folder to `take` as name and type of dirent; false with errno.
+/// Calls `take` with the name and the dirent type of each entry of an open folder. False with errno.
 template <class Take>
 bool ReadEntries(UniqueFd folder, Take take) {
     const Directory directory(folder.IsValid() ? ::fdopendir(folder.Get()) : nullptr);
@@ -86,15 +86,15 @@ bool ReadEntries(UniqueFd folder, Take take) {
     }
 }
 
-/// A file that is to be replaced, or made.
+/// A file that is to be replaced or made.
 struct Target {
     std::string path;  // after links were followed
     bool exists = false;
     struct stat old {};
 };
 
-/// What is at the path must be a file that may be written. The path is not followed any more from here on, so
-/// that a link that somebody puts there meanwhile is refused or replaced.
+/// If the path exists, it must be a file that may be written. From here on links are not followed any more,
+/// so a link that another process puts there meanwhile is refused or replaced.
 Target FindTarget(const std::string& path) {
     Target target;
     target.path = FollowLinks(Checked(path));
@@ -120,13 +120,13 @@ Target FindTarget(const std::string& path) {
     return target;
 }
 
-/// Writes a new file, has `setRights` make it what it is to be, and puts it in its place.
+/// Writes a new file, calls `setRights` for it, and puts it in the target's place.
 template <class SetRights>
 void ReplaceFile(const std::string& path, const Target& target, mode_t mode, std::string_view content,
                  SetRights setRights) {
     FileReplacement replacement(target.path);
     if (!replacement.Open(mode) || !WriteAll(replacement.GetFd(), content) || !setRights(replacement) ||
-        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
+        replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", path);
     }
 }
@@ -160,7 +160,7 @@ bool AreSame(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// Whether two paths are names of one entry of a folder, such as "a" and "./a".
+/// Whether two paths name the same entry of a folder, such as "a" and "./a".
 bool AreOneEntry(const std::string& one, const std::string& other) {
     struct stat folders[2] = {};
     return PathUtils::GetName(one) == PathUtils::GetName(other) &&
@@ -168,7 +168,7 @@ bool AreOneEntry(const std::string& one, const std::string& other) {
            ::stat(PathUtils::GetParent(other).c_str(), &folders[1]) == 0 && AreSame(folders[0], folders[1]);
 }
 
-/// Renaming does nothing if both names are hard links to one file; then the old name still has to go.
+/// If both names are hard links to one file, renaming does nothing, and the old name still has to be removed.
 void RemoveOldLink(const std::string& from, const std::string& to) {
     struct stat left {};
     struct stat moved {};
@@ -201,13 +201,13 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
         CopyBlocks(source.Get(), replacement.GetFd(), from, to);
         const timespec times[] = {status.st_atim, status.st_mtim};
         if (!replacement.TakeOver(status, AccessList::Of(source.Get())) ||
-            ::futimens(replacement.GetFd(), times) != 0 || !Synchronise(replacement.GetFd())) {
+            ::futimens(replacement.GetFd(), times) != 0) {
             Fail("Couldn't write", to);
         }
     } else {
         Fail("Couldn't move", from, EXDEV);
     }
-    if (!replacement.Commit() || !replacement.SynchroniseFolder()) {
+    if (replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", to);
     }
     if (::unlink(from.c_str()) != 0 && errno != ENOENT) {
@@ -215,30 +215,30 @@ void MoveToOtherFileSystem(const std::string& from, const std::string& to) {
     }
 }
 
-/// Whether a file system or another folder is mounted there. Linux before 5.8 does not say.
+/// Whether a file system or another folder is mounted there. Linux before 5.8 does not report it.
 bool IsMountPoint(int folder) {
     struct statx status {};
     return ::statx(folder, "", AT_EMPTY_PATH, 0, &status) == 0 &&
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
-/// Deletes what is at a path, going through folders by their descriptors: one for the folder that it is in.
-/// It goes up by "..", and only if that is the folder that it has come down from. It does not go into what is
-/// mounted in the tree.
+/// Deletes what is at a path. It has one descriptor open, that of the present folder. It goes up by "..", and
+/// only if that leads to the folder from which it has come. It does not enter a mounted file system. `Run` is
+/// called once.
 class TreeDeleter {
 public:
     TreeDeleter(const std::string& path, const std::string& parent, const std::string& name)
         : _path(path), _parent(parent), _name(name) {}
 
     bool Run() {
-        Begin();
+        OpenParent();
         while (_levels.size() > 1 || !_levels.back().folders.empty()) {
             if (_levels.back().folders.empty()) {
-                Leave();
+                DeleteEmptied();
             } else {
                 std::string name = std::move(_levels.back().folders.back());
                 _levels.back().folders.pop_back();
-                Enter(name);
+                DeleteOrEnter(name);
             }
         }
         return _found;
@@ -255,21 +255,21 @@ private:
     static constexpr int kOpenFolder = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     static constexpr int kMaxAgain = 100;
 
-    [[noreturn]] void Stop(const std::string& name, int error = errno) const {
+    [[noreturn]] void ThrowFailure(const std::string& name, int error = errno) const {
         if (_levels.size() <= 1 && name == _name) {
             Fail("Couldn't delete", _path, error);
         }
         throw IOException(WithErrno("Couldn't delete '" + name + "' in tree '" + _path + "'", error));
     }
 
-    /// Others are changing the tree: that is a failure only if they never stop.
+    /// Another process is changing the tree. That is a failure only if it does not stop.
     void CountAgain(const std::string& name, int error) {
         if (++_again > kMaxAgain) {
-            Stop(name, error);
+            ThrowFailure(name, error);
         }
     }
 
-    void Begin() {
+    void OpenParent() {
         _levels.clear();
         _folder = UniqueFd(::open(_parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat status {};
@@ -277,15 +277,15 @@ private:
             const int error = errno;
             _levels.push_back({});
             if (!IsNowhere(error)) {
-                Stop(_name, error);
+                ThrowFailure(_name, error);
             }
             return;
         }
         _levels.push_back({status.st_dev, status.st_ino, "", {_name}});
     }
 
-    /// Deletes an entry of the present folder, or goes into it.
-    void Enter(const std::string& name) {
+    /// Deletes an entry of the present folder, or enters it if it is a folder.
+    void DeleteOrEnter(const std::string& name) {
         if (::unlinkat(_folder.Get(), name.c_str(), 0) == 0) {
             _found = true;
             return;
@@ -293,7 +293,7 @@ private:
         const int error = errno;
         if (error != EISDIR && error != EPERM) {
             if (!IsNowhere(error)) {
-                Stop(name, error);
+                ThrowFailure(name, error);
             }
             return;
         }
@@ -301,23 +301,28 @@ private:
         struct stat status {};
         if (!child.IsValid() || ::fstat(child.Get(), &status) != 0) {
             if (errno == ENOTDIR && error == EISDIR) {
-                CountAgain(name, error);  // no folder any more
+                CountAgain(name, error);  // it is not a folder any more
                 _levels.back().folders.push_back(name);
             } else if (errno != ENOENT) {
-                Stop(name, errno == ENOTDIR ? error : errno);
+                ThrowFailure(name, errno == ENOTDIR ? error : errno);
             }
             return;
         }
         if (status.st_dev != _levels.back().device || IsMountPoint(child.Get())) {
-            Stop(name, EXDEV);
+            ThrowFailure(name, EXDEV);
         }
         _found = true;
+        EnterFolder(name, std::move(child), status);
+    }
+
+    /// Deletes what is in the folder, except for other folders, and makes it the present one. A folder that
+    /// may not be read is deleted at once, which works if it is empty.
+    void EnterFolder(const std::string& name, UniqueFd child, const struct stat& status) {
         Level level = {status.st_dev, status.st_ino, name, {}};
         UniqueFd readable(::openat(child.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!readable.IsValid() && errno == EACCES) {
-            // Nothing has to be read in an empty folder.
             if (::unlinkat(_folder.Get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-                Stop(name, EACCES);
+                ThrowFailure(name, EACCES);
             }
             return;
         }
@@ -328,19 +333,19 @@ private:
                 if (errno == EISDIR) {
                     level.folders.push_back(entry);
                 } else if (errno != ENOENT) {
-                    Stop(entry);
+                    ThrowFailure(entry);
                 }
             }
         });
         if (!isRead && errno != ENOENT) {
-            Stop(name);
+            ThrowFailure(name);
         }
         _levels.push_back(std::move(level));
         _folder = std::move(child);
     }
 
-    /// Goes up and deletes the folder that it has come from, which is empty.
-    void Leave() {
+    /// Goes up and deletes the folder from which it has come, which is empty.
+    void DeleteEmptied() {
         const std::string name = std::move(_levels.back().name);
         _levels.pop_back();
         UniqueFd parent(::openat(_folder.Get(), "..", kOpenFolder));
@@ -348,7 +353,7 @@ private:
         if (!parent.IsValid() || ::fstat(parent.Get(), &status) != 0 ||
             status.st_dev != _levels.back().device || status.st_ino != _levels.back().inode) {
             CountAgain(name, parent.IsValid() ? EBUSY : errno);  // the folder has been moved
-            Begin();
+            OpenParent();
             return;
         }
         _folder = std::move(parent);
@@ -356,7 +361,7 @@ private:
             return;
         }
         if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOTDIR) {
-            Stop(name);
+            ThrowFailure(name);
         }
         CountAgain(name, errno);
         _levels.back().folders.push_back(name);
@@ -428,7 +433,7 @@ bool FileUtils::CreateDirectory(const std::string& path) {
         end = std::min(path.find('/', path.find_first_not_of('/', end)), size);
         made = ::mkdir(path.substr(0, end).c_str(), 0777) == 0;
         if (!made && errno != EEXIST && error == 0) {
-            error = errno;  // of what stands in the way, if it does
+            error = errno;  // the first error names the obstacle
         }
     }
     struct stat status {};
@@ -450,8 +455,8 @@ void FileUtils::Copy(const std::string& from, const std::string& to) {
         replacement.TakeOwner(target.old);
     }
     CopyBlocks(source.Get(), replacement.GetFd(), from, to);
-    if (!AccessList::Of(source.Get()).Apply(replacement.GetFd(), status.st_mode & 0777) ||
-        !Synchronise(replacement.GetFd()) || !replacement.Commit() || !replacement.SynchroniseFolder()) {
+    if (!AccessList::Of(source.Get()).ApplyTo(replacement.GetFd(), status.st_mode & 0777) ||
+        replacement.Finish() != FileReplacement::Finished::kDone) {
         Fail("Couldn't write", to);
     }
 }
@@ -479,7 +484,7 @@ bool FileUtils::Delete(const std::string& path) {
 
 bool FileUtils::DeleteTree(const std::string& path) {
     Checked(path);
-    // A slash at the end would follow a link.
+    // With a slash at the end, the system would follow a link.
     const std::string tree = path.substr(0, path.find_last_not_of('/') + 1);
     const std::size_t slash = tree.rfind('/');
     const std::string name = tree.substr(slash + 1);
@@ -499,7 +504,7 @@ std::string FileUtils::Read(const std::string& path, unsigned int maxSize) {
         }
     };
     if (status.st_blocks != 0) {
-        check(status.st_size);  // what the kernel makes while it is read says 0, or 4096, and has no blocks
+        check(status.st_size);  // a file of /proc has no blocks and a size of 0 or 4096
     }
     std::string content;
     const bool isRead = ReadBlocks(file.Get(), [&](std::string_view block) {
@@ -540,7 +545,7 @@ void FileUtils::WriteAtomically(const std::string& path, const void* data, std::
         if (target.exists) {
             replacement.TakeOwner(target.old);
         }
-        return AccessList().Apply(replacement.GetFd(), mode);
+        return AccessList().ApplyTo(replacement.GetFd(), mode);
     });
 }
 

@@ -23,7 +23,7 @@ std::size_t ReadLimit() {
                : kMaxHeld;
 }
 
-/// What the events of the two descriptors that are no connections carry.
+/// The data of the events for the two descriptors that are not connections.
 HeldConnection* const kNoConnection = nullptr;
 char s_wakeUp;
 
@@ -72,7 +72,7 @@ HeldConnections::Ready HeldConnections::Next(HeldConnection*& connection) {
         return Ready::kWakeUp;
     }
     if (found.data.ptr == kNoConnection) {
-        // An event of no kind belonged to a connection that was let go meanwhile.
+        // An event without flags belonged to a connection that was released meanwhile.
         return found.events != 0 ? Ready::kListener : Next(connection);
     }
     connection = static_cast<HeldConnection*>(found.data.ptr);

@@ -15,7 +15,7 @@
 
 namespace zarip::osa {
 
-/// A connection for which a server's loop waits.
+/// A connection that a server's loop holds.
 class HeldConnection {
 public:
     HeldConnection() = default;
@@ -38,11 +38,12 @@ private:
     std::size_t _counted = 0;
 };
 
-/// The connections of a server that wait for their peers, and the wait for all of them, for the listening
-/// socket and for a wake-up at once. A connection that is held costs a descriptor and no thread.
+/// The connections of a server that wait for their peers. One wait covers all of them, the listening socket
+/// and a wake-up. A held connection costs a descriptor and no thread.
 ///
-/// The connections are kept in the order in which their times run out, so the one to end next, by time or to
-/// make room, is the first. An event leads to its connection without a search.
+/// The connections are kept in the order in which their times run out, so the first is the one to end next,
+/// by time or to make room. An event leads to its connection without a search. `Open` is called once, before
+/// all other functions.
 ///
 /// *One thread at a time.*
 class HeldConnections {
@@ -59,7 +60,8 @@ public:
 
     enum class Ready { kNothing, kListener, kWakeUp, kConnection };
 
-    /// Takes the next of what the last wait has found. `connection` is set with `kConnection` only.
+    /// Takes the next descriptor that the last wait has found ready. `connection` is set with `kConnection`
+    /// only.
     Ready Next(HeldConnection*& connection);
 
     /// Keeps a connection, *takes ownership*, and waits for it.
@@ -67,14 +69,14 @@ public:
     /// Throws SocketException "epoll_ctl failed: ..."; the connection is then closed.
     void Hold(std::unique_ptr<HeldConnection> connection, std::uint32_t events, MonotonicMs until);
 
-    /// Waits for something else, or longer. To be called when the connection's bytes have changed, too.
-    /// Throws as `Hold`; the connection is then still held.
+    /// Changes the events and the time. Also to be called when the connection's bytes have changed. Throws as
+    /// `Hold`; the connection is then still held.
     void Rearm(HeldConnection& connection, std::uint32_t events, MonotonicMs until);
 
-    /// Lets go of a connection; the *caller owns* it.
+    /// Removes a connection; the *caller owns* it.
     std::unique_ptr<HeldConnection> Release(HeldConnection& connection);
 
-    /// Closes a connection if it is held, which takes a search: for one that may have gone already.
+    /// Closes a connection if it is still held. This takes a search.
     void Drop(const HeldConnection* connection);
 
     /// The connection whose time runs out first, or null. *Not owned.*
@@ -87,8 +89,8 @@ public:
     std::size_t GetCount() const { return _places.size(); }
     /// The bytes of all connections.
     std::size_t GetBytes() const { return _bytes; }
-    /// How many connections may be held: 1,000, and no more than half the descriptors that the process may
-    /// open, so that others get some.
+    /// How many connections may be held: 1,000, and no more than half of the descriptors that the process may
+    /// open, so that other code gets some.
     std::size_t GetLimit() const { return _limit; }
 
     /// Calls `function(connection)` for each connection; it may release that one.

@@ -7,8 +7,8 @@
 
 namespace zarip::osa {
 
-// Deliberate: no mutex. A child would inherit one that another thread of its parent held at the fork, and
-// wait for ever.
+// Deliberate: there is no mutex. A forked child could inherit one that another thread of its parent holds,
+// and would wait for ever.
 int Interlocked::Increment(int& value) {
     return __atomic_add_fetch(&value, 1, __ATOMIC_SEQ_CST);
 }

@@ -19,7 +19,7 @@ namespace {
 constexpr int kFirstPort = 1'024;
 constexpr int kPorts = 65'536;
 
-/// Passing shortages, from which a server recovers although `IsFatalError` counts them as fatal.
+/// Temporary shortages, from which a server recovers although `IsFatalError` counts them as fatal.
 bool IsShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EPERM;
 }
@@ -34,8 +34,9 @@ void Listener::Listen(unsigned short backlog, bool keepsSilent) {
     _logger = core::Logger::GetLogger("TcpServer");
     const int fd = _socket.getHandle();
     if (keepsSilent && !IsUnix()) {
-        // Not for long, since a silent client takes a place in the backlog there: where the system has no
-        // SYN cookies, a handful would keep everybody else out. After that the server's loop holds it.
+        // The time is short, because a silent client takes a place in the backlog meanwhile. On a system
+        // without SYN cookies, a handful of them would keep all other clients out. After that time the
+        // server's loop holds the connection.
         const int seconds = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof(seconds));
     }

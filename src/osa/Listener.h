@@ -13,7 +13,7 @@ class Logger;
 
 namespace zarip::osa {
 
-/// The listening end of a server: accepts connections and outlives shortages of descriptors and memory.
+/// The listening end of a server. It accepts connections and survives shortages of descriptors and memory.
 /// *One thread at a time*: the thread of the server's loop once `Listen` has returned.
 class Listener {
 public:
@@ -22,8 +22,8 @@ public:
 
     /// Throws SocketException "listen failed".
     /// @param backlog  connections that the kernel keeps for the server.
-    /// @param keepsSilent  has the kernel keep a TCP connection that says nothing to itself for a second.
-    ///        Most clients speak at once, and are then accepted together with what they say.
+    /// @param keepsSilent  the kernel keeps back a TCP connection that sends nothing, for a second. Most
+    ///     clients send at once and are then accepted together with their first bytes.
     void Listen(unsigned short backlog, bool keepsSilent);
 
     struct Accepted {
@@ -34,17 +34,17 @@ public:
 
     enum class Result {
         kAccepted,
-        kNone,   ///< nobody waits
-        kShort,  ///< a descriptor or memory is missing, and nobody was accepted
+        kNone,   ///< no connection waits
+        kShort,  ///< a descriptor or memory is missing, and no connection was accepted
         kFatal,  ///< accepting will not work again
     };
     Result Accept(Accepted& accepted);
 
-    /// After `kShort`, if no connection could be closed: refuses the connection that waits instead of leaving
-    /// it there for ever. False if even that fails; then a pause is needed.
+    /// To be called after `kShort` if no connection could be closed: refuses the connection that waits,
+    /// instead of leaving it there for ever. False if even that fails; then a pause is needed.
     bool Refuse();
 
-    /// Clients are refused at once from now on instead of waiting in the backlog.
+    /// From now on clients are refused at once instead of waiting in the backlog.
     void Close() { _socket.Close(); }
 
     const TcpSocket& GetSocket() const { return _socket; }

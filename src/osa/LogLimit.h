@@ -6,12 +6,12 @@
 
 namespace zarip::osa {
 
-/// Keeps what strangers can cause from filling the log: lets one record through in ten seconds and counts the
-/// others. *One thread at a time.*
+/// Keeps records that strangers can cause from filling the log: it allows one record in ten seconds and
+/// counts the others. *One thread at a time.*
 class LogLimit {
 public:
-    /// Whether a record may be written now. `suppressed` becomes the number of those that were not since the
-    /// last one.
+    /// Whether a record may be written now. `suppressed` is set to the number of records that were refused
+    /// since the last one.
     bool Allows(unsigned int& suppressed) {
         const MonotonicMs now = NowMs();
         if (_next > now) {

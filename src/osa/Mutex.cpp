@@ -52,7 +52,8 @@ template <std::size_t N>
 
 int LockUntilLook(pthread_mutex_t* mutex, const Deadline& deadline) {
 #if defined(__SANITIZE_THREAD__) || ZARIP_CLANG_HAS_FEATURE(thread_sanitizer)
-    // It does not see pthread_mutex_clocklock take the mutex; a time that has passed makes this a look.
+    // The sanitizer does not see that pthread_mutex_clocklock takes the mutex. With a time that has passed,
+    // this call only tries the lock.
     static_cast<void>(deadline);
     ::sched_yield();
     const timespec passed{};
@@ -72,16 +73,14 @@ int LockUntil(pthread_mutex_t* mutex, const Deadline& deadline) {
     }
 }
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
 int LockFor(pthread_mutex_t* mutex, unsigned int timeoutMs) {
-    if (timeoutMs == kNoLimit) {
+    if (timeoutMs == kWaitForEver) {
         return ::pthread_mutex_lock(mutex);
     }
     if (timeoutMs == 0) {
         return ::pthread_mutex_trylock(mutex);
     }
-    // Mostly it is free; then the clock need not be read.
+    // Usually the mutex is free, and the clock need not be read.
     const int result = ::pthread_mutex_trylock(mutex);
     return result == EBUSY ? LockUntil(mutex, Deadline(timeoutMs)) : result;
 }

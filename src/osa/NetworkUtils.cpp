@@ -7,9 +7,9 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/JsonUtils.h"
 #include "zarip/core/Logger.h"
 #include "zarip/interfaces/INetworkingV2Provider.h"
@@ -25,7 +25,8 @@ using interfaces::INetworkingV2Provider;
 
 std::atomic<INetworkingV2Provider*> s_provider{nullptr};
 
-/// The client on a connection of our own. Never destroyed: threads may still ask while the process ends.
+/// The client on a connection of its own. It is never destroyed, because threads may still ask while the
+/// process ends.
 INetworkingV2Provider* OwnClient() {
     static auto* const s_mutex = new Mutex("NetworkUtils");
     static INetworkingV2Provider* s_client = nullptr;
@@ -34,7 +35,7 @@ INetworkingV2Provider* OwnClient() {
         auto bus = std::make_unique<msgbus::MsgBus>();
         bus->StartServer();
         s_client = INetworkingV2Provider::CreateClient(bus.get());
-        static_cast<void>(bus.release());  // the client's from here on
+        static_cast<void>(bus.release());  // the client owns it now
     }
     return s_client;
 }
@@ -47,7 +48,7 @@ std::string Request(const char* key) {
     return core::JsonUtils::ToString(request);
 }
 
-/// The value stands at the top level of the answer or under "settings".
+/// The value is at the top level of the answer or under "settings".
 std::string ValueOf(const json::Object& answer, const char* key) {
     const bool isAtTop = answer.Find(key) != answer.End();
     const json::Object& settings = isAtTop ? answer : static_cast<const json::Object&>(answer["settings"]);
@@ -59,10 +60,8 @@ std::string Query(const char* key, const char* failure) {
     std::string reason;
     try {
         return ValueOf(core::JsonUtils::ParseObject(NetworkUtils::GetProvider()->Get(Request(key))), key);
-    } catch (const std::exception& e) {
-        reason = e.what();
     } catch (...) {
-        reason = "unknown";
+        reason = DescribeCaught();
     }
     static auto* const s_logger = core::Logger::GetLogger("NetworkUtils");
     s_logger->Debug("%s: %s", key, reason.c_str());

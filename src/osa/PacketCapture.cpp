@@ -20,11 +20,11 @@ namespace {
 
 constexpr std::size_t kHeaderSize = 24;
 constexpr std::size_t kPrefixSize = 78;
-constexpr std::uint32_t kPacketOverhead = 62;  // what stands before the payload within a packet
+constexpr std::uint32_t kPacketOverhead = 62;  // the bytes before the payload within a packet
 constexpr std::uint32_t kSnapLength = 65'535;
 constexpr std::size_t kMaxPayload = kSnapLength - kPacketOverhead;
 constexpr unsigned int kUdp = 17;
-/// Captures are written to a folder in memory on most devices.
+/// The limit matters because most devices have this folder in memory.
 constexpr std::size_t kMaxFile = std::size_t{64} * 1024 * 1024;
 
 template <class T>
@@ -63,7 +63,8 @@ std::string PacketCapture::FileFor(const std::string& address) {
 bool PacketCapture::Open(const std::string& path) {
     const MutexAutoLock lock(&_mutex);
     CloseFile();
-    // Not truncated before it is known to be ours: anybody may put a link or a file of their own into /tmp.
+    // The file is not truncated before its owner is checked, because any user may put a link or a file into
+    // /tmp.
     UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666));
     struct stat status {};
     if (!file.IsValid() || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
@@ -144,7 +145,7 @@ void PacketCapture::DumpRecord(unsigned short sourcePort, unsigned short destina
     PutBig16(prefix + 76, Checksum(data, length, sourcePort, destinationPort));
     const iovec parts[] = {{prefix, sizeof(prefix)}, {const_cast<unsigned char*>(data), length}};
     if (::writev(_file.Get(), parts, 2) != static_cast<ssize_t>(sizeof(prefix) + length)) {
-        // A full disk: half a record would make the rest unreadable.
+        // The disk is full. Half a record would make the rest of the file unreadable.
         CloseFile();
     }
     _written += sizeof(prefix) + length;

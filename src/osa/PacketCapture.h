@@ -19,12 +19,12 @@ public:
     static std::string FileFor(const std::string& address);
 
     /// Opens the file and writes the header; only a regular file of this process's own user is written to.
-    /// Closes an open capture first. False when the file cannot be had.
+    /// Closes an open capture first. False if the file cannot be used.
     bool Open(const std::string& path);
     void Close();
 
-    /// Appends a packet when a capture is open. A payload beyond what a record holds goes into several. The
-    /// capture ends, with a record in the log, before its file exceeds 64 MiB.
+    /// Appends a packet if a capture is open. A payload that is too long for one record is split into
+    /// several. The capture ends, with a record in the log, before its file exceeds 64 MiB.
     void Dump(unsigned short sourcePort, unsigned short destinationPort, const void* data,
               std::size_t length);
 

@@ -6,11 +6,12 @@
 
 namespace zarip::osa {
 
-/// A pointer for each thread, and a function that gets it when the thread ends, after the destructors of the
-/// objects that are `thread_local`. *Thread-safe*; an object of the whole process, never destroyed.
+/// A pointer for each thread, and a function that is called with it when the thread ends, after the
+/// destructors of `thread_local` objects. *Thread-safe*. It is an object of the whole process and never
+/// destroyed.
 ///
-/// Such an object with a destructor would be simpler, but the C library ends the process if it has no memory
-/// to note the destructor. Here the pointer is refused instead.
+/// A `thread_local` object with a destructor would be simpler, but the C library ends the process if it has
+/// no memory to register the destructor. Here the pointer is refused instead.
 template <class T>
 class PerThread {
 public:

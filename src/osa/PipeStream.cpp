@@ -37,7 +37,7 @@ void MakeNonBlocking(const UniqueFd& fd) {
     }
 }
 
-/// Without an exception of the stream's own, whatever `exceptions` says.
+/// Sets the state without an exception of the stream, whatever `exceptions` says.
 void SetBad(std::ios& stream) {
     const std::ios::iostate passedOn = stream.exceptions();
     stream.exceptions(std::ios::goodbit);
@@ -76,7 +76,7 @@ public:
                 SendPending();
             }
         } catch (...) {
-            // Nobody takes it. A caller that has to know flushes.
+            // The other end takes nothing. A caller that needs to know flushes before.
         }
     }
 
@@ -182,12 +182,12 @@ private:
 
     void SendPending() {
         const auto pending = static_cast<std::size_t>(pptr() - pbase());
-        // Reset first: what could not be sent is not sent again by the destructor.
+        // The buffer is reset first, so that the destructor does not send again what could not be sent.
         setp(_sendBuffer.get(), _sendBuffer.get() + _bufferSize);
         Send(_sendBuffer.get(), pending);
     }
 
-    /// A program that reads no more may still have answered.
+    /// A program that does not read any more may still have answered.
     void SendBeforeReading() {
         try {
             if (pptr() != pbase()) {
@@ -218,7 +218,7 @@ private:
             } else if (sent < 0 && errno == EPIPE) {
                 throw BrokenPipe();
             } else if (sent < 0 && errno == EAGAIN) {
-                // A program may take nothing as long as nobody reads its answer.
+                // A program may take nothing as long as its answer is not read.
                 until = isWaiting ? until : EndOfWait();
                 isWaiting = true;
                 canKeep = canKeep && _keptSize < kMaxKept;
@@ -230,7 +230,7 @@ private:
         }
     }
 
-    /// Reads what is there; false if nothing more is to be expected.
+    /// Reads what is there; false if nothing more can come.
     bool Keep() {
         if (_kept.empty() || _kept.back().size() == kBlockSize) {
             _kept.emplace_back().reserve(kBlockSize);

@@ -43,7 +43,7 @@ struct Pipe {
     UniqueFd write;
 };
 
-/// The descriptor, or a copy where it would be taken for a standard stream.
+/// The descriptor, or a copy of it if its number is that of a standard stream.
 UniqueFd AboveStandard(UniqueFd fd, const char* what, const std::string& name) {
     if (fd.Get() >= kFirstOther) {
         return fd;
@@ -160,13 +160,13 @@ private:
 
 }  // namespace
 
-/// What becomes the program's stream; invalid for one that stays.
+/// Opens what becomes the program's stream; invalid if the stream stays.
 UniqueFd Process::Impl::Connect(const Redirect& redirect, int stream) {
     const MutexAutoLock lock(&mutex);
     const bool isInput = stream == 0;
     Redirect::Kind kind = redirect._kind;
     if (kind == Redirect::kInherit) {
-        // A descriptor that others opened where a standard stream is missing is not meant.
+        // If a standard stream is missing, other code may have opened another file with that number.
         const int flags = ::fcntl(stream, F_GETFD);
         if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
             return UniqueFd();
@@ -236,7 +236,7 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
 
     report.write = UniqueFd();
     if (plan.isDone) {
-        // No waiting for the end of the pipe: a process that others fork meanwhile keeps it open.
+        // The pipe is not read to its end, because a process that other code forks meanwhile keeps it open.
         ::fcntl(report.read.Get(), F_SETFL, O_NONBLOCK);
     }
     StartFailure failure{};
@@ -255,9 +255,9 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
     pidFd = UniqueFd(static_cast<int>(::syscall(kPidFdOpen, pid, 0)));
 }
 
-/// Whether it has ended. That of a group stays a zombie until the object goes: as long as it is one, nobody
-/// else gets the number of the group.
-bool Process::Impl::Look() {
+/// Whether the program has ended. The leader of a group stays a zombie until the object is destroyed, so that
+/// the system does not give the number of the group to other processes.
+bool Process::Impl::CheckEnded() {
     const MutexAutoLock lock(&mutex);
     if (ended) {
         return true;
@@ -285,7 +285,7 @@ void Process::Impl::Reap() {
     reaped = true;
 }
 
-/// 0 or the errno.
+/// Sends a signal; 0 or the errno.
 int Process::Impl::Send(int number) {
     const auto result = isGroup           ? ::kill(-pid, number)
                         : pidFd.IsValid() ? ::syscall(kPidFdSendSignal, pidFd.Get(), number, nullptr, 0)
@@ -330,7 +330,7 @@ Process::Process(const std::string& program, const std::vector<std::string>& arg
 
 Process::~Process() {
     try {
-        const bool hadEnded = _impl->Look();
+        const bool hadEnded = _impl->CheckEnded();
         {
             const MutexAutoLock lock(&_impl->mutex);
             if (!_impl->reaped) {
@@ -351,7 +351,7 @@ Process::~Process() {
 bool Process::Wait(unsigned int timeoutMs) {
     const MonotonicMs until = timeoutMs == kWaitForEver ? kNever : NowMs() + timeoutMs;
     MonotonicMs pause = 1;
-    while (!_impl->Look()) {
+    while (!_impl->CheckEnded()) {
         const MonotonicMs left = until == kNever ? kLongestPauseMs : until - NowMs();
         if (left <= 0) {
             return false;
@@ -370,7 +370,7 @@ bool Process::Wait(unsigned int timeoutMs) {
 }
 
 bool Process::Kill(int signal) {
-    const bool ended = _impl->Look();
+    const bool ended = _impl->CheckEnded();
     const MutexAutoLock lock(&_impl->mutex);
     if (_impl->reaped) {
         return false;
@@ -383,7 +383,7 @@ bool Process::Kill(int signal) {
 }
 
 int Process::GetExitStatus() {
-    if (!_impl->Look()) {
+    if (!_impl->CheckEnded()) {
         throw Exception("Process has not ended");
     }
     const MutexAutoLock lock(&_impl->mutex);
@@ -391,7 +391,7 @@ int Process::GetExitStatus() {
 }
 
 int Process::GetSignal() {
-    if (!_impl->Look()) {
+    if (!_impl->CheckEnded()) {
         throw Exception("Process has not ended");
     }
     const MutexAutoLock lock(&_impl->mutex);

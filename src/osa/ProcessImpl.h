@@ -17,7 +17,7 @@ constexpr unsigned int kKillTimeoutMs = 5'000;
 struct ZARIP_HIDDEN Process::Impl {
     void Start(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
     UniqueFd Connect(const Redirect& redirect, int stream);
-    bool Look();
+    bool CheckEnded();
     void Reap();
     int Send(int signal) ZARIP_REQUIRES(mutex);
 

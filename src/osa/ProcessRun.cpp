@@ -24,10 +24,10 @@ namespace {
 
 constexpr std::size_t kBlockSize = 65'536;
 
-/// Before Linux 5.3 the end of a program wakes nobody.
+/// Before Linux 5.3 the end of a program cannot be waited for by a descriptor.
 constexpr MonotonicMs kLookAgainMs = 20;
 
-/// Writes into a pipe as far as there is room, until everything is written or nobody reads.
+/// Writes into a pipe as far as there is room, until everything is written or the pipe has no reader.
 class Feeder {
 public:
     Feeder(int fd, std::string_view data) : _fd(fd), _data(data) {
@@ -86,7 +86,7 @@ public:
         return read;
     }
 
-    /// Reads what is there now, and not what others may still write.
+    /// Reads what is in the pipe now, and not what may still be written.
     void ReadRest() {
         int left = 0;
         if (_fd.IsValid() && ::ioctl(_fd.Get(), FIONREAD, &left) != 0) {

@@ -34,7 +34,8 @@ void CloseOnExec(unsigned int fd) {
     }
 }
 
-/// By system calls only, as all that runs in there: opendir allocates. False when not all could be listed.
+/// Uses system calls only, as all code in the new process, because opendir allocates. False if the list is
+/// incomplete.
 bool CloseListedOnExec() {
     const int folder = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
@@ -59,13 +60,13 @@ bool CloseListedOnExec() {
     return size == 0;
 }
 
-/// Has all descriptors but the standard streams closed when the program is executed.
+/// Makes the system close all descriptors except the standard streams when the program is executed.
 void CloseOthersOnExec() {
     if (::syscall(kCloseRange, kFirstOther, ~0U, kCloseOnExec) == 0 || CloseListedOnExec()) {
         return;
     }
-    // Before Linux 5.11 and without /proc: slow, but all, as far as a process can get. Some may be beyond a
-    // limit that was lowered later.
+    // Before Linux 5.11 and without /proc it tries every number that a process can have, which is slow. A
+    // descriptor may be above a limit that was lowered later.
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t end = std::clamp<rlim_t>(limit.rlim_max, kUsualMaxDescriptors, INT_MAX);
@@ -81,7 +82,7 @@ void CloseOthersOnExec() {
     ::_exit(127);
 }
 
-/// As execvp, but without a shell for what is no program.
+/// As execvp, but does not pass other files to a shell.
 int Execute(const ProcessPlan& plan) {
     int result = ENOENT;
     for (const char* const* candidate = plan.candidates; *candidate != nullptr; ++candidate) {
@@ -120,7 +121,8 @@ int Execute(const ProcessPlan& plan) {
     GiveUp(plan, false, Execute(plan));
 }
 
-/// On its own, as what shares the memory must not leave its caller's variables changed.
+/// A function of its own, because a process that shares the memory must not change the variables of the
+/// caller.
 __attribute__((noinline)) pid_t Fork(ProcessPlan& plan) {
     const pid_t pid = ::vfork();
     if (pid == 0) {
@@ -132,7 +134,8 @@ __attribute__((noinline)) pid_t Fork(ProcessPlan& plan) {
 }  // namespace
 
 pid_t StartProcess(ProcessPlan& plan) {
-    // A handler of ours must not run in there, nor may this thread be cancelled meanwhile.
+    // A signal handler of this process must not run in the new one, and this thread must not be cancelled
+    // meanwhile.
     sigset_t all;
     sigset_t old;
     int cancelState = 0;

@@ -6,8 +6,8 @@
 
 namespace zarip::osa {
 
-/// All that the new process needs, made before there is one: in there nothing may allocate or take a lock,
-/// which another thread might hold at that moment.
+/// Everything that the new process needs. It is made before, because the new process must not allocate or
+/// take a lock, which another thread may hold at that moment.
 struct ProcessPlan {
     const char* const* candidates;  // the program's paths, tried in order; ends with null
     char* const* arguments;
@@ -17,9 +17,9 @@ struct ProcessPlan {
     int report;          // 3 and above, closed when a program is executed; a failure is written there
     bool ownGroup;
 
-    /// Set by the new process where its memory is ours: then `StartProcess` returned when it was done, and a
-    /// failure that is to be reported has been. Emulators and sanitizers give it memory of its own and run
-    /// on.
+    /// Set by the new process if it shares our memory. `StartProcess` then returns after the new process is
+    /// done, and every failure has been reported. Under emulators and sanitizers the new process has memory
+    /// of its own, and `StartProcess` returns earlier.
     volatile bool isDone;
 };
 
@@ -28,8 +28,8 @@ struct StartFailure {
     int error;
 };
 
-/// Makes the process; -1 with errno. It shares the memory until it executes the program, so nothing is
-/// copied, and no handler of pthread_atfork runs.
+/// Makes the process; -1 with errno. The process shares the memory until it executes the program, so nothing
+/// is copied and no handler of pthread_atfork runs.
 pid_t StartProcess(ProcessPlan& plan);
 
 }  // namespace zarip::osa

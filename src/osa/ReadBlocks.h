@@ -13,7 +13,7 @@
 
 namespace zarip::osa {
 
-/// Hands what is left of a file to `take`, block by block; false, with errno, when it cannot be read to its
+/// Calls `take` with the rest of a file, block by block. False, with errno, if the file cannot be read to its
 /// end.
 template <class Take>
 bool ReadBlocks(int file, Take take) {
@@ -30,7 +30,7 @@ bool ReadBlocks(int file, Take take) {
     }
 }
 
-/// The same for a whole file; false also when it cannot be opened.
+/// The same for a whole file. False also if the file cannot be opened.
 template <class Take>
 bool ReadBlocks(const char* path, Take take) {
     const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));

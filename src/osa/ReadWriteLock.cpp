@@ -11,9 +11,7 @@ namespace {
 
 enum State { kUnlocked = 0, kReadLocked = 1, kWriteLocked = 2 };
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
-/// Gives one unit back at the end of the scope, also when the scope is left by an exception.
+/// Gives one unit back at the end of the scope, also if an exception leaves it.
 class Unit {
 public:
     explicit Unit(Semaphore* semaphore) : _semaphore(semaphore) {}
@@ -24,7 +22,7 @@ public:
             try {
                 _semaphore->Release();
             } catch (...) {
-                // The unit was taken by this scope, so there is room for it; a destructor reports nothing.
+                // This scope has taken the unit, so there is room for it. A destructor must not throw.
             }
         }
     }
@@ -46,7 +44,7 @@ void ReadWriteLock::ReadLock(unsigned int timeoutMs) {
     const Unit turn(&_writeLock);
     const MutexAutoLock lock(&_mutex);
     if (_readers == 0) {
-        _readLock.Lock(kNoLimit);
+        _readLock.Lock(kWaitForEver);
     }
     ++_readers;
     _state = kReadLocked;

@@ -14,7 +14,7 @@
 namespace zarip::osa {
 
 struct ZARIP_HIDDEN Semaphore::Context {
-    bool Take(unsigned int timeoutMs);
+    bool TakeUnit(unsigned int timeoutMs);
     bool Wait(unsigned int timeoutMs);
     void UnlockAndSignal();
 
@@ -30,9 +30,7 @@ struct ZARIP_HIDDEN Semaphore::Context {
 
 namespace {
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
-// Out of line, so that the functions that throw them stay small.
+// The function is out of line, so that its callers stay small.
 [[noreturn, gnu::cold, gnu::noinline]] void Throw(const char* text, LockException::LockError error) {
     throw LockException(text, error);
 }
@@ -43,8 +41,8 @@ inline void LockRecord(pthread_mutex_t* mutex) {
     }
 }
 
-/// A thread that waits, with the lock. The wait may end by an exception (a clock that cannot be read) or by
-/// the thread being cancelled; the lock is held then, too.
+/// Counts a waiting thread for the length of a scope, with the lock held. The wait may end by an exception (a
+/// clock that cannot be read) or by a cancelled thread; the lock is held then as well.
 class Waiter {
 public:
     Waiter(pthread_mutex_t* mutex, int& waiters) : _mutex(mutex), _waiters(waiters) { ++_waiters; }
@@ -77,7 +75,8 @@ Semaphore::Semaphore(const char* name, unsigned short maxCount, unsigned short i
 }
 
 Semaphore::~Semaphore() {
-    // A sleep, since a thread of high priority that only yields would keep the signalling one from its CPU.
+    // It sleeps, because a thread of high priority that only yields would keep the signalling thread from the
+    // processor.
     while (_context->signalling.load(std::memory_order_acquire) != 0) {
         const timespec pause{0, 50'000};
         ::clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
@@ -86,10 +85,10 @@ Semaphore::~Semaphore() {
     ::pthread_mutex_destroy(&_context->mutex);
 }
 
-/// Called with the lock, which it gives back. Waits for a unit and takes it.
+/// Waits for a unit and takes it. Called with the lock, which it releases.
 [[gnu::noinline]] bool Semaphore::Context::Wait(unsigned int timeoutMs) {
     const Waiter waiter(&mutex, waiters);
-    if (timeoutMs == kNoLimit) {
+    if (timeoutMs == kWaitForEver) {
         while (count <= 0) {
             ::pthread_cond_wait(&available, &mutex);
         }
@@ -107,8 +106,9 @@ Semaphore::~Semaphore() {
     return true;
 }
 
-/// Called with the lock, which it gives back: a woken thread that runs at once, on one CPU, would only find
-/// it taken. A waiter that takes the unit may destroy the semaphore meanwhile; its destructor waits.
+/// Called with the lock, which it releases before it signals: a woken thread that runs at once on the same
+/// processor would otherwise find the lock taken. A waiter that takes the unit may destroy the semaphore
+/// meanwhile, so the destructor waits.
 [[gnu::noinline]] void Semaphore::Context::UnlockAndSignal() {
     signalling.fetch_add(1, std::memory_order_relaxed);
     ::pthread_mutex_unlock(&mutex);
@@ -116,9 +116,9 @@ Semaphore::~Semaphore() {
     signalling.fetch_sub(1, std::memory_order_release);
 }
 
-inline bool Semaphore::Context::Take(unsigned int timeoutMs) {
+inline bool Semaphore::Context::TakeUnit(unsigned int timeoutMs) {
     LockRecord(&mutex);
-    // Mostly there is a unit; then the clock need not be read.
+    // Usually there is a unit, and the clock need not be read.
     if (__builtin_expect(count <= 0, 0)) {
         if (timeoutMs != 0) {
             return Wait(timeoutMs);
@@ -135,14 +135,14 @@ bool Semaphore::TryLock(unsigned int timeoutMs) {
     if (_context == nullptr) {
         Throw("_context was NULL", LockException::LockInvalid);
     }
-    return _context->Take(timeoutMs);
+    return _context->TakeUnit(timeoutMs);
 }
 
 void Semaphore::Lock(unsigned int timeoutMs) {
     if (_context == nullptr) {
         Throw("_context was NULL", LockException::LockInvalid);
     }
-    if (!_context->Take(timeoutMs)) {
+    if (!_context->TakeUnit(timeoutMs)) {
         Throw(("Semaphore::Lock timeout after " + std::to_string(timeoutMs) + "ms").c_str(),
               LockException::LockTimeout);
     }

@@ -28,7 +28,7 @@ struct SocketAddress {
 /// A link-local address without a scope gets the camera's first interface.
 std::string AddScope(const std::string& address);
 
-/// What a numeric IP address and a port stand for; nothing when the text is not one.
+/// Parses a numeric IP address. No value if the string is not one.
 std::vector<SocketAddress> ResolveNumeric(const std::string& address, unsigned short port, int family,
                                           bool passive);
 

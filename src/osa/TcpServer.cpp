@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <exception>
 #include <iterator>
 #include <string>
 #include <string_view>
 #include <typeinfo>
 
 #include "osa/CaptureControl.h"
+#include "osa/DescribeCaught.h"
 #include "osa/Errors.h"
 #include "osa/HeldConnections.h"
 #include "osa/Listener.h"
@@ -26,7 +26,7 @@ namespace zarip::osa {
 
 namespace {
 
-/// Has the library keep the type's description, to which programs may be linked.
+/// Makes the library export the type's description, to which programs may be linked.
 [[gnu::used]] const std::type_info* const kAcceptorType = &typeid(ITcpSocketAccept);
 
 constexpr unsigned int kStackSize = 32'768;
@@ -35,7 +35,7 @@ constexpr MonotonicMs kControlWaitMs = 2'000;
 constexpr MonotonicMs kShortageWaitMs = 100;
 constexpr int kMaxAcceptedAtOnce = 16;
 
-// Everything else means that accepting will not work again.
+// Every other error means that accepting will not work again.
 constexpr int kRecoverable[] = {EINTR,      EAGAIN,       ENONET,      EPROTO,       ENOPROTOOPT,
                                 EOPNOTSUPP, ENETDOWN,     ENETUNREACH, ECONNABORTED, ECONNRESET,
                                 EHOSTDOWN,  EHOSTUNREACH, 512 /* ERESTARTSYS */};
@@ -49,9 +49,12 @@ struct ZARIP_HIDDEN TcpServer::Impl {
 
 /// The accept loop. It is shared with its thread, so that the acceptor may delete the server.
 ///
-/// The loop's thread alone touches the listening socket once it runs, and the connections it holds. `_stop`
-/// is set once and never cleared. `_mutex` guards the thread, for which several may call `Stop`; it is never
-/// held while the acceptor runs or the thread is joined.
+/// It is bound, then started once, then stopped once; a stopped loop is not started again. `HoldConnections`
+/// is called before `Start`, and `Stop` any number of times by any thread.
+///
+/// Once the loop runs, its thread alone uses the listening socket and the held connections. `_stop` is set
+/// once and never cleared. `_mutex` guards the thread, which several callers of `Stop` may want to join; it
+/// is never held while the acceptor runs or the thread is joined.
 class ZARIP_HIDDEN TcpServer::Impl::Loop {
 public:
     Loop(const char* address, unsigned short port) : _listener(address, port) {}
@@ -60,36 +63,38 @@ public:
                signed char priority);
     void Run();
     void Stop();
-    void LetGoOfOwnThread();
+    void ReleaseThread();
+    void HoldConnections(ReadyTest isReady, unsigned int limitMs);
+    const TcpSocket& GetSocket() const { return _listener.GetSocket(); }
+    const std::shared_ptr<PacketCapture>& GetCapture() const { return _capture; }
+
+private:
+    /// What a connection turns out to be.
+    enum class State {
+        kWaiting,  ///< it has not sent enough yet
+        kReady,    ///< the acceptor gets it
+        kExpired,  ///< its time has run out: the acceptor gets it and may still answer what has arrived
+        kControl,  ///< it has controlled the capture, and is closed
+        kLost,     ///< memory ran out while it was read, so a part may be missing; it is closed
+    };
+
+    void Listen();
+    void RunLoop();
+    void AcceptPending();
+    void MakeRoom();
+    void AdmitConnection(Listener::Accepted& accepted);
+    void UpdateConnection(HeldConnection& held, bool isExpired);
+    State Classify(HeldConnection& connection, bool isExpired);
+    State ReadAhead(HeldConnection& connection);
+    State PeekCommand(HeldConnection& connection);
+    bool ExecuteCommand(HeldConnection& connection, CaptureControl::Command command);
+    void ServeConnection(HeldConnection& connection, State state);
+    void LogCaught();
 
     Listener _listener;
     std::shared_ptr<PacketCapture> _capture = std::make_shared<PacketCapture>();
     ReadyTest _isReady = nullptr;
     unsigned int _limitMs = kWaitForEver;
-
-private:
-    /// What a new connection turns out to be.
-    enum class State {
-        kWaiting,  ///< it has not said enough
-        kReady,    ///< the acceptor gets it
-        kOver,     ///< the acceptor gets it with its time used up
-        kControl,  ///< it has controlled the capture
-    };
-
-    void Listen();
-    void RunLoop();
-    void AcceptWaiting();
-    void MakeRoom();
-    void Welcome(Listener::Accepted& accepted);
-    void Look(HeldConnection& held, bool isOver);
-    State Classify(HeldConnection& connection);
-    State ReadAhead(HeldConnection& connection);
-    State Peek(HeldConnection& connection);
-    bool HasControlled(HeldConnection& connection, CaptureControl::Command command);
-    void Finish(HeldConnection& connection, State state);
-    void Serve(HeldConnection& connection, bool isOver);
-    void LogCaught();
-
     ITcpSocketAccept* _acceptor = nullptr;
     unsigned short _backlog = 1;
     core::Logger* _logger = nullptr;
@@ -141,12 +146,12 @@ void TcpServer::Impl::Loop::Run() {
         Listen();
         listens = true;
     } catch (...) {
-        _startFailure = std::current_exception();  // it is `Start` that reports it
+        _startFailure = std::current_exception();  // `Start` throws it
     }
     _listening.Release();
     if (listens) {
         RunLoop();
-        // Whatever has ended the loop: nobody will accept any more.
+        // Nothing accepts connections any more, so clients are refused instead of kept waiting.
         _listener.Close();
     }
     _held.Clear();
@@ -166,27 +171,28 @@ void TcpServer::Impl::Loop::RunLoop() {
             for (auto ready = _held.Next(connection); ready != HeldConnections::Ready::kNothing && !_stop;
                  ready = _held.Next(connection)) {
                 if (ready == HeldConnections::Ready::kListener) {
-                    AcceptWaiting();
+                    AcceptPending();
                 } else if (ready == HeldConnections::Ready::kConnection) {
-                    Look(*connection, false);
+                    UpdateConnection(*connection, false);
                 }
             }
             while (!_stop && (connection = _held.GetExpired(NowMs())) != nullptr) {
-                Look(*connection, true);
+                UpdateConnection(*connection, true);
             }
         } catch (...) {
-            LogCaught();  // memory is short: a connection is lost, not the server
+            LogCaught();  // memory is short: that costs a connection, but not the server
         }
     }
 }
 
-/// Accepts what waits, but not for ever: held connections need a look as well.
-void TcpServer::Impl::Loop::AcceptWaiting() {
+/// Accepts the connections that wait, but only so many at once, because held connections have to be served as
+/// well.
+void TcpServer::Impl::Loop::AcceptPending() {
     for (int i = 0; i < kMaxAcceptedAtOnce && !_stop; ++i) {
         Listener::Accepted accepted;
         switch (_listener.Accept(accepted)) {
             case Listener::Result::kAccepted:
-                Welcome(accepted);
+                AdmitConnection(accepted);
                 break;
             case Listener::Result::kShort:
                 MakeRoom();
@@ -204,58 +210,59 @@ void TcpServer::Impl::Loop::MakeRoom() {
     if (HeldConnection* const first = _held.GetFirst()) {
         _held.Release(*first);
     } else if (!_listener.Refuse()) {
-        WaitFor(-1, 0, _stopEvent.get(), NowMs() + kShortageWaitMs);
+        Pause(kShortageWaitMs, _stopEvent.get());
     }
 }
 
-void TcpServer::Impl::Loop::Welcome(Listener::Accepted& accepted) {
+void TcpServer::Impl::Loop::AdmitConnection(Listener::Accepted& accepted) {
     auto connection = std::make_unique<HeldConnection>();
     connection->fd = std::move(accepted.fd);
     connection->port = accepted.port;
-    const State state = Classify(*connection);
+    const State state = Classify(*connection, false);
     if (state != State::kWaiting) {
-        Finish(*connection, state);
+        ServeConnection(*connection, state);
         return;
     }
     if (_held.GetCount() >= _held.GetLimit()) {
         _held.Release(*_held.GetFirst());
     }
     const MonotonicMs wait = _isReady != nullptr ? static_cast<MonotonicMs>(_limitMs) : kControlWaitMs;
-    // By edges: what was only peeked at is still there and would be reported over and over.
+    // Edge-triggered, because bytes that were only peeked at are still there and would be reported for ever.
     _held.Hold(std::move(connection), EPOLLIN | EPOLLRDHUP | EPOLLET, NowMs() + wait);
 }
 
-/// Looks at a held connection, which may have said something or whose time is over.
-void TcpServer::Impl::Loop::Look(HeldConnection& held, bool isOver) {
+/// For a held connection that has sent something or whose time has run out.
+void TcpServer::Impl::Loop::UpdateConnection(HeldConnection& held, bool isExpired) {
+    const State state = Classify(held, isExpired);
+    if (state != State::kWaiting) {
+        const std::unique_ptr<HeldConnection> connection = _held.Release(held);
+        ServeConnection(*connection, state);
+    }
+}
+
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Classify(HeldConnection& connection, bool isExpired) {
     try {
-        State state = Classify(held);
-        if (state == State::kWaiting && isOver) {
-            // Without a test it was only waited for a command; it is served like any other.
-            state = _isReady != nullptr ? State::kOver : State::kReady;
+        const State state = _isReady != nullptr  ? ReadAhead(connection)
+                            : _listener.IsUnix() ? PeekCommand(connection)
+                                                 : State::kReady;
+        if (state != State::kWaiting || !isExpired) {
+            return state;
         }
-        if (state != State::kWaiting) {
-            const std::unique_ptr<HeldConnection> connection = _held.Release(held);
-            Finish(*connection, state);
-        }
+        // Without a test the server has only waited for a command, and the connection is like any other.
+        return _isReady != nullptr ? State::kExpired : State::kReady;
     } catch (...) {
         LogCaught();
-        _held.Drop(&held);  // a part of what it has said may be missing
+        return State::kLost;
     }
 }
 
-TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Classify(HeldConnection& connection) {
-    if (_isReady != nullptr) {
-        return ReadAhead(connection);
-    }
-    return _listener.IsUnix() ? Peek(connection) : State::kReady;
-}
-
-/// Reads what has come, up to kMaxReadAhead bytes, for the acceptor.
+/// Reads what has arrived, up to kMaxReadAhead bytes, for the acceptor.
 TcpServer::Impl::Loop::State TcpServer::Impl::Loop::ReadAhead(HeldConnection& connection) {
     char bytes[kMaxReadAhead];
-    std::string& said = connection.bytes;
+    std::string& received = connection.bytes;
     for (;;) {
-        const ssize_t count = ::recv(connection.fd.Get(), bytes, kMaxReadAhead - said.size(), MSG_DONTWAIT);
+        const ssize_t count =
+            ::recv(connection.fd.Get(), bytes, kMaxReadAhead - received.size(), MSG_DONTWAIT);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -265,34 +272,35 @@ TcpServer::Impl::Loop::State TcpServer::Impl::Loop::ReadAhead(HeldConnection& co
         if (count <= 0) {
             return State::kReady;  // the acceptor sees the end or the error itself
         }
-        said.append(bytes, static_cast<std::size_t>(count));
-        if (_listener.IsUnix() && HasControlled(connection, CaptureControl::Find(said))) {
+        received.append(bytes, static_cast<std::size_t>(count));
+        if (_listener.IsUnix() && ExecuteCommand(connection, CaptureControl::Find(received))) {
             return State::kControl;
         }
-        if (said.size() == kMaxReadAhead || _isReady(said.data(), said.size())) {
+        if (received.size() == kMaxReadAhead || _isReady(received.data(), received.size())) {
             return State::kReady;
         }
     }
 }
 
-/// Looks at what has come and leaves it there. A peer that has begun a control command is waited for.
-TcpServer::Impl::Loop::State TcpServer::Impl::Loop::Peek(HeldConnection& connection) {
+/// Looks for a control command and leaves the bytes for the acceptor. A peer that has sent the beginning of a
+/// command is waited for.
+TcpServer::Impl::Loop::State TcpServer::Impl::Loop::PeekCommand(HeldConnection& connection) {
     char bytes[CaptureControl::kMaxLength];
     const ssize_t peeked = ::recv(connection.fd.Get(), bytes, sizeof(bytes), MSG_PEEK | MSG_DONTWAIT);
     if (peeked < 0) {
         return errno == EAGAIN || errno == EINTR ? State::kWaiting : State::kReady;
     }
     const auto command = CaptureControl::Find({bytes, static_cast<std::size_t>(peeked)});
-    if (HasControlled(connection, command)) {
-        // Taken off the connection, so that closing it is no reset to the peer.
+    if (ExecuteCommand(connection, command)) {
+        // The command is received, because closing a connection with unread bytes would reset it.
         ::recv(connection.fd.Get(), bytes, sizeof(bytes), MSG_DONTWAIT);
         return State::kControl;
     }
     return command == CaptureControl::Command::kMaybe ? State::kWaiting : State::kReady;
 }
 
-/// Carries out a command; false if there is nothing to carry out.
-bool TcpServer::Impl::Loop::HasControlled(HeldConnection& connection, CaptureControl::Command command) {
+/// False if there is no whole command.
+bool TcpServer::Impl::Loop::ExecuteCommand(HeldConnection& connection, CaptureControl::Command command) {
     if (command != CaptureControl::Command::kStart && command != CaptureControl::Command::kStop) {
         return false;
     }
@@ -301,49 +309,44 @@ bool TcpServer::Impl::Loop::HasControlled(HeldConnection& connection, CaptureCon
     return true;
 }
 
-void TcpServer::Impl::Loop::Finish(HeldConnection& connection, State state) {
-    if (state == State::kReady || state == State::kOver) {
-        Serve(connection, state == State::kOver);
-    }
-}
-
-/// Within a handler of exceptions: a connection that fails is no reason to end the loop.
+/// Logs the exception that is being handled: a failed connection does not end the loop.
 void TcpServer::Impl::Loop::LogCaught() {
     try {
-        try {
-            throw;
-        } catch (const std::exception& e) {
-            _logger->Error("Caught exception handling incoming socket connection: %s", e.what());
-        } catch (...) {
-            _logger->Error("Caught exception handling incoming socket connection: unknown");
-        }
+        _logger->Error("Caught exception handling incoming socket connection: %s", DescribeCaught());
     } catch (...) {
         // There is not even memory for the record.
     }
 }
 
-void TcpServer::Impl::Loop::Serve(HeldConnection& held, bool isOver) {
-    const auto connection = std::make_shared<TcpSocket::Impl>();
-    connection->fd = std::move(held.fd);
-    connection->readAhead = std::move(held.bytes);
-    connection->connected = true;
-    connection->family = _listener.GetSocket().GetFamily();
-    connection->port = held.port;
-    connection->capture = _capture;
-    if (_isReady != nullptr && _limitMs != kWaitForEver) {
-        connection->limit = NowMs() + (isOver ? 0 : static_cast<MonotonicMs>(_limitMs));
+/// Hands the connection to the acceptor if its state says so; otherwise its owner closes it.
+void TcpServer::Impl::Loop::ServeConnection(HeldConnection& held, State state) {
+    if (state != State::kReady && state != State::kExpired) {
+        return;
     }
-    connection->serverStop = _stopEvent;
-    connection->servedBy = ::pthread_self();
-    connection->isServed = true;
-    std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
+    std::shared_ptr<TcpSocket::Impl> connection;
     try {
+        connection = std::make_shared<TcpSocket::Impl>();
+        connection->fd = std::move(held.fd);
+        connection->readAhead = std::move(held.bytes);
+        connection->connected = true;
+        connection->family = _listener.GetSocket().GetFamily();
+        connection->port = held.port;
+        connection->capture = _capture;
+        if (_isReady != nullptr && _limitMs != kWaitForEver) {
+            connection->limit = NowMs() + (state == State::kExpired ? 0 : static_cast<MonotonicMs>(_limitMs));
+        }
+        connection->serverStop = _stopEvent;
+        connection->servedBy = ::pthread_self();
+        connection->isServed = true;
+        std::unique_ptr<TcpSocket> socket(new TcpSocket(connection));
         _acceptor->AcceptSocket(socket.release());
     } catch (...) {
         LogCaught();
     }
-    // From here on the connection belongs to whatever thread the acceptor has handed it to.
-    connection->isServed = false;
+    if (connection != nullptr) {
+        // From here on the connection belongs to the thread that the acceptor has handed it to.
+        connection->isServed = false;
+    }
 }
 
 void TcpServer::Impl::Loop::Stop() {
@@ -356,7 +359,7 @@ void TcpServer::Impl::Loop::Stop() {
         _stop = true;
         _stopEvent->Cancel();
         if (Thread::CurrentThread::ThreadPtr() == _thread.get()) {
-            return;  // the acceptor: the loop ends when it returns
+            return;  // the acceptor is the caller; the loop ends when it returns
         }
         _running = false;
         thread = _thread.get();
@@ -368,10 +371,16 @@ void TcpServer::Impl::Loop::Stop() {
     _thread.reset();
 }
 
-/// The acceptor deletes the server: the thread must not look at it again, and ends with the loop.
-void TcpServer::Impl::Loop::LetGoOfOwnThread() {
+/// For an acceptor that deletes the server. The thread object goes with the server, and the thread itself
+/// ends with the loop.
+void TcpServer::Impl::Loop::ReleaseThread() {
     const MutexAutoLock lock(&_mutex);
     _thread.reset();
+}
+
+void TcpServer::Impl::Loop::HoldConnections(ReadyTest isReady, unsigned int limitMs) {
+    _isReady = isReady;
+    _limitMs = limitMs;
 }
 
 TcpServer::TcpServer(const char* address, unsigned short port)
@@ -380,7 +389,7 @@ TcpServer::TcpServer(const char* address, unsigned short port)
 TcpServer::~TcpServer() {
     try {
         Stop();
-        _impl->loop->LetGoOfOwnThread();
+        _impl->loop->ReleaseThread();
     } catch (...) {
         // Nothing more can be done for the thread.
     }
@@ -405,16 +414,15 @@ void TcpServer::Stop() {
 }
 
 void TcpServer::HoldConnections(ReadyTest isReady, unsigned int limitMs) {
-    _impl->loop->_isReady = isReady;
-    _impl->loop->_limitMs = limitMs;
+    _impl->loop->HoldConnections(isReady, limitMs);
 }
 
 void TcpServer::SetBufferSize(unsigned int bytes) const {
-    _impl->loop->_listener.GetSocket().SetBufferSize(bytes);
+    _impl->loop->GetSocket().SetBufferSize(bytes);
 }
 
 unsigned short TcpServer::GetLocalPort() const {
-    return _impl->loop->_listener.GetSocket().GetLocalPort();
+    return _impl->loop->GetSocket().GetLocalPort();
 }
 
 bool TcpServer::IsFatalError(int error) {
@@ -424,12 +432,12 @@ bool TcpServer::IsFatalError(int error) {
 void TcpServer::DumpPacket(unsigned short sourcePort, unsigned short destinationPort, const void* data,
                            int length) {
     if (length > 0) {
-        _impl->loop->_capture->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
+        _impl->loop->GetCapture()->Dump(sourcePort, destinationPort, data, static_cast<std::size_t>(length));
     }
 }
 
 std::shared_ptr<PacketCapture> TcpServer::GetCapture() const {
-    return _impl->loop->_capture;
+    return _impl->loop->GetCapture();
 }
 
 }  // namespace zarip::osa

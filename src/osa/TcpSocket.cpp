@@ -76,25 +76,26 @@ unsigned short BoundPort(int fd) {
                                                                  : static_cast<unsigned short>(0);
 }
 
-/// When a wait of whole seconds ends, and no later than the socket's limit.
+/// The end of a wait of whole seconds, but not later than the socket's limit.
 MonotonicMs EndOfWait(unsigned int timeoutSeconds, MonotonicMs limit) {
     return timeoutSeconds == kWaitForEver
                ? limit
                : std::min(limit, NowMs() + static_cast<MonotonicMs>(timeoutSeconds) * 1000);
 }
 
-/// How the last address that was tried has failed.
+/// Why the last address that was tried has failed.
 struct ConnectFailure {
     const char* call = nullptr;  // null: no answer in time, or a refusal
     int error = 0;
 };
 
-/// Connects one address; on failure says how.
+/// Connects one address, or sets the failure.
 bool ConnectTo(int fd, const SocketAddress& address, MonotonicMs until, ConnectFailure& failure) {
     failure = {};
     int result = ::connect(fd, &address.any, address.length);
     while (result != 0 && errno == EAGAIN && address.any.sa_family == AF_UNIX && NowMs() < until) {
-        // The server's backlog is full; for a unix-domain socket the system does not tell when there is room.
+        // The server's backlog is full, and for a unix-domain socket the system does not report when there is
+        // room again.
         ::poll(nullptr, 0, kRetryConnectMs);
         result = ::connect(fd, &address.any, address.length);
     }
@@ -353,7 +354,7 @@ unsigned int TcpSocket::Impl::Receive(void* buffer, unsigned int length, unsigne
         if (readAheadUsed < readAhead.size() && length > 0) {
             return TakeReadAhead(buffer, length, (flags & MSG_PEEK) != 0);
         }
-        // Most often something is there; then nobody has to wait, nor needs what waiting needs.
+        // Most often there are bytes, and receiving them needs no wait and no cancel descriptor.
         const ssize_t received = ::recv(fd.Get(), buffer, length, flags | MSG_NOSIGNAL | MSG_DONTWAIT);
         if (received >= 0) {
             if (capture != nullptr && (flags & MSG_PEEK) == 0) {
@@ -387,7 +388,7 @@ unsigned int TcpSocket::Peek(void* buffer, unsigned int length) {
 }
 
 void TcpSocket::CancelRecv() {
-    // The reader may be on its way as soon as it is told, and its owner may delete the socket.
+    // The reader may return at once, and its owner may then delete the socket.
     const std::shared_ptr<Impl> impl = _impl;
     impl->cancel.Cancel();
 }

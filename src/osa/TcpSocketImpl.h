@@ -15,19 +15,20 @@
 
 namespace zarip::osa {
 
-/// The state of a socket. Everything but `cancel` and `isServed` belongs to the socket's user.
+/// The state of a socket. Everything except `cancel` and `isServed` belongs to the thread that uses the
+/// socket.
 struct ZARIP_HIDDEN TcpSocket::Impl {
     UniqueFd fd;
     bool connected = false;
     unsigned short family = 0;
     unsigned short port = 0;
-    /// What `SetBufferSize` was given, for the sockets that `Connect` makes; 0 if nothing.
+    /// The size that `SetBufferSize` has set, for the sockets that `Connect` makes; 0 if it was not called.
     unsigned int bufferSize = 0;
     std::string address;
     /// Ends receiving.
     CancelEvent cancel;
     MonotonicMs limit = kNever;
-    /// Read by the server while it held the connection; received first.
+    /// Bytes that the server has read while it held the connection. They are received first.
     std::string readAhead;
     std::size_t readAheadUsed = 0;
     /// Whether what was read ahead is in the capture already.
@@ -35,8 +36,8 @@ struct ZARIP_HIDDEN TcpSocket::Impl {
     /// Set for the connections of a server.
     std::shared_ptr<PacketCapture> capture;
 
-    /// The stop of the server whose acceptor serves this connection. It ends what that thread does here; a
-    /// connection that was handed to another thread lives on.
+    /// The stop of the server whose acceptor serves this connection. It ends operations of that thread only,
+    /// so a connection that was passed to another thread stays open.
     std::shared_ptr<CancelEvent> serverStop;
     pthread_t servedBy{};
     std::atomic<bool> isServed{false};

@@ -37,7 +37,7 @@ TcpSocketStreamBuf::~TcpSocketStreamBuf() {
             SendPending(nullptr, 0);
         }
     } catch (...) {
-        // The connection is gone; who wants to know flushes.
+        // The connection is lost. A caller that needs to know flushes before.
     }
 }
 
@@ -62,7 +62,7 @@ void TcpSocketStreamBuf::SendPending(const char* more, unsigned int moreLength) 
         throw IOException("Invalid Buffer Pointer");
     }
     const auto pending = static_cast<unsigned int>(pptr() - pbase());
-    // Reset first: what could not be sent is not sent again by the destructor.
+    // The buffer is reset first, so that the destructor does not send again what could not be sent.
     setp(_sendBuffer.get(), _sendBuffer.get() + _bufferSize);
     try {
         _socket->SendTwo(_sendBuffer.get(), pending, more, moreLength);
@@ -122,7 +122,8 @@ std::streamsize TcpSocketStreamBuf::xsputn(const char* source, std::streamsize c
         pbump(static_cast<int>(count));
         return count;
     }
-    // What waits and what comes leave together, in parts that the lengths of sockets can express.
+    // The pending bytes and the new ones are sent together, in parts that the length type of sockets can
+    // express.
     constexpr std::streamsize kMaxPart = 1 << 30;
     std::streamsize sent = 0;
     while (sent < count) {

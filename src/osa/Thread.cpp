@@ -11,9 +11,9 @@
 
 #include <atomic>
 #include <cerrno>
-#include <exception>
 
 #include "osa/CurrentThread.h"
+#include "osa/DescribeCaught.h"
 #include "osa/PerThread.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
@@ -26,16 +26,16 @@ namespace zarip::osa {
 
 namespace {
 
-/// What a thread needs to know of itself. It lives until the thread has ended, whatever happens to the
+/// What a thread needs to know about itself. It lives until the thread has ended, whatever happens to the
 /// object, so the thread reads it without a lock.
 struct Identity {
     /// Set before the thread is released.
     std::string name;
-    /// The object; null once it is gone.
+    /// The object, or null once it has been destroyed.
     std::atomic<Thread*> owner{nullptr};
 };
 
-/// That of the calling thread; null on a thread that this class has not made.
+/// The identity of the calling thread, or null on a thread that this class has not made.
 thread_local const Identity* t_identity __attribute__((tls_model("initial-exec"))) = nullptr;
 
 }  // namespace
@@ -44,13 +44,13 @@ thread_local const Identity* t_identity __attribute__((tls_model("initial-exec")
 /// set before the thread is released.
 struct Thread::StartRecord : Identity {
     core::Logger* logger = nullptr;
-    /// Taken by the new thread before anything else, given by `Run()` or by the destructor of a thread never
-    /// run.
+    /// The new thread takes it before anything else. `Run()` releases it, or the destructor if the thread was
+    /// never run.
     mutable Semaphore start{"Thread::start", 1, 0};
     Runnable* runnable = nullptr;
     signed char priority = 0;
     std::atomic<bool> cancelled{false};
-    /// Somebody waits in `Join()`, or it has succeeded.
+    /// A call of `Join()` waits or has succeeded.
     std::atomic<bool> joining{false};
     /// The system may have given the id to another thread.
     std::atomic<bool> joined{false};
@@ -97,7 +97,8 @@ constexpr unsigned int kGuardSize = 131'072;
 constexpr signed char kLowestNicePriority = -20;
 constexpr const char* kThreadsLockName = "Thread::s_threadsLock";
 
-// Read once from the system; threads that come first at the same time store the same values.
+// They are read once from the system. Several threads may do that at the same time and then store the same
+// values.
 std::atomic<int> s_roundRobinMin{-1};
 std::atomic<int> s_roundRobinMax{-1};
 
@@ -142,7 +143,7 @@ void SetSchedulingClass(pthread_t thread, int priority) {
     }
 }
 
-/// The priority of a thread; `isCaller` says whether its nice value can be asked for.
+/// The priority of a thread; `isCaller` is whether its nice value can be queried.
 signed char PriorityOf(pthread_t thread, bool isCaller) {
     int policy = 0;
     sched_param parameter{};
@@ -177,7 +178,7 @@ public:
     Attributes(unsigned int stackSize, int priority) {
         Check(::pthread_attr_init(&_attributes), "Create Thread Error");
         try {
-            Set(stackSize, priority);
+            SetAttributes(stackSize, priority);
         } catch (...) {
             ::pthread_attr_destroy(&_attributes);
             throw;
@@ -190,7 +191,7 @@ public:
     const pthread_attr_t* Get() const { return &_attributes; }
 
 private:
-    void Set(unsigned int stackSize, int priority) {
+    void SetAttributes(unsigned int stackSize, int priority) {
         Check(::pthread_attr_setstacksize(&_attributes, std::size_t{stackSize} + kGuardSize),
               "Set Stack Size failed");
         Check(::pthread_attr_setguardsize(&_attributes, kGuardSize), "Set Stack Guard Size failed");
@@ -210,17 +211,18 @@ private:
 
 const char* const Thread::kMainThreadName = "ZARIP";
 
-// Which threads have come by, for a debugger: no code looks a thread up here, as the system gives the id of a
-// thread that has ended to another one. Neither of these is ever destroyed, because threads that are alive at
-// exit still use them.
+// The registry of threads is for a debugger. No code looks a thread up here, because the system gives the id
+// of a thread that has ended to another one. Neither object is ever destroyed, because threads that are alive
+// at exit still use them.
 std::map<pthread_t, Thread*>& Thread::s_threads() {
     static auto* const threads = new std::map<pthread_t, Thread*>;
     return *threads;
 }
 
 Mutex& Thread::s_threadsLock() {
-    // Also held by a fork: a thread of the child may ask for its object, as logging does. The child gets a
-    // new one, since a recursive mutex belongs to the thread of the parent that took it.
+    // A fork holds the mutex as well, because a thread of the child may ask for its object, as logging does.
+    // The child gets a new mutex, since a recursive mutex belongs to the thread of the parent that has taken
+    // it.
     static std::atomic<Mutex*> s_lock{[] {
         ::pthread_atfork([]() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Lock(); },
                          []() ZARIP_NO_THREAD_SAFETY_ANALYSIS { s_threadsLock().Release(); },
@@ -293,10 +295,8 @@ Thread::~Thread() {
         if (entry != s_threads().end() && entry->second == this) {
             s_threads().erase(entry);
         }
-    } catch (const std::exception& e) {
-        _logger->Warning("~Thread caught exception: %s", e.what());
     } catch (...) {
-        _logger->Warning("~Thread caught exception: %s", "unknown");
+        _logger->Warning("~Thread caught exception: %s", DescribeCaught());
     }
     if (_runnable != nullptr && _runnable->_thread == this) {
         _runnable->_thread = nullptr;
@@ -306,7 +306,7 @@ Thread::~Thread() {
         try {
             _context->start.Release();
         } catch (...) {
-            // Given already: the thread is on its way.
+            // The unit was released already, so the thread runs.
         }
         ::pthread_join(_id, nullptr);
     } else if (_stackSize != 0 && !_context->joined) {
@@ -330,12 +330,8 @@ void* Thread::Entry(void* argument) {
         record->runnable->Run();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit: the body ends in its own way
-    } catch (const std::exception& e) {
-        record->logger->Error("Unhandled exception from thread entry point: %s", e.what());
-        record->logger->Error("Application will terminate");
-        throw;
     } catch (...) {
-        record->logger->Error("Unhandled exception from thread entry point: %s", "unknown");
+        record->logger->Error("Unhandled exception from thread entry point: %s", DescribeCaught());
         record->logger->Error("Application will terminate");
         throw;
     }
@@ -438,8 +434,8 @@ void Thread::CurrentThread::MicroSleep(unsigned int microseconds) {
         case EINVAL:
             throw Exception("invalid input");
         case EINTR:
-            // Deliberate: the number is always 2, whatever signal came. Callers take it as "interrupted", no
-            // more.
+            // Deliberate: the number is always 2, whatever the signal was. Callers only take it as
+            // "interrupted".
             throw osa::Signal(2);
         default:
             throw Exception("unknown error");

@@ -19,7 +19,7 @@ unsigned long long Total(const TimeStruct& time) {
     return time.seconds * kMicrosecondsPerSecond + time.microseconds;
 }
 
-/// The size of a negative number, the smallest included.
+/// The absolute value of a negative number, also of the smallest.
 unsigned long long Magnitude(long long negative) {
     return 0 - static_cast<unsigned long long>(negative);
 }

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/osa/Exception.h"
 #include "zarip/osa/ITimerCallback.h"
@@ -34,7 +35,7 @@ struct ErrorRow {
     const char* text;
 };
 
-// Searched from the top; the last row stands for any other error.
+// Searched from the top; the last row is for any other error.
 constexpr ErrorRow kCreateRows[] = {
     {EFAULT, "Invalid timer event"},
     {EINVAL, "Invalid clock"},
@@ -61,7 +62,7 @@ void Check(int result, const ErrorRow (&rows)[N]) {
 /// The POSIX timer, which the copies of a `Timer` share; guarded by the service's mutex.
 class Alarm {
 public:
-    /// @param itsId  comes back with the signal.
+    /// @param itsId  the signal carries it.
     Alarm(int itsId, pid_t thread, ITimerCallback* itsCallback) : id(itsId), callback(itsCallback) {
         sigevent event{};
         event.sigev_notify = SIGEV_THREAD_ID;
@@ -91,15 +92,15 @@ public:
     void Arm(const TimeStruct& time) {
         itimerspec setting{};
         setting.it_value.tv_sec = static_cast<time_t>(time.seconds);
-        // All zero would disarm.
+        // A setting of zero would disarm the timer.
         setting.it_value.tv_nsec = time == TimeStruct() ? 1 : static_cast<long>(time.microseconds) * 1'000;
-        Set(setting);
+        SetTimer(setting);
         expiry = time;
         armed = true;
     }
 
     void Disarm() {
-        Set(itimerspec{});
+        SetTimer(itimerspec{});
         armed = false;
     }
 
@@ -110,7 +111,7 @@ public:
     bool armed = false;
 
 private:
-    void Set(const itimerspec& setting) {
+    void SetTimer(const itimerspec& setting) {
         if (_deleted) {
             throw Exception("Invalid timer ID");
         }
@@ -127,18 +128,17 @@ bool HasCome(const TimeStruct& time) {
 
 }  // namespace
 
-/// What this timer was started for last, and what it shares with its copies.
+/// The last start of this timer, and what it shares with its copies.
 struct Timer::PosixTimerContext {
     std::shared_ptr<Alarm> alarm;
     TimeStruct expiry;
     void* userData = nullptr;
 };
 
-/// The thread "Timer" and the timers of the process; made with the first of them and never destroyed.
+/// The thread "Timer" and the timers of the process. It is made with the first timer and never destroyed.
 ///
-/// A signal carries the number of an alarm, never an address, so one that comes late, or from a stranger,
-/// finds nothing.
-/// `_mutex` guards the table and the timers and is not held while a callback runs.
+/// A signal carries the number of an alarm and not an address, so a late signal, or one from another process,
+/// does no harm. `_mutex` guards the table and the timers. It is not held while a callback runs.
 class TimerService final : public Runnable {
 public:
     using Context = Timer::PosixTimerContext;
@@ -173,7 +173,7 @@ public:
 
     enum class Ending { kDisarm, kDelete };
 
-    /// Returns when the callback does not run, unless this is the callback.
+    /// Waits until the callback does not run, unless the caller is the callback.
     void End(Alarm& alarm, Ending ending) {
         std::unique_ptr<Semaphore> ended;
         {
@@ -213,7 +213,8 @@ public:
 private:
     TimerService() : _thread("Timer", this, 0, 0) {
         struct sigaction action {};
-        // Ignored, a signal interrupts nobody; the thread that blocks it gets it all the same.
+        // An ignored signal interrupts no system call. The thread that blocks it and waits for it still
+        // receives it.
         action.sa_handler = SIG_IGN;
         sigemptyset(&action.sa_mask);
         Check(::sigaction(kSignal, &action, nullptr), kActionRows);
@@ -246,15 +247,13 @@ private:
         }
         try {
             alarm->callback->OnTimer(expiry, userData);
-        } catch (const std::exception& e) {
-            _logger->Error("Exception in timer callback: %s", e.what());
         } catch (...) {
-            _logger->Error("Exception in timer callback: %s", "unknown");
+            _logger->Error("Exception in timer callback: %s", DescribeCaught());
         }
         const MutexAutoLock lock(&_mutex);
         _running = nullptr;
         if (!_waiting.empty()) {
-            // The callback may have started its timer again, but it is being stopped.
+            // The callback may have started its timer again, but another thread is stopping it.
             alarm->armed = false;
         }
         for (Semaphore* const ended : _waiting) {
@@ -268,7 +267,7 @@ private:
     Semaphore _ready{"TimerService::ready", 1, 0};
     unsigned int _nextId ZARIP_GUARDED_BY(_mutex) = 1;
     std::map<int, std::shared_ptr<Alarm>> _alarms ZARIP_GUARDED_BY(_mutex);
-    /// Whose callback runs, and those who wait for its end.
+    /// The alarm whose callback runs, and the threads that wait for its end.
     const Alarm* _running ZARIP_GUARDED_BY(_mutex) = nullptr;
     std::vector<Semaphore*> _waiting ZARIP_GUARDED_BY(_mutex);
     std::atomic<pid_t> _threadId{0};

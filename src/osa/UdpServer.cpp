@@ -4,11 +4,10 @@
 
 #include <cxxabi.h>
 
-#include <exception>
 #include <utility>
 
+#include "osa/DescribeCaught.h"
 #include "osa/UdpServerImpl.h"
-#include "osa/Wait.h"
 #include "zarip/osa/IUdpBufferAccept.h"
 #include "zarip/osa/SocketException.h"
 
@@ -28,11 +27,43 @@ void UdpServer::Impl::Open() {
     _socket = std::move(socket);
 }
 
-void UdpServer::Impl::StartThread(const char* name, UdpServer* server, unsigned int stackSize,
-                                  signed char priority) {
-    auto thread = std::make_unique<Thread>(name, server, stackSize, priority);
+void UdpServer::Impl::MakeThread(const ThreadPlan& plan) {
+    auto thread = std::make_unique<Thread>(plan.name, plan.server, plan.stackSize, plan.priority);
     thread->Run();
     _thread = std::move(thread);
+}
+
+void UdpServer::Impl::Start(IUdpBufferAccept* callback, const ThreadPlan& plan) {
+    const MutexAutoLock lock(&_mutex);
+    if (_thread != nullptr) {
+        return;
+    }
+    Open();
+    _callback = callback;
+    _running = true;
+    try {
+        MakeThread(plan);
+    } catch (...) {
+        _running = false;
+        _socket.reset();
+        throw;
+    }
+}
+
+bool UdpServer::Impl::OpenForLoop(const std::atomic<bool>& isWanted) {
+    const MutexAutoLock lock(&_mutex);
+    Open();
+    if (!isWanted) {
+        return false;
+    }
+    _running = true;
+    return true;
+}
+
+void UdpServer::Impl::CloseAfterLoop() {
+    const MutexAutoLock lock(&_mutex);
+    _running = false;
+    _socket.reset();
 }
 
 unsigned int UdpServer::Impl::ReceiveNewest(const UdpSocket& socket, UdpSocket::Info& info) {
@@ -45,14 +76,14 @@ unsigned int UdpServer::Impl::ReceiveNewest(const UdpSocket& socket, UdpSocket::
     return length;
 }
 
-/// False when the loop should look again at whether it is to go on.
+/// False if nothing was received; the loop then checks whether it still runs.
 bool UdpServer::Impl::Receive(const UdpSocket& socket, UdpSocket::Info& info, unsigned int& length) {
     try {
         length = ReceiveNewest(socket, info);
         return true;
     } catch (const std::exception& e) {
         if (!_running) {
-            return false;
+            return false;  // `Stop` has ended the wait
         }
         _logger.Error("Cannot receive a datagram: %s", e.what());
         if (!socket.PauseAfterFailure()) {
@@ -68,16 +99,11 @@ void UdpServer::Impl::Deliver(IUdpBufferAccept& callback, unsigned int length, c
         callback.AcceptBuffer(_buffer.data(), length, info);
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit ends the thread
-    } catch (const std::exception& e) {
-        if (failures == Failures::kThrow) {
-            throw;
-        }
-        _logger.Error("Caught exception handling datagram: %s", e.what());
     } catch (...) {
         if (failures == Failures::kThrow) {
             throw;
         }
-        _logger.Error("Caught exception handling datagram: unknown");
+        _logger.Error("Caught exception handling datagram: %s", DescribeCaught());
     }
 }
 
@@ -126,6 +152,33 @@ UdpServer::Impl::Stopped UdpServer::Impl::Stop() {
     return Stopped::kHasEnded;
 }
 
+void UdpServer::Impl::AddMembership(const std::string& group) {
+    const MutexAutoLock lock(&_mutex);
+    const auto [entry, isNew] = _groups.insert(group);
+    if (!isNew || _socket == nullptr) {
+        return;
+    }
+    try {
+        _socket->AddMembership(group.c_str());
+    } catch (...) {
+        _groups.erase(entry);
+        throw;
+    }
+}
+
+void UdpServer::Impl::DropMembership(const std::string& group) {
+    const MutexAutoLock lock(&_mutex);
+    _groups.erase(group);
+    if (_socket != nullptr) {
+        _socket->DropMembership(group.c_str());
+    }
+}
+
+unsigned short UdpServer::Impl::GetLocalPort() const {
+    const MutexAutoLock lock(&_mutex);
+    return _socket != nullptr ? _socket->GetLocalPort() : _port;
+}
+
 UdpServer::UdpServer(const std::string& address, unsigned short port, unsigned int bufferSize,
                      unsigned int options)
     : _impl(std::make_unique<Impl>(address, port, bufferSize, options)) {}
@@ -143,17 +196,16 @@ void UdpServer::Run() {
         throw Exception("UdpServer::Run(): Server has not been started");
     }
     try {
-        _impl->Loop(Impl::Failures::kLogAndGoOn);
+        _impl->Loop(Impl::Failures::kLogAndContinue);
         return;
     } catch (const abi::__forced_unwind&) {
-        _impl->_running = false;
+        _impl->SetEnded();
         throw;
-    } catch (const std::exception& e) {
-        _impl->_logger.Error("The socket is lost, no datagrams are received any more: %s", e.what());
     } catch (...) {
-        _impl->_logger.Error("The socket is lost, no datagrams are received any more: unknown");
+        _impl->GetLogger().Error("The socket is lost, no datagrams are received any more: %s",
+                                 DescribeCaught());
     }
-    _impl->_running = false;
+    _impl->SetEnded();
 }
 
 void UdpServer::Stop() {
@@ -166,20 +218,7 @@ void UdpServer::Start(IUdpBufferAccept* callback, unsigned int stackSize, signed
     if (callback == nullptr) {
         throw Exception("UdpServer::Start(): pCallback was NULL");
     }
-    const MutexAutoLock lock(&_impl->_mutex);
-    if (_impl->_thread != nullptr) {
-        return;
-    }
-    _impl->Open();
-    _impl->_callback = callback;
-    _impl->_running = true;
-    try {
-        _impl->StartThread("UdpSocketThread", this, stackSize, priority);
-    } catch (...) {
-        _impl->_running = false;
-        _impl->_socket.reset();
-        throw;
-    }
+    _impl->Start(callback, {"UdpSocketThread", this, stackSize, priority});
 }
 
 void UdpServer::Start(IUdpBufferAccept* callback) {
@@ -187,34 +226,19 @@ void UdpServer::Start(IUdpBufferAccept* callback) {
 }
 
 bool UdpServer::IsRunning() const {
-    return _impl->_running;
+    return _impl->IsRunning();
 }
 
 void UdpServer::AddMembership(const std::string& group) {
-    const MutexAutoLock lock(&_impl->_mutex);
-    const auto [entry, isNew] = _impl->_groups.insert(group);
-    if (!isNew || _impl->_socket == nullptr) {
-        return;
-    }
-    try {
-        _impl->_socket->AddMembership(group.c_str());
-    } catch (...) {
-        _impl->_groups.erase(entry);
-        throw;
-    }
+    _impl->AddMembership(group);
 }
 
 void UdpServer::DropMembership(const std::string& group) {
-    const MutexAutoLock lock(&_impl->_mutex);
-    _impl->_groups.erase(group);
-    if (_impl->_socket != nullptr) {
-        _impl->_socket->DropMembership(group.c_str());
-    }
+    _impl->DropMembership(group);
 }
 
 unsigned short UdpServer::GetLocalPort() const {
-    const MutexAutoLock lock(&_impl->_mutex);
-    return _impl->_socket != nullptr ? _impl->_socket->GetLocalPort() : _impl->_port;
+    return _impl->GetLocalPort();
 }
 
 }  // namespace zarip::osa

@@ -43,7 +43,7 @@ void RequireOption(int fd, int level, int option, const char* failure) {
     }
 }
 
-/// False when the text is not a numeric address.
+/// False if the string is not a numeric address.
 bool Parse(const char* text, unsigned short port, SocketAddress& out) {
     const auto resolved = ResolveNumeric(text != nullptr ? text : "", port, AF_UNSPEC, false);
     if (resolved.empty()) {
@@ -140,7 +140,8 @@ void UdpSocket::OpenAndBindSocket(const char* address, bool reuse) {
     if (fd < 0) {
         Throw("Invalid Socket");
     }
-    // Two sockets with that option can be given the same free port, so there it is set when one was found.
+    // The system may give the same free port to two sockets with this option, so it is set after a free port
+    // was found.
     const bool isFreePort = _impl->port == 0;
     if (reuse && !isFreePort) {
         RequireOption(fd, SOL_SOCKET, SO_REUSEADDR, "setting SO_REUSEADDR");
@@ -187,8 +188,8 @@ void UdpSocket::SendTo(const unsigned char* data, unsigned int length, const cha
     }
 }
 
-/// False when nothing is there. A datagram with a bad checksum makes the descriptor ready and is then
-/// dropped.
+/// False if there is no datagram. One with a bad checksum makes the descriptor ready and is then dropped by
+/// the system.
 bool UdpSocket::Impl::ReceiveNow(int fd, unsigned char* buffer, unsigned int length, Info& info,
                                  unsigned int& received) const {
     if (fd < 0) {
@@ -264,15 +265,15 @@ unsigned short UdpSocket::GetLocalPort() const {
     return _impl->port;
 }
 
-/// Receives a datagram that waits already; false when none does.
+/// Receives a datagram that waits already; false if there is no such datagram.
 bool UdpSocket::ReceiveWaiting(unsigned char* buffer, unsigned int length, Info& info,
                                unsigned int& received) const {
     return _impl->ReceiveNow(_impl->ipv4.Get(), buffer, length, info, received) ||
            _impl->ReceiveNow(_impl->ipv6.Get(), buffer, length, info, received);
 }
 
-/// False when a descriptor is not a socket any more: other code may have closed it by mistake. Otherwise some
-/// shortage has made receiving fail, which is not tried again at full speed.
+/// False if a descriptor is not a socket any more, because other code has closed it by mistake. Otherwise a
+/// shortage has made receiving fail, and the pause keeps the caller from retrying at full speed.
 bool UdpSocket::PauseAfterFailure() const {
     for (const UniqueFd* fd : {&_impl->ipv4, &_impl->ipv6}) {
         int type = 0;
@@ -281,8 +282,7 @@ bool UdpSocket::PauseAfterFailure() const {
             return false;
         }
     }
-    WaitResult result{};
-    WaitForEither({-1, 0}, {-1, 0}, &_impl->cancel, NowMs() + kPauseMs, result);
+    Pause(kPauseMs, &_impl->cancel);
     return true;
 }
 

@@ -15,7 +15,7 @@ namespace zarip::osa {
 
 namespace {
 
-/// How long to wait without a descriptor for the cancel event before looking at it again.
+/// A cancel event without a descriptor is looked at this often.
 constexpr MonotonicMs kLookAgainMs = 200;
 
 }  // namespace
@@ -58,7 +58,7 @@ MonotonicMs NowMs() {
 
 namespace {
 
-/// Waits for one of two descriptors; false with errno when the system refuses.
+/// Waits for one of two descriptors; false with errno if the system refuses.
 bool Wait(const WaitFd (&fds)[2], CancelEvent* const (&cancels)[2], MonotonicMs until, WaitResult& result) {
     pollfd descriptors[] = {
         {fds[0].fd, fds[0].events, 0}, {fds[1].fd, fds[1].events, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
@@ -107,6 +107,11 @@ WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until,
 
 bool WaitForEither(WaitFd first, WaitFd second, CancelEvent* cancel, MonotonicMs until, WaitResult& result) {
     return Wait({first, second}, {cancel, nullptr}, until, result);
+}
+
+void Pause(MonotonicMs duration, CancelEvent* cancel) {
+    WaitResult result{};
+    WaitForEither({-1, 0}, {-1, 0}, cancel, NowMs() + duration, result);
 }
 
 }  // namespace zarip::osa

@@ -4,11 +4,11 @@
 
 #include <atomic>
 
+#include "zarip/osa/Timeout.h"
+
 namespace zarip::osa {
 
-constexpr unsigned int kWaitForEver = 0xFFFFFFFFU;
-
-/// A request to stop waiting, which is never taken back. *Thread-safe*. Its descriptor is made when somebody
+/// A request to stop waiting, which is never taken back. *Thread-safe*. Its descriptor is made when a thread
 /// first has to wait, so a connection that never waits costs none.
 class CancelEvent {
 public:
@@ -20,7 +20,7 @@ public:
     void Cancel();
     bool IsCancelled() const { return _cancelled; }
 
-    /// Readable once cancelled; -1 when the system gives none.
+    /// Readable once cancelled; -1 if the system refuses one.
     int GetFd();
 
 private:
@@ -36,9 +36,9 @@ MonotonicMs NowMs();
 
 enum class WaitResult { kReady, kTimeout, kCancelled };
 
-/// Waits until the descriptor is ready for `events` (of poll), one of the events is cancelled or the time has
-/// come. A signal does not end the wait. Either event may be null. Throws SocketException "select failed:
-/// ...".
+/// Waits until the descriptor is ready for `events` (of poll), one of the cancel events is cancelled or the
+/// time has come. A signal does not end the wait. Either cancel event may be null. Throws SocketException
+/// "select failed: ...".
 WaitResult WaitFor(int fd, short events, CancelEvent* cancel, MonotonicMs until,
                    CancelEvent* other = nullptr);
 
@@ -47,8 +47,10 @@ struct WaitFd {
     short events;
 };
 
-/// The same for the first of two descriptors, either of which may be -1. False, with errno, when waiting
-/// fails.
+/// Waits until one of two descriptors is ready; either may be -1. False, with errno, if waiting fails.
 bool WaitForEither(WaitFd first, WaitFd second, CancelEvent* cancel, MonotonicMs until, WaitResult& result);
+
+/// Waits for that long, or until the event is cancelled. The event may be null.
+void Pause(MonotonicMs duration, CancelEvent* cancel);
 
 }  // namespace zarip::osa

@@ -25,9 +25,9 @@ DelimitedStreamBuf::int_type DelimitedStreamBuf::underflow() {
     if (_source->bad() || (length == 0 && atEnd)) {
         return traits_type::eof();
     }
-    _source->clear();  // an empty line counts as a failure to the stream
+    _source->clear();  // for the stream, an empty line is a failure
 
-    // What follows is the line feed or, behind the first piece of a long line, the line's next character.
+    // The next character is the line feed or, after the first piece of a long line, a character of the line.
     const int_type next = atEnd ? traits_type::eof() : _source->peek();
     const bool isNone = traits_type::eq_int_type(next, traits_type::eof());
     const bool lineEnds = isNone || next == '\n';

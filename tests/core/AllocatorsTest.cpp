@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 
 namespace zarip::core {
 namespace {
@@ -101,41 +102,35 @@ TEST_P(AllocatorTest, MisuseIsFoundAndChangesNothing) {
 TEST_P(AllocatorTest, ThreadsShareItAndFreeWhatOthersAllocated) {
     std::mutex mutex;
     std::deque<std::uint32_t*> handed;
-    std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    for (std::uint32_t id = 1; id <= 4; ++id) {
-        threads.emplace_back([&, id] {
-            std::mt19937 random(id);
-            for (int i = 0; i < 5'000; ++i) {
-                try {
-                    auto* const memory =
-                        static_cast<std::uint32_t*>(_allocator->Allocate(16 + random() % 100));
-                    memory[0] = id;
-                    memory[3] = ~id;
-                    const std::lock_guard<std::mutex> lock(mutex);
-                    handed.push_back(memory);
-                } catch (const AllocationException&) {
-                    // Full: somebody else's turn to free.
-                }
-                std::uint32_t* taken = nullptr;
-                {
-                    const std::lock_guard<std::mutex> lock(mutex);
-                    if (handed.size() > 20) {
-                        const std::size_t which = random() % 4;
-                        taken = handed[which];
-                        handed.erase(handed.begin() + static_cast<std::ptrdiff_t>(which));
-                    }
-                }
-                if (taken != nullptr) {
-                    wrong += taken[0] == ~taken[3] ? 0 : 1;
-                    _allocator->Free(taken);
+    test::InThreads(4, [&](int thread) {
+        const auto id = static_cast<std::uint32_t>(thread + 1);
+        std::mt19937 random(id);
+        for (int i = 0; i < 5'000; ++i) {
+            try {
+                auto* const memory = static_cast<std::uint32_t*>(_allocator->Allocate(16 + random() % 100));
+                memory[0] = id;
+                memory[3] = ~id;
+                const std::lock_guard<std::mutex> lock(mutex);
+                handed.push_back(memory);
+            } catch (const AllocationException&) {
+                // The memory is full, so another thread has to free some.
+            }
+            std::uint32_t* taken = nullptr;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (handed.size() > 20) {
+                    const std::size_t which = random() % 4;
+                    taken = handed[which];
+                    handed.erase(handed.begin() + static_cast<std::ptrdiff_t>(which));
                 }
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            if (taken != nullptr) {
+                wrong += taken[0] == ~taken[3] ? 0 : 1;
+                _allocator->Free(taken);
+            }
+        }
+    });
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(_allocator->GetStatistics().count, handed.size());
     for (std::uint32_t* memory : handed) {
@@ -154,17 +149,11 @@ TEST(PoolAllocatorTest, EveryBlockIsServedWhicheverThreadFreedIt) {
         }
         EXPECT_EQ(ErrorOf([&] { pool.Allocate(1, 1); }), "out of memory: all blocks of the pool are in use");
         // From several threads, and so to several lists.
-        std::vector<std::thread> threads;
-        for (std::size_t part = 0; part < 5; ++part) {
-            threads.emplace_back([&, part] {
-                for (std::size_t i = part; i < blocks.size(); i += 5) {
-                    pool.Free(blocks[i]);
-                }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        test::InThreads(5, [&](int part) {
+            for (auto i = static_cast<std::size_t>(part); i < blocks.size(); i += 5) {
+                pool.Free(blocks[i]);
+            }
+        });
     }
     const auto statistics = pool.GetStatistics();
     EXPECT_EQ(statistics.peak, 2'400U);
@@ -196,7 +185,7 @@ TEST(RingAllocatorTest, MemoryReturnsInOrderWhateverTheOrderOfFreeing) {
     EXPECT_EQ(b, a + 300);
     EXPECT_EQ(c, a + 600);
     EXPECT_THROW(ring.Allocate(200, 1), AllocationException);
-    ring.Free(b);  // behind the one before it, so nothing has returned
+    ring.Free(b);  // it follows one that is in use, so nothing becomes available
     EXPECT_THROW(ring.Allocate(200, 1), AllocationException);
     EXPECT_EQ(ErrorOf([&] { ring.Free(b); }), "the memory was freed before");
     ring.Free(a);

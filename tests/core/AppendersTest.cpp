@@ -14,7 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <zarip/core/CompositeAppender.h>
 #include <zarip/core/FileAppender.h>
@@ -27,11 +26,12 @@
 #include <zarip/osa/Exception.h>
 
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/TempDir.h"
 
 namespace {
 
-/// What the program under test told the system logger: these stand in for the C library's functions.
+/// The calls of the system logger. These functions replace those of the C library.
 struct SystemLog {
     const char* ident = nullptr;  // the pointer that was given, as the C library keeps it
     int option = -1;
@@ -196,18 +196,12 @@ TEST(FileAppenderTest, OwnedStreamsAreClosedAndOthersStay) {
 TEST(FileAppenderTest, ThreadsDoNotMixTheirRecords) {
     const TempDir folder;
     const FileAppender appender(folder.File("log").c_str());
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            const std::string text(static_cast<std::size_t>(100 + 1000 * i), static_cast<char>('a' + i));
-            for (int n = 0; n < 100; ++n) {
-                Append(appender, 3, "t", "l", "%s", text.c_str());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(4, [&](int i) {
+        const std::string text(static_cast<std::size_t>(100 + 1000 * i), static_cast<char>('a' + i));
+        for (int n = 0; n < 100; ++n) {
+            Append(appender, 3, "t", "l", "%s", text.c_str());
+        }
+    });
     std::size_t lines = 0;
     for (const std::string& line : StringUtil::Split(folder.Read("log"), '\n')) {
         if (line.empty()) {

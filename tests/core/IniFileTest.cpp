@@ -167,7 +167,8 @@ TEST(IniFileTest, SaveReplacesTheFileInOneStep) {
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0640U);
     char first = 0;
-    EXPECT_EQ(::read(reader, &first, 1), 1);  // whoever had it open still has the old file, whole
+    EXPECT_EQ(::read(reader, &first, 1),
+              1);  // a process that had the file open still has the complete old file
     EXPECT_EQ(first, 'o');
     ::close(reader);
 

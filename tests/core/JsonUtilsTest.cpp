@@ -5,11 +5,12 @@
 #include <cajun/json/elements.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <limits>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/ErrorOf.h"
 
 namespace zarip::core {
 namespace {
@@ -17,13 +18,9 @@ namespace {
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinite = std::numeric_limits<double>::infinity();
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const json::Exception& e) {
-        return e.what();
-    }
-    return "no exception";
+template <class Action>
+std::string ErrorOf(Action action) {
+    return test::ErrorOf<json::Exception>(action);
 }
 
 std::string Repeat(const std::string& text, int count) {

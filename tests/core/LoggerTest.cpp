@@ -21,6 +21,8 @@
 #include <zarip/osa/Runnable.h>
 #include <zarip/osa/Thread.h>
 
+#include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -65,15 +67,6 @@ void LogAtEveryLevel(const Logger& logger) {
     logger.Trace("trace");
 }
 
-std::string MessageOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const osa::Exception& e) {
-        return e.what();
-    }
-    return "nothing was thrown";
-}
-
 TEST(LoggerTest, LevelsHaveNames) {
     const char* const names[] = {"FATAL",  "ALERT", "CRIT",  "ERROR", "WARN",
                                  "NOTICE", "INFO",  "DEBUG", "TRACE"};
@@ -87,7 +80,7 @@ TEST(LoggerTest, LevelsHaveNames) {
         EXPECT_STREQ(Logger::GetLevelString(static_cast<Logger::LogLevel>(other)), "UNKNOWN");
     }
     for (const char* const name : {"warn", "WARNING", "UNKNOWN", "", "4"}) {
-        EXPECT_EQ(MessageOf([&] { Logger::GetLevel(name); }), "Invalid log level");
+        EXPECT_EQ(test::ErrorOf([&] { Logger::GetLevel(name); }), "Invalid log level");
     }
 }
 
@@ -288,21 +281,15 @@ TEST(LoggerTest, LocksOfListAndRegistryDoNotCross) {
     const FunctionAppender appender(
         [&](auto...) { Logger::GetLogger("appender" + std::to_string(++handled % 50)); });
     Logger::AddAppender(&appender, false);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([i] {
-            MemoryAppender memory;
-            for (int n = 0; n < 200; ++n) {
-                Logger::AddAppender(&memory, false);
-                Logger::GetLogger("thread" + std::to_string(i) + std::to_string(n % 7))->Error("%d", n);
-                Logger::SetLevelDefault(n % 2 == 0 ? Logger::kError : Logger::kTrace, true);
-                Logger::RemoveAppender(&memory);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(3, [&](int i) {
+        MemoryAppender memory;
+        for (int n = 0; n < 200; ++n) {
+            Logger::AddAppender(&memory, false);
+            Logger::GetLogger("thread" + std::to_string(i) + std::to_string(n % 7))->Error("%d", n);
+            Logger::SetLevelDefault(n % 2 == 0 ? Logger::kError : Logger::kTrace, true);
+            Logger::RemoveAppender(&memory);
+        }
+    });
     Logger::RemoveAppender(&appender);
     EXPECT_EQ(handled, 600);
 }
@@ -356,7 +343,7 @@ TEST(LoggerTest, ForkedChildCanLog) {
         if (message == "from an appender") {
             const pid_t child = ::fork();
             if (child == 0) {
-                return;  // goes on below the call that logged
+                return;  // the child continues after the call that has logged
             }
             int status = -1;
             ::waitpid(child, &status, 0);
@@ -418,10 +405,10 @@ TEST(LoggerTest, ConfigurationAddsChannelsAndSetsTheLevel) {
     EXPECT_FALSE(later->IsEnabled(Logger::kNotice));
 
     ini.SetValue("log", "log.level", "debug");
-    EXPECT_EQ(MessageOf([&] { Logger::ConfigureLogging(ini, "log"); }),
+    EXPECT_EQ(test::ErrorOf([&] { Logger::ConfigureLogging(ini, "log"); }),
               "value log.level must be a valid integer");
     ini.SetValue("log", "log.file", folder.File("missing/service.log"));
-    EXPECT_EQ(MessageOf([&] { Logger::ConfigureLogging(ini, "log"); }),
+    EXPECT_EQ(test::ErrorOf([&] { Logger::ConfigureLogging(ini, "log"); }),
               "Failed to open file " + folder.File("missing/service.log") + "for modea");
     Logger::ConfigureLogging(IniFile(), "no such group");
     EXPECT_TRUE(existing->IsEnabled(Logger::kInformation));

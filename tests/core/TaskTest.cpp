@@ -286,7 +286,7 @@ TEST_F(TaskTest, TasksRunInDueOrderAndThoseDueAtTheSameTimeAsTheyWereQueued) {
     }
 }
 
-// By the real clock a due time is known to lie between two looks at the clock around the queuing.
+// With the real clock, a due time is between the times that are read before and after queuing.
 TEST_F(TaskTest, TasksWithAndWithoutDelaysKeepTheOrderOfTheRealClock) {
     using Clock = std::chrono::steady_clock;
     struct Due {

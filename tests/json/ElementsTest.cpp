@@ -8,14 +8,6 @@
 
 namespace {
 
-using json::Array;
-using json::Boolean;
-using json::Null;
-using json::Number;
-using json::Object;
-using json::String;
-using json::UnknownElement;
-
 static_assert(std::is_nothrow_move_constructible_v<UnknownElement>);
 static_assert(std::is_nothrow_move_assignable_v<UnknownElement>);
 static_assert(std::is_base_of_v<std::runtime_error, json::Exception>);
@@ -47,7 +39,7 @@ TEST(UnknownElement, ConstConversionRefusesEveryOtherType) {
         std::string types;
         const auto attempt = [&types](char letter, auto convert) {
             const std::string text = TextOfException(convert);
-            types += text == "nothing thrown" ? letter : text == "Bad cast" ? '.' : '?';
+            types += text == "no exception" ? letter : text == "Bad cast" ? '.' : '?';
         };
         attempt('A', [&] { static_cast<const Array&>(element).Size(); });
         attempt('O', [&] { static_cast<const Object&>(element).Size(); });

@@ -9,7 +9,17 @@
 #include <cajun/json/reader.h>
 #include <cajun/json/writer.h>
 
-/// Reads a document of the kind asked for.
+#include "support/ErrorOf.h"
+
+using json::Array;
+using json::Boolean;
+using json::Null;
+using json::Number;
+using json::Object;
+using json::String;
+using json::UnknownElement;
+
+/// Reads a document of the requested kind.
 template <class Element = json::UnknownElement>
 Element Parse(const std::string& text) {
     std::istringstream stream(text);
@@ -27,10 +37,5 @@ std::string ToText(const Element& element, Pretty... pretty) {
 
 template <class Call>
 std::string TextOfException(Call call) {
-    try {
-        call();
-    } catch (const json::Exception& exception) {
-        return exception.what();
-    }
-    return "nothing thrown";
+    return zarip::test::ErrorOf<json::Exception>(call);
 }

@@ -11,14 +11,6 @@
 
 namespace {
 
-using json::Array;
-using json::Boolean;
-using json::Null;
-using json::Number;
-using json::Object;
-using json::String;
-using json::UnknownElement;
-
 static_assert(std::is_base_of_v<json::Exception, json::Reader::ScanException>);
 static_assert(std::is_base_of_v<json::Exception, json::Reader::ParseException>);
 
@@ -192,7 +184,7 @@ TEST(Reader, RefusesADocumentOfAnotherTypeAndKeepsTheElement) {
     Object object = Parse<Object>(R"({"kept":1})");
     for (const char* text : {"[]", "{\"a\":1", "{\"a\":2}x", ""}) {
         std::istringstream stream(text);
-        EXPECT_NE(TextOfException([&] { json::Reader::Read(object, stream); }), "nothing thrown");
+        EXPECT_NE(TextOfException([&] { json::Reader::Read(object, stream); }), "no exception");
         EXPECT_EQ(ToText(object), R"({"kept":1})");
     }
 }
@@ -263,7 +255,7 @@ TEST(Reader, TakesTheWholeStreamAndNoMore) {
     std::ifstream missing("/nonexistent/file");
     EXPECT_EQ(TextOfException([&] { json::Reader::Read(element, missing); }), "Unexpected end of document");
 
-    // A document of many reads, from the place where the stream stands.
+    // A document that takes many reads, from the present position of the stream.
     const std::string text = "[" + Repeat("\"0123456789\", ", 20000) + "null]";
     std::istringstream longText("skipped" + text);
     longText.ignore(7);

@@ -11,12 +11,6 @@
 
 namespace {
 
-using json::Array;
-using json::Number;
-using json::Object;
-using json::String;
-using json::UnknownElement;
-
 TEST(Writer, PrettyAndCompactText) {
     const UnknownElement document =
         Parse(R"({"numbers":[1,2.5],"none":[],"nothing":{},"nested":[{"a":null,"b":[[true]]}]})");

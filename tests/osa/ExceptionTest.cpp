@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <new>
 #include <string>
-#include <type_traits>
-#include <utility>
 
-// The thread sanitizer has these operators to itself.
+#include "support/ErrorOf.h"
+
+// The thread sanitizer defines these operators itself.
 #if defined(__SANITIZE_THREAD__)
 #define MEMORY_CAN_RUN_OUT 0
 #elif defined(__has_feature)
@@ -62,7 +62,7 @@ TEST(ExceptionTest, TheMessageIsBuiltAsPrintfDoes) {
     EXPECT_EQ(Exception::kUnimplemented, "unimplemented");
 }
 
-TEST(ExceptionTest, AMessageGivenAsAStringIsNoFormat) {
+TEST(ExceptionTest, AMessageGivenAsAStringIsNotAFormat) {
     const std::string hostile = "100%s %n %d";
     EXPECT_EQ(Exception(hostile).ToString(), hostile);
     EXPECT_EQ(IOException(hostile).ToString(), hostile);
@@ -71,7 +71,7 @@ TEST(ExceptionTest, AMessageGivenAsAStringIsNoFormat) {
 }
 
 TEST(ExceptionTest, AMessageThatCannotBeFormattedIsEmpty) {
-    // No character of the C locale.
+    // The C locale does not have this character.
     const wchar_t unknown[] = {L'a', 0x20AC, 0};
     EXPECT_STREQ(Exception("%s%ls", "text", unknown).what(), "");
 }
@@ -116,69 +116,33 @@ TEST(ExceptionTest, ACopyLosesTheLocationAndAnAssignmentKeepsIt) {
     EXPECT_EQ(other.ToString(), "lock");
 }
 
-TEST(ExceptionTest, CodesSurviveThrowingCopyingAndAssigning) {
-    const std::pair<LockException::LockError, int> lockErrors[] = {
-        {LockException::LockFailed, 0}, {LockException::LockTimeout, 1}, {LockException::LockInvalid, 2}};
-    for (const auto& [code, value] : lockErrors) {
-        EXPECT_EQ(static_cast<int>(code), value);
-        try {
-            throw LockException("text", code);
-        } catch (const Exception& caught) {
-            const auto copy = dynamic_cast<const LockException&>(caught);
-            EXPECT_EQ(copy.GetError(), code);
-            EXPECT_EQ(copy.ToString(), "text");
-        }
-    }
-    const std::pair<SocketException::SocketError, int> socketErrors[] = {
-        {SocketException::SocketTimeout, 0},
-        {SocketException::SocketConfigError, 1},
-        {SocketException::SocketAddressError, 2},
-        {SocketException::SocketGeneralError, 3}};
-    for (const auto& [code, value] : socketErrors) {
-        EXPECT_EQ(static_cast<int>(code), value);
-        const SocketException original("text", code);
-        const SocketException copy(original);
-        SocketException assigned("other", SocketException::SocketTimeout);
-        assigned = original;
-        EXPECT_EQ(copy.GetError(), code);
-        EXPECT_EQ(assigned.GetError(), code);
-        EXPECT_EQ(assigned.ToString(), "text");
-    }
-    const Signal signal(2);
-    const Signal copy(signal);
-    Signal assigned(15);
-    EXPECT_STREQ(assigned.what(), "signal: 15");
-    assigned = signal;
-    EXPECT_EQ(copy.GetSignal(), 2);
-    EXPECT_EQ(assigned.GetSignal(), 2);
-    EXPECT_STREQ(copy.what(), "signal: 2");
-    EXPECT_STREQ(assigned.what(), "signal: 2");
+// The codes are a part of the interface.
+static_assert(LockException::LockFailed == 0 && LockException::LockTimeout == 1);
+static_assert(LockException::LockInvalid == 2);
+static_assert(SocketException::SocketTimeout == 0 && SocketException::SocketConfigError == 1);
+static_assert(SocketException::SocketAddressError == 2 && SocketException::SocketGeneralError == 3);
+
+/// The outcome of throwing a copy and catching it as the root and as std::exception.
+template <class Thrown>
+std::string Catch(const Thrown& exception) {
+    const auto thrown = [&] { throw exception; };
+    return test::ErrorOf<Exception>(thrown) + "/" + test::ErrorOf<std::exception>(thrown);
 }
 
 TEST(ExceptionTest, EveryClassIsCaughtAsTheRootAndAsStdException) {
-    static_assert(std::is_base_of_v<std::exception, Exception>);
-    static_assert(std::is_base_of_v<Exception, IOException>);
-    static_assert(std::is_base_of_v<Exception, LockException>);
-    static_assert(std::is_base_of_v<Exception, SocketException>);
-    static_assert(std::is_base_of_v<Exception, Signal>);
-    const auto caughtAs = [](auto&& exception) {
-        std::string found;
-        try {
-            throw exception;
-        } catch (const Exception& e) {
-            found = e.ToString();
-        }
-        try {
-            throw exception;
-        } catch (const std::exception& e) {
-            found += std::string("/") + e.what();
-        }
-        return found;
-    };
-    EXPECT_EQ(caughtAs(IOException("io")), "io/io");
-    EXPECT_EQ(caughtAs(LockException("lock", LockException::LockFailed)), "lock/lock");
-    EXPECT_EQ(caughtAs(SocketException("socket", SocketException::SocketTimeout)), "socket/socket");
-    EXPECT_EQ(caughtAs(Signal(9)), "signal: 9/signal: 9");
+    EXPECT_EQ(Catch(IOException("io")), "io/io");
+    EXPECT_EQ(Catch(LockException("lock", LockException::LockFailed)), "lock/lock");
+    EXPECT_EQ(Catch(SocketException("socket", SocketException::SocketTimeout)), "socket/socket");
+    EXPECT_EQ(Catch(Signal(9)), "signal: 9/signal: 9");
+}
+
+TEST(ExceptionTest, CodesSurviveThrowing) {
+    const auto lock = [] { throw LockException("text", LockException::LockInvalid); };
+    EXPECT_EQ(test::OutcomeOf<LockException>(lock), (test::Outcome{"text", 2}));
+    const auto socket = [] { throw SocketException("text", SocketException::SocketGeneralError); };
+    EXPECT_EQ(test::OutcomeOf<SocketException>(socket), (test::Outcome{"text", 3}));
+    const Signal signal(2);
+    EXPECT_EQ(Signal(signal).GetSignal(), 2);
 }
 
 }  // namespace

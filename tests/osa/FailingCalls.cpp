@@ -23,10 +23,10 @@ thread_local FailingCall* t_failing = nullptr;
 thread_local bool t_clockIsAhead = false;
 thread_local bool t_clockIsBack = false;
 
-/// The function behind the one that is defined here: the sanitizer's where there is one, else the C
-/// library's.
+/// The function that the one of this file replaces: that of the sanitizer if there is one, otherwise that of
+/// the C library.
 template <class Function>
-Function* Behind(Function* sanitizers, const char* name) {
+Function* Replaced(Function* sanitizers, const char* name) {
     if (sanitizers != nullptr) {
         return sanitizers;
     }
@@ -72,14 +72,14 @@ void SetClockBackForOneLook() {
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier)
-#define CAN_FAIL_AS(specifier, type, function, parameters, arguments)                             \
-    __attribute__((weak)) type __interceptor_##function parameters;                               \
-    __attribute__((visibility("default"))) type function parameters specifier {                   \
-        if (const FailingCall* call = FailingCall::Find(#function)) {                             \
-            return call->Result();                                                                \
-        }                                                                                         \
-        static const auto behind = Behind<type parameters>(&__interceptor_##function, #function); \
-        return behind arguments;                                                                  \
+#define CAN_FAIL_AS(specifier, type, function, parameters, arguments)                                 \
+    __attribute__((weak)) type __interceptor_##function parameters;                                   \
+    __attribute__((visibility("default"))) type function parameters specifier {                       \
+        if (const FailingCall* call = FailingCall::Find(#function)) {                                 \
+            return call->Result();                                                                    \
+        }                                                                                             \
+        static const auto replaced = Replaced<type parameters>(&__interceptor_##function, #function); \
+        return replaced arguments;                                                                    \
     }
 
 #define CAN_FAIL(function, parameters, arguments) CAN_FAIL_AS(noexcept, int, function, parameters, arguments)
@@ -121,9 +121,9 @@ __attribute__((visibility("default"))) int pthread_cond_clockwait(pthread_cond_t
         ::pthread_mutex_lock(mutex);
         return result;
     }
-    static const auto behind = Behind<decltype(pthread_cond_clockwait)>(&__interceptor_pthread_cond_clockwait,
-                                                                        "pthread_cond_clockwait");
-    return behind(condition, mutex, clock, end);
+    static const auto replaced = Replaced<decltype(pthread_cond_clockwait)>(
+        &__interceptor_pthread_cond_clockwait, "pthread_cond_clockwait");
+    return replaced(condition, mutex, clock, end);
 }
 
 // Folders only.
@@ -134,15 +134,15 @@ __attribute__((visibility("default"))) int fsync(int fd) {
     if (call != nullptr && ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
         return call->Result();
     }
-    static const auto behind = Behind<int(int)>(&__interceptor_fsync, "fsync");
-    return behind(fd);
+    static const auto replaced = Replaced<int(int)>(&__interceptor_fsync, "fsync");
+    return replaced(fd);
 }
 
 // It fails as that of a file system does, which closes all the same.
 __attribute__((weak)) int __interceptor_close(int fd);
 __attribute__((visibility("default"))) int close(int fd) {
-    static const auto behind = Behind<int(int)>(&__interceptor_close, "close");
-    const int result = behind(fd);
+    static const auto replaced = Replaced<int(int)>(&__interceptor_close, "close");
+    const int result = replaced(fd);
     const FailingCall* const call = FailingCall::Find("close");
     return call != nullptr ? call->Result() : result;
 }

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-/// The calling thread's next look at the clock by gettimeofday shows 1970.
+/// The next call of gettimeofday on the calling thread returns a time of 1970.
 void SetClockBackForOneLook();
 
 /// Makes one call of the C library fail for the calling thread, for the length of a scope. The functions that
@@ -30,8 +30,8 @@ private:
     FailingCall* _outer;
 };
 
-/// For the length of a scope the calling thread's first look at the real-time clock is an hour ahead of the
-/// later ones, as if the clock had been set back in between.
+/// For the length of a scope, the first time that the calling thread reads from the real-time clock is an
+/// hour ahead of the later ones, as if the clock had been set back in between.
 class ClockSetBack {
 public:
     ClockSetBack();

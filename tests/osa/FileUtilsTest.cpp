@@ -218,7 +218,8 @@ TEST(FileUtilsTest, Copies) {
     } rows[] = {
         {"none", "new", Failed("read", folder.File("none"), kNotThere)},
         {"folder", "new", Failed("read", folder.File("folder"), kIsFolder)},
-        {"fifo", "new", Failed("read", folder.File("fifo"), kInvalid)},  // and nobody waits for its other end
+        {"fifo", "new",
+         Failed("read", folder.File("fifo"), kInvalid)},  // and it does not wait for its other end
         {"old", "folder", Failed("write", folder.File("folder"), kIsFolder)},
         {"old", "fifo", Failed("write", folder.File("fifo"), kInvalid)},
         {"old", "no/file", Failed("write", folder.File("no/file"), kNotThere)},

@@ -5,32 +5,16 @@
 #include <zarip/osa/LockException.h>
 
 #include <future>
-#include <ostream>
-#include <string>
 #include <thread>
 #include <utility>
 
-/// The text and the code of the LockException that an operation throws; {"", -1} when it throws nothing.
-struct LockOutcome {
-    std::string text;
-    int code = -1;
+#include "support/ErrorOf.h"
 
-    friend bool operator==(const LockOutcome& a, const LockOutcome& b) {
-        return a.text == b.text && a.code == b.code;
-    }
-    friend std::ostream& operator<<(std::ostream& out, const LockOutcome& outcome) {
-        return out << '"' << outcome.text << "\" with code " << outcome.code;
-    }
-};
+using LockOutcome = zarip::test::Outcome;
 
 template <class Operation>
 LockOutcome OutcomeOf(Operation operation) {
-    try {
-        operation();
-    } catch (const zarip::osa::LockException& e) {
-        return {e.ToString(), static_cast<int>(e.GetError())};
-    }
-    return {};
+    return zarip::test::OutcomeOf<zarip::osa::LockException>(operation);
 }
 
 /// Runs an operation on a thread of its own, waits for it and returns what it returns.

@@ -16,10 +16,10 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "osa/FailingCalls.h"
 #include "osa/LockTestSupport.h"
+#include "support/InThreads.h"
 
 // Releasing what one does not hold is what these tests are about; the thread sanitizer need not report it.
 extern "C" const char* __tsan_default_suppressions();   // NOLINT(bugprone-reserved-identifier)
@@ -126,33 +126,27 @@ TEST_F(MutexTest, WaitersGetTheLockWhenItIsReleased) UNCHECKED {
 TEST_F(MutexTest, OneThreadAtATimeGetsIn) UNCHECKED {
     constexpr int kRounds = 5'000;
     int counter = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i]() UNCHECKED {
-            for (int round = 0; round < kRounds; ++round) {
-                switch ((i + round) % 4) {
-                    case 0:
-                        mutex.Lock();
-                        break;
-                    case 1:
-                        mutex.Lock(600'000);
-                        break;
-                    case 2:
-                        while (!mutex.TryLock()) {
-                            std::this_thread::yield();
-                        }
-                        break;
-                    default:
-                        EXPECT_TRUE(mutex.TryLockFor(600'000));
-                }
-                ++counter;
-                mutex.Release();
+    test::InThreads(4, [&](int i) UNCHECKED {
+        for (int round = 0; round < kRounds; ++round) {
+            switch ((i + round) % 4) {
+                case 0:
+                    mutex.Lock();
+                    break;
+                case 1:
+                    mutex.Lock(600'000);
+                    break;
+                case 2:
+                    while (!mutex.TryLock()) {
+                        std::this_thread::yield();
+                    }
+                    break;
+                default:
+                    EXPECT_TRUE(mutex.TryLockFor(600'000));
             }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+            ++counter;
+            mutex.Release();
+        }
+    });
     EXPECT_EQ(counter, 4 * kRounds);
 }
 
@@ -246,20 +240,14 @@ TEST(InterlockedTest, CountersChangeByOneAndReturnTheNewValue) {
 
     int shared = 0;
     int own = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 2'000; ++round) {
-                Interlocked::Increment(shared);
-                Interlocked::Increment(shared);
-                Interlocked::Decrement(shared);
-                object.Increment(own);
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(4, [&](int) {
+        for (int round = 0; round < 2'000; ++round) {
+            Interlocked::Increment(shared);
+            Interlocked::Increment(shared);
+            Interlocked::Decrement(shared);
+            object.Increment(own);
+        }
+    });
     EXPECT_EQ(shared, 8'000);
     EXPECT_EQ(own, 8'000);
 }

@@ -11,10 +11,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/PrivateBus.h"
 
 namespace zarip::osa {
@@ -106,15 +106,9 @@ TEST_F(NetworkUtilsQueryTest, WithoutAProviderTheServiceOnTheBusIsAsked) {
     test::PrivateBus::Get();
     EXPECT_EQ(ErrorOf(NetworkUtils::GetIpAddress), "Failed to determine our IP address");
 
-    // Made once, however many ask.
+    // It is made once, however many threads ask.
     std::vector<INetworkingV2Provider*> providers(4);
-    std::vector<std::thread> threads;
-    for (auto& provider : providers) {
-        threads.emplace_back([&provider] { provider = NetworkUtils::GetProvider(); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(4, [&](int i) { providers[static_cast<std::size_t>(i)] = NetworkUtils::GetProvider(); });
     EXPECT_EQ(providers, std::vector<INetworkingV2Provider*>(4, NetworkUtils::GetProvider()));
 
     msgbus::MsgBus bus;

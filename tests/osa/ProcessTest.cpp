@@ -23,6 +23,7 @@
 
 #include "osa/FailingCalls.h"
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/SmallStack.h"
 #include "support/TempDir.h"
 #include "zarip/core/Logger.h"
@@ -93,7 +94,7 @@ TEST(ProcessTest, RedirectsStreams) {
     options.input = Redirect::File(folder.File("in"));
     EXPECT_EQ(OutputOf("sh", script, options), "input\nerror\n");
 
-    // Nobody writes to it, and then somebody does.
+    // At first it has no writer, and then it has one.
     ASSERT_EQ(::mkfifo(folder.File("fifo").c_str(), 0600), 0);
     options.input = Redirect::File(folder.File("fifo"));
     EXPECT_EQ(OutputOf("sh", script, options), "error\n");
@@ -190,7 +191,7 @@ TEST(ProcessTest, FailsToStart) {
     EXPECT_EQ(zombie.si_pid, 0);
 }
 
-/// Descriptors that somebody opened for himself, and signals that our processes ignore or block.
+/// Descriptors that other code has opened, and signals that our processes ignore or block.
 class Untidy {
 public:
     Untidy() {
@@ -474,7 +475,7 @@ TEST(ProcessTest, KeepsToItsOwnProgram) {
     EXPECT_EQ(::waitpid(other, &status, 0), other);
     EXPECT_EQ(WEXITSTATUS(status), 3);
 
-    // Nor does it wait for ever where somebody else has reaped it.
+    // It does not wait for ever either if other code has reaped the program.
     Process reaped("sh", {"-c", "exit 3"});
     EXPECT_EQ(::waitpid(reaped.GetPid(), nullptr, 0), reaped.GetPid());
     EXPECT_TRUE(reaped.Wait());
@@ -494,25 +495,19 @@ TEST(ProcessTest, StartsFromManyThreads) {
             logger->Information("%s", string(500, 'x').c_str());
         }
     });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int j = 0; j < 25; ++j) {
-                Process::Options options;
-                options.input = options.output = Redirect::Pipe();
-                Process process("cat", {}, options);
-                PipeStream stream(process, 30);
-                stream << "text";
-                stream.CloseWrite();
-                EXPECT_EQ(stream.ReadAll(), "text");
-                EXPECT_TRUE(process.Wait());
-                EXPECT_EQ(process.GetExitStatus(), 0);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(4, [](int) {
+        for (int j = 0; j < 25; ++j) {
+            Process::Options options;
+            options.input = options.output = Redirect::Pipe();
+            Process process("cat", {}, options);
+            PipeStream stream(process, 30);
+            stream << "text";
+            stream.CloseWrite();
+            EXPECT_EQ(stream.ReadAll(), "text");
+            EXPECT_TRUE(process.Wait());
+            EXPECT_EQ(process.GetExitStatus(), 0);
+        }
+    });
     isDone = true;
     noise.join();
 }

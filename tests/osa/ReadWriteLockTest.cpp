@@ -8,9 +8,9 @@
 #include <future>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "osa/LockTestSupport.h"
+#include "support/InThreads.h"
 
 namespace zarip::osa {
 namespace {
@@ -53,7 +53,7 @@ TEST_F(ReadWriteLockTest, ManyReadersOrOneWriter) {
     lock.ReadLock();
     EXPECT_EQ(OnAnotherThread([this] { return Read(); }), kDone);
     EXPECT_EQ(Write(), kBusy);
-    // The refused writer left nothing behind.
+    // The refused writer holds nothing.
     EXPECT_EQ(Read(), kDone);
     lock.Release();
     lock.Release();
@@ -63,7 +63,7 @@ TEST_F(ReadWriteLockTest, ManyReadersOrOneWriter) {
     EXPECT_EQ(Write(), kDone);
     EXPECT_EQ(Read(), kBusy);
     EXPECT_EQ(OnAnotherThread([this] { return Write(); }), kBusy);
-    // Whoever calls it: the state alone decides.
+    // Any thread may release: the state alone decides.
     EXPECT_EQ(OnAnotherThread([this] { return Release(); }), kDone);
     EXPECT_EQ(Read(), kDone);
     lock.Release();
@@ -117,29 +117,23 @@ TEST_F(ReadWriteLockTest, WritersSeeNobodyElseAndReadersNoWriter) {
     std::atomic<int> readers{0};
     std::atomic<int> faults{0};
     int writes = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            for (int round = 0; round < 1'000; ++round) {
-                if ((round + i) % 4 == 0) {
-                    lock.WriteLock();
-                    faults += readers != 0;
-                    ++writes;
-                } else {
-                    lock.ReadLock();
-                    ++readers;
-                    const int before = writes;
-                    std::this_thread::yield();
-                    faults += writes != before;
-                    --readers;
-                }
-                lock.Release();
+    test::InThreads(4, [&](int i) {
+        for (int round = 0; round < 1'000; ++round) {
+            if ((round + i) % 4 == 0) {
+                lock.WriteLock();
+                faults += readers != 0;
+                ++writes;
+            } else {
+                lock.ReadLock();
+                ++readers;
+                const int before = writes;
+                std::this_thread::yield();
+                faults += writes != before;
+                --readers;
             }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+            lock.Release();
+        }
+    });
     EXPECT_EQ(faults, 0);
     EXPECT_EQ(writes, 1'000);
     EXPECT_EQ(Release(), kNoLocks);

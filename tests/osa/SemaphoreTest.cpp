@@ -15,6 +15,7 @@
 
 #include "osa/FailingCalls.h"
 #include "osa/LockTestSupport.h"
+#include "support/InThreads.h"
 
 namespace zarip::osa {
 namespace {
@@ -115,19 +116,13 @@ TEST(SemaphoreTest, WaitersGetTheUnitsThatAreReleased) {
 TEST(SemaphoreTest, ReleasesAtTheSameTimeStayBelowTheCeiling) {
     Semaphore semaphore("s", 1'000, 0);
     std::atomic<int> accepted{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 1'000; ++round) {
-                if (Release(semaphore) == LockOutcome()) {
-                    ++accepted;
-                }
+    test::InThreads(4, [&](int) {
+        for (int round = 0; round < 1'000; ++round) {
+            if (Release(semaphore) == LockOutcome()) {
+                ++accepted;
             }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+        }
+    });
     EXPECT_EQ(accepted, 1'000);
     EXPECT_EQ(UnitsOf(semaphore), 1'000);
 }

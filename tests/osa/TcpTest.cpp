@@ -16,6 +16,7 @@
 #include <future>
 #include <iterator>
 
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/ShortMemory.h"
 #include "support/WaitUntil.h"
@@ -33,30 +34,17 @@ namespace {
 using std::string;
 using test::WaitUntil;
 
-struct Outcome {
-    string text;
-    int code;
-    bool operator==(const Outcome& other) const { return text == other.text && code == other.code; }
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
-    return out << '"' << outcome.text << "\" with code " << outcome.code;
-}
+using test::Outcome;
 
 template <class Action>
 Outcome OutcomeOf(Action action) {
-    try {
-        action();
-    } catch (const SocketException& e) {
-        return {e.ToString(), e.GetError()};
-    }
-    return {"", -1};
+    return test::OutcomeOf<SocketException>(action);
 }
 
 const Outcome kTimeout = {"Timeout", SocketException::SocketTimeout};
 const Outcome kClosed = {"Socket was closed", SocketException::SocketGeneralError};
 
-/// Hands connections to a function on the server's thread.
+/// Passes connections to a function on the server's thread.
 class Acceptor : public ITcpSocketAccept {
 public:
     using Function = std::function<void(TcpSocket&)>;
@@ -99,6 +87,22 @@ std::unique_ptr<TcpSocket> ConnectTo(const TcpServer& server) {
     client->Connect("127.0.0.1", server.GetLocalPort(), 10);
     return client;
 }
+
+/// A client and the server's end of its connection.
+class TcpPair : public testing::Test {
+protected:
+    TcpSocket& Connect() {
+        server->Start(&keeper, 1);
+        client.Connect("127.0.0.1", server->GetLocalPort(), 10);
+        return keeper.Wait();
+    }
+
+    Keeper keeper;
+    std::unique_ptr<TcpServer> server =
+        std::make_unique<TcpServer>("127.0.0.1", static_cast<unsigned short>(0));
+    TcpSocket client;
+    TcpSocket& peer = Connect();
+};
 
 int OptionOf(const TcpSocket& socket, int option) {
     int value = 0;
@@ -244,16 +248,10 @@ TEST(TcpSocket, ConnectFailsWithTheReason) {
                        SocketException::SocketGeneralError}));
 }
 
-TEST(TcpSocket, ReceivingTimesOutPeeksAndIsCancelledForGood) {
-    TcpServer server("127.0.0.1", 0);
-    Keeper keeper;
-    server.Start(&keeper, 1);
-    TcpSocket client;
-    client.Connect("127.0.0.1", server.GetLocalPort(), 10);
-    TcpSocket& peer = keeper.Wait();
+TEST_F(TcpPair, ReceivingTimesOutPeeksAndIsCancelledForGood) {
     EXPECT_EQ(peer.GetLocalPort(), 1024);
     EXPECT_EQ(peer.GetRemoteAddress(), "127.0.0.1");
-    EXPECT_EQ(client.GetRemotePort(), server.GetLocalPort());
+    EXPECT_EQ(client.GetRemotePort(), server->GetLocalPort());
 
     char buffer[16] = {};
     EXPECT_EQ(OutcomeOf([&] { client.Recv(buffer, sizeof(buffer), 0); }), kTimeout);
@@ -342,13 +340,7 @@ TEST(TcpSocket, AClosedSocketHasForgottenWhatWasReadAheadAndTheCapture) {
     ::unlink(file.c_str());
 }
 
-TEST(TcpSocket, ATimeLimitEndsAPeerThatDribblesAndOneThatDoesNotRead) {
-    TcpServer server("127.0.0.1", 0);
-    Keeper keeper;
-    server.Start(&keeper, 1);
-    TcpSocket client;
-    client.Connect("127.0.0.1", server.GetLocalPort(), 10);
-    TcpSocket& peer = keeper.Wait();
+TEST_F(TcpPair, ATimeLimitEndsAPeerThatDribblesAndOneThatDoesNotRead) {
     client.SetTimeLimit(300);
     std::atomic<bool> over{false};
     auto dribbling = std::async(std::launch::async, [&] {
@@ -440,13 +432,7 @@ TEST(TcpServer, StopsPromptlyInEveryState) {
     }
 }
 
-TEST(TcpServer, AConnectionOutlivesItsServer) {
-    auto server = std::make_unique<TcpServer>("127.0.0.1", static_cast<unsigned short>(0));
-    Keeper keeper;
-    server->Start(&keeper, 1);
-    TcpSocket client;
-    client.Connect("127.0.0.1", server->GetLocalPort(), 10);
-    TcpSocket& peer = keeper.Wait();
+TEST_F(TcpPair, AConnectionOutlivesItsServer) {
     server.reset();
     peer.SendAll("alive", 5);
     char buffer[8] = {};
@@ -475,7 +461,7 @@ TEST(TcpServer, ItsAcceptorMayStopItAndDeleteIt) {
         server->Start(&acceptor, 5);
         const auto client = ConnectTo(*server);
         ReceiveAll(*client);
-        // Nobody listens any more, also without a stop by anybody else.
+        // The server does not listen any more, also without a call of `Stop`.
         EXPECT_TRUE(WaitUntil([&] {
             TcpSocket late;
             return OutcomeOf([&] { late.Connect("127.0.0.1", port, 10); }).code ==
@@ -630,7 +616,7 @@ TEST_F(CaptureTest, AControlConnectionStartsAndStopsIt) {
     control.SendAll("dump ", 5);
     char buffer[4];
     {
-        // Served behind the half command, which so has been looked at.
+        // It is served after the half command, so that has been read by then.
         TcpSocket other;
         other.Connect(_name.c_str(), 0, 10);
         other.SendAll("x", 1);
@@ -734,7 +720,7 @@ TEST_F(CaptureTest, SilentClientsOfAUnixServerDoNotHoldUpOthers) {
     EXPECT_EQ(client.Recv(&byte, 1, 10), 1U);
     client.Close();
     EXPECT_TRUE(WaitUntil([&] { return acceptor._served == 1; }));
-    // After two seconds they are handed on like any other.
+    // After two seconds they are passed on like all others.
     silent.resize(1);
     silent[0]->SendAll("late", 4);
     EXPECT_EQ(silent[0]->Recv(&byte, 1, 10), 1U);

@@ -33,6 +33,7 @@
 
 #include "osa/FailingCalls.h"
 #include "osa/LockTestSupport.h"
+#include "support/InThreads.h"
 
 namespace zarip::osa {
 namespace {
@@ -164,7 +165,7 @@ TEST(ThreadTest, ABodyFindsItsThreadAndItsName) {
     longName.assign("overwritten");
     EXPECT_EQ(thread.GetName(), "a name beyond what the kernel keeps");
     EXPECT_EQ(body.GetCurrentThread(), &thread);
-    // The caller's id, whichever thread the object stands for.
+    // It is the id of the caller, not that of the object's thread.
     EXPECT_TRUE(pthread_equal(thread.GetID(), pthread_self()));
     thread.Run();
     EXPECT_EQ(thread.Join(), 0);
@@ -412,23 +413,17 @@ TEST(ThreadTest, SleepsLastAsLongAsAsked) {
 
 TEST(ThreadTest, ManyThreadsComeAndGo) {
     std::atomic<int> ran{0};
-    std::vector<std::thread> makers;
-    for (int i = 0; i < 4; ++i) {
-        makers.emplace_back([&] {
-            for (int round = 0; round < 100; ++round) {
-                Thread* found = nullptr;
-                Body body([&] { found = Thread::CurrentThread::ThreadPtr(); });
-                Thread thread("comes and goes", &body, 0, 0);
-                thread.Run();
-                EXPECT_EQ(thread.Join(), 0);
-                EXPECT_EQ(found, &thread);
-                ++ran;
-            }
-        });
-    }
-    for (auto& maker : makers) {
-        maker.join();
-    }
+    test::InThreads(4, [&](int) {
+        for (int round = 0; round < 100; ++round) {
+            Thread* found = nullptr;
+            Body body([&] { found = Thread::CurrentThread::ThreadPtr(); });
+            Thread thread("comes and goes", &body, 0, 0);
+            thread.Run();
+            EXPECT_EQ(thread.Join(), 0);
+            EXPECT_EQ(found, &thread);
+            ++ran;
+        }
+    });
     EXPECT_EQ(ran, 400);
 }
 

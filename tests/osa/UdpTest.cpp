@@ -351,7 +351,7 @@ TEST(UdpServerTest, ACallbackMayThrowAndStopItAndALostDescriptorEndsNothingElse)
     EXPECT_EQ(receiver.Get(), (Texts{"stop", "lose it"}));
 }
 
-// The callback fails for lack of memory, and there is none either for whatever handles that.
+// The callback fails for lack of memory, and the code that handles the exception has no memory either.
 TEST(UdpServerTest, ServesOnWhenMemoryWasShort) {
     if (!test::ShortMemory::IsSupported()) {
         GTEST_SKIP() << "the sanitizer has an allocator of its own";

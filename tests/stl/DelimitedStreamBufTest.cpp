@@ -33,7 +33,7 @@ TEST(DelimitedStreamBufTest, EndsAtTheDelimiterLine) {
         {"", "", ""},
         {"a\0b\n--end\0\n--end\nx"s, "a\0b\n--end\0\n"s, "x"},
         {"a\rb\n--end\n", "a\rb\n", ""},
-        // Long lines come in pieces; what stands at their edges is not lost.
+        // Long lines come in pieces, and no character between two pieces is lost.
         {x511 + "\n--end\n", x511 + "\n", ""},
         {x511 + "\r\n--end\n", x511 + "\n", ""},
         {x511 + "\rmore\n--end\n", x511 + "\rmore\n", ""},

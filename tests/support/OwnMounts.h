@@ -9,8 +9,8 @@
 
 namespace zarip::test {
 
-/// Runs an action on a thread whose mounts nobody else sees, and which end with it. False, without having run
-/// it, if that is not permitted.
+/// Runs an action on a thread whose mounts no other thread sees, and which end with it. False, without having
+/// run it, if that is not permitted.
 template <class Action>
 bool WithOwnMounts(Action action) {
     bool isPermitted = false;

@@ -101,7 +101,7 @@ void PrivateBus::Kill() {
 
 void PrivateBus::Freeze() {
     ::kill(_pid, SIGSTOP);
-    ::waitpid(_pid, nullptr, WUNTRACED);  // it goes on for a moment otherwise
+    ::waitpid(_pid, nullptr, WUNTRACED);  // otherwise it would run on for a moment
 }
 
 void PrivateBus::Thaw() {

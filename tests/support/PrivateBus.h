@@ -8,8 +8,8 @@
 
 namespace zarip::test {
 
-/// A dbus-daemon of the test program's own, which every connection of the program uses: libdbus looks at the
-/// address once, so there is one for the program, started when it is first asked for and ended with it.
+/// A private dbus-daemon, which every connection of the test program uses. libdbus reads the address once, so
+/// there is one daemon, which is started by the first call of `Get` and ended with the program.
 class PrivateBus {
 public:
     static PrivateBus& Get();

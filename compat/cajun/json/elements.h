@@ -16,21 +16,22 @@
 
 #include "visitor.h"
 
-/// Elements of a JSON document. They are values: copies are deep. *One thread at a time*, though several may
-/// read. Copying, comparing, writing and destroying recurse, once for each level of nesting.
+/// Elements of a JSON document. They are values, so copies are deep. *One thread at a time*, except that
+/// several threads may read. Copying, comparing, writing and destroying recurse once for each level of
+/// nesting.
 namespace json {
 
 namespace detail {
 class DocumentBuilder;
 }
 
-/// Everything that this library throws, out of memory excepted.
+/// The exception of all functions here, except if memory is short.
 class Exception : public std::runtime_error {
 public:
     explicit Exception(const std::string& message) : std::runtime_error(message) {}
 };
 
-/// A number, a string or a boolean: converts implicitly from and to the plain type.
+/// A number, a string or a boolean. It converts implicitly from and to the plain type.
 template <class T>
 class TrivialType_T {
 public:
@@ -68,7 +69,7 @@ public:
     Array() noexcept;
     Array(const Array& other);
     Array(Array&& other) noexcept;
-    /// `other` may have been a part of this array.
+    /// `other` may be a part of this array.
     Array& operator=(Array other) noexcept;
     ~Array();
 
@@ -81,7 +82,7 @@ public:
     const_iterator begin() const;
     const_iterator end() const;
 
-    /// At the end, or in front of `where`; return where the element stands.
+    /// Insert at the end or before `where`, and return the position of the element.
     iterator Insert(UnknownElement element);
     iterator Insert(UnknownElement element, iterator where);
     /// Returns the element after it.
@@ -122,8 +123,8 @@ private:
 };
 
 /// Named elements in order of insertion. Iterators and references stay valid until their member is erased. A
-/// member is found by looking at one after the other. Objects are equal when they have equal members in the
-/// same order. An empty object takes no memory of its own.
+/// member is searched from the first one on. Objects are equal if they have equal members in the same order.
+/// An empty object takes no memory of its own.
 class Object {
 public:
     struct Member;
@@ -133,7 +134,7 @@ public:
     Object() noexcept;
     Object(const Object& other);
     Object(Object&& other) noexcept;
-    /// `other` may have been a part of this object.
+    /// `other` may be a part of this object.
     Object& operator=(Object other) noexcept;
     ~Object();
 
@@ -149,12 +150,12 @@ public:
     std::size_t Size() const { return _members.size(); }
     bool Empty() const { return _members.empty(); }
 
-    /// `End()` if no member has that name.
+    /// Returns `End()` if no member has that name.
     iterator Find(const std::string& name);
     const_iterator Find(const std::string& name) const;
 
-    /// At the end, or in front of `where`; return where the member stands. Throw "Object member already
-    /// exists: " + name.
+    /// Insert at the end or before `where`, and return the position of the member. Throw "Object member
+    /// already exists: " + name.
     iterator Insert(Member member);
     iterator Insert(Member member, iterator where);
     /// Returns the member after it.
@@ -175,7 +176,7 @@ private:
     std::list<Member> _members;
 };
 
-/// Any of the six kinds of element; `Null` when built from none.
+/// Any of the six kinds of element. By default it is `Null`.
 class UnknownElement {
 public:
     UnknownElement() noexcept = default;
@@ -190,14 +191,14 @@ public:
     UnknownElement(const Null& null) : _value(null) {}
 
     UnknownElement(const UnknownElement& other);
-    /// Leaves `Null` in its place.
+    /// `other` is `Null` afterwards.
     UnknownElement(UnknownElement&& other) noexcept;
-    /// `other` may have been a part of this element.
+    /// `other` may be a part of this element.
     UnknownElement& operator=(UnknownElement other) noexcept;
-    // Not inlined, because g++ would then warn that a string which is not there may be uninitialized.
+    // Not inlined, because g++ would then warn of an uninitialized string that does not exist.
     [[gnu::noinline]] ~UnknownElement() {}
 
-    /// Throw "Bad cast" when another kind of element is held.
+    /// Throw "Bad cast" if the element is of another kind.
     operator const Array&() const { return Cast<Array>(); }
     operator const Object&() const { return Cast<Object>(); }
     operator const Number&() const { return Cast<Number>(); }
@@ -205,7 +206,7 @@ public:
     operator const String&() const { return Cast<String>(); }
     operator const Null&() const { return Cast<Null>(); }
 
-    /// When another kind of element is held, an empty one of this kind takes its place.
+    /// If the element is of another kind, an empty one of this kind replaces it.
     operator Array&() { return Become<Array>(); }
     operator Object&() { return Become<Object>(); }
     operator Number&() { return Become<Number>(); }
@@ -219,7 +220,7 @@ public:
     UnknownElement& operator[](std::size_t index);
     const UnknownElement& operator[](std::size_t index) const;
 
-    /// Call the one `Visit` that fits the element held.
+    /// Call the `Visit` for the kind of the element.
     void Accept(Visitor& visitor);
     void Accept(ConstVisitor& visitor) const;
 
@@ -255,7 +256,7 @@ public:
     using reference = Element&;
 
     IndexIterator() = default;
-    /// Every iterator is a constant one, too.
+    /// Every iterator converts to a constant one.
     operator const_iterator() const { return const_iterator(_owner, _index); }
 
     reference operator*() const { return _owner->At(_index); }

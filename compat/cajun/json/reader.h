@@ -12,25 +12,26 @@ namespace json {
 
 namespace detail {
 
-// Reads a document that begins with one of these characters, or any document if there are none given. Part
-// of the library, so that a program needs no parser of its own.
+// Reads a document that begins with one of these characters, or any document if the list is empty. The
+// function is in the library, so that programs need no parser.
 [[gnu::visibility("default")]] UnknownElement ReadDocument(std::istream& stream, const char* firstCharacters);
 
 }  // namespace detail
 
-/// Reads elements from text in UTF-8. The stream is read to its end and must hold one document, at most 200
-/// arrays and objects deep and of at most 1,000,000 elements; numbers must fit a double. When reading fails,
-/// the element stays as it was.
+/// Reads elements from UTF-8. The stream is read to its end and must contain exactly one document, with at
+/// most 200 levels and 1,000,000 elements; numbers must fit a double. If reading fails, the element is
+/// unchanged.
 class Reader {
 public:
-    /// A place in the text; all three count from 0, columns and offsets in bytes.
+    /// A position in the document. All three numbers count from 0, columns and offsets in bytes.
     struct Location {
         unsigned int m_nLine = 0;
         unsigned int m_nLineOffset = 0;
         unsigned int m_nDocOffset = 0;
     };
 
-    /// The text cannot be divided into tokens: a broken string, number or word, bytes that are not UTF-8.
+    /// The input cannot be divided into tokens: a malformed string, number or word, or bytes that are not
+    /// UTF-8.
     class ScanException : public Exception {
     public:
         ScanException(const std::string& message, const Location& error)
@@ -39,9 +40,9 @@ public:
         Location m_locError;
     };
 
-    /// The tokens make no document, or not one of the kind asked for, or one that names a member twice, is
-    /// nested too deep or has too many elements. The locations are those of the offending token, both at the
-    /// end of the text when a token is missing.
+    /// The tokens are not a document, or the document is of another kind than requested, names a member
+    /// twice, is nested too deep or has too many elements. The locations are those of the token in question,
+    /// or both are at the end of the input if a token is missing.
     class ParseException : public Exception {
     public:
         ParseException(const std::string& message, const Location& tokenBegin, const Location& tokenEnd)

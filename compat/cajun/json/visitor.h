@@ -15,7 +15,7 @@ using Number = TrivialType_T<double>;
 using Boolean = TrivialType_T<bool>;
 using String = TrivialType_T<std::string>;
 
-/// Receives the element that an `UnknownElement` holds, see `UnknownElement::Accept`, and may change it.
+/// Receives the element that an `UnknownElement` contains (see `UnknownElement::Accept`), and may change it.
 class Visitor {
 public:
     virtual ~Visitor() = default;

@@ -13,7 +13,7 @@
 
 namespace json::detail {
 
-// What becomes of each byte of a string: the letter after a backslash, or one of these.
+// How each byte of a string is written: the letter after a backslash, or one of these.
 constexpr char kPlain = 0;
 constexpr char kNumeric = 'u';
 
@@ -38,11 +38,11 @@ inline constexpr std::array<char, 256> kEscapes = MakeEscapes();
 
 namespace json {
 
-/// Writes elements as text that is plain ASCII. Neither the stream's flags nor its locale have a say in it; a
-/// failed write shows in the state of the stream. Pretty means an element a line, a tab a level.
+/// Writes elements as plain ASCII. The flags and the locale of the stream have no effect. A failed write sets
+/// the state of the stream. The pretty form has one element on each line and a tab for each level.
 ///
-/// JSON knows no infinity and no "not a number": both are written as null. Bytes of a string that are not
-/// UTF-8 are written as U+FFFD each.
+/// JSON has no infinity and no "not a number", so both are written as null. Each byte of a string that is not
+/// UTF-8 is written as U+FFFD.
 class Writer {
 public:
     static void Write(const Array& array, std::ostream& stream, bool pretty = true) {
@@ -62,7 +62,7 @@ public:
     static void Write(const Null& null, std::ostream& stream) { WriteAny(null, stream, false); }
 
 private:
-    // Collects the text and hands it to the stream in pieces.
+    // Collects the output and passes it to the stream in pieces.
     class Text final : public ConstVisitor {
     public:
         Text(std::ostream& stream, bool pretty) : _stream(stream), _pretty(pretty) {
@@ -87,7 +87,7 @@ private:
         }
 
         void Visit(const Number& number) override {
-            // The greatest magnitude below which a double holds every integer.
+            // Below this magnitude a double can hold every integer.
             constexpr double kExactIntegers = 9007199254740992.0;
             const double value = number.Value();
             if (!std::isfinite(value)) {
@@ -189,7 +189,7 @@ private:
             _pending.append(text, sizeof(text));
         }
 
-        // Returns the end of the UTF-8 sequence; a byte that begins none is one U+FFFD.
+        // Returns the end of the UTF-8 sequence. A byte that does not begin one is written as U+FFFD.
         static const char* Decode(const char* at, const char* end, unsigned int& code) {
             constexpr unsigned int kLeast[] = {0, 0x80, 0x800, 0x10000};
             const auto lead = static_cast<unsigned char>(*at++);

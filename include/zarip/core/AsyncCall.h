@@ -24,18 +24,18 @@ public:
     /// Deletes the object with the last reference.
     void RemoveRef();
 
-    /// Waits for the end of the call. Deliberate: it can be waited for once; a second wait lasts for
-    /// ever. Callers read a result once.
+    /// Waits for the end of the call. Deliberate: this can be done once, and a second wait lasts for ever.
+    /// Callers read a result once.
     void Join();
 
-    /// Joins, then throws `osa::Exception` with the text of what the call threw, if it did.
+    /// Joins. If the call threw, it then throws `osa::Exception` with the message of that exception.
     void GetResult();
 
     void OnFinished();
     void OnException(const std::string& text);
 
-    /// Gives up the call's reference; a call that never ran ends as "AsyncCall was deleted without having
-    /// been called".
+    /// Removes the call's reference. A call that never ran ends with the message "AsyncCall was deleted
+    /// without having been called".
     void RemoveCallerRef();
 
 protected:
@@ -57,16 +57,16 @@ public:
     AsyncResult& operator=(const AsyncResult&) = delete;
     ~AsyncResult();
 
-    /// Waits for the end of the call; throws `osa::Exception` with the text of what it threw ("unknown
-    /// exception" for what is no std::exception). To be called once.
+    /// Waits for the end of the call. If the call threw, it throws `osa::Exception` with the message of that
+    /// exception, or "unknown exception" for one that is not a std::exception. To be called once.
     void GetResult();
 
 private:
     ResultMarshaller* _marshaller;
 };
 
-/// Makes a call that somebody else runs: a delegate to queue (*caller owns*, a task queue takes it) and the
-/// result (*caller owns*). *Takes ownership* of the target, which may be destroyed with the call at any time.
+/// Makes a call that another thread runs: a delegate to queue (*caller owns*, a task queue takes it) and the
+/// result (*caller owns*). *Takes ownership* of the target, which is destroyed with the call.
 ZARIP_EXPORT std::pair<IVoidDelegate0*, AsyncResult*> CreateAsyncCall(IVoidDelegate0* target);
 
 }  // namespace zarip::core

@@ -9,16 +9,16 @@
 
 namespace zarip::core {
 
-/// Reads bits, the most significant of a byte first, as video and audio headers are written. *One thread at
-/// a time.*
+/// Reads bits as video and audio headers are written: the most significant bit of a byte comes first. *One
+/// thread at a time.*
 ///
-/// Whatever asks for more bits than are left throws `osa::IOException` "BitStreamReader: <n> bits wanted, <m>
-/// left"; the position is then what it was.
+/// A function that needs more bits than are left throws `osa::IOException` "BitStreamReader: <n> bits wanted,
+/// <m> left" and leaves the position unchanged.
 class ZARIP_EXPORT BitStreamReader {
 public:
     /// @param data  *not owned*, must outlive the reader.
-    /// @param length  in bytes; throws `osa::Exception` "Invalid parameter" where `std::size_t` cannot count
-    /// its bits, from 512 MiB where it has 32.
+    /// @param length  in bytes. Throws `osa::Exception` "Invalid parameter" if `std::size_t` cannot count the
+    ///     bits, which is from 512 MiB on with 32 bits.
     BitStreamReader(const void* data, std::size_t length)
         : _data(static_cast<const unsigned char*>(data)), _bits(length * 8) {
         if (_bits / 8 != length) {
@@ -30,7 +30,7 @@ public:
     unsigned long long ReadBits(unsigned int count);
     bool ReadBit() { return ReadBits(1) != 0; }
 
-    /// The same bits again at the next read.
+    /// Reads the bits without moving the position.
     unsigned long long PeekBits(unsigned int count) const;
 
     /// Exponential-Golomb codes, ue(v) and se(v) of H.264 and H.265: 0 to 2^32 - 2, and -2^31 + 1 to
@@ -40,7 +40,7 @@ public:
 
     void SkipBits(std::size_t count);
 
-    /// Goes on to the next byte, unless it stands at the beginning of one.
+    /// Moves to the next byte, unless the position is at the beginning of one.
     void Align() { _position = (_position + 7) / 8 * 8; }
     bool IsAligned() const { return _position % 8 == 0; }
 

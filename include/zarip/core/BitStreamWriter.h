@@ -12,17 +12,17 @@ namespace zarip::core {
 /// Writes bits as `BitStreamReader` reads them. *One thread at a time.*
 class ZARIP_EXPORT BitStreamWriter {
 public:
-    /// The low `count` bits of `bits`. @param count  1 to 64. Throws `osa::Exception` "Invalid parameter" for
-    /// another count, and for bits beyond it; "BitStreamWriter: too many bits" where `std::size_t` cannot
-    /// count them, at 512 MiB where it has 32.
+    /// Writes the low `count` bits of `bits`; `count` is 1 to 64. Throws `osa::Exception` "Invalid parameter"
+    /// for another count, and if a bit above them is set. Throws "BitStreamWriter: too many bits" if
+    /// `std::size_t` cannot count the bits, which is at 512 MiB with 32 bits.
     void WriteBits(unsigned long long bits, unsigned int count);
     void WriteBit(bool bit) { WriteBits(bit ? 1 : 0, 1); }
 
-    /// Exponential-Golomb codes of the values that the reader reads; others throw "Invalid parameter".
+    /// Write the exponential-Golomb codes that the reader reads. Other values throw "Invalid parameter".
     void WriteUnsignedGolomb(unsigned int value);
     void WriteSignedGolomb(int value);
 
-    /// Fills the byte up with such bits, unless the last one is full.
+    /// Fills the last byte with that bit, unless it is full.
     void Align(bool bit = false);
     bool IsAligned() const { return _position % 8 == 0; }
 

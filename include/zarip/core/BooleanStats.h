@@ -7,7 +7,7 @@
 
 namespace zarip::core {
 
-/// Statistics of values that are 0 or 1: the sum counts those that hold. *One thread at a time.*
+/// Statistics of values that are 0 or 1: the sum is the number of ones. *One thread at a time.*
 class ZARIP_EXPORT BooleanStats : public Statistics {
 public:
     explicit BooleanStats(unsigned int capacity);

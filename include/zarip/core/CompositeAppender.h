@@ -8,11 +8,12 @@
 
 namespace zarip::core {
 
-/// Hands every record to a list of appenders, in the order in which they were added. *Thread-safe*: its mutex
-/// is held while records are delivered and while the list changes, so appenders get one record at a time.
+/// Passes every record to a list of appenders, in the order in which they were added. *Thread-safe*: its
+/// mutex is held while records are delivered and while the list changes, so appenders get one record at a
+/// time.
 ///
-/// An appender may log and may change the list from within `AppendV`: it does not get its own records, and
-/// one that is removed there is deleted, if owned, when the record has been delivered.
+/// An appender may log and may change the list from within `AppendV`. It does not get its own records. An
+/// owned appender that is removed there is deleted when the record has been delivered.
 class ZARIP_EXPORT CompositeAppender : public ILogAppender {
 public:
     CompositeAppender();
@@ -23,10 +24,11 @@ public:
     ~CompositeAppender() override;
 
     /// With `owned` it *takes ownership*, also when it throws; otherwise the appender must outlive its entry.
-    /// An entry for null is kept and gets nothing.
+    /// A null pointer is kept as an entry and gets no records.
     void AddAppender(const ILogAppender* appender, bool owned);
 
-    /// Removes the first entry of this appender and never deletes it; false when there is none.
+    /// Removes the first entry of this appender and never deletes the appender. False if there is no such
+    /// entry.
     bool RemoveAppender(const ILogAppender* appender);
 
     /// Deletes the owned appenders and empties the list.
@@ -37,8 +39,8 @@ public:
 
 private:
     friend struct LoggerRegistry;
-    struct Body;
-    std::unique_ptr<Body> _body;
+    struct Impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::core

@@ -15,7 +15,7 @@ public:
     virtual ~IDelegate0() = default;
     virtual R Call() = 0;
 
-    /// Whether the delegate is bound to this object; events remove by it.
+    /// Whether the delegate is bound to this object. Events use it to remove delegates.
     virtual bool Matches(const void* /*object*/) const { return false; }
 };
 
@@ -172,8 +172,8 @@ auto* NewDelegate1(T* object, Method method) {
 
 }  // namespace internal
 
-/// Makes the fitting delegate on the heap (*caller owns*) for a member function, const or not, that takes
-/// nothing, an A or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
+/// Makes a delegate of the right type on the heap (*caller owns*) for a member function, const or not, that
+/// takes nothing, an A or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
 template <class T, class C, class R>
 auto* MakeDelegate(T* object, R (C::*method)()) {
     return internal::NewDelegate0<R>(object, method);
@@ -194,10 +194,10 @@ auto* MakeDelegate(T* object, R (C::*method)(A) const) {
     return internal::NewDelegate1<R, A>(object, method);
 }
 
-/// Makes a delegate that owns a callable and what that owns: `MakeDelegate([file = std::move(file)] { ...
-/// })`. It is one object on the heap (*caller owns*). The callable takes nothing, or one argument of a type
-/// that it names; what it returns comes as a value. Such a delegate is bound to no object, so `Matches` is
-/// false for all.
+/// Makes a delegate that owns a callable and what the callable owns: `MakeDelegate([file = std::move(file)] {
+/// ... })`. It is one object on the heap (*caller owns*). The callable takes nothing or one argument, whose
+/// type it names, and its result is returned by value. Such a delegate is not bound to an object, so
+/// `Matches` is always false.
 template <class Callable>
 auto* MakeDelegate(Callable callable) {
     if constexpr (std::is_invocable_v<Callable&>) {

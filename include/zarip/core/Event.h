@@ -18,8 +18,8 @@ namespace zarip::core {
 
 namespace internal {
 
-/// What `Event0` and `Event1` share. The state is an object of its own, which a firing keeps: so an event may
-/// be deleted by one of its delegates. The event's mutex guards the state and is held while delegates run.
+/// The common part of `Event0` and `Event1`. The state is an object of its own, which a firing keeps alive,
+/// so a delegate may delete the event. The event's mutex guards the state and is held while delegates run.
 template <class Delegate>
 class EventList {
 public:
@@ -27,7 +27,7 @@ public:
     EventList(const EventList&) = delete;
     EventList& operator=(const EventList&) = delete;
 
-    /// Waits for a firing on another thread. In a firing on the calling thread no further delegate is called.
+    /// Waits for a firing on another thread. A firing on the calling thread calls no further delegate.
     ~EventList() {
         _state->RemoveIf([](const Delegate&) { return true; });
     }
@@ -41,8 +41,8 @@ public:
         }
     }
 
-    /// Deletes the delegates that are bound to `object`. Once it has returned none of them runs or will run,
-    /// unless the caller is one of them: then it is deleted when the firing has ended.
+    /// Deletes the delegates that are bound to `object`. When the function returns, they do not run any more.
+    /// If the caller is one of them, that one is deleted when the firing has ended.
     void RemoveDelegate(const void* object) {
         _state->RemoveIf([object](const Delegate& delegate) { return delegate.Matches(object); });
     }
@@ -95,7 +95,8 @@ private:
         }
 
         void Tidy() ZARIP_REQUIRES(mutex) {
-            // Taken out first: what a delegate owns may, when it is deleted, remove others.
+            // They are taken out first, because an object that a delegate owns may remove other delegates
+            // when it is deleted.
             std::list<Entry> deleted;
             for (auto entry = delegates.begin(); depth == 0 && entry != delegates.end();) {
                 const auto current = entry++;
@@ -116,17 +117,16 @@ private:
 }  // namespace internal
 
 /// A list of subscribers. *Thread-safe*. The event's own mutex is held while delegates run, so firings of one
-/// event take turns and a delegate that waits for another thread must not wait for one that uses the same
-/// event.
+/// event take turns. A delegate must not wait for another thread that uses the same event.
 ///
-/// Every delegate is called, also after one has thrown; the first exception then leaves `FireEvent`. A
-/// delegate may add and remove delegates of the event, and delete the event.
+/// Every delegate is called, even if one before has thrown. The first exception then leaves `FireEvent`. A
+/// delegate may add and remove delegates of the event, and may delete the event.
 class Event0 : public internal::EventList<IVoidDelegate0> {
 public:
     void FireEvent() { Fire(); }
 };
 
-/// As `Event0`, with a value that is handed to every delegate.
+/// As `Event0`, with a value that is passed to every delegate.
 template <class A>
 class Event1 : public internal::EventList<IVoidDelegate1<A>> {
 public:

@@ -9,14 +9,14 @@
 
 namespace zarip::core {
 
-/// Writes records to a stdio stream, one line each, and flushes after every one:
-/// "(thread) logger [LEVEL] :: message", the names right-aligned in at least 5, 20 and 5 characters.
-/// A record goes out in one piece, in order with what others print to the same stream. *Thread-safe*.
+/// Writes records to a stdio stream, one line each, and flushes after every one: "(thread) logger [LEVEL] ::
+/// message", the names right-aligned in at least 5, 20 and 5 characters. A record is written in one piece, in
+/// order with other output to the same stream. *Thread-safe*.
 class ZARIP_EXPORT FileAppender : public ILogAppender {
 public:
-    /// Appends to the file, which is created when it is missing and not inherited by other programs.
-    /// Throws `Exception` "Failed to open file " + path + "for modea" (deliberately without the two spaces:
-    /// scripts look for the text as it has always been).
+    /// Appends to the file, which is created if it is missing. Programs that the process starts do not
+    /// inherit it. Throws `Exception` "Failed to open file " + path + "for modea" (deliberately without the
+    /// two spaces: scripts search for the message in this form).
     explicit FileAppender(const char* path);
 
     /// With `owned` the destructor closes the stream; otherwise it must outlive the appender.
@@ -35,8 +35,8 @@ private:
 
     FILE* _file;
     bool _owned;
-    /// Of a file opened here, whose stream nobody else can print to: records go past it. -1 for a given
-    /// stream.
+    /// The descriptor of a file that this object has opened. No other code can print to the stream, so
+    /// records are written to the descriptor directly. -1 for a given stream.
     int _descriptor;
 };
 

@@ -14,8 +14,9 @@ public:
     explicit FrequencyStats(unsigned int capacity);
     ~FrequencyStats() override;
 
-    /// Tells of a pulse; from the second on each adds a million divided by the microseconds since the one
-    /// before, without fraction: 0 for pulses more than a second apart, 1,000,000 for two at the same time.
+    /// Counts a pulse. From the second pulse on it adds a sample: a million divided by the microseconds since
+    /// the pulse before, without fraction; 0 for pulses more than a second apart, 1,000,000 for two at the
+    /// same time.
     void Pulse();
 
 private:

@@ -11,15 +11,16 @@
 
 namespace zarip::core {
 
-/// A counted reference to an object that lives in an allocator; the last one destroys the object and frees
-/// its memory. Handles of one object may be used by several threads, one handle by *one thread at a time*.
+/// A counted reference to an object in the memory of an allocator. The last handle destroys the object and
+/// frees its memory. Handles of one object may be used by several threads, one handle by *one thread at a
+/// time*.
 ///
 /// The allocator must outlive the handles.
 template <class T>
 class Handle {
 public:
     /// Makes an object in `allocator`, *not owned*. Throws what `Allocate` and the object's constructor
-    /// throw; nothing is left behind then.
+    /// throw; the memory is then freed.
     template <class... Arguments>
     static Handle Create(IAllocator& allocator, Arguments&&... arguments) {
         void* const memory = allocator.Allocate(sizeof(Counted), alignof(Counted));
@@ -55,13 +56,14 @@ public:
         }
     }
 
-    /// *Not owned*; null when it refers to nothing.
+    /// *Not owned*; null if the handle refers to nothing.
     T* Get() const { return _counted != nullptr ? &_counted->object : nullptr; }
     T& operator*() const { return _counted->object; }
     T* operator->() const { return &_counted->object; }
     explicit operator bool() const { return _counted != nullptr; }
 
-    /// How many handles refer to the object, by now maybe another number; 0 without one.
+    /// How many handles referred to the object at the time of the call; 0 for a handle that refers to
+    /// nothing.
     int GetCount() const { return _counted != nullptr ? _counted->references.load() : 0; }
 
     friend bool operator==(const Handle& a, const Handle& b) { return a._counted == b._counted; }

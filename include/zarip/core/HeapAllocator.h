@@ -8,14 +8,15 @@
 
 namespace zarip::core {
 
-/// The heap of the process, with an account of what is out. It serves all sizes and alignments.
+/// The heap of the process, with a list of the memory that is in use. It serves all sizes, and alignments up
+/// to 4096.
 class ZARIP_EXPORT HeapAllocator : public IAllocator {
 public:
     HeapAllocator();
     HeapAllocator(const HeapAllocator&) = delete;
     HeapAllocator& operator=(const HeapAllocator&) = delete;
 
-    /// Frees what is still out.
+    /// Frees the memory that is still in use.
     ~HeapAllocator() override;
 
     void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) override;

@@ -9,12 +9,12 @@
 
 namespace zarip::core {
 
-/// Where log records go. An implementation is *thread-safe*, or is reached through one `CompositeAppender`
-/// only, which hands it one record at a time.
+/// A destination of log records. An implementation is *thread-safe*, or is used through one
+/// `CompositeAppender` only, which passes it one record at a time.
 class ZARIP_EXPORT ILogAppender {
 public:
-    /// Writes one record. `args` belongs to this call alone. The code that delivers the record drops what
-    /// this throws.
+    /// Writes one record. `args` belongs to this call alone. An exception is dropped by the code that
+    /// delivers the record.
     virtual void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                          const char* format, va_list args) const ZARIP_PRINTF(5, 0) = 0;
 

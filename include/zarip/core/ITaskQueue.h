@@ -16,9 +16,9 @@ public:
     /// Queues a task to run once `delay` has passed; *takes ownership*, also when this throws.
     virtual void DoQueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) = 0;
 
-    /// Drops the queued tasks that are bound to `target`. A task that runs already is not waited for: it may
-    /// still use `target` when this returns. To destroy a target, end the threads that run tasks first, or
-    /// drop its tasks from a task of the same `ThreadPool`, which runs one task at a time.
+    /// Deletes the queued tasks that are bound to `target`. It does not wait for a task that runs already,
+    /// which may still use `target` when this returns. Before a target is destroyed, end the threads that run
+    /// tasks, or delete its tasks from a task of the same `ThreadPool`, which runs one task at a time.
     virtual void DoDequeueTasksByTarget(void* target);
 
     void QueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) { DoQueueTask(delay, task); }

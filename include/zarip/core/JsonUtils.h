@@ -12,46 +12,46 @@
 
 namespace zarip::core {
 
-/// From text to JSON elements, and from them to plain values. *Thread-safe.*
+/// Converts strings to JSON elements, and elements to plain values. *Thread-safe.*
 class ZARIP_EXPORT JsonUtils {
 public:
     JsonUtils() = delete;
 
-    /// Rounded, halves away from zero. What an int cannot hold becomes the nearest that it can, what is not a
-    /// number 0.
+    /// Rounds to the nearest integer, halves away from zero. A number outside the range of an int becomes the
+    /// nearest limit; NaN becomes 0.
     static int AsInt(const json::TrivialType_T<double>& number);
 
-    /// Rounded, halves upwards; beyond the range as in `AsInt`. Deliberate: a negative number is not refused
-    /// but converted as a signed one, so -1 gives 0 and -2 all bits set, as documents have always been read.
+    /// Rounds to the nearest integer, halves upwards; a number outside the range is treated as by `AsInt`.
+    /// Deliberate: a negative number is not refused but converted as a signed one, so -1 gives 0 and -2 gives
+    /// all bits set. Existing documents rely on it.
     static unsigned AsUnsigned(const json::TrivialType_T<double>& number);
 
     static double AsDouble(const json::TrivialType_T<double>& number);
     static std::string AsString(const json::TrivialType_T<std::string>& text);
     static bool AsBool(const json::TrivialType_T<bool>& value);
 
-    /// Throws `json::Exception` "Bad cast" when an element is not a string.
+    /// Throws `json::Exception` "Bad cast" if an element is not a string.
     static std::vector<std::string> AsStringVector(const json::Array& array);
 
-    /// Reads a text from outside: from a file, the bus or the network. Whichever element model is installed,
-    /// the text is one document exactly as RFC 8259 has it, in UTF-8, with numbers that fit a double, at most
-    /// 200 levels, 1,000,000 elements and 10,000 members in an object. Anything else throws
-    /// `json::Exception`, "invalid JSON: unexpected end (line 1, column 2)" for example, and so do two
-    /// members of one name.
+    /// Reads a document from outside: from a file, the bus or the network. It accepts exactly one document of
+    /// RFC 8259, in UTF-8, with numbers that fit a double, at most 200 levels, 1,000,000 elements and 10,000
+    /// members in an object, whichever element model is installed. Anything else throws `json::Exception`,
+    /// for example "invalid JSON: unexpected end (line 1, column 2)". So do two members of one name.
     ///
-    /// The element is constant, so that it converts to its own kind only: `json::Object object = Parse(text)`
+    /// The element is constant, so it converts to its own kind only: `json::Object object = Parse(text)`
     /// throws "Bad cast" for an array.
     static const json::UnknownElement Parse(std::string_view text);
 
-    /// The same for a document of that kind; throw "Bad cast" for another.
+    /// The same for a document of that kind. They throw "Bad cast" for another kind.
     static json::Object ParseObject(std::string_view text);
     static json::Array ParseArray(std::string_view text);
 
-    /// The text of an element. @param pretty  an element a line.
+    /// Writes an element as JSON; with `pretty`, each element is on a line of its own.
     static std::string ToString(const json::UnknownElement& element, bool pretty = false);
 
-    /// The value of a member, or `fallback` if the object has no member of that name, or null. Throws
-    /// `json::Exception` "Bad cast" for a value of another kind: that is a fault of the document, which a
-    /// fallback would hide. Numbers are rounded as by `AsInt` and `AsUnsigned`.
+    /// The value of a member, or `fallback` if the object has no member of that name or the member is null.
+    /// Throws `json::Exception` "Bad cast" for a value of another kind, because that is a fault of the
+    /// document, which a fallback would hide. Numbers are rounded as by `AsInt` and `AsUnsigned`.
     static std::string Get(const json::Object& object, const std::string& name, const std::string& fallback);
     static std::string Get(const json::Object& object, const std::string& name, const char* fallback);
     static int Get(const json::Object& object, const std::string& name, int fallback);
@@ -62,7 +62,8 @@ public:
     class ConstVisitor;
 };
 
-/// A visitor that does nothing, for those that care about some kinds of element only.
+/// A visitor whose functions do nothing. A derived class overrides those for the kinds of element that it
+/// needs.
 class ZARIP_EXPORT JsonUtils::ConstVisitor : public json::ConstVisitor {
 public:
     ~ConstVisitor() override;

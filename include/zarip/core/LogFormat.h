@@ -96,6 +96,31 @@ constexpr FormatArgument ArgumentOf(char length, char conversion) {
     return conversion == 'p' && length == '\0' ? FormatArgument::kPointer : FormatArgument::kNone;
 }
 
+/// Skips a width or a precision. False for a '*' whose argument is not an int.
+constexpr bool SkipNumber(const char*& format, const FormatArgument*& next) {
+    if (*format == '*') {
+        ++format;
+        return *next++ == FormatArgument::kInt;
+    }
+    while (*format >= '0' && *format <= '9') {
+        ++format;
+    }
+    return true;
+}
+
+/// Skips a length modifier and returns it as `ArgumentOf` takes it.
+constexpr char SkipLength(const char*& format) {
+    if (*format == '\0' || !IsOneOf(*format, "hljztL")) {
+        return '\0';
+    }
+    const char length = *format++;
+    if (length != *format || (length != 'h' && length != 'l')) {
+        return length;
+    }
+    ++format;
+    return length == 'h' ? 'H' : 'Q';
+}
+
 /// Whether printf may be called with this format and arguments of these types. Positional arguments ("%1$s")
 /// and "%n" are refused.
 template <class... Arguments>
@@ -109,32 +134,10 @@ constexpr bool FormatMatches(const char* format) {
         while (*format != '\0' && IsOneOf(*format, "-+ #0'")) {
             ++format;
         }
-        for (int part = 0; part < 2; ++part) {  // width, then precision
-            if (part == 1) {
-                if (*format != '.') {
-                    break;
-                }
-                ++format;
-            }
-            if (*format == '*') {
-                ++format;
-                if (*next++ != FormatArgument::kInt) {
-                    return false;
-                }
-            } else {
-                while (*format >= '0' && *format <= '9') {
-                    ++format;
-                }
-            }
+        if (!SkipNumber(format, next) || (*format == '.' && !SkipNumber(++format, next))) {
+            return false;
         }
-        char length = '\0';
-        if (*format != '\0' && IsOneOf(*format, "hljztL")) {
-            length = *format++;
-            if (length == *format && (length == 'h' || length == 'l')) {
-                length = length == 'h' ? 'H' : 'Q';
-                ++format;
-            }
-        }
+        const char length = SkipLength(format);
         const char conversion = *format;
         if (conversion == '\0') {
             return false;

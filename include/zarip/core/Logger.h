@@ -14,9 +14,9 @@ namespace zarip::core {
 class ILogAppender;
 class IniFile;
 
-// A member that tests the level inline and has its format checked. g++ forwards the arguments of an inlined
-// ellipsis, which its own check sees; clang++ cannot, so there a template stands in front and brings its
-// check along.
+// A member that tests the level inline and whose format is checked by the compiler. g++ forwards the
+// arguments of an inlined ellipsis, which its own check sees. clang++ cannot do that, so there the member is
+// a template with a check of its own.
 #if defined(__clang__)
 #define ZARIP_LOG_MEMBER(name, level)                                                                 \
     template <class... Arguments>                                                                     \
@@ -42,15 +42,15 @@ class IniFile;
     }
 #endif
 
-/// A named source of log records, and the process's logging as a whole: the registry of loggers, the
-/// appenders that all of them share, and the default level. *Thread-safe*; usable while libraries are loaded,
-/// in a forked child and until the last thread has ended.
+/// A named source of log records. Its static functions are the logging of the whole process: the registry of
+/// loggers, the appenders that all of them share, and the default level. *Thread-safe*. It works while
+/// libraries are loaded, in a forked child and until the last thread has ended.
 ///
-/// Logging never throws, keeps `errno`, and a level that is off costs one comparison. Records of one appender
-/// never interleave: one lock is held while they are delivered, so an appender that blocks (a full pipe, a
-/// stuck system logger) makes every thread wait that logs or forks. Standard output that goes to a pipe
-/// raises SIGPIPE once its reader is gone, unless the process ignores that signal (as one with a bus
-/// connection does); the appenders then go on.
+/// Logging never throws and keeps `errno`, and a level that is off costs one comparison. Records of one
+/// appender never interleave. One lock is held while records are delivered, so if an appender blocks (a full
+/// pipe, a stuck system logger), every thread that logs or forks waits. If standard output is a pipe whose
+/// reader is gone, writing raises SIGPIPE, unless the process ignores that signal (as one with a bus
+/// connection does); the other appenders then still get the record.
 class ZARIP_EXPORT Logger {
 public:
     /// Smaller is more severe. Any value from 9 on is legal as a threshold and lets everything through.
@@ -67,8 +67,8 @@ public:
     };
 
     /// The registry's logger of that name, made on first request with the shared appenders and the present
-    /// default level. *Not owned*. After `Shutdown` the pointer stays valid and is silent for ever. Throws
-    /// `Exception` "pthread_mutex_lock failed", as every function here that takes the registry's lock.
+    /// default level. *Not owned*. After `Shutdown` the pointer stays valid, but the logger writes nothing.
+    /// Throws `Exception` "pthread_mutex_lock failed", as every function here that takes the registry's lock.
     static Logger* GetLogger(const std::string& name);
 
     /// A logger outside the registry; *caller owns* it. The appender is *not owned* and must outlive it.
@@ -78,32 +78,33 @@ public:
     /// it throws; `ClearAppenders` and `Shutdown` then delete the appender.
     static void AddAppender(const ILogAppender* appender, bool owned);
 
-    /// Removes the first entry of this appender and never deletes it; false when there is none. No record is
-    /// being delivered to it any more when this returns, unless the appender itself is the caller.
+    /// Removes the first entry of this appender and never deletes the appender. False if there is no such
+    /// entry. When the function returns, no record is being delivered to the appender, unless the appender
+    /// itself is the caller.
     static bool RemoveAppender(const ILogAppender* appender);
 
     static void ClearAppenders();
 
-    /// The level of loggers made later; with `applyToExisting` also of every registered one. Initially
-    /// `kError`.
+    /// Sets the level of loggers that are made later; with `applyToExisting` also that of every registered
+    /// one. Initially it is `kError`.
     static void SetLevelDefault(LogLevel level, bool applyToExisting);
 
-    /// Adds appenders and sets the default level as keys of the group say: "log.stdout" and "log.syslog"
-    /// ("true"), "log.file" (a path), "log.level" (a number). Appenders that exist stay, so calling it twice
+    /// Adds appenders and sets the default level by the keys of the group: "log.stdout" and "log.syslog"
+    /// ("true"), "log.file" (a path), "log.level" (a number). Existing appenders stay, so calling it twice
     /// doubles the output.
     ///
-    /// Deliberate: a given level applies to existing loggers too; without one the default becomes `kWarning`
-    /// for loggers made later only, so a process may raise single loggers before it reads a configuration
-    /// that names no level. Throws what `FileAppender` and `IniFile::GetInt` throw; appenders added until
-    /// then stay.
+    /// Deliberate: a given level applies to existing loggers, too. Without one, the default becomes
+    /// `kWarning` for later loggers only, so a process may raise the level of single loggers before it reads
+    /// a configuration without a level. Throws what `FileAppender` and `IniFile::GetInt` throw; appenders
+    /// added until then stay.
     static void ConfigureLogging(const IniFile& ini, const std::string& group);
 
-    /// Every level of every logger, to standard output alone.
+    /// Logs every level of every logger to standard output, and removes all other appenders.
     static void EnableDebugLogging();
 
     /// Silences every registered logger, deletes the owned appenders and puts the default level back to
-    /// `kError`. The next `GetLogger` starts afresh. The loggers' few bytes are kept, since threads may still
-    /// hold them.
+    /// `kError`. The next `GetLogger` makes a new logger. The memory of the old loggers is kept, because
+    /// threads may still use them.
     static void Shutdown();
 
     /// The level of that name ("FATAL" ... "TRACE", upper case); throws `Exception` "Invalid log level".
@@ -112,20 +113,20 @@ public:
     /// The name, or "UNKNOWN" for a value outside the list.
     static const char* GetLevelString(LogLevel level);
 
-    /// Edits /etc/logrotate.conf so that it holds one entry for `logFile` behind a comment line that names
-    /// `owner`: the entry there is replaced, or both lines are added at the end. Always returns 0. Processes
+    /// Edits /etc/logrotate.conf so that it holds one entry for `logFile` after a comment line that names
+    /// `owner`. The entry there is replaced, or both lines are added at the end. Always returns 0. Processes
     /// take turns.
     ///
-    /// Both texts are the program's own, without line feeds: they become part of a file that logrotate obeys
-    /// as root. Both lines are cut at 99 bytes, so a path has room for 94, and a last line of the file
-    /// without line feed is lost when an entry is replaced.
+    /// Both strings must be the program's own and without line feeds, because they become part of a file that
+    /// logrotate obeys as root. Both lines are cut at 99 bytes, so a path has room for 94, and a last line of
+    /// the file without line feed is lost when an entry is replaced.
     static int ModifyLogRotateConf(const std::string& logFile, const std::string& owner);
 
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
     virtual ~Logger();
 
-    /// Whether records of this level come out: ask before costly arguments are built.
+    /// Whether records of this level are written. Check it before building costly arguments.
     bool IsEnabled(LogLevel level) const { return level <= _level.load(std::memory_order_relaxed); }
 
     // Trace, Debug, Information, Warning, Error(const char* format, ...) const: log as printf does when the

@@ -10,8 +10,8 @@
 
 namespace zarip::core {
 
-/// Keeps the messages of all records, without thread, logger and level, each cut at 1023 characters. The list
-/// grows without limit until `Clear`. *Thread-safe*.
+/// Keeps the messages of all records, without thread, logger and level, each cut after 1023 characters. The
+/// list grows without limit until `Clear`. *Thread-safe*.
 class ZARIP_EXPORT MemoryAppender : public ILogAppender {
 public:
     MemoryAppender();

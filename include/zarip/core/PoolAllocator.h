@@ -8,8 +8,8 @@
 
 namespace zarip::core {
 
-/// Blocks of one size from memory that is taken once: the time it takes is always the same, no lock is held
-/// and nothing fragments. For messages, packets and nodes of threads that must not wait.
+/// Blocks of one size from memory that is allocated once. Taking a block needs no lock and a bounded time,
+/// and nothing fragments. It suits messages, packets and nodes of threads that must not wait.
 ///
 /// A thread that allocates prefers the blocks that it freed itself. In the statistics `used` counts whole
 /// blocks, and `peak` is the most blocks that were ever needed.
@@ -18,25 +18,24 @@ public:
     /// @param blockSize  in bytes; rounded up to a multiple of `alignment`.
     /// @param blockCount  1 to 2^31 - 1.
     /// @param alignment  a power of two.
-    /// Throws `AllocatorException` for other arguments and `AllocationException` when the memory is not to be
-    /// had.
+    /// Throws `AllocatorException` for other arguments, and `AllocationException` if there is no memory.
     PoolAllocator(std::size_t blockSize, std::size_t blockCount,
                   std::size_t alignment = alignof(std::max_align_t));
     PoolAllocator(const PoolAllocator&) = delete;
     PoolAllocator& operator=(const PoolAllocator&) = delete;
 
-    /// All blocks end with it, those that are out included.
+    /// Frees all blocks, also those that are in use.
     ~PoolAllocator() override;
 
     /// Serves sizes up to the block size and alignments up to the pool's.
     void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) override;
     void Free(void* memory) override;
 
-    /// Looks at every block.
+    /// Checks every block, so its time grows with their number.
     Statistics GetStatistics() const override;
 
 private:
-    struct Impl;
+    class Impl;
     std::unique_ptr<Impl> _impl;
 };
 

@@ -9,7 +9,7 @@ namespace zarip::core {
 
 class Logger;
 
-/// Logs begin, end and duration of a scope at trace level; costs a comparison when that level is off. *One
+/// Logs begin, end and duration of a scope at trace level. It costs a comparison if that level is off. *One
 /// thread at a time.*
 class ZARIP_EXPORT Profiler {
 public:
@@ -20,9 +20,9 @@ public:
     Profiler(const Profiler&) = delete;
     Profiler& operator=(const Profiler&) = delete;
 
-    /// Logs "{END: <name> | <seconds> sec}". When the level was off at the begin and is on now it is "{END:
-    /// <name> | Failed to read stopwatch", deliberately without a brace: tools that read these lines know it
-    /// so.
+    /// Logs "{END: <name> | <seconds> sec}". If the level was off at the beginning and is on now, it logs
+    /// "{END: <name> | Failed to read stopwatch". Deliberate: that line has no closing brace, because tools
+    /// read it in this form.
     ~Profiler();
 
 private:

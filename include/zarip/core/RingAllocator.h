@@ -8,19 +8,19 @@
 
 namespace zarip::core {
 
-/// A ring of memory for what comes and goes roughly in order, such as media frames: each allocation stands
-/// behind the one before, and never wraps around the end. Memory may be freed in any order and returns in
-/// the order of allocation: one that is kept for long keeps all behind it.
+/// A ring of memory for objects that come and go roughly in order, such as media frames. Each allocation
+/// follows the one before and never wraps around the end. Memory may be freed in any order, but it becomes
+/// available in the order of allocation: an allocation that is kept for long blocks those after it.
 ///
-/// In the statistics `used` counts from the oldest allocation that is still out to the newest.
+/// In the statistics `used` counts from the oldest allocation that is still in use to the newest.
 class ZARIP_EXPORT RingAllocator : public IAllocator {
 public:
-    /// @param size  of the ring in bytes, at least 1. Throws `AllocationException` when it is not to be had.
+    /// @param size  of the ring in bytes, at least 1. Throws `AllocationException` if there is no memory.
     explicit RingAllocator(std::size_t size);
     RingAllocator(const RingAllocator&) = delete;
     RingAllocator& operator=(const RingAllocator&) = delete;
 
-    /// All memory ends with it, what is out included.
+    /// Frees all memory, also what is in use.
     ~RingAllocator() override;
 
     /// Serves alignments up to a page, 4096.

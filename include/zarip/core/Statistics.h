@@ -8,8 +8,8 @@
 
 namespace zarip::core {
 
-/// The last samples of a series, and the extremes and the count of all since the last reset. *One thread at a
-/// time.*
+/// The last samples of a series, and the extremes and the number of all samples since the last reset. *One
+/// thread at a time.*
 class ZARIP_EXPORT Statistics {
 public:
     /// @param capacity  the most samples kept; with 0 only the lifetime values are.
@@ -21,9 +21,9 @@ public:
     /// Adds a sample; the oldest beyond the capacity are dropped.
     void AddData(int sample);
 
-    /// Of the samples kept. Throw `osa::Exception` "No samples in statistics" when there are none. The sum
-    /// wraps in 32 bits, and the variance, that of the whole population, is taken from it in single
-    /// precision.
+    /// Values of the samples that are kept. They throw `osa::Exception` "No samples in statistics" if there
+    /// are no samples. The sum wraps in 32 bits. The variance is that of the whole population, computed from
+    /// the sum in single precision.
     int GetLastSample() const;
     int GetMinimum() const;
     int GetMaximum() const;
@@ -35,7 +35,8 @@ public:
 
     void swap(Statistics& other);
 
-    /// A block of lines on standard output. Throws as `GetMinimum`, behind the lines of the lifetime values.
+    /// Prints a block of lines. If there are no samples, it throws as `GetMinimum` after the lines of the
+    /// lifetime values.
     /// @param title  *not owned*, may be null.
     void PrintToStdout(const char* title) const;
 

@@ -7,7 +7,7 @@
 
 namespace zarip::core {
 
-/// An interval on the monotonic clock, whose ends the owner sets (`osa::TimeMonotonic`). *One thread at a
+/// An interval on the monotonic clock. The owner sets both ends (`osa::TimeMonotonic`). *One thread at a
 /// time.*
 class ZARIP_EXPORT Stopwatch {
 public:
@@ -17,8 +17,8 @@ public:
     Stopwatch& operator=(const Stopwatch& other);
     virtual ~Stopwatch();
 
-    /// From `start` to `stop`; looks at no clock. Throw `osa::Exception` "Stopwatch Never Started" when
-    /// `start` is zero, "Invalid parameter" when `stop` lies before it.
+    /// The time from `start` to `stop`; it does not read the clock. Throws `osa::Exception` "Stopwatch Never
+    /// Started" if `start` is zero, and "Invalid parameter" if `stop` is before `start`.
     void Read(osa::TimeStruct& out) const;
 
     /// The same in seconds.

@@ -10,20 +10,20 @@
 
 namespace zarip::core {
 
-/// Collects text that is formatted as printf does. One thread at a time.
+/// Builds a string from parts that are formatted as by printf. *One thread at a time.*
 class ZARIP_EXPORT StringBuilder {
 public:
     StringBuilder();
 
-    /// Begins with `initial`; what follows is appended to it.
+    /// Begins with `initial`, to which the parts are appended.
     explicit StringBuilder(const std::string& initial);
 
     StringBuilder(const StringBuilder&) = delete;
     StringBuilder& operator=(const StringBuilder&) = delete;
     ~StringBuilder();
 
-    /// Append and return the builder, so that calls chain. Text that cannot be formatted (a character outside
-    /// the locale's character set) appends nothing.
+    /// Append a part and return the builder, so that calls can be chained. A part that cannot be formatted (a
+    /// character outside the locale's character set) is not appended.
     StringBuilder& printf(const char* format, ...) ZARIP_PRINTF(2, 3);
     StringBuilder& vprintf(const char* format, va_list args) ZARIP_PRINTF(2, 0);
 

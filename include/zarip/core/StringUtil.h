@@ -12,54 +12,55 @@
 
 namespace zarip::core {
 
-/// Operations on text, byte by byte. *Thread-safe*. White space is what `std::isspace` says. Numbers are read
-/// as in the classic locale, whatever the process's. A `TryParse` that returns false leaves its output alone.
+/// Operations on strings, byte by byte. *Thread-safe*. White space is as defined by `std::isspace`. Numbers
+/// are read as in the classic locale, whatever the locale of the process. A `TryParse` that returns false
+/// does not change its output.
 class ZARIP_EXPORT StringUtil {
 public:
-    /// The default of `maxParts`: no limit that text can reach.
+    /// The default of `maxParts`, which no string can reach.
     static constexpr unsigned int kMaxParts = 178956970;
 
     static bool StartsWith(const std::string& text, const std::string& prefix);
     static bool EndsWith(const std::string& text, const std::string& suffix);
 
-    /// The part from `pos` of at most `length` bytes, ending early at a zero byte, without white space at
-    /// both ends. Throws `osa::Exception` "StringUtil::Strip: pos out of range" when `pos` is greater than
-    /// the text's length.
+    /// Returns at most `length` bytes from `pos`, up to a zero byte, without white space at both ends. Throws
+    /// `osa::Exception` "StringUtil::Strip: pos out of range" if `pos` is greater than the string's length.
     static std::string Strip(const std::string& text, unsigned int pos = 0,
                              unsigned int length = 0xFFFFFFFFU);
 
-    /// The text behind the first `begin` and before the next `end`, without white space at both ends. An
-    /// empty marker stands for the text's own begin or end; one that is not found gives an empty text.
+    /// Returns the part after the first `begin` and before the next `end`, without white space at both ends.
+    /// An empty marker means the beginning or the end of the string. If a marker is not found, the result is
+    /// empty.
     static std::string Strip(const std::string& text, const std::string& begin, const std::string& end);
 
     static void ToLower(std::string& text);
     static void ToUpper(std::string& text);
 
-    /// The characters of `text`. Deliberate: the second argument is never used, an empty text stays empty;
-    /// callers print the result as it is.
+    /// The characters of `text`. Deliberate: the second argument is never used, and an empty string stays
+    /// empty. Callers print the result as it is.
     static const char* ToCStr(const std::string& text, const char* fallback);
 
-    /// Replaces every `from`, left to right, and goes on behind each inserted `to`. An empty `from` does
-    /// nothing.
+    /// Replaces every `from`, from left to right, and continues after each inserted `to`. An empty `from`
+    /// does nothing.
     static void Replace(std::string& text, const std::string& from, const std::string& to);
 
-    /// Replaces each character that has an entry by its text.
+    /// Replaces each character that has an entry in the table.
     static void Escape(std::string& text, const std::map<char, std::string>& table);
     static void Escape(std::string& text, char character, const std::string& replacement);
 
     /// Quote, ampersand, apostrophe, less-than and greater-than become entities.
     static void EscapeForXml(std::string& text);
 
-    /// Decodes percent escapes ("%41"); incomplete ones stay. Text behind a decoded zero byte is lost.
+    /// Decodes percent escapes ("%41"); incomplete ones stay. Everything after a decoded zero byte is lost.
     static void UrlDecode(std::string& text);
 
     /// Shell wildcards: '*' and '?' match any character, '/' and a leading '.' included; "[a-z]" matches one
     /// of a class.
     static bool MatchesPattern(const std::string& pattern, const std::string& text);
 
-    /// Appends the pieces between any of the delimiter characters; empty ones are kept, and an empty text is
-    /// one empty piece. At most `maxParts` - 1 cuts are made, the rest is the last piece; `maxParts` 0
-    /// appends nothing.
+    /// Appends the pieces between any of the delimiter characters. Empty pieces are kept, and an empty string
+    /// is one empty piece. After `maxParts` - 1 pieces the rest is the last piece. With `maxParts` 0 nothing
+    /// is appended.
     static void Split(std::vector<std::string>& out, const std::string& text, const std::string& delimiters,
                       unsigned int maxParts);
     static std::vector<std::string> Split(const std::string& text, char delimiter);
@@ -67,7 +68,7 @@ public:
     static std::vector<std::string> Split(const std::string& text, const std::string& delimiters,
                                           unsigned int maxParts);
 
-    /// The same pieces as a set.
+    /// The same, into a set.
     static void SetSplit(std::set<std::string>& out, const std::string& text, const std::string& delimiters,
                          unsigned int maxParts);
     static std::set<std::string> SetSplit(const std::string& text, char delimiter);
@@ -81,8 +82,8 @@ public:
     static std::string Join(const std::set<std::string>& parts, char separator);
     static std::string Join(const std::set<std::string>& parts, const std::string& separator);
 
-    /// "true" or "1", "false" or "0", in any case. All of these allow white space around and nothing else
-    /// beside the value.
+    /// "true" or "1", "false" or "0", in upper or lower case. All forms allow white space around the value,
+    /// and nothing else.
     static bool TryParse(const std::string& text, bool& out);
 
     /// Decimal, with an optional sign.
@@ -91,7 +92,7 @@ public:
     /// As `int`; -128 to 127.
     static bool TryParse(const std::string& text, signed char& out);
 
-    /// Decimal, or hexadecimal behind "0x" or "0X"; without a sign.
+    /// Decimal, or hexadecimal after "0x" or "0X"; without a sign.
     static bool TryParse(const std::string& text, unsigned int& out);
 
     /// As `unsigned int`; at most 255.
@@ -102,8 +103,8 @@ public:
     /// Appends everything that remains in the stream.
     static void ReadToEnd(std::istream& stream, std::string& out);
 
-    /// The whole file. Throws `osa::Exception` "File '" + path + "' does not exist", also for what opens and
-    /// cannot be read, such as a folder.
+    /// The whole file. Throws `osa::Exception` "File '" + path + "' does not exist", also if the path can be
+    /// opened but not read, such as a folder.
     static std::string ReadTextFile(const std::string& path);
 };
 

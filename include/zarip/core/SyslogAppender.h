@@ -8,11 +8,12 @@
 
 namespace zarip::core {
 
-/// Sends records to the system logger as "(thread) logger [LEVEL] :: message" with facility daemon, the names
-/// cut and padded to exactly 5, 20 and 5 characters, the whole cut at 1023. *Thread-safe*.
+/// Sends records to the system logger as "(thread) logger [LEVEL] :: message" with facility daemon. The names
+/// are cut and padded to exactly 5, 20 and 5 characters, and the whole record is cut after 1023.
+/// *Thread-safe*.
 ///
-/// The system logger has one identification for the whole process: the youngest living appender's. It goes
-/// back to the one before when that appender ends.
+/// The system logger has one identification for the whole process: that of the youngest existing appender.
+/// When that appender is destroyed, the one before counts again.
 class ZARIP_EXPORT SyslogAppender : public ILogAppender {
 public:
     /// The identification is the group's "log.syslog.ident" or, without one, the group's name.
@@ -20,7 +21,7 @@ public:
     SyslogAppender(const SyslogAppender&) = delete;
     SyslogAppender& operator=(const SyslogAppender&) = delete;
 
-    /// Closes the system logger when this was the last.
+    /// Closes the system logger if this was the last appender.
     ~SyslogAppender() override;
 
     void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName, const char* format,

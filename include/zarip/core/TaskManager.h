@@ -17,17 +17,17 @@ namespace zarip::core {
 /// were queued. They run on the threads that call `WaitAndExecuteTask` or `ExecuteQueuedTasks`.
 ///
 /// *Thread-safe*: any number of threads may queue and run. No lock is held while a task runs, so it may queue
-/// and drop others. What a task throws is logged as "Exception running task: ...".
+/// and dequeue others. An exception from a task is logged as "Exception running task: ...".
 class ZARIP_EXPORT TaskManager : public ITaskQueue {
 public:
-    /// Keeps time by the monotonic clock and at most 500 tasks.
+    /// Uses the monotonic clock and holds at most 500 tasks.
     ///
-    /// A task without a delay is due at once. Where it stands among tasks with a delay is decided by the
-    /// exact time, with one exception: a task with a negative delay may run before those without a delay that
-    /// were queued up to two ticks of the system (8 to 20 ms) before its due time.
+    /// A task without a delay is due at once. The exact time decides its order among tasks with a delay, with
+    /// one exception: a task with a negative delay may run before tasks without a delay that were queued up
+    /// to two ticks of the system (8 to 20 ms) before its due time.
     TaskManager();
 
-    /// The same with another number of tasks.
+    /// The same with another limit.
     /// @param maxCount  the most tasks that may wait.
     explicit TaskManager(int maxCount);
 
@@ -40,16 +40,16 @@ public:
     /// Deletes the tasks that are still queued.
     ~TaskManager() override;
 
-    /// Throws `osa::Exception` "maxCount was reached" when the queue is full and "Invalid parameter" for a
-    /// due time that cannot be expressed; the task is deleted then.
+    /// Throws `osa::Exception` "maxCount was reached" if the queue is full and "Invalid parameter" for a due
+    /// time that cannot be expressed; the task is deleted then.
     void DoQueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) override;
 
     void DoDequeueTasksByTarget(void* target) override;
 
-    /// Waits for a task to become due and runs it; false when none ran.
+    /// Waits until a task is due and runs it. False if no task was run.
     ///
     /// Deliberate: a wait that ends because the earliest task has become due returns false without running
-    /// it, so a caller in a loop can look at its own state in between; it simply calls again.
+    /// it, so a caller in a loop can check its own state in between and then calls again.
     /// @param timeoutMs  milliseconds; negative waits without limit, 0 does not wait.
     bool WaitAndExecuteTask(int timeoutMs);
 
@@ -58,11 +58,11 @@ public:
 
 private:
     friend class ThreadPool;
-    class TaskManagerImpl;
+    class Impl;
 
     void QueueEvenIfFull(IVoidDelegate0* task);
 
-    std::unique_ptr<TaskManagerImpl> _impl;
+    std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::core

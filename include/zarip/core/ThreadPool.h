@@ -34,8 +34,8 @@ public:
     ITaskQueue* GetTaskQueue();
 
 private:
-    class ThreadPoolImpl;
-    std::shared_ptr<ThreadPoolImpl> _impl;
+    class Impl;
+    std::shared_ptr<Impl> _impl;
 };
 
 }  // namespace zarip::core

@@ -14,8 +14,8 @@ public:
     explicit TimeStats(unsigned int capacity);
     ~TimeStats() override;
 
-    /// Tells of an event; from the second on each adds the time since the one before, in 32 bits: beyond 35
-    /// minutes a sample is negative, beyond 71 it wraps.
+    /// Counts an event. From the second event on it adds a sample: the time since the event before, in 32
+    /// bits. After 35 minutes a sample is negative, after 71 it wraps.
     void Trip();
 
 private:

@@ -10,10 +10,11 @@
 
 namespace zarip::osa {
 
-/// A time of the calendar in UTC, to the microsecond, from year 1 to 9999. Immutable but for assignment. No
-/// leap seconds.
+/// A date and time in UTC, to the microsecond, from year 1 to 9999, without leap seconds. A value changes by
+/// assignment only.
 ///
-/// A date that does not exist throws `Exception` "Invalid date", as does arithmetic that leaves those years.
+/// A date that does not exist throws `Exception` "Invalid date". So does arithmetic whose result is outside
+/// of those years.
 class ZARIP_EXPORT DateTime {
 public:
     struct Fields {
@@ -24,8 +25,8 @@ public:
         int minute = 0;
         int second = 0;
         int microsecond = 0;
-        int dayOfWeek = 4;      ///< 0 is Sunday; looked at by nobody who makes a DateTime
-        int dayOfYear = 1;      ///< 1 to 366; the same
+        int dayOfWeek = 4;      ///< 0 is Sunday; not used when a DateTime is made
+        int dayOfYear = 1;      ///< 1 to 366; not used either
         int offsetMinutes = 0;  ///< of local time, east of UTC
     };
 
@@ -34,7 +35,7 @@ public:
 
     DateTime(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int microsecond = 0);
 
-    /// The time since 1970 that the system's clock tells.
+    /// The time that many seconds after 1970, as the system's clock counts.
     explicit DateTime(const TimeStruct& time);
 
     static DateTime Now();
@@ -46,10 +47,10 @@ public:
     /// Throws "Invalid parameter" before 1970 and after 2106.
     TimeStruct ToTimeStruct() const;
 
-    /// As `Parse` reads it, in UTC; with six decimals where there is a fraction of a second.
+    /// The form that `Parse` reads, in UTC. It has six decimals if there is a fraction of a second.
     std::string ToString() const;
 
-    /// The same time as clocks show it where the process runs (TZ), with its zone.
+    /// The same time in the time zone of the process (TZ), with the offset of that zone.
     std::string ToLocalString() const;
 
     Fields GetFields() const;

@@ -9,19 +9,20 @@
 
 namespace zarip::osa {
 
-/// The root of the library's exceptions: a message and, where somebody set it, a source location.
+/// The root of the library's exceptions: a message and, if `SetLocation` was called, a source location.
 ///
 /// Constructors never throw: when memory runs out while the message is built, "ERROR: Exception::Exception"
-/// goes to standard output and the object holds what was built so far. One thread at a time.
+/// goes to standard output and the object holds what was built so far. *One thread at a time.*
 class ZARIP_EXPORT Exception : public std::exception {
 public:
-    /// The message of operations that an interface declares and an implementation does not serve:
+    /// The message of an operation that an interface declares and an implementation does not provide:
     /// "unimplemented".
     static const std::string kUnimplemented;
 
     explicit Exception(const std::string& message);
 
-    /// Builds the message as printf does. Text from outside belongs in the arguments, never in the format.
+    /// Builds the message as printf does. A string from outside belongs in the arguments, never in the
+    /// format.
     explicit Exception(const char* format, ...) ZARIP_PRINTF(2, 3);
 
     /// Deliberate: copies the message only, so an exception that was thrown and copied carries no location.

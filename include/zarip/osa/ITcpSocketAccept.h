@@ -13,7 +13,7 @@ class ZARIP_EXPORT ITcpSocketAccept {
 public:
     virtual ~ITcpSocketAccept() = default;
 
-    /// *Called on TcpSocketThread*, one connection at a time, without any lock. What it throws is logged.
+    /// *Called on TcpSocketThread*, one connection at a time, without any lock. An exception is logged.
     /// @param socket  *takes ownership*.
     virtual void AcceptSocket(TcpSocket* socket) = 0;
 };

@@ -7,7 +7,7 @@
 
 namespace zarip::osa {
 
-/// A clock that somebody who keeps time can be given.
+/// A replaceable clock, for example for tests.
 class ZARIP_EXPORT ITimeSource {
 public:
     virtual ~ITimeSource() = default;
@@ -23,7 +23,7 @@ public:
     void SetTime(const TimeStruct& value) override;
 };
 
-/// The monotonic clock, which nobody sets. *Thread-safe*.
+/// The monotonic clock, which cannot be set. *Thread-safe*.
 class ZARIP_EXPORT MonotonicTimeSource : public ITimeSource {
 public:
     ~MonotonicTimeSource() override;

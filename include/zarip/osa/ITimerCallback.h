@@ -13,8 +13,8 @@ public:
     virtual ~ITimerCallback() = default;
 
     /// *Called on the thread "Timer"*, one callback of the process at a time, without any lock, or by
-    /// `Timer::Expire`. It may lock, allocate, and start and stop timers; one that takes long delays the
-    /// others. What it throws is logged.
+    /// `Timer::Expire`. It may lock, allocate, and start and stop timers. A callback that takes long delays
+    /// the others. An exception is logged.
     virtual void OnTimer(const TimeStruct& expiry, void* userData) = 0;
 };
 

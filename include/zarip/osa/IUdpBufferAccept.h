@@ -13,7 +13,7 @@ public:
     virtual ~IUdpBufferAccept() = default;
 
     /// *Called on UdpSocketThread* or *MulticastSocketThread*, one datagram at a time, with the mutex held
-    /// that belongs to the receive loop alone. What it throws is logged, and a `UdpServer` continues. A
+    /// that belongs to the receive loop alone. An exception is logged, and a `UdpServer` continues. A
     /// `MulticastServer` closes its socket and begins its next attempt; after the last one it receives no
     /// more. Catch everything here, because anybody can send a datagram that a parser refuses.
     /// @param buffer  *not owned*, valid during the call.

@@ -6,15 +6,15 @@
 
 namespace zarip::osa {
 
-/// Counters shared between threads. *Thread-safe*, without a lock: a child can use them whatever other
-/// threads of its parent did when it was forked. What a thread wrote before it changed a counter is visible
-/// to those that change the counter after it.
+/// Counters shared between threads. *Thread-safe*, without a lock, so a forked child can use them whatever
+/// the other threads of its parent did at the fork. What a thread has written before it changes a counter is
+/// visible to a thread that changes the counter after it.
 class ZARIP_EXPORT Interlocked {
 public:
     /// Adds one and returns the new value.
     static int Increment(int& value);
 
-    /// Takes one off and returns the new value.
+    /// Subtracts one and returns the new value.
     static int Decrement(int& value);
 };
 

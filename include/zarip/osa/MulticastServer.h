@@ -15,20 +15,21 @@ class IVoidDelegate0;
 
 namespace zarip::osa {
 
-/// A `UdpServer` that opens its socket on its own thread, "MulticastSocketThread", and tries again when that
-/// fails: an interface may appear late. Delegates learn when it receives, and when it has given up.
+/// A `UdpServer` that opens its socket on its own thread, "MulticastSocketThread", and retries if that fails,
+/// because a network interface may appear late. Delegates are called when it begins to receive and when it
+/// has given up.
 ///
-/// Mind that an attempt also ends, and counts, when the callback throws: the socket is closed, and after the
-/// last attempt the server receives no more. A callback that parses what strangers send catches everything.
+/// An exception from the callback also ends an attempt: the socket is closed, and after the last attempt the
+/// server receives nothing more. So a callback that parses datagrams of strangers must catch everything.
 ///
-/// It receives what is sent to a group only after `AddMembership`, which is called before `Start`; the
-/// address it is bound to joins nothing.
+/// The server receives datagrams of a group only after `AddMembership`, which is called before `Start`.
+/// Binding to a group's address does not join the group.
 ///
 /// `Stop` cuts both pauses short. Delegates are *called on MulticastSocketThread* with the mutex of their
 /// list held. *Thread-safe* as `UdpServer` is.
 class ZARIP_EXPORT MulticastServer : public UdpServer {
 public:
-    /// @param attempts  tries to open the socket, in all; at least one is made.
+    /// @param attempts  how often it tries to open the socket in total; at least once.
     /// @param earlyPause  after each of the first half of the attempts (rounded up).
     /// @param latePause  after the others. Both in whole milliseconds, fractions are cut off.
     MulticastServer(const std::string& address, unsigned short port, unsigned int bufferSize,
@@ -37,43 +38,47 @@ public:
                     TimeSpan latePause = TimeSpan::FromSeconds(10));
     ~MulticastServer() override;
 
-    /// The attempts; run by the thread that `Start` makes.
+    /// The attempts. Run by the thread that `Start` makes.
     void Run() override;
 
-    /// Ends the loop or the pause that it is in, and waits for that. Does nothing when the server was not
-    /// started; called by the callback or a delegate it only asks the thread to end.
+    /// Ends the loop, or the pause between two attempts, and waits until the thread has ended. Does nothing
+    /// if the server was not started. If the callback or a delegate calls `Stop`, it only asks the thread to
+    /// end.
     ///
     /// Deliberate: logs "Thread should have been stoped by now!" as an error whenever there was a thread,
-    /// also when all went well. Those who read the log find the stops of a server by this line.
+    /// also if everything went well. Readers of the log find the stops of a server by this line.
     void Stop() override;
 
-    /// Starts the thread and returns; nothing is open yet. Does nothing when the server was started and not
-    /// stopped yet, even if it has given up. Throws `Exception` "MulticastServer::Start(): pCallback was
+    /// Starts the thread and returns before the socket is open. Does nothing if the server was started and
+    /// not stopped yet, even if it has given up. Throws `Exception` "MulticastServer::Start(): pCallback was
     /// NULL".
     /// @param callback  *not owned*, must outlive the server's run.
     /// @param stackSize, priority  as in `Thread`; the stack has 32,768 bytes or more.
     void Start(IUdpBufferAccept* callback, unsigned int stackSize, signed char priority) override;
     using UdpServer::Start;
 
-    /// *Takes ownership*. Called each time before the server begins to receive; one that throws ends that
-    /// attempt.
+    /// *Takes ownership*. The delegate is called each time before the server begins to receive. An exception
+    /// from it ends that attempt.
     void AddOnStartDelegate(core::IVoidDelegate0* delegate);
 
-    /// *Takes ownership*. Called when the last attempt has failed.
+    /// *Takes ownership*. The delegate is called when the last attempt has failed.
     void AddOnErrorDelegate(core::IVoidDelegate0* delegate);
 
-    /// Delete the delegates bound to the object; none of them runs any more when this returns.
+    /// Delete the delegates that are bound to the object. When the function returns, they no longer run.
     void RemoveOnStartDelegate(void* object);
     void RemoveOnErrorDelegate(void* object);
 
-    /// Call the delegates; all are called, then the first exception among theirs is thrown.
+    /// Call all delegates, then throw the first exception that one of them has thrown.
     void FireOnStartEvents() const;
     void FireOnErrorEvents() const;
 
 private:
-    class MulticastImpl;
+    struct Impl;
 
-    std::unique_ptr<MulticastImpl> _multicast;
+    /// One attempt; false if it has failed.
+    ZARIP_HIDDEN bool RunOnce();
+
+    std::unique_ptr<Impl> _multicast;
 };
 
 }  // namespace zarip::osa

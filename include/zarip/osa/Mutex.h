@@ -8,36 +8,39 @@
 
 #include <zarip/osa/Export.h>
 #include <zarip/osa/ThreadAnnotations.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
-/// A named recursive mutex: its owner may lock it again and releases it as often. *Thread-safe*.
+/// A named recursive mutex. Its owner may lock it again, and releases it as often as it has locked it.
+/// *Thread-safe*.
 ///
-/// Time-outs are in milliseconds; 0xFFFFFFFF (-1) waits without limit and 0 does not wait. Deadlines are
-/// taken on the real-time clock; a clock set back does not stretch a wait, since it also ends once the same
-/// duration has passed on the monotonic clock (noticed within a second).
+/// Time-outs are in milliseconds; `kWaitForEver` waits without limit and 0 does not wait. Deadlines are times
+/// of the real-time clock. If that clock is set back, a wait still ends within a second after its time-out
+/// has passed on the monotonic clock.
 ///
 /// All operations throw `LockException`: "Max recursions reached", "Thread already owns lock" and "UNKNOWN
 /// ERROR" with `LockFailed`, "Lock Error" with `LockInvalid`, "Timeout" with `LockTimeout`.
 class ZARIP_EXPORT ZARIP_CAPABILITY("mutex") Mutex {
 public:
-    /// @param name  *not owned*: shown in diagnosis, never copied, must outlive the mutex; null means
-    /// "(unknown)".
+    /// @param name  *not owned*: for a debugger to show, never copied, must outlive the mutex; null means
+    ///     "(unknown)".
     explicit Mutex(const char* name);
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
     virtual ~Mutex();
 
-    /// Returns only when the lock is held; a time-out, or a busy mutex with time-out 0, throws "Timeout".
-    void Lock(unsigned int timeoutMs = 0xFFFFFFFFU) ZARIP_ACQUIRE();
+    /// Returns only when the lock is held. Throws "Timeout" when the time-out has passed, which for 0 means
+    /// that the mutex is not free.
+    void Lock(unsigned int timeoutMs = kWaitForEver) ZARIP_ACQUIRE();
 
-    /// Takes the lock if that needs no wait; false when another thread holds it.
+    /// Takes the lock if that needs no wait. False if another thread holds it.
     bool TryLock() ZARIP_TRY_ACQUIRE(true);
 
-    /// Like `Lock`, but returns false instead of throwing when the wait ran out.
+    /// Like `Lock`, but returns false instead of throwing "Timeout".
     bool TryLockFor(unsigned int timeoutMs) ZARIP_TRY_ACQUIRE(true);
 
-    /// Throws "Thread does not own lock" (`LockFailed`) when the caller is not the owner.
+    /// Throws "Thread does not own lock" (`LockFailed`) if the caller is not the owner.
     void Release() ZARIP_RELEASE();
 
 private:

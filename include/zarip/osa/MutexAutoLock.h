@@ -6,7 +6,7 @@
 
 #include <zarip/osa/Mutex.h>
 
-// The library's own source leaves it empty, so that the library has these functions as well: programs built
+// The library's own source defines it as empty, so that the library exports these functions: programs built
 // with version 0.1.0 call the destructor there.
 #ifndef ZARIP_MUTEX_AUTO_LOCK_INLINE
 #define ZARIP_MUTEX_AUTO_LOCK_INLINE inline
@@ -22,9 +22,9 @@ public:
     explicit MutexAutoLock(Mutex* mutex) ZARIP_ACQUIRE(mutex);
 
     /// @param timeoutMs  as in `Mutex`.
-    /// @param throwOnTimeout  when false, a wait that ran out builds an object that holds, and later
-    ///     releases, nothing. Nothing tells the two cases apart, so this form suits only callers that can go
-    ///     on without the lock.
+    /// @param throwOnTimeout  if it is false and the time-out passes, the object holds nothing and releases
+    ///     nothing. The caller cannot distinguish the two cases, so this form suits only a caller that can
+    ///     continue without the lock.
     /// Throws `LockException` "Timeout", `LockTimeout`.
     MutexAutoLock(Mutex* mutex, unsigned int timeoutMs, bool throwOnTimeout = true) ZARIP_ACQUIRE(mutex);
     MutexAutoLock(const MutexAutoLock&) = delete;

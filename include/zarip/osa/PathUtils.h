@@ -8,11 +8,12 @@
 
 namespace zarip::osa {
 
-/// Paths as text: but for `MakeAbsolute` nobody looks at what is there. *Thread-safe.*
+/// Functions on paths as strings. Only `MakeAbsolute` asks the system; no function looks at files.
+/// *Thread-safe.*
 ///
-/// `GetParent` and `GetName` are those of dirname(1) and basename(1): slashes at the end do not count, and
-/// what `GetParent` returns can always be used as a path. `Join`, `GetExtension` and `GetStem` are those of
-/// std::filesystem. Text between slashes is taken as it is: no "~", no "$HOME".
+/// `GetParent` and `GetName` are those of dirname(1) and basename(1): slashes at the end are ignored, and the
+/// result of `GetParent` can always be used as a path. `Join`, `GetExtension` and `GetStem` are those of
+/// std::filesystem. A name between slashes has no special meaning: "~" and "$HOME" are not expanded.
 class ZARIP_EXPORT PathUtils {
 public:
     PathUtils() = delete;
@@ -20,8 +21,8 @@ public:
     static bool IsAbsolute(const std::string& path);
 
     /// With one slash between them: ("/a", "b") and ("/a/", "b") give "/a/b", ("a", "") gives "a/", ("", "b")
-    /// gives "b". An absolute second path stays alone, and ".." in it leads out of the first: a name from
-    /// outside is not to be trusted for having been joined.
+    /// gives "b". An absolute second path is returned alone, and ".." in it leads out of the first. So
+    /// joining does not make a name from outside safe.
     static std::string Join(const std::string& folder, const std::string& path);
 
     /// "/a/b" and "/a/b/" give "/a"; "/a" and "/" give "/"; "a", "." and "" give ".".
@@ -37,18 +38,20 @@ public:
     /// The name without its extension.
     static std::string GetStem(const std::string& path);
 
-    /// Without ".", without what ".." takes back, without double slashes and slashes at the end:
-    /// "a//b/./../c/" gives "a/c", "/.." gives "/", "../a" stays, "a/.." and "" give ".". Where the folder
+    /// Removes ".", each name with the ".." that follows it, double slashes and slashes at the end:
+    /// "a//b/./../c/" gives "a/c", "/.." gives "/", "../a" stays, "a/.." and "" give ".". If the folder
     /// before ".." is a symbolic link, the result leads elsewhere than the path.
     static std::string Normalise(const std::string& path);
 
-    /// How to get from a folder to a path, both normalised before: ("/a/b", "/a/c") gives "../b", the folder
-    /// itself gives ".". Throws `Exception` "No relative path from '<folder>' to '<path>'" when one of them
-    /// is absolute and the other is not, or when the folder begins with a ".." that the path has not.
+    /// The relative path that leads from a folder to a path. Both are normalised before: ("/a/b", "/a/c")
+    /// gives "../b", the folder itself gives ".". Throws `Exception` "No relative path from '<folder>' to
+    /// '<path>'" if only one of them is absolute, or if the folder begins with a ".." that the path does not
+    /// have.
     static std::string MakeRelative(const std::string& path, const std::string& folder);
 
-    /// In the current folder, unless it is absolute; not normalised. "" gives the current folder. Throws
-    /// `IOException` "Couldn't get the current directory: errno(...)...", for one, when it has been deleted.
+    /// The path in the current folder, or the path itself if it is absolute. The result is not normalised. ""
+    /// gives the current folder. Throws `IOException` "Couldn't get the current directory: errno(...)...",
+    /// for example if the folder has been deleted.
     static std::string MakeAbsolute(const std::string& path);
 };
 

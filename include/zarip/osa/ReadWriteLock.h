@@ -5,16 +5,17 @@
 #include <zarip/osa/Export.h>
 #include <zarip/osa/Mutex.h>
 #include <zarip/osa/Semaphore.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
 /// Many readers or one writer; a waiting writer keeps new readers out. *Thread-safe*.
 ///
-/// Not recursive: a thread that holds it for reading and asks again while a writer waits blocks for ever.
-/// Time-outs are in milliseconds as in `Mutex`; failures throw `LockException`.
+/// The lock is not recursive: if a thread holds it for reading and asks again while a writer waits, both
+/// block for ever. Time-outs are in milliseconds as in `Mutex`; failures throw `LockException`.
 ///
-/// Internal order: a reader takes `_writeLock`, the mutex, `_readLock`; a writer `_writeLock`, `_readLock`,
-/// the mutex.
+/// Internally a reader takes `_writeLock`, the mutex and `_readLock` in this order; a writer takes
+/// `_writeLock`, `_readLock` and the mutex.
 class ZARIP_EXPORT ReadWriteLock {
 public:
     /// @param name  *not owned*: never copied, must outlive the lock.
@@ -23,14 +24,14 @@ public:
     ReadWriteLock& operator=(const ReadWriteLock&) = delete;
     virtual ~ReadWriteLock();
 
-    void ReadLock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    void ReadLock(unsigned int timeoutMs = kWaitForEver);
 
     /// Waits for other writers and then for readers, up to `timeoutMs` each.
-    void WriteLock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    void WriteLock(unsigned int timeoutMs = kWaitForEver);
 
-    /// Releases either kind. Deliberate: the kind is that of the last lock taken by anybody, not what the
-    /// calling thread holds, so the thread that locks must be the one that releases. Throws "No locks"
-    /// (`LockFailed`) when nothing is held.
+    /// Releases either kind. Deliberate: the kind is that of the last lock that any thread has taken, not of
+    /// the lock that the calling thread holds. So the thread that locks must be the one that releases. Throws
+    /// "No locks" (`LockFailed`) if nothing is held.
     void Release();
 
 private:

@@ -13,20 +13,20 @@ class ZARIP_EXPORT Runnable {
 public:
     Runnable() = default;
 
-    /// Deliberate: a copy belongs to no thread, while assignment takes over the thread of the source. A body
-    /// that is copied into a container may so be handed to a thread of its own.
+    /// Deliberate: a copy belongs to no thread, while assignment takes over the thread of the source. So a
+    /// body that is copied into a container can be given to another thread.
     Runnable(const Runnable&) : _thread(nullptr) {}
     Runnable& operator=(const Runnable&) = default;
 
     virtual ~Runnable() = default;
 
-    /// The body; *called on the thread that owns this object*. What it throws ends the process.
+    /// The body; *called on the thread that owns this object*. An exception that leaves it ends the process.
     virtual void Run() = 0;
 
-    /// Asks the body to finish; called on any thread, does not wait.
+    /// Asks the body to finish and does not wait. Called on any thread.
     virtual void Stop() = 0;
 
-    /// The thread that runs this object, *not owned*; null while there is none.
+    /// The thread that runs this object, *not owned*, or null.
     Thread* GetCurrentThread() const { return _thread; }
 
 private:

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include <zarip/osa/Export.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -16,20 +17,21 @@ class ZARIP_EXPORT Semaphore {
 public:
     /// @param name  *not owned*: never copied, must outlive the semaphore.
     /// @param maxCount  the most units it holds.
-    /// @param initialCount  the units it starts with. Mind the order: the ceiling comes first.
+    /// @param initialCount  the units it starts with. The maximum comes first in the list of parameters.
     Semaphore(const char* name, unsigned short maxCount, unsigned short initialCount);
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;
     virtual ~Semaphore();
 
-    /// Takes one unit; false when none became free in time.
+    /// Takes one unit. False if the time-out passes before a unit is free.
     bool TryLock(unsigned int timeoutMs);
 
-    /// Takes one unit; throws "Semaphore::Lock timeout after <timeoutMs>ms" (`LockTimeout`) when none became
-    /// free.
-    void Lock(unsigned int timeoutMs = 0xFFFFFFFFU);
+    /// Takes one unit; throws "Semaphore::Lock timeout after <timeoutMs>ms" (`LockTimeout`) if the time-out
+    /// passes before a unit is free.
+    void Lock(unsigned int timeoutMs = kWaitForEver);
 
-    /// Gives one unit back; throws "maxCount was reached" (`LockInvalid`) when all units are there already.
+    /// Gives one unit back. Throws "maxCount was reached" (`LockInvalid`) if the semaphore holds `maxCount`
+    /// units already.
     void Release();
 
 private:

@@ -10,7 +10,7 @@ namespace zarip::osa {
 class ZARIP_EXPORT SocketException : public Exception {
 public:
     enum SocketError {
-        SocketTimeout = 0,       ///< nothing arrived, or nobody answered, in time
+        SocketTimeout = 0,       ///< nothing arrived, or the peer did not answer, in time
         SocketConfigError = 1,   ///< an option, a pipe or a bind address was refused
         SocketAddressError = 2,  ///< a malformed address, or sending on an unconnected socket
         SocketGeneralError = 3,  ///< every other failure

@@ -13,15 +13,17 @@ namespace zarip::osa {
 class ITcpSocketAccept;
 class PacketCapture;
 
-/// Accepts connections on a thread of its own, "TcpSocketThread", and hands each to an `ITcpSocketAccept`.
+/// Accepts connections on a thread of its own, "TcpSocketThread", and passes each to an `ITcpSocketAccept`.
 ///
-/// A unix-domain server understands two control connections: one that begins with "dump start\n" starts a
-/// packet capture of all traffic of the server's connections into "/tmp/<last part of its name>.pcap", "dump
-/// stop\n" ends it. Only root and the server's own user may do that. A new connection of such a server is
-/// looked at for at most 2 seconds, until it speaks, before it is handed on; meanwhile others are served.
+/// A unix-domain server understands two control commands at the beginning of a connection. "dump start\n"
+/// starts a packet capture of all traffic of the server's connections into "/tmp/<last part of its
+/// name>.pcap", and "dump stop\n" ends it. Only root and the server's own user may do that. To find the
+/// commands, such a server waits at most 2 seconds for the first bytes of a new connection before it passes
+/// the connection on. Other connections are served meanwhile.
 ///
-/// *Thread-safe.* Started and stopped once. The acceptor may stop the server, and delete it: both only ask
-/// the accept loop to end, which happens when the acceptor returns. Failures throw `SocketException`.
+/// *Thread-safe.* A server is bound, then started once, then stopped once; a stopped server is not started
+/// again. The acceptor may stop the server and may delete it. Both only ask the accept loop to end, which it
+/// does when the acceptor returns. Failures throw `SocketException`.
 class ZARIP_EXPORT TcpServer : public Runnable {
 public:
     /// Binds at once, see `TcpSocket`; nothing is accepted before `Start`.
@@ -29,11 +31,11 @@ public:
     TcpServer(const TcpServer&) = delete;
     TcpServer& operator=(const TcpServer&) = delete;
 
-    /// Stops; connections that were handed on live on.
+    /// Stops. Connections that were passed on stay open.
     ~TcpServer() override;
 
-    /// Starts accepting, and returns once the server listens. Does nothing while the server runs: the
-    /// acceptor stays the first one. Throws "listen failed", and "Server was stopped" after `Stop`.
+    /// Starts accepting, and returns once the server listens. Does nothing while the server runs, not even
+    /// replace the acceptor. Throws "listen failed", and "Server was stopped" after `Stop`.
     /// @param acceptor  *not owned*, must outlive the server.
     /// @param backlog  connections that the kernel keeps for the server.
     /// @param stackSize, priority  of the thread, as in `Thread`.
@@ -44,23 +46,24 @@ public:
     /// The accept loop; run by the thread that `Start` makes.
     void Run() override;
 
-    /// Ends the accept loop, waits for that, and refuses connections from then on; does nothing when the loop
-    /// does not run. A connection that the acceptor is serving in `AcceptSocket` is cancelled: its operations
-    /// throw "Socket was closed". Called by the acceptor itself it only asks the loop to end.
+    /// Ends the accept loop, waits until it has ended, and refuses connections from then on. Does nothing if
+    /// the loop does not run. A connection that the acceptor is serving in `AcceptSocket` is cancelled: its
+    /// operations throw "Socket was closed". If the acceptor itself calls `Stop`, it only asks the loop to
+    /// end.
     void Stop() override;
 
-    /// Tells whether the first bytes of a connection, all that came so far, are enough to serve it.
+    /// Whether the bytes that a connection has sent so far are enough to serve it.
     using ReadyTest = bool (*)(const char* bytes, std::size_t length);
 
-    /// Keeps new connections back, where they cost no thread, until `isReady`, 4,095 bytes have come, or the
-    /// peer has closed. One that takes longer than the limit is handed on with its time used up. At most
-    /// 1,000 are kept, and no more than half the descriptors that the process may open; beyond that the
-    /// oldest is closed. Before `Start`.
-    /// @param limitMs  milliseconds, also the time limit of a connection once it is handed on
-    /// (`TcpSocket::SetTimeLimit`).
+    /// Holds each new connection, which costs no thread, until `isReady` returns true, 4,095 bytes have
+    /// arrived, or the peer has closed. A connection that takes longer than the limit is passed on with its
+    /// time limit reached. The server holds at most 1,000 connections, and no more than half of the
+    /// descriptors that the process may open; beyond that it closes the oldest. To be called before `Start`.
+    /// @param limitMs  milliseconds; also the time limit of a connection once it is passed on
+    ///     (`TcpSocket::SetTimeLimit`).
     void HoldConnections(ReadyTest isReady, unsigned int limitMs);
 
-    /// Before `Start`: of the listening socket, and so of each connection.
+    /// Sets the buffers of the listening socket, and so of each connection. To be called before `Start`.
     void SetBufferSize(unsigned int bytes) const;
 
     unsigned short GetLocalPort() const;
@@ -68,7 +71,7 @@ public:
     /// Whether an error of `accept` means that it will not work again.
     static bool IsFatalError(int error);
 
-    /// Appends one packet to the capture when one is open and the length is positive.
+    /// Appends one packet to the capture if it is open and the length is positive.
     void DumpPacket(unsigned short sourcePort, unsigned short destinationPort, const void* data, int length);
 
 private:

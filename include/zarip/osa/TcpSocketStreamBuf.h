@@ -26,13 +26,13 @@ public:
     TcpSocketStreamBuf(const TcpSocketStreamBuf&) = delete;
     TcpSocketStreamBuf& operator=(const TcpSocketStreamBuf&) = delete;
 
-    /// Sends what is left; a failure is dropped.
+    /// Sends what is left and ignores failures.
     ~TcpSocketStreamBuf() override;
 
-    /// Throws `IOException` "Socket already open" when there is a socket.
+    /// Throws `IOException` "Socket already open" if there is a socket.
     void Open(TcpSocket* socket);
 
-    /// Lets go of the socket and of what was not sent or read, so that another can be opened.
+    /// Forgets the socket and what was not sent or read, so that another socket can be opened.
     void Close();
 
 protected:

@@ -20,15 +20,16 @@ namespace zarip::osa {
 
 class Runnable;
 
-/// A named POSIX thread that is created suspended and runs a `Runnable` from `Run()` on.
+/// A named POSIX thread that is created suspended and runs a `Runnable` once `Run()` is called.
 ///
 /// Priorities have one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to
-/// -119 (highest) the real-time round-robin class. Values below -119 are passed on unchecked, and the system
-/// refuses them: the constructor then throws "Create Thread Error", and `SetPriority` changes nothing.
+/// -119 (highest) the real-time round-robin class. Values below -119 are passed to the system, which refuses
+/// them: the constructor then throws "Create Thread Error", and `SetPriority` changes nothing.
 ///
-/// The owner stops the runnable and calls `Join()` before it destroys the object: the destructor does
-/// neither. A thread that was never run ends with its object; one that still runs is left alone, and its
-/// resources are freed when it ends.
+/// A thread is suspended, then runs, then has ended. `Run()` is called once in the first state. The owner
+/// stops the runnable and calls `Join()` once before it destroys the object; the destructor does neither. A
+/// thread that was never run ends with its object. A thread that still runs then continues without the
+/// object, and its resources are freed when it ends.
 ///
 /// *Thread-safe*, except `Join()` and destruction, which belong to the owner. The thread that loads the
 /// library is wrapped in an object named "ZARIP". Failures throw `Exception`.
@@ -37,21 +38,21 @@ public:
     /// Static operations on the calling thread.
     class ZARIP_EXPORT CurrentThread {
     public:
-        /// Sleeps; throws `Signal(2)` when any signal handler interrupts it, and does not sleep on.
+        /// Sleeps. If a signal handler interrupts the sleep, it ends and throws `Signal(2)`.
         static void MicroSleep(unsigned int microseconds);
 
-        /// `MicroSleep(milliseconds * 1000)` in 32 bits: beyond 4,294,967 ms the value wraps.
+        /// `MicroSleep(milliseconds * 1000)` computed in 32 bits, so a value above 4,294,967 ms wraps.
         static void Sleep(unsigned int milliseconds);
 
         static void Yield();
 
-        /// Throws "Priority Error" when the system does not tell.
+        /// Throws "Priority Error" if the system does not report it.
         static signed char GetPriority();
         static void SetPriority(signed char priority);
 
         /// The object of the calling thread, *not owned*, or null. Deliberate: a thread that this class has
-        /// not made is entered in the registry with a null object, so the registry shows which threads have
-        /// come by.
+        /// not made is entered in the registry with a null object, so a debugger sees in the registry which
+        /// threads have called this.
         static Thread* ThreadPtr();
     };
 
@@ -73,26 +74,26 @@ public:
     Thread& operator=(const Thread&) = delete;
     virtual ~Thread();
 
-    /// Releases the suspended thread; a second call throws "Invalid Thread Context".
+    /// Releases the suspended thread. A second call throws "Invalid Thread Context".
     void Run();
 
-    /// Waits for the end of the thread; returns the result of `pthread_join` (EINVAL when it was joined
-    /// before).
+    /// Waits for the end of the thread. Returns the result of `pthread_join`, or EINVAL if it was joined
+    /// before.
     int Join();
 
-    /// Sends a signal to the thread and returns 0. A thread that has ended and was not joined yet gets none,
-    /// which is no failure. Throws "invalid pid" once it was joined, and "invalid signal".
+    /// Sends a signal to the thread and returns 0. If the thread has ended and was not joined yet, it does
+    /// nothing. Throws "invalid pid" if the thread was joined, and "invalid signal".
     int Signal(int signal);
 
-    /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with an
-    /// id they kept to learn whether they are on their own thread.
+    /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with a
+    /// stored id to find out whether they run on their own thread.
     pthread_t GetID() const;
 
     /// Throws "Can't get priority from a different (SCHED_OTHER) thread" for a time-sharing thread that is
-    /// not the caller, "Priority Error" when the system does not tell.
+    /// not the caller, "Priority Error" if the system does not report it.
     signed char GetPriority() const;
 
-    /// Sets class and priority; the nice value only when this object is the calling thread.
+    /// Sets class and priority. A nice value is set only if the thread is the caller.
     void SetPriority(signed char priority);
 
     /// The rounded stack size in bytes; 0 for the loading thread.

@@ -2,8 +2,8 @@
 
 #pragma once
 
-/// Attributes that let clang's -Wthread-safety check which lock guards what; other compilers see nothing.
-/// Locking a recursive mutex again in a called function draws no warning.
+/// Attributes with which clang's -Wthread-safety checks which lock guards what. Other compilers see no
+/// attributes. Locking a recursive mutex again in a called function causes no warning.
 
 #if defined(__clang__)
 #define ZARIP_THREAD_ATTRIBUTE(x) __attribute__((x))

@@ -18,7 +18,7 @@ ZARIP_EXPORT int SetTime(const TimeStruct& value);
 /// The monotonic clock, rounded to the nearest microsecond.
 ZARIP_EXPORT void TimeMonotonic(TimeStruct& out);
 
-/// Returns what the system says, which is normally -1: nobody sets the monotonic clock.
+/// Returns the system's result, which is normally -1, because the monotonic clock cannot be set.
 ZARIP_EXPORT int SetTimeMonotonic(const TimeStruct& value);
 
 }  // namespace zarip::osa

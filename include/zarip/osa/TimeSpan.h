@@ -6,8 +6,8 @@
 
 namespace zarip::osa {
 
-/// A signed length of time in microseconds. Immutable but for assignment, so *thread-safe* as far as a number
-/// is. What is longer than it can hold, 292,000 years, becomes the longest that it can.
+/// A signed length of time in microseconds. *Thread-safe* as far as a number is. A result that is longer than
+/// the type can hold, 292,000 years, becomes the longest that it can hold.
 class TimeSpan {
 public:
     constexpr TimeSpan() = default;

@@ -16,7 +16,7 @@ public:
     /// 0, or the present real time.
     explicit TimeStruct(bool now = false);
 
-    /// A million microseconds and more carry into the seconds.
+    /// Each million of microseconds is carried into the seconds.
     TimeStruct(unsigned int seconds, unsigned int microseconds);
 
     TimeStruct& operator+=(long long microseconds);
@@ -26,7 +26,7 @@ public:
     TimeStruct operator+(const TimeStruct& other) const;
     TimeStruct operator-(const TimeStruct& other) const;
 
-    /// Deliberate: empty. Callers that need text format the fields in the notation of their own files and
+    /// Deliberate: empty. Callers that need a string format the fields in the notation of their own files and
     /// messages.
     std::string ToString() const;
 

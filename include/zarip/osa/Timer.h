@@ -12,13 +12,14 @@ namespace zarip::osa {
 class ITimerCallback;
 class TimerService;
 
-/// Calls back once at a time of the real-time clock; never early. *Thread-safe*, but for assignment and
+/// Calls back once at a time of the real-time clock, never early. *Thread-safe*, except for assignment and
 /// destruction.
 ///
-/// The library reserves SIGUSR1 for timers: it is ignored by the process and waited for by one thread,
-/// "Timer", so an expiry interrupts nothing and a signal from outside does no harm. Programs that the process
-/// starts inherit that it is ignored. The child of a fork has neither timers nor that thread: a process that
-/// becomes a daemon does so before it makes its first timer.
+/// A timer is armed or not. `Start` and `Stop` may be called in either state and any number of times; a timer
+/// that has called back is not armed. The library reserves SIGUSR1 for timers: the process ignores it and one
+/// thread, "Timer", waits for it. So an expiry interrupts no system call, and a signal from outside does no
+/// harm. Programs that the process starts inherit that the signal is ignored. The child of a fork has neither
+/// timers nor that thread, so a process that becomes a daemon must do so before it makes its first timer.
 ///
 /// Failures throw `Exception`: "Invalid timer event", "Invalid clock", "Could not process request", "Invalid
 /// action", "Invalid signal", "Invalid setting", "Invalid timer ID", "UNKNOWN ERROR".
@@ -27,26 +28,26 @@ public:
     /// @param callback  *not owned*, must outlive the timer; null throws "Illegal NULL callback".
     explicit Timer(ITimerCallback* callback);
 
-    /// A copy shares the alarm: whichever is started sets it, and it ends with the first of them that is
-    /// destroyed. Better not copied at all.
+    /// A copy shares the alarm of the original. Starting either of them sets the alarm, and destroying either
+    /// of them ends it. It is better not to copy timers at all.
     Timer(const Timer& other);
     Timer& operator=(const Timer& other);
 
     /// As `Stop`.
     virtual ~Timer();
 
-    /// Arms the timer, in place of what it was armed for; a time that has passed, 0 s 0 us included, calls
-    /// back at once.
+    /// Arms the timer; an earlier `Start` no longer counts. For a time that has passed, 0 s 0 us included, it
+    /// calls back at once.
     /// @param expiry  of the real-time clock.
-    /// @param userData  *not owned*, handed to the callback.
+    /// @param userData  *not owned*, passed to the callback.
     void Start(const TimeStruct& expiry, void* userData);
 
-    /// Disarms the timer, also when a callback that runs starts it anew. Waits for that callback: once this
-    /// has returned it does not run, unless the caller is the callback. Hold no lock that the callback takes.
+    /// Disarms the timer, also if a running callback starts it again. Waits until a running callback has
+    /// returned, unless the caller is that callback. The caller must not hold a lock that the callback takes.
     void Stop();
 
-    /// Disarms the timer and calls back at once on this thread; what the callback throws comes through. A
-    /// `Stop` elsewhere does not wait for this call.
+    /// Disarms the timer and calls back at once on the calling thread. An exception from the callback is
+    /// passed on. A `Stop` on another thread does not wait for this call.
     void Expire();
 
 private:

@@ -8,24 +8,25 @@
 
 namespace zarip::osa {
 
-/// A bound datagram socket. One that is bound to an IPv6 address receives IPv4 on the same port too, on every
-/// IPv4 address of the machine.
+/// A bound datagram socket. If it is bound to an IPv6 address, it also receives IPv4 datagrams on the same
+/// port, on every IPv4 address of the machine.
 ///
-/// *Thread-safe*, except `OpenAndBindSocket`, `Close` and destruction, which no other operation may overlap.
-/// Time-outs are in whole seconds, 0xFFFFFFFF waits without limit and 0 does not wait. Failures throw
-/// `SocketException`; with `SocketGeneralError` where nothing else is said. Signals end no operation, and no
-/// descriptor is inherited by programs that the process starts.
+/// *Thread-safe*, except for `OpenAndBindSocket`, `Close` and destruction, which no other operation may
+/// overlap. Time-outs are in whole seconds; `kWaitForEver` waits without limit and 0 does not wait. Failures
+/// throw `SocketException`, with `SocketGeneralError` unless stated otherwise. Signals do not end an
+/// operation. Programs that the process starts do not inherit the descriptors.
 ///
-/// A reused port is no secret: where the system allows it another local program can bind it as well, and the
-/// system then decides who gets a datagram that is not multicast. Trust no datagram for its port.
+/// If a port is reused, another local program can bind it as well, as far as the system allows it. The system
+/// then decides which of the two receives a datagram that is not multicast. So the port of a datagram proves
+/// nothing about its sender.
 class ZARIP_EXPORT UdpSocket {
 public:
-    /// Where a datagram came in and where it comes from. Texts are zero-terminated, and empty for the family
-    /// that the datagram is not of.
+    /// The destination and the sender of a datagram. Strings are zero-terminated; those of the other address
+    /// family are empty.
     struct Info {
         char localIpv4[16];        ///< the destination: the group's address for a multicast datagram
         char localIpv6[46];        ///< as above
-        unsigned short localPort;  ///< the socket's
+        unsigned short localPort;  ///< the port of the socket
         char remoteIpv4[16];
         char remoteIpv6[46];
         unsigned short remotePort;
@@ -35,41 +36,41 @@ public:
     /// without IPv6. Throws "Invalid Address" (`SocketConfigError`), "Failed to create pipe" and what
     /// `OpenAndBindSocket` throws.
     /// @param address  numeric, IPv4 or IPv6.
-    /// @param reuse  whether others may bind the same port; for IPv6 they always may.
+    /// @param reuse  whether other sockets may bind the same port; for IPv6 they always may.
     UdpSocket(const char* address, unsigned short port, signed char reuse);
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
     virtual ~UdpSocket();
 
-    /// Opens the socket of the address's family and binds it to the object's port, in place of the one that
-    /// was open; the constructor calls it. Throws "Invalid Socket", "setting SO_REUSEADDR", "setting
-    /// IP_PKTINFO", "setting V6ONLY", "setting IPV6_PKTINFO" and "Unable to bind socket", all but the first
-    /// with `SocketConfigError`, and "Invalid Address".
+    /// Opens a socket of the address's family, binds it to the object's port, and closes the socket that was
+    /// open. The constructor calls it. Throws "Invalid Socket", "setting SO_REUSEADDR", "setting IP_PKTINFO",
+    /// "setting V6ONLY", "setting IPV6_PKTINFO" and "Unable to bind socket", all but the first with
+    /// `SocketConfigError`, and "Invalid Address".
     void OpenAndBindSocket(const char* address, bool reuse);
 
     /// Sends one datagram. Throws "Invalid Address" for a host that is not numeric, "Socket Error", "Invalid
-    /// Socket" when there is no socket of its family.
+    /// Socket" if there is no socket of its family.
     void SendTo(const unsigned char* data, unsigned int length, const char* host, unsigned short port) const;
 
-    /// Receives one datagram and returns its length, 0 for an empty one. What is longer than the buffer is
-    /// cut. Buffer and `info` change only on success. Throws "Timeout" (`SocketTimeout`), "Socket was closed"
-    /// once it was cancelled, "Invalid Socket", "Socket Error", "unknown family".
+    /// Receives one datagram and returns its length, 0 for an empty one. A datagram that is longer than the
+    /// buffer is cut. Buffer and `info` change only on success. Throws "Timeout" (`SocketTimeout`), "Socket
+    /// was closed" after `CancelRecv`, "Invalid Socket", "Socket Error", "unknown family".
     unsigned int RecvFrom(unsigned char* buffer, unsigned int length, Info& info,
                           unsigned int timeoutSeconds) const;
 
-    /// Ends receiving for good: a `RecvFrom` that waits, and every later one.
+    /// Ends a `RecvFrom` that waits, and every later one.
     void CancelRecv();
 
     /// May be called twice.
     void Close();
 
-    /// The port bound to.
+    /// The port that the socket is bound to.
     unsigned short GetLocalPort() const;
 
-    /// Join and leave a group. The interface is the one that the system's routes name for the group, or that
-    /// of an IPv6 group with a scope ("ff02::c%eth0"). Only datagrams of groups that this socket has joined
-    /// arrive, whatever other programs have joined. The forms with a source, for IPv4 only, let in the
-    /// datagrams of that source alone.
+    /// Join and leave a group. The system's routes determine the interface, or the scope of an IPv6 group
+    /// ("ff02::c%eth0"). The socket receives only datagrams of groups that it has joined itself, whatever
+    /// other programs have joined. The forms with a source are for IPv4 only and accept the datagrams of that
+    /// source alone.
     ///
     /// Throw "UdpSocket::AddMembership(<group>): " (for the others Drop, AddSource, DropSource) followed by
     /// "invalid address", "IPv6 address on IPv4 socket", "IPv6 does not support source-specific multicast" or
@@ -79,7 +80,7 @@ public:
     void AddSourceMembership(const char* group, const char* source) const;
     void DropSourceMembership(const char* group, const char* source) const;
 
-    /// All of the four above.
+    /// Does what one of the four functions above does.
     /// @param source  null for the forms without a source.
     void AddDropMembership(const char* group, bool add, const char* source) const;
 

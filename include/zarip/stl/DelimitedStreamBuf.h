@@ -10,10 +10,11 @@
 
 namespace zarip::stl {
 
-/// The lines of a stream up to, and without, a delimiter line, each ended by a line feed (a carriage return
-/// before it is taken away). The source stays positioned behind the delimiter line. One thread at a time.
+/// The lines of a stream before a delimiter line, each ended by a line feed; a carriage return before it is
+/// removed. Afterwards the source is positioned after the delimiter line. *One thread at a time.*
 ///
-/// A line of more than 511 characters is read in pieces; one that equals the delimiter also ends the buffer.
+/// A line of more than 511 characters is read in pieces. A piece that equals the delimiter also ends the
+/// buffer.
 class ZARIP_EXPORT DelimitedStreamBuf : public std::streambuf {
 public:
     /// @param source  *not owned*, must outlive the buffer; null is an empty one.

@@ -11,7 +11,7 @@ namespace zarip::core {
 
 using osa::ReadBlocks;
 
-/// The same, for callers to whom every failure is one.
+/// Calls `take` for each block of a file. Every failure is reported as a missing file.
 template <class Take>
 void ReadFileBlocks(const std::string& path, Take take) {
     if (!ReadBlocks(path.c_str(), take)) {

@@ -23,7 +23,7 @@ inline std::string_view Trim(std::string_view text) {
     return text.substr(begin, end - begin);
 }
 
-/// `Trim` of what stands before the first zero byte.
+/// `Trim` of the part before the first zero byte.
 inline std::string_view TrimBeforeZero(std::string_view text) {
     return Trim(text.substr(0, text.find('\0')));
 }
