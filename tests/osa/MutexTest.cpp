@@ -105,7 +105,7 @@ TEST_F(MutexTest, AWaitDoesNotGrowWhenTheClockIsSetBack) UNCHECKED {
 }
 
 TEST_F(MutexTest, WaitersGetTheLockWhenItIsReleased) UNCHECKED {
-    for (const unsigned int timeout : {0xFFFFFFFFU, 3'600'000U, 0xFFFFFFFEU}) {
+    for (const unsigned int timeout : {kWaitForEver, 3'600'000U, 0xFFFFFFFEU}) {
         std::string order;
         std::promise<void> begun;
         mutex.Lock();

@@ -27,8 +27,6 @@ namespace fs = std::filesystem;
 using std::string;
 using test::ErrorOf;
 
-constexpr unsigned int kForEver = 0xFFFFFFFFU;
-
 /// A program on pipes.
 struct Program {
     explicit Program(const string& script, unsigned int timeoutSeconds = 30)
@@ -156,7 +154,7 @@ TEST(PipeStreamTest, ReadsAllUpToALimit) {
 TEST(PipeStreamTest, DestructionIsBounded) {
     const Pipe pipe;
     EXPECT_GT(::fcntl(pipe.fds[1], F_SETPIPE_SZ, 4'096), 0);
-    { PipeStream(-1, pipe.fds[1], kForEver) << string(4'096, 'x') << "the pipe is full"; }
+    { PipeStream(-1, pipe.fds[1], kWaitForEver) << string(4'096, 'x') << "the pipe is full"; }
     PipeStream reader(pipe.fds[0], -1);
     EXPECT_EQ(reader.ReadAll(), string(4'096, 'x'));
 }
@@ -184,19 +182,19 @@ TEST(PipeStreamTest, TimesOut) {
     EXPECT_EQ(word, "y");
 
     // The limit also ends what never waits.
-    Program dribbling("exec yes", kForEver);
+    Program dribbling("exec yes", kWaitForEver);
     dribbling.stream.SetTimeLimit(50);
     EXPECT_EQ(FailureOf(dribbling.stream,
                         [&] { dribbling.stream.ignore(std::numeric_limits<std::streamsize>::max()); }),
               "Timeout");
     dribbling.stream.clear();
-    dribbling.stream.SetTimeLimit(kForEver);
+    dribbling.stream.SetTimeLimit(kWaitForEver);
     EXPECT_NE(dribbling.stream.get(), EOF);
 }
 
 TEST(PipeStreamTest, CancelEndsWaiting) {
     for (const bool isWriting : {false, true}) {
-        Program program("exec sleep 1000", kForEver);
+        Program program("exec sleep 1000", kWaitForEver);
         std::thread canceller([&] { program.stream.Cancel(); });
         EXPECT_EQ(FailureOf(program.stream,
                             [&] {

@@ -451,7 +451,7 @@ TEST(ProcessTest, DestructionLeavesNothingBehind) {
             Process process("sh", {"-c", script}, options);
             output = std::make_unique<PipeStream>(process, 30);
             EXPECT_EQ(output->get(), '\n');
-            EXPECT_EQ(process.Wait(string(script).back() == 't' ? 0 : 0xFFFFFFFFU),
+            EXPECT_EQ(process.Wait(string(script).back() == 't' ? 0 : kWaitForEver),
                       string(script).back() != 't');
         }
         EXPECT_EQ(output->get(), EOF);  // no process is left that could write

@@ -91,7 +91,7 @@ TEST(SemaphoreTest, WaitersGetTheUnitsThatAreReleased) {
     Semaphore back("back", 2, 0);
     std::atomic<int> taken{0};
     std::vector<std::thread> threads;
-    for (const unsigned int timeout : {0xFFFFFFFFU, 3'600'000U}) {
+    for (const unsigned int timeout : {kWaitForEver, 3'600'000U}) {
         threads.emplace_back([&, timeout] {
             for (int round = 0; round < kRounds; ++round) {
                 there.Lock(timeout);

@@ -265,7 +265,7 @@ TEST_F(TcpPair, ReceivingTimesOutPeeksAndIsCancelledForGood) {
 
     auto blocked = std::async(std::launch::async, [&] {
         char byte = 0;
-        return OutcomeOf([&] { client.Recv(&byte, 1, 0xFFFFFFFF); });
+        return OutcomeOf([&] { client.Recv(&byte, 1, kWaitForEver); });
     });
     client.CancelRecv();
     EXPECT_EQ(blocked.get(), kClosed);
@@ -415,7 +415,7 @@ TEST(TcpServer, StopsPromptlyInEveryState) {
             const string much(1'000'000, 'x');
             char byte = 0;
             try {
-                while (sends || socket.Recv(&byte, 1, 0xFFFFFFFF) == 1) {
+                while (sends || socket.Recv(&byte, 1, kWaitForEver) == 1) {
                     socket.SendAll(much.data(), static_cast<unsigned int>(much.size()));
                 }
             } catch (const SocketException& e) {

@@ -182,7 +182,7 @@ TEST(UdpSocketTest, FailuresHaveTheirTextsAndCodes) {
     EXPECT_EQ(send(string(70'000, 'x'), "127.0.0.1"), "Socket Error / 3");
     socket.CancelRecv();
     EXPECT_EQ(receive(0), "Socket was closed / 3");
-    EXPECT_EQ(receive(0xFFFFFFFF), "Socket was closed / 3");
+    EXPECT_EQ(receive(kWaitForEver), "Socket was closed / 3");
     socket.Close();
     socket.Close();
     EXPECT_EQ(receive(0), "Invalid Socket / 3");

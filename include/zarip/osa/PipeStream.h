@@ -8,6 +8,7 @@
 #include <string>
 
 #include <zarip/osa/Export.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
@@ -33,7 +34,7 @@ public:
     /// neither. The process may end before or after the stream.
     explicit PipeStream(Process& process, unsigned int timeoutSeconds = 5, unsigned int bufferSize = 4096);
 
-    /// @param readFd,  writeFd *takes ownership*, also when it throws, and makes them non-blocking; -1 for no
+    /// @param readFd, writeFd  *takes ownership*, also when it throws, and makes them non-blocking; -1 for no
     ///     descriptor. Both may be one descriptor of a terminal or a socket, which is closed once.
     ///     `CloseWrite` then sends the end of file to a socket only.
     /// @param timeoutSeconds  `kWaitForEver` waits without limit.

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <zarip/osa/Export.h>
+#include <zarip/osa/Timeout.h>
 
 namespace zarip::osa {
 
