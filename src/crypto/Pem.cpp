@@ -81,7 +81,7 @@ public:
         Require(rest == 0 ? _padding == 0 : rest + _padding == 4);
         if (rest != 0) {
             _group <<= 6 * (4 - rest);
-            Require((_group & (rest == 2 ? 0xFFFFU : 0xFFU)) == 0);  // bits that would be lost
+            Require((_group & (rest == 2 ? 0xFFFFU : 0xFFU)) == 0);  // otherwise bits would be lost
             Append(rest - 1);
         }
         return std::move(_bytes);

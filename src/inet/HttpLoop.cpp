@@ -172,7 +172,7 @@ bool HttpLoop::ContinueConnection(ServedConnection& held) {
         RearmConnection(held);
     } catch (...) {
         _service.LogCaught();
-        _held.Drop(&held);  // a part of what was read may be missing
+        _held.Drop(&held);  // a part of the request may be lost
     }
     return true;
 }

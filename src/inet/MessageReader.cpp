@@ -79,7 +79,7 @@ std::size_t StreamReader::TakeLine(char* line, std::size_t size, std::size_t& le
         ThrowBadRequest();
     }
     const auto extracted = static_cast<std::size_t>(_in.gcount());
-    // A line that ended the stream, or did not fit, had no line feed.
+    // A line that has ended the stream or did not fit had no line feed.
     length = _in.good() ? extracted - 1 : extracted;
     return extracted;
 }

@@ -20,7 +20,7 @@ public:
     virtual ~MessageReader() = default;
 
     static constexpr std::size_t kLineBuffer = 4096;
-    static constexpr std::size_t kMaxHeaderLine = 4094;  ///< its end included
+    static constexpr std::size_t kMaxHeaderLine = 4094;  ///< including the line end
     static constexpr std::size_t kMaxHeaders = 1000;
     static constexpr std::size_t kMaxHeaderText = 0x100000;
     static constexpr std::uint64_t kMaxBody = 0x100000;

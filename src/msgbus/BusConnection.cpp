@@ -17,7 +17,7 @@ namespace zarip::msgbus {
 namespace {
 
 constexpr unsigned int kWatcherStackSize = 32768;
-constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's
+constexpr int kDefaultTimeoutMs = 25'000;  // libdbus's default
 constexpr int kLastWriteLimitMs = 250;
 /// A thread sends at most this many messages before the watcher's thread continues.
 constexpr int kBatch = 64;

@@ -43,7 +43,7 @@ private:
     bool& _flag;
 };
 
-/// Sends a refusal unless it is empty.
+/// Sends a refusal unless it is null.
 void PostRefusal(BusConnection& connection, MessageRef refusal) {
     if (refusal) {
         connection.Post(std::move(refusal));

@@ -162,7 +162,7 @@ MsgBusMsg* MsgBus::MsgBusImpl::Call(MsgBusMsgImpl& message, int timeoutMs) {
         throw osa::Exception("%s", kSendFailed);
     }
     MsgBusMsgImpl::Outgoing outgoing = message.MakeOutgoing();
-    // It may be the copy of a message that was sent one-way.
+    // The message may be a copy of one that was sent one-way.
     dbus_message_set_no_reply(outgoing.message.Get(), FALSE);
     message.MarkSent();
     DBusErrorRecord error;

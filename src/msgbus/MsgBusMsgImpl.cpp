@@ -14,11 +14,12 @@ namespace zarip::msgbus {
 namespace {
 
 constexpr std::size_t kMaxMessageSize = std::size_t{32} * 1024 * 1024;  ///< the daemon's limit
-/// What the fields of a message take at most, except for its path.
+/// The maximum size of the fields of a message, except for its path.
 constexpr std::size_t kMaxHeaderSize = 4096;
 constexpr std::size_t kOverheadOfValue = 8;  // alignment, or a length and a terminating zero
 
-/// An array container that is open for appending; abandoned, so that the message stays whole, unless closed.
+/// An array container that is open for appending. Unless it is closed, the destructor abandons it, so that
+/// the message stays valid.
 class ArrayContainer {
 public:
     ArrayContainer(DBusMessage* message, int elementType) {

@@ -30,7 +30,7 @@ class Outbox {
 public:
     enum class Result { kTaken, kFull, kClosed };
 
-    /// How a sender deals with a bus that is slower than it is.
+    /// How a sender deals with a bus that is slower than the sender.
     enum class Patience {
         kWaits,        ///< waits above the low mark, for at most 100 ms unless the outbox is full
         kWaitsIfFull,  ///< waits only while the outbox is full; for the listen thread, on which others depend

@@ -40,7 +40,7 @@ public:
         std::condition_variable changed;
     };
 
-    /// Throws "pipe failed" when the system gives no descriptor.
+    /// Throws "pipe failed" if the system has no more descriptors.
     PendingCalls();
 
     /// Adds a call. To be called before it is sent, so that its reply finds it.

@@ -46,7 +46,8 @@ int ReadSource(void* context, char* buffer, int length) {
     return -1;
 }
 
-/// Also where the namespaces of an element are known, which the scanner does not look for.
+/// Checks the number of namespaces of each element, which the scanner does not count, and passes the element
+/// on.
 void StartElement(void* context, const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
                   int namespaceCount, const xmlChar** namespaces, int attributeCount, int defaultedCount,
                   const xmlChar** attributes) {
@@ -105,7 +106,7 @@ XmlDocument XmlDocument::Parse(std::string_view text) {
         source.scanner.ThrowEncoding();
     }
     if (!source.verdict.IsBad() && !errors.GetText().empty()) {
-        throw XmlException(errors.GetText());  // what its encoding cannot be ends the document for the parser
+        throw XmlException(errors.GetText());  // the parser stops at bytes that are invalid in the encoding
     }
     if (!impl->document || source.verdict.IsBad()) {
         source.verdict.Throw();
@@ -134,7 +135,7 @@ std::string XmlDocument::ToString(bool indent) const {
 
 void XmlDocument::SaveFile(const std::string& path, bool indent) const {
     const std::string text = ToString(indent);
-    Parse(text);  // a document can be made of valid parts and not be valid: one `xml:id` twice, for example
+    Parse(text);  // valid parts can make an invalid document, for example with the same `xml:id` twice
     osa::FileUtils::WriteAtomically(path, text);
 }
 

@@ -152,7 +152,7 @@ void XmlElement::SetAttribute(const std::string& name, const std::string& value,
                               const std::string& namespaceUri) {
     CheckName(name, false);
     if (name == "xmlns") {
-        throw XmlException("invalid name '" + name + "'");  // it would be a declaration
+        throw XmlException("invalid name '" + name + "'");  // the name would declare a namespace
     }
     CheckText(value);
     xmlNs* declared = nullptr;

@@ -14,8 +14,8 @@ constexpr std::size_t kMaxAttributes = 2'048;  ///< of one element, including de
 constexpr int kMaxNamespaces = 256;            ///< declared for one element, by itself or around it
 constexpr int kMaxNames = 65'536;              ///< different names in a document
 
-constexpr int kMaxDepth = 256;                 ///< of elements
-constexpr std::size_t kMaxName = 50'000;       ///< bytes
+constexpr int kMaxDepth = 256;                 ///< nested elements
+constexpr std::size_t kMaxName = 50'000;       ///< bytes of a name
 constexpr std::size_t kMaxText = 10'000'000;   ///< bytes of text between two pieces of markup
 constexpr std::size_t kMaxMarkup = 9'900'000;  ///< bytes of a tag, a comment or a processing instruction
 

@@ -78,7 +78,7 @@ void XmlNodeQueue::DropDelivered() {
     if (hasOpenText) {
         _nodes.front().value.begin = 0;
     } else if (_texts.capacity() > 65'536) {
-        _texts = {};  // it was an unusually long one
+        _texts = {};  // frees the memory of an unusually long text
     }
     _at = 0;
 }
@@ -138,7 +138,8 @@ void XmlNodeQueue::OnStart(void* context, const xmlChar* local, const xmlChar* p
         return;
     }
     Node& node = queue.Add(parser, XmlReader::kElement);
-    const xmlChar* const end = parser->input->cur;  // of the tag, as the parser keeps a zero after the input
+    // The end of the tag. The parser keeps a zero after the input.
+    const xmlChar* const end = parser->input->cur;
     node.isEmpty = end[0] == '/' && end[1] == '>';
     node.name = {local, prefix, uri};
     node.firstAttribute = queue._attributes.size();

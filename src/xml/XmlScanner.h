@@ -77,7 +77,7 @@ private:
     unsigned int _quote = 0;   ///< the quotation mark that ends the current string, or 0
     unsigned int _run = 0;     ///< the number of characters of an end mark seen so far: 2 after "--" of "-->"
     std::size_t _length = 0;   ///< of the open piece of markup, in bytes
-    std::size_t _attributes = 0;  ///< of the open tag
+    std::size_t _attributes = 0;  ///< the number of attributes of the open tag
     unsigned char _half = 0;      ///< the first byte of a pair whose second byte has not arrived
     bool _hasHalf = false;
 };

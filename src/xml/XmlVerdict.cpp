@@ -53,7 +53,7 @@ void XmlVerdict::OnError(void* parser, ReportedError error) {
     XmlVerdict& verdict = Of(parser);
     if (error->level >= XML_ERR_ERROR && !verdict.IsBad()) {
         xmlCopyError(error, &verdict._error);
-        Stop(static_cast<xmlParserCtxt*>(parser));  // which may report an error of its own
+        Stop(static_cast<xmlParserCtxt*>(parser));  // stopping may report another error
     }
 }
 

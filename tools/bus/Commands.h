@@ -17,7 +17,7 @@ struct Options {
     bool version = false;
     bool all = false;
     bool json = false;
-    double timeout = -1;  ///< seconds; negative: not given
+    double timeout = -1;  ///< in seconds; negative if not given
     Strings words;        ///< the command and its arguments
 
     /// The time limit in milliseconds.

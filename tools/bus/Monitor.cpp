@@ -77,8 +77,8 @@ std::string Line(DBusMessage* raw) {
 
 /// Selects the messages that are shown.
 struct View {
-    Strings rules;    ///< of everything that is asked for; empty for the whole bus
-    Strings signals;  ///< rules for as much of that as any user may see
+    Strings rules;    ///< match rules for all requested messages; empty for the whole bus
+    Strings signals;  ///< match rules for the part of them that every user may receive
 };
 
 View MakeView(msgbus::MsgBus& bus, const Options& options) {

@@ -117,7 +117,7 @@ private:
     std::unique_ptr<GCryptCipherImpl> _impl;
 };
 
-/// Keys of 16, 24 or 32 bytes, blocks of 16.
+/// Keys of 16, 24 or 32 bytes; blocks of 16.
 class ZARIP_EXPORT AES : public GCryptCipher {
 public:
     explicit AES(Mode mode, Padding padding = kNoPadding);

@@ -18,7 +18,7 @@ enum class RsaHash { kSHA1, kSHA256, kSHA384, kSHA512 };
 enum class RsaEncryption {
     kPKCS1,       ///< version 1.5, for old peers: never reveal to a peer whether decrypting failed
     kOAEPSHA1,    ///< MGF1 uses the same digest; the label is empty
-    kOAEPSHA256,  ///< the same
+    kOAEPSHA256,  ///< MGF1 uses the same digest; the label is empty
 };
 
 enum class RsaSignature {

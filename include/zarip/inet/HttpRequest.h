@@ -31,7 +31,7 @@ public:
     HttpRequest();
     HttpRequest(const HttpRequest& other);
     using HttpRequestBase::operator=;
-    // The assignment of every derived class hides this one, as intended.
+    // Deliberate: the assignment operators of derived classes hide this one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpRequest& operator=(const HttpRequest& other);

@@ -22,7 +22,7 @@ class ZARIP_EXPORT HttpRequestBase : public InetBase, public HttpBase {
 public:
     HttpRequestBase();
     HttpRequestBase(const HttpRequestBase& other);
-    // The assignment of every derived class hides this one, as intended.
+    // Deliberate: the assignment operators of derived classes hide this one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpRequestBase& operator=(const HttpRequestBase& other);

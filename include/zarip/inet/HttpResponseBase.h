@@ -25,7 +25,7 @@ public:
     void SetBody(const char* data, unsigned int size) override;
     void SetBody(const std::string& data) override;
 
-    // The assignment of every derived class hides this one, as intended.
+    // Deliberate: the assignment operators of derived classes hide this one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
     virtual HttpResponseBase& operator=(const HttpResponseBase& other);

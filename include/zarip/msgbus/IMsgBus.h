@@ -45,9 +45,9 @@ public:
     /// Sends a method call and waits for its reply. This may be called on any thread, also by a handler. A
     /// call that times out before it is sent is withdrawn.
     /// @param reply  is set to the reply, which the *caller owns*; unchanged if this throws.
-    /// @param timeoutMs  milliseconds; negative means the bus library's default of 25 seconds.
-    /// Throws "DBUS call <interface>::<member> failed: <reason>", "failed to get reply",
-    /// "dbus_connection_send failed".
+    /// @param timeoutMs  in milliseconds; a negative value means libdbus's default of 25 seconds. Throws
+    ///     "DBUS call <interface>::<member> failed: <reason>", "failed to get reply", "dbus_connection_send
+    ///     failed".
     virtual void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) = 0;
 
     /// Sends a reply that `MakeReplyMsg` or `MakeErrorMsg` has made. Does nothing if the bus is lost, and
@@ -63,8 +63,7 @@ public:
     /// "org.freedesktop.DBus.Error.LimitsExceeded".
     virtual void StartServer() = 0;
 
-    /// @param stackSize  of the listen thread in bytes, @param priority  its priority, both as in
-    /// `osa::Thread`.
+    /// Starts the listen thread with a stack size in bytes and a priority, both as in `osa::Thread`.
     virtual void StartServer(unsigned int stackSize, signed char priority) = 0;
 
     /// Stops the listen thread and waits until it has ended, which takes as long as a running handler. Does
