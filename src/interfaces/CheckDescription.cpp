@@ -61,7 +61,8 @@ private:
         for (const xml::XmlElement argument : method.GetChildren("arg")) {
             const string direction = argument.GetAttributeOr("direction", "");
             if (direction != "in" && direction != "out") {
-                _mismatches += name + ": an argument has the direction '" + direction + "'\n";
+                _mismatches.append(name).append(": an argument has the direction '");
+                _mismatches.append(direction).append("'\n");
             }
         }
         bool isOneWay = false;
