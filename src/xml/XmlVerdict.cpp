@@ -72,9 +72,13 @@ void XmlVerdict::Keep(const xmlParserCtxt* parser, const char* reason) {
 }
 
 void XmlVerdict::OpenElement(xmlParserCtxt* parser, int namespaces) {
-    const int around = _namespaces.empty() ? 0 : _namespaces.back();
-    _namespaces.push_back(around + namespaces);
-    if (_namespaces.back() > kMaxNamespaces) {
+    if (_depth == _namespaces.size()) {
+        Refuse(parser, kTooDeep);
+        return;
+    }
+    const int around = _depth == 0 ? 0 : _namespaces[_depth - 1];
+    _namespaces[_depth++] = around + namespaces;
+    if (around + namespaces > kMaxNamespaces) {
         Refuse(parser, kTooManyNamespaces);
     } else if (xmlDictSize(parser->dict) > kMaxNames) {
         Refuse(parser, kTooManyNames);
@@ -82,7 +86,7 @@ void XmlVerdict::OpenElement(xmlParserCtxt* parser, int namespaces) {
 }
 
 void XmlVerdict::CloseElement() {
-    _namespaces.pop_back();
+    --_depth;
 }
 
 void XmlVerdict::Throw() const {

@@ -4,8 +4,10 @@
 
 #include <libxml/parser.h>
 
-#include <vector>
+#include <array>
+#include <cstddef>
 
+#include "xml/XmlLimits.h"
 #include "xml/XmlText.h"
 
 namespace zarip::xml {
@@ -51,7 +53,10 @@ private:
     static void OnError(void* parser, ReportedError error);
 
     xmlError _error{};
-    std::vector<int> _namespaces;  // the number of namespaces in scope in each open element
+    // The number of namespaces in scope in each open element. The parser opens one element more than it
+    // allows before it refuses the document. Handlers must not throw, so this needs no memory.
+    std::array<int, kMaxDepth + 1> _namespaces{};
+    std::size_t _depth = 0;
     const char* _refusal = nullptr;
     unsigned int _line = 0;
     unsigned int _column = 0;
