@@ -314,7 +314,7 @@ std::shared_ptr<const RsaKeyImpl> DecodePrivateInfo(ByteView der) {
 using Decoder = std::shared_ptr<const RsaKeyImpl> (*)(ByteView);
 
 /// Loads the first key whose label ends with `kind`. The `decoders` are in the order of the `labels`.
-/// @param passPhrase  null if there is none
+/// @param passPhrase  null if the caller has not given one
 std::shared_ptr<const RsaKeyImpl> LoadKey(std::string_view text, const char* kind,
                                           const char* const (&labels)[2], const Decoder (&decoders)[2],
                                           const char* none, const SecureBuffer* passPhrase = nullptr) {

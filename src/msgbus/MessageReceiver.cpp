@@ -50,8 +50,8 @@ void PostRefusal(BusConnection& connection, MessageRef refusal) {
     }
 }
 
-/// Answers a call for which there was no memory. If there is none for the answer either, the caller waits for
-/// its time-out.
+/// Answers a call for which memory was too short. If memory is too short for the answer as well, the caller
+/// waits for its time-out.
 void RefuseFailed(BusConnection& connection, DBusMessage* call) noexcept {
     try {
         PostRefusal(connection, MakeRefusal(call, DBUS_ERROR_NO_MEMORY, "Out of Memory!"));

@@ -43,7 +43,7 @@ bool Outbox::IsStalled(osa::MonotonicMs now) const {
     return _isBlocked && now - _lastProgress >= kStallMs;
 }
 
-/// Waits for room. Returns false if there is none; returns true also if the outbox was closed in between.
+/// Waits for room. Returns false if the outbox is still full, and true also if it was closed in between.
 bool Outbox::WaitForRoom(std::unique_lock<std::mutex>& lock, std::size_t memory, Patience patience,
                          osa::MonotonicMs until) {
     const osa::MonotonicMs end = osa::NowMs() + kStallMs;

@@ -109,7 +109,7 @@ struct ZARIP_HIDDEN XmlReader::Impl {
         }
     }
 
-    /// Appends the bytes that have arrived. Waits only if there are none.
+    /// Appends the bytes that have arrived. Waits only if no byte is there.
     bool AppendArrived() {
         using Traits = std::istream::traits_type;
         std::streambuf* const source = _stream->rdbuf();

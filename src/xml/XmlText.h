@@ -42,7 +42,7 @@ Node* RequireMade(Node* node) {
     return node;
 }
 
-/// Finds an attribute of an element; returns null if there is none. libxml2's own search also finds
+/// Finds an attribute of an element, or returns null. libxml2's own search also finds
 /// declarations of attributes, which are not attributes.
 xmlAttr* FindAttribute(const xmlNode* node, std::string_view name, std::string_view namespaceUri);
 std::string ValueOf(const xmlAttr* attribute);
