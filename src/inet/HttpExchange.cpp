@@ -18,6 +18,7 @@
 #include "inet/Address.h"
 #include "inet/MessageHead.h"
 #include "inet/MessageText.h"
+#include "osa/DescribeCaught.h"
 #include "osa/Errors.h"
 #include "osa/TcpSocketImpl.h"
 #include "zarip/core/Logger.h"
@@ -114,13 +115,7 @@ void HttpService::LogFailure(const std::string& text) {
 
 void HttpService::LogCaught() noexcept {
     try {
-        try {
-            throw;
-        } catch (const std::exception& e) {
-            LogFailure(e.what());
-        } catch (...) {
-            LogFailure("unknown");
-        }
+        LogFailure(osa::DescribeCaught());
     } catch (...) {
         // There is no memory for the log record either.
     }

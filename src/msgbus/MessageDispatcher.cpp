@@ -8,6 +8,7 @@
 #include <exception>
 #include <iterator>
 
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/msgbus/MsgBusMsg.h"
@@ -116,10 +117,8 @@ bool MessageDispatcher::RunHandler(Entry& entry, const MsgBusMsg& message, bool 
         entry.handler->HandleMessage(message, bus);
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
-    } catch (const std::exception& e) {
-        ReportFailure(message, isSignal, bus, e.what());
     } catch (...) {
-        ReportFailure(message, isSignal, bus, "unknown");
+        ReportFailure(message, isSignal, bus, osa::DescribeCaught());
     }
     return true;
 }

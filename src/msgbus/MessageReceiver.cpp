@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "msgbus/CallRouting.h"
+#include "osa/DescribeCaught.h"
 #include "zarip/core/Logger.h"
 #include "zarip/msgbus/IMsgBus.h"
 #include "zarip/osa/MutexAutoLock.h"
@@ -152,11 +153,8 @@ bool MessageReceiver::DispatchNext(BusConnection& connection) {
         }
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit
-    } catch (const std::exception& e) {
-        _logger->Error("Error handling incoming message: %s", e.what());
-        RefuseFailed(connection, message.Get());
     } catch (...) {
-        _logger->Error("Error handling incoming message: %s", "unknown");
+        _logger->Error("Error handling incoming message: %s", osa::DescribeCaught());
         RefuseFailed(connection, message.Get());
     }
     return true;

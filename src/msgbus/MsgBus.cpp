@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "zarip/msgbus/MsgBus.h"
+#include "osa/DescribeCaught.h"
 
 #include <cxxabi.h>
 
@@ -275,10 +276,8 @@ void MsgBus::MsgBusImpl::Run() {
         Listen();
     } catch (const abi::__forced_unwind&) {
         throw;  // pthread_exit in a handler
-    } catch (const std::exception& e) {
-        _logger->Error("Run caught exception: %s", e.what());
     } catch (...) {
-        _logger->Error("Run caught exception: %s", "unknown");
+        _logger->Error("Run caught exception: %s", osa::DescribeCaught());
     }
 }
 
@@ -326,10 +325,8 @@ void MsgBus::MsgBusImpl::Unregister(IMessageHandler* handler) {
         try {
             const auto& [interface, member] = registration.place;
             _daemon.RemoveMatch(MakeMatchRule(interface, member));
-        } catch (const std::exception& e) {
-            _logger->Error("Failed to unregister message handler: %s", e.what());
         } catch (...) {
-            _logger->Error("Failed to unregister message handler: %s", "unknown");
+            _logger->Error("Failed to unregister message handler: %s", osa::DescribeCaught());
         }
     }
 }
