@@ -78,26 +78,22 @@ private:
     std::atomic<std::uint64_t> _head{kNone};
 };
 
-constexpr unsigned int kLists = 4;
-
-/// The group of the calling thread: the one that had the fewest living threads when the thread first asked.
+/// The group of the calling thread, 0 or 1: the one that had fewer living threads when the thread first
+/// asked.
 class OwnGroup {
 public:
-    static unsigned int Get() { return __builtin_expect(s_group != kLists, 1) ? s_group : Join(); }
+    static unsigned int Get() { return __builtin_expect(s_group != kUnknown, 1) ? s_group : Join(); }
 
 private:
+    static constexpr unsigned int kUnknown = 2;
+
     static void CountEnd(void* threads) {
         static_cast<std::atomic<unsigned int>*>(threads)->fetch_sub(1, std::memory_order_relaxed);
     }
 
     static unsigned int Join() {
-        unsigned int group = 0;
-        for (unsigned int other = 1; other < kLists; ++other) {
-            if (s_threads[other].load(std::memory_order_relaxed) <
-                s_threads[group].load(std::memory_order_relaxed)) {
-                group = other;
-            }
-        }
+        const unsigned int group =
+            s_threads[1].load(std::memory_order_relaxed) < s_threads[0].load(std::memory_order_relaxed);
         s_group = group;
         static const osa::PerThread<std::atomic<unsigned int>> s_membership(&CountEnd);
         if (s_membership.Set(&s_threads[group])) {
@@ -107,8 +103,8 @@ private:
     }
 
     // The initial-exec model reads the variable without a call. It suits a library that is never unloaded.
-    static inline thread_local unsigned int s_group __attribute__((tls_model("initial-exec"))) = kLists;
-    static inline std::atomic<unsigned int> s_threads[kLists] = {};
+    static inline thread_local unsigned int s_group __attribute__((tls_model("initial-exec"))) = kUnknown;
+    static inline std::atomic<unsigned int> s_threads[2] = {};
 };
 
 struct AlignedDelete {
@@ -121,10 +117,10 @@ struct AlignedDelete {
 /// A block is in the caller's hands, in one of the free lists, or was never taken; the last kind begins at
 /// `_fresh`. Each step is one atomic operation, so no thread waits for another.
 ///
-/// There is a list for each group of threads. A group that finds its list empty exchanges it for one of
-/// another group that has blocks. If one thread takes blocks and another gives them back, the two exchange a
-/// full list for an empty one now and then, and so they seldom use the same list at the same time. Which
-/// group has which list is only a preference: any thread may use any list at any time.
+/// There are two lists, one for each group of threads. A group that finds its list empty and the other one
+/// not exchanges the two. If one thread takes blocks and another gives them back, they exchange a full list
+/// for an empty one now and then, and so they seldom use the same list at the same time. Which group has
+/// which list is only a preference: any thread may use any list at any time.
 class ZARIP_HIDDEN PoolAllocator::Impl {
 public:
     Impl(std::size_t size, std::size_t count, std::size_t alignment)
@@ -161,7 +157,7 @@ public:
         if (!_next[block].compare_exchange_strong(out, kNone, std::memory_order_acq_rel)) {
             internal::ThrowFreed();
         }
-        ListOf(OwnGroup::Get()).Push(_next, block);
+        _lists[GetList(OwnGroup::Get())].Push(_next, block);
     }
 
     Statistics GetStatistics() const {
@@ -178,28 +174,26 @@ public:
     }
 
 private:
-    static unsigned int ListOf(unsigned int group, unsigned int lists) { return lists >> (2 * group) & 3U; }
-
-    FreeList& ListOf(unsigned int group) {
-        return _lists[ListOf(group, _listsOfGroups.load(std::memory_order_relaxed))];
+    unsigned int GetList(unsigned int group) const {
+        return group ^ _areExchanged.load(std::memory_order_relaxed);
     }
 
     Index TakeBlock() {
-        const unsigned int own = OwnGroup::Get();
-        const Index block = ListOf(own).Pop(_next);
-        return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(own);
+        const unsigned int group = OwnGroup::Get();
+        const Index block = _lists[GetList(group)].Pop(_next);
+        return __builtin_expect(block != kNone, 1) ? block : TakeElsewhere(group);
     }
 
-    Index TakeElsewhere(unsigned int own) {
+    Index TakeElsewhere(unsigned int group) {
         for (;;) {
-            std::uint64_t seen[kLists];
-            for (unsigned int i = 0; i < kLists; ++i) {
-                const Index block = _lists[i].Pop(_next);
+            std::uint64_t seen[2];
+            for (unsigned int list = 0; list < 2; ++list) {
+                const Index block = _lists[list].Pop(_next);
                 if (block != kNone) {
-                    PreferList(own, i);
+                    _areExchanged.store(group ^ list, std::memory_order_relaxed);
                     return block;
                 }
-                seen[i] = _lists[i].GetHead();
+                seen[list] = _lists[list].GetHead();
             }
             Index fresh = _fresh.load(std::memory_order_relaxed);
             while (fresh < _blockCount) {
@@ -207,31 +201,13 @@ private:
                     return fresh;
                 }
             }
-            // The lists were found empty one after the other. If none has changed since, all were empty at
-            // once.
-            bool isEmpty = true;
-            for (unsigned int i = 0; i < kLists; ++i) {
-                isEmpty = isEmpty && FreeList::IsEmpty(seen[i]) && _lists[i].GetHead() == seen[i];
-            }
-            if (isEmpty) {
+            // The lists were found empty one after the other. If neither has changed since, both were empty
+            // when there were no fresh blocks any more.
+            if (FreeList::IsEmpty(seen[0]) && FreeList::IsEmpty(seen[1]) && _lists[0].GetHead() == seen[0] &&
+                _lists[1].GetHead() == seen[1]) {
                 return kNone;
             }
         }
-    }
-
-    /// Exchanges the list of a group for another one, with the group that has that. It is one step, because
-    /// two groups could otherwise share a list for good and leave another one unused. If another thread
-    /// exchanges lists at the same moment, nothing changes.
-    void PreferList(unsigned int group, unsigned int list) {
-        unsigned int lists = _listsOfGroups.load(std::memory_order_relaxed);
-        const unsigned int difference = ListOf(group, lists) ^ list;
-        unsigned int exchanged = lists;
-        for (unsigned int other = 0; other < kLists; ++other) {
-            if (other == group || ListOf(other, lists) == list) {
-                exchanged ^= difference << (2 * other);
-            }
-        }
-        _listsOfGroups.compare_exchange_strong(lists, exchanged, std::memory_order_relaxed);
     }
 
     const std::size_t _blockSize;
@@ -240,8 +216,8 @@ private:
     const int _shift = internal::IsPowerOfTwo(_blockSize) ? __builtin_ctzll(_blockSize) : 0;
     std::unique_ptr<unsigned char[], AlignedDelete> _memory;
     Successors _next;
-    std::atomic<unsigned int> _listsOfGroups{0U | 1U << 2U | 2U << 4U | 3U << 6U};  ///< two bits for each
-    FreeList _lists[kLists];
+    std::atomic<unsigned int> _areExchanged{0};  ///< 1 if group 0 has the second list
+    FreeList _lists[2];
     alignas(kCacheLine) std::atomic<Index> _fresh{0};
     std::atomic<unsigned long long> _failed{0};
 };

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: MIT
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -17,8 +14,9 @@
 #include <vector>
 
 #include "../../examples/common/SearchQueue.h"
-#include "Program.h"
+#include "WebClient.h"
 #include "support/OwnNetwork.h"
+#include "support/Program.h"
 #include "support/TempDir.h"
 #include "zarip/osa/SocketException.h"
 #include "zarip/osa/UdpSocket.h"
@@ -43,53 +41,29 @@ const string kRoot = "upnp:rootdevice";
 class Responder {
 public:
     /// Returns when it receives.
-    explicit Responder(const char* maxAge) {
-        const string device =
-            _folder.Write("device.ini", "[device]\nUDN = " + kUuid + "\ndeviceType = " + kType + "\n");
-        int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        _pid = ::fork();
-        if (_pid == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(ends[1], STDOUT_FILENO);
-            ::execl(DISCOVERY_RESPONDER, DISCOVERY_RESPONDER, device.c_str(), "8080", maxAge, nullptr);
-            ::_exit(127);
-        }
-        ::close(ends[1]);
-        _output = ends[0];
-        char text[256];
-        const ssize_t length = ::read(_output, text, sizeof(text));
-        EXPECT_EQ(string(text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))),
+    explicit Responder(const char* maxAge)
+        : _program(DISCOVERY_RESPONDER, {_folder.Write("device.ini", "[device]\nUDN = " + kUuid +
+                                                                         "\ndeviceType = " + kType + "\n"),
+                                         "8080", maxAge}) {
+        test::WaitUntil([this] { return _program.GetOutput().find('\n') != string::npos; });
+        EXPECT_EQ(_program.GetOutput(),
                   "answering searches at 127.0.0.1, location http://127.0.0.1:8080/device.xml\n");
     }
-    Responder(const Responder&) = delete;
-    Responder& operator=(const Responder&) = delete;
-    ~Responder() {
-        if (_pid > 0) {
-            ::kill(_pid, SIGKILL);
-            ::waitpid(_pid, nullptr, 0);
-        }
-        ::close(_output);
-    }
 
-    void Freeze() const {
-        ::kill(_pid, SIGSTOP);
-        ::waitpid(_pid, nullptr, WUNTRACED);
+    void Freeze() {
+        _program.GetProcess().Kill(SIGSTOP);
+        ::waitpid(_program.GetProcess().GetPid(), nullptr, WUNTRACED);
     }
-    void Thaw() const { ::kill(_pid, SIGCONT); }
+    void Thaw() { _program.GetProcess().Kill(SIGCONT); }
     /// Asks it to, and returns its exit status.
     int End() {
-        ::kill(_pid, SIGTERM);
-        int status = -1;
-        ::waitpid(_pid, &status, 0);
-        _pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        _program.GetProcess().Kill();
+        return _program.Wait();
     }
 
 private:
     test::TempDir _folder;
-    pid_t _pid = -1;
-    int _output = -1;
+    test::Program _program;
 };
 
 void Send(const UdpSocket& from, const string& text, const char* host = kGroup) {
@@ -341,8 +315,10 @@ TEST_F(DiscoveryResponderTest, AnnouncesWhereTheGatewayListensOrNothing) {
         const string device = folder.Write(
             "device.ini", "[device]\nUDN = " + kUuid + "\ndeviceType = " + kType + "\n[web]\n" + row.web);
         const test::Program program(DISCOVERY_RESPONDER, {device});
-        EXPECT_TRUE(test::WaitUntil([&] { return program.GetOutput().find(row.output) != string::npos; }))
-            << program.GetOutput();
+        EXPECT_TRUE(test::WaitUntil([&] {
+            return (program.GetOutput() + program.GetErrors()).find(row.output) != string::npos;
+        })) << program.GetOutput()
+            << program.GetErrors();
     }
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "Program.h"
+#include "WebClient.h"
 #include "zarip/crypto/Digests.h"
 
 namespace zarip {
@@ -26,8 +26,8 @@ protected:
     void SetUp() override {
         ASSERT_EQ(::mkdir(_folder.File("public").c_str(), S_IRWXU), 0);
         _program = std::make_unique<test::Program>(LIVE_VIEW, std::vector<string>{"0", _folder.Path()});
-        _port = _program->WaitForPort();
-        ASSERT_NE(_port, "") << _program->GetOutput();
+        _port = test::WaitForPort(*_program);
+        ASSERT_NE(_port, "") << _program->GetErrors();
     }
 
     string Ask(const string& request, const string& body = "") const {

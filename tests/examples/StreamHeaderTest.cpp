@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "zarip/core/BitStreamWriter.h"
-#include "zarip/osa/PipeStream.h"
 #include "zarip/osa/Process.h"
 
 namespace zarip {
@@ -62,14 +60,9 @@ TEST(StreamHeaderTest, TellsTheSizeOrWhatIsWrong) {
         {"68" + good, failed + "no sequence parameter set"},
     };
     for (const auto& row : rows) {
-        osa::Process::Options options;
-        options.output = osa::Process::Redirect::Pipe();
-        options.error = osa::Process::Redirect::Output();
-        osa::Process program(STREAM_HEADER, {row.header}, options);
-        osa::PipeStream output(program, 60);
-        EXPECT_EQ(string(std::istreambuf_iterator<char>(output), {}), row.output + "\n") << row.header;
-        EXPECT_TRUE(program.Wait());
-        EXPECT_EQ(program.GetExitStatus(), row.output.compare(0, failed.size(), failed) == 0 ? 1 : 0);
+        const osa::Process::Result result = osa::Process::Run(STREAM_HEADER, {row.header});
+        EXPECT_EQ(result.output + result.error, row.output + "\n") << row.header;
+        EXPECT_EQ(result.status, row.output.compare(0, failed.size(), failed) == 0 ? 1 : 0);
     }
 }
 

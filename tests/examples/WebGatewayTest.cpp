@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "../../examples/common/LoginDelay.h"
-#include "Program.h"
+#include "WebClient.h"
 #include "zarip/core/StringUtil.h"
 #include "zarip/interfaces/IPtzSerialProvider.h"
 #include "zarip/interfaces/ISecurityProvider.h"
@@ -82,8 +82,8 @@ protected:
         _pages.Write("index.html", "<!DOCTYPE html>");
         const string device = _folder.Write("device.ini", _device);
         _gateway = std::make_unique<Program>(WEB_GATEWAY, Strings{_pages.Path(), device, "0"});
-        _port = _gateway->WaitForPort();
-        ASSERT_NE(_port, "") << _gateway->GetOutput();
+        _port = test::WaitForPort(*_gateway);
+        ASSERT_NE(_port, "") << _gateway->GetErrors();
     }
 
     /// Returns the whole answer. "PORT" in the headers becomes the port of the gateway.

@@ -6,12 +6,24 @@
 
 #include <cstdio>
 #include <future>
+#include <string>
 
 #include "Proxy.h"
 
+// Version 2 has types for names; version 1 does not have this header.
+#if __has_include(<sdbus-c++/VTableItems.h>)
+using sdbus::ObjectPath;
+using sdbus::ServiceName;
+#else
+using ObjectPath = std::string;
+using ServiceName = std::string;
+#endif
+
 class Lamp final : public sdbus::ProxyInterfaces<com::example::Illuminator_proxy> {
 public:
-    Lamp() : ProxyInterfaces("com.example.Illuminator", "/com/example/Illuminator") { registerProxy(); }
+    Lamp() : ProxyInterfaces(ServiceName("com.example.Illuminator"), ObjectPath("/com/example/Illuminator")) {
+        registerProxy();
+    }
     ~Lamp() { unregisterProxy(); }
     void onBrightnessChanged(const int32_t& percent) override { _change.set_value(percent); }
     int32_t WaitForChange() {

@@ -4,7 +4,6 @@
 
 #include <dbus/dbus.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,6 +16,7 @@
 #include "zarip/interfaces/CheckDescription.h"
 #include "zarip/interfaces/InterfaceServer.h"
 #include "zarip/msgbus/MsgBus.h"
+#include "zarip/osa/Process.h"
 
 namespace zarip::interfaces {
 namespace {
@@ -246,14 +246,9 @@ TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
 
 /// Returns the output of a shell command.
 string OutputOf(const string& command) {
-    FILE* const pipe = ::popen((command + " 2>&1").c_str(), "r");
-    string output;
-    char block[4096];
-    for (std::size_t count = 0; (count = std::fread(block, 1, sizeof block, pipe)) > 0;) {
-        output.append(block, count);
-    }
-    EXPECT_EQ(::pclose(pipe), 0) << command << "\n" << output;
-    return output;
+    const osa::Process::Result result = osa::Process::Run("sh", {"-c", command + " 2>&1"});
+    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
+    return result.output;
 }
 
 bool HasProgram(const string& name) {

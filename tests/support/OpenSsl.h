@@ -2,30 +2,19 @@
 
 #pragma once
 
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <string>
+
+#include "zarip/osa/Process.h"
 
 namespace zarip::test {
 
 /// Runs `openssl` with arguments of a shell; its exit status, and what it printed in `output`.
 inline int RunOpenSsl(const std::string& arguments, std::string* output = nullptr) {
-    std::string text;
-    std::FILE* const pipe = ::popen(("openssl " + arguments + " 2>&1").c_str(), "re");
-    if (pipe == nullptr) {
-        return -1;
-    }
-    char buffer[4096];
-    while (const std::size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) {
-        text.append(buffer, count);
-    }
-    const int status = ::pclose(pipe);
+    const osa::Process::Result result = osa::Process::Run("sh", {"-c", "openssl " + arguments + " 2>&1"});
     if (output != nullptr) {
-        *output = text;
+        *output = result.output;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result.status;
 }
 
 }  // namespace zarip::test

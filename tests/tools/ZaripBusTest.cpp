@@ -8,9 +8,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -26,6 +24,7 @@
 #include "interfaces/Services.h"
 #include "support/Messages.h"
 #include "support/PrivateBus.h"
+#include "support/Program.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 #include "zarip/interfaces/AnalyticsInterface.h"
@@ -33,78 +32,20 @@
 #include "zarip/msgbus/MsgBus.h"
 #include "zarip/msgbus/MsgBusObjectSelector.h"
 #include "zarip/msgbus/MsgBusRemoteMethod.h"
+#include "zarip/osa/Process.h"
 
 namespace zarip::interfaces {
 namespace {
 
 using Strings = vector<string>;
+using test::Program;
 
-/// A child process with its output.
-class Child {
-public:
-    /// @param output  the file for standard output; if empty, the child has its own.
-    explicit Child(Strings command, const string& output = "") {
-        vector<char*> argv;
-        for (string& word : command) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t files;
-        ::posix_spawn_file_actions_init(&files);
-        const string out = output.empty() ? _folder.File("out") : output;
-        ::posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
-        ::posix_spawn_file_actions_addopen(&files, 2, _folder.File("err").c_str(), O_WRONLY | O_CREAT, 0600);
-        // As from a shell. In this process libdbus ignores SIGPIPE, which a child would inherit.
-        posix_spawnattr_t attributes;
-        ::posix_spawnattr_init(&attributes);
-        sigset_t pipe;
-        ::sigemptyset(&pipe);
-        ::sigaddset(&pipe, SIGPIPE);
-        ::posix_spawnattr_setsigdefault(&attributes, &pipe);
-        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-        EXPECT_EQ(::posix_spawnp(&_pid, argv[0], &files, &attributes, argv.data(), environ), 0);
-        ::posix_spawnattr_destroy(&attributes);
-        ::posix_spawn_file_actions_destroy(&files);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
-        if (_pid > 0) {
-            ::kill(_pid, SIGTERM);
-            Wait();
-        }
-    }
-
-    /// Returns the exit status, or the negative number of the signal that has ended the child.
-    int Wait() {
-        int status = 0;
-        EXPECT_EQ(::waitpid(_pid, &status, 0), _pid);
-        _pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    bool HasEnded() const {
-        siginfo_t state{};
-        ::waitid(P_PID, static_cast<id_t>(_pid), &state, WEXITED | WNOHANG | WNOWAIT);
-        return state.si_pid != 0;
-    }
-    string GetOutput() const { return _folder.Read("out"); }
-    string GetErrors() const { return _folder.Read("err"); }
-
-private:
-    test::TempDir _folder;
-    pid_t _pid = -1;
-};
-
-Strings Tool(Strings arguments) {
-    arguments.insert(arguments.begin(), ZARIP_BUS);
-    return arguments;
-}
-
-/// "<exit status>|<output>|<errors>".
+/// "<exit status>|<output>|<errors>". The status is the negative number of the signal that has ended the
+/// tool.
 string Outcome(const Strings& arguments) {
-    Child child(Tool(arguments));
-    const string status = std::to_string(child.Wait());
-    return status + "|" + child.GetOutput() + "|" + child.GetErrors();
+    const osa::Process::Result result = osa::Process::Run(ZARIP_BUS, arguments);
+    return std::to_string(result.signal != 0 ? -result.signal : result.status) + "|" + result.output + "|" +
+           result.error;
 }
 
 template <class Implementation>
@@ -356,13 +297,13 @@ TEST_F(ZaripBusTest, TellsFailuresApart) {
         "2||zarip-bus: 'networkingV2' could be each of com.brelk.networkingV2, com.brelk.other.networkingV2, "
         "org.camera.networkingV2\n");
 
-    Child noBus({"env", "DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere", ZARIP_BUS, "list"});
+    Program noBus("env", {"DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere", ZARIP_BUS, "list"});
     EXPECT_EQ(noBus.Wait(), 3);
     EXPECT_EQ(noBus.GetErrors().substr(0, 40), "zarip-bus: dbus_bus_get_private failed: ");
 }
 
 TEST_F(ZaripBusTest, OutputThatIsLostIsNoSuccess) {
-    Child full(Tool({"--all", "list"}), "/dev/full");
+    Program full(ZARIP_BUS, {"--all", "list"}, "/dev/full");
     EXPECT_EQ(full.Wait(), 1);
     EXPECT_EQ(full.GetErrors(), "zarip-bus: the output could not be written\n");
 
@@ -370,7 +311,7 @@ TEST_F(ZaripBusTest, OutputThatIsLostIsNoSuccess) {
     const string pipe = folder.File("pipe");
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     const int reader = ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    Child monitor(Tool({"monitor"}), pipe);
+    Program monitor(ZARIP_BUS, {"monitor"}, pipe);
     char byte = 0;
     EXPECT_TRUE(test::WaitUntil([&] {
         Outcome({"list"});
@@ -398,7 +339,7 @@ json::Array Lines(const string& output) {
 }
 
 /// Returns the first line of a monitor with these members, or an empty string.
-string Find(const Child& monitor, const std::vector<std::pair<string, json::UnknownElement>>& members) {
+string Find(const Program& monitor, const std::vector<std::pair<string, json::UnknownElement>>& members) {
     for (const json::UnknownElement& element : Lines(monitor.GetOutput())) {
         const json::Object& line = element;
         bool fits = true;
@@ -423,9 +364,9 @@ json::Array Arguments(const vector<json::UnknownElement>& elements) {
 
 TEST_F(ZaripBusTest, MonitorsCallsAndSignalsAsLinesOfJson) {
     // The service is not on the bus yet.
-    Child monitor(Tool({"monitor", "security"}));
-    Child everything(Tool({"monitor"}));
-    Child alerts(Tool({"monitor", "analytics"}));  // this name has no owner
+    Program monitor(ZARIP_BUS, {"monitor", "security"});
+    Program everything(ZARIP_BUS, {"monitor"});
+    Program alerts(ZARIP_BUS, {"monitor", "analytics"});  // this name has no owner
     Served<Security::Implementation> security;
     Served<PtzSerial::Implementation> ptz;
     AnalyticsInterface analytics(&ptz._bus);
@@ -452,7 +393,7 @@ TEST_F(ZaripBusTest, MonitorsCallsAndSignalsAsLinesOfJson) {
         return std::vector<std::pair<string, json::UnknownElement>>{
             {"type", json::String(type)}, {"arguments", Arguments({json::String(argument)})}};
     };
-    for (const Child* child : {&monitor, &everything}) {
+    for (const Program* child : {&monitor, &everything}) {
         EXPECT_TRUE(test::WaitUntil(
             [&] { return !Find(*child, of("method_return", "GetCredentials|\xc3\xa4\n\"")).empty(); }));
         EXPECT_NE(Find(*child, of("method_call", "\xc3\xa4\n\"")), "");
@@ -469,8 +410,8 @@ TEST_F(ZaripBusTest, MonitorsSignalsOfABusThatRefusesToBeWatched) {
         "<allow own=\"*\"/><deny send_interface=\"org.freedesktop.DBus.Monitoring\"/></policy>\n");
     bus.Start();
     {
-        Child everything(Tool({"monitor"}));
-        Child monitor(Tool({"monitor", "security"}));
+        Program everything(ZARIP_BUS, {"monitor"});
+        Program monitor(ZARIP_BUS, {"monitor", "security"});
         Served<Security::Implementation> security;
         msgbus::MsgBus other;
         AnalyticsInterface analytics(&other);
@@ -498,8 +439,8 @@ TEST_F(ZaripBusTest, WaitsUntilTheServiceIsThere) {
     EXPECT_EQ(Outcome({"-t", "0.1", "wait", "com.brelk.any"}),
               "4||zarip-bus: com.brelk.any is not on the bus yet\n");
     EXPECT_EQ(Outcome({"wait", "no name"}), "2||zarip-bus: 'no name' is not the name of a service\n");
-    Child before(Tool({"wait", "security"}));
-    Child unknown(Tool({"wait", "later"}));
+    Program before(ZARIP_BUS, {"wait", "security"});
+    Program unknown(ZARIP_BUS, {"wait", "later"});
     EXPECT_EQ(Outcome({"-t", "0", "wait", "security"}).substr(0, 2), "4|");
     const Served<Security::Implementation> security;
     EXPECT_EQ(before.Wait(), 0);
@@ -511,8 +452,8 @@ TEST_F(ZaripBusTest, WaitsUntilTheServiceIsThere) {
 
 TEST_F(ZaripBusTest, NoticesThatTheBusIsGone) {
     auto& bus = test::PrivateBus::Get();
-    Child monitor(Tool({"monitor"}));
-    Child wait(Tool({"wait", "security"}));
+    Program monitor(ZARIP_BUS, {"monitor"});
+    Program wait(ZARIP_BUS, {"wait", "security"});
     EXPECT_TRUE(test::WaitUntil([&] {
         Outcome({"list"});
         return !monitor.GetOutput().empty();
@@ -530,14 +471,13 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
     const Served<PtzSerial::Implementation> ptz;
     const auto complete = [](Strings words) {
         words.insert(words.begin(),
-                     {"bash", "-c",
+                     {"-c",
                       ". \"$0\"; program=$1; shift; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1));"
                       " _zarip_bus \"$program\"; echo \"${COMPREPLY[*]}\"; complete -p zarip-bus >/dev/null",
                       ZARIP_COMPLETIONS "zarip-bus.bash", ZARIP_BUS, "zarip-bus"});
-        Child bash(words);
-        EXPECT_EQ(bash.Wait(), 0);
-        EXPECT_EQ(bash.GetErrors(), "");
-        return bash.GetOutput();
+        const osa::Process::Result bash = osa::Process::Run("bash", words);
+        EXPECT_EQ(bash.error, "");
+        return std::to_string(bash.status) + "|" + bash.output;
     };
     const string members =
         "SetPtzSerialSettingsAndInitialize GetPtzSerialSettingsAndInitialize SetPtzPollingState "
@@ -564,7 +504,7 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
         {{"describe", "ptzSerial", ""}, "\n"},
     };
     for (const auto& row : cases) {
-        EXPECT_EQ(complete(row.words), row.completions) << testing::PrintToString(row.words);
+        EXPECT_EQ(complete(row.words), "0|" + row.completions) << testing::PrintToString(row.words);
     }
 }
 
@@ -580,12 +520,14 @@ TEST_F(ZaripBusTest, ZshCompletesCommandsServicesAndMembers) {
         {"describe ptzSerial ", ""},
         {"call $(touch\\ /tmp/never) ", ""},
     };
-    const string folder = std::filesystem::path(ZARIP_BUS).parent_path();
+    osa::Process::RunOptions options;
+    options.environment["PATH"] =
+        std::filesystem::path(ZARIP_BUS).parent_path().string() + ":" + std::getenv("PATH");
     for (const auto& [line, completions] : cases) {
-        Child zsh({"env", "PATH=" + folder + ":" + std::getenv("PATH"), "zsh", "-f", ZARIP_COMPLETE_ZSH,
-                   ZARIP_COMPLETIONS, string("zarip-bus ") + line});
-        EXPECT_EQ(zsh.Wait(), 0);
-        EXPECT_EQ(zsh.GetOutput(), string(completions) + "\n") << line << zsh.GetErrors();
+        const osa::Process::Result zsh = osa::Process::Run(
+            "zsh", {"-f", ZARIP_COMPLETE_ZSH, ZARIP_COMPLETIONS, string("zarip-bus ") + line}, options);
+        EXPECT_EQ(zsh.status, 0);
+        EXPECT_EQ(zsh.output, string(completions) + "\n") << line << zsh.error;
     }
     EXPECT_FALSE(std::filesystem::exists("/tmp/never"));
 }
@@ -610,15 +552,15 @@ TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
                 std::getline(stream, words.emplace_back(), '|');
             }
         }
-        Child tool(Tool(words));
-        EXPECT_EQ(tool.Wait(), 0) << member.name << tool.GetErrors();
-        EXPECT_EQ(tool.GetOutput().empty(), member.reply == nullptr) << member.name;
-        // This is answered after the call. Then the listen thread has ended, so this thread may read the
+        const osa::Process::Result tool = osa::Process::Run(ZARIP_BUS, words);
+        EXPECT_EQ(tool.status, 0) << member.name << tool.error;
+        EXPECT_EQ(tool.output.empty(), member.reply == nullptr) << member.name;
+        // The listen thread answers this after the call. Then it has ended, so this thread may read the
         // variable.
         msgbus::MsgBusMsg* reply = nullptr;
         client.SendMsgWaitForReply(
-            msgbus::MsgBusRemoteMethod({TypeParam::kName, TypeParam::kPath, "org.freedesktop.DBus.Peer"},
-                                       "Ping"),
+            msgbus::MsgBusRemoteMethod(
+                {TypeParam::kName, TypeParam::kPath, "org.freedesktop.DBus.Introspectable"}, "Introspect"),
             reply, 30'000);
         delete reply;
         service._bus.StopServer();
