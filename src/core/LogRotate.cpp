@@ -77,6 +77,27 @@ bool Flush(FILE* file) {
     return std::fflush(file) == 0 && ::fsync(::fileno(file)) == 0;
 }
 
+/// Copies the configuration up to its last line feed, with `entry` in the place of the entry of the owner.
+/// Returns whether everything was written.
+///
+/// Deliberate: a last line without line feed is not copied, because the file is always written in complete
+/// lines, so such a line is the rest of a broken edit. A long line is processed in pieces.
+bool CopyWithEntry(std::FILE* input, std::FILE* output, const char* owner, const char* entry, bool& isFound) {
+    bool isWritten = true;
+    char line[kLineSize];
+    while (std::fgets(line, sizeof line, input) != nullptr && std::feof(input) == 0) {
+        isWritten = std::fputs(line, output) >= 0 && isWritten;
+        if (!isFound && std::strstr(line, owner) != nullptr && std::strchr(line, '#') != nullptr) {
+            isFound = true;
+            isWritten = std::fputs(entry, output) >= 0 && isWritten;
+            if (std::fgets(line, sizeof line, input) == nullptr) {
+                break;
+            }
+        }
+    }
+    return isWritten;
+}
+
 }  // namespace
 
 void EditLogRotateConf(const std::string& logFile, const std::string& owner, const std::string& configuration,
@@ -94,20 +115,7 @@ void EditLogRotateConf(const std::string& logFile, const std::string& owner, con
     if (input && output) {
         const std::string remove = "rm -rf " + temporary;
         bool found = false;
-        bool written = true;
-        char line[kLineSize];
-        // Deliberate: a last line without line feed is not copied, because the file is always written in
-        // complete lines, so such a line is the rest of a broken edit. A long line is processed in pieces.
-        while (std::fgets(line, sizeof line, input.get()) != nullptr && std::feof(input.get()) == 0) {
-            written = std::fputs(line, output.get()) >= 0 && written;
-            if (!found && std::strstr(line, owner.c_str()) != nullptr && std::strchr(line, '#') != nullptr) {
-                found = true;
-                written = std::fputs(entry, output.get()) >= 0 && written;
-                if (std::fgets(line, sizeof line, input.get()) == nullptr) {
-                    break;
-                }
-            }
-        }
+        bool written = CopyWithEntry(input.get(), output.get(), owner.c_str(), entry, found);
         if (found) {
             written = Flush(output.get()) && std::ferror(input.get()) == 0 && written;
             // An incomplete configuration must not replace the complete one.

@@ -202,6 +202,19 @@ UniqueFd Process::Impl::Connect(const Redirect& redirect, int stream) {
     throw Exception("Invalid parameter");
 }
 
+namespace {
+
+/// Returns whether the child has reported a failure.
+bool ReadReport(int fd, StartFailure& failure) {
+    ssize_t length = 0;
+    do {
+        length = ::read(fd, &failure, sizeof failure);
+    } while (length < 0 && errno == EINTR);
+    return length == static_cast<ssize_t>(sizeof failure);
+}
+
+}  // namespace
+
 void Process::Impl::Start(const std::string& program, const std::vector<std::string>& arguments,
                           const Options& options) {
     TextArray candidates = MakeCandidates(program);
@@ -240,11 +253,7 @@ void Process::Impl::Start(const std::string& program, const std::vector<std::str
         ::fcntl(report.read.Get(), F_SETFL, O_NONBLOCK);
     }
     StartFailure failure{};
-    ssize_t length = 0;
-    do {
-        length = ::read(report.read.Get(), &failure, sizeof failure);
-    } while (length < 0 && errno == EINTR);
-    if (length == static_cast<ssize_t>(sizeof failure)) {
+    if (ReadReport(report.read.Get(), failure)) {
         while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
         }
         if (failure.isFolder) {

@@ -390,73 +390,82 @@ TEST(IniFileTest, ValuesAreFoundOrNot) {
     EXPECT_FALSE(ini.HasGroup("x"));
 }
 
-TEST(IniFileTest, TypedValues) {
-    IniFile ini;
-    const struct {
-        const char* text;
-        const char* asInt;
-        const char* asDouble;
-        const char* asBool;
-    } rows[] = {
-        {"12", "12", "12", nullptr},
-        {" \t-7 \r", "-7", "-7", nullptr},
-        {"+5", "5", "5", nullptr},
-        {"0", "0", "0", "0"},
-        {"1", "1", "1", "1"},
-        {" TRUE ", nullptr, nullptr, "1"},
-        {"False", nullptr, nullptr, "0"},
-        {"010", "10", "10", nullptr},
-        {"2147483647", "2147483647", "2.14748e+09", nullptr},
-        {"2147483648", nullptr, "2.14748e+09", nullptr},
-        {"1.5e3", nullptr, "1500", nullptr},
-        {".5", nullptr, "0.5", nullptr},
-        {"1,5", nullptr, nullptr, nullptr},
-        {"1,234", nullptr, nullptr, nullptr},
-        {"12abc", nullptr, nullptr, nullptr},
-        {"1 2", nullptr, nullptr, nullptr},
-        {"- 1", nullptr, nullptr, nullptr},
-        {"+-1", nullptr, nullptr, nullptr},
-        {"0x1F", nullptr, nullptr, nullptr},
-        {"1e999", nullptr, nullptr, nullptr},
-        {"", nullptr, nullptr, nullptr},
-        {"yes", nullptr, nullptr, nullptr},
-    };
-    for (const auto& row : rows) {
-        ini.SetValue("g", "k", row.text);
-        const auto check = [&](const char* expected, const char* type, auto get, auto getStatic, auto getOr,
-                               auto getOrStatic) {
-            for (const auto& getter :
-                 {std::function<std::string()>(get), std::function<std::string()>(getStatic),
-                  std::function<std::string()>(getOr), std::function<std::string()>(getOrStatic)}) {
-                if (expected != nullptr) {
-                    EXPECT_EQ(getter(), expected) << row.text;
-                } else {
-                    EXPECT_EQ(ErrorOf(getter), std::string("value k must be a valid ") + type) << row.text;
-                }
-            }
-        };
-        const auto text = [](auto value) {
-            std::ostringstream stream;
-            stream << value;
-            return stream.str();
-        };
-        const Group& group = ini["g"];
-        check(
-            row.asInt, "integer", [&] { return text(ini.GetInt("g", "k")); },
-            [&] { return text(IniFile::GetIntFromGroup(group, "k")); },
-            [&] { return text(ini.GetIntOrDefault("g", "k", -99)); },
-            [&] { return text(IniFile::GetIntOrDefaultFromGroup(group, "k", -99)); });
-        check(
-            row.asDouble, "double", [&] { return text(ini.GetDouble("g", "k")); },
-            [&] { return text(IniFile::GetDoubleFromGroup(group, "k")); },
-            [&] { return text(ini.GetDoubleOrDefault("g", "k", -99)); },
-            [&] { return text(IniFile::GetDoubleOrDefaultFromGroup(group, "k", -99)); });
-        check(
-            row.asBool, "boolean", [&] { return text(ini.GetBool("g", "k")); },
-            [&] { return text(IniFile::GetBoolFromGroup(group, "k")); },
-            [&] { return text(ini.GetBoolOrDefault("g", "k", true)); },
-            [&] { return text(IniFile::GetBoolOrDefaultFromGroup(group, "k", true)); });
+template <class Value>
+std::string Show(const Value& value) {
+    std::ostringstream stream;
+    stream << value;
+    return stream.str();
+}
+
+/// Expects that all getters return the value, or that all refuse it.
+void ExpectValue(const char* expected, const std::string& type,
+                 const std::vector<std::function<std::string()>>& getters) {
+    for (const auto& getter : getters) {
+        if (expected != nullptr) {
+            EXPECT_EQ(getter(), expected);
+        } else {
+            EXPECT_EQ(ErrorOf(getter), "value k must be a valid " + type);
+        }
     }
+}
+
+constexpr struct {
+    const char* text;
+    const char* asInt;
+    const char* asDouble;
+    const char* asBool;
+} kTypedValues[] = {
+    {"12", "12", "12", nullptr},
+    {" \t-7 \r", "-7", "-7", nullptr},
+    {"+5", "5", "5", nullptr},
+    {"0", "0", "0", "0"},
+    {"1", "1", "1", "1"},
+    {" TRUE ", nullptr, nullptr, "1"},
+    {"False", nullptr, nullptr, "0"},
+    {"010", "10", "10", nullptr},
+    {"2147483647", "2147483647", "2.14748e+09", nullptr},
+    {"2147483648", nullptr, "2.14748e+09", nullptr},
+    {"1.5e3", nullptr, "1500", nullptr},
+    {".5", nullptr, "0.5", nullptr},
+    {"1,5", nullptr, nullptr, nullptr},
+    {"1,234", nullptr, nullptr, nullptr},
+    {"12abc", nullptr, nullptr, nullptr},
+    {"1 2", nullptr, nullptr, nullptr},
+    {"- 1", nullptr, nullptr, nullptr},
+    {"+-1", nullptr, nullptr, nullptr},
+    {"0x1F", nullptr, nullptr, nullptr},
+    {"1e999", nullptr, nullptr, nullptr},
+    {"", nullptr, nullptr, nullptr},
+    {"yes", nullptr, nullptr, nullptr},
+};
+
+TEST(IniFileTest, TypedValues) {
+    for (const auto& row : kTypedValues) {
+        SCOPED_TRACE(row.text);
+        IniFile ini;
+        ini.SetValue("g", "k", row.text);
+        const Group& group = ini["g"];
+        ExpectValue(row.asInt, "integer",
+                    {[&] { return Show(ini.GetInt("g", "k")); },
+                     [&] { return Show(IniFile::GetIntFromGroup(group, "k")); },
+                     [&] { return Show(ini.GetIntOrDefault("g", "k", -99)); },
+                     [&] { return Show(IniFile::GetIntOrDefaultFromGroup(group, "k", -99)); }});
+        ExpectValue(row.asDouble, "double",
+                    {[&] { return Show(ini.GetDouble("g", "k")); },
+                     [&] { return Show(IniFile::GetDoubleFromGroup(group, "k")); },
+                     [&] { return Show(ini.GetDoubleOrDefault("g", "k", -99)); },
+                     [&] { return Show(IniFile::GetDoubleOrDefaultFromGroup(group, "k", -99)); }});
+        ExpectValue(row.asBool, "boolean",
+                    {[&] { return Show(ini.GetBool("g", "k")); },
+                     [&] { return Show(IniFile::GetBoolFromGroup(group, "k")); },
+                     [&] { return Show(ini.GetBoolOrDefault("g", "k", true)); },
+                     [&] { return Show(IniFile::GetBoolOrDefaultFromGroup(group, "k", true)); }});
+    }
+}
+
+TEST(IniFileTest, TypedValuesThatAreMissing) {
+    IniFile ini;
+    ini.SetValue("g", "k", "");
     const Group& group = ini["g"];
     EXPECT_EQ(ini.GetIntOrDefault("g", "x", 5), 5);
     EXPECT_EQ(ini.GetIntOrDefault("x", "k", 5), 5);

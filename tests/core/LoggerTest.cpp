@@ -324,6 +324,12 @@ TEST(LoggerTest, ShutdownLeavesOldLoggersValidAndSilent) {
     EXPECT_EQ(memory.GetMessage(0), "loud");
 }
 
+void ExpectSuccess(pid_t child) {
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 // Without care a child hangs for ever when another thread was logging at the moment of the fork.
 TEST(LoggerTest, ForkedChildCanLog) {
     Logger* const logger = Logger::GetLogger("fork");
@@ -345,9 +351,7 @@ TEST(LoggerTest, ForkedChildCanLog) {
             if (child == 0) {
                 return;  // the child continues after the call that has logged
             }
-            int status = -1;
-            ::waitpid(child, &status, 0);
-            EXPECT_EQ(status, 0);
+            ExpectSuccess(child);
         }
     });
     Logger::AddAppender(&forking, false);
@@ -365,9 +369,7 @@ TEST(LoggerTest, ForkedChildCanLog) {
             ::_exit(childRecords == 2 ? 0 : 1);
         }
         if (child > 0) {
-            int status = -1;
-            ::waitpid(child, &status, 0);
-            EXPECT_EQ(status, 0);
+            ExpectSuccess(child);
         }
     }
     stop = true;

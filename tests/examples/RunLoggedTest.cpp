@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/RunToEnd.h"
 #include "zarip/osa/PipeStream.h"
 #include "zarip/osa/Process.h"
 
@@ -54,7 +55,7 @@ TEST(RunLoggedTest, LogsLinesAndPassesTheEndOn) {
         EXPECT_TRUE(program.Wait());
         EXPECT_EQ(program.GetExitStatus(), row.status);
     }
-    EXPECT_EQ(osa::Process::Run(RUN_LOGGED, {"1", "/no/program"}).status, 125);
+    EXPECT_EQ(test::RunToEnd(RUN_LOGGED, {"1", "/no/program"}).status, 125);
 }
 
 }  // namespace

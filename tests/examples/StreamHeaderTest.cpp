@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/RunToEnd.h"
 #include "zarip/core/BitStreamWriter.h"
-#include "zarip/osa/Process.h"
 
 namespace zarip {
 namespace {
@@ -60,7 +60,7 @@ TEST(StreamHeaderTest, TellsTheSizeOrWhatIsWrong) {
         {"68" + good, failed + "no sequence parameter set"},
     };
     for (const auto& row : rows) {
-        const osa::Process::Result result = osa::Process::Run(STREAM_HEADER, {row.header});
+        const osa::Process::Result result = test::RunToEnd(STREAM_HEADER, {row.header});
         EXPECT_EQ(result.output + result.error, row.output + "\n") << row.header;
         EXPECT_EQ(result.status, row.output.compare(0, failed.size(), failed) == 0 ? 1 : 0);
     }

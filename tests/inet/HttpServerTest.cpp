@@ -589,9 +589,23 @@ TEST_F(HttpServerTest, AFailedAllocationCostsAConnectionAndNotTheProcess) {
     EXPECT_EQ(Ask(Post(5, "alive")), Echoed("alive"));
 }
 
-TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
-    std::future<std::size_t> upload;
-    StreamHandler stream([&](const HttpRequest& head, HttpResponse& response, IHttpConnection& connection) {
+class HttpStreamTest : public HttpServerTest {
+protected:
+    static constexpr std::size_t kSize = std::size_t{3} * 1024 * 1024;
+
+    void SetUp() override {
+        HttpServerTest::SetUp();
+        _server->AddHandler("/stream/*", &_stream);
+        _server->SetStandardResponses(true);
+        _server->StartServerThread();
+    }
+
+    static string Put(const string& path, const string& headers) {
+        return "PUT /stream/" + path + " HTTP/1.1\r\nContent-Length: " + std::to_string(kSize) + "\r\n" +
+               headers + "\r\n";
+    }
+
+    void HandleStream(const HttpRequest& head, HttpResponse& response, IHttpConnection& connection) {
         if (head.GetPath() == "/stream/refused") {
             response.SetCode(401);
             return;
@@ -601,7 +615,7 @@ TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
         if (head.GetPath() == "/stream/throws") {
             throw 1;
         }
-        upload = std::async(std::launch::async, [taken, left = connection.GetContentLength()]() mutable {
+        _upload = std::async(std::launch::async, [taken, left = connection.GetContentLength()]() mutable {
             std::size_t sum = 0;
             char buffer[65'536];
             while (left > 0) {
@@ -613,40 +627,37 @@ TEST_F(HttpServerTest, AStreamHandlerTakesConnectionsWithABodyOfAnyLength) {
             taken->Finish();
             return sum;
         });
-    });
-    _server->AddHandler("/stream/*", &stream);
-    _server->SetStandardResponses(true);
-    _server->StartServerThread();
-    const std::size_t size = 3 * 1024 * 1024;
-    const auto put = [&](const string& path, const string& headers) {
-        return "PUT /stream/" + path + " HTTP/1.1\r\nContent-Length: " + std::to_string(size) + "\r\n" +
-               headers + "\r\n";
-    };
-    const Socket client = SendTo(put("firmware", "") + "xx");
-    EXPECT_TRUE(WaitUntil([&] { return upload.valid(); }));
+    }
+
+    StreamHandler _stream{[this](const HttpRequest& head, HttpResponse& response,
+                                 IHttpConnection& connection) { HandleStream(head, response, connection); }};
+    std::future<std::size_t> _upload;
+};
+
+TEST_F(HttpStreamTest, TakesConnectionsWithABodyOfAnyLength) {
+    const Socket client = SendTo(Put("firmware", "") + "xx");
+    EXPECT_TRUE(WaitUntil([&] { return _upload.valid(); }));
     EXPECT_EQ(Ask(Post(5, "quick")).substr(0, 15), "HTTP/1.1 200 OK");
     _server->StopServerThread();  // which does not affect the connection
-    Send(*client, string(size - 2, 'x'));
+    Send(*client, string(kSize - 2, 'x'));
     EXPECT_EQ(Receive(*client), "HTTP/1.1 200 OK\r\n\r\ntaken");
-    EXPECT_EQ(upload.get(), size);
+    EXPECT_EQ(_upload.get(), kSize);
+}
 
-    _server = std::make_unique<HttpServer>("127.0.0.1", 0);
-    _server->AddHandler("/stream/*", &stream);
-    _server->SetStandardResponses(true);
-    _server->StartServerThread();
-    // A client that waits gets "100 Continue" when the connection is taken, but not when it is refused.
+// A client that waits gets "100 Continue" when the connection is taken, but not when it is refused.
+TEST_F(HttpStreamTest, TellsAWaitingClientWhetherToContinue) {
     const string expect = "Expect: 100-continue\r\n";
     const string go = "HTTP/1.1 100 Continue\r\n\r\n";
-    const Socket waits = SendTo(put("firmware", expect));
+    const Socket waits = SendTo(Put("firmware", expect));
     EXPECT_EQ(Receive(*waits, go.size()), go);
-    Send(*waits, string(size, 'x'));
+    Send(*waits, string(kSize, 'x'));
     EXPECT_EQ(Receive(*waits), "HTTP/1.1 200 OK\r\n\r\ntaken");
-    EXPECT_EQ(Ask(put("refused", expect)).substr(0, 25), "HTTP/1.1 401 Unauthorized");
-    EXPECT_EQ(Ask(put("refused", "") + string(size, 'x')).substr(0, 25), "HTTP/1.1 401 Unauthorized");
-    EXPECT_EQ(Fate(*SendTo(put("throws", ""))), "");
+    EXPECT_EQ(Ask(Put("refused", expect)).substr(0, 25), "HTTP/1.1 401 Unauthorized");
+    EXPECT_EQ(Ask(Put("refused", "") + string(kSize, 'x')).substr(0, 25), "HTTP/1.1 401 Unauthorized");
+    EXPECT_EQ(Fate(*SendTo(Put("throws", ""))), "");
 
     HttpDispatcher dispatcher;
-    dispatcher.AddHandler("*", &stream);
+    dispatcher.AddHandler("*", &_stream);
     std::stringstream wire("GET / HTTP/1.1\r\n\r\n");
     std::ostringstream answer;
     dispatcher.HandleRequest(wire, answer);

@@ -178,6 +178,11 @@ struct Security {
         std::atomic<int> _deletions{0};
     };
 
+    static string ShowExpiration(Provider& provider) {
+        string result = "never sent";
+        const int expiration = provider.GetExpiration("x", result);
+        return Show(expiration) + " " + result;
+    }
     static vector<Member<Provider>> Members() {
         return {
             {"Authenticate", "bss", "s", "true|u|p", "\"Authenticate|true|u|p\"",
@@ -202,12 +207,7 @@ struct Security {
              [](auto& p) { return Show(p.GetAllowedPermissions("x")); }},
             {"GetCredentials", "s", "s", "", "\"GetCredentials|\"",
              [](auto& p) { return Show(p.GetCredentials("")); }},
-            {"GetExpiration", "s", "is", "x|", "-42 filled",
-             [](auto& p) {
-                 string result = "never sent";
-                 const int expiration = p.GetExpiration("x", result);
-                 return Show(expiration) + " " + result;
-             }},
+            {"GetExpiration", "s", "is", "x|", "-42 filled", [](auto& p) { return ShowExpiration(p); }},
             {"Authorize", "ss", "b", "x|/y", "false", [](auto& p) { return Show(p.Authorize("x", "/y")); }},
             {"Logout", "s", "b", "x", "true", [](auto& p) { return Show(p.Logout("x")); }},
             {"AllowHttpDigest", "", "b", nullptr, "true", [](auto& p) { return Show(p.AllowHttpDigest()); }},

@@ -12,11 +12,11 @@
 #include "support/FakeBus.h"
 #include "support/Messages.h"
 #include "support/PrivateBus.h"
+#include "support/RunToEnd.h"
 #include "support/WaitUntil.h"
 #include "zarip/interfaces/CheckDescription.h"
 #include "zarip/interfaces/InterfaceServer.h"
 #include "zarip/msgbus/MsgBus.h"
-#include "zarip/osa/Process.h"
 
 namespace zarip::interfaces {
 namespace {
@@ -192,6 +192,22 @@ void AppendSample(msgbus::MsgBusMsg& message, const string& type) {
     }
 }
 
+/// Calls with the arguments so far and a next one that is missing, wrong and huge. Then appends a right one.
+void ExpectCheckedArgument(msgbus::MsgBus& bus, msgbus::MsgBusMsg& call, const string& type,
+                           const string& prefix) {
+    const string expected = "(expected type '" + type.substr(0, 1) + "'";
+    msgbus::MsgBusMsg wrong(call);
+    wrong << 0.5;
+    msgbus::MsgBusMsg huge(call);
+    huge << vector<int>(1000000);
+    EXPECT_EQ(ErrorOfCall(bus, msgbus::MsgBusMsg(call)), prefix + "missing " + expected + ")");
+    EXPECT_EQ(ErrorOfCall(bus, wrong), prefix + "mismatch " + expected + " but found type 'd')");
+    EXPECT_EQ(ErrorOfCall(bus, huge), prefix + "mismatch " +
+                                          (type == "as" ? "(expected type 's' but found type 'i')"
+                                                        : expected + " but found type 'a')"));
+    AppendSample(call, type);
+}
+
 TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
     test::PrivateBus::Get();
     msgbus::MsgBus serverBus;
@@ -212,19 +228,7 @@ TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
             string("DBUS call ") + TypeParam::kName + "::" + member.name + " failed: MsgBusMsg argument ";
         msgbus::MsgBusRemoteMethod call(service, member.name);
         for (const auto& type : SplitSignature(member.arguments)) {
-            const string expected = "(expected type '" + type.substr(0, 1) + "'";
-            msgbus::MsgBusMsg wrong(call);
-            wrong << 0.5;
-            msgbus::MsgBusMsg huge(call);
-            huge << vector<int>(1000000);
-            EXPECT_EQ(ErrorOfCall(clientBus, msgbus::MsgBusMsg(call)), prefix + "missing " + expected + ")");
-            EXPECT_EQ(ErrorOfCall(clientBus, wrong),
-                      prefix + "mismatch " + expected + " but found type 'd')");
-            EXPECT_EQ(ErrorOfCall(clientBus, huge),
-                      prefix + "mismatch " +
-                          (type == "as" ? "(expected type 's' but found type 'i')"
-                                        : expected + " but found type 'a')"));
-            AppendSample(call, type);
+            ExpectCheckedArgument(clientBus, call, type, prefix);
         }
         call << "more" << vector<int>(1000000);
         if (member.reply != nullptr) {
@@ -246,7 +250,7 @@ TYPED_TEST(ServiceTest, SurvivesOnTheBusWhateverItIsCalledWith) {
 
 /// Returns the output of a shell command.
 string OutputOf(const string& command) {
-    const osa::Process::Result result = osa::Process::Run("sh", {"-c", command + " 2>&1"});
+    const osa::Process::Result result = test::RunToEnd("sh", {"-c", command + " 2>&1"});
     EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
     return result.output;
 }
@@ -296,65 +300,74 @@ string Introspect(msgbus::IMsgBus& bus, const char* name, const char* path) {
     return xml;
 }
 
-TEST(Introspection, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
-    auto& privateBus = test::PrivateBus::Get();
-    msgbus::MsgBus serverBus;
-    msgbus::MsgBus clientBus;
-    Security::Implementation security;
-    Networking::Implementation networking;
-    const std::unique_ptr<InterfaceServer> first(ISecurityProvider::CreateServer(&serverBus, &security));
-    std::unique_ptr<InterfaceServer> second(INetworkingV2Provider::CreateServer(&serverBus, &networking));
-    serverBus.StartServer();
+/// Two services of one connection, and a client that asks for their descriptions.
+class IntrospectionTest : public testing::Test {
+protected:
+    void SetUp() override { _serverBus.StartServer(); }
+
+    Description Describe(const char* path) {
+        return Description(Introspect(_clientBus, Security::kName, path));
+    }
+    static vector<string> With(const char* name) { return {kOwn[0], kOwn[1], name}; }
+
+    static inline const vector<string> kOwn = {"org.freedesktop.DBus.Introspectable",
+                                               "org.freedesktop.DBus.Peer"};
+    test::PrivateBus& _privateBus = test::PrivateBus::Get();
+    msgbus::MsgBus _serverBus;
+    msgbus::MsgBus _clientBus;
+    Security::Implementation _security;
+    Networking::Implementation _networking;
+    std::unique_ptr<InterfaceServer> _first{ISecurityProvider::CreateServer(&_serverBus, &_security)};
+    std::unique_ptr<InterfaceServer> _second{INetworkingV2Provider::CreateServer(&_serverBus, &_networking)};
+};
+
+TEST_F(IntrospectionTest, ServicesOfOneConnectionDescribeThemselvesAndTheirParents) {
     // This object is of another connection and therefore not in the tree of the first.
     msgbus::MsgBus otherBus;
     IStreamInfoProvider streams;
     const std::unique_ptr<InterfaceServer> other(IStreamInfoProvider::CreateServer(&otherBus, &streams));
-
-    const vector<string> own = {"org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer"};
-    const auto describe = [&](const char* path) {
-        return Description(Introspect(clientBus, Security::kName, path));
-    };
-    const auto with = [&](const char* name) { return vector<string>{own[0], own[1], name}; };
     for (const auto& [name, path] :
          {std::pair(Security::kName, Security::kPath), std::pair(Networking::kName, Networking::kPath)}) {
-        const Description description = describe(path);
-        EXPECT_EQ(description.GetInterfaces(), with(name));
+        const Description description = Describe(path);
+        EXPECT_EQ(description.GetInterfaces(), With(name));
         EXPECT_EQ(description.GetChildren(), vector<string>());
-        EXPECT_NE(Introspect(clientBus, Security::kName, path).find(ElementOf(name)), string::npos) << name;
+        EXPECT_NE(Introspect(_clientBus, Security::kName, path).find(ElementOf(name)), string::npos) << name;
     }
     const std::pair<const char*, vector<string>> parents[] = {{"/", {"com"}},
                                                               {"/com", {"brelk"}},
                                                               {"/com/brelk", {"networkingV2", "system"}},
                                                               {"/com/brelk/system", {"security"}}};
     for (const auto& [path, children] : parents) {
-        EXPECT_EQ(describe(path).GetInterfaces(), own) << path;
-        EXPECT_EQ(describe(path).GetChildren(), children) << path;
+        EXPECT_EQ(Describe(path).GetInterfaces(), kOwn) << path;
+        EXPECT_EQ(Describe(path).GetChildren(), children) << path;
     }
     for (const char* path : {"/nowhere", "/com/brelk/sys", "/com/brelk/system/security/below"}) {
         EXPECT_EQ(
-            ErrorOf([&] { describe(path); }),
+            ErrorOf([&] { Describe(path); }),
             string("DBUS call org.freedesktop.DBus.Introspectable::Introspect failed: There is no object ") +
                 path);
     }
     EXPECT_EQ(
-        ErrorOfCall(clientBus, msgbus::MsgBusRemoteMethod(
-                                   {Security::kName, Security::kPath, "org.freedesktop.DBus.Peer"}, "Ping")),
+        ErrorOfCall(_clientBus, msgbus::MsgBusRemoteMethod(
+                                    {Security::kName, Security::kPath, "org.freedesktop.DBus.Peer"}, "Ping")),
         "no exception");
     if (HasProgram("busctl")) {
         const string tree =
-            OutputOf("busctl --address=" + privateBus.GetAddress() + " --list tree " + Security::kName);
+            OutputOf("busctl --address=" + _privateBus.GetAddress() + " --list tree " + Security::kName);
         EXPECT_NE(tree.find(string(Networking::kPath) + "\n"), string::npos) << tree;
         EXPECT_NE(tree.find(string(Security::kPath) + "\n"), string::npos) << tree;
     }
+}
 
-    // Two servers of one service are one object. A destroyed object is not described any more.
+// Two servers of one service are one object. A destroyed object is not described any more.
+TEST_F(IntrospectionTest, AnObjectIsDescribedUntilItsLastServerEnds) {
     INetworkingV2Provider more;
-    std::unique_ptr<InterfaceServer> third(INetworkingV2Provider::CreateServer(&serverBus, &more));
-    EXPECT_EQ(describe(Networking::kPath).GetInterfaces(), with(Networking::kName));
-    second.reset();
-    EXPECT_EQ(describe(Networking::kPath).GetInterfaces(), with(Networking::kName));
+    std::unique_ptr<InterfaceServer> third(INetworkingV2Provider::CreateServer(&_serverBus, &more));
+    EXPECT_EQ(Describe(Networking::kPath).GetInterfaces(), With(Networking::kName));
+    _second.reset();
+    EXPECT_EQ(Describe(Networking::kPath).GetInterfaces(), With(Networking::kName));
     third.reset();
-    EXPECT_EQ(describe("/com/brelk").GetChildren(), vector<string>{"system"});
+    EXPECT_EQ(Describe("/com/brelk").GetChildren(), vector<string>{"system"});
 }
 
 TEST(Introspection, EveryFileIsThatOfAService) {

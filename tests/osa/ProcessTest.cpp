@@ -413,7 +413,14 @@ TEST(ProcessTest, RunsToTheEnd) {
     };
     test::OnSmallStack(runAll);
     Without({kPidFdOpen}, runAll);
-    // What it has started ends with it, or does not.
+    EXPECT_EQ(ErrorOf([] { Process::Run("/no/program", {}); }),
+              "Couldn't start '/no/program': errno(2): No such file or directory");
+    joined.input = Redirect::Null();
+    joined.inputData = "x";
+    EXPECT_EQ(ErrorOf([&] { Process::Run("cat", {}, joined); }), "Invalid parameter");
+}
+
+TEST(ProcessTest, RunEndsWhatTheProgramHasStartedUnlessItHasNoGroup) {
     int held[2];
     ASSERT_EQ(::pipe2(held, O_CLOEXEC), 0);
     Process::RunOptions options;
@@ -426,11 +433,6 @@ TEST(ProcessTest, RunsToTheEnd) {
     ::close(held[1]);
     EXPECT_EQ(::read(held[0], held, 1), 0);  // no process is left that could write
     ::close(held[0]);
-    EXPECT_EQ(ErrorOf([] { Process::Run("/no/program", {}); }),
-              "Couldn't start '/no/program': errno(2): No such file or directory");
-    joined.input = Redirect::Null();
-    joined.inputData = "x";
-    EXPECT_EQ(ErrorOf([&] { Process::Run("cat", {}, joined); }), "Invalid parameter");
 }
 
 TEST(ProcessTest, DestructionLeavesNothingBehind) {

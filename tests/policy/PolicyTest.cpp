@@ -373,6 +373,25 @@ std::string Policy(const std::string& user, const std::string& keeper, const std
     return policy;
 }
 
+void ExpectRefusedSecrets(Actor& actor) {
+    for (const char* const member : kSecrets) {
+        EXPECT_NE(actor.Read().find("Rejected send message"), std::string::npos) << member;
+    }
+}
+
+void ExpectRefusedAttacks(Actor& attacker) {
+    for (const Service& attacked : kServices) {
+        EXPECT_NE(attacker.Read().find("is not allowed to own the service"), std::string::npos)
+            << attacked.name;
+        if (attacked.member != nullptr) {
+            for (const char* address : {"name", "unique name"}) {
+                EXPECT_NE(attacker.Read().find("Rejected send message"), std::string::npos)
+                    << attacked.name << " by its " << address;
+            }
+        }
+    }
+}
+
 TEST(PolicyTest, OnlyTheServiceOwnsItsNameOnlyTheGroupCallsAndOnlyNamedUsersReadSecrets) {
     if (::geteuid() != 0 || std::system("command -v useradd >/dev/null") != 0) {
         GTEST_SKIP() << "needs to be root, to run as users of its own";
@@ -399,12 +418,7 @@ TEST(PolicyTest, OnlyTheServiceOwnsItsNameOnlyTheGroupCallsAndOnlyNamedUsersRead
                                          " failed: unimplemented");
         }
     }
-    const auto isRefusedSecrets = [](Actor& actor) {
-        for (const char* const member : kSecrets) {
-            EXPECT_NE(actor.Read().find("Rejected send message"), std::string::npos) << member;
-        }
-    };
-    isRefusedSecrets(client);
+    ExpectRefusedSecrets(client);
     ASSERT_EQ(client.Read(), "listening");
     Actor backup(keeper, "", CallForSecrets);
     for (const char* const member : kSecrets) {
@@ -413,17 +427,8 @@ TEST(PolicyTest, OnlyTheServiceOwnsItsNameOnlyTheGroupCallsAndOnlyNamedUsersRead
     }
 
     Actor attacker(outsider, "", Attack);
-    for (const Service& attacked : kServices) {
-        EXPECT_NE(attacker.Read().find("is not allowed to own the service"), std::string::npos)
-            << attacked.name;
-        if (attacked.member != nullptr) {
-            for (const char* address : {"name", "unique name"}) {
-                EXPECT_NE(attacker.Read().find("Rejected send message"), std::string::npos)
-                    << attacked.name << " by its " << address;
-            }
-        }
-    }
-    isRefusedSecrets(attacker);
+    ExpectRefusedAttacks(attacker);
+    ExpectRefusedSecrets(attacker);
     ASSERT_EQ(attacker.Read(), "done");
     service.Cue();
     EXPECT_EQ(client.Read(), "8 genuine, 0 forged");

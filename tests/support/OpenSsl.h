@@ -4,13 +4,13 @@
 
 #include <string>
 
-#include "zarip/osa/Process.h"
+#include "support/RunToEnd.h"
 
 namespace zarip::test {
 
 /// Runs `openssl` with arguments of a shell; its exit status, and what it printed in `output`.
 inline int RunOpenSsl(const std::string& arguments, std::string* output = nullptr) {
-    const osa::Process::Result result = osa::Process::Run("sh", {"-c", "openssl " + arguments + " 2>&1"});
+    const osa::Process::Result result = RunToEnd("sh", {"-c", "openssl " + arguments + " 2>&1"});
     if (output != nullptr) {
         *output = result.output;
     }

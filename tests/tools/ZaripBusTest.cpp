@@ -25,6 +25,7 @@
 #include "support/Messages.h"
 #include "support/PrivateBus.h"
 #include "support/Program.h"
+#include "support/RunToEnd.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 #include "zarip/interfaces/AnalyticsInterface.h"
@@ -32,7 +33,6 @@
 #include "zarip/msgbus/MsgBus.h"
 #include "zarip/msgbus/MsgBusObjectSelector.h"
 #include "zarip/msgbus/MsgBusRemoteMethod.h"
-#include "zarip/osa/Process.h"
 
 namespace zarip::interfaces {
 namespace {
@@ -43,7 +43,7 @@ using test::Program;
 /// "<exit status>|<output>|<errors>". The status is the negative number of the signal that has ended the
 /// tool.
 string Outcome(const Strings& arguments) {
-    const osa::Process::Result result = osa::Process::Run(ZARIP_BUS, arguments);
+    const osa::Process::Result result = test::RunToEnd(ZARIP_BUS, arguments);
     return std::to_string(result.signal != 0 ? -result.signal : result.status) + "|" + result.output + "|" +
            result.error;
 }
@@ -475,7 +475,7 @@ TEST_F(ZaripBusTest, BashCompletesCommandsServicesAndMembers) {
                       ". \"$0\"; program=$1; shift; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1));"
                       " _zarip_bus \"$program\"; echo \"${COMPREPLY[*]}\"; complete -p zarip-bus >/dev/null",
                       ZARIP_COMPLETIONS "zarip-bus.bash", ZARIP_BUS, "zarip-bus"});
-        const osa::Process::Result bash = osa::Process::Run("bash", words);
+        const osa::Process::Result bash = test::RunToEnd("bash", words);
         EXPECT_EQ(bash.error, "");
         return std::to_string(bash.status) + "|" + bash.output;
     };
@@ -524,7 +524,7 @@ TEST_F(ZaripBusTest, ZshCompletesCommandsServicesAndMembers) {
     options.environment["PATH"] =
         std::filesystem::path(ZARIP_BUS).parent_path().string() + ":" + std::getenv("PATH");
     for (const auto& [line, completions] : cases) {
-        const osa::Process::Result zsh = osa::Process::Run(
+        const osa::Process::Result zsh = test::RunToEnd(
             "zsh", {"-f", ZARIP_COMPLETE_ZSH, ZARIP_COMPLETIONS, string("zarip-bus ") + line}, options);
         EXPECT_EQ(zsh.status, 0);
         EXPECT_EQ(zsh.output, string(completions) + "\n") << line << zsh.error;
@@ -552,7 +552,7 @@ TYPED_TEST(ZaripBusServiceTest, EveryMemberCanBeCalled) {
                 std::getline(stream, words.emplace_back(), '|');
             }
         }
-        const osa::Process::Result tool = osa::Process::Run(ZARIP_BUS, words);
+        const osa::Process::Result tool = test::RunToEnd(ZARIP_BUS, words);
         EXPECT_EQ(tool.status, 0) << member.name << tool.error;
         EXPECT_EQ(tool.output.empty(), member.reply == nullptr) << member.name;
         // The listen thread answers this after the call. Then it has ended, so this thread may read the
