@@ -33,8 +33,8 @@ public:
     /// Reads the bits without moving the position.
     unsigned long long PeekBits(unsigned int count) const;
 
-    /// Exponential-Golomb codes, ue(v) and se(v) of H.264 and H.265: 0 to 2^32 - 2, and -2^31 + 1 to
-    /// 2^31 - 1. A longer code throws `osa::IOException` "BitStreamReader: invalid Golomb code".
+    /// Exponential-Golomb codes, ue(v) and se(v) of H.264 and H.265: 0 to 2^32 - 2, and -2^31 + 1 to 2^31 -
+    /// 1. A longer code throws `osa::IOException` "BitStreamReader: invalid Golomb code".
     unsigned int ReadUnsignedGolomb();
     int ReadSignedGolomb();
 

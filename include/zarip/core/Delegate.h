@@ -194,10 +194,10 @@ auto* MakeDelegate(T* object, R (C::*method)(A) const) {
     return internal::NewDelegate1<R, A>(object, method);
 }
 
-/// Makes a delegate that owns a callable and what the callable owns: `MakeDelegate([file = std::move(file)] {
-/// ... })`. It is one object on the heap (*caller owns*). The callable takes nothing or one argument, whose
-/// type it names, and its result is returned by value. Such a delegate is not bound to an object, so
-/// `Matches` is always false.
+/// Makes a delegate that owns a callable and what the callable owns:
+/// `MakeDelegate([file = std::move(file)] { ... })`. It is one object on the heap (*caller owns*). The
+/// callable takes nothing or one argument, whose type it names, and its result is returned by value. Such a
+/// delegate is not bound to an object, so `Matches` is always false.
 template <class Callable>
 auto* MakeDelegate(Callable callable) {
     if constexpr (std::is_invocable_v<Callable&>) {

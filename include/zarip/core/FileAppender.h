@@ -19,8 +19,8 @@ public:
     /// two spaces: scripts search for the message in this form).
     explicit FileAppender(const char* path);
 
-    /// With `owned` the destructor closes the stream; otherwise it must outlive the appender.
-    /// Throws `Exception` "pFile must not be NULL".
+    /// With `owned` the destructor closes the stream; otherwise it must outlive the appender. Throws
+    /// `Exception` "pFile must not be NULL".
     FileAppender(FILE* file, bool owned);
 
     FileAppender(const FileAppender&) = delete;
