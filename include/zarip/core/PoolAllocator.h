@@ -8,11 +8,12 @@
 
 namespace zarip::core {
 
-/// Blocks of one size from memory that is allocated once. Taking a block needs no lock and a bounded time,
-/// and nothing fragments. It suits messages, packets and nodes of threads that must not wait.
+/// Allocates blocks of one size from memory that is reserved once. Allocating and freeing take no lock and a
+/// bounded time, and memory does not fragment. Use it for messages, packets and nodes of threads that must
+/// not wait.
 ///
-/// A thread that allocates prefers the blocks that it freed itself. In the statistics `used` counts whole
-/// blocks, and `peak` is the most blocks that were ever needed.
+/// A thread that allocates prefers the blocks that it has freed itself. In the statistics, `used` counts
+/// whole blocks, and `peak` is the largest amount that was ever needed.
 class ZARIP_EXPORT PoolAllocator : public IAllocator {
 public:
     /// @param blockSize  in bytes; rounded up to a multiple of `alignment`.
