@@ -24,12 +24,11 @@ public:
 
     virtual ~IAllocator();
 
-    /// Returns memory that belongs to the caller until it is passed to `Free`.
+    /// Returns memory that belongs to the caller until it is passed to `Free`. Throws `AllocationException`
+    /// "out of memory: ..." if there is not enough memory now, and `AllocatorException` "invalid alignment"
+    /// or "invalid size" for a request that this allocator can never serve.
     /// @param size  in bytes; 0 counts as 1.
     /// @param alignment  a power of two.
-    /// Throws `AllocationException` "out of memory: ..." if there is not enough memory now, and
-    /// `AllocatorException` "invalid alignment" or "invalid size" for a request that this allocator can never
-    /// serve.
     virtual void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) = 0;
 
     /// Frees memory that `Allocate` has returned. Does nothing for null.

@@ -63,12 +63,12 @@ public:
     /// The name of the loading thread's object: "ZARIP".
     static const char* const kMainThreadName;
 
-    /// Creates the thread suspended.
+    /// Creates the thread suspended. Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard
+    /// Size failed", "Set Inherit Sched failed" and "Set Sched Policy failed".
     /// @param name  copied; the kernel shows its first 15 characters.
     /// @param runnable  *not owned*, must outlive the thread.
     /// @param stackSize  bytes; at least 65,536, rounded up to a multiple of 4,096; 131,072 are added to it.
-    /// Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard Size failed", "Set Inherit
-    /// Sched failed", "Set Sched Policy failed".
+    /// @param priority  see above.
     Thread(const char* name, Runnable* runnable, unsigned int stackSize, signed char priority);
 
     /// Wraps the calling thread.
