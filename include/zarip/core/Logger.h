@@ -144,7 +144,7 @@ public:
 
     /// Logs a record whatever its level. The record contains the name of the calling `osa::Thread`, or
     /// "!!UNKNOWN!!". Exceptions of appenders are dropped. If an appender logs while it handles a record, the
-    /// other appenders get the new record, but not this one.
+    /// other appenders get the new record, and the appender itself does not.
     void LogMessageV(LogLevel level, const char* format, va_list args) const ZARIP_PRINTF(3, 0);
 
 private:

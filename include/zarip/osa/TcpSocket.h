@@ -27,9 +27,9 @@ public:
     /// `GetLocalPort` returns.
     ///
     /// "::" falls back to "0.0.0.0" on a system without IPv6, and a link-local address without a scope gets
-    /// "%eth0". For a unix-domain name the constructor makes its folders and replaces a file of that name.
-    /// The umask of the process decides which users may connect. Throws "Unable to bind socket to ..."
-    /// (`SocketConfigError`), "Address Too Long" and "Address Contains Invalid Character"
+    /// "%eth0". For a unix-domain name, the constructor creates the folders in its path and replaces a file
+    /// of that name. The umask of the process decides which users may connect. Throws "Unable to bind socket
+    /// to ..." (`SocketConfigError`), "Address Too Long" and "Address Contains Invalid Character"
     /// (`SocketAddressError`), "Invalid Socket".
     TcpSocket(const char* address, unsigned short port);
 

@@ -15,8 +15,8 @@ class TimerService;
 /// Calls back once at a time of the real-time clock, never early. *Thread-safe*, except for assignment and
 /// destruction.
 ///
-/// States: *disarmed* at first and after a call back, *armed* after `Start`. `Start` and `Stop` may be called
-/// in either state and any number of times.
+/// States: *armed* after `Start`; *disarmed* at first, after `Stop`, and when it has called back. `Start` and
+/// `Stop` may be called in either state and any number of times.
 ///
 /// The library reserves SIGUSR1 for timers: the process ignores it and one thread, "Timer", waits for it. So
 /// an expiry interrupts no system call, and a signal from another process does no harm. Programs that the
