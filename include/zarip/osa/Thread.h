@@ -22,8 +22,8 @@ class Runnable;
 
 /// A named POSIX thread that is created suspended and runs a `Runnable` once `Run()` is called.
 ///
-/// One number selects the scheduling class and the priority. From -20 on it is the nice value of the
-/// time-sharing class. From -21 (lowest) to -119 (highest) it is a priority of the real-time round-robin
+/// One number selects the scheduling class and the priority. A value of -20 or more is the nice value of the
+/// time-sharing class. A value from -21 (lowest) to -119 (highest) is a priority of the real-time round-robin
 /// class. The system refuses values below -119: the constructor then throws "Create Thread Error", and
 /// `SetPriority` changes nothing.
 ///
