@@ -70,7 +70,8 @@ clang_packages() {
     echo "clang ${version:+libclang-rt-$version-dev}"
 }
 
-# configure PRESET FOLDER [CMAKE ARGUMENT]...: configures a build, with ZARIP_WERROR and ZARIP_DEBUG_INFO of the environment.
+# configure PRESET FOLDER [CMAKE ARGUMENT]...: configures a build, with ZARIP_WERROR and ZARIP_DEBUG_INFO of
+# the environment.
 configure() {
     local preset=$1 folder=$2
     shift 2

@@ -6,7 +6,7 @@
 
 namespace zarip::core {
 
-/// An allocator has no memory for a request.
+/// An allocator does not have enough memory for a request.
 class ZARIP_EXPORT AllocationException : public osa::Exception {
 public:
     explicit AllocationException(const std::string& message);

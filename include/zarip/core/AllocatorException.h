@@ -6,7 +6,8 @@
 
 namespace zarip::core {
 
-/// An allocator was misused: a pointer that is not its own, or was freed before.
+/// An allocator was misused. For example, memory was freed that is not of this allocator or was freed before,
+/// or a request was invalid.
 class ZARIP_EXPORT AllocatorException : public osa::Exception {
 public:
     explicit AllocatorException(const std::string& message);

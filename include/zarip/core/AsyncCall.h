@@ -11,31 +11,33 @@
 
 namespace zarip::core {
 
-/// The outcome of an asynchronous call, shared by the call and its result. *Thread-safe*; reference-counted.
+/// The outcome of an asynchronous call, which the call and its `AsyncResult` share. It counts references.
+/// Programs use `CreateAsyncCall` instead. *Thread-safe*.
 class ZARIP_EXPORT ResultMarshaller {
 public:
-    /// Counts one reference: the caller's.
+    /// Makes an object with one reference, that of the call.
     ResultMarshaller();
     ResultMarshaller(const ResultMarshaller&) = delete;
     ResultMarshaller& operator=(const ResultMarshaller&) = delete;
 
     void AddRef();
 
-    /// Deletes the object with the last reference.
+    /// Removes a reference. The last one deletes the object.
     void RemoveRef();
 
-    /// Waits for the end of the call. Deliberate: this can be done once, and a second wait lasts for ever.
-    /// Callers read a result once.
+    /// Waits for the end of the call. Deliberate: this can be done only once, and a second wait lasts for
+    /// ever. Callers read a result once.
     void Join();
 
-    /// Joins. If the call threw, it then throws `osa::Exception` with the message of that exception.
+    /// Waits as `Join` does. If the call has thrown an exception, this throws `osa::Exception` with the
+    /// message of that exception.
     void GetResult();
 
     void OnFinished();
     void OnException(const std::string& text);
 
-    /// Removes the call's reference. A call that never ran ends with the message "AsyncCall was deleted
-    /// without having been called".
+    /// Removes the reference of the call. If the call never ran, its outcome is an exception "AsyncCall was
+    /// deleted without having been called".
     void RemoveCallerRef();
 
 protected:
@@ -48,25 +50,26 @@ private:
     osa::Semaphore _ended{"ResultMarshaller", 1, 0};
 };
 
-/// The caller's end of an asynchronous call. *One thread at a time.*
+/// The result of an asynchronous call, for the code that waits for it. *One thread at a time.*
 class ZARIP_EXPORT AsyncResult {
 public:
-    /// Takes a reference of its own.
+    /// Adds a reference of its own.
     explicit AsyncResult(ResultMarshaller* marshaller);
     AsyncResult(const AsyncResult&) = delete;
     AsyncResult& operator=(const AsyncResult&) = delete;
     ~AsyncResult();
 
-    /// Waits for the end of the call. If the call threw, it throws `osa::Exception` with the message of that
-    /// exception, or "unknown exception" for one that is not a std::exception. To be called once.
+    /// Waits for the end of the call. May be called once. If the call has thrown an exception, this throws
+    /// `osa::Exception` with the message of that exception, or "unknown exception" if it is not a
+    /// std::exception.
     void GetResult();
 
 private:
     ResultMarshaller* _marshaller;
 };
 
-/// Makes a call that another thread runs: a delegate to queue (*caller owns*, a task queue takes it) and the
-/// result (*caller owns*). *Takes ownership* of the target, which is destroyed with the call.
+/// Makes a call that another thread runs. Returns a delegate, to be queued in a task queue, and the result;
+/// the *caller owns* both. *Takes ownership* of the target, which is destroyed with the delegate.
 ZARIP_EXPORT std::pair<IVoidDelegate0*, AsyncResult*> CreateAsyncCall(IVoidDelegate0* target);
 
 }  // namespace zarip::core

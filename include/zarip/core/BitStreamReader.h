@@ -9,7 +9,7 @@
 
 namespace zarip::core {
 
-/// Reads bits as video and audio headers are written: the most significant bit of a byte comes first. *One
+/// Reads bits in the order of video and audio headers: the most significant bit of a byte comes first. *One
 /// thread at a time.*
 ///
 /// A function that needs more bits than are left throws `osa::IOException` "BitStreamReader: <n> bits wanted,
@@ -17,8 +17,8 @@ namespace zarip::core {
 class ZARIP_EXPORT BitStreamReader {
 public:
     /// @param data  *not owned*, must outlive the reader.
-    /// @param length  in bytes. Throws `osa::Exception` "Invalid parameter" if `std::size_t` cannot count the
-    ///     bits, which is from 512 MiB on with 32 bits.
+    /// @param length  in bytes. If `std::size_t` cannot hold the number of bits (from 512 MiB on if it has 32
+    ///     bits), the constructor throws `osa::Exception` "Invalid parameter".
     BitStreamReader(const void* data, std::size_t length)
         : _data(static_cast<const unsigned char*>(data)), _bits(length * 8) {
         if (_bits / 8 != length) {
@@ -26,6 +26,7 @@ public:
         }
     }
 
+    /// Reads a number of `count` bits.
     /// @param count  1 to 64; anything else throws `osa::Exception` "Invalid parameter".
     unsigned long long ReadBits(unsigned int count);
     bool ReadBit() { return ReadBits(1) != 0; }
@@ -33,8 +34,9 @@ public:
     /// Reads the bits without moving the position.
     unsigned long long PeekBits(unsigned int count) const;
 
-    /// Exponential-Golomb codes, ue(v) and se(v) of H.264 and H.265: 0 to 2^32 - 2, and -2^31 + 1 to
-    /// 2^31 - 1. A longer code throws `osa::IOException` "BitStreamReader: invalid Golomb code".
+    /// These functions read the exponential-Golomb codes ue(v) and se(v) of H.264 and H.265. The values are
+    /// `0 to 2^32 - 2` and `-2^31 + 1 to 2^31 - 1`. A longer code throws `osa::IOException` "BitStreamReader:
+    /// invalid Golomb code".
     unsigned int ReadUnsignedGolomb();
     int ReadSignedGolomb();
 
@@ -44,7 +46,7 @@ public:
     void Align() { _position = (_position + 7) / 8 * 8; }
     bool IsAligned() const { return _position % 8 == 0; }
 
-    /// In bits, from the beginning and to the end.
+    /// These functions return the number of bits before and after the position.
     std::size_t GetPosition() const { return _position; }
     std::size_t GetRemaining() const { return _bits - _position; }
 

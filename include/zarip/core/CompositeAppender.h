@@ -8,12 +8,13 @@
 
 namespace zarip::core {
 
-/// Passes every record to a list of appenders, in the order in which they were added. *Thread-safe*: its
+/// Passes every record to a list of appenders, in the order in which they were added. *Thread-safe*. Its
 /// mutex is held while records are delivered and while the list changes, so appenders get one record at a
 /// time.
 ///
-/// An appender may log and may change the list from within `AppendV`. It does not get its own records. An
-/// owned appender that is removed there is deleted when the record has been delivered.
+/// The function `AppendV` of an appender may log and may change the list. The appender does not get the
+/// records that it logs itself. If it calls `Clear`, the owned appenders are deleted when the record has been
+/// delivered.
 class ZARIP_EXPORT CompositeAppender : public ILogAppender {
 public:
     CompositeAppender();
@@ -23,12 +24,12 @@ public:
     /// Deletes the owned appenders.
     ~CompositeAppender() override;
 
-    /// With `owned` it *takes ownership*, also when it throws; otherwise the appender must outlive its entry.
-    /// A null pointer is kept as an entry and gets no records.
+    /// Adds an appender. If `owned` is true, it *takes ownership*, even if it throws; otherwise the appender
+    /// must exist until it is removed. A null pointer becomes an entry that gets no records.
     void AddAppender(const ILogAppender* appender, bool owned);
 
-    /// Removes the first entry of this appender and never deletes the appender. False if there is no such
-    /// entry.
+    /// Removes the first entry of this appender, and does not delete the appender. Returns false if there is
+    /// no such entry.
     bool RemoveAppender(const ILogAppender* appender);
 
     /// Deletes the owned appenders and empties the list.

@@ -7,15 +7,16 @@
 
 namespace zarip::core {
 
-/// Callable interfaces: an `IDelegate0<R>` returns an R, an `IDelegate1<R, A>` takes an A as well, the
-/// `IVoid...` forms return nothing. A delegate is as thread-safe as what it calls.
+/// A delegate is an object that can be called. An `IDelegate0<R>` takes no argument and returns an R. An
+/// `IDelegate1<R, A>` also takes an A. An `IVoidDelegate0` and an `IVoidDelegate1<A>` return nothing. A
+/// delegate is as thread-safe as the function that it calls.
 template <class R>
 class IDelegate0 {
 public:
     virtual ~IDelegate0() = default;
     virtual R Call() = 0;
 
-    /// Whether the delegate is bound to this object. Events use it to remove delegates.
+    /// Returns whether the delegate is bound to this object. Events use this to remove delegates.
     virtual bool Matches(const void* /*object*/) const { return false; }
 };
 
@@ -42,8 +43,8 @@ public:
     virtual bool Matches(const void* /*object*/) const { return false; }
 };
 
-/// Bind an object (*not owned*, must outlive the delegate) and a member function of it. `MakeDelegate` finds
-/// the types.
+/// These delegates call a member function of an object, which is *not owned* and must outlive the delegate.
+/// `MakeDelegate` deduces the types.
 template <class R, class T, class Method>
 class ObjectMethodDelegate0 final : public IDelegate0<R> {
 public:
@@ -92,7 +93,7 @@ private:
     Method _method;
 };
 
-/// Own a callable, such as a lambda and what it captures. `MakeDelegate` finds the types.
+/// These delegates own a callable, such as a lambda with its captures. `MakeDelegate` deduces the types.
 template <class R, class Callable>
 class CallableDelegate0 final : public IDelegate0<R> {
 public:
@@ -172,8 +173,9 @@ auto* NewDelegate1(T* object, Method method) {
 
 }  // namespace internal
 
-/// Makes a delegate of the right type on the heap (*caller owns*) for a member function, const or not, that
-/// takes nothing, an A or a const A&: `MakeDelegate(this, &Camera::OnUsersChanged)`.
+/// Makes a delegate on the heap (*caller owns*) that calls a member function, for example
+/// `MakeDelegate(this, &Camera::OnUsersChanged)`. The function may be const. It takes nothing, an A or a
+/// const A&.
 template <class T, class C, class R>
 auto* MakeDelegate(T* object, R (C::*method)()) {
     return internal::NewDelegate0<R>(object, method);
@@ -194,9 +196,9 @@ auto* MakeDelegate(T* object, R (C::*method)(A) const) {
     return internal::NewDelegate1<R, A>(object, method);
 }
 
-/// Makes a delegate that owns a callable and what the callable owns: `MakeDelegate([file = std::move(file)] {
-/// ... })`. It is one object on the heap (*caller owns*). The callable takes nothing or one argument, whose
-/// type it names, and its result is returned by value. Such a delegate is not bound to an object, so
+/// Makes a delegate on the heap (*caller owns*) that owns a callable, for example
+/// `MakeDelegate([file = std::move(file)] { ... })`. The callable takes nothing or one argument, whose type
+/// must not be `auto`. Its result is returned by value. Such a delegate is not bound to an object, so
 /// `Matches` is always false.
 template <class Callable>
 auto* MakeDelegate(Callable callable) {

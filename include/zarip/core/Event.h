@@ -18,8 +18,9 @@ namespace zarip::core {
 
 namespace internal {
 
-/// The common part of `Event0` and `Event1`. The state is an object of its own, which a firing keeps alive,
-/// so a delegate may delete the event. The event's mutex guards the state and is held while delegates run.
+/// The common part of `Event0` and `Event1`. The state is a separate object, which a running `Fire` keeps
+/// alive, so a delegate may delete the event. The mutex of the event guards the state and is held while
+/// delegates run.
 template <class Delegate>
 class EventList {
 public:
@@ -27,12 +28,14 @@ public:
     EventList(const EventList&) = delete;
     EventList& operator=(const EventList&) = delete;
 
-    /// Waits for a firing on another thread. A firing on the calling thread calls no further delegate.
+    /// Waits until a firing on another thread has finished. If a delegate destroys the event, no further
+    /// delegate is called.
     ~EventList() {
         _state->RemoveIf([](const Delegate&) { return true; });
     }
 
-    /// *Takes ownership*. A delegate added while the event fires is called from the next firing on.
+    /// *Takes ownership* of the delegate. A delegate that is added while the event fires is called from the
+    /// next firing on.
     void AddDelegate(Delegate* delegate) {
         std::unique_ptr<Delegate> owned(delegate);
         if (owned) {
@@ -42,7 +45,7 @@ public:
     }
 
     /// Deletes the delegates that are bound to `object`. When the function returns, they do not run any more.
-    /// If the caller is one of them, that one is deleted when the firing has ended.
+    /// If one of them is the caller, it is deleted when the firing has ended.
     void RemoveDelegate(const void* object) {
         _state->RemoveIf([object](const Delegate& delegate) { return delegate.Matches(object); });
     }
@@ -84,7 +87,7 @@ private:
     };
 
     struct State {
-        /// Neither this nor `Tidy` takes memory: an event always ends.
+        /// Neither this function nor `Tidy` allocates memory, so an event can always be destroyed.
         template <class Predicate>
         void RemoveIf(Predicate predicate) {
             osa::MutexAutoLock lock(&mutex);
@@ -95,8 +98,8 @@ private:
         }
 
         void Tidy() ZARIP_REQUIRES(mutex) {
-            // They are taken out first, because an object that a delegate owns may remove other delegates
-            // when it is deleted.
+            // The entries are moved out of the list first, because an object that a delegate owns may remove
+            // other delegates when it is deleted.
             std::list<Entry> deleted;
             for (auto entry = delegates.begin(); depth == 0 && entry != delegates.end();) {
                 const auto current = entry++;
@@ -116,17 +119,18 @@ private:
 
 }  // namespace internal
 
-/// A list of subscribers. *Thread-safe*. The event's own mutex is held while delegates run, so firings of one
-/// event take turns. A delegate must not wait for another thread that uses the same event.
+/// A list of delegates, which `FireEvent` calls in the order in which they were added. *Thread-safe*. The
+/// mutex of the event is held while delegates run, so only one thread at a time fires an event. A delegate
+/// must not wait for another thread that uses the same event.
 ///
-/// Every delegate is called, even if one before has thrown. The first exception then leaves `FireEvent`. A
-/// delegate may add and remove delegates of the event, and may delete the event.
+/// Every delegate is called, even if an earlier one has thrown. `FireEvent` then throws the first exception.
+/// A delegate may add and remove delegates of the event, and may delete the event.
 class Event0 : public internal::EventList<IVoidDelegate0> {
 public:
     void FireEvent() { Fire(); }
 };
 
-/// As `Event0`, with a value that is passed to every delegate.
+/// The same as `Event0`, with a value that is passed to every delegate.
 template <class A>
 class Event1 : public internal::EventList<IVoidDelegate1<A>> {
 public:

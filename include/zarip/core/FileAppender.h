@@ -9,18 +9,18 @@
 
 namespace zarip::core {
 
-/// Writes records to a stdio stream, one line each, and flushes after every one: "(thread) logger [LEVEL] ::
-/// message", the names right-aligned in at least 5, 20 and 5 characters. A record is written in one piece, in
-/// order with other output to the same stream. *Thread-safe*.
+/// Writes each record to a stdio stream as a line "(thread) logger [LEVEL] :: message", and flushes the
+/// stream. The three names are right-aligned in at least 5, 20 and 5 characters. A record is written in one
+/// piece, in order with other output to the same stream. *Thread-safe*.
 class ZARIP_EXPORT FileAppender : public ILogAppender {
 public:
-    /// Appends to the file, which is created if it is missing. Programs that the process starts do not
-    /// inherit it. Throws `Exception` "Failed to open file " + path + "for modea" (deliberately without the
-    /// two spaces: scripts search for the message in this form).
+    /// Appends to a file, which is created if it does not exist. Programs that the process starts do not
+    /// inherit its descriptor. Throws `Exception` "Failed to open file " + path + "for modea". Deliberate:
+    /// this message lacks two spaces, because scripts search for it in this form.
     explicit FileAppender(const char* path);
 
-    /// With `owned` the destructor closes the stream; otherwise it must outlive the appender.
-    /// Throws `Exception` "pFile must not be NULL".
+    /// Writes to an open stream. If `owned` is true, the destructor closes the stream; otherwise the stream
+    /// must outlive the appender. Throws `Exception` "pFile must not be NULL".
     FileAppender(FILE* file, bool owned);
 
     FileAppender(const FileAppender&) = delete;
@@ -35,8 +35,9 @@ private:
 
     FILE* _file;
     bool _owned;
-    /// The descriptor of a file that this object has opened. No other code can print to the stream, so
-    /// records are written to the descriptor directly. -1 for a given stream.
+    /// The descriptor of a file that this object has opened, or -1 for a stream that was passed to the
+    /// constructor. No other code can print to such a file's stream, so records are written to the descriptor
+    /// directly.
     int _descriptor;
 };
 

@@ -14,9 +14,9 @@ public:
     explicit FrequencyStats(unsigned int capacity);
     ~FrequencyStats() override;
 
-    /// Counts a pulse. From the second pulse on it adds a sample: a million divided by the microseconds since
-    /// the pulse before, without fraction; 0 for pulses more than a second apart, 1,000,000 for two at the
-    /// same time.
+    /// Counts a pulse. From the second pulse on, it adds a sample: 1,000,000 divided by the microseconds
+    /// since the previous pulse, without the fraction. The sample is 0 for pulses more than a second apart,
+    /// and 1,000,000 for two pulses at the same time.
     void Pulse();
 
 private:

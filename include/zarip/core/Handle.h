@@ -11,16 +11,16 @@
 
 namespace zarip::core {
 
-/// A counted reference to an object in the memory of an allocator. The last handle destroys the object and
-/// frees its memory. Handles of one object may be used by several threads, one handle by *one thread at a
-/// time*.
+/// A smart pointer to an object in the memory of an allocator, which counts the references. The last handle
+/// destroys the object and frees its memory. Different handles of one object may be used by different
+/// threads; each handle is used by *one thread at a time*.
 ///
 /// The allocator must outlive the handles.
 template <class T>
 class Handle {
 public:
-    /// Makes an object in `allocator`, *not owned*. Throws what `Allocate` and the object's constructor
-    /// throw; the memory is then freed.
+    /// Makes an object in memory of `allocator`, which is *not owned*. Throws what `Allocate` and the
+    /// constructor of the object throw; the memory is then freed.
     template <class... Arguments>
     static Handle Create(IAllocator& allocator, Arguments&&... arguments) {
         void* const memory = allocator.Allocate(sizeof(Counted), alignof(Counted));
@@ -32,7 +32,7 @@ public:
         }
     }
 
-    /// Refers to nothing.
+    /// Makes a handle without an object.
     Handle() = default;
     Handle(std::nullptr_t) {}  // NOLINT(google-explicit-constructor): as pointers do
     Handle(const Handle& other) : _counted(other._counted) {
@@ -56,14 +56,14 @@ public:
         }
     }
 
-    /// *Not owned*; null if the handle refers to nothing.
+    /// Returns the object, *not owned*, or null if the handle has no object.
     T* Get() const { return _counted != nullptr ? &_counted->object : nullptr; }
     T& operator*() const { return _counted->object; }
     T* operator->() const { return &_counted->object; }
     explicit operator bool() const { return _counted != nullptr; }
 
-    /// How many handles referred to the object at the time of the call; 0 for a handle that refers to
-    /// nothing.
+    /// Returns how many handles of the object existed at the time of the call, or 0 for a handle without an
+    /// object.
     int GetCount() const { return _counted != nullptr ? _counted->references.load() : 0; }
 
     friend bool operator==(const Handle& a, const Handle& b) { return a._counted == b._counted; }

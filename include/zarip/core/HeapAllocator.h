@@ -8,8 +8,8 @@
 
 namespace zarip::core {
 
-/// The heap of the process, with a list of the memory that is in use. It serves all sizes, and alignments up
-/// to 4096.
+/// Allocates from the heap of the process and keeps a list of the memory that is in use. It serves all sizes,
+/// and alignments up to 4096.
 class ZARIP_EXPORT HeapAllocator : public IAllocator {
 public:
     HeapAllocator();

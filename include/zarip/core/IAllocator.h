@@ -11,7 +11,7 @@ namespace zarip::core {
 /// Provides memory for objects and buffers. *Thread-safe*.
 ///
 /// Misuse is detected in every build: `Free` throws `AllocatorException` for a pointer that is not of this
-/// allocator or that was freed before, and then changes nothing.
+/// allocator or that was freed before, and changes nothing in this case.
 class ZARIP_EXPORT IAllocator {
 public:
     struct Statistics {
@@ -24,14 +24,14 @@ public:
 
     virtual ~IAllocator();
 
-    /// Returns memory that belongs to the caller until it is passed to `Free`.
+    /// Returns memory that belongs to the caller until it is passed to `Free`. Throws `AllocationException`
+    /// "out of memory: ..." if there is not enough memory now, and `AllocatorException` "invalid alignment"
+    /// or "invalid size" for a request that this allocator can never serve.
     /// @param size  in bytes; 0 counts as 1.
     /// @param alignment  a power of two.
-    /// Throws `AllocationException` "out of memory: ..." if there is no room, and `AllocatorException`
-    /// "invalid alignment" or "invalid size" for a request that this allocator never serves.
     virtual void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) = 0;
 
-    /// Takes memory back. Does nothing for null.
+    /// Frees memory that `Allocate` has returned. Does nothing for null.
     virtual void Free(void* memory) = 0;
 
     virtual Statistics GetStatistics() const = 0;

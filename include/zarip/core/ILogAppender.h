@@ -13,7 +13,7 @@ namespace zarip::core {
 /// `CompositeAppender` only, which passes it one record at a time.
 class ZARIP_EXPORT ILogAppender {
 public:
-    /// Writes one record. `args` belongs to this call alone. An exception is dropped by the code that
+    /// Writes one record. `args` is a copy for this call. An exception is caught and dropped by the code that
     /// delivers the record.
     virtual void AppendV(Logger::LogLevel level, const char* threadName, const char* loggerName,
                          const char* format, va_list args) const ZARIP_PRINTF(5, 0) = 0;

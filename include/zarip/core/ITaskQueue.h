@@ -8,17 +8,18 @@
 
 namespace zarip::core {
 
-/// Runs tasks later.
+/// A queue of tasks, which run on another thread or later.
 class ZARIP_EXPORT ITaskQueue {
 public:
     virtual ~ITaskQueue() = default;
 
-    /// Queues a task to run once `delay` has passed; *takes ownership*, also when this throws.
+    /// Queues a task, which runs when `delay` has passed. *Takes ownership*, even if this throws.
     virtual void DoQueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) = 0;
 
-    /// Deletes the queued tasks that are bound to `target`. It does not wait for a task that runs already,
-    /// which may still use `target` when this returns. Before a target is destroyed, end the threads that run
-    /// tasks, or delete its tasks from a task of the same `ThreadPool`, which runs one task at a time.
+    /// Deletes the queued tasks that are bound to `target`. It does not wait for a task that is running,
+    /// which may still use `target` when this returns. Before you destroy a target, end the threads that run
+    /// tasks. With a `ThreadPool`, which runs one task at a time, you can instead call this function in a
+    /// task of the pool.
     virtual void DoDequeueTasksByTarget(void* target);
 
     void QueueTask(const osa::TimeSpan& delay, IVoidDelegate0* task) { DoQueueTask(delay, task); }

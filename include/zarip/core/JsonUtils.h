@@ -12,7 +12,7 @@
 
 namespace zarip::core {
 
-/// Converts strings to JSON elements, and elements to plain values. *Thread-safe.*
+/// Parses and writes JSON, and converts JSON elements to plain values. *Thread-safe.*
 class ZARIP_EXPORT JsonUtils {
 public:
     JsonUtils() = delete;
@@ -35,23 +35,25 @@ public:
 
     /// Reads a document from outside: from a file, the bus or the network. It accepts exactly one document of
     /// RFC 8259, in UTF-8, with numbers that fit a double, at most 200 levels, 1,000,000 elements and 10,000
-    /// members in an object, whichever element model is installed. Anything else throws `json::Exception`,
-    /// for example "invalid JSON: unexpected end (line 1, column 2)". So do two members of one name.
+    /// members in an object. This does not depend on the installed element model. Anything else, and also two
+    /// members with the same name, throws `json::Exception`, for example "invalid JSON: unexpected end (line
+    /// 1, column 2)".
     ///
-    /// The element is constant, so it converts to its own kind only: `json::Object object = Parse(text)`
+    /// The result is constant, so that it converts only to its own kind: `json::Object object = Parse(text)`
     /// throws "Bad cast" for an array.
     static const json::UnknownElement Parse(std::string_view text);
 
-    /// The same for a document of that kind. They throw "Bad cast" for another kind.
+    /// These functions do the same for a document that is an object or an array. They throw "Bad cast" for
+    /// another kind.
     static json::Object ParseObject(std::string_view text);
     static json::Array ParseArray(std::string_view text);
 
     /// Writes an element as JSON; with `pretty`, each element is on a line of its own.
     static std::string ToString(const json::UnknownElement& element, bool pretty = false);
 
-    /// The value of a member, or `fallback` if the object has no member of that name or the member is null.
-    /// Throws `json::Exception` "Bad cast" for a value of another kind, because that is a fault of the
-    /// document, which a fallback would hide. Numbers are rounded as by `AsInt` and `AsUnsigned`.
+    /// Returns the value of a member, or `fallback` if the object has no member of that name or the member is
+    /// null. Throws `json::Exception` "Bad cast" if the value has another kind, because the fallback would
+    /// hide a mistake in the document. Numbers are rounded as by `AsInt` and `AsUnsigned`.
     static std::string Get(const json::Object& object, const std::string& name, const std::string& fallback);
     static std::string Get(const json::Object& object, const std::string& name, const char* fallback);
     static int Get(const json::Object& object, const std::string& name, int fallback);

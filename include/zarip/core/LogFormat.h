@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <type_traits>
 
-/// Checks printf formats while a program is compiled, for compilers that do so only in calls with an
-/// ellipsis.
+/// Checks printf formats when a program is compiled, for compilers that check them only in calls of functions
+/// with an ellipsis.
 namespace zarip::core::internal {
 
 enum class FormatArgument {
@@ -23,7 +23,7 @@ enum class FormatArgument {
     kNone
 };
 
-/// What an argument of type T is after the promotions of an ellipsis.
+/// Returns the kind of an argument of type T after the promotions of an ellipsis.
 template <class T>
 constexpr FormatArgument ClassifyArgument() {
     if constexpr (std::is_same_v<T, long double>) {
@@ -59,8 +59,8 @@ constexpr bool IsOneOf(char c, const char* list) {
     return false;
 }
 
-/// The argument that a conversion takes; kNone for a combination that does not exist. `length` is the length
-/// modifier, doubled ones in upper case: 'H' for hh, 'Q' for ll.
+/// Returns the kind of argument that a conversion takes, or kNone for a combination that does not exist.
+/// `length` is the length modifier; 'H' means hh and 'Q' means ll.
 constexpr FormatArgument ArgumentOf(char length, char conversion) {
     if (IsOneOf(conversion, "diouxX")) {
         switch (length) {
@@ -96,7 +96,7 @@ constexpr FormatArgument ArgumentOf(char length, char conversion) {
     return conversion == 'p' && length == '\0' ? FormatArgument::kPointer : FormatArgument::kNone;
 }
 
-/// Skips a width or a precision. False for a '*' whose argument is not an int.
+/// Skips a width or a precision. Returns false for a '*' whose argument is not an int.
 constexpr bool SkipNumber(const char*& format, const FormatArgument*& next) {
     if (*format == '*') {
         ++format;
@@ -121,8 +121,8 @@ constexpr char SkipLength(const char*& format) {
     return length == 'h' ? 'H' : 'Q';
 }
 
-/// Whether printf may be called with this format and arguments of these types. Positional arguments ("%1$s")
-/// and "%n" are refused.
+/// Returns whether printf may be called with this format and arguments of these types. Positional arguments
+/// ("%1$s") and "%n" are refused.
 template <class... Arguments>
 constexpr bool FormatMatches(const char* format) {
     constexpr FormatArgument kArguments[] = {ClassifyArgument<Arguments>()..., FormatArgument::kNone};

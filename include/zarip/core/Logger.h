@@ -42,18 +42,19 @@ class IniFile;
     }
 #endif
 
-/// A named source of log records. Its static functions are the logging of the whole process: the registry of
-/// loggers, the appenders that all of them share, and the default level. *Thread-safe*. It works while
-/// libraries are loaded, in a forked child and until the last thread has ended.
+/// A named source of log records. Its static functions manage the logging of the whole process: the registry
+/// of loggers, the appenders that all of them share, and the default level. *Thread-safe*. Logging works
+/// while libraries are being loaded, in a forked child, and until the last thread has ended.
 ///
-/// Logging never throws and keeps `errno`, and a level that is off costs one comparison. Records of one
-/// appender never interleave. One lock is held while records are delivered, so if an appender blocks (a full
-/// pipe, a stuck system logger), every thread that logs or forks waits. If standard output is a pipe whose
-/// reader is gone, writing raises SIGPIPE, unless the process ignores that signal (as one with a bus
-/// connection does); the other appenders then still get the record.
+/// Logging never throws and does not change `errno`. A record whose level is off costs one comparison.
+/// Records of one appender never interleave. One lock is held while records are delivered. So if an appender
+/// blocks, for example on a full pipe or a stuck system logger, every thread that logs or forks waits. If
+/// standard output is a pipe without a reader, writing raises SIGPIPE. If the process ignores that signal, as
+/// a process with a bus connection does, the other appenders still get the record.
 class ZARIP_EXPORT Logger {
 public:
-    /// Smaller is more severe. Any value from 9 on is legal as a threshold and lets everything through.
+    /// A smaller value is more severe. As a threshold, any value from 9 on is allowed, too, and means that
+    /// every record is written.
     enum LogLevel : int {
         kFatal = 0,
         kAlert = 1,
@@ -66,37 +67,39 @@ public:
         kTrace = 8,
     };
 
-    /// The registry's logger of that name, made on first request with the shared appenders and the present
-    /// default level. *Not owned*. After `Shutdown` the pointer stays valid, but the logger writes nothing.
-    /// Throws `Exception` "pthread_mutex_lock failed", as every function here that takes the registry's lock.
+    /// Returns the logger of that name, *not owned*. The first request makes it, with the shared appenders
+    /// and the current default level. After `Shutdown` the pointer stays valid, but the logger writes
+    /// nothing. Like every function that takes the lock of the registry, it throws `Exception`
+    /// "pthread_mutex_lock failed".
     static Logger* GetLogger(const std::string& name);
 
-    /// A logger outside the registry; *caller owns* it. The appender is *not owned* and must outlive it.
+    /// Makes a logger that is not in the registry; the *caller owns* it. The appender is *not owned* and must
+    /// outlive the logger.
     static Logger* CreateLogger(const std::string& name, ILogAppender* appender);
 
-    /// Adds to the appenders that the registered loggers share. With `owned` it *takes ownership*, also when
-    /// it throws; `ClearAppenders` and `Shutdown` then delete the appender.
+    /// Adds an appender to those that the registered loggers share. If `owned` is true, it *takes ownership*,
+    /// even if it throws; `ClearAppenders` and `Shutdown` then delete the appender.
     static void AddAppender(const ILogAppender* appender, bool owned);
 
-    /// Removes the first entry of this appender and never deletes the appender. False if there is no such
-    /// entry. When the function returns, no record is being delivered to the appender, unless the appender
-    /// itself is the caller.
+    /// Removes the first entry of this appender, and does not delete the appender. Returns false if there is
+    /// no such entry. When the function returns, no record is being delivered to the appender, unless the
+    /// appender itself is the caller.
     static bool RemoveAppender(const ILogAppender* appender);
 
     static void ClearAppenders();
 
-    /// Sets the level of loggers that are made later; with `applyToExisting` also that of every registered
-    /// one. Initially it is `kError`.
+    /// Sets the level of loggers that are made later. If `applyToExisting` is true, it also sets the level of
+    /// every registered logger. The default level is `kError` at first.
     static void SetLevelDefault(LogLevel level, bool applyToExisting);
 
-    /// Adds appenders and sets the default level by the keys of the group: "log.stdout" and "log.syslog"
-    /// ("true"), "log.file" (a path), "log.level" (a number). Existing appenders stay, so calling it twice
+    /// Adds appenders and sets the default level. The keys of the group are "log.stdout" and "log.syslog" (on
+    /// if "true"), "log.file" (a path) and "log.level" (a number). Existing appenders stay, so a second call
     /// doubles the output.
     ///
-    /// Deliberate: a given level applies to existing loggers, too. Without one, the default becomes
-    /// `kWarning` for later loggers only, so a process may raise the level of single loggers before it reads
-    /// a configuration without a level. Throws what `FileAppender` and `IniFile::GetInt` throw; appenders
-    /// added until then stay.
+    /// Deliberate: if the group has a level, it applies to existing loggers, too. If not, the default level
+    /// becomes `kWarning` for later loggers only. So a process may raise the level of single loggers before
+    /// it reads a configuration without a level. Throws what `FileAppender` and `IniFile::GetInt` throw;
+    /// appenders that were added before stay.
     static void ConfigureLogging(const IniFile& ini, const std::string& group);
 
     /// Logs every level of every logger to standard output, and removes all other appenders.
@@ -107,26 +110,27 @@ public:
     /// threads may still use them.
     static void Shutdown();
 
-    /// The level of that name ("FATAL" ... "TRACE", upper case); throws `Exception` "Invalid log level".
+    /// Returns the level of that name ("FATAL" to "TRACE", in upper case). Throws `Exception` "Invalid log
+    /// level".
     static LogLevel GetLevel(const std::string& name);
 
-    /// The name, or "UNKNOWN" for a value outside the list.
+    /// Returns the name of a level, or "UNKNOWN" for any other value.
     static const char* GetLevelString(LogLevel level);
 
-    /// Edits /etc/logrotate.conf so that it holds one entry for `logFile` after a comment line that names
-    /// `owner`. The entry there is replaced, or both lines are added at the end. Always returns 0. Processes
-    /// take turns.
+    /// Edits /etc/logrotate.conf so that an entry for `logFile` follows a comment line that names `owner`. If
+    /// the comment exists, the line after it is replaced; otherwise both lines are added at the end. Always
+    /// returns 0. If several processes call this at the same time, they take turns.
     ///
-    /// Both strings must be the program's own and without line feeds, because they become part of a file that
-    /// logrotate obeys as root. Both lines are cut at 99 bytes, so a path has room for 94, and a last line of
-    /// the file without line feed is lost when an entry is replaced.
+    /// Both strings must come from the program itself and contain no line feeds, because logrotate executes
+    /// this file as root. Both lines are cut at 99 bytes, so a path can have 94 bytes. If the last line of
+    /// the file has no line feed, it is lost when an entry is replaced.
     static int ModifyLogRotateConf(const std::string& logFile, const std::string& owner);
 
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
     virtual ~Logger();
 
-    /// Whether records of this level are written. Check it before building costly arguments.
+    /// Returns whether records of this level are written. Check it before you build costly arguments.
     bool IsEnabled(LogLevel level) const { return level <= _level.load(std::memory_order_relaxed); }
 
     // Trace, Debug, Information, Warning, Error(const char* format, ...) const: log as printf does when the
@@ -138,9 +142,9 @@ public:
     ZARIP_LOG_MEMBER(Warning, kWarning)
     ZARIP_LOG_MEMBER(Error, kError)
 
-    /// Logs without looking at the level. The record carries the name of the calling `osa::Thread`, or
-    /// "!!UNKNOWN!!". What an appender throws is dropped. An appender that logs while it handles a record
-    /// does not get that one itself; the others do.
+    /// Logs a record whatever its level. The record contains the name of the calling `osa::Thread`, or
+    /// "!!UNKNOWN!!". Exceptions of appenders are dropped. If an appender logs while it handles a record, the
+    /// other appenders get the new record, and the appender itself does not.
     void LogMessageV(LogLevel level, const char* format, va_list args) const ZARIP_PRINTF(3, 0);
 
 private:

@@ -10,8 +10,8 @@
 
 namespace zarip::core {
 
-/// Keeps the messages of all records, without thread, logger and level, each cut after 1023 characters. The
-/// list grows without limit until `Clear`. *Thread-safe*.
+/// Keeps the messages of all records in memory, without thread, logger and level. Each message is cut after
+/// 1023 characters. The list grows without limit until `Clear` is called. *Thread-safe*.
 class ZARIP_EXPORT MemoryAppender : public ILogAppender {
 public:
     MemoryAppender();
@@ -21,7 +21,7 @@ public:
 
     int GetMessageCount() const;
 
-    /// Throws `std::out_of_range`.
+    /// Returns the message with this index, from 0. Throws `std::out_of_range`.
     std::string GetMessage(int index) const;
 
     void Clear();

@@ -6,7 +6,7 @@
 
 namespace zarip::core {
 
-/// Discards everything. *Thread-safe*.
+/// Discards all records. *Thread-safe*.
 class ZARIP_EXPORT NullAppender : public ILogAppender {
 public:
     NullAppender();

@@ -9,8 +9,8 @@ namespace zarip::core {
 
 class Logger;
 
-/// Logs begin, end and duration of a scope at trace level. It costs a comparison if that level is off. *One
-/// thread at a time.*
+/// Logs the beginning, the end and the duration of a scope at trace level. If that level is off, it costs one
+/// comparison. *One thread at a time.*
 class ZARIP_EXPORT Profiler {
 public:
     /// Logs "{BEGIN: <name>}".

@@ -8,14 +8,17 @@
 
 namespace zarip::core {
 
-/// A ring of memory for objects that come and go roughly in order, such as media frames. Each allocation
-/// follows the one before and never wraps around the end. Memory may be freed in any order, but it becomes
-/// available in the order of allocation: an allocation that is kept for long blocks those after it.
+/// A ring of memory for objects that are freed roughly in the order in which they were allocated, such as
+/// media frames. Each allocation follows the previous one and is contiguous. Memory may be freed in any
+/// order, but it becomes available in the order of allocation: while one allocation is kept, memory that was
+/// allocated after it cannot be reused.
 ///
-/// In the statistics `used` counts from the oldest allocation that is still in use to the newest.
+/// In the statistics, `used` is the number of bytes from the oldest allocation that is still in use to the
+/// newest.
 class ZARIP_EXPORT RingAllocator : public IAllocator {
 public:
-    /// @param size  of the ring in bytes, at least 1. Throws `AllocationException` if there is no memory.
+    /// Allocates the ring. Throws `AllocationException` if there is not enough memory.
+    /// @param size  the size of the ring in bytes, at least 1.
     explicit RingAllocator(std::size_t size);
     RingAllocator(const RingAllocator&) = delete;
     RingAllocator& operator=(const RingAllocator&) = delete;

@@ -6,7 +6,7 @@
 
 namespace zarip::core {
 
-/// A `FileAppender` on the process's standard error, which stays open.
+/// A `FileAppender` for the standard error of the process, which it does not close.
 class ZARIP_EXPORT StderrAppender : public FileAppender {
 public:
     StderrAppender();

@@ -6,7 +6,7 @@
 
 namespace zarip::core {
 
-/// A `FileAppender` on the process's standard output, which stays open.
+/// A `FileAppender` for the standard output of the process, which it does not close.
 class ZARIP_EXPORT StdoutAppender : public FileAppender {
 public:
     StdoutAppender();

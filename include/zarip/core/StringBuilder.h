@@ -15,15 +15,16 @@ class ZARIP_EXPORT StringBuilder {
 public:
     StringBuilder();
 
-    /// Begins with `initial`, to which the parts are appended.
+    /// Makes a builder that contains `initial`; the parts are appended to it.
     explicit StringBuilder(const std::string& initial);
 
     StringBuilder(const StringBuilder&) = delete;
     StringBuilder& operator=(const StringBuilder&) = delete;
     ~StringBuilder();
 
-    /// Append a part and return the builder, so that calls can be chained. A part that cannot be formatted (a
-    /// character outside the locale's character set) is not appended.
+    /// These functions append a part and return the builder, so that calls can be chained. A part that cannot
+    /// be formatted, for example because of a character outside of the character set of the locale, is not
+    /// appended.
     StringBuilder& printf(const char* format, ...) ZARIP_PRINTF(2, 3);
     StringBuilder& vprintf(const char* format, va_list args) ZARIP_PRINTF(2, 0);
 

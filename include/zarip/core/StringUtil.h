@@ -12,12 +12,12 @@
 
 namespace zarip::core {
 
-/// Operations on strings, byte by byte. *Thread-safe*. White space is as defined by `std::isspace`. Numbers
-/// are read as in the classic locale, whatever the locale of the process. A `TryParse` that returns false
-/// does not change its output.
+/// Operations on strings, byte by byte. *Thread-safe*. White space is what `std::isspace` accepts. Numbers
+/// are read as in the classic locale, whatever the locale of the process. If a `TryParse` returns false, it
+/// has not changed its output.
 class ZARIP_EXPORT StringUtil {
 public:
-    /// The default of `maxParts`, which no string can reach.
+    /// The default of `maxParts`, which in practice means no limit.
     static constexpr unsigned int kMaxParts = 178956970;
 
     static bool StartsWith(const std::string& text, const std::string& prefix);
@@ -36,31 +36,32 @@ public:
     static void ToLower(std::string& text);
     static void ToUpper(std::string& text);
 
-    /// The characters of `text`. Deliberate: the second argument is never used, and an empty string stays
-    /// empty. Callers print the result as it is.
+    /// Returns the characters of `text`. Deliberate: the second argument is never used, and an empty string
+    /// stays empty. Callers print the result as it is.
     static const char* ToCStr(const std::string& text, const char* fallback);
 
-    /// Replaces every `from`, from left to right, and continues after each inserted `to`. An empty `from`
-    /// does nothing.
+    /// Replaces every `from` by `to`, from left to right, and continues after each inserted `to`. Does
+    /// nothing if `from` is empty.
     static void Replace(std::string& text, const std::string& from, const std::string& to);
 
     /// Replaces each character that has an entry in the table.
     static void Escape(std::string& text, const std::map<char, std::string>& table);
     static void Escape(std::string& text, char character, const std::string& replacement);
 
-    /// Quote, ampersand, apostrophe, less-than and greater-than become entities.
+    /// Replaces quotes, ampersands, apostrophes, less-than and greater-than signs by entities.
     static void EscapeForXml(std::string& text);
 
-    /// Decodes percent escapes ("%41"); incomplete ones stay. Everything after a decoded zero byte is lost.
+    /// Decodes percent escapes such as "%41". Incomplete escapes stay. Everything after a decoded zero byte
+    /// is lost.
     static void UrlDecode(std::string& text);
 
-    /// Shell wildcards: '*' and '?' match any character, '/' and a leading '.' included; "[a-z]" matches one
-    /// of a class.
+    /// Returns whether the string matches a pattern of shell wildcards. '*' matches any characters and '?'
+    /// one character, including '/' and a leading '.'. "[a-z]" matches one character of a class.
     static bool MatchesPattern(const std::string& pattern, const std::string& text);
 
-    /// Appends the pieces between any of the delimiter characters. Empty pieces are kept, and an empty string
-    /// is one empty piece. After `maxParts` - 1 pieces the rest is the last piece. With `maxParts` 0 nothing
-    /// is appended.
+    /// Splits `text` at each of the delimiter characters and appends the pieces to `out`. Empty pieces are
+    /// kept, and an empty string is one empty piece. After `maxParts` - 1 pieces, the rest is the last piece.
+    /// If `maxParts` is 0, nothing is appended.
     static void Split(std::vector<std::string>& out, const std::string& text, const std::string& delimiters,
                       unsigned int maxParts);
     static std::vector<std::string> Split(const std::string& text, char delimiter);
@@ -68,7 +69,7 @@ public:
     static std::vector<std::string> Split(const std::string& text, const std::string& delimiters,
                                           unsigned int maxParts);
 
-    /// The same, into a set.
+    /// These functions do the same and store the pieces in a set.
     static void SetSplit(std::set<std::string>& out, const std::string& text, const std::string& delimiters,
                          unsigned int maxParts);
     static std::set<std::string> SetSplit(const std::string& text, char delimiter);
@@ -76,35 +77,35 @@ public:
     static std::set<std::string> SetSplit(const std::string& text, const std::string& delimiters,
                                           unsigned int maxParts);
 
-    /// The elements in their order, with the separator between them.
+    /// These functions return the elements in their order, with the separator between them.
     static std::string Join(const std::vector<std::string>& parts, char separator);
     static std::string Join(const std::vector<std::string>& parts, const std::string& separator);
     static std::string Join(const std::set<std::string>& parts, char separator);
     static std::string Join(const std::set<std::string>& parts, const std::string& separator);
 
-    /// "true" or "1", "false" or "0", in upper or lower case. All forms allow white space around the value,
-    /// and nothing else.
+    /// Parses "true" or "1", and "false" or "0", in upper or lower case. All forms of `TryParse` allow white
+    /// space around the value, and nothing else.
     static bool TryParse(const std::string& text, bool& out);
 
-    /// Decimal, with an optional sign.
+    /// Parses a decimal number with an optional sign.
     static bool TryParse(const std::string& text, int& out);
 
-    /// As `int`; -128 to 127.
+    /// Parses the same, from -128 to 127.
     static bool TryParse(const std::string& text, signed char& out);
 
-    /// Decimal, or hexadecimal after "0x" or "0X"; without a sign.
+    /// Parses a decimal number, or a hexadecimal one after "0x" or "0X", without a sign.
     static bool TryParse(const std::string& text, unsigned int& out);
 
-    /// As `unsigned int`; at most 255.
+    /// Parses the same, up to 255.
     static bool TryParse(const std::string& text, unsigned char& out);
 
     static bool TryParse(const std::string& text, double& out);
 
-    /// Appends everything that remains in the stream.
+    /// Appends everything that remains in the stream to `out`.
     static void ReadToEnd(std::istream& stream, std::string& out);
 
-    /// The whole file. Throws `osa::Exception` "File '" + path + "' does not exist", also if the path can be
-    /// opened but not read, such as a folder.
+    /// Returns the content of a file. Throws `osa::Exception` "File '" + path + "' does not exist", also if
+    /// the path can be opened but not read, such as a folder.
     static std::string ReadTextFile(const std::string& path);
 };
 

@@ -14,8 +14,9 @@ public:
     explicit TimeStats(unsigned int capacity);
     ~TimeStats() override;
 
-    /// Counts an event. From the second event on it adds a sample: the time since the event before, in 32
-    /// bits. After 35 minutes a sample is negative, after 71 it wraps.
+    /// Counts an event. From the second event on, it adds a sample: the microseconds since the previous
+    /// event, as a signed number of 32 bits. So a sample is negative after more than 35 minutes, and starts
+    /// again from 0 after 71 minutes.
     void Trip();
 
 private:

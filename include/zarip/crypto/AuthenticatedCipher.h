@@ -29,19 +29,19 @@ public:
     /// The number of bytes by which sealing makes a message longer.
     static constexpr unsigned int kOverhead = kNonceSize + kTagSize;
 
+    /// Throws `CryptoException` "invalid key length" unless the key has `kKeySize` bytes.
     /// @param key  is copied. Make it with `CryptoUtils::GenerateKey`, or from a pass phrase with
-    ///     `CryptoUtils::DeriveKey`. Throws `CryptoException` "invalid key length" unless it has `kKeySize`
-    ///     bytes.
+    ///     `CryptoUtils::DeriveKey`.
     AuthenticatedCipher(Algorithm algorithm, const SecureBuffer& key);
     AuthenticatedCipher(const AuthenticatedCipher&) = delete;
     AuthenticatedCipher& operator=(const AuthenticatedCipher&) = delete;
     ~AuthenticatedCipher();
 
-    /// Encrypts a message of any bytes.
+    /// Encrypts a message of any bytes. Throws `CryptoException` "message too long" for more than
+    /// `4 GiB - 29` bytes.
     /// @param associated  is neither encrypted nor contained in the result, but `Open` needs the same value.
     ///     Pass for example the purpose of the message, a version or a name, so that an attacker cannot
-    ///     replace a sealed message by another one. Throws `CryptoException` "message too long" for more than
-    ///     4 GiB - 29 bytes.
+    ///     replace a sealed message by one with another purpose.
     std::string Seal(std::string_view message, std::string_view associated = {}) const;
     std::string Seal(const SecureBuffer& message, std::string_view associated = {}) const;
     std::vector<unsigned char> Seal(const unsigned char* message, unsigned int length,

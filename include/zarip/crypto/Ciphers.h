@@ -40,10 +40,10 @@ public:
     /// Returns the size of a block in bytes.
     virtual unsigned int GetBlockSize() const = 0;
 
-    /// Starts a message, in any state.
-    /// @param vector  the initialization vector or the first value of the counter, which has the size of a
-    ///     block; null with ECB Throws "null key", "invalid key length", "weak key", "null vector" or
-    ///     "invalid vector length"; then the object does not change.
+    /// Starts a message, in any state. Throws "null key", "invalid key length", "weak key", "null vector" or
+    /// "invalid vector length"; then the object does not change.
+    /// @param vector  the initialisation vector or the first value of the counter, which has the size of a
+    ///     block; null with ECB.
     virtual void Init(Direction direction, const unsigned char* key, unsigned int keyLength,
                       const unsigned char* vector = nullptr, unsigned int vectorLength = 0) = 0;
 
@@ -59,24 +59,24 @@ public:
     /// write together.
     virtual unsigned long long GetOutputSize(unsigned int length) const = 0;
 
-    /// Processes a part of the message. Does nothing if `data` is null or `length` is 0.
-    /// @param out  may be equal to `data`, unless bytes of an earlier call wait for the rest of their block
-    /// @param size  the size of `out` in bytes; `length` and a block always suffice
-    /// @return the number of bytes written. Streams write all bytes. Otherwise bytes wait until they fill a
-    ///     block, and when decrypting with padding the last block waits for `DoFinal`. Throws "cipher has no
-    ///     key", "cipher is finished" after `DoFinal`, "null output buffer", "invalid buffer length" or
-    ///     "overlapping buffers"; then nothing was processed.
+    /// Processes a part of the message. Does nothing if `data` is null or `length` is 0. In a stream mode
+    /// (CTR or CFB without padding), all bytes are written at once. Otherwise bytes wait until they fill a
+    /// block, and when decrypting with padding the last block waits for `DoFinal`. Throws "cipher has no
+    /// key", "cipher is finished" after `DoFinal`, "null output buffer", "invalid buffer length" or
+    /// "overlapping buffers"; then nothing was processed.
+    /// @param out  may be equal to `data`, unless bytes of an earlier call wait for the rest of their block.
+    /// @param size  the size of `out` in bytes; `length` plus the size of a block always suffices.
+    /// @return the number of bytes written.
     virtual unsigned int Update(const unsigned char* data, unsigned int length, unsigned char* out,
                                 unsigned int size) = 0;
 
-    /// Ends the message; `Reset` or `Init` starts the next one.
-    /// @param size  the size of `out`: a block with padding, even if less will be written; otherwise `out`
-    ///     may be null
+    /// Ends the message; `Reset` or `Init` starts the next one. Throws what `Update` throws. Throws
+    /// "incomplete block" if the data are not whole blocks. Throws "invalid padding" in most but not all
+    /// cases of a wrong key or changed data; to be certain, check an `Hmac` first. The time that this takes
+    /// does not depend on the fault in the padding. After these two errors the message has ended.
+    /// @param size  the size of `out` in bytes. With padding it must be at least a block, even if less is
+    ///     written; otherwise `out` may be null.
     /// @return the number of bytes written.
-    /// Throws what `Update` throws. Throws "incomplete block" if the data are not whole blocks. Throws
-    /// "invalid padding" in most but not all cases of a wrong key or changed data; to be certain, check an
-    /// `Hmac` first. The time that this takes does not depend on the fault in the padding. After these two
-    /// errors the message has ended.
     virtual unsigned int DoFinal(unsigned char* out, unsigned int size) = 0;
 
     /// These functions do the same with strings of bytes; `Finish` calls `DoFinal` and returns the rest.

@@ -34,9 +34,9 @@ public:
     /// Adds bytes to the message. Does nothing if `data` is null or `length` is 0.
     virtual void Update(const unsigned char* data, unsigned int length) = 0;
 
-    /// Writes the digest and resets the object for the next message.
-    /// @param length  the size of `out` in bytes; the bytes after the digest do not change. Throws
-    ///     `CryptoException` "null output buffer", or "invalid buffer length" if `out` is too small.
+    /// Writes the digest and resets the object for the next message. Throws `CryptoException` "null output
+    /// buffer", or "invalid buffer length" if `out` is too small.
+    /// @param length  the size of `out` in bytes; the bytes after the digest do not change.
     virtual void DoFinal(unsigned char* out, unsigned int length) = 0;
 
     /// These functions do the same with strings of bytes. `Finish` calls `DoFinal` and returns the digest as

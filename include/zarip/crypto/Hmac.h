@@ -12,9 +12,9 @@ namespace zarip::crypto {
 /// were right. *One thread at a time.*
 class ZARIP_EXPORT Hmac : public Digest {
 public:
+    /// Throws `GCryptException` if libgcrypt refuses the arguments.
     /// @param algorithm  libgcrypt's number of the digest.
-    /// @param key  a key of any length, preferably that of the digest; null is an empty key. Throws
-    ///     `GCryptException` if libgcrypt refuses the arguments.
+    /// @param key  a key of any length, preferably that of the digest; null is an empty key.
     Hmac(int algorithm, const unsigned char* key, unsigned int length);
     Hmac(int algorithm, std::string_view key);
     Hmac(const Hmac&) = delete;

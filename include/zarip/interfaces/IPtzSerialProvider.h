@@ -12,8 +12,9 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The service of the serial line to a pan-tilt-zoom unit, "com.brelk.hardware.ptzSerial". It reads and sets
-/// the settings of the line, which initialises it, and switches the polling of the unit.
+/// The service of the serial line to a pan-tilt-zoom unit, "com.brelk.hardware.ptzSerial". It reads and
+/// changes the settings of the line, and switches the polling of the unit on and off. Changing the settings
+/// also initialises the line.
 ///
 /// A service derives from this class, overrides the members that it serves, and passes itself to
 /// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not

@@ -14,8 +14,8 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The service that registers the device with the manager of a video-management system and keeps the two
-/// synchronised, "com.brelk.mirase.smRegistration".
+/// The registration service, "com.brelk.mirase.smRegistration". It registers the device with the manager of a
+/// video-management system and keeps the two synchronised.
 ///
 /// A service derives from this class, overrides the members that it serves, and passes itself to
 /// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not

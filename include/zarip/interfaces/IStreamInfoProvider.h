@@ -14,7 +14,7 @@ namespace zarip::interfaces {
 
 class InterfaceServer;
 
-/// The connection counts of the video streaming service, "com.brelk.video.streamInfo".
+/// The service "com.brelk.video.streamInfo". It reports how many connections the video streams have.
 ///
 /// A service derives from this class, overrides the members that it serves, and passes itself to
 /// `CreateServer`. Its members are then *called on MsgBusListenThread*, one at a time. A member that is not

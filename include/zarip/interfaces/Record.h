@@ -9,8 +9,8 @@
 
 namespace zarip::interfaces {
 
-/// Several arguments or results as one value. On the bus each field is an argument. `Record<>` is the result
-/// of a member that returns nothing but whose caller waits until it has finished.
+/// Several arguments or results as one value. On the bus, each field is an argument. If a member returns a
+/// `Record<>`, it has no result, but its caller waits until it has finished.
 template <class... Fields>
 struct Record : std::tuple<Fields...> {
     using Tuple = std::tuple<Fields...>;

@@ -25,7 +25,7 @@ class MsgBusMsg;
 /// again as soon as the bus reads.
 ///
 /// Register handlers first and call `StartServer` last: calls that arrive before their handler is registered
-/// get the bus's unknown-method error.
+/// get the error "UnknownMethod".
 ///
 /// The loss of the bus never ends the process. One error is logged, waiting calls and later sends throw, and
 /// `IsRunning` becomes false. A lost connection is not restored; make a new object.
@@ -43,11 +43,10 @@ public:
     virtual void SendMsg(const MsgBusMsg& message) = 0;
 
     /// Sends a method call and waits for its reply. This may be called on any thread, also by a handler. A
-    /// call that times out before it is sent is withdrawn.
+    /// call that times out before it is sent is withdrawn. Throws "DBUS call <interface>::<member> failed:
+    /// <reason>", "failed to get reply" and "dbus_connection_send failed".
     /// @param reply  is set to the reply, which the *caller owns*; unchanged if this throws.
-    /// @param timeoutMs  in milliseconds; a negative value means libdbus's default of 25 seconds. Throws
-    ///     "DBUS call <interface>::<member> failed: <reason>", "failed to get reply", "dbus_connection_send
-    ///     failed".
+    /// @param timeoutMs  in milliseconds; a negative value means libdbus's default of 25 seconds.
     virtual void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) = 0;
 
     /// Sends a reply that `MakeReplyMsg` or `MakeErrorMsg` has made. Does nothing if the bus is lost, and

@@ -21,9 +21,9 @@ public:
     MessageHandlerCollection(const MessageHandlerCollection&) = delete;
     MessageHandlerCollection& operator=(const MessageHandlerCollection&) = delete;
 
-    /// When it has returned, no handler runs except one that has called it. If the bus fails to unregister a
-    /// handler, which `MsgBus` never does, that handler and those after it stay registered and are not
-    /// deleted.
+    /// Unregisters and deletes the handlers. When it has returned, no handler runs except one that has called
+    /// it. If the bus fails to unregister a handler, which `MsgBus` never does, that handler and those after
+    /// it stay registered and are not deleted.
     ~MessageHandlerCollection();
 
     /// Registers the handler and *takes ownership* of it, even if this throws.

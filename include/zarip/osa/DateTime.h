@@ -10,11 +10,11 @@
 
 namespace zarip::osa {
 
-/// A date and time in UTC, to the microsecond, from year 1 to 9999, without leap seconds. A value changes by
-/// assignment only.
+/// A date and time in UTC, in microseconds, from year 1 to 9999, without leap seconds. *Thread-safe*, except
+/// for assignment.
 ///
-/// A date that does not exist throws `Exception` "Invalid date". So does arithmetic whose result is outside
-/// of those years.
+/// If a date does not exist, or a result is outside of those years, the functions throw `Exception` "Invalid
+/// date".
 class ZARIP_EXPORT DateTime {
 public:
     struct Fields {
@@ -27,15 +27,15 @@ public:
         int microsecond = 0;
         int dayOfWeek = 4;      ///< 0 is Sunday; not used when a DateTime is made
         int dayOfYear = 1;      ///< 1 to 366; not used either
-        int offsetMinutes = 0;  ///< of local time, east of UTC
+        int offsetMinutes = 0;  ///< local time minus UTC; 0 for UTC
     };
 
-    /// 1970-01-01T00:00:00Z.
+    /// Makes 1970-01-01T00:00:00Z.
     DateTime() = default;
 
     DateTime(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int microsecond = 0);
 
-    /// The time that many seconds after 1970, as the system's clock counts.
+    /// Converts a time of the real-time clock, which counts from 1970.
     explicit DateTime(const TimeStruct& time);
 
     static DateTime Now();
@@ -44,13 +44,15 @@ public:
     /// decimals of a second. Throws `Exception` "Invalid date text '<text>'".
     static DateTime Parse(const std::string& text);
 
-    /// Throws "Invalid parameter" before 1970 and after 2106.
+    /// Converts to a time of the real-time clock. Throws `Exception` "Invalid parameter" before 1970 and
+    /// after 2106.
     TimeStruct ToTimeStruct() const;
 
-    /// The form that `Parse` reads, in UTC. It has six decimals if there is a fraction of a second.
+    /// Returns the form that `Parse` reads, in UTC. It has six decimals if the time has a fraction of a
+    /// second.
     std::string ToString() const;
 
-    /// The same time in the time zone of the process (TZ), with the offset of that zone.
+    /// Returns the same form in the time zone of the process (TZ), with the offset of that zone.
     std::string ToLocalString() const;
 
     Fields GetFields() const;

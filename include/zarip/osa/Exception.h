@@ -11,8 +11,9 @@ namespace zarip::osa {
 
 /// The root of the library's exceptions: a message and, if `SetLocation` was called, a source location.
 ///
-/// Constructors never throw: when memory runs out while the message is built, "ERROR: Exception::Exception"
-/// goes to standard output and the object holds what was built so far. *One thread at a time.*
+/// Constructors never throw. If memory runs out while the message is built, they print "ERROR:
+/// Exception::Exception" to standard output, and the object holds the part that was built. *One thread at a
+/// time.*
 class ZARIP_EXPORT Exception : public std::exception {
 public:
     /// The message of an operation that an interface declares and an implementation does not provide:
@@ -21,12 +22,11 @@ public:
 
     explicit Exception(const std::string& message);
 
-    /// Builds the message as printf does. A string from outside belongs in the arguments, never in the
-    /// format.
+    /// Builds the message as printf does. Pass a string from outside as an argument, never as the format.
     explicit Exception(const char* format, ...) ZARIP_PRINTF(2, 3);
 
-    /// Deliberate: copies the message only, so an exception that was thrown and copied carries no location.
-    /// Callers that log `GetFile()` rely on seeing a location only where they caught the original.
+    /// Deliberate: copies only the message, so a copy of an exception has no location. Callers that log
+    /// `GetFile()` rely on seeing a location only if they have caught the original.
     Exception(const Exception& other);
 
     /// Copies message, file and line.

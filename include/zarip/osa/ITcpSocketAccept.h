@@ -13,7 +13,8 @@ class ZARIP_EXPORT ITcpSocketAccept {
 public:
     virtual ~ITcpSocketAccept() = default;
 
-    /// *Called on TcpSocketThread*, one connection at a time, without any lock. An exception is logged.
+    /// Serves a connection. *Called on TcpSocketThread*, one connection at a time, with no lock held. An
+    /// exception is logged.
     /// @param socket  *takes ownership*.
     virtual void AcceptSocket(TcpSocket* socket) = 0;
 };

@@ -6,9 +6,9 @@
 
 namespace zarip::osa {
 
-/// Counters shared between threads. *Thread-safe*, without a lock, so a forked child can use them whatever
-/// the other threads of its parent did at the fork. What a thread has written before it changes a counter is
-/// visible to a thread that changes the counter after it.
+/// Counters shared between threads. *Thread-safe*. No lock is used, so a forked child can use them whatever
+/// the other threads of its parent did during the fork. Everything that a thread has written before it
+/// changes a counter is visible to every thread that changes the counter later.
 class ZARIP_EXPORT Interlocked {
 public:
     /// Adds one and returns the new value.

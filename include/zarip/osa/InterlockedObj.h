@@ -7,7 +7,7 @@
 
 namespace zarip::osa {
 
-/// Counters shared between threads, guarded by a mutex of this object's own. *Thread-safe*.
+/// Counters shared between threads, guarded by a mutex of this object. *Thread-safe*.
 class ZARIP_EXPORT InterlockedObj {
 public:
     InterlockedObj();
@@ -15,7 +15,7 @@ public:
     int Increment(int& value) const;
     int Decrement(int& value) const;
 
-    /// Holds the object's mutex over several operations.
+    /// These functions hold the mutex of the object during several operations.
     void Lock() const ZARIP_ACQUIRE(_mutex);
     void Unlock() const ZARIP_RELEASE(_mutex);
 

@@ -11,7 +11,7 @@ class ZARIP_EXPORT LockException : public Exception {
 public:
     enum LockError {
         LockFailed = 0,   ///< a failure that is neither a time-out nor misuse
-        LockTimeout = 1,  ///< a timed acquisition ran out
+        LockTimeout = 1,  ///< the time-out has passed
         LockInvalid = 2,  ///< the object or the call is invalid
     };
 

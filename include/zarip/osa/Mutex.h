@@ -12,8 +12,8 @@
 
 namespace zarip::osa {
 
-/// A named recursive mutex. Its owner may lock it again, and releases it as often as it has locked it.
-/// *Thread-safe*.
+/// A named recursive mutex. The thread that owns it may lock it again, and must release it as often as it has
+/// locked it. *Thread-safe*.
 ///
 /// Time-outs are in milliseconds; `kWaitForEver` waits without limit and 0 does not wait. Deadlines are times
 /// of the real-time clock. If that clock is set back, a wait still ends within a second after its time-out
@@ -23,24 +23,25 @@ namespace zarip::osa {
 /// ERROR" with `LockFailed`, "Lock Error" with `LockInvalid`, "Timeout" with `LockTimeout`.
 class ZARIP_EXPORT ZARIP_CAPABILITY("mutex") Mutex {
 public:
-    /// @param name  *not owned*: for a debugger to show, never copied, must outlive the mutex; null means
-    ///     "(unknown)".
+    /// @param name  is shown by debuggers. It is *not owned*, never copied, and must outlive the mutex; null
+    ///     means "(unknown)".
     explicit Mutex(const char* name);
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
     virtual ~Mutex();
 
-    /// Returns only when the lock is held. Throws "Timeout" when the time-out has passed, which for 0 means
-    /// that the mutex is not free.
+    /// Waits until the caller holds the lock. Throws "Timeout" if the time-out passes before; with 0, if the
+    /// mutex is not free.
     void Lock(unsigned int timeoutMs = kWaitForEver) ZARIP_ACQUIRE();
 
-    /// Takes the lock if that needs no wait. False if another thread holds it.
+    /// Takes the lock without waiting. Returns false if another thread holds it.
     bool TryLock() ZARIP_TRY_ACQUIRE(true);
 
-    /// Like `Lock`, but returns false instead of throwing "Timeout".
+    /// Does the same as `Lock`, but returns false instead of throwing "Timeout".
     bool TryLockFor(unsigned int timeoutMs) ZARIP_TRY_ACQUIRE(true);
 
-    /// Throws "Thread does not own lock" (`LockFailed`) if the caller is not the owner.
+    /// Releases the lock once. Throws "Thread does not own lock" (`LockFailed`) if the caller is not the
+    /// owner.
     void Release() ZARIP_RELEASE();
 
 private:

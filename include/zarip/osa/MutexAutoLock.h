@@ -6,8 +6,8 @@
 
 #include <zarip/osa/Mutex.h>
 
-// The library's own source defines it as empty, so that the library exports these functions: programs built
-// with version 0.1.0 call the destructor there.
+// A source of the library defines it as empty, so that the library exports these functions. Programs that
+// were built with version 0.1.0 call the exported destructor.
 #ifndef ZARIP_MUTEX_AUTO_LOCK_INLINE
 #define ZARIP_MUTEX_AUTO_LOCK_INLINE inline
 #endif
@@ -17,20 +17,21 @@ namespace zarip::osa {
 /// Holds a `Mutex` for the length of a scope. *One thread at a time.*
 class ZARIP_EXPORT ZARIP_SCOPED_CAPABILITY MutexAutoLock {
 public:
-    /// Waits without limit. This is the usual form, and inline.
+    /// Takes the lock and waits for it without limit. This is the usual form, which is inline.
     /// @param mutex  *not owned*.
     explicit MutexAutoLock(Mutex* mutex) ZARIP_ACQUIRE(mutex);
 
+    /// Takes the lock within a time-out. Throws `LockException` "Timeout" (`LockTimeout`).
     /// @param timeoutMs  as in `Mutex`.
     /// @param throwOnTimeout  if it is false and the time-out passes, the object holds nothing and releases
     ///     nothing. The caller cannot distinguish the two cases, so this form suits only a caller that can
     ///     continue without the lock.
-    /// Throws `LockException` "Timeout", `LockTimeout`.
     MutexAutoLock(Mutex* mutex, unsigned int timeoutMs, bool throwOnTimeout = true) ZARIP_ACQUIRE(mutex);
     MutexAutoLock(const MutexAutoLock&) = delete;
     MutexAutoLock& operator=(const MutexAutoLock&) = delete;
 
-    /// Never throws; a failed release prints "Error: MutexAutoLock::~MutexAutoLock" to standard output.
+    /// Releases the lock. Never throws; if the release fails, it prints "Error:
+    /// MutexAutoLock::~MutexAutoLock" to standard output.
     ~MutexAutoLock() ZARIP_RELEASE();
 
 private:

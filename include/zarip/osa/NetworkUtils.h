@@ -17,34 +17,35 @@ class ZARIP_EXPORT NetworkUtils {
 public:
     NetworkUtils() = delete;
 
-    /// `AF_INET`, `AF_INET6`, or 0 for a string that is not an address.
+    /// Returns `AF_INET` or `AF_INET6`, or 0 for a string that is not an address.
     static int IpAddressFamily(const std::string& address);
 
-    /// Deliberate: of an address only the first group counts, 224 to 239 and ff00 to ffff, as that is what
-    /// makes it a multicast address. False for a string that is not an address.
+    /// Returns whether the string is a multicast address. Returns false for a string that is not an address.
+    /// Deliberate: only the first group of the address is checked (224 to 239, or ff00 to ffff), because it
+    /// alone makes an address a multicast address.
     static bool IsMulticastAddress(const std::string& address);
 
-    /// Sets the networking service to ask, *not owned*; it must outlive the last query. Null restores the
-    /// service on the bus.
+    /// Sets the networking service that is asked, *not owned*; it must outlive the last query. Null restores
+    /// the service on the bus.
     static void SetProvider(interfaces::INetworkingV2Provider* provider);
 
-    /// The provider in use, *not owned*. Without one that was set this is a client of the networking service
-    /// on a bus connection of its own; both are made by the first call and live until the process ends.
-    /// Throws what `msgbus::MsgBus` throws; the next call then tries again.
+    /// Returns the provider in use, *not owned*. If none was set, it is a client of the networking service on
+    /// a bus connection of its own. The first call makes both, and they exist until the process ends. Throws
+    /// what `msgbus::MsgBus` throws; the next call then tries again.
     static interfaces::INetworkingV2Provider* GetProvider();
 
-    /// The device's current IPv4 address.
+    /// Returns the current IPv4 address of the device.
     ///
-    /// This and the next two ask the networking service and wait for it up to the provider's `_timeout`, 5 s
-    /// unless changed; a process that serves it must not call them from its own handlers. Every failure is
-    /// thrown as `Exception` "Failed to determine our IP address", or "Failed to determine our hardware
-    /// address" for the EUI-64.
+    /// This function and the next two ask the networking service. They wait for up to the `_timeout` of the
+    /// provider, which is 5 seconds unless it was changed. The process that serves the networking service
+    /// must not call them from its own handlers. Every failure throws `Exception` "Failed to determine our IP
+    /// address", or "Failed to determine our hardware address" for the EUI-64.
     static std::string GetIpAddress();
 
-    /// As the networking service writes the list.
+    /// Returns the list of IPv6 addresses in the notation of the networking service.
     static std::string GetIpv6Addresses();
 
-    /// The EUI-64 of the interface eth0.
+    /// Returns the EUI-64 of the interface eth0.
     static std::string GetEui64();
 };
 

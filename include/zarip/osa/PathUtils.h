@@ -8,34 +8,35 @@
 
 namespace zarip::osa {
 
-/// Functions on paths as strings. Only `MakeAbsolute` asks the system; no function looks at files.
-/// *Thread-safe.*
+/// Functions that take paths apart and combine them, as strings. No function looks at files; only
+/// `MakeAbsolute` asks the system, for the current folder. *Thread-safe.*
 ///
-/// `GetParent` and `GetName` are those of dirname(1) and basename(1): slashes at the end are ignored, and the
-/// result of `GetParent` can always be used as a path. `Join`, `GetExtension` and `GetStem` are those of
-/// std::filesystem. A name between slashes has no special meaning: "~" and "$HOME" are not expanded.
+/// `GetParent` and `GetName` work as dirname(1) and basename(1): slashes at the end are ignored, and the
+/// result of `GetParent` can always be used as a path. `Join`, `GetExtension` and `GetStem` work as in
+/// std::filesystem. Nothing is expanded, neither "~" nor "$HOME".
 class ZARIP_EXPORT PathUtils {
 public:
     PathUtils() = delete;
 
     static bool IsAbsolute(const std::string& path);
 
-    /// With one slash between them: ("/a", "b") and ("/a/", "b") give "/a/b", ("a", "") gives "a/", ("", "b")
-    /// gives "b". An absolute second path is returned alone, and ".." in it leads out of the first. So
-    /// joining does not make a name from outside safe.
+    /// Joins two paths with one slash between them: ("/a", "b") and ("/a/", "b") give "/a/b", ("a", "") gives
+    /// "a/", ("", "b") gives "b". If the second path is absolute, it is returned alone. If it contains "..",
+    /// the result may lead out of the folder. So joining does not make a name from outside safe.
     static std::string Join(const std::string& folder, const std::string& path);
 
-    /// "/a/b" and "/a/b/" give "/a"; "/a" and "/" give "/"; "a", "." and "" give ".".
+    /// Returns the folder that contains the path: "/a/b" and "/a/b/" give "/a"; "/a" and "/" give "/"; "a",
+    /// "." and "" give ".".
     static std::string GetParent(const std::string& path);
 
-    /// "/a/b" and "/a/b/" give "b", "/" gives "/", "" gives "".
+    /// Returns the last name of the path: "/a/b" and "/a/b/" give "b", "/" gives "/", "" gives "".
     static std::string GetName(const std::string& path);
 
-    /// The end of the name from its last dot on: "a.tar.gz" gives ".gz", "a." gives "."; "", "a", ".profile"
-    /// and ".." have none.
+    /// Returns the end of the name from its last dot on: "a.tar.gz" gives ".gz", "a." gives ".". "", "a",
+    /// ".profile" and ".." have no extension and give "".
     static std::string GetExtension(const std::string& path);
 
-    /// The name without its extension.
+    /// Returns the name without its extension.
     static std::string GetStem(const std::string& path);
 
     /// Removes ".", each name with the ".." that follows it, double slashes and slashes at the end:
@@ -43,15 +44,15 @@ public:
     /// before ".." is a symbolic link, the result leads elsewhere than the path.
     static std::string Normalise(const std::string& path);
 
-    /// The relative path that leads from a folder to a path. Both are normalised before: ("/a/b", "/a/c")
-    /// gives "../b", the folder itself gives ".". Throws `Exception` "No relative path from '<folder>' to
-    /// '<path>'" if only one of them is absolute, or if the folder begins with a ".." that the path does not
-    /// have.
+    /// Returns the relative path that leads from a folder to a path. Both are normalised before: ("/a/b",
+    /// "/a/c") gives "../b", the folder itself gives ".". Throws `Exception` "No relative path from
+    /// '<folder>' to '<path>'" if only one of them is absolute, or if the folder begins with a ".." that the
+    /// path does not have.
     static std::string MakeRelative(const std::string& path, const std::string& folder);
 
-    /// The path in the current folder, or the path itself if it is absolute. The result is not normalised. ""
-    /// gives the current folder. Throws `IOException` "Couldn't get the current directory: errno(...)...",
-    /// for example if the folder has been deleted.
+    /// Joins the current folder and the path, or returns the path itself if it is absolute. The result is not
+    /// normalised. "" gives the current folder. Throws `IOException` "Couldn't get the current directory:
+    /// errno(...)...", for example if the folder has been deleted.
     static std::string MakeAbsolute(const std::string& path);
 };
 

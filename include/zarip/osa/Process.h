@@ -15,41 +15,47 @@ namespace zarip::osa {
 
 /// A program that the process has started, without a shell. *Thread-safe*, except for destruction.
 ///
-/// The program gets the standard streams and no other descriptor of this process. No signal is blocked or
-/// ignored in it. It inherits user, umask, limits and the priority of the starting thread.
+/// The program gets the three standard streams and no other descriptor of this process. No signal is blocked
+/// or ignored in it. It inherits the user, the umask, the limits, and the priority of the thread that starts
+/// it.
 ///
-/// If other code forks meanwhile and the child executes no program, that child also holds the other ends of
-/// the pipes. The end of file then comes only when the child has ended.
+/// If other code forks while a pipe is open and the child executes no program, the child also holds this
+/// process's end of the pipe. The program then reads the end of its input only when that child has ended.
 ///
-/// No other code may wait for the program. `waitpid(-1)` takes its exit status, and so does ignoring SIGCHLD;
-/// the status is then not known.
+/// No other code may wait for the program. If other code calls `waitpid(-1)`, or if the process ignores
+/// SIGCHLD, the exit status is lost and counts as not known.
 class ZARIP_EXPORT Process {
 public:
     /// What a standard stream of the program is connected to.
     class ZARIP_EXPORT Redirect {
     public:
-        /// `Inherit()`.
+        /// Makes the same as `Inherit()`.
         Redirect();
 
-        /// The caller's stream, or /dev/null if the caller does not have that stream.
+        /// Connects to the same stream of the caller, or to /dev/null if the caller does not have that
+        /// stream.
         static Redirect Inherit();
+
+        /// Connects to /dev/null.
         static Redirect Null();
 
-        /// A pipe, whose other end a `PipeStream` takes.
+        /// Connects to a pipe, whose other end a `PipeStream` takes.
         static Redirect Pipe();
 
-        /// A file, which input reads and output replaces. A relative path counts from the caller's folder. A
-        /// named pipe is opened without waiting for its other end: without a reader, output is errno 6
-        /// (ENXIO); without a writer, input is empty. To wait, open the pipe and pass the descriptor.
+        /// Connects to a file, which input reads and output replaces. A relative path counts from the current
+        /// folder of the caller. A named pipe is opened without waiting for its other end. If it has no
+        /// reader, a redirection of output fails with errno 6 (ENXIO); if it has no writer, input is empty.
+        /// To wait for the other end, open the pipe and pass the descriptor.
         static Redirect File(const std::string& path);
 
-        /// A file that output is appended to.
+        /// Appends output to a file.
         static Redirect Append(const std::string& path);
 
+        /// Connects to a descriptor.
         /// @param fd  *not owned*; the program gets a copy.
         static Redirect Descriptor(int fd);
 
-        /// For errors: the same as output.
+        /// Connects errors to the same as output. It cannot be used for another stream.
         static Redirect Output();
 
     private:
@@ -63,35 +69,36 @@ public:
     };
 
     struct Options {
-        /// Added to the caller's variables, or set instead of them (`clearEnvironment`).
+        /// These variables are added to those of the caller, or replace them all if `clearEnvironment` is
+        /// set.
         std::map<std::string, std::string> environment;
         bool clearEnvironment = false;
 
-        /// The folder in which the program runs; empty for the caller's folder.
+        /// The current folder of the program; if it is empty, that of the caller.
         std::string folder;
 
         Redirect input;
         Redirect output;
         Redirect error;
 
-        /// The program leads a process group, which holds the processes that it starts as well. `Kill` and
-        /// the destructor reach the whole group.
+        /// Makes the program the leader of a process group, which also contains the processes that it starts.
+        /// `Kill` and the destructor then signal the whole group.
         bool ownGroup = false;
     };
 
-    /// For `Run`. Output and errors that are `Inherit()` are collected, and input that is `Inherit()` is
-    /// `inputData`. Other redirections stay as they are.
+    /// The options of `Run`. Output and errors are collected and input is `inputData`, unless they are
+    /// redirected to something other than `Inherit()`.
     struct RunOptions : Options {
-        /// Sets `ownGroup`, so that processes which the program has started end with it.
+        /// Sets `ownGroup`, so that processes that the program has started end with it.
         RunOptions() { ownGroup = true; }
 
-        /// What the program reads from its input, before the end of file.
+        /// The input of the program, which is followed by the end of file.
         std::string inputData;
 
-        /// How long the program may run, in milliseconds; `kWaitForEver` is without limit.
+        /// How long the program may run, in milliseconds; `kWaitForEver` means no limit.
         unsigned int timeoutMs = 30'000;
 
-        /// How much of the program's output is kept, in bytes.
+        /// How many bytes of output and of errors are kept; the rest is dropped.
         std::size_t maxOutput = 1U << 20U;
         std::size_t maxError = 1U << 20U;
     };
@@ -112,23 +119,24 @@ public:
     /// does not read its input, runs on.
     ///
     /// Returns when the program itself has ended, with everything that was written until then. Processes that
-    /// it has started may still have its output open; they are killed unless `ownGroup` is false. A program
-    /// that runs for too long is killed (SIGKILL), and what it wrote before is returned.
+    /// it has started may still have its output open; they are killed unless `ownGroup` is false. If the
+    /// program runs for longer than `timeoutMs`, it is killed (SIGKILL), and what it wrote before is
+    /// returned.
     ///
-    /// Throws what the constructor throws, and `Exception` "Invalid parameter" for `inputData` if the input
-    /// is redirected to something else than `Pipe()`.
+    /// Throws what the constructor throws. Throws `Exception` "Invalid parameter" if there is `inputData` and
+    /// the input is redirected to something other than `Pipe()`.
     static Result Run(const std::string& program, const std::vector<std::string>& arguments);
     static Result Run(const std::string& program, const std::vector<std::string>& arguments,
                       const RunOptions& options);
 
-    /// Returns when the program runs.
-    /// @param program  a name without a slash is searched in the PATH of this process. The PATH of
-    ///     `options.environment` is for the program only. A relative path, also one in PATH, counts from the
-    ///     program's folder (`options.folder`).
-    /// @param arguments  without the program's name.
-    /// Throws `IOException` "Couldn't start '<program>': errno(<number>): <description>", "Couldn't change to
-    /// folder '<folder>': ...", "Couldn't open '<path>': ..."; `Exception` "Invalid parameter" for strings
-    /// with a zero byte, variables without a name or with '=' in it, and `Output` for anything but errors.
+    /// Starts a program and returns when it runs. Throws `IOException` "Couldn't start '<program>':
+    /// errno(<number>): <description>", "Couldn't change to folder '<folder>': ..." or "Couldn't open
+    /// '<path>': ...". Throws `Exception` "Invalid parameter" if a string contains a zero byte, if a variable
+    /// has no name or a name with '=', or if `Redirect::Output()` is used for a stream other than errors.
+    /// @param program  the name or path of the program. A name without a slash is searched in the PATH of
+    ///     this process; the PATH in `options.environment` is for the program only. A relative path, also one
+    ///     in PATH, counts from the folder of the program (`options.folder`).
+    /// @param arguments  the arguments without the name of the program.
     Process(const std::string& program, const std::vector<std::string>& arguments);
     Process(const std::string& program, const std::vector<std::string>& arguments, const Options& options);
 
@@ -139,24 +147,26 @@ public:
     /// the system has not ended by then is reaped when the next `Process` is made or destroyed.
     ~Process();
 
-    /// Waits until the program has ended. False if the time-out passes before.
+    /// Waits until the program has ended. Returns false if the time-out passes before.
     /// @param timeoutMs  milliseconds; 0 does not wait, `kWaitForEver` waits without limit.
     bool Wait(unsigned int timeoutMs = kWaitForEver);
 
-    /// Sends a signal, SIGTERM by default. False if the program is known to have ended. A group gets the
-    /// signal as long as the object lives. Throws `IOException` "Couldn't send the signal: ...".
+    /// Sends a signal, SIGTERM by default. Returns false if the program is known to have ended. With
+    /// `ownGroup`, the group gets the signal even if the program has ended. Throws `IOException` "Couldn't
+    /// send the signal: ...".
     bool Kill(int signal = 15);
 
-    /// 0 to 255, or -1 if a signal ended the program or the status is not known. Throws `Exception`
+    /// Returns 0 to 255, or -1 if a signal ended the program or the status is not known. Throws `Exception`
     /// "Process has not ended".
     int GetExitStatus();
 
-    /// The signal that ended the program, or 0 if no signal did. Throws as `GetExitStatus`.
+    /// Returns the signal that ended the program, or 0 if no signal did. Throws what `GetExitStatus` throws.
     int GetSignal();
 
     int GetPid() const;
 
-    /// Our ends of the pipes, *caller owns*; -1 for a stream without a pipe, or whose pipe was taken.
+    /// These functions return this process's ends of the pipes, which the *caller owns*. They return -1 if
+    /// the stream has no pipe or its pipe was taken.
     int TakeInput();
     int TakeOutput();
     int TakeError();

@@ -9,16 +9,16 @@
 
 namespace zarip::osa {
 
-/// Many readers or one writer; a waiting writer keeps new readers out. *Thread-safe*.
+/// A lock that many readers or one writer hold. While a writer waits, new readers wait, too. *Thread-safe*.
 ///
-/// The lock is not recursive: if a thread holds it for reading and asks again while a writer waits, both
-/// block for ever. Time-outs are in milliseconds as in `Mutex`; failures throw `LockException`.
+/// The lock is not recursive: if a thread holds it for reading and takes it again while a writer waits, both
+/// block for ever. Time-outs are in milliseconds as in `Mutex`. Failures throw `LockException`.
 ///
 /// Internally a reader takes `_writeLock`, the mutex and `_readLock` in this order; a writer takes
 /// `_writeLock`, `_readLock` and the mutex.
 class ZARIP_EXPORT ReadWriteLock {
 public:
-    /// @param name  *not owned*: never copied, must outlive the lock.
+    /// @param name  *not owned*, never copied, must outlive the lock.
     explicit ReadWriteLock(const char* name);
     ReadWriteLock(const ReadWriteLock&) = delete;
     ReadWriteLock& operator=(const ReadWriteLock&) = delete;
@@ -29,9 +29,9 @@ public:
     /// Waits for other writers and then for readers, up to `timeoutMs` each.
     void WriteLock(unsigned int timeoutMs = kWaitForEver);
 
-    /// Releases either kind. Deliberate: the kind is that of the last lock that any thread has taken, not of
-    /// the lock that the calling thread holds. So the thread that locks must be the one that releases. Throws
-    /// "No locks" (`LockFailed`) if nothing is held.
+    /// Releases a lock of either kind. The thread that has taken the lock must release it. Deliberate: the
+    /// object does not record which thread holds it, so it releases the kind that was taken last. Throws "No
+    /// locks" (`LockFailed`) if nothing is held.
     void Release();
 
 private:

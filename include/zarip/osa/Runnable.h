@@ -14,19 +14,20 @@ public:
     Runnable() = default;
 
     /// Deliberate: a copy belongs to no thread, while assignment takes over the thread of the source. So a
-    /// body that is copied into a container can be given to another thread.
+    /// copy in a container can be given to another thread.
     Runnable(const Runnable&) : _thread(nullptr) {}
     Runnable& operator=(const Runnable&) = default;
 
     virtual ~Runnable() = default;
 
-    /// The body; *called on the thread that owns this object*. An exception that leaves it ends the process.
+    /// Does the work of the thread. *Called on the `Thread` that was made with this object*. An exception
+    /// that leaves it ends the process.
     virtual void Run() = 0;
 
-    /// Asks the body to finish and does not wait. Called on any thread.
+    /// Asks `Run` to return and does not wait. Called on any thread.
     virtual void Stop() = 0;
 
-    /// The thread that runs this object, *not owned*, or null.
+    /// Returns the thread that runs this object, *not owned*, or null.
     Thread* GetCurrentThread() const { return _thread; }
 
 private:

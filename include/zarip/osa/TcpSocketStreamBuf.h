@@ -21,18 +21,20 @@ public:
     /// @param socket  *not owned*, must outlive the buffer. The time-out of a read is 5 seconds.
     explicit TcpSocketStreamBuf(TcpSocket* socket);
 
-    /// @param bufferSize  bytes of the receive buffer and of the send buffer.
+    /// @param timeoutSeconds  the time-out of a read in seconds.
+    /// @param bufferSize  the size in bytes of each of the two buffers, for receiving and for sending.
     TcpSocketStreamBuf(TcpSocket* socket, unsigned int timeoutSeconds, unsigned int bufferSize = 256);
     TcpSocketStreamBuf(const TcpSocketStreamBuf&) = delete;
     TcpSocketStreamBuf& operator=(const TcpSocketStreamBuf&) = delete;
 
-    /// Sends what is left and ignores failures.
+    /// Sends what is buffered and ignores failures.
     ~TcpSocketStreamBuf() override;
 
-    /// Throws `IOException` "Socket already open" if there is a socket.
+    /// Uses this socket from now on, *not owned*. Throws `IOException` "Socket already open" if there is a
+    /// socket already.
     void Open(TcpSocket* socket);
 
-    /// Forgets the socket and what was not sent or read, so that another socket can be opened.
+    /// Detaches from the socket and discards what was not sent or read, so that another socket can be opened.
     void Close();
 
 protected:

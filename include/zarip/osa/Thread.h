@@ -22,14 +22,16 @@ class Runnable;
 
 /// A named POSIX thread that is created suspended and runs a `Runnable` once `Run()` is called.
 ///
-/// Priorities have one scale: -20 and above are the nice value of the time-sharing class, -21 (lowest) to
-/// -119 (highest) the real-time round-robin class. Values below -119 are passed to the system, which refuses
-/// them: the constructor then throws "Create Thread Error", and `SetPriority` changes nothing.
+/// One number selects the scheduling class and the priority. A value of -20 or more is the nice value of the
+/// time-sharing class. A value from -21 (lowest) to -119 (highest) is a priority of the real-time round-robin
+/// class. The system refuses values below -119: the constructor then throws "Create Thread Error", and
+/// `SetPriority` changes nothing.
 ///
-/// A thread is suspended, then runs, then has ended. `Run()` is called once in the first state. The owner
-/// stops the runnable and calls `Join()` once before it destroys the object; the destructor does neither. A
-/// thread that was never run ends with its object. A thread that still runs then continues without the
-/// object, and its resources are freed when it ends.
+/// States: *suspended* after the constructor, *running* after `Run()`, which may be called once, *ended* when
+/// the runnable has returned. The owner stops the runnable and calls `Join()` once before it destroys the
+/// object; the destructor does neither. If the object is destroyed before `Run()`, the thread ends without
+/// running. If it is destroyed while the thread runs, the thread continues without the object, and its
+/// resources are freed when it ends.
 ///
 /// *Thread-safe*, except `Join()` and destruction, which belong to the owner. The thread that loads the
 /// library is wrapped in an object named "ZARIP". Failures throw `Exception`.
@@ -38,33 +40,35 @@ public:
     /// Static operations on the calling thread.
     class ZARIP_EXPORT CurrentThread {
     public:
-        /// Sleeps. If a signal handler interrupts the sleep, it ends and throws `Signal(2)`.
+        /// Sleeps. If a signal handler interrupts the sleep, the function throws `Signal(2)`.
         static void MicroSleep(unsigned int microseconds);
 
-        /// `MicroSleep(milliseconds * 1000)` computed in 32 bits, so a value above 4,294,967 ms wraps.
+        /// Calls `MicroSleep(milliseconds * 1000)`. The product has 32 bits, so a value above 4,294,967 ms
+        /// wraps.
         static void Sleep(unsigned int milliseconds);
 
         static void Yield();
 
-        /// Throws "Priority Error" if the system does not report it.
+        /// Returns the priority of the calling thread. Throws "Priority Error" if the system does not report
+        /// it.
         static signed char GetPriority();
         static void SetPriority(signed char priority);
 
-        /// The object of the calling thread, *not owned*, or null. Deliberate: a thread that this class has
-        /// not made is entered in the registry with a null object, so a debugger sees in the registry which
-        /// threads have called this.
+        /// Returns the object of the calling thread, *not owned*, or null if this class has not made the
+        /// thread. Deliberate: such a thread is entered in the registry with a null object, so a debugger can
+        /// see in the registry which threads have called this.
         static Thread* ThreadPtr();
     };
 
     /// The name of the loading thread's object: "ZARIP".
     static const char* const kMainThreadName;
 
-    /// Creates the thread suspended.
+    /// Creates the thread suspended. Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard
+    /// Size failed", "Set Inherit Sched failed" and "Set Sched Policy failed".
     /// @param name  copied; the kernel shows its first 15 characters.
     /// @param runnable  *not owned*, must outlive the thread.
     /// @param stackSize  bytes; at least 65,536, rounded up to a multiple of 4,096; 131,072 are added to it.
-    /// Throws "Create Thread Error", "Set Stack Size failed", "Set Stack Guard Size failed", "Set Inherit
-    /// Sched failed", "Set Sched Policy failed".
+    /// @param priority  see above.
     Thread(const char* name, Runnable* runnable, unsigned int stackSize, signed char priority);
 
     /// Wraps the calling thread.
@@ -81,25 +85,26 @@ public:
     /// before.
     int Join();
 
-    /// Sends a signal to the thread and returns 0. If the thread has ended and was not joined yet, it does
-    /// nothing. Throws "invalid pid" if the thread was joined, and "invalid signal".
+    /// Sends a signal to the thread and returns 0. Does nothing if the thread has ended and was not joined
+    /// yet. Throws "invalid pid" if the thread was joined, and "invalid signal".
     int Signal(int signal);
 
-    /// Deliberate: the id of the calling thread, not of the one this object wraps. Callers compare it with a
-    /// stored id to find out whether they run on their own thread.
+    /// Deliberate: returns the id of the calling thread, not of the thread of this object. Callers compare it
+    /// with a stored id to find out whether they run on their own thread.
     pthread_t GetID() const;
 
-    /// Throws "Can't get priority from a different (SCHED_OTHER) thread" for a time-sharing thread that is
-    /// not the caller, "Priority Error" if the system does not report it.
+    /// Returns the priority of the thread. Throws "Can't get priority from a different (SCHED_OTHER) thread"
+    /// for a time-sharing thread that is not the caller, and "Priority Error" if the system does not report
+    /// it.
     signed char GetPriority() const;
 
-    /// Sets class and priority. A nice value is set only if the thread is the caller.
+    /// Sets the scheduling class and the priority. A nice value is set only if the thread is the caller.
     void SetPriority(signed char priority);
 
-    /// The rounded stack size in bytes; 0 for the loading thread.
+    /// Returns the rounded stack size in bytes, or 0 for the thread that has loaded the library.
     unsigned int GetStackSize() const;
 
-    /// 65,536.
+    /// Returns 65,536.
     unsigned int GetMinStackSize() const;
 
     const std::string& GetName() const;

@@ -2,8 +2,8 @@
 
 #pragma once
 
-/// Attributes with which clang's -Wthread-safety checks which lock guards what. Other compilers see no
-/// attributes. Locking a recursive mutex again in a called function causes no warning.
+/// These attributes declare which lock guards what, so that clang checks it with -Wthread-safety. For other
+/// compilers they are empty. Locking a recursive mutex again in a called function causes no warning.
 
 #if defined(__clang__)
 #define ZARIP_THREAD_ATTRIBUTE(x) __attribute__((x))

@@ -7,18 +7,19 @@
 
 namespace zarip::osa {
 
-/// The system's clocks. *Thread-safe*.
+// These functions read and set the clocks of the system. They are *thread-safe*.
 
-/// The real-time clock.
+/// Reads the real-time clock.
 ZARIP_EXPORT void Time(TimeStruct& out);
 
-/// Sets the real-time clock; returns 0, or -1 with errno.
+/// Sets the real-time clock. Returns 0, or -1 with errno.
 ZARIP_EXPORT int SetTime(const TimeStruct& value);
 
-/// The monotonic clock, rounded to the nearest microsecond.
+/// Reads the monotonic clock, rounded to the nearest microsecond.
 ZARIP_EXPORT void TimeMonotonic(TimeStruct& out);
 
-/// Returns the system's result, which is normally -1, because the monotonic clock cannot be set.
+/// Tries to set the monotonic clock. Returns the result of the system, which is normally -1, because this
+/// clock cannot be set.
 ZARIP_EXPORT int SetTimeMonotonic(const TimeStruct& value);
 
 }  // namespace zarip::osa

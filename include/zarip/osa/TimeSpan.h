@@ -6,8 +6,8 @@
 
 namespace zarip::osa {
 
-/// A signed length of time in microseconds. *Thread-safe* as far as a number is. A result that is longer than
-/// the type can hold, 292,000 years, becomes the longest that it can hold.
+/// A signed length of time in microseconds. It is as *thread-safe* as a number. A result beyond the range of
+/// the type, which is 292,000 years, becomes the nearest limit.
 class TimeSpan {
 public:
     constexpr TimeSpan() = default;
@@ -19,7 +19,7 @@ public:
     static constexpr TimeSpan FromHours(long long count) { return FromMinutes(Multiply(count, 60)); }
     static constexpr TimeSpan FromDays(long long count) { return FromHours(Multiply(count, 24)); }
 
-    /// Fractions are cut off, towards zero.
+    /// These functions cut off fractions, towards zero.
     constexpr long long GetTotalMicroseconds() const { return _microseconds; }
     constexpr long long GetTotalMilliseconds() const { return _microseconds / 1'000; }
     constexpr long long GetTotalSeconds() const { return _microseconds / 1'000'000; }

@@ -13,10 +13,10 @@ namespace zarip::osa {
 /// A result outside that range throws `Exception` "Invalid parameter" and leaves the value as it was.
 class ZARIP_EXPORT TimeStruct {
 public:
-    /// 0, or the present real time.
+    /// Makes the time 0 or, if `now` is true, the present time of the real-time clock.
     explicit TimeStruct(bool now = false);
 
-    /// Each million of microseconds is carried into the seconds.
+    /// Makes a time. Each million of microseconds becomes a second.
     TimeStruct(unsigned int seconds, unsigned int microseconds);
 
     TimeStruct& operator+=(long long microseconds);
@@ -26,8 +26,8 @@ public:
     TimeStruct operator+(const TimeStruct& other) const;
     TimeStruct operator-(const TimeStruct& other) const;
 
-    /// Deliberate: empty. Callers that need a string format the fields in the notation of their own files and
-    /// messages.
+    /// Deliberate: returns an empty string. Callers that need a string format the fields in the notation of
+    /// their own files and messages.
     std::string ToString() const;
 
     unsigned int seconds;

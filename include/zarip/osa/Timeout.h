@@ -4,7 +4,7 @@
 
 namespace zarip::osa {
 
-/// The time-out, in whatever unit a function takes, that waits without limit.
+/// The time-out of a wait without limit, in every unit.
 inline constexpr unsigned int kWaitForEver = 0xFFFFFFFFU;
 
 }  // namespace zarip::osa

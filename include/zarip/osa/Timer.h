@@ -15,10 +15,12 @@ class TimerService;
 /// Calls back once at a time of the real-time clock, never early. *Thread-safe*, except for assignment and
 /// destruction.
 ///
-/// A timer is armed or not. `Start` and `Stop` may be called in either state and any number of times; a timer
-/// that has called back is not armed. The library reserves SIGUSR1 for timers: the process ignores it and one
-/// thread, "Timer", waits for it. So an expiry interrupts no system call, and a signal from outside does no
-/// harm. Programs that the process starts inherit that the signal is ignored. The child of a fork has neither
+/// States: *armed* after `Start`; *disarmed* at first, after `Stop`, and when it has called back. `Start` and
+/// `Stop` may be called in either state and any number of times.
+///
+/// The library reserves SIGUSR1 for timers: the process ignores it and one thread, "Timer", waits for it. So
+/// an expiry interrupts no system call, and a signal from another process does no harm. Programs that the
+/// process starts also ignore the signal, unless `Process` starts them. The child of a fork has neither
 /// timers nor that thread, so a process that becomes a daemon must do so before it makes its first timer.
 ///
 /// Failures throw `Exception`: "Invalid timer event", "Invalid clock", "Could not process request", "Invalid
@@ -28,17 +30,17 @@ public:
     /// @param callback  *not owned*, must outlive the timer; null throws "Illegal NULL callback".
     explicit Timer(ITimerCallback* callback);
 
-    /// A copy shares the alarm of the original. Starting either of them sets the alarm, and destroying either
-    /// of them ends it. It is better not to copy timers at all.
+    /// Makes a copy that shares the alarm of the original. Starting either of them sets the alarm, and
+    /// destroying either of them ends it. It is better not to copy timers at all.
     Timer(const Timer& other);
     Timer& operator=(const Timer& other);
 
-    /// As `Stop`.
+    /// Disarms the timer as `Stop` does.
     virtual ~Timer();
 
-    /// Arms the timer; an earlier `Start` no longer counts. For a time that has passed, 0 s 0 us included, it
-    /// calls back at once.
-    /// @param expiry  of the real-time clock.
+    /// Arms the timer, in place of an earlier `Start`. If the time has passed, also for 0 s 0 us, it calls
+    /// back at once.
+    /// @param expiry  a time of the real-time clock.
     /// @param userData  *not owned*, passed to the callback.
     void Start(const TimeStruct& expiry, void* userData);
 

@@ -17,13 +17,13 @@ namespace zarip::osa {
 /// throw `SocketException`, with `SocketGeneralError` unless stated otherwise. Signals do not end an
 /// operation. Programs that the process starts do not inherit the descriptors.
 ///
-/// If a port is reused, another local program can bind it as well, as far as the system allows it. The system
-/// then decides which of the two receives a datagram that is not multicast. So the port of a datagram proves
-/// nothing about its sender.
+/// If a port is reused, another local program can bind the same port, as far as the system allows it. The
+/// system then decides which of the two sockets receives a datagram that is not multicast, and both programs
+/// can send from the port. So the port of a datagram does not prove which program has sent it.
 class ZARIP_EXPORT UdpSocket {
 public:
-    /// The destination and the sender of a datagram. Strings are zero-terminated; those of the other address
-    /// family are empty.
+    /// The destination and the sender of a datagram. The strings are zero-terminated. Those of the address
+    /// family that the datagram does not use are empty.
     struct Info {
         char localIpv4[16];        ///< the destination: the group's address for a multicast datagram
         char localIpv6[46];        ///< as above
@@ -33,9 +33,9 @@ public:
         unsigned short remotePort;
     };
 
-    /// Binds; port 0 takes a free one, see `GetLocalPort`. "::" falls back to "0.0.0.0" on a machine
-    /// without IPv6. Throws "Invalid Address" (`SocketConfigError`), "Failed to create pipe" and what
-    /// `OpenAndBindSocket` throws.
+    /// Binds the socket. Port 0 selects a free port, which `GetLocalPort` returns. "::" falls back to
+    /// "0.0.0.0" on a machine without IPv6. Throws "Invalid Address" (`SocketConfigError`), "Failed to create
+    /// pipe" and what `OpenAndBindSocket` throws.
     /// @param address  numeric, IPv4 or IPv6.
     /// @param reuse  whether other sockets may bind the same port; for IPv6 they always may.
     UdpSocket(const char* address, unsigned short port, signed char reuse);
@@ -43,46 +43,49 @@ public:
     UdpSocket& operator=(const UdpSocket&) = delete;
     virtual ~UdpSocket();
 
-    /// Opens a socket of the address's family, binds it to the object's port, and closes the socket that was
-    /// open. The constructor calls it. Throws "Invalid Socket", "setting SO_REUSEADDR", "setting IP_PKTINFO",
-    /// "setting V6ONLY", "setting IPV6_PKTINFO" and "Unable to bind socket", all but the first with
-    /// `SocketConfigError`, and "Invalid Address".
+    /// Opens a socket of the family of the address, binds it to the port of this object, and closes the
+    /// socket that was open. The constructor calls it. Throws "Invalid Socket" and "Invalid Address". Throws
+    /// "setting SO_REUSEADDR", "setting IP_PKTINFO", "setting V6ONLY", "setting IPV6_PKTINFO" and "Unable to
+    /// bind socket" with `SocketConfigError`.
     void OpenAndBindSocket(const char* address, bool reuse);
 
-    /// Sends one datagram. Throws "Invalid Address" for a host that is not numeric, "Socket Error", "Invalid
-    /// Socket" if there is no socket of its family.
+    /// Sends one datagram. Throws "Invalid Address" for a host that is not numeric, "Invalid Socket" if there
+    /// is no socket of its family, and "Socket Error" if sending fails.
     void SendTo(const unsigned char* data, unsigned int length, const char* host, unsigned short port) const;
 
-    /// Receives one datagram and returns its length, 0 for an empty one. A datagram that is longer than the
-    /// buffer is cut. Buffer and `info` change only on success. Throws "Timeout" (`SocketTimeout`), "Socket
-    /// was closed" after `CancelRecv`, "Invalid Socket", "Socket Error", "unknown family".
+    /// Receives one datagram and returns its length, which is 0 for an empty one. The rest of a datagram that
+    /// is longer than the buffer is lost. Buffer and `info` change only on success. Throws "Timeout"
+    /// (`SocketTimeout`), "Socket was closed" after `CancelRecv`, "Invalid Socket", "Socket Error", "unknown
+    /// family".
     unsigned int RecvFrom(unsigned char* buffer, unsigned int length, Info& info,
                           unsigned int timeoutSeconds) const;
 
-    /// Ends a `RecvFrom` that waits, and every later one.
+    /// Ends a `RecvFrom` that waits on another thread, and lets every later one fail.
     void CancelRecv();
 
-    /// May be called twice.
+    /// Closes the socket. May be called twice.
     void Close();
 
-    /// The port that the socket is bound to.
+    /// Returns the port that the socket is bound to.
     unsigned short GetLocalPort() const;
 
-    /// Join and leave a group. The system's routes determine the interface, or the scope of an IPv6 group
-    /// ("ff02::c%eth0"). The socket receives only datagrams of groups that it has joined itself, whatever
-    /// other programs have joined. The forms with a source are for IPv4 only and accept the datagrams of that
-    /// source alone.
+    /// These functions join and leave a group. The routes of the system determine the network interface,
+    /// unless an IPv6 group names it as its scope ("ff02::c%eth0"). The socket receives only datagrams of
+    /// groups that it has joined itself, whatever other programs have joined. The forms with a source are for
+    /// IPv4 only and accept the datagrams of that source alone.
     ///
-    /// Throw "UdpSocket::AddMembership(<group>): " (for the others Drop, AddSource, DropSource) followed by
-    /// "invalid address", "IPv6 address on IPv4 socket", "IPv6 does not support source-specific multicast" or
-    /// "IP_ADD_MEMBERSHIP failed with errno: <number>" and its like; and "Invalid Socket".
+    /// They throw "UdpSocket::AddMembership(<group>): ", with the name of the function called, followed by
+    /// "invalid address", "IPv6 address on IPv4 socket", "IPv6 does not support source-specific multicast",
+    /// or the failed socket option, for example "IP_ADD_MEMBERSHIP failed with errno: <number>". They also
+    /// throw "Invalid Socket".
     void AddMembership(const char* group) const;
     void DropMembership(const char* group) const;
     void AddSourceMembership(const char* group, const char* source) const;
     void DropSourceMembership(const char* group, const char* source) const;
 
-    /// Does what one of the four functions above does.
-    /// @param source  null for the forms without a source.
+    /// Does the same as one of the four functions above.
+    /// @param add  true to join, false to leave.
+    /// @param source  null for the functions without a source.
     void AddDropMembership(const char* group, bool add, const char* source) const;
 
 private:

@@ -10,15 +10,16 @@
 
 namespace zarip::stl {
 
-/// The lines of a stream before a delimiter line, each ended by a line feed; a carriage return before it is
-/// removed. Afterwards the source is positioned after the delimiter line. *One thread at a time.*
+/// Reads the lines of another stream up to a delimiter line. Each line ends with a line feed; a carriage
+/// return before it is removed. When all lines have been read, the position of the source is after the
+/// delimiter line. *One thread at a time.*
 ///
-/// A line of more than 511 characters is read in pieces. A piece that equals the delimiter also ends the
+/// A line of more than 511 characters is read in pieces. If a piece equals the delimiter, it also ends the
 /// buffer.
 class ZARIP_EXPORT DelimitedStreamBuf : public std::streambuf {
 public:
-    /// @param source  *not owned*, must outlive the buffer; null is an empty one.
-    /// @param delimiter  copied; the line without its line end.
+    /// @param source  *not owned*, must outlive the buffer; null is an empty source.
+    /// @param delimiter  the delimiter line without its line end; it is copied.
     DelimitedStreamBuf(std::istream* source, const char* delimiter);
     ~DelimitedStreamBuf() override;
 

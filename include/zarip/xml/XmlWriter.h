@@ -16,12 +16,12 @@ namespace zarip::xml {
 /// States: *before the root*, when `StartDocument` may be called once; *in an element* between its
 /// `StartElement` and `EndElement`, which nest; *complete* after the root element or `EndDocument`.
 ///
-/// Everything that they could not read is refused before any of it is written, with an `XmlException`:
-/// "invalid name '...'", "invalid text" (not UTF-8, or a control character), "invalid namespace '...' '...'"
-/// (one of XML's own, not a URI, or a prefix without a namespace), "invalid comment", "attribute '...'
-/// twice", "attributes must precede the content of an element", "xml:id is not a name", "xml:id is not the
-/// only one of its value", "no element is open", "elements are nested too deep", "the document is complete",
-/// and the messages for the limits of `XmlDocument`. Special characters are escaped.
+/// Everything that these two classes could not read is refused before any of it is written, with an
+/// `XmlException`: "invalid name '...'", "invalid text" (not UTF-8, or a control character), "invalid
+/// namespace '...' '...'" (one of XML's own, not a URI, or a prefix without a namespace), "invalid comment",
+/// "attribute '...' twice", "attributes must precede the content of an element", "xml:id is not a name",
+/// "xml:id is not the only one of its value", "no element is open", "elements are nested too deep", "the
+/// document is complete", and the messages for the limits of `XmlDocument`. Special characters are escaped.
 ///
 /// A start tag is written when its content or end follows. Until then its prefixes can be declared in any
 /// order. If a declaration is missing, the following call throws "undeclared prefix '...'", and the
