@@ -118,7 +118,7 @@ public:
     void ForceRegister(const std::string& manager) override {
         Address ignored;
         if (!Parse(manager, ignored)) {
-            throw zarip::osa::Exception("this is no address of a manager");
+            throw zarip::osa::Exception("the address of the manager is not HOST:PORT");
         }
         Begin({manager, false, false});
         // A conversation that waits for its turn is with the newest manager, so one is enough.

@@ -30,7 +30,6 @@ using zarip::osa::Process;
 
 namespace {
 
-constexpr unsigned int kNoLimit = 0xFFFFFFFF;
 constexpr unsigned int kGraceMs = 2'000;
 
 /// Returns at the end of the output, or if the program takes too long. A very long line is logged in pieces.
@@ -101,7 +100,7 @@ int Run(unsigned int limitMs, const std::string& program, const std::vector<std:
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(limitMs);
     Process process(program, arguments, options);
     const Forwarder forwarder(process);
-    PipeStream output(process, kNoLimit);
+    PipeStream output(process, zarip::osa::kWaitForEver);
     output.SetTimeLimit(limitMs);
     LogLines(output, logger);
     // The program may also close its output and continue.

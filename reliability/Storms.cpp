@@ -111,7 +111,8 @@ int UseInChild() {
 
 }  // namespace
 
-ROW(Resets, "Resets, half-closes and silent closes leave no descriptor, no thread and a server that answers",
+ROW(Resets,
+    "After resets, half-closes and silent closes the server answers, and no descriptor or thread is left",
     30) {
     WebServer web;
     Acceptor acceptor;
@@ -151,7 +152,8 @@ ROW(Starts, "Starting and stopping every kind of server leaves no descriptor, no
 }
 
 ROW(Proxies,
-    "Proxies and servers that come and go under signals leave no descriptor, no thread and no memory", 60) {
+    "Proxies and servers that are made and destroyed under signals leave no descriptor, thread or memory",
+    60) {
     test::PrivateBus::Get();
     interfaces::ISecurityProvider implementation;
     msgbus::MsgBus serverBus;
@@ -187,7 +189,7 @@ ROW(Proxies,
     run.Figure("%d of each, memory %+ld KiB", count, grown);
 }
 
-ROW(Forks, "A child that is forked beside busy threads can log, lock and start a program", 60) {
+ROW(Forks, "A child that is forked while other threads are busy can log, lock and start a program", 60) {
     const test::TempDir folder;
     core::FileAppender appender(folder.File("log").c_str());
     core::Logger::AddAppender(&appender, false);

@@ -2,7 +2,6 @@
 
 #include "zarip/core/AllocationException.h"
 #include "zarip/core/AllocatorException.h"
-#include "zarip/core/IAllocator.h"
 
 namespace zarip::core {
 
@@ -15,7 +14,5 @@ AllocatorException::AllocatorException(const std::string& message) : Exception(m
 AllocatorException::AllocatorException(const AllocatorException& other) = default;
 AllocatorException& AllocatorException::operator=(const AllocatorException& other) = default;
 AllocatorException::~AllocatorException() = default;
-
-IAllocator::~IAllocator() = default;
 
 }  // namespace zarip::core

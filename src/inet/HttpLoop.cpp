@@ -29,7 +29,6 @@ constexpr unsigned short kBacklog = 10;
 /// Most requests come in one piece of this size.
 constexpr std::size_t kPiece = 16'384;
 constexpr unsigned int kHeadSeconds = 30;
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 constexpr MonotonicMs kSilenceMs = 5'000;
 constexpr MonotonicMs kDrainSilenceMs = 1'000;
 constexpr MonotonicMs kStopMs = 1'000;
@@ -52,7 +51,7 @@ HttpLoop::HttpLoop(const char* address, unsigned short port) : _listener(address
 }
 
 void HttpLoop::SetTimeLimit(unsigned int seconds) {
-    _headMs = seconds == kNoLimit ? osa::kNever : static_cast<MonotonicMs>(seconds) * 1000;
+    _headMs = seconds == osa::kWaitForEver ? osa::kNever : static_cast<MonotonicMs>(seconds) * 1000;
     _silenceMs = std::min(kSilenceMs, _headMs);
 }
 

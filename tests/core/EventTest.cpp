@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/InThreads.h"
+
 namespace zarip::core {
 namespace {
 
@@ -214,38 +216,30 @@ TEST_F(EventTest, SubscribersComeAndGoWhileOthersFire) {
     std::atomic<bool> stop{false};
     std::atomic<int> late{0};
     std::atomic<int> called{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                event.FireEvent(1);
-            }
-        });
-    }
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 500; ++round) {
-                std::atomic<bool> subscribed{true};
-                Add(event, &subscribed, [&](int) {
-                    late += !subscribed;
-                    ++called;
-                });
-                if (round % 8 == 0) {
-                    const int before = called;
-                    while (called == before) {
-                        std::this_thread::yield();
-                    }
+    test::Threads firing(2, [&](int) {
+        while (!stop) {
+            event.FireEvent(1);
+        }
+    });
+    test::InThreads(2, [&](int) {
+        for (int round = 0; round < 500; ++round) {
+            std::atomic<bool> subscribed{true};
+            Add(event, &subscribed, [&](int) {
+                late += !subscribed;
+                ++called;
+            });
+            if (round % 8 == 0) {
+                const int before = called;
+                while (called == before) {
+                    std::this_thread::yield();
                 }
-                event.RemoveDelegate(&subscribed);
-                subscribed = false;
             }
-        });
-    }
-    threads[2].join();
-    threads[3].join();
+            event.RemoveDelegate(&subscribed);
+            subscribed = false;
+        }
+    });
     stop = true;
-    threads[0].join();
-    threads[1].join();
+    firing.Join();
     EXPECT_EQ(late, 0);
     EXPECT_GT(called, 0);
 }

@@ -8,11 +8,11 @@
 
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "osa/UniqueFd.h"
 #include "support/FileSizeLimit.h"
+#include "support/InThreads.h"
 #include "support/TempDir.h"
 
 namespace zarip::core {
@@ -89,13 +89,7 @@ TEST_F(LogRotateTest, SomebodyWhoKeepsTheFileLockedDoesNotHoldUpTheEdit) {
 
 TEST_F(LogRotateTest, EditsTakeTurns) {
     _folder.Write("conf", "weekly\n#owner0\nold { }\n#owner1\nold { }\n#owner2\nold { }\n");
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&, i] { Edit("/log" + std::to_string(i), "owner" + std::to_string(i)); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(3, [&](int i) { Edit("/log" + std::to_string(i), "owner" + std::to_string(i)); });
     EXPECT_EQ(_folder.Read("conf"), "weekly\n#owner0\n/log0 { }\n#owner1\n/log1 { }\n#owner2\n/log2 { }\n");
 }
 

@@ -334,15 +334,12 @@ void ExpectSuccess(pid_t child) {
 TEST(LoggerTest, ForkedChildCanLog) {
     Logger* const logger = Logger::GetLogger("fork");
     std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                logger->Error("parent");
-                Logger::GetLogger("other");
-            }
-        });
-    }
+    test::Threads threads(2, [&](int) {
+        while (!stop) {
+            logger->Error("parent");
+            Logger::GetLogger("other");
+        }
+    });
     int childRecords = 0;
     const FunctionAppender forking([&](auto, auto, auto, const std::string& message) {
         childRecords += message == "child" ? 1 : 0;
@@ -373,9 +370,7 @@ TEST(LoggerTest, ForkedChildCanLog) {
         }
     }
     stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.Join();
     Logger::RemoveAppender(&forking);
 }
 

@@ -12,10 +12,10 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/LogCapture.h"
 #include "support/WaitUntil.h"
 #include "zarip/core/AsyncCall.h"
@@ -189,13 +189,10 @@ TEST_F(TaskTest, EveryWaiterIsWokenHoweverFewTasksMayWait) {
             }
         };
         std::atomic<int> done{0};
-        std::vector<std::thread> workers;
-        for (int i = 0; i < 3; ++i) {
-            workers.emplace_back([&] {
-                tasks.WaitAndExecuteTask(-1);
-                ++done;
-            });
-        }
+        const test::Threads workers(3, [&](int) {
+            tasks.WaitAndExecuteTask(-1);
+            ++done;
+        });
         for (int i = 0; i < 20; ++i) {
             queue();
             tasks.ExecuteQueuedTasks();  // what a worker was woken for
@@ -204,9 +201,6 @@ TEST_F(TaskTest, EveryWaiterIsWokenHoweverFewTasksMayWait) {
             queue();
             return done == 3;
         }));
-        for (auto& worker : workers) {
-            worker.join();
-        }
     }
 }
 
@@ -214,24 +208,18 @@ TEST_F(TaskTest, ManyThreadsQueueAndRun) {
     TaskManager tasks(10'000);
     std::atomic<int> ran{0};
     std::atomic<bool> over{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-        threads.emplace_back([&] {
-            while (!over) {
-                tasks.WaitAndExecuteTask(10);
-            }
-        });
-        threads.emplace_back([&] {
-            for (int i = 0; i < 1000; ++i) {
-                tasks.QueueTask(TimeSpan::FromMicroseconds(i % 7 * 100), new Task([&] { ++ran; }));
-            }
-        });
-    }
+    const test::Threads workers(2, [&](int) {
+        while (!over) {
+            tasks.WaitAndExecuteTask(10);
+        }
+    });
+    test::InThreads(2, [&](int) {
+        for (int i = 0; i < 1000; ++i) {
+            tasks.QueueTask(TimeSpan::FromMicroseconds(i % 7 * 100), new Task([&] { ++ran; }));
+        }
+    });
     EXPECT_TRUE(test::WaitUntil([&] { return ran == 2000; }));
     over = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
 }
 
 // With a task that is not due for long, and without: the tasks then wait in different places.

@@ -11,11 +11,11 @@
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Bytes.h"
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/TempDir.h"
 
 namespace zarip::crypto {
@@ -128,18 +128,12 @@ TEST(DigestsTest, ManyThreadsMayDigestFromTheStart) {
         }
         std::string* result = nullptr;
     };
-    std::vector<std::thread> threads;
     std::vector<std::string> results(8);
-    for (std::string& result : results) {
-        threads.emplace_back([&result] {
-            thread_local AtTheEnd atTheEnd;
-            atTheEnd.result = &result;
-            DigestUtils::GenerateMd5("not kept");
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    test::InThreads(8, [&](int i) {
+        thread_local AtTheEnd atTheEnd;
+        atTheEnd.result = &results[static_cast<std::size_t>(i)];
+        DigestUtils::GenerateMd5("not kept");
+    });
     EXPECT_EQ(results, std::vector<std::string>(8, kAlgorithms[0].abc));
 }
 

@@ -9,10 +9,10 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <thread>
 
 #include "Bytes.h"
 #include "support/ErrorOf.h"
+#include "support/InThreads.h"
 #include "support/OpenSsl.h"
 #include "support/TempDir.h"
 
@@ -207,21 +207,13 @@ TEST(RsaTest, OnlyTheVerySignatureVerifies) {
 
 TEST(RsaTest, OneKeyServesManyThreads) {
     const RsaPrivateKey key = LoadPrivate(kPrivatePem);
-    std::vector<std::thread> threads;
-    std::vector<std::string> results(4);
-    for (std::string& result : results) {
-        threads.emplace_back([&result, &key] {
-            for (int i = 0; i < 5; ++i) {
-                const Bytes data = Encrypt(key.GetPublicKey(), RsaEncryption::kOAEPSHA256, kMessage);
-                result = Decrypt(key, RsaEncryption::kOAEPSHA256, data) +
-                         ToHex(Sign(key, RsaSignature::kPKCS1, RsaHash::kSHA256, kMessage));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(results, std::vector<std::string>(4, kMessage + kSignature));
+    test::InThreads(4, [&](int) {
+        for (int i = 0; i < 5; ++i) {
+            const Bytes data = Encrypt(key.GetPublicKey(), RsaEncryption::kOAEPSHA256, kMessage);
+            EXPECT_EQ(Decrypt(key, RsaEncryption::kOAEPSHA256, data), kMessage);
+            EXPECT_EQ(ToHex(Sign(key, RsaSignature::kPKCS1, RsaHash::kSHA256, kMessage)), kSignature);
+        }
+    });
 }
 
 /// Runs openssl in a folder that has keys and a message of ours.

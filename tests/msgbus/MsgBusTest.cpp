@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 
+#include "support/InThreads.h"
 #include "zarip/msgbus/MsgBus.h"
 
 #include <dirent.h>
@@ -7,7 +8,6 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 
 #include "msgbus/BusFixture.h"
 #include "zarip/core/Delegate.h"
@@ -552,21 +552,15 @@ TEST_F(MsgBusTest, ConnectionsMadeAndDestroyedInALoopLeaveNothingBehind) {
     { MsgBus warmUp; }
     const int descriptors = CountEntries("/proc/self/fd");
     const int threads = CountEntries("/proc/self/task");
-    std::vector<std::thread> workers;
-    for (int t = 0; t < 4; ++t) {
-        workers.emplace_back([] {
-            for (int i = 0; i < 25; ++i) {
-                MsgBus bus;
-                if (i % 2 == 0) {
-                    bus.StartServer();
-                }
-                Signal(bus, "Changed", "x");
+    test::InThreads(4, [](int) {
+        for (int i = 0; i < 25; ++i) {
+            MsgBus bus;
+            if (i % 2 == 0) {
+                bus.StartServer();
             }
-        });
-    }
-    for (auto& worker : workers) {
-        worker.join();
-    }
+            Signal(bus, "Changed", "x");
+        }
+    });
     EXPECT_EQ(CountEntries("/proc/self/fd"), descriptors);
     EXPECT_TRUE(WaitUntil([&] { return CountEntries("/proc/self/task") == threads; }));
 }

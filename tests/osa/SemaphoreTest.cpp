@@ -90,16 +90,13 @@ TEST(SemaphoreTest, WaitersGetTheUnitsThatAreReleased) {
     Semaphore there("there", 2, 0);
     Semaphore back("back", 2, 0);
     std::atomic<int> taken{0};
-    std::vector<std::thread> threads;
-    for (const unsigned int timeout : {kWaitForEver, 3'600'000U}) {
-        threads.emplace_back([&, timeout] {
-            for (int round = 0; round < kRounds; ++round) {
-                there.Lock(timeout);
-                ++taken;
-                back.Release();
-            }
-        });
-    }
+    test::Threads threads(2, [&](int i) {
+        for (int round = 0; round < kRounds; ++round) {
+            there.Lock(i == 0 ? kWaitForEver : 3'600'000);
+            ++taken;
+            back.Release();
+        }
+    });
     for (int round = 0; round < kRounds; ++round) {
         there.Release();
         there.Release();
@@ -107,9 +104,7 @@ TEST(SemaphoreTest, WaitersGetTheUnitsThatAreReleased) {
         back.Lock(3'600'000);
         ASSERT_EQ(taken, 2 * (round + 1));
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.Join();
     EXPECT_EQ(UnitsOf(there) + UnitsOf(back), 0);
 }
 

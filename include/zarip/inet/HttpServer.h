@@ -52,7 +52,8 @@ public:
     void RemoveHandler(IHttpHandler* handler);
 
     /// Sets the time in seconds that a client may take to send the head of its request. The default is 30;
-    /// 0xFFFFFFFF means no limit. A limit below 5 seconds also limits how long a client may be silent.
+    /// `osa::kWaitForEver` means no limit. A limit below 5 seconds also limits how long a client may be
+    /// silent.
     void SetTimeLimit(unsigned int seconds);
 
     /// Sets how many handlers may run at once, from 1 (the default) to 64; other numbers are clamped. If
