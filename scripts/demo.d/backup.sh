@@ -15,9 +15,9 @@ refusal="exit status 1: settings-backup: the pass phrase is wrong or the archive
 step "With another pass phrase" "$(backup users.ini restore backup refused)" "$refusal"
 cp "$data/security.ini" "$desk"
 chmod 644 "$desk/security.ini"
-follow docs/ciphers-and-keys.md 2 ""
+follow docs/guide/ciphers-and-keys.md 2 ""
 echo "an image" >"$desk/image"
-follow docs/ciphers-and-keys.md 1 "exit status 0: *"
+follow docs/guide/ciphers-and-keys.md 1 "exit status 0: *"
 # The byte in the middle is replaced by another value.
 size=$(stat -c %s "$temp/backup")
 {

@@ -74,7 +74,7 @@ change_something() {
 follow docs/guide/bus.md 1 "exit status 0: (1, 'Living room', 1)"
 follow docs/guide/bus.md 2 \
     "*com.brelk.audio.lineout*GetUsers*alice:administrator*NTPConfigChanged*" change_something
-follow docs/memory-and-bits.md 1 ""
+follow docs/guide/memory-and-bits.md 1 ""
 [ -z "${pids[illuminator]-}" ] ||
     follow docs/guide/own-service.md 1 "*SetBrightness*true*BrightnessChanged*" change_something
 start analytics-source 1000
