@@ -13,6 +13,11 @@ step "settings-backup restore, and the file is the same" \
     "exit status 0: 1 restored; exit status 0"
 refusal="exit status 1: settings-backup: the pass phrase is wrong or the archive was changed"
 step "With another pass phrase" "$(backup users.ini restore backup refused)" "$refusal"
+cp "$data/security.ini" "$desk"
+chmod 644 "$desk/security.ini"
+follow docs/guide/ciphers-and-keys.md 2 ""
+echo "an image" >"$desk/image"
+follow docs/guide/ciphers-and-keys.md 1 "exit status 0: *"
 # The byte in the middle is replaced by another value.
 size=$(stat -c %s "$temp/backup")
 {

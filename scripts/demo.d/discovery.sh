@@ -65,6 +65,12 @@ if [ -n "$network_pid" ]; then
     end "$browser_pid"
     browser_pid=
 
+    echo "The port of the guide is free in that network:"
+    head -c 3000000 /dev/urandom >"$desk/firmware.bin"
+    follow docs/guide/http.md 1 "exit status 0: *http://127.0.0.1:8080/ *"
+    step "The file has arrived" \
+        "$(outcome cmp "$desk/firmware.bin" "$desk/files/firmware.bin")" "exit status 0"
+
     if "${inside[@]}" ip link add eth0 type veth peer name eth1 2>/dev/null ||
         "${inside[@]}" ip link add eth0 type dummy 2>/dev/null; then
         echo "The networking service runs in that network, too, and reports its changes:"

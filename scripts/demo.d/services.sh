@@ -65,6 +65,18 @@ if [ -n "${pids[illuminator]-}" ]; then
     hear "hears a service of another maker" BrightnessChanged "[40]"
     call 40 Illuminator GetBrightness
 fi
+# change_something: causes signals while a block of the guide watches the bus.
+change_something() {
+    "${as_client[@]}" "$zarip_bus" call networkingV2 Set "{\"[NTP]Server\":\"192.0.2.$attempt\"}"
+    [ -z "${pids[illuminator]-}" ] ||
+        "${as_client[@]}" "$zarip_bus" call Illuminator SetBrightness $((attempt % 100))
+}
+follow docs/guide/bus.md 1 "exit status 0: (1, 'Living room', 1)"
+follow docs/guide/bus.md 2 \
+    "*com.brelk.audio.lineout*GetUsers*alice:administrator*NTPConfigChanged*" change_something
+follow docs/guide/memory-and-bits.md 1 ""
+[ -z "${pids[illuminator]-}" ] ||
+    follow docs/guide/own-service.md 1 "*SetBrightness*true*BrightnessChanged*" change_something
 start analytics-source 1000
 hear "hears of the new service" StateChange "[]"
 hear "sees an alert" AnalyticsAlert '["1","camera","fence","person",4,*"Front fence",3,"ended","A person has crossed the fence",*]'

@@ -86,3 +86,47 @@ hear() {
     step "zarip-bus monitor $1" \
         "$(sed -n "s/.*\"member\":\"\($2\)\".*\"arguments\":\(.*\)}\$/\1 \2/p" "$temp/monitor.log" | head -n 1)" "$2 $3"
 }
+# typed_output: prints what the terminal has shown, in one line and without colours.
+typed_output() {
+    sed 's/\x1b\[[0-9;]*m//g' "$temp/terminal" | tr -s '\r\n ' ' ' | sed 's/ $//'
+}
+# follow PAGE NUMBER EXPECTED [COMMAND]...: types a block of the guide into a terminal, as a client in the folder
+# $desk. If the block is a transcript, the page says what is expected. A block that does not end is ended when
+# its output is as expected; the command is repeated until then, to cause that output. Every question for a pass
+# phrase gets the same answer.
+follow() {
+    local page=$1 number=$2 expected=$3 block output="" asked="" pid keys attempt status=0
+    shift 3
+    block=$(scripts/block "$page" "$number")
+    if [[ $block = "$ "* ]]; then
+        expected="exit status 0: $(sed '/^[$] /d' <<<"$block" | paste -s -d ' ')"
+        block=$(sed -n 's/^[$] //p' <<<"$block")
+    fi
+    # shellcheck disable=SC2016
+    exec {keys}> >(
+        cd "$desk"
+        export block PATH=$programs:${zarip_bus%/*}:$PATH HOME=$desk no_proxy='*'
+        exec ${inside[@]+"${inside[@]}"} "${as_client[@]}" \
+            script --quiet --return --command 'exec bash -e -m -c "$block"' /dev/null >"$temp/terminal" 2>&1
+    )
+    pid=$!
+    for ((attempt = 0; attempt < 300; ++attempt)); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+        [ $# -eq 0 ] || "$@" >/dev/null
+        output=$(typed_output)
+        # shellcheck disable=SC2053
+        [[ $output != $expected ]] || break
+        if [[ $output != "$asked" && $output =~ [Pp]ass[\ a-z]*:$ ]]; then
+            asked=$output
+            echo "battery staple" >&"$keys"
+        fi
+    done
+    # What has ended by itself has a status.
+    if ! kill "$pid" 2>/dev/null; then
+        wait "$pid" || status=$?
+        output="exit status $status: $(typed_output)"
+    fi
+    exec {keys}>&-
+    step "$page, block $number" "$output" "$expected"
+}
