@@ -5,7 +5,9 @@ expected="alice on 8080"
 
 temp=$(mktemp -d "${TMPDIR:-/tmp}/zarip-install-XXXXXX")
 pids=()  # of what is ended with the script
-trap 'kill ${pids[@]+"${pids[@]}"} 2>/dev/null || true; rm -rf "$temp"' EXIT
+trap 'kill ${pids[@]+"${pids[@]}"} 2>/dev/null || true
+    pkill -f -- "--address=unix:path=$temp/" || true  # buses that blocks of the guide have started
+    rm -rf "$temp"' EXIT
 fail() {
     echo "$(basename "$0"): $1" >&2
     exit 1

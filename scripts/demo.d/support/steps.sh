@@ -110,7 +110,7 @@ follow() {
             script --quiet --return --command 'exec bash -e -m -c "$block"' /dev/null >"$temp/terminal" 2>&1
     )
     pid=$!
-    for ((attempt = 0; attempt < 300; ++attempt)); do
+    for ((attempt = 0; attempt < 600; ++attempt)); do
         kill -0 "$pid" 2>/dev/null || break
         sleep 0.1
         [ $# -eq 0 ] || "$@" >/dev/null
