@@ -194,7 +194,7 @@ TEST_F(WebGatewayTest, SlowsDownGuesses) {
     const Security security;
     ASSERT_TRUE(security.isReady);
     const auto logIn = [this](const string& user, const string& address, const string& password) {
-        return Ask("POST /login", "Host: localhost\r\nX-Forwarded-For: 10.0.0.1, " + address + "\r\n",
+        return Ask("POST /login", "Host: localhost\r\nX-Forwarded-For: 10.0.0.1, ::1, " + address + "\r\n",
                    "user=" + user + "&password=" + password);
     };
     const auto isDelayed = [](const string& answer) {

@@ -108,11 +108,19 @@ TEST_F(MsgBusLoadTest, SomebodyReadsWhileAHandlerTakesLong) {
     const string address = UniqueNameOf(client);
     Signal(service.bus, "Changed", "");
     gate.WaitForEntry();
+    const int before = CountEntries("/proc/self/fd");
+    for (int i = 0; i < 40; ++i) {
+        const MsgBusRemoteMethod call(MsgBusObjectSelector(address, kPath, kInterface), "Any");
+        const int fd = STDERR_FILENO;
+        dbus_message_append_args(call.GetDBusMessage(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        service.bus.SendMsg(call);
+    }
     // The connection itself answers this as soon as it is read.
     const MsgBusRemoteMethod ping(MsgBusObjectSelector(address, kPath, DBUS_INTERFACE_PEER), "Ping");
     MsgBusMsg* answer = nullptr;
     service.bus.SendMsgWaitForReply(ping, answer, 30000);
     delete answer;
+    EXPECT_EQ(CountEntries("/proc/self/fd"), before + 16);  // no more messages with descriptors are kept
 }
 
 TEST_F(MsgBusLoadTest, WhatArrivesWhileTheServerStartsIsHandledAtOnce) {

@@ -2,7 +2,6 @@
 
 #include "zarip/msgbus/MsgBus.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,16 +16,6 @@
 
 namespace zarip::msgbus {
 namespace {
-
-int CountEntries(const char* folder) {
-    int count = 0;
-    DIR* const directory = ::opendir(folder);
-    while (::readdir(directory) != nullptr) {
-        ++count;
-    }
-    ::closedir(directory);
-    return count;
-}
 
 TEST_F(MsgBusTest, CarriesACallAndItsReplyBetweenConnections) {
     Service service;

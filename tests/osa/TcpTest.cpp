@@ -252,6 +252,8 @@ TEST_F(TcpPair, ReceivingTimesOutPeeksAndIsCancelledForGood) {
     EXPECT_EQ(peer.GetLocalPort(), 1024);
     EXPECT_EQ(peer.GetRemoteAddress(), "127.0.0.1");
     EXPECT_EQ(client.GetRemotePort(), server->GetLocalPort());
+    EXPECT_EQ(::fcntl(client.getHandle(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(::fcntl(peer.getHandle(), F_GETFD), FD_CLOEXEC);
 
     char buffer[16] = {};
     EXPECT_EQ(OutcomeOf([&] { client.Recv(buffer, sizeof(buffer), 0); }), kTimeout);
