@@ -153,6 +153,11 @@ TEST(CheckDescription, NamesEveryMismatch) {
          nullptr,
          {"Move"},
          "method Reset is described as () one-way and is () -> ()\n"},
+        {With("\"d\" direction=\"in\"", "\"d\" direction=\"out\""),
+         nullptr,
+         {"Move"},
+         "method Log: a one-way method returns nothing\n"
+         "method Log is described as (s) one-way and is (sd) one-way\n"},
         {With("type=\"b\"", "type=\"i\""),
          nullptr,
          {"Move"},

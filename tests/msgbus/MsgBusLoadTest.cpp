@@ -277,7 +277,9 @@ TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
     service.bus.StartServer();
     MsgBus client;
     FreezeWithFullSocket(client);
-    EXPECT_NE(ErrorOf([&] { Ask(client, kService, "Note", "late", 1); }), kNoException);
+    for (const std::size_t size : {5, 15'000'000, 15'000'000, 15'000'000, 15'000'000, 15'000'000}) {
+        EXPECT_NE(ErrorOf([&] { Ask(client, kService, "Note", string(size, 'x'), 1); }), kNoException);
+    }
     PrivateBus::Get().Thaw();
     MsgBusRemoteMethod note(kService, "Note");
     note << "marker";
