@@ -164,6 +164,8 @@ TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
     hmac.DoFinal(digest, sizeof digest);
     std::optional<SecureBuffer> derived(CryptoUtils::DeriveWeakKey("phrase", 6, vector, 16, 10, 32));
     needles.emplace_back(derived->GetData(), 24);
+    std::optional<SecureBuffer> large(SecureBuffer::kMaxLocked + 1);  // in memory that is not locked
+    std::memcpy(large->GetData() + 10'000, text->GetData(), 40);
     SecureBuffer copy(*text);
     *text = copy;
     copy = SecureBuffer(*key);
@@ -171,6 +173,7 @@ TEST(SecretsTest, NeitherKeysNorPlainTextStayBehind) {
         EXPECT_GE(needle.Count(), 1U);
     }
     copy.Shrink(1);
+    large.reset();
     text.reset();
     key.reset();
     derived.reset();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "WebClient.h"
+#include "zarip/core/StringUtil.h"
 #include "zarip/crypto/Digests.h"
 
 namespace zarip {
@@ -203,7 +204,9 @@ TEST_F(LiveViewTest, KeepsAnUploadOnlyIfItIsWhole) {
     const string right = DigestOf(body);
     EXPECT_EQ(Upload(right, "8", "otherone"), "400");
     EXPECT_EQ(files(), "|");
-    EXPECT_EQ(Upload(right, "8", body), "200");
+    string upper = right;
+    core::StringUtil::ToUpper(upper);
+    EXPECT_EQ(Upload(upper, "8", body), "200");
     EXPECT_EQ(files(), "firmware|");
     EXPECT_EQ(Upload(right, "8", "firmwarf"), "400");
     EXPECT_EQ(Upload("", "8", ""), "400");

@@ -18,6 +18,7 @@
 #include "zarip/interfaces/ISmRegistrationProvider.h"
 #include "zarip/interfaces/InterfaceServer.h"
 #include "zarip/msgbus/MsgBus.h"
+#include "zarip/osa/FileUtils.h"
 #include "zarip/osa/Semaphore.h"
 
 namespace zarip {
@@ -194,7 +195,7 @@ TEST_F(WebGatewayTest, SlowsDownGuesses) {
     const Security security;
     ASSERT_TRUE(security.isReady);
     const auto logIn = [this](const string& user, const string& address, const string& password) {
-        return Ask("POST /login", "Host: localhost\r\nX-Forwarded-For: 10.0.0.1, " + address + "\r\n",
+        return Ask("POST /login", "Host: localhost\r\nX-Forwarded-For: 10.0.0.1, ::1, " + address + "\r\n",
                    "user=" + user + "&password=" + password);
     };
     const auto isDelayed = [](const string& answer) {
@@ -297,6 +298,27 @@ TEST_F(WebGatewayTest, WaitsForNoServiceThatDoesNotAnswer) {
     security.GetProcess().Kill(SIGCONT);
     waitFor("/health", " 200 ");
     waitFor("/session", "\"user\":\"alice\"");
+}
+
+TEST_F(WebGatewayTest, CutsViewersThatTakeNothingOrMayWatchNoMore) {
+    const Security security;
+    ASSERT_TRUE(security.isReady);
+    const string alice = LogIn();
+    const string threads = "/proc/" + std::to_string(_gateway->GetProcess().GetPid()) + "/task";
+    const auto before = osa::FileUtils::List(threads).size();
+    osa::TcpSocket idle;
+    osa::TcpSocket watching;
+    idle.SetBufferSize(4'096);
+    for (osa::TcpSocket* const viewer : {&idle, &watching}) {
+        char first = 0;
+        test::Send(*viewer, _port, "GET /live HTTP/1.1\r\n" + alice + "\r\n");
+        ASSERT_EQ(viewer->Recv(&first, 1, 60), 1U);
+    }
+    EXPECT_EQ(osa::FileUtils::List(threads).size(), before + 2);
+    EXPECT_EQ(CodeOf("POST /logout", alice), 200);
+    watching.SetTimeLimit(60'000);
+    test::ReceiveAll(watching);
+    EXPECT_TRUE(test::WaitUntil([&] { return osa::FileUtils::List(threads).size() == before; }));
 }
 
 TEST(LoginDelayTest, GrowsForNamesAndAddresses) {

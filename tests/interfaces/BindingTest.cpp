@@ -157,6 +157,9 @@ TEST(CheckDescription, NamesEveryMismatchOfTheDescription) {
               "\"Reset\"><annotation name=\"org.freedesktop.DBus.Method.NoReply\" "
               "value=\"true\"/></method>"),
          "method Reset is described as () one-way and is () -> ()\n"},
+        {With("\"d\" direction=\"in\"", "\"d\" direction=\"out\""),
+         "method Log: a one-way method returns nothing\n"
+         "method Log is described as (s) one-way and is (sd) one-way\n"},
         {With("type=\"b\"", "type=\"i\""), "method Mix is described as (isi) -> (s) and is (isb) -> (s)\n"},
         {With("name=\"c\"", "name=\"b\""), "method Mix: an argument has no name of its own\n"},
         {With("name=\"b\"", ""), "method Mix: an argument has no name of its own\n"},

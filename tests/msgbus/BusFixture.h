@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -99,6 +100,17 @@ inline std::vector<std::unique_ptr<MsgBusMsg>> AskForLarge(MsgBus& client) {
         replies.emplace_back(reply);
     }
     return replies;
+}
+
+/// Counts the entries of a folder of /proc, with "." and "..".
+inline int CountEntries(const char* folder) {
+    int count = 0;
+    DIR* const directory = ::opendir(folder);
+    while (::readdir(directory) != nullptr) {
+        ++count;
+    }
+    ::closedir(directory);
+    return count;
 }
 
 class MsgBusTest : public testing::Test {

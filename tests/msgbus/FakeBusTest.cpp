@@ -2,11 +2,13 @@
 
 #include "zarip/msgbus/FakeBus.h"
 
+#include <csignal>
 #include <future>
 #include <thread>
 
 #include "msgbus/BusFixture.h"
 #include "zarip/msgbus/DescribedObject.h"
+#include "zarip/msgbus/StopSignal.h"
 
 namespace zarip::msgbus {
 namespace {
@@ -159,6 +161,21 @@ TEST(FakeBusTest, HandlersRunOneAtATimeAndSendersDoNotWaitForThem) {
     mayEnd.set_value();
     caller.join();
     EXPECT_EQ(order.Get(), (std::vector<string>{"slow", "signal"}));
+}
+
+TEST(StopSignalTest, EndsAWaitAsTheLossOfTheBusDoes) {
+    std::thread([] {
+        const StopSignal stop;  // blocks the signals of this thread
+        FakeBus bus;
+        EXPECT_FALSE(stop.Wait(bus));
+        bus.StartServer();
+        for (const int signal : {SIGINT, SIGTERM}) {
+            ::pthread_kill(::pthread_self(), signal);
+            stop.Wait();
+            ::pthread_kill(::pthread_self(), signal);
+            EXPECT_TRUE(stop.Wait(bus));
+        }
+    }).join();
 }
 
 }  // namespace

@@ -108,11 +108,19 @@ TEST_F(MsgBusLoadTest, SomebodyReadsWhileAHandlerTakesLong) {
     const string address = UniqueNameOf(client);
     Signal(service.bus, "Changed", "");
     gate.WaitForEntry();
+    const int before = CountEntries("/proc/self/fd");
+    for (int i = 0; i < 40; ++i) {
+        const MsgBusRemoteMethod call(MsgBusObjectSelector(address, kPath, kInterface), "Any");
+        const int fd = STDERR_FILENO;
+        dbus_message_append_args(call.GetDBusMessage(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        service.bus.SendMsg(call);
+    }
     // The connection itself answers this as soon as it is read.
     const MsgBusRemoteMethod ping(MsgBusObjectSelector(address, kPath, DBUS_INTERFACE_PEER), "Ping");
     MsgBusMsg* answer = nullptr;
     service.bus.SendMsgWaitForReply(ping, answer, 30000);
     delete answer;
+    EXPECT_EQ(CountEntries("/proc/self/fd"), before + 16);  // no more messages with descriptors are kept
 }
 
 TEST_F(MsgBusLoadTest, WhatArrivesWhileTheServerStartsIsHandledAtOnce) {
@@ -269,13 +277,17 @@ TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
     service.bus.StartServer();
     MsgBus client;
     FreezeWithFullSocket(client);
-    EXPECT_NE(ErrorOf([&] { Ask(client, kService, "Note", "late", 1); }), kNoException);
+    // All of these together and the marker are more than may wait.
+    const string large(15'000'000, 'x');
+    for (const string& late : {string("late"), large, large, large, large}) {
+        EXPECT_NE(ErrorOf([&] { Ask(client, kService, "Note", late, 1); }), kNoException);
+    }
     PrivateBus::Get().Thaw();
     MsgBusRemoteMethod note(kService, "Note");
-    note << "marker";
-    client.SendMsg(note);
-    EXPECT_TRUE(WaitUntil([&] { return record.Contains("marker"); }));
-    EXPECT_EQ(record.Get(), std::vector<string>{"marker"});
+    note << large + "marker";
+    EXPECT_EQ(ErrorOf([&] { client.SendMsg(note); }), kNoException);
+    EXPECT_TRUE(WaitUntil([&] { return record.Contains(large + "marker"); }));
+    EXPECT_EQ(record.Get().size(), 1U);
     service.bus.StopServer();
 }
 

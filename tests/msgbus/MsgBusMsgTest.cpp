@@ -259,6 +259,9 @@ TEST(MsgBusMsg, RepliesAnswerACallThatWasSent) {
     string text;
     *error >> text;
     EXPECT_EQ(text, "bad ?\xc3\xa9?? byte");
+    const std::unique_ptr<MsgBusMsg> cut(call.MakeErrorMsg(string(65'535, 'x') + "\xc3\xa9"));
+    *cut >> text;
+    EXPECT_EQ(text, string(65'535, 'x'));
 }
 
 TEST(MsgBusMsgArgumentDumper, ShowsArgumentsWithAndWithoutTheirTypes) {

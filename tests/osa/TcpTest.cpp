@@ -252,6 +252,8 @@ TEST_F(TcpPair, ReceivingTimesOutPeeksAndIsCancelledForGood) {
     EXPECT_EQ(peer.GetLocalPort(), 1024);
     EXPECT_EQ(peer.GetRemoteAddress(), "127.0.0.1");
     EXPECT_EQ(client.GetRemotePort(), server->GetLocalPort());
+    EXPECT_EQ(::fcntl(client.getHandle(), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(::fcntl(peer.getHandle(), F_GETFD), FD_CLOEXEC);
 
     char buffer[16] = {};
     EXPECT_EQ(OutcomeOf([&] { client.Recv(buffer, sizeof(buffer), 0); }), kTimeout);
@@ -766,7 +768,13 @@ TEST(TcpServer, HoldsConnectionsUntilTheyAreReadyAndNotLonger) {
 }
 
 TEST(TcpServer, HeldConnectionsLeaveDescriptorsToOthers) {
-    Acceptor acceptor(Echo);
+    Semaphore entered("entered", 1, 0);
+    Semaphore leave("leave", 1, 1);
+    Acceptor acceptor([&](TcpSocket& socket) {
+        entered.Release();
+        leave.Lock();
+        Echo(socket);
+    });
     TcpServer server("127.0.0.1", 0);
     server.HoldConnections(&HasLine, 10'000);
     rlimit limit{};
@@ -776,15 +784,32 @@ TEST(TcpServer, HeldConnectionsLeaveDescriptorsToOthers) {
     server.Start(&acceptor, 100);
     ::setrlimit(RLIMIT_NOFILE, &limit);
     std::vector<std::unique_ptr<TcpSocket>> clients;
-    for (int i = 0; i < 41; ++i) {
-        clients.push_back(std::make_unique<TcpSocket>());
-        clients.back()->Connect("127.0.0.1", server.GetLocalPort(), 10);
-        clients.back()->SendAll("half", 4);
-    }
+    const auto connect = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            clients.push_back(ConnectTo(server));
+            clients.back()->SendAll("half", 4);
+        }
+    };
+    const auto end = [](TcpSocket& client) {
+        client.SendAll("line\n", 5);
+        client.ShutdownSend();
+    };
+    connect(41);
     EXPECT_EQ(ReceiveAll(*clients[0]), "");  // the oldest has made room
-    clients[1]->SendAll("line\n", 5);
-    clients[1]->ShutdownSend();
+    end(*clients[1]);
     EXPECT_EQ(ReceiveAll(*clients[1]), "halfline\n");
+    entered.Lock();
+
+    // While the server is busy, more come than it holds, and then the oldest, which makes room, sends more.
+    end(*clients[3]);
+    entered.Lock();
+    connect(3);
+    clients[2]->SendAll("more", 4);
+    leave.Release();
+    EXPECT_EQ(ReceiveAll(*clients[3]), "halfline\n");
+    leave.Release();
+    end(*clients.back());
+    EXPECT_EQ(ReceiveAll(*clients.back()), "halfline\n");
 }
 
 TEST(TcpSocketStream, ReadsAndWritesLinesAndKeepsTheByte255) {

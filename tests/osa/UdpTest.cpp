@@ -172,6 +172,9 @@ TEST(UdpSocketTest, FailuresHaveTheirTextsAndCodes) {
         return FailureOf([&] { Send(socket, text, host, port); });
     };
     EXPECT_EQ(receive(0), "Timeout / 0");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(receive(1), "Timeout / 0");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(990));
     EXPECT_EQ(byte + info.remotePort, 14);
     EXPECT_EQ(make("nonsense", 0), "Invalid Address / 1");
     EXPECT_EQ(make(nullptr, 0), "Invalid Address / 1");
