@@ -29,7 +29,13 @@ constexpr std::size_t kTooLong = 33'600'000;
 
 /// Owns a name and never answers.
 struct HungService {
-    HungService() { bus.RegisterDestinationName("org.camera.hung"); }
+    HungService() {
+        bus.RegisterDestinationName("org.camera.hung");
+        bus.RegisterMessageHandler("Hang", kInterface, &hang);
+        bus.StartServer();
+    }
+    std::atomic<bool> isCalled{false};
+    FunctionHandler hang{[this](const MsgBusMsg&, IMsgBus&) { isCalled = true; }};
     MsgBus bus;
     MsgBusObjectSelector object{"org.camera.hung", kPath, kInterface};
 };
@@ -80,6 +86,7 @@ TEST_F(MsgBusLoadTest, HandlersRunAndOthersCallWhileACallWaits) {
     client.RegisterMessageHandler("Changed", kInterface, &changed);
     client.StartServer();
     auto waiting = AskInBackground(client, hung.object, "Hang", 0x7FFFFFFF);
+    EXPECT_TRUE(WaitUntil([&] { return hung.isCalled.load(); }));
     for (int i = 0; i < 20; ++i) {
         Signal(service.bus, "Changed", "s");
         EXPECT_EQ(Ask(client, kService, "Echo", "e"), "e");
@@ -367,6 +374,7 @@ TEST_F(MsgBusLoadTest, RepliesGetThroughWhateverStrangersSend) {
     // Calls are refused and not dropped.
     HungService hung;
     auto reading = AskInBackground(client, hung.object, "Hang", 0x7FFFFFFF);
+    EXPECT_TRUE(WaitUntil([&] { return hung.isCalled.load(); }));
     const MsgBusObjectSelector object(address, kPath, kInterface);
     for (int i = 0; i < 4; ++i) {
         MsgBusRemoteMethod oneWay(object, "Any");
