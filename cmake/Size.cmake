@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 
-# The sources that are compiled for size rather than for speed: they wait for a bus, a socket or a disk anyway, run once in a process,
-# or are called by tests only. Without this, the library is a sixth larger on the device.
+# The sources that are compiled for size rather than for speed: they wait for a bus, a socket or a disk anyway, run once in a
+# process, or are called by tests only. Without this, the library is a sixth larger on the device.
 file(GLOB ZARIP_SMALL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/interfaces/*.cpp
   ${PROJECT_SOURCE_DIR}/src/osa/File*.cpp ${PROJECT_SOURCE_DIR}/src/osa/Process*.cpp)
 foreach(name
