@@ -3,7 +3,7 @@
 # The packages that every build needs.
 base_packages="g++ cmake ninja-build pkg-config libdbus-1-dev libgcrypt20-dev libxml2-dev rapidjson-dev libgtest-dev libjpeg-dev dbus libglib2.0-bin openssl"
 # The programs with which the demo calls the examples.
-demo_packages="curl jq openssl tshark gupnp-tools iproute2 libglib2.0-bin"
+demo_packages="bsdutils curl jq openssl tshark gupnp-tools iproute2 libglib2.0-bin"
 # Without these packages the tests with clients of another library and with the completion of zsh are skipped.
 peer_packages="libsdbus-c++-dev libsdbus-c++-bin zsh"
 # The packages with which the demo uses the page in a browser.

@@ -96,7 +96,7 @@ constexpr FormatArgument ArgumentOf(char length, char conversion) {
     return conversion == 'p' && length == '\0' ? FormatArgument::kPointer : FormatArgument::kNone;
 }
 
-/// Skips a width or a precision. Returns false for a '*' whose argument is not an int.
+/// Skips a width or a precision. Returns false for a `*` whose argument is not an int.
 constexpr bool SkipNumber(const char*& format, const FormatArgument*& next) {
     if (*format == '*') {
         ++format;

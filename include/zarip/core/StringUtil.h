@@ -55,7 +55,7 @@ public:
     /// is lost.
     static void UrlDecode(std::string& text);
 
-    /// Returns whether the string matches a pattern of shell wildcards. '*' matches any characters and '?'
+    /// Returns whether the string matches a pattern of shell wildcards. `*` matches any characters and `?`
     /// one character, including '/' and a leading '.'. "[a-z]" matches one character of a class.
     static bool MatchesPattern(const std::string& pattern, const std::string& text);
 

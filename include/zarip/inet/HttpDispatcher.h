@@ -25,8 +25,8 @@ public:
     HttpDispatcher& operator=(const HttpDispatcher&) = delete;
     ~HttpDispatcher();
 
-    /// Registers a handler for the paths that match a pattern of shell wildcards, in which '*' and '?' also
-    /// match '/'. If the pattern is already registered, the new handler replaces the old one. The handler is
+    /// Registers a handler for the paths that match a pattern of shell wildcards, in which `*` and `?` also
+    /// match `/`. If the pattern is already registered, the new handler replaces the old one. The handler is
     /// *not owned*.
     ///
     /// Deliberate: longer patterns are tried first, and patterns of equal length in the order of their bytes.
