@@ -73,9 +73,9 @@ TEST(JsonUtilsTest, AnArrayOfStringsBecomesAVectorOrNothing) {
 }
 
 void ExpectRefused(const std::vector<std::pair<std::string, std::string>>& rows) {
-    for (const auto& [text, error] : rows) {
-        EXPECT_EQ(ErrorOf([text = text] { JsonUtils::Parse(text); }), "invalid JSON: " + error)
-            << text.substr(0, 20);
+    for (const auto& row : rows) {
+        EXPECT_EQ(ErrorOf([&] { JsonUtils::Parse(row.first); }), "invalid JSON: " + row.second)
+            << row.first.substr(0, 20);
     }
 }
 
