@@ -38,7 +38,7 @@ public:
 
     /// If the condition is false, prints the message, and the row fails at its end.
     void Expect(bool holds, const char* format, ...) __attribute__((format(printf, 3, 4)));
-    /// Expects the descriptors and threads of `before`, at once or within two seconds.
+    /// Expects the descriptors of `before` and no more threads, at once or within 20 seconds.
     void ExpectNothingLeft(const Usage& before);
     /// Adds a figure to the row's line in the table.
     void Figure(const char* format, ...) __attribute__((format(printf, 2, 3)));
