@@ -70,7 +70,8 @@ inline void Signal(IMsgBus& bus, const char* member, const string& text) {
     bus.SendMsg(signal);
 }
 
-/// A connection that owns the service's name; handlers are registered before it is started.
+/// A connection that owns the service's name. Handlers are made before it, so that they outlive it, and are
+/// registered before it is started.
 struct Service {
     Service() { bus.RegisterDestinationName(kName); }
     void Handle(const char* member, IMessageHandler& handler) {

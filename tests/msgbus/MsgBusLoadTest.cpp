@@ -277,9 +277,9 @@ TEST_F(MsgBusLoadTest, OnAStoppedBusEverythingEndsAndMemoryIsBounded) {
 }
 
 TEST_F(MsgBusLoadTest, ACallThatTimedOutBeforeItWasSentIsNotSentLater) {
-    Service service;
     Record record;
     FunctionHandler noting = record.Handler(IMessageHandler::kMethodCalls);
+    Service service;
     service.Handle("Note", noting);
     service.bus.StartServer();
     MsgBus client;
@@ -394,10 +394,10 @@ TEST_F(MsgBusLoadTest, RepliesGetThroughWhateverStrangersSend) {
 }
 
 TEST_F(MsgBusLoadTest, NoCallEndsAService) {
-    Service service;
     FunctionHandler throwing = Answering([](const string&) -> string {
         throw osa::Exception("%s", ("\xc3\xa4" + string(40'000'000, '\x7f')).c_str());
     });
+    Service service;
     service.Handle("Throw", throwing);
     service.bus.StartServer();
     MsgBus client;

@@ -18,8 +18,8 @@ namespace zarip::msgbus {
 namespace {
 
 TEST_F(MsgBusTest, CarriesACallAndItsReplyBetweenConnections) {
-    Service service;
     FunctionHandler echo = Answering([](const string& text) { return "<" + text + ">"; });
+    Service service;
     service.Handle("Echo", echo);
     EXPECT_FALSE(service.bus.IsRunning());
     service.bus.StartServer();
@@ -37,12 +37,12 @@ TEST_F(MsgBusTest, CarriesACallAndItsReplyBetweenConnections) {
 
 TEST_F(MsgBusTest, WhatAServiceDoesNotTakeComesBackAsAnErrorAtOnce) {
     test::LogCapture log(core::Logger::kError);
-    Service service;
     FunctionHandler echo = Answering([](const string& text) { return text; });
     FunctionHandler failing =
         Answering([](const string&) -> string { throw std::runtime_error("100%s broken"); });
     FunctionHandler odd = Answering([](const string&) -> string { throw 7; });
     FunctionHandler foul = Answering([](const string&) -> string { throw osa::Exception("%s", "\xff"); });
+    Service service;
     service.Handle("Echo", echo);
     service.Handle("Failing", failing);
     service.Handle("Odd", odd);
@@ -153,8 +153,8 @@ TEST_F(MsgBusTest, ASignalReachesEveryHandlerOfEveryConnectionAndNoHandlerOfCall
 }
 
 TEST_F(MsgBusTest, AHandlerMayCallOnItsOwnConnection) {
-    Service service;
     FunctionHandler echo = Answering([](const string& text) { return text; });
+    Service service;
     service.Handle("Echo", echo);
     service.bus.StartServer();
 
@@ -259,10 +259,10 @@ TEST_F(MsgBusTest, LargeMessagesThatNobodyTakesDoNotKeepRepliesAway) {
 }
 
 TEST_F(MsgBusTest, ReadingGoesOnOnceLargeRepliesAreGone) {
-    Service service;
     Record record;
     FunctionHandler large = Answering([](const string&) { return string(30 * 1024 * 1024, 'x'); });
     FunctionHandler handler = record.Handler();
+    Service service;
     service.Handle("Large", large);
     service.bus.StartServer();
     for (const bool listens : {false, true}) {
@@ -284,7 +284,6 @@ TEST_F(MsgBusTest, ReadingGoesOnOnceLargeRepliesAreGone) {
 }
 
 TEST_F(MsgBusTest, OneWayCallsAreNotAnsweredAndNeverFillTheBusWithPendingReplies) {
-    Service service;
     std::atomic<int> calls{0};
     std::atomic<bool> expecting{false};
     FunctionHandler count([&](const MsgBusMsg& message, IMsgBus&) {
@@ -293,6 +292,7 @@ TEST_F(MsgBusTest, OneWayCallsAreNotAnsweredAndNeverFillTheBusWithPendingReplies
         throw osa::Exception("nobody wants to know");
     });
     FunctionHandler echo = Answering([](const string& text) { return text; });
+    Service service;
     service.Handle("Count", count);
     service.Handle("Echo", echo);
     service.bus.StartServer();
@@ -315,7 +315,6 @@ TEST_F(MsgBusTest, OneWayCallsAreNotAnsweredAndNeverFillTheBusWithPendingReplies
 }
 
 TEST_F(MsgBusTest, AHandlerMayPassItsCallOnAndStillAnswers) {
-    Service service;
     std::atomic<int> passedOn{0};
     FunctionHandler relay = FunctionHandler([&](const MsgBusMsg& call, IMsgBus& bus) {
         if (!call.IsExpectingResponse()) {
@@ -328,6 +327,7 @@ TEST_F(MsgBusTest, AHandlerMayPassItsCallOnAndStillAnswers) {
         *reply << "done";
         bus.SendReply(*reply);
     });
+    Service service;
     service.Handle("Relay", relay);
     service.bus.StartServer();
     MsgBus client;
@@ -336,7 +336,6 @@ TEST_F(MsgBusTest, AHandlerMayPassItsCallOnAndStillAnswers) {
 }
 
 TEST_F(MsgBusTest, OneWayMessagesDoNotWaitForACallOfAnotherThread) {
-    Service service;
     Record record;
     osa::Semaphore entered("entered", 1, 0);
     osa::Semaphore release("release", 1, 0);
@@ -346,6 +345,7 @@ TEST_F(MsgBusTest, OneWayMessagesDoNotWaitForACallOfAnotherThread) {
         return text;
     });
     FunctionHandler changed = record.Handler();
+    Service service;
     service.Handle("Slow", slow);
     service.bus.StartServer();
     MsgBus receiver;
@@ -369,9 +369,9 @@ TEST_F(MsgBusTest, OneWayMessagesDoNotWaitForACallOfAnotherThread) {
 }
 
 TEST_F(MsgBusTest, RefusesWhatWouldCostTheConnection) {
-    Service service;
     FunctionHandler echo = Answering([](const string& text) { return text; });
     FunctionHandler huge = Answering([](const string&) { return string(40 * 1024 * 1024, 'x'); });
+    Service service;
     service.Handle("Echo", echo);
     service.Handle("Huge", huge);
     service.bus.StartServer();
@@ -417,7 +417,6 @@ TEST_F(MsgBusTest, AFrozenBusNeitherHangsNorFillsASender) {
 }
 
 TEST_F(MsgBusTest, UnregisteringWaitsForARunningCallOfTheHandler) {
-    Service service;
     osa::Semaphore entered("entered", 1, 0);
     osa::Semaphore release("release", 1, 0);
     std::atomic<bool> running{false};
@@ -428,6 +427,7 @@ TEST_F(MsgBusTest, UnregisteringWaitsForARunningCallOfTheHandler) {
         running = false;
         return text;
     });
+    Service service;
     service.Handle("Slow", slow);
     service.bus.StartServer();
     MsgBus client;
@@ -513,10 +513,10 @@ TEST_F(MsgBusTest, RulesThatTheBusRefusesAreLogged) {
 }
 
 TEST_F(MsgBusTest, ManyThreadsShareAConnection) {
-    Service service;
     std::atomic<int> signals{0};
     FunctionHandler echo = Answering([](const string& text) { return text; });
     FunctionHandler changed([&](const MsgBusMsg&, IMsgBus&) { ++signals; });
+    Service service;
     service.Handle("Echo", echo);
     service.Handle("Changed", changed);
     service.bus.StartServer();
