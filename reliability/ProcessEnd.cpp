@@ -132,7 +132,9 @@ private:
 
 ROW(ProcessEnd,
     "A process ends with exit code 0 while buses, a web server, a timer, a pool and a datagram server are "
-    "alive, leaked, owned by an object of the process, ended from a task, or after the shutdown of logging",
+    "alive: if they are leaked or owned by a static object, if a task ends the process, and after the "
+    "shutdown "
+    "of logging",
     60) {
     const int count = run.Count(1'000, 60);
     Starter starter(count);

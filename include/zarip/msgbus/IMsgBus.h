@@ -20,9 +20,9 @@ class MsgBusMsg;
 /// directions.
 ///
 /// If the bus is slower than the program and more than 1 MiB waits to be sent, a sender waits for at most 100
-/// ms. Messages are refused only if 64 MiB wait and the bus has accepted nothing for 100 ms. The 64 MiB are
-/// counted in memory, where each message takes about 640 bytes more than its arguments. Sending succeeds
-/// again as soon as the bus reads.
+/// ms. Messages are refused only if 64 MiB or 100,000 messages wait and the bus has accepted nothing for 100
+/// ms. The 64 MiB are counted in memory, where each message takes about 640 bytes more than its arguments.
+/// Sending succeeds again as soon as the bus reads.
 ///
 /// Register handlers first and call `StartServer` last: calls that arrive before their handler is registered
 /// get the error "UnknownMethod".
@@ -37,8 +37,8 @@ public:
     virtual ~IMsgBus() = default;
 
     /// Sends a signal, or a method call without waiting for a reply. Throws "dbus_connection_send failed" if
-    /// the bus is lost, or if 64 MiB wait to be sent and the bus accepts nothing. Also throws it for messages
-    /// for which the bus would close the connection: messages above 32 MiB, without path or member, or with
+    /// the bus is lost, or if the queue is full and the bus accepts nothing. Also throws it for messages for
+    /// which the bus would close the connection: messages above 32 MiB, without path or member, or with
     /// libdbus's local path or interface, and replies that were received.
     virtual void SendMsg(const MsgBusMsg& message) = 0;
 
@@ -50,7 +50,7 @@ public:
     virtual void SendMsgWaitForReply(const MsgBusMsg& message, MsgBusMsg*& reply, int timeoutMs) = 0;
 
     /// Sends a reply that `MakeReplyMsg` or `MakeErrorMsg` has made. Does nothing if the bus is lost, and
-    /// logs an error if 64 MiB wait to be sent and the bus accepts nothing. Throws "dbus_connection_send
+    /// logs an error if the queue is full and the bus accepts nothing. Throws "dbus_connection_send
     /// failed" for a message that is not a reply, that was sent or received before, or that is larger than 32
     /// MiB.
     virtual void SendReply(const MsgBusMsg& message) = 0;
