@@ -7,13 +7,12 @@ file(GLOB ZARIP_SMALL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/interf
 foreach(name
     core/AsyncCall core/CompositeAppender core/JsonCheck core/JsonUtils core/LogRotate core/Logger core/Profiler
     core/Statistics crypto/AuthenticatedCipher crypto/CryptoUtils crypto/Der crypto/Hmac crypto/KeyFactory
-    crypto/KeyFile crypto/Pem crypto/Pkcs8 crypto/RsaKeys inet/HttpDispatcher inet/HttpServer inet/HttpThreads
-    inet/UpnpRequest inet/UpnpResponse inet/Url msgbus/BusDaemon msgbus/DescribedObjects msgbus/FakeBus
-    msgbus/MsgBusMsgArgumentDumper osa/CaptureControl osa/DateTime osa/HeldConnections osa/Listener
-    osa/MulticastServer osa/NetworkUtils osa/PacketCapture osa/PathUtils osa/PipeStream osa/SocketAddress
-    osa/TcpServer osa/TcpSocket osa/TcpSocketStream osa/Thread osa/Timer osa/UdpServer osa/UdpSocket
-    stl/DelimitedStreamBuf xml/XmlDocument xml/XmlElement xml/XmlEncoding xml/XmlText xml/XmlWriter
-    xml/XmlXPathExpression)
+    crypto/KeyFile crypto/Pem crypto/Pkcs8 crypto/RsaKeys inet/HttpDispatcher inet/HttpLoop inet/HttpServer
+    inet/HttpThreads inet/UpnpRequest inet/UpnpResponse inet/Url msgbus/BusDaemon msgbus/DescribedObjects
+    msgbus/FakeBus msgbus/MsgBusMsgArgumentDumper osa/CaptureControl osa/DateTime osa/HeldConnections osa/Listener
+    osa/MulticastServer osa/NetworkUtils osa/PacketCapture osa/PathUtils osa/SocketAddress osa/TcpServer osa/TcpSocket
+    osa/Thread osa/Timer osa/UdpServer osa/UdpSocket stl/DelimitedStreamBuf xml/XmlDocument xml/XmlElement
+    xml/XmlEncoding xml/XmlText xml/XmlWriter xml/XmlXPathExpression)
   list(APPEND ZARIP_SMALL_SOURCES ${PROJECT_SOURCE_DIR}/src/${name}.cpp)
 endforeach()
 set_source_files_properties(${ZARIP_SMALL_SOURCES} PROPERTIES COMPILE_OPTIONS -Os)
