@@ -4,7 +4,7 @@
 //
 //   registration-service FILE CAMERA SECONDS
 //
-// ForceRegister takes the manager: HOST:PORT with a numeric address, or the name of a stream socket below
+// ForceRegister takes the manager: ADDRESS:PORT with a numeric address, or the name of a stream socket below
 // /tmp/sockets. The service connects, sends the line "register CAMERA" and is registered when the manager
 // sends that line back. From then on it does the same with "sync CAMERA" every SECONDS. An echo-service can
 // be the manager. ResetSecurity forgets the manager. After ResetSynced the camera is not synchronised until
@@ -118,7 +118,7 @@ public:
     void ForceRegister(const std::string& manager) override {
         Address ignored;
         if (!Parse(manager, ignored)) {
-            throw zarip::osa::Exception("the address of the manager is not HOST:PORT");
+            throw zarip::osa::Exception("the manager is neither ADDRESS:PORT nor the name of a socket");
         }
         Begin({manager, false, false});
         // A conversation that waits for its turn is with the newest manager, so one is enough.
